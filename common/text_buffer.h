@@ -1,0 +1,119 @@
+// TextBuffer: the growing character buffer in which a symbol file's text is made.
+//
+// One conversion fills one buffer; the text is handed on as a view and is never copied. Growth uses
+// realloc, which for large blocks remaps pages instead of copying them, so that the peak of memory
+// is the text itself.
+//
+// Writers of lines reserve once for a whole line and then append without checks:
+//
+//   LineWriter line(text, name.size() + 40);
+//   line.str("FUNC ").hex(segment).chr(':').hex(offset).chr(' ').str(name).chr('\n');
+//
+// (the LineWriter commits what was written when it is destroyed).
+
+#pragma once
+
+#include <cassert>
+#include <charconv>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <string_view>
+
+class TextBuffer {
+ public:
+  TextBuffer() = default;
+  ~TextBuffer();
+  TextBuffer(TextBuffer&& other) noexcept;
+  TextBuffer& operator=(TextBuffer&& other) noexcept;
+  TextBuffer(const TextBuffer&) = delete;
+  TextBuffer& operator=(const TextBuffer&) = delete;
+
+  // The text so far. The byte behind it is NUL whenever the text was reached through c_str();
+  // view() alone does not place it.
+  std::string_view view() const { return {data_, size_}; }
+  size_t size() const { return size_; }
+  bool empty() const { return size_ == 0; }
+
+  // The text as a NUL-terminated string. Valid until the next append.
+  const char* c_str();
+
+  // The text as a writable, NUL-terminated block of size() bytes and the terminator; valid until
+  // the next append. For parsers that split their input in place.
+  char* data();
+
+  void append(std::string_view text) {
+    char* to = prepare(text.size());
+    if (!text.empty()) std::memcpy(to, text.data(), text.size());
+    size_ += text.size();
+  }
+
+  // Cuts the text back to `size` bytes, which must not be more than there are.
+  void truncate(size_t size) {
+    assert(size <= size_);
+    size_ = size;
+  }
+
+  // Room for `bytes` more, without making them part of the text. The pointer is valid until the
+  // next call that grows the buffer. Throws std::bad_alloc.
+  char* prepare(size_t bytes) {
+    if (capacity_ - size_ < bytes) grow(bytes);
+    return data_ + size_;
+  }
+
+  // Makes the first `bytes` bytes behind the text, written through prepare(), part of it.
+  void commit(size_t bytes) {
+    assert(bytes <= capacity_ - size_);
+    size_ += bytes;
+  }
+
+ private:
+  void grow(size_t bytes);
+
+  char* data_ = nullptr;
+  size_t size_ = 0;
+  size_t capacity_ = 0;
+};
+
+// Writes one line, or one short record, into a TextBuffer. `room` is an upper bound of the bytes
+// that will be written: a number takes at most 20, so callers count 20 a number and the length of
+// each text. The bound is asserted when the writer is destroyed, so a wrong bound shows in the
+// first test.
+class LineWriter {
+ public:
+  LineWriter(TextBuffer& text, size_t room)
+      : text_(text), begin_(text.prepare(room)), at_(begin_), end_(begin_ + room) {}
+  ~LineWriter() { text_.commit(static_cast<size_t>(at_ - begin_)); }
+  LineWriter(const LineWriter&) = delete;
+  LineWriter& operator=(const LineWriter&) = delete;
+
+  LineWriter& chr(char c) {
+    assert(at_ < end_);
+    *at_++ = c;
+    return *this;
+  }
+  LineWriter& str(std::string_view text) {
+    assert(text.size() <= static_cast<size_t>(end_ - at_));
+    if (!text.empty()) std::memcpy(at_, text.data(), text.size());
+    at_ += text.size();
+    return *this;
+  }
+  // Lower-case hexadecimal without prefix or padding.
+  LineWriter& hex(uint64_t number) { return number_in_base(number, 16); }
+  LineWriter& dec(uint64_t number) { return number_in_base(number, 10); }
+  LineWriter& dec_signed(int64_t number) { return number_in_base(number, 10); }
+
+ private:
+  template <typename Number>
+  LineWriter& number_in_base(Number number, int base) {
+    const std::to_chars_result result = std::to_chars(at_, end_, number, base);
+    assert(result.ec == std::errc());
+    at_ = result.ptr;
+    return *this;
+  }
+
+  TextBuffer& text_;
+  char* begin_;
+  char* at_;
+  char* end_;
+};

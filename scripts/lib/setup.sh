@@ -1,0 +1,27 @@
+# Sourced by the scripts beside it: installs Debian packages that are missing.
+
+# need PACKAGE...: when something is missing, root installs it; anybody else is told what to install.
+need() {
+  local missing=() package
+  for package in "$@"; do
+    dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' || missing+=("$package")
+  done
+  [ ${#missing[@]} -eq 0 ] && return 0
+  if [ "$(id -u)" -ne 0 ]; then
+    echo "Missing Debian packages. As root: apt-get install -y ${missing[*]}" >&2
+    exit 1
+  fi
+  echo "Installing: ${missing[*]}" >&2
+  export DEBIAN_FRONTEND=noninteractive
+  apt-get update -qq >&2
+  apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+}
+
+BUILD_PACKAGES=(g++ cmake ninja-build libc6-dev)
+TEST_PACKAGES=(libgtest-dev libgmock-dev)
+
+# build PRESET: configures (once) and builds build/PRESET. Quiet unless it fails.
+build() {
+  [ -f "build/$1/build.ninja" ] || cmake --preset "$1" >/dev/null
+  cmake --build --preset "$1" -- --quiet
+}
