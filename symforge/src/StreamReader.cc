@@ -1,0 +1,139 @@
+#include "symforge/src/StreamReader.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <new>
+
+namespace google_breakpad {
+
+namespace {
+
+constexpr char kOutsideOfPages[] = "Requesting offset outside of page range";
+
+// Reserves zeroed bytes for file and guard, then lays the file over their front: what the file does
+// not cover stays zero, wherever its last byte lies in a page of the machine's.
+void* mapWithGuard(int fd, size_t length) {
+  const size_t reserved = length + MMapWrapper::kGuardBytes;
+  void* base =
+      mmap(nullptr, reserved, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  if (base == MAP_FAILED) return nullptr;
+  if (mmap(base, length, PROT_READ, MAP_PRIVATE | MAP_FIXED, fd, 0) == MAP_FAILED) {
+    munmap(base, reserved);
+    return nullptr;
+  }
+  return base;
+}
+
+}  // namespace
+
+bool MMapWrapper::Map(const char* path) {
+  const int fd = open(path, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  struct stat status;
+  void* base = nullptr;
+  // A mapping of no bytes is refused by the system; so is one of a folder.
+  if (fstat(fd, &status) == 0 && status.st_size > 0) {
+    m_length = static_cast<size_t>(status.st_size);
+    base = mapWithGuard(fd, m_length);
+  }
+  close(fd);
+  m_base = static_cast<const uint8_t*>(base);
+  return m_base != nullptr;
+}
+
+void MMapWrapper::Unmap() {
+  if (m_base == nullptr) return;
+  munmap(const_cast<uint8_t*>(m_base), m_length + kGuardBytes);
+  m_base = nullptr;
+}
+
+// File positions are 32-bit products here: they wrap in files above 4 GiB, and the assertion is
+// what ends the process when a run then ends before it begins.
+void StreamReader::seekToOtherRun(uint32_t offset) {
+  const std::vector<uint32_t>& pages = m_stream.pageIndices;
+  const uint32_t pageSize = m_file.pageSize;
+  const uint32_t page = offset / pageSize;
+  const uint32_t inner = offset % pageSize;
+  if (page >= pages.size()) throw pdb_recoverable_exception(kOutsideOfPages);
+  const uint32_t position = pageSize * pages[page];
+  if (position >= m_file.length) throw pdb_recoverable_exception(kOutsideOfPages);
+
+  // The run ends before the first page that is not adjacent, or that the file does not hold.
+  size_t last = page;
+  uint64_t next = uint64_t{position} + pageSize;
+  while (last + 1 < pages.size() && pages[last + 1] == pages[last] + 1 && next < m_file.length) {
+    ++last;
+    next += pageSize;
+  }
+  const uint32_t lastPosition = pageSize * pages[last];
+  const uint64_t end = uint64_t{lastPosition} + pageSize;
+  if (end > m_file.length + MMapWrapper::kGuardBytes)
+    throw pdb_recoverable_exception(kOutsideOfPages);
+
+  m_runData = m_file.base + position;
+  m_runStart = offset - inner;
+  m_data = m_runData + inner;
+  m_offset = offset;
+  m_seqPageEnd = m_file.base + end;
+  assert(m_seqPageEnd > m_data);
+  m_runBytes = static_cast<uint64_t>(m_seqPageEnd - m_runData);
+}
+
+void* StreamReader::readAcrossRuns(uint32_t size) {
+  // Judged before any memory is asked for: a damaged count must not cost gigabytes. A copy that
+  // ends exactly with the last page fails as well, as each copied piece ends with a seek.
+  const uint64_t inPages = uint64_t{m_file.pageSize} * m_stream.pageIndices.size();
+  if (uint64_t{m_offset} + size >= inPages) throw pdb_recoverable_exception(kOutsideOfPages);
+  uint8_t* copy = static_cast<uint8_t*>(std::malloc(size_t{size} + kCopySlack));
+  if (copy == nullptr) throw std::bad_alloc();
+  DataPtr<uint8_t> owner(copy, true);  // releases the block when a seek throws
+  copyAcrossRuns(copy, size);
+  std::memset(copy + size, 0, kCopySlack);
+  owner.isAllocated = false;
+  return copy;
+}
+
+void StreamReader::copyAcrossRuns(uint8_t* to, uint32_t size) {
+  while (size != 0) {
+    if (available() == 0) seekToOtherRun(m_offset);
+    const uint32_t piece = available() > size ? size : static_cast<uint32_t>(available());
+    std::memcpy(to, m_data, piece);
+    to += piece;
+    size -= piece;
+    seek(m_offset + piece);
+  }
+}
+
+DataPtr<char> StreamReader::readString() { return read<char>(measureString()); }
+
+// Length of the string at the position, its terminator included; the reader stays where it is.
+uint32_t StreamReader::measureString() {
+  const uint32_t start = m_offset;
+  const uint8_t* p = m_data;
+  uint32_t length = 0;
+  for (;;) {
+    const size_t left = static_cast<size_t>(m_seqPageEnd - p);
+    const void* nul = std::memchr(p, '\0', left);
+    if (nul != nullptr) {
+      length += static_cast<uint32_t>(static_cast<const uint8_t*>(nul) - p) + 1;
+      break;
+    }
+    length += static_cast<uint32_t>(left);
+    // Land one past the first byte of the next run and look at that byte from behind. The offset is
+    // the live one: from the second crossing on this lands too far, and readers of old files know
+    // the result.
+    seek(length + m_offset + 1);
+    length += 1;
+    p = m_data;
+    if (p == m_file.base) throw pdb_recoverable_exception(kOutsideOfPages);
+    if (p[-1] == '\0') break;
+  }
+  if (m_offset != start) seek(start);
+  return length;
+}
+
+}  // namespace google_breakpad

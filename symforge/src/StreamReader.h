@@ -1,0 +1,190 @@
+// Reading an MSF file: the mapping, a stream's page list, a cursor over one stream, and the handle
+// to what a read returns. Every read of a PDB goes through here.
+//
+// An MSF file is cut into pages; a stream is a list of page numbers that need not be adjacent. A
+// read returns a pointer into the mapping as long as the bytes lie in physically consecutive pages
+// (a run), and a heap copy that the returned handle owns when they do not. A reader knows no other
+// limit than the end of its stream's last page: the declared size of a stream is for its callers to
+// compare with.
+//
+// Nothing outside the mapping is ever read. Page numbers are judged against the file when a seek
+// leaves the current run; the mapping is followed by zeroed guard bytes, so that what runs off a
+// damaged file's end (a string without its terminator, a number cut short) finds zeros.
+//
+// Not for use by several threads at once; readers of one file are independent of each other.
+
+#pragma once
+
+#include <cassert>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
+namespace google_breakpad {
+
+// A file that cannot be converted. The text is what the user is shown.
+class pdb_exception : public std::runtime_error {
+ public:
+  explicit pdb_exception(const char* message) : std::runtime_error(message) {}
+};
+
+// A read ran off a stream's pages. While a module's lines and inline data are read, only that
+// module's data is lost; everywhere else this is a pdb_exception like any other.
+class pdb_recoverable_exception : public pdb_exception {
+ public:
+  explicit pdb_recoverable_exception(const char* message) : pdb_exception(message) {}
+};
+
+// A read-only private mapping of a whole file with kGuardBytes zeroed bytes behind it.
+class MMapWrapper {
+ public:
+  // Bytes behind the file's last that are readable and zero.
+  static constexpr size_t kGuardBytes = 64 * 1024;
+
+  MMapWrapper() = default;
+  ~MMapWrapper() { Unmap(); }
+  MMapWrapper(const MMapWrapper&) = delete;
+  MMapWrapper& operator=(const MMapWrapper&) = delete;
+
+  // Maps the file. False when it cannot be opened or mapped; an empty file is one such. To be
+  // called once.
+  bool Map(const char* path);
+  void Unmap();
+
+  bool Valid() const { return m_base != nullptr; }
+  const uint8_t* base() const { return m_base; }
+  size_t length() const { return m_length; }  // bytes of the file, without the guard
+
+ private:
+  size_t m_length = 0;
+  const uint8_t* m_base = nullptr;
+};
+
+// What a reader needs to know of the file: its first byte, its length and its page size, both in
+// bytes.
+struct MsfFile {
+  const uint8_t* base = nullptr;
+  size_t length = 0;
+  uint32_t pageSize = 0;
+};
+
+// One stream: its length in bytes and the file page number of each of its pages, in stream order.
+struct StreamPair {
+  explicit StreamPair(uint32_t bytes) : size(bytes) {}
+
+  uint32_t size;
+  std::vector<uint32_t> pageIndices;
+};
+
+// The handle of a read: a pointer into the mapping, or a heap block from malloc that the handle
+// owns. Handles that do not own stay valid as long as the mapping, so they may be kept in tables.
+template <typename T>
+class DataPtr {
+ public:
+  DataPtr() = default;
+  DataPtr(const void* bytes, bool allocated)
+      : data(static_cast<const T*>(bytes)), isAllocated(allocated) {}
+  ~DataPtr() {
+    if (isAllocated) std::free(const_cast<void*>(static_cast<const void*>(data)));
+  }
+  DataPtr(DataPtr&& other) noexcept { swap(other); }
+  DataPtr& operator=(DataPtr&& other) noexcept {
+    swap(other);
+    return *this;
+  }
+  DataPtr(const DataPtr&) = delete;
+  DataPtr& operator=(const DataPtr&) = delete;
+
+  const T* operator->() const { return data; }
+  const T& operator*() const { return *data; }
+
+  const T* data = nullptr;
+  bool isAllocated = false;
+
+ private:
+  void swap(DataPtr& other) noexcept {
+    std::swap(data, other.data);
+    std::swap(isAllocated, other.isAllocated);
+  }
+};
+
+// A cursor over one stream. `stream` and `file` must outlive it.
+class StreamReader {
+ public:
+  // Bytes of zeros behind every heap copy, so that decoders may look a little past a record.
+  static constexpr size_t kCopySlack = 16;
+
+  // Throws pdb_recoverable_exception when the stream has no page at `offset`; so always on an empty
+  // one.
+  StreamReader(const StreamPair& stream, const MsfFile& file, uint32_t offset = 0)
+      : m_stream(stream), m_file(file) {
+    seek(offset);
+  }
+
+  // Moves to `offset` bytes from the stream's start. Throws pdb_recoverable_exception, and stays
+  // where it is, when the stream has no such page or the page lies outside the file.
+  void seek(uint32_t offset) {
+    const uint32_t inRun = offset - m_runStart;
+    if (inRun < m_runBytes) {
+      m_data = m_runData + inRun;
+      m_offset = offset;
+    } else {
+      seekToOtherRun(offset);
+    }
+  }
+
+  // Takes `size` bytes, whatever T is; 0 stands for sizeof(T). Throws pdb_recoverable_exception
+  // when they run off the stream's pages, and also when a read that had to be copied ends exactly
+  // with the last page.
+  template <typename T>
+  DataPtr<T> read(uint32_t size = 0) {
+    if (size == 0) size = sizeof(T);
+    if (size > available()) return DataPtr<T>(readAcrossRuns(size), true);
+    const uint8_t* at = m_data;
+    m_data += size;
+    m_offset += size;
+    return DataPtr<T>(at, false);
+  }
+
+  // Takes a NUL-terminated string with its terminator. Throws like read.
+  DataPtr<char> readString();
+
+  // Moves forward to the next multiple of `alignment` (a power of two) of the stream offset.
+  void align(uint32_t alignment) {
+    const uint32_t past = m_offset & (alignment - 1);
+    if (past != 0) seek(m_offset + alignment - past);
+  }
+
+  // Whether the stream has a page for `offset`; the stream's size is not looked at.
+  bool isValidOffset(uint32_t offset) const {
+    return offset / m_file.pageSize < m_stream.pageIndices.size();
+  }
+
+  uint32_t getOffset() const { return m_offset; }
+  const uint8_t* getData() const { return m_data; }
+
+  // Bytes from the position to the end of the run of consecutive pages.
+  size_t available() const { return static_cast<size_t>(m_seqPageEnd - m_data); }
+
+ private:
+  void seekToOtherRun(uint32_t offset);
+  void* readAcrossRuns(uint32_t size);
+  void copyAcrossRuns(uint8_t* to, uint32_t size);
+  uint32_t measureString();
+
+  const StreamPair& m_stream;
+  const MsfFile& m_file;
+  const uint8_t* m_data = nullptr;        // at the position
+  const uint8_t* m_seqPageEnd = nullptr;  // one past the run
+  uint32_t m_offset = 0;                  // position in the stream
+  // The run, from the page on that the last seek out of a run landed in: bytes, address, stream
+  // offset. As its pages are contiguous in the file, a seek inside it is one addition.
+  uint64_t m_runBytes = 0;
+  const uint8_t* m_runData = nullptr;
+  uint32_t m_runStart = 0;
+};
+
+}  // namespace google_breakpad
