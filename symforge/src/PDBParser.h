@@ -120,8 +120,8 @@ using ModuleReadCB = std::function<void(StreamReader& reader, int32_t sig, uint3
 
 class PDBParser {
  public:
-  // do_inline: whether inline sites are resolved and printed.
-  explicit PDBParser(bool do_inline) : do_inline(do_inline) {}
+  // with_inlines: whether inline sites are resolved and printed.
+  explicit PDBParser(bool with_inlines) : do_inline(with_inlines) {}
   ~PDBParser() { close(); }
   PDBParser(const PDBParser&) = delete;
   PDBParser& operator=(const PDBParser&) = delete;
