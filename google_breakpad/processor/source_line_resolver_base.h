@@ -1,0 +1,77 @@
+// SourceLineResolverBase: keeps the loaded modules and routes each lookup to its module.
+
+#pragma once
+
+#include <cstddef>
+#include <map>
+#include <set>
+#include <string>
+
+#include "google_breakpad/processor/source_line_resolver_interface.h"
+
+namespace google_breakpad {
+
+class ModuleFactory;
+
+class SourceLineResolverBase : public SourceLineResolverInterface {
+ public:
+  // Symbols of one code module, and the records in them. Their definitions are internal to the
+  // library: a host meets them only by name.
+  class Module;
+  struct Line;
+  struct Function;
+  struct InlineFunction;
+  struct PublicSymbol;
+
+  // Reads a whole file, whatever it holds, into a new array with one NUL behind its contents, which
+  // the caller deletes (array delete). The size counts that NUL. Marks the file as used: its access
+  // time becomes now. False, with a line in the log, if the file cannot be read; files of 2 GiB and
+  // more cannot.
+  static bool ReadSymbolFile(const std::string& map_file, char** symbol_data,
+                             size_t* symbol_data_size);
+
+  ~SourceLineResolverBase() override;
+  SourceLineResolverBase(const SourceLineResolverBase&) = delete;
+  SourceLineResolverBase& operator=(const SourceLineResolverBase&) = delete;
+
+  bool LoadModule(const CodeModule* module, const std::string& map_file) override;
+  bool LoadModuleUsingMapBuffer(const CodeModule* module, const std::string& map_buffer) override;
+  bool LoadModuleUsingMemoryBuffer(const CodeModule* module, char* memory_buffer,
+                                   size_t memory_buffer_size) override;
+  // True: the buffers of LoadModule and LoadModuleUsingMapBuffer are released after the load.
+  bool ShouldDeleteMemoryBufferAfterLoadModule() override;
+  void UnloadModule(const CodeModule* module) override;
+  bool HasModule(const CodeModule* module) override;
+  bool IsModuleCorrupt(const CodeModule* module) override;
+  void FillSourceLineInfo(StackFrame* frame) override;
+  WindowsFrameInfo* FindWindowsFrameInfo(const StackFrame* frame) override;
+  CFIFrameInfo* FindCFIFrameInfo(const StackFrame* frame) override;
+
+  // A new, empty module that this resolver does not know; the caller owns it.
+  Module* CreateModule(const std::string& name);
+
+ protected:
+  // Takes ownership of `module_factory`.
+  explicit SourceLineResolverBase(ModuleFactory* module_factory);
+
+ private:
+  // Orders as C strings: what follows a NUL byte does not count.
+  struct CompareString {
+    bool operator()(const std::string& a, const std::string& b) const;
+  };
+  using ModuleMap = std::map<std::string, Module*, CompareString>;
+  using ModuleSet = std::set<std::string, CompareString>;
+  using MemoryMap = std::map<std::string, char*, CompareString>;
+
+  bool MayLoad(const CodeModule* module) const;
+  bool LoadOwnedBuffer(const CodeModule* module, char* buffer, size_t size);
+  Module* ModuleOf(const StackFrame* frame) const;
+
+  // All three are keyed by the debug identifier of the code module.
+  ModuleMap* modules_;
+  ModuleSet* corrupt_modules_;
+  MemoryMap* memory_buffers_;  // arrays that SYMB modules still refer to
+  ModuleFactory* module_factory_;
+};
+
+}  // namespace google_breakpad

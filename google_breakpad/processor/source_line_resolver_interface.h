@@ -1,0 +1,71 @@
+// SourceLineResolverInterface: from code addresses to functions, source lines and unwinding rules.
+//
+//   google_breakpad::BasicSourceLineResolver resolver;
+//   resolver.LoadModule(&module, "a.sym");
+//   google_breakpad::StackFrame frame;
+//   frame.instruction = 0x140001004;
+//   frame.module = &module;
+//   resolver.FillSourceLineInfo(&frame);
+//   puts(frame.function_name.c_str());
+//
+// Symbols are kept by the debug identifier of their module. A resolver has no locks: loading and
+// unloading need it alone; the lookups (FillSourceLineInfo, FindWindowsFrameInfo,
+// FindCFIFrameInfo, HasModule, IsModuleCorrupt) may run in several threads at once as long as
+// nothing loads or unloads.
+
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+#include "google_breakpad/processor/cfi_frame_info.h"
+#include "google_breakpad/processor/code_module.h"
+#include "google_breakpad/processor/stack_frame.h"
+#include "google_breakpad/processor/windows_frame_info.h"
+
+namespace google_breakpad {
+
+class SourceLineResolverInterface {
+ public:
+  virtual ~SourceLineResolverInterface() = default;
+
+  // Loads symbols for `module`; each load is false for a null module and for one whose debug
+  // identifier has symbols already. Lines that do not parse are logged (the first 10 of a load),
+  // skipped, and mark the module corrupt: that is no failure of the load.
+
+  // From a symbol file. False also if the file cannot be read.
+  virtual bool LoadModule(const CodeModule* module, const std::string& map_file) = 0;
+
+  // From the contents of a symbol file in a string, which is not changed.
+  virtual bool LoadModuleUsingMapBuffer(const CodeModule* module,
+                                        const std::string& map_buffer) = 0;
+
+  // From the contents of a symbol file in memory. The buffer stays the caller's. Text is changed by
+  // the load, and its last byte is overwritten by a NUL unless it is one: pass the terminator as
+  // part of the size. It may be released after the load. SYMB data (the first 4 bytes are "SYMB")
+  // is not changed and must outlive the module's symbols; it is not checked in any way.
+  virtual bool LoadModuleUsingMemoryBuffer(const CodeModule* module, char* memory_buffer,
+                                           size_t memory_buffer_size) = 0;
+
+  // Whether LoadModule and LoadModuleUsingMapBuffer release their buffer when the load is over. A
+  // resolver that is to load SYMB data through these has to answer false.
+  virtual bool ShouldDeleteMemoryBufferAfterLoadModule() = 0;
+
+  // Releases the symbols of `module`, if there are any.
+  virtual void UnloadModule(const CodeModule* module) = 0;
+
+  // Whether there are symbols for `module`, and whether they had lines that did not parse.
+  virtual bool HasModule(const CodeModule* module) = 0;
+  virtual bool IsModuleCorrupt(const CodeModule* module) = 0;
+
+  // Sets what is known of frame->instruction in the frame: function, source line, inline frames.
+  // What is not known, and a frame whose module is null or has no symbols, stays as it is.
+  virtual void FillSourceLineInfo(StackFrame* frame) = 0;
+
+  // The STACK WIN data, or the STACK CFI rules, for frame->instruction, in a new object that the
+  // caller owns; null if there is none.
+  virtual WindowsFrameInfo* FindWindowsFrameInfo(const StackFrame* frame) = 0;
+  virtual CFIFrameInfo* FindCFIFrameInfo(const StackFrame* frame) = 0;
+};
+
+}  // namespace google_breakpad

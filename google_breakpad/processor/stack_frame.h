@@ -1,0 +1,59 @@
+// StackFrame: one frame of a call stack; what a lookup is asked about and where its answer goes.
+
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace google_breakpad {
+
+class CodeModule;
+
+struct StackFrame {
+  // How the frame was found, from the least to the most reliable. Not used by the resolver.
+  enum FrameTrust {
+    FRAME_TRUST_NONE = 0,
+    FRAME_TRUST_SCAN = 1,
+    FRAME_TRUST_CFI_SCAN = 2,
+    FRAME_TRUST_FP = 3,
+    FRAME_TRUST_CFI = 4,
+    FRAME_TRUST_PREWALKED = 5,
+    FRAME_TRUST_MODWALKED = 6,
+    FRAME_TRUST_CONTEXT = 7,
+  };
+
+  // A call that the compiler replaced by the body of its callee.
+  struct Inline {
+    std::string name;
+    std::string source_file_name;
+    int source_line = 0;
+  };
+
+  StackFrame() = default;
+  virtual ~StackFrame() = default;
+
+  // The absolute address at which the frame's caller goes on; by default the instruction itself.
+  virtual uint64_t ReturnAddress() const { return instruction; }
+
+  // Set by the host: the absolute address of the instruction, and the module that holds it, not
+  // owned. Without a module the resolver leaves the frame as it is.
+  uint64_t instruction = 0;
+  const CodeModule* module = nullptr;
+
+  // Set by SourceLineResolverInterface::FillSourceLineInfo. A lookup sets what it finds and leaves
+  // the rest as it was, so a frame that is used again must be cleared by the host.
+  std::string function_name;
+  uint64_t function_base = 0;  // absolute start of the function or public symbol
+  std::string source_file_name;
+  int source_line = 0;
+  uint64_t source_line_base = 0;  // absolute start of the code of that line
+
+  FrameTrust trust = FRAME_TRUST_NONE;
+
+  // The inline frames at the instruction, the innermost first. Filled for modules that were loaded
+  // from SYMB data of version 3; new ones are appended.
+  std::vector<Inline> inlines;
+};
+
+}  // namespace google_breakpad

@@ -1,0 +1,54 @@
+// WindowsFrameInfo: what a STACK WIN line tells about the stack frame of a stretch of 32-bit code.
+
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace google_breakpad {
+
+struct WindowsFrameInfo {
+  // The kind of the STACK WIN line. Lookups give STACK_INFO_FPO and STACK_INFO_FRAME_DATA only.
+  enum StackInfoTypes {
+    STACK_INFO_FPO = 0,
+    STACK_INFO_TRAP,
+    STACK_INFO_TSS,
+    STACK_INFO_STANDARD,
+    STACK_INFO_FRAME_DATA,
+    STACK_INFO_LAST,  // not a kind: their number
+    STACK_INFO_UNKNOWN = -1,
+  };
+
+  // Which fields hold values.
+  enum Validity {
+    VALID_NONE = 0,
+    VALID_PARAMETER_SIZE = 1,
+    VALID_ALL = -1,
+  };
+
+  // Takes apart what follows "STACK WIN " on its line:
+  //   type rva code_size prolog_size epilog_size parameter_size saved_register_size local_size
+  //   max_stack_size has_program_string, then program_string or allocates_base_pointer
+  // with all numbers in hexadecimal. Returns a new record, which the caller owns, and the line's
+  // type (0 to 4), its first address relative to the module and its size in bytes; null if words
+  // are missing or the type is unknown. Numbers are not checked for trailing characters.
+  static WindowsFrameInfo* ParseFromString(std::string stack_info_string, int& type, uint64_t& rva,
+                                           uint64_t& code_size);
+
+  StackInfoTypes type_ = STACK_INFO_UNKNOWN;
+  int valid = VALID_NONE;  // a combination of Validity values
+  // Sizes in bytes.
+  uint32_t prolog_size = 0;
+  uint32_t epilog_size = 0;
+  uint32_t parameter_size = 0;
+  uint32_t saved_register_size = 0;
+  uint32_t local_size = 0;
+  uint32_t max_stack_size = 0;
+  // Whether the code uses the base pointer register for its own purposes. Meaningful only without
+  // a program string.
+  bool allocates_base_pointer = false;
+  // The program that recovers the caller's registers; may be empty.
+  std::string program_string;
+};
+
+}  // namespace google_breakpad

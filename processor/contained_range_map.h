@@ -1,0 +1,210 @@
+// ContainedRangeMap: address ranges nested in one another.
+//
+// A range of size S at base B is inclusive: it covers B to B + S - 1, its `high`. Two ranges may be
+// disjoint, or one may lie in the other (a shared first or last address is no obstacle); a range
+// that would cut another in part is refused, as is one that is stored already. The result does not
+// depend on the order of storing: a wide range stored after its narrow ones takes them over.
+//
+//   ContainedRangeMap<uint64_t, int> map;
+//   map.StoreRange(0x1000, 0x100, 1);
+//   map.StoreRange(0x1010, 0x10, 2);
+//   int entry;
+//   map.RetrieveRange(0x1018, &entry);   // true, 2
+//   if (map.Map()) for (const auto& [high, range] : *map.Map()) visit(high, range->Base(), ...);
+//
+// Each range is a node with a map of the ranges directly inside it. Nodes come from an arena that
+// the map as a whole owns, so a range costs no allocation of its own, and destruction does not
+// recurse. Storing is logarithmic in the number of ranges at each level that is passed, and begins
+// at the range stored last, not at the outermost: ranges that arrive in the order of nesting cost
+// the same at any depth. Walks by hand should not recurse either: how deep ranges nest is up to the
+// input.
+//
+// Not safe for concurrent changes; const operations are safe together when copying an EntryType is.
+
+#pragma once
+
+#include <algorithm>
+#include <cassert>
+#include <cstddef>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "processor/block_map.h"
+#include "processor/logging.h"
+
+namespace google_breakpad {
+
+template <typename AddressType, typename EntryType>
+class ContainedRangeMap;
+
+// One range and the ranges inside it. Ranges do not know their own end: it is their key in the map
+// of the range around them.
+template <typename AddressType, typename EntryType>
+class ContainedRange {
+ public:
+  // Ordered by high; the ranges are disjoint and each lies inside the one that holds the map.
+  using AddressToRangeMap = BlockMap<AddressType, ContainedRange*>;
+
+  ContainedRange(const AddressType& base, const EntryType& entry,
+                 std::unique_ptr<AddressToRangeMap> map)
+      : base_(base), entry_(entry), map_(std::move(map)) {}
+
+  AddressType Base() const { return base_; }
+  const EntryType& Entry() const { return entry_; }
+  // The ranges directly inside this one; null if there are none.
+  const AddressToRangeMap* Map() const { return map_.get(); }
+
+  // The entry of the narrowest range inside this one that holds `address`. False if there is none.
+  // `entry` must not be null.
+  bool RetrieveRange(const AddressType& address, EntryType* entry) const {
+    if (!entry) {
+      SYMFORGE_LOG(ERROR) << "ContainedRangeMap::RetrieveRange requires |entry|";
+      assert(entry);
+    }
+    const ContainedRange* deepest = nullptr;
+    for (auto* range = ChildAt(address); range != nullptr; range = range->ChildAt(address)) {
+      deepest = range;
+    }
+    if (deepest == nullptr) return false;
+    *entry = deepest->entry_;
+    return true;
+  }
+
+  // Appends to `entries` those of all ranges inside this one that hold `address`, the widest first.
+  // False if there are none.
+  bool RetrieveRangeStack(const AddressType& address, std::vector<EntryType>& entries) const {
+    const ContainedRange* range = ChildAt(address);
+    if (range == nullptr) return false;
+    for (; range != nullptr; range = range->ChildAt(address)) entries.push_back(range->entry_);
+    return true;
+  }
+
+ private:
+  friend class ContainedRangeMap<AddressType, EntryType>;
+
+  const ContainedRange* ChildAt(const AddressType& address) const {
+    if (!map_) return nullptr;
+    const auto it = map_->lower_bound(address);
+    return it == map_->end() || address < it.value()->base_ ? nullptr : it.value();
+  }
+
+  AddressType base_;
+  EntryType entry_;
+  std::unique_ptr<AddressToRangeMap> map_;
+};
+
+// The root: a range over all addresses with the base 0 and an empty entry, which no lookup gives.
+template <typename AddressType, typename EntryType>
+class ContainedRangeMap : public ContainedRange<AddressType, EntryType> {
+ public:
+  using Range = ContainedRange<AddressType, EntryType>;
+  using AddressToRangeMap = typename Range::AddressToRangeMap;
+
+  ContainedRangeMap() : Range(0, EntryType(), nullptr) {}
+  ContainedRangeMap(const ContainedRangeMap&) = delete;
+  ContainedRangeMap& operator=(const ContainedRangeMap&) = delete;
+
+  // False if the range is refused: empty, past the largest address, stored already, or cutting a
+  // stored one in part. A refused range leaves no trace.
+  bool StoreRange(const AddressType& base, const AddressType& size, const EntryType& entry);
+
+  // Removes all ranges and releases their memory.
+  void Clear() {
+    path_.clear();
+    nodes_.clear();
+    this->map_.reset();
+  }
+
+ private:
+  using Iterator = typename AddressToRangeMap::const_iterator;
+
+  // A step of the way down to the range stored last; a range knows its end only here.
+  struct Step {
+    Range* range;
+    AddressType high;
+    bool Holds(AddressType base, AddressType end) const {
+      return range->Base() <= base && end <= high;
+    }
+    bool Is(AddressType base, AddressType end) const {
+      return range->Base() == base && end == high;
+    }
+  };
+
+  // The nodes of all ranges, at addresses that stay, in blocks of doubling size.
+  class NodeArena {
+   public:
+    template <typename... Args>
+    Range* create(Args&&... args) {
+      if (blocks_.empty() || blocks_.back().size() == blocks_.back().capacity()) add_block();
+      return &blocks_.back().emplace_back(std::forward<Args>(args)...);
+    }
+    void clear() { blocks_.clear(); }
+
+   private:
+    void add_block() {
+      constexpr size_t kFirst = 8, kLargest = 1024;
+      const size_t nodes =
+          blocks_.empty() ? kFirst : std::min(blocks_.back().capacity() * 2, kLargest);
+      blocks_.emplace_back().reserve(nodes);
+    }
+    std::vector<std::vector<Range>> blocks_;
+  };
+
+  static std::unique_ptr<AddressToRangeMap> TakeOver(AddressToRangeMap& map, Iterator it,
+                                                     AddressType high);
+
+  NodeArena nodes_;
+  std::vector<Step> path_;
+};
+
+template <typename AddressType, typename EntryType>
+bool ContainedRangeMap<AddressType, EntryType>::StoreRange(const AddressType& base,
+                                                           const AddressType& size,
+                                                           const EntryType& entry) {
+  const AddressType high = base + size - 1;
+  if (size == 0 || high < base) return false;
+
+  while (!path_.empty() && !path_.back().Holds(base, high)) path_.pop_back();
+  if (!path_.empty() && path_.back().Is(base, high)) return false;
+  Range* around = path_.empty() ? this : path_.back().range;
+  Iterator at_base;
+  while (true) {
+    if (!around->map_) around->map_ = std::make_unique<AddressToRangeMap>();
+    at_base = around->map_->lower_bound(base);
+    // Inside this child? Its key is at or above `base`; it holds the range if also `high` fits.
+    if (at_base == around->map_->end() || at_base.key() < high || base < at_base.value()->base_) {
+      break;
+    }
+    if (at_base.value()->base_ == base && at_base.key() == high) return false;
+    around = at_base.value();
+    path_.push_back({around, at_base.key()});
+  }
+
+  AddressToRangeMap& map = *around->map_;
+  if (at_base != map.end() && base > at_base.value()->base_) return false;  // cuts its upper part
+  const Iterator at_high = map.lower_bound(high);
+  const bool reaches_child = at_high != map.end() && high >= at_high.value()->base_;
+  if (reaches_child && high < at_high.key()) return false;  // cuts its lower part
+  std::unique_ptr<AddressToRangeMap> inside;
+  if (at_base != at_high || reaches_child) inside = TakeOver(map, at_base, high);
+  Range* range = nodes_.create(base, entry, std::move(inside));
+  map.insert(high, range);
+  path_.push_back({range, high});
+  return true;
+}
+
+// Moves the ranges from `it` on that end at or below `high` into a map of their own.
+template <typename AddressType, typename EntryType>
+auto ContainedRangeMap<AddressType, EntryType>::TakeOver(AddressToRangeMap& map, Iterator it,
+                                                         AddressType high)
+    -> std::unique_ptr<AddressToRangeMap> {
+  auto inside = std::make_unique<AddressToRangeMap>();
+  while (it != map.end() && it.key() <= high) {
+    inside->insert(it.key(), it.value());
+    it = map.erase(it);
+  }
+  return inside;
+}
+
+}  // namespace google_breakpad

@@ -1,0 +1,185 @@
+// RangeMap: disjoint address ranges.
+//
+// A range of size S at base B is inclusive: it covers B to B + S - 1, its `high`. The key of a
+// range is its high, so that a lower bound on an address finds the one range that can hold it.
+//
+// Inserts and lookups are logarithmic, storing in ascending order is constant. Not safe for
+// concurrent changes; const operations are safe together when copying an EntryType is.
+
+#pragma once
+
+#include <cassert>
+
+#include "processor/block_map.h"
+#include "processor/logging.h"
+
+namespace google_breakpad {
+
+// How a new range that overlaps stored ones is treated.
+enum class MergeRangeStrategy {
+  kExclusiveRanges,  // the new range is refused
+  kTruncateLower,    // the range with the lower base is cut back
+  kTruncateUpper,    // the range with the higher base is cut at its lower end
+};
+
+template <typename AddressType, typename EntryType>
+class RangeMap {
+ public:
+  class Range {
+   public:
+    Range(const AddressType& base, const AddressType& delta, const EntryType& entry)
+        : base_(base), delta_(delta), entry_(entry) {}
+    AddressType base() const { return base_; }
+    // How far the base has been moved up from the base that the range was stored with.
+    AddressType delta() const { return delta_; }
+    const EntryType& entry() const { return entry_; }
+
+   private:
+    AddressType base_;
+    AddressType delta_;
+    EntryType entry_;
+  };
+  // Ordered by high; iteration gives (high, Range).
+  using AddressToRangeMap = BlockMap<AddressType, Range>;
+
+  void SetMergeStrategy(MergeRangeStrategy strategy) { merge_strategy_ = strategy; }
+  MergeRangeStrategy GetMergeStrategy() const { return merge_strategy_; }
+
+  // Stores `entry` for `size` addresses from `base` on. False if the range is refused: for a size
+  // of 0, when it runs past the largest address (logged), or by the merge strategy.
+  bool StoreRange(const AddressType& base, const AddressType& size, const EntryType& entry) {
+    return StoreRangeInternal(base, 0, size, entry);
+  }
+
+  // The range that holds `address`. False if there is none. `entry` must not be null; the other
+  // results may be.
+  bool RetrieveRange(const AddressType& address, EntryType* entry, AddressType* entry_base,
+                     AddressType* entry_delta, AddressType* entry_size) const {
+    if (!entry) {
+      SYMFORGE_LOG(ERROR) << "RangeMap::RetrieveRange requires |entry|";
+      assert(entry);
+    }
+    const Iterator it = map_.lower_bound(address);
+    if (it == map_.end() || address < it.value().base()) return false;
+    Give(it, entry, entry_base, entry_delta, entry_size);
+    return true;
+  }
+
+  // The range that holds `address`, or else the highest one that lies wholly below it.
+  bool RetrieveNearestRange(const AddressType& address, EntryType* entry, AddressType* entry_base,
+                            AddressType* entry_delta, AddressType* entry_size) const {
+    if (!entry) {
+      SYMFORGE_LOG(ERROR) << "RangeMap::RetrieveNearestRange requires |entry|";
+      assert(entry);
+    }
+    Iterator it = map_.lower_bound(address);
+    if (it == map_.end() || address < it.value().base()) {
+      // The range found, if any, lies above `address`: the one before it is the nearest below.
+      if (it == map_.begin()) return false;
+      --it;
+    }
+    Give(it, entry, entry_base, entry_delta, entry_size);
+    return true;
+  }
+
+  // The range at position `index` in key order, found by a walk from the first: to visit all of
+  // them iterate over GetMap() instead. False if there is no such position.
+  bool RetrieveRangeAtIndex(int index, EntryType* entry, AddressType* entry_base,
+                            AddressType* entry_delta, AddressType* entry_size) const {
+    if (!entry) {
+      SYMFORGE_LOG(ERROR) << "RangeMap::RetrieveRangeAtIndex requires |entry|";
+      assert(entry);
+    }
+    if (index < 0 || index >= GetCount()) return false;
+    Iterator it = map_.begin();
+    for (int i = 0; i < index; ++i) ++it;
+    Give(it, entry, entry_base, entry_delta, entry_size);
+    return true;
+  }
+
+  int GetCount() const { return static_cast<int>(map_.size()); }
+  void Clear() { map_.clear(); }
+  const AddressToRangeMap& GetMap() const { return map_; }
+
+ private:
+  using Iterator = typename AddressToRangeMap::const_iterator;
+
+  static void Give(const Iterator& it, EntryType* entry, AddressType* entry_base,
+                   AddressType* entry_delta, AddressType* entry_size) {
+    const Range& range = it.value();
+    *entry = range.entry();
+    if (entry_base) *entry_base = range.base();
+    if (entry_delta) *entry_delta = range.delta();
+    if (entry_size) *entry_size = it.key() - range.base() + 1;
+  }
+
+  bool StoreRangeInternal(AddressType base, AddressType delta, AddressType size,
+                          const EntryType& entry);
+  bool CutLower(const Iterator& other, AddressType base, AddressType* size);
+  static bool Overlaps(const Iterator& it, AddressType high) { return it.value().base() <= high; }
+
+  bool enable_shrink_down_ = false;  // reserved: nothing reads it
+  MergeRangeStrategy merge_strategy_ = MergeRangeStrategy::kExclusiveRanges;
+  AddressToRangeMap map_;
+};
+
+// Each turn of the loop cuts the new range, or a stored one out of its way, and looks again.
+template <typename AddressType, typename EntryType>
+bool RangeMap<AddressType, EntryType>::StoreRangeInternal(AddressType base, AddressType delta,
+                                                          AddressType size,
+                                                          const EntryType& entry) {
+  while (true) {
+    if (size == 0) return false;
+    const AddressType high = base + size - 1;
+    if (high < base) {
+      SYMFORGE_LOG(INFO) << "StoreRangeInternal failed, " << HexString(base) << "+"
+                         << HexString(size) << ", " << HexString(high)
+                         << ", delta: " << HexString(delta);
+      return false;
+    }
+    const Iterator at_base = map_.lower_bound(base);
+    // Where the range found reaches `high` it is the lower bound of `high` as well.
+    const bool ends_inside = at_base != map_.end() && at_base.key() < high;
+    if (!ends_inside && (at_base == map_.end() || !Overlaps(at_base, high))) {
+      return map_.insert(high, Range(base, delta, entry));
+    }
+    switch (merge_strategy_) {
+      case MergeRangeStrategy::kExclusiveRanges:
+        return false;
+      case MergeRangeStrategy::kTruncateLower:
+        if (!CutLower(at_base, base, &size)) return false;
+        break;
+      case MergeRangeStrategy::kTruncateUpper:
+        if (ends_inside) {
+          // The new range loses what lies at or below the end of the stored one.
+          const AddressType cut = at_base.key() - base + 1;
+          base += cut;
+          delta += cut;
+          size -= cut;
+        } else {
+          // The stored range loses what lies at or below the end of the new one.
+          if (high >= at_base.key()) return false;
+          const Range other = at_base.value();
+          map_.value_at(at_base) =
+              Range(high + 1, other.delta() + (high + 1 - other.base()), other.entry());
+        }
+        break;
+    }
+  }
+}
+
+// kTruncateLower: cuts the new range below the stored one, or the stored one below the new one.
+template <typename AddressType, typename EntryType>
+bool RangeMap<AddressType, EntryType>::CutLower(const Iterator& other, AddressType base,
+                                                AddressType* size) {
+  const AddressType other_base = other.value().base();
+  if (base == other_base) return false;
+  if (base < other_base) {
+    *size = other_base - base;
+  } else {
+    map_.lower_key(other, base - 1);
+  }
+  return true;
+}
+
+}  // namespace google_breakpad

@@ -1,0 +1,149 @@
+#include "processor/contained_range_map.h"
+
+#include <gmock/gmock.h>
+
+#include <random>
+#include <string>
+#include <vector>
+
+#include "processor/linked_ptr.h"
+
+namespace google_breakpad {
+namespace {
+
+using Map = ContainedRangeMap<uint64_t, int>;
+
+// "[base,high](inner...)", in hexadecimal.
+std::string picture(const ContainedRange<uint64_t, int>& range) {
+  std::string text;
+  if (range.Map() == nullptr) return text;
+  for (const auto& [high, child] : *range.Map()) {
+    char buffer[64];
+    snprintf(buffer, sizeof(buffer), "[%lx,%lx]", child->Base(), high);
+    text += buffer;
+    const std::string inner = picture(*child);
+    if (!inner.empty()) text += "(" + inner + ")";
+  }
+  return text;
+}
+
+TEST(ContainedRangeMap, Nesting) {
+  struct Store {
+    uint64_t base, high;
+    bool stored;
+  };
+  const struct {
+    std::vector<Store> stores;
+    const char* picture;
+  } kCases[] = {
+      {{{0x10, 0x1f, true}, {0x10, 0x1f, false}}, "[10,1f]"},
+      {{{0x10, 0x1f, true}, {0x10, 0x10, true}, {0x1f, 0x1f, true}}, "[10,1f]([10,10][1f,1f])"},
+      {{{0x10, 0x1f, true}, {0x10, 0x2f, true}}, "[10,2f]([10,1f])"},
+      {{{0x10, 0x1f, true}, {0x00, 0x1f, true}}, "[0,1f]([10,1f])"},
+      {{{0x10, 0x1f, true}, {0x08, 0x10, false}, {0x1f, 0x20, false}}, "[10,1f]"},
+      {{{0x10, 0x1f, true}, {0x30, 0x3f, true}, {0x10, 0x3f, true}, {0x12, 0x13, true}},
+       "[10,3f]([10,1f]([12,13])[30,3f])"},
+      {{{0x10, 0x1f, true}, {0x30, 0x3f, true}, {0x10, 0x38, false}, {0x18, 0x3f, false}},
+       "[10,1f][30,3f]"},
+      {{{0, 0xff, true}, {0x10, 0x1f, true}, {0x18, 0x20, false}}, "[0,ff]([10,1f])"},
+      {{{5, 4, false}}, ""},
+      {{{~uint64_t{0}, ~uint64_t{0}, true}}, "[ffffffffffffffff,ffffffffffffffff]"},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.picture);
+    Map map;
+    for (const Store& s : c.stores) {
+      EXPECT_EQ(map.StoreRange(s.base, s.high - s.base + 1, 1), s.stored);
+    }
+    EXPECT_EQ(picture(map), c.picture);
+  }
+  EXPECT_FALSE(Map().StoreRange(~uint64_t{0}, 2, 1));
+}
+
+TEST(ContainedRangeMap, TheDeepestRangeAnswers) {
+  Map map;
+  map.StoreRange(0x10, 0x40, 1);
+  map.StoreRange(0x10, 0x10, 2);
+  map.StoreRange(0x30, 0x08, 3);
+  const struct {
+    uint64_t address;
+    std::vector<int> stack;
+  } kCases[] = {{0xf, {}}, {0x10, {1, 2}}, {0x20, {1}}, {0x37, {1, 3}}, {0x4f, {1}}, {0x50, {}}};
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.address);
+    int entry = 0;
+    std::vector<int> stack = {9};  // kept: new ones go behind it
+    EXPECT_EQ(map.RetrieveRange(c.address, &entry), !c.stack.empty());
+    EXPECT_EQ(map.RetrieveRangeStack(c.address, stack), !c.stack.empty());
+    stack.erase(stack.begin());
+    EXPECT_EQ(stack, c.stack);
+    if (!stack.empty()) {
+      EXPECT_EQ(entry, stack.back());
+    }
+  }
+  map.Clear();
+  EXPECT_EQ(map.Map(), nullptr);
+  EXPECT_TRUE(map.StoreRange(0x10, 0x40, 1));
+}
+
+// Whether a range is stored depends on the stored ones alone, so a flat list is a model of the
+// tree.
+TEST(ContainedRangeMap, AgreesWithAFlatList) {
+  std::mt19937 random(11);
+  for (int round = 0; round < 300; ++round) {
+    const uint64_t space = 8 + random() % 200;
+    Map map;
+    std::vector<std::pair<uint64_t, uint64_t>> list;
+    for (int i = 0; i < 150; ++i) {
+      const uint64_t base = random() % space, high = base + random() % (space / 2);
+      const bool fits = std::none_of(list.begin(), list.end(), [&](const auto& other) {
+        const auto [b, h] = other;
+        const bool crosses =
+            (b < base && base <= h && h < high) || (base < b && b <= high && high < h);
+        return crosses || (b == base && h == high);
+      });
+      ASSERT_EQ(map.StoreRange(base, high - base + 1, static_cast<int>(list.size())), fits);
+      if (fits) list.emplace_back(base, high);
+    }
+    for (uint64_t address = 0; address < space * 2; ++address) {
+      int narrowest = -1, entry = -1;
+      size_t depth = 0;
+      for (size_t i = 0; i < list.size(); ++i) {
+        const auto [b, h] = list[i];
+        if (address < b || address > h) continue;
+        ++depth;
+        if (narrowest < 0 || h - b < list[narrowest].second - list[narrowest].first)
+          narrowest = static_cast<int>(i);
+      }
+      std::vector<int> stack;
+      map.RetrieveRange(address, &entry);
+      map.RetrieveRangeStack(address, stack);
+      ASSERT_EQ(entry, narrowest);
+      ASSERT_EQ(stack.size(), depth);
+    }
+  }
+}
+
+// Neither time nor stack may follow the depth of nesting, whichever way it is built.
+TEST(ContainedRangeMap, NestsDeep) {
+  constexpr uint32_t kDepth = 200000;
+  for (const bool inwards : {true, false}) {
+    ContainedRangeMap<uint32_t, linked_ptr<int>> map;
+    for (uint32_t i = 0; i < kDepth; ++i) {
+      const uint32_t level = inwards ? i : kDepth - 1 - i;
+      ASSERT_TRUE(map.StoreRange(level, 2 * kDepth - 2 * level, linked_ptr<int>(new int(level))));
+    }
+    std::vector<linked_ptr<int>> stack;
+    EXPECT_TRUE(map.RetrieveRangeStack(kDepth - 1, stack));
+    EXPECT_EQ(stack.size(), kDepth);
+    EXPECT_EQ(*stack.back(), static_cast<int>(kDepth - 1));
+  }
+}
+
+TEST(ContainedRangeMapDeathTest, NullEntryEndsTheProcess) {
+  EXPECT_DEATH(Map().RetrieveRange(1, nullptr),
+               "ERROR: ContainedRangeMap::RetrieveRange requires .entry.(.|\n)*`entry'");
+}
+
+}  // namespace
+}  // namespace google_breakpad
