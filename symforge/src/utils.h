@@ -1,0 +1,47 @@
+// The layout of a Breakpad symbol tree, and the identity of a symbol file that decides its place in
+// the tree.
+//
+//   ROOT/a.pdb/                 one folder per debug file
+//   ROOT/a.pdb/ID/a.sym         text symbol file of the build with the debug identifier ID
+//   ROOT/a.pdb/ID/a.symb        the same as a SYMB image
+//   ROOT/a.pdb/CODE_ID -> ID    from the code identifier of the build's PE
+//
+// None of these operations logs; what a false result means to the user is the caller's to say.
+
+#pragma once
+
+#include <string>
+#include <string_view>
+
+// Who a symbol file belongs to, as its text says. All strings are empty at first.
+struct sym_info {
+  std::string os;          // MODULE, word 2
+  std::string arch;        // MODULE, word 3
+  std::string debug_id;    // MODULE, word 4
+  std::string debug_file;  // MODULE, the rest of the line; may hold blanks
+  std::string code_id;     // INFO CODE_ID, word 3: time stamp and size of the PE
+  std::string code_file;   // INFO CODE_ID, the rest of the line; may hold blanks
+};
+
+// Fills `info` from a NUL-terminated symbol text. The last MODULE line counts, wherever it stands
+// before the first INFO CODE_ID line, which ends the scan; a last line without a line feed is not
+// looked at. True when debug_id and debug_file are both known. A MODULE or INFO CODE_ID line of
+// 4096 bytes or more (without its line feed) makes the text invalid.
+bool sym_info_parse(const char* data, sym_info& info);
+
+// Whether `name` can be one component of a path inside the tree: no separator in it, neither "."
+// nor "..". Identities come from files that nobody vouches for.
+bool is_tree_component(std::string_view name);
+
+// Puts the path of a symbol file into `path`. `create` makes the two folders on the way (not the
+// root); false when that fails or when debug_file or debug_id would lead out of its folder. Without
+// `create` nothing is touched and the result is true.
+bool synthesize_sym_path(const char* sym_path, const char* debug_file, const char* debug_id,
+                         bool binary, bool create, std::string& path);
+
+// Makes one folder with mode 0700. True when it is there, whoever made it (also when a plain file
+// has that name: what is to be made in it then fails).
+bool ensure_directory(const char* path);
+
+// Raises a string in place but for its first character, and returns it. Null is returned as it is.
+char* strupper(char* str);
