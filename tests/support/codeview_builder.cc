@@ -135,6 +135,11 @@ ModuleBuilder& ModuleBuilder::old_lines(std::string_view bytes) {
   return *this;
 }
 
+ModuleBuilder& ModuleBuilder::tail(std::string_view bytes) {
+  tail_ = bytes;
+  return *this;
+}
+
 std::string ModuleBuilder::subsections() const {
   Bytes bytes;
   if (!checksums_placed_ && !checksums_.empty()) {
@@ -145,7 +150,9 @@ std::string ModuleBuilder::subsections() const {
 }
 
 std::string ModuleBuilder::stream() const {
-  return Bytes().u32(signature_).text(symbols_.str()).text(old_lines_).text(subsections()).str();
+  Bytes bytes;
+  bytes.u32(signature_).text(symbols_.str()).text(old_lines_);
+  return bytes.text(subsections()).text(tail_).str();
 }
 
 std::string public_symbol(std::string_view name, uint16_t section, uint32_t offset,

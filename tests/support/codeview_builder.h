@@ -120,6 +120,8 @@ class ModuleBuilder {
   ModuleBuilder& signature(uint32_t signature);
   // Bytes of old line data between symbols and subsections.
   ModuleBuilder& old_lines(std::string_view bytes);
+  // Bytes behind the subsections; in real files a table of references to global symbols.
+  ModuleBuilder& tail(std::string_view bytes);
 
   // What the module's record in the DBI stream says of the stream.
   uint32_t symbols_size() const { return 4 + static_cast<uint32_t>(symbols_.size()); }
@@ -136,6 +138,7 @@ class ModuleBuilder {
   Bytes checksums_;
   bool checksums_placed_ = false;
   Bytes subsections_;
+  std::string tail_;
 };
 
 // A public symbol record (S_PUB32), padded to 4 with zeros; `flags` 2 marks a function.

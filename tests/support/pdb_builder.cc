@@ -169,6 +169,7 @@ void PdbBuilder::lay_out() {
     record.symbols_size = modules_[i].symbols_size();
     record.old_lines_size = modules_[i].old_lines_size();
     record.lines_size = modules_[i].subsections_size();
+    modules_[i] = ModuleBuilder();
   }
   msf.set_stream(1, info.bytes()).set_stream(2, types.stream());
   msf.set_stream(3, dbi.bytes()).set_stream(4, ids.stream());

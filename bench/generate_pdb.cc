@@ -1,0 +1,21 @@
+// generate_pdb MEGABYTES PATH: writes PATH.pdb of about that size and PATH.exe, which belongs to
+// it.
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "bench/pdb_generator.h"
+#include "tests/support/bytes.h"
+
+int main(int argc, char** argv) {
+  const double megabytes = argc == 3 ? std::atof(argv[1]) : 0;
+  if (megabytes <= 0) {
+    std::fprintf(stderr, "usage: %s MEGABYTES PATH\n", argv[0]);
+    return 2;
+  }
+  const GeneratedPdb generated = generate_pdb(static_cast<uint64_t>(megabytes * 1e6));
+  const std::string path = argv[2];
+  test_support::write_file(path + ".pdb", generated.pdb);
+  test_support::write_file(path + ".exe", generated.image);
+}

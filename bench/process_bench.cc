@@ -1,0 +1,227 @@
+// process_bench SYMFORGE HELPERS WORK RUNS [PDB [PE]]: whole-process figures of every conversion of
+// the command line, printed as markdown tables. HELPERS is the folder of generate_pdb and floor,
+// WORK a folder for inputs and outputs. See scripts/bench, which calls it.
+
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <string>
+#include <vector>
+
+#include "bench/process_runner.h"
+
+namespace {
+
+constexpr double kMegabyte = 1e6;
+constexpr double kMebibyte = 1024.0 * 1024.0;
+
+// A PDB to convert; no image when `image` is empty.
+struct Input {
+  std::string name;
+  std::string pdb;
+  std::string image;
+  bool judged = true;  // whether the targets are meant for an input of this size
+  bool in_growth = false;
+};
+
+// A figure, as it is printed: what was measured, in units of what, and the bound.
+struct Row {
+  std::string input;
+  std::string conversion;
+  double base;      // seconds of the floor, or bytes allowed
+  double measured;  // seconds or bytes
+  double bound;     // at most this many times the base
+  bool judged;
+};
+
+// One conversion of one input, for the growth from size to size.
+struct Timing {
+  std::string conversion;
+  uint64_t bytes;
+  double seconds;
+};
+
+struct Tools {
+  std::string symforge;
+  std::string helpers;
+  std::string work;
+  int runs;
+};
+
+class Bench {
+ public:
+  explicit Bench(Tools tools) : tools_(std::move(tools)) {}
+
+  void measure(const Input& input);
+  void print() const;
+
+ private:
+  void time_row(const Input& input, const char* conversion, const Usage& floor, const Usage& usage,
+                double bound);
+  void memory_row(const Input& input, const char* conversion, double allowed, const Usage& usage);
+  Command floor(uint64_t bytes, const std::vector<std::string>& inputs) const;
+  std::string work(const char* name) const { return tools_.work + "/" + name; }
+
+  Tools tools_;
+  std::vector<Row> times_;
+  std::vector<Row> memory_;
+  std::vector<Timing> growth_;
+  std::vector<std::string> sizes_;
+};
+
+Command Bench::floor(uint64_t bytes, const std::vector<std::string>& inputs) const {
+  Command command{{tools_.helpers + "/floor", std::to_string(bytes)}, work("floor.out")};
+  command.words.insert(command.words.end(), inputs.begin(), inputs.end());
+  return command;
+}
+
+void Bench::time_row(const Input& input, const char* conversion, const Usage& floor,
+                     const Usage& usage, double bound) {
+  times_.push_back({input.name, conversion, floor.seconds, usage.seconds, bound, input.judged});
+}
+
+void Bench::memory_row(const Input& input, const char* conversion, double allowed,
+                       const Usage& usage) {
+  memory_.push_back({input.name, conversion, allowed, static_cast<double>(usage.peak_bytes),
+                     allowed > 0 ? 1.0 : 0.0, input.judged});
+}
+
+void Bench::measure(const Input& input) {
+  const std::string text = work("out.sym");
+  const std::string symb = work("out.symb");
+  std::vector<std::string> inputs = {input.pdb};
+  std::vector<std::string> pdb_words = {tools_.symforge};
+  if (!input.image.empty()) {
+    inputs.push_back(input.image);
+    pdb_words.insert(pdb_words.end(), {"-e", input.image});
+  }
+  pdb_words.push_back(input.pdb);
+  std::vector<std::string> pdb_to_symb = pdb_words;
+  pdb_to_symb.insert(pdb_to_symb.begin() + 1, "-b");
+
+  // Both outputs are inputs of the conversions back; the first runs also warm the page cache.
+  run_once({pdb_words, text});
+  run_once({{tools_.symforge, "-b", text}, symb});
+  sync();
+  const uint64_t text_bytes = file_size(text);
+  const uint64_t input_bytes = file_size(input.pdb);
+
+  const std::vector<Usage> usage = run_interleaved({floor(text_bytes, inputs),
+                                                    {pdb_words, work("a.out")},
+                                                    {pdb_to_symb, work("b.out")},
+                                                    {{"cat", text}, work("c.out")},
+                                                    {{tools_.symforge, "-b", text}, work("d.out")},
+                                                    floor(text_bytes, {symb}),
+                                                    {{tools_.symforge, symb}, work("e.out")}},
+                                                   tools_.runs);
+  time_row(input, "PDB to text", usage[0], usage[1], 3);
+  time_row(input, "PDB to SYMB", usage[0], usage[2], 6);
+  time_row(input, "text to SYMB", usage[3], usage[4], 12);
+  time_row(input, "SYMB to text", usage[5], usage[6], 3);
+  memory_row(
+      input, "PDB to text",
+      static_cast<double>(input_bytes) + 1.5 * static_cast<double>(text_bytes) + 16 * kMebibyte,
+      usage[1]);
+  memory_row(input, "PDB to SYMB", 0, usage[2]);
+  memory_row(input, "text to SYMB", 4.0 * static_cast<double>(text_bytes), usage[4]);
+  memory_row(input, "SYMB to text", 0, usage[6]);
+  if (input.in_growth) {
+    growth_.push_back({"PDB to text", input_bytes, usage[1].seconds});
+    growth_.push_back({"PDB to SYMB", input_bytes, usage[2].seconds});
+    growth_.push_back({"text to SYMB", text_bytes, usage[4].seconds});
+    growth_.push_back({"SYMB to text", file_size(symb), usage[6].seconds});
+  }
+  char sizes[200];
+  std::snprintf(sizes, sizeof sizes, "| %s | %.2f | %.2f | %.2f |", input.name.c_str(),
+                static_cast<double>(input_bytes) / kMegabyte,
+                static_cast<double>(text_bytes) / kMegabyte,
+                static_cast<double>(file_size(symb)) / kMegabyte);
+  sizes_.emplace_back(sizes);
+}
+
+const char* verdict(bool judged, bool holds) {
+  if (!judged) return "";
+  return holds ? "holds" : "**missed**";
+}
+
+void print_times(const std::vector<Row>& rows) {
+  std::printf("\n| input | conversion | floor, ms | time, ms | ratio | at most | |\n");
+  std::printf("|---|---|---|---|---|---|---|\n");
+  for (const Row& row : rows) {
+    const double ratio = row.measured / row.base;
+    std::printf("| %s | %s | %.1f | %.1f | %.2f | %.0f | %s |\n", row.input.c_str(),
+                row.conversion.c_str(), row.base * 1e3, row.measured * 1e3, ratio, row.bound,
+                verdict(row.judged, ratio <= row.bound));
+  }
+}
+
+void print_memory(const std::vector<Row>& rows) {
+  std::printf("\n| input | conversion | peak, MiB | allowed, MiB | |\n|---|---|---|---|---|\n");
+  for (const Row& row : rows) {
+    std::printf("| %s | %s | %.1f | ", row.input.c_str(), row.conversion.c_str(),
+                row.measured / kMebibyte);
+    if (row.bound > 0) {
+      std::printf("%.1f | %s |\n", row.base / kMebibyte,
+                  verdict(row.judged, row.measured <= row.base));
+    } else {
+      std::printf("| |\n");
+    }
+  }
+}
+
+// Time per byte at the larger of two sizes in times of that at the smaller. The rows of the two
+// inputs stand in the same order.
+void print_growth(const std::vector<Timing>& timings) {
+  std::printf("\n| conversion | growth of input | growth of time | over linear | at most | |\n");
+  std::printf("|---|---|---|---|---|---|\n");
+  const size_t half = timings.size() / 2;
+  for (size_t i = 0; i < half; ++i) {
+    const Timing& small = timings[i];
+    const Timing& large = timings[half + i];
+    const double input = static_cast<double>(large.bytes) / static_cast<double>(small.bytes);
+    const double time = large.seconds / small.seconds;
+    std::printf("| %s | %.1f | %.1f | %.2f | 1.25 | %s |\n", small.conversion.c_str(), input, time,
+                time / input, verdict(true, time / input <= 1.25));
+  }
+}
+
+void Bench::print() const {
+  std::printf("| input | PDB, MB | text, MB | SYMB, MB |\n|---|---|---|---|\n");
+  for (const std::string& line : sizes_) std::printf("%s\n", line.c_str());
+  print_times(times_);
+  print_memory(memory_);
+  if (growth_.size() >= 8) print_growth(growth_);
+}
+
+// Generated in a process of its own, as this one has to stay small.
+Input generated(const Tools& tools, int megabytes) {
+  const std::string size = std::to_string(megabytes);
+  const std::string path = tools.work + "/generated" + size;
+  run_once({{tools.helpers + "/generate_pdb", size, path}, tools.work + "/generate.out"});
+  return {size + " MB, generated", path + ".pdb", path + ".exe", megabytes >= 20, megabytes >= 20};
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 5) {
+    std::fprintf(stderr, "usage: %s SYMFORGE HELPERS WORK RUNS [PDB [PE]]\n", argv[0]);
+    return 2;
+  }
+  const Tools tools{argv[1], argv[2], argv[3], std::atoi(argv[4])};
+  try {
+    Bench bench(tools);
+    if (argc > 5) {
+      const std::string pdb = argv[5];
+      bench.measure({pdb.substr(pdb.rfind('/') + 1), pdb, argc > 6 ? argv[6] : ""});
+    }
+    for (const int megabytes : {1, 20, 400}) bench.measure(generated(tools, megabytes));
+    bench.print();
+  } catch (const std::exception& failure) {
+    std::fprintf(stderr, "%s\n", failure.what());
+    return 1;
+  }
+}
