@@ -31,7 +31,10 @@
 
 #include "common/text_buffer.h"
 #include "symforge/src/CodeView.h"
+#include "symforge/src/Globals.h"
+#include "symforge/src/NameStream.h"
 #include "symforge/src/PDBHeaders.h"
+#include "symforge/src/SourceFiles.h"
 #include "symforge/src/StreamReader.h"
 #include "symforge/src/TypeTable.h"
 #include "symforge/src/WinStructs.h"
@@ -80,25 +83,10 @@ struct InlineFunctionRecord {
   Annotation annotation = BEGIN;
   uint32_t inlinee = 0;
   DataPtr<unsigned char> binary_annotations;
-  size_t binary_annotations_len = 0;  // bytes, padding included
+  uint32_t binary_annotations_len = 0;  // bytes, padding included
 };
-
-// Public function symbols by address. The iteration order of this very map is the order in which
-// its entries join the functions.
-using Globals = std::unordered_map<uint32_t, FunctionRecord>;
 
 using SectionHeaders = std::vector<IMAGE_SECTION_HEADER>;
-
-// A source file of the whole PDB.
-struct UniqueSrc {
-  uint32_t id = 0;       // its number in FILE lines
-  uint32_t visited = 0;  // 1 once the FILE lines have dealt with it
-};
-// By the offset of the path in the /NAMES string area. One map serves all modules.
-using UniqueSrcFiles = std::unordered_map<uint32_t, UniqueSrc>;
-// One module's files: offset in its file checksums to the offset of the path. Key order orders FILE
-// lines.
-using SrcFileIndex = std::map<uint32_t, uint32_t>;
 
 // Where an inlined function is defined.
 struct InlineeLine {
@@ -150,11 +138,12 @@ class PDBParser {
     IPIStream = 4,       // id records
   };
 
-  // The /NAMES string area, by offset of a name in it. Empty: no name can be found.
-  struct NameStream;
-
   // One module (compiland) of the DBI stream that has a stream of its own.
-  struct Module;
+  struct Module {
+    DataPtr<DBIModuleInfo> info;
+    SrcFileIndex srcIndex;
+  };
+  using Modules = std::vector<Module>;
 
   // load() and what it leans on: PDBParser.cc, root_stream.cc.
   void loadPdb(const char* pdb, const char* sympath);
@@ -181,6 +170,8 @@ class PDBParser {
   // rendered is a function type.
   bool stringizeType(uint32_t type, std::string& output, uint32_t flags, bool info);
   void locateType(uint32_t inlinee, uint32_t& file_id, uint32_t& line_offset) const;
+  // Takes the parameters' size from the decorated public name at the function's offset. False, and
+  // `func` unchanged, when there is none that tells.
   bool updateParamSize(FunctionRecord& func, const Globals& globals) const;
 
   // Frame data: frame_data.cc.
