@@ -1,0 +1,253 @@
+// The program as its users meet it: options, exit statuses, messages, what it prints and what it
+// leaves in a symbol tree.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "tests/support/bytes.h"
+#include "tests/support/process.h"
+
+namespace {
+
+using namespace test_support;
+using ::testing::ContainsRegex;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+const std::string kText =
+    "MODULE windows x86_64 ABC1 my a.pdb\n"
+    "INFO CODE_ID     5F00 a.exe\n"
+    "FUNC 1000 10 0 main\n"
+    "1000 10 7 1\n";
+
+std::string usage() {
+  return "Usage: " SYMFORGE_PROGRAM
+         " [options] <pdb file/dir> <output_symbol_dir (optional)>\n\n"
+         "    -i                         DO NOT extract inline information\n"
+         "    -b                         Output sym file in binary format\n"
+         "    -e <exe/dll file>          Executable that matches the pdb file\n"
+         "    -r                         Convert pdb files in the directory recursively.\n"
+         "    -s <output_symbol_dir>     Root directory of Breakpad symbol tree\n"
+         "    -v                         Print version and exit.\n"
+         "    -h                         Print this help text and exit.\n";
+}
+
+TEST(OptionsTest, ChecksInTheirOrder) {
+  const TemporaryDirectory temp;
+  const std::string tree = temp.folder("tree");
+  const std::string text = temp.file("a.sym", kText);
+  const std::string unknown = SYMFORGE_PROGRAM ": invalid option -- 'x'\n" + usage();
+  const std::string exclusive = "symforge: options '-e' and '-r' are mutually exclusive\n";
+  const std::string no_tree =
+      "symforge: option '-r' implies multiple pdb files and the output symbol path must be set\n";
+  const std::string nowhere = "symforge: symbol path doesn't exist: /no/where\n";
+  const struct {
+    std::vector<std::string> args;
+    int status;
+    std::string out;
+    std::string err;
+  } cases[] = {
+      {{}, 1, "", usage()},
+      {{"-h"}, 0, usage(), ""},
+      {{"-v", "-x"}, 0, "1.50.4\n", ""},
+      {{"-x", "-v"}, 1, "", unknown},
+      {{"-e"}, 1, "", SYMFORGE_PROGRAM ": option requires an argument -- 'e'\n" + usage()},
+      {{"-s", tree}, 1, "", usage()},
+      {{"-r", "-s", tree}, 1, "", usage()},
+      {{"-r", "-e", "x"}, 1, "", exclusive},
+      {{"-r", "x"}, 1, "", no_tree},
+      {{"-r", "x", "/no/where"}, 1, "", nowhere},
+      {{"-s", tree, text, tree},
+       1,
+       "",
+       "symforge: output symbol path is already set in -s option: " + tree + "\n"},
+      {{"-e", "x"},
+       1,
+       "",
+       "symforge: output symbol path must be set with seperate exe/dll symbol\n"},
+      {{"-e", "x", "-s", "/no/where"}, 1, "", nowhere},
+      {{text, "/no/where"}, 1, "", nowhere},
+      {{text, "-s", "/no/where"}, 1, "", nowhere},
+      {{text}, 0, kText, ""},
+      {{text, tree, "third", "-i"}, 0, "", ""},
+      {{"-r", temp.folder("empty"), tree}, 1, "", ""},
+  };
+  for (const auto& c : cases) {
+    const Result result = run(c.args);
+    const std::string args = ::testing::PrintToString(c.args);
+    EXPECT_EQ(result.status, c.status) << args;
+    EXPECT_EQ(result.out, c.out) << args;
+    EXPECT_EQ(result.err, c.err) << args;
+  }
+}
+
+TEST(TextInputTest, PassesTheTextThrough) {
+  const std::string nul("FUNC\0 after NUL\n", 16);
+  const struct {
+    std::string input;
+    std::string output;
+  } cases[] = {
+      {kText + "no line end", kText + "no line end"},
+      {kText + nul, kText + nul},
+      {kText + "cut\xFF" + kText, kText + "cut"},
+      {kText + std::string(300000, 'x'), kText + std::string(300000, 'x')},
+  };
+  const TemporaryDirectory temp;
+  for (const auto& c : cases) {
+    const Result result = run({temp.file("any.name", c.input)});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out, c.output);
+    EXPECT_EQ(result.err, "");
+  }
+}
+
+TEST(TextInputTest, ReadsAPipe) {
+  const Result result = run({"-c", "printf 'MODULE a b C d\\n' | " SYMFORGE_PROGRAM " /dev/stdin"},
+                            {.program = "/bin/sh"});
+  EXPECT_EQ(result.out, "MODULE a b C d\n");
+}
+
+TEST(TextInputTest, NeedsAnIdentity) {
+  const TemporaryDirectory temp;
+  const std::string tree = temp.folder("tree");
+  const std::string nul("MODULE a b\0 C d\n", 16);
+  for (const std::string& text : {std::string("MODULE"), std::string("MODULE a b C\n"), nul,
+                                  "MODULE " + std::string(9000, 'x') + "\n"}) {
+    const Result result = run({temp.file("a.sym", text), tree});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.err, "symforge: failed to extrace debug id from data\n");
+    EXPECT_EQ(list_tree(tree), Tree());
+  }
+}
+
+TEST(TreeTest, HoldsTheFileItsFoldersAndTheLink) {
+  const TemporaryDirectory temp;
+  const std::string tree = temp.folder("tree");
+  const Tree expected = {{"my a.pdb", "dir 0700"},
+                         {"my a.pdb/5F00", "link ABC1"},
+                         {"my a.pdb/ABC1", "dir 0700"},
+                         {"my a.pdb/ABC1/my a.sym", "file 0600 " + kText}};
+  const std::string input = temp.file("a.sym", kText);
+  for (int i = 0; i < 2; ++i) {
+    const Result result = run({input, tree});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.err, "");
+    EXPECT_EQ(list_tree(tree), expected);
+  }
+}
+
+TEST(TreeTest, ConvertsAFileInPlace) {
+  const TemporaryDirectory temp;
+  const std::string target = temp.file("a.pdb/X/a.sym", "MODULE a b X a.pdb\n");
+  EXPECT_EQ(run({target, temp.path()}).status, 0);
+  EXPECT_EQ(read_file(target), "MODULE a b X a.pdb\n");
+}
+
+TEST(TreeTest, LinksOnlyToFoldersOfImages) {
+  const struct {
+    const char* code;
+    const char* link;  // null: none
+  } cases[] = {
+      {"12 a.dll", "12"},    {"12 my a.exe", "12"},
+      {"12 A.EXE", nullptr}, {"12 a.sys", nullptr},
+      {"12", nullptr},       {"../12 a.exe", nullptr},
+      {".. a.exe", nullptr}, {"/tmp/12 a.exe", nullptr},
+  };
+  for (const auto& c : cases) {
+    const TemporaryDirectory temp;
+    const std::string tree = temp.folder("tree");
+    const std::string text = std::string("MODULE a b X a.pdb\nINFO CODE_ID ") + c.code + "\n";
+    const Result result = run({temp.file("a.sym", text), tree});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.err, "");
+    Tree expected = {
+        {"a.pdb", "dir 0700"}, {"a.pdb/X", "dir 0700"}, {"a.pdb/X/a.sym", "file 0600 " + text}};
+    if (c.link != nullptr) expected[std::string("a.pdb/") + c.link] = "link X";
+    EXPECT_EQ(list_tree(tree), expected) << c.code;
+  }
+}
+
+// What stands in the way of a result in the tree: the message, status 0, and nothing new.
+TEST(TreeTest, ReportsWhatItCannotWrite) {
+  const std::string long_name(252, 'n');
+  const struct {
+    std::string module;   // identifier and debug file
+    std::string blocker;  // file in the tree; a folder when it ends in '/'
+    std::string message;
+  } cases[] = {
+      {"X ../a.pdb", "", "failed to create symbol file path: ../a.pdb/X"},
+      {".. a.pdb", "", "failed to create symbol file path: a.pdb/.."},
+      {"X " + std::string(256, 'n'), "",
+       "failed to create symbol file path: " + std::string(256, 'n') + "/X"},
+      {"X a.pdb", "a.pdb", "failed to create symbol file path: a.pdb/X"},
+      {"X a.pdb", "a.pdb/X", "failed to mkstemp: 20"},
+      {"X a.pdb", "a.pdb/X/a.sym/", "failed to rename: 21"},
+      {"X " + long_name, long_name + "/X/", "failed to mkstemp: 36"},
+  };
+  for (const auto& c : cases) {
+    const TemporaryDirectory temp;
+    const std::string tree = temp.folder("tree");
+    if (c.blocker.ends_with('/')) {
+      temp.folder("tree/" + c.blocker);
+    } else if (!c.blocker.empty()) {
+      temp.file("tree/" + c.blocker, "");
+    }
+    const Tree before = list_tree(tree);
+    const Result result =
+        run({temp.file("a.sym", "MODULE a b " + c.module + "\nINFO CODE_ID 12 a.exe\n"), tree});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.err, "symforge: " + c.message + "\n");
+    EXPECT_EQ(list_tree(tree), before);
+  }
+}
+
+TEST(TreeTest, UnwritableTreeIsReported) {
+  const TemporaryDirectory temp;
+  const std::string tree = temp.folder("tree");
+  chmod(temp.path().c_str(), 0755);
+  const Result result = run({temp.file("a.sym", kText), tree}, {.as_nobody = true});
+  EXPECT_EQ(result.err, "symforge: failed to create symbol file path: my a.pdb/ABC1\n");
+  EXPECT_EQ(list_tree(tree), Tree());
+}
+
+// A full disk, by way of a limit on the size of files.
+TEST(TreeTest, KeepsTheOldFileWhenTheNewOneCannotBeWritten) {
+  const TemporaryDirectory temp;
+  const std::string tree = temp.folder("tree");
+  ASSERT_EQ(run({temp.file("a.sym", kText), tree}).status, 0);
+  const Tree before = list_tree(tree);
+  const std::string bigger = temp.file("b.sym", kText + std::string(100000, 'x'));
+  const Result result = run({bigger, tree}, {.file_size = 50000});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.err, "symforge: failed to write: 27\n");
+  EXPECT_EQ(list_tree(tree), before);
+}
+
+TEST(StdoutTest, ReportsAFullDevice) {
+  const TemporaryDirectory temp;
+  const Result result = run({temp.file("a.sym", kText)}, {.stdout_path = "/dev/full"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.err, "symforge: failed to write: 28\n");
+}
+
+TEST(FailureTest, IsLoggedWithItsBacktrace) {
+  const TemporaryDirectory temp;
+  const std::string tree = temp.folder("tree");
+  for (const std::string& input : {temp.file("empty", ""), temp / "missing", temp.folder("dir")}) {
+    const Result result = run({input, tree});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.err, StartsWith("symforge: Failed to convert symbol file " + input +
+                                       ".\n"
+                                       "Exception caught: "));
+    EXPECT_THAT(result.err, ContainsRegex("\nBacktrace:\n(\t[^\n]*\n)+\n$"));
+    EXPECT_EQ(list_tree(tree), Tree());
+  }
+}
+
+}  // namespace

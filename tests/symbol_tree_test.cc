@@ -1,0 +1,136 @@
+// Places in a symbol tree, and the identity of a symbol file as its text tells it.
+
+#include <gtest/gtest.h>
+
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "symforge/src/utils.h"
+#include "tests/support/process.h"
+
+namespace {
+
+using test_support::list_tree;
+using test_support::TemporaryDirectory;
+using test_support::Tree;
+
+std::string sym_path_of(const char* debug_file, bool binary) {
+  std::string path;
+  EXPECT_TRUE(synthesize_sym_path("R", debug_file, "X", binary, false, path));
+  return path;
+}
+
+TEST(SymPathTest, NamesTheFileAfterTheDebugFile) {
+  const struct {
+    const char* debug_file;
+    const char* path;
+  } cases[] = {
+      {"a.pdb", "R/a.pdb/X/a.sym"},
+      {"a.dll", "R/a.dll/X/a.dll.sym"},
+      {"A.PDB", "R/A.PDB/X/A.PDB.sym"},
+      {".pdb", "R/.pdb/X/.pdb.sym"},
+      {"a.pdb.pdb", "R/a.pdb.pdb/X/a.pdb.sym"},
+      {"my a.pdb", "R/my a.pdb/X/my a.sym"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(sym_path_of(c.debug_file, false), c.path);
+    EXPECT_EQ(sym_path_of(c.debug_file, true), std::string(c.path) + "b");
+  }
+}
+
+TEST(SymPathTest, MakesTheFoldersAndAcceptsThoseThatAreThere) {
+  const TemporaryDirectory root;
+  std::string path;
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_TRUE(synthesize_sym_path(root.path().c_str(), "a.pdb", "X", false, true, path));
+    EXPECT_EQ(list_tree(root.path()), (Tree{{"a.pdb", "dir 0700"}, {"a.pdb/X", "dir 0700"}}));
+  }
+}
+
+TEST(SymPathTest, RefusesWhatWouldLeadOutOfItsFolder) {
+  const TemporaryDirectory root;
+  const std::string tree = root.folder("tree");
+  const struct {
+    const char* debug_file;
+    const char* debug_id;
+  } cases[] = {{"..", "X"},     {".", "X"},           {"../a", "X"},   {"/a", "X"},
+               {"a.pdb", ".."}, {"a.pdb", "../../b"}, {"a.pdb", "x/y"}};
+  for (const auto& c : cases) {
+    std::string path;
+    EXPECT_FALSE(synthesize_sym_path(tree.c_str(), c.debug_file, c.debug_id, false, true, path));
+  }
+  EXPECT_EQ(list_tree(root.path()), (Tree{{"tree", "dir 0755"}}));
+}
+
+struct Identity {
+  bool valid;
+  std::vector<std::string> fields;  // in the order of sym_info
+
+  bool operator==(const Identity&) const = default;
+  friend std::ostream& operator<<(std::ostream& out, const Identity& identity) {
+    out << (identity.valid ? "valid" : "invalid");
+    for (const std::string& field : identity.fields) out << " [" << field << "]";
+    return out;
+  }
+};
+
+Identity identity_of(const std::string& text) {
+  sym_info info;
+  const bool valid = sym_info_parse(text.c_str(), info);
+  return {valid,
+          {info.os, info.arch, info.debug_id, info.debug_file, info.code_id, info.code_file}};
+}
+
+TEST(IdentityTest, ReadsModuleAndCodeIdLines) {
+  const struct {
+    const char* what;
+    const char* text;
+    Identity identity;
+  } cases[] = {
+      {"empty text", "", {false, {"", "", "", "", "", ""}}},
+      {"no line feed", "MODULE windows x86 X a.pdb", {false, {"", "", "", "", "", ""}}},
+      {"blanks in names, around names, and runs of them between words",
+       "MODULE windows  x86 X   my a.pdb \nINFO CODE_ID     5F00 my a.exe  \n",
+       {true, {"windows", "x86", "X", "my a.pdb", "5F00", "my a.exe"}}},
+      {"carriage returns",
+       "MODULE windows x86 X a.pdb\r\r\nINFO CODE_ID 5F00 a.exe\r\n",
+       {true, {"windows", "x86", "X", "a.pdb", "5F00", "a.exe"}}},
+      {"code identifier late in the text",
+       "MODULE windows x86 X a.pdb\nFUNC 1 1 1 f\n\nINFO CODE_ID 5F00 a.exe\nSTACK CFI 1 x\n",
+       {true, {"windows", "x86", "X", "a.pdb", "5F00", "a.exe"}}},
+      {"the last MODULE line counts, up to INFO CODE_ID",
+       "MODULE windows x86 X a.pdb\nMODULE os arch Y b.pdb\nINFO CODE_ID 1 a.exe\nMODULE a b Z c\n",
+       {true, {"os", "arch", "Y", "b.pdb", "1", "a.exe"}}},
+      {"INFO CODE_ID ahead of MODULE ends the scan",
+       "INFO CODE_ID 5F00 a.exe\nMODULE windows x86 X a.pdb\n",
+       {false, {"", "", "", "", "5F00", "a.exe"}}},
+      {"words run out", "MODULE windows x86 X\n", {false, {"windows", "x86", "X", "", "", ""}}},
+      {"fields not reached keep their values",
+       "MODULE windows x86 X a.pdb\nMODULE os\nINFO CODE_ID \n",
+       {true, {"os", "x86", "X", "a.pdb", "", ""}}},
+      {"keywords need their blank", "MODULES a b c d\nMODULE\n", {false, {"", "", "", "", "", ""}}},
+  };
+  for (const auto& c : cases) EXPECT_EQ(identity_of(c.text), c.identity) << c.what;
+}
+
+TEST(IdentityTest, RefusesIdentityLinesThatFillTheirBuffer) {
+  const std::string module = "MODULE windows x86 X ";
+  const auto text = [&](size_t length) {
+    return module + std::string(length - module.size(), 'n') + "\n";
+  };
+  EXPECT_TRUE(identity_of(text(4095)).valid);
+  EXPECT_FALSE(identity_of(text(4096)).valid);
+  EXPECT_FALSE(identity_of(module + "a.pdb\n" + text(4096)).valid);
+  EXPECT_TRUE(identity_of(module + "a.pdb\nFUNC " + std::string(9000, 'x') + "\n").valid);
+}
+
+TEST(StrupperTest, LeavesTheFirstCharacter) {
+  for (const auto& [before, after] : {std::pair("abc", "aBC"), {"/names", "/NAMES"}, {"", ""}}) {
+    std::string text = before;
+    EXPECT_STREQ(strupper(text.data()), after);
+  }
+  EXPECT_EQ(strupper(nullptr), nullptr);
+}
+
+}  // namespace
