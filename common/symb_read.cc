@@ -1,0 +1,427 @@
+// From a SYMB block back to text: the block is relocated, then its tables are printed in order.
+
+#include <sstream>
+#include <string_view>
+#include <vector>
+
+#include "common/symb.h"
+#include "common/symb_block.h"
+#include "common/text_buffer.h"
+
+namespace {
+
+// Room for the numbers of a line, with the blanks between them and its longest keyword.
+constexpr size_t kNumbersRoom = 256;
+
+// Prints a relocated block. Every view into the block is taken through records() or string(), so
+// that what lies outside makes the printer fail and is never read. Tables may stand at any address,
+// so records are copied out of the block one by one.
+class Printer {
+ public:
+  Printer(const char* block, uint64_t size, TextBuffer& text)
+      : block_(block), size_(size), budget_(size), text_(text) {}
+
+  bool print() {
+    header_ = {};
+    const bool has_v2 = symb_load<symb_header_metadata>(block_).version >= 2;
+    std::memcpy(&header_, block_, has_v2 ? sizeof(symb_header_v2) : sizeof(symb_header_v1));
+    return identity() && sections() && files() && symbols() && stack_win() && stack_cfi();
+  }
+
+ private:
+  // The records that a relocated reference leads to. The result for no records is valid for
+  // nothing.
+  bool records(uint64_t reference, uint64_t count, size_t record_size, const char** first) const {
+    const uint64_t offset = reference - reinterpret_cast<uint64_t>(block_);
+    if (count != 0 && !symb_holds(size_, offset, count, record_size)) return false;
+    *first = count != 0 ? block_ + offset : nullptr;
+    return true;
+  }
+
+  bool string(uint64_t reference, std::string_view* text) const {
+    const uint64_t offset = reference - reinterpret_cast<uint64_t>(block_);
+    if (offset >= size_) return false;
+    const char* begin = block_ + offset;
+    const void* end = std::memchr(begin, '\0', size_ - offset);
+    if (end == nullptr) return false;
+    *text = {begin, static_cast<size_t>(static_cast<const char*>(end) - begin)};
+    return true;
+  }
+
+  // Functions may share lines, and ranges the ranges inside them, so that a small damaged block
+  // could print without end: no more lines and ranges are printed than the block has bytes.
+  bool spend(uint64_t records) {
+    if (records > budget_) return false;
+    budget_ -= records;
+    return true;
+  }
+
+  bool identity();
+  bool sections();
+  bool files();
+  bool symbols();
+  template <typename Function>
+  bool merged(const char* function, const char* public_function);
+  bool outputFunction(const symb_func& function);
+  bool outputFunctionInline(const symb_func_inline& function);
+  bool outputPublicFunction(const symb_public& symbol);
+  bool function_line(const symb_func& function);
+  bool lines(const symb_func& function);
+  bool stack_win();
+  bool enter_map(const symb_nested_window_frame_info& owner);
+  bool outputWindowFrameInfo(const symb_nested_window_frame_info& range);
+  bool stack_cfi();
+  bool initial_rule(const symb_cfi_rule& rule);
+  bool delta_rule(const symb_cfi_delta_rule& rule);
+
+  // The part of an array of frame info ranges that is still to be printed.
+  struct Array {
+    const char* next;
+    const char* end;
+  };
+
+  const char* block_;
+  uint64_t size_;
+  uint64_t budget_;
+  TextBuffer& text_;
+  symb_header header_;
+  std::vector<Array> path_;  // from a root to the current range
+};
+
+bool Printer::identity() {
+  const symb_header_v1& header = header_.v1;
+  std::string_view os, arch, debug_id, debug_file;
+  if (!string(header.os, &os) || !string(header.arch, &arch) ||
+      !string(header.debug_id, &debug_id) || !string(header.debug_file, &debug_file)) {
+    return false;
+  }
+  LineWriter(text_, os.size() + arch.size() + debug_id.size() + debug_file.size() + kNumbersRoom)
+      .str("MODULE ")
+      .str(os)
+      .chr(' ')
+      .str(arch)
+      .chr(' ')
+      .str(debug_id)
+      .chr(' ')
+      .str(debug_file)
+      .chr('\n');
+
+  if (header.code_id == 0 || header.code_file == 0) return true;
+  std::string_view code_id, code_file;
+  if (!string(header.code_id, &code_id) || !string(header.code_file, &code_file)) return false;
+  LineWriter(text_, code_id.size() + code_file.size() + kNumbersRoom)
+      .str("INFO CODE_ID ")
+      .str(code_id)
+      .chr(' ')
+      .str(code_file)
+      .chr('\n');
+  return true;
+}
+
+bool Printer::sections() {
+  const char* at;
+  if (!records(header_.sections, header_.section_count, sizeof(symb_section), &at)) return false;
+  for (uint64_t i = 0; i < header_.section_count; ++i, at += sizeof(symb_section)) {
+    const auto section = symb_load<symb_section>(at);
+    LineWriter(text_, kNumbersRoom)
+        .str("INFO SECTION ")
+        .hex(i)
+        .str(" virtaddr ")
+        .hex(section.virtaddr)
+        .str(" rawsize ")
+        .hex(section.rawsize)
+        .chr('\n');
+  }
+  return true;
+}
+
+bool Printer::files() {
+  const uint64_t count = header_.v1.file_count;
+  const char* at;
+  if (!records(header_.v1.files, count, sizeof(symb_file), &at)) return false;
+  for (uint64_t i = 0; i < count; ++i, at += sizeof(symb_file)) {
+    const auto file = symb_load<symb_file>(at);
+    std::string_view name;
+    if (!string(file.name, &name)) return false;
+    LineWriter(text_, name.size() + kNumbersRoom)
+        .str("FILE ")
+        .dec_signed(file.index)
+        .chr(' ')
+        .str(name)
+        .chr('\n');
+  }
+  return true;
+}
+
+bool Printer::symbols() {
+  const bool has_inline = header_.v1.md.version > 2;
+  const char* function;
+  const char* public_function;
+  if (!records(header_.v1.functions, header_.v1.function_count,
+               has_inline ? sizeof(symb_func_inline) : sizeof(symb_func), &function) ||
+      !records(header_.v1.public_functions, header_.v1.public_function_count, sizeof(symb_public),
+               &public_function)) {
+    return false;
+  }
+  return has_inline ? merged<symb_func_inline>(function, public_function)
+                    : merged<symb_func>(function, public_function);
+}
+
+// Functions and publics by address; a function goes before a public at the same address.
+template <typename Function>
+bool Printer::merged(const char* function, const char* public_function) {
+  uint64_t functions_left = header_.v1.function_count;
+  uint64_t publics_left = header_.v1.public_function_count;
+  while (functions_left != 0 || publics_left != 0) {
+    if (publics_left == 0 ||
+        (functions_left != 0 &&
+         symb_load<uint32_t>(function + offsetof(symb_func, address)) <=
+             symb_load<uint32_t>(public_function + offsetof(symb_public, address)))) {
+      const auto record = symb_load<Function>(function);
+      if constexpr (sizeof(Function) == sizeof(symb_func)) {
+        if (!outputFunction(record)) return false;
+      } else {
+        if (!outputFunctionInline(record)) return false;
+      }
+      function += sizeof(Function);
+      --functions_left;
+    } else {
+      if (!outputPublicFunction(symb_load<symb_public>(public_function))) return false;
+      public_function += sizeof(symb_public);
+      --publics_left;
+    }
+  }
+  return true;
+}
+
+bool Printer::outputPublicFunction(const symb_public& symbol) {
+  std::string_view name;
+  if (!string(symbol.name, &name)) return false;
+  LineWriter(text_, name.size() + kNumbersRoom)
+      .str("PUBLIC ")
+      .hex(symbol.address)
+      .chr(' ')
+      .hex(static_cast<uint32_t>(symbol.parameter_size))
+      .chr(' ')
+      .str(name)
+      .chr('\n');
+  return true;
+}
+
+bool Printer::function_line(const symb_func& function) {
+  std::string_view name;
+  if (!string(function.name, &name)) return false;
+  LineWriter(text_, name.size() + kNumbersRoom)
+      .str("FUNC ")
+      .hex(function.address)
+      .chr(' ')
+      .hex(function.size)
+      .chr(' ')
+      .hex(static_cast<uint32_t>(function.parameter_size))
+      .chr(' ')
+      .str(name)
+      .chr('\n');
+  return true;
+}
+
+bool Printer::lines(const symb_func& function) {
+  const char* at;
+  if (!records(function.lines, function.line_count, sizeof(symb_line), &at) ||
+      !spend(function.line_count)) {
+    return false;
+  }
+  for (uint32_t i = 0; i < function.line_count; ++i, at += sizeof(symb_line)) {
+    const auto line = symb_load<symb_line>(at);
+    LineWriter(text_, kNumbersRoom)
+        .hex(line.address)
+        .chr(' ')
+        .hex(line.size)
+        .chr(' ')
+        .dec_signed(line.line)
+        .chr(' ')
+        .dec_signed(line.source_file_id)
+        .chr('\n');
+  }
+  return true;
+}
+
+bool Printer::outputFunction(const symb_func& function) {
+  if (!function_line(function)) return false;
+  return function.lines == 0 || function.line_count == 0 || lines(function);
+}
+
+// Inline sites of a function without lines are not printed: no reader of the text could use them.
+bool Printer::outputFunctionInline(const symb_func_inline& function) {
+  symb_func plain;
+  static_assert(sizeof(plain) <= sizeof(function));
+  std::memcpy(&plain, &function, sizeof(plain));
+  if (!outputFunction(plain)) return false;
+  if (function.lines == 0 || function.line_count == 0) return true;
+
+  const char* at;
+  if (!records(function.inlines, function.inline_count, sizeof(symb_inline), &at)) return false;
+  for (uint32_t i = 0; i < function.inline_count; ++i, at += sizeof(symb_inline)) {
+    const auto site = symb_load<symb_inline>(at);
+    std::string_view name;
+    if (!string(site.name, &name)) return false;
+    LineWriter(text_, name.size() + kNumbersRoom)
+        .str("I ")
+        .hex(site.address)
+        .chr(' ')
+        .hex(site.size)
+        .chr(' ')
+        .dec_signed(site.line)
+        .chr(' ')
+        .dec_signed(site.source_file_id)
+        .chr(' ')
+        .hex(site.caller)
+        .chr(' ')
+        .str(name)
+        .chr('\n');
+  }
+  return true;
+}
+
+// Types from the last to the first; within a type a range goes before those that it contains.
+// Without recursion: nesting is as deep as the file wants it to be.
+bool Printer::stack_win() {
+  constexpr size_t kRecord = sizeof(symb_nested_window_frame_info);
+  const uint64_t count = header_.v1.windows_frame_info_count;
+  const char* roots;
+  if (!records(header_.v1.windows_frame_info, count, kRecord, &roots)) return false;
+  for (uint64_t type = count; type-- > 0;) {
+    if (!enter_map(symb_load<symb_nested_window_frame_info>(roots + type * kRecord))) return false;
+    while (!path_.empty()) {
+      Array& array = path_.back();
+      if (array.next == array.end) {
+        path_.pop_back();
+        continue;
+      }
+      const auto range = symb_load<symb_nested_window_frame_info>(array.next);
+      array.next += kRecord;
+      if (!outputWindowFrameInfo(range) || !enter_map(range)) return false;
+    }
+  }
+  return true;
+}
+
+bool Printer::enter_map(const symb_nested_window_frame_info& owner) {
+  constexpr size_t kRecord = sizeof(symb_nested_window_frame_info);
+  if (owner.map == 0 || owner.map_count == 0) return true;
+  const char* first;
+  if (!records(owner.map, owner.map_count, kRecord, &first) || !spend(owner.map_count)) {
+    return false;
+  }
+  path_.push_back({first, first + owner.map_count * kRecord});
+  return true;
+}
+
+bool Printer::outputWindowFrameInfo(const symb_nested_window_frame_info& range) {
+  const symb_window_frame_info& info = range.wfi;
+  std::string_view program;
+  if (info.program_string != 0 && !string(info.program_string, &program)) return false;
+  LineWriter line(text_, program.size() + kNumbersRoom);
+  line.str("STACK WIN ")
+      .hex(static_cast<uint32_t>(info.type))
+      .chr(' ')
+      .hex(range.base)
+      .chr(' ')
+      .hex(range.address + 1 - range.base)
+      .chr(' ')
+      .hex(info.prolog_size)
+      .chr(' ')
+      .hex(info.epilog_size)
+      .chr(' ')
+      .hex(info.parameter_size)
+      .chr(' ')
+      .hex(info.saved_register_size)
+      .chr(' ')
+      .hex(info.local_size)
+      .chr(' ')
+      .hex(info.max_stack_size)
+      .chr(' ');
+  if (info.program_string != 0) {
+    line.str("1 ").str(program);
+  } else {
+    line.str("0 ").chr(info.allocates_base_pointer != 0 ? '1' : '0');
+  }
+  line.chr('\n');
+  return true;
+}
+
+uint32_t delta_address(const char* delta) {
+  return symb_load<uint32_t>(delta + offsetof(symb_cfi_delta_rule, address));
+}
+
+// Deltas follow the initial rule whose range holds them; those in no range are dropped. The ends of
+// ranges are 32-bit sums, as in the lookups.
+bool Printer::stack_cfi() {
+  const symb_header_v1& header = header_.v1;
+  if (header.cfi_initial_rule_count == 0) return true;
+  const char* initial;
+  const char* delta;
+  if (!records(header.cfi_initial_rules, header.cfi_initial_rule_count, sizeof(symb_cfi_rule),
+               &initial) ||
+      !records(header.cfi_delta_rules, header.cfi_delta_rule_count, sizeof(symb_cfi_delta_rule),
+               &delta)) {
+    return false;
+  }
+  const char* const deltas_end = delta + header.cfi_delta_rule_count * sizeof(symb_cfi_delta_rule);
+  for (uint64_t i = 0; i < header.cfi_initial_rule_count; ++i, initial += sizeof(symb_cfi_rule)) {
+    const auto rule = symb_load<symb_cfi_rule>(initial);
+    if (!initial_rule(rule)) return false;
+    while (delta != deltas_end && delta_address(delta) < rule.base) {
+      delta += sizeof(symb_cfi_delta_rule);
+    }
+    for (; delta != deltas_end && delta_address(delta) < rule.base + rule.size;
+         delta += sizeof(symb_cfi_delta_rule)) {
+      if (!delta_rule(symb_load<symb_cfi_delta_rule>(delta))) return false;
+    }
+  }
+  return true;
+}
+
+bool Printer::initial_rule(const symb_cfi_rule& rule) {
+  std::string_view text;
+  if (!string(rule.rule, &text)) return false;
+  LineWriter(text_, text.size() + kNumbersRoom)
+      .str("STACK CFI INIT ")
+      .hex(rule.base)
+      .chr(' ')
+      .hex(rule.size)
+      .chr(' ')
+      .str(text)
+      .chr('\n');
+  return true;
+}
+
+bool Printer::delta_rule(const symb_cfi_delta_rule& rule) {
+  std::string_view text;
+  if (!string(rule.rule, &text)) return false;
+  LineWriter(text_, text.size() + kNumbersRoom)
+      .str("STACK CFI ")
+      .hex(rule.address)
+      .chr(' ')
+      .str(text)
+      .chr('\n');
+  return true;
+}
+
+}  // namespace
+
+bool symb_read(char* in_buffer, size_t in_buffer_size, TextBuffer& out) {
+  constexpr std::string_view kMagic = "SYMB";
+  if (!std::string_view(in_buffer, in_buffer_size).starts_with(kMagic)) return false;
+  if (!symb_relocate(reinterpret_cast<uint64_t>(in_buffer), in_buffer_size)) return false;
+  const size_t before = out.size();
+  if (Printer(in_buffer, in_buffer_size, out).print()) return true;
+  out.truncate(before);
+  return false;
+}
+
+bool symb_read(char* in_buffer, size_t in_buffer_size, std::stringstream& out) {
+  TextBuffer text;
+  if (!symb_read(in_buffer, in_buffer_size, text)) return false;
+  out.write(text.view().data(), static_cast<std::streamsize>(text.size()));
+  return true;
+}
