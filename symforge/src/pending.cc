@@ -15,7 +15,6 @@ PENDING bool pdb_debug_id(const char*, std::string&) { return false; }
 PENDING bool pe64_debug_id(const char*, std::string&, std::string&) { return false; }
 }  // namespace google_breakpad
 
-PENDING bool symb_read(char*, size_t, TextBuffer&) { return false; }
 PENDING bool symb_write(const char*, char**, size_t*) {
   throw google_breakpad::pdb_exception("SYMB output is not supported yet");
 }

@@ -11,13 +11,10 @@
 #include <cstring>
 #include <memory>
 
+#include "common/symb.h"
 #include "common/text_buffer.h"
 #include "symforge/src/PDBParser.h"
 #include "symforge/src/file_io.h"
-
-// Until the format's own header stands.
-bool symb_read(char* in_buffer, size_t in_buffer_size, TextBuffer& out);
-bool symb_write(const char* symbol_data, char** out_buffer, size_t* out_buffer_size);
 
 using google_breakpad::pdb_exception;
 using google_breakpad::PDBParser;
