@@ -71,7 +71,7 @@ void StreamReader::seekToOtherRun(uint32_t offset) {
   }
   const uint32_t lastPosition = pageSize * pages[last];
   const uint64_t end = uint64_t{lastPosition} + pageSize;
-  if (end > m_file.length + MMapWrapper::kGuardBytes)
+  if (end + kCopySlack > m_file.length + MMapWrapper::kGuardBytes)
     throw pdb_recoverable_exception(kOutsideOfPages);
 
   m_runData = m_file.base + position;

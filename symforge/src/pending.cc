@@ -2,7 +2,6 @@
 // own line here by linking first. Inputs that need them fail with a message.
 
 #include "symforge/src/PDBParser.h"
-#include "symforge/src/pe_image.h"
 
 #define PENDING __attribute__((weak))
 
@@ -12,7 +11,6 @@ PENDING void PDBParser::load(const char*, const char*, const char*, TextBuffer&)
 }
 PENDING void PDBParser::printBreakpadSymbols(TextBuffer&, FileMod*) {}
 PENDING bool pdb_debug_id(const char*, std::string&) { return false; }
-PENDING bool pe64_debug_id(const char*, std::string&, std::string&) { return false; }
 }  // namespace google_breakpad
 
 PENDING bool symb_write(const char*, char**, size_t*) {
