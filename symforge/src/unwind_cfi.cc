@@ -1,0 +1,201 @@
+#include "symforge/src/unwind_cfi.h"
+
+#include <unistd.h>
+
+#include <cassert>
+#include <cstdio>
+
+#include "symforge/src/PDBParser.h"
+#include "symforge/src/unwind_codes.h"
+
+namespace google_breakpad {
+
+namespace {
+
+struct NamedRegister {
+  uint8_t number;
+  std::string_view name;
+};
+
+// In the order of the output.
+constexpr NamedRegister kPrinted[] = {
+    {kRbp, "$rbp"}, {kR12, "$r12"}, {kR13, "$r13"}, {kR14, "$r14"}, {kR15, "$r15"},
+    {kRbx, "$rbx"}, {kRdi, "$rdi"}, {kRsi, "$rsi"}, {kRsp, "$rsp"},
+};
+
+// Notices that a walk from address to address goes round in a circle: it looks out for a place that
+// is moved on ever more rarely, and waits for a second return so that every step of the circle was
+// taken twice.
+class CircleGuard {
+ public:
+  bool closes(uint32_t rva) {
+    if (m_steps != 0 && rva == m_place) return ++m_returns == 2;
+    if (++m_steps == m_limit) {
+      m_place = rva;
+      m_limit *= 2;
+      m_returns = 0;
+    }
+    return false;
+  }
+
+ private:
+  uint32_t m_place = 0;
+  uint64_t m_steps = 0;
+  uint64_t m_limit = 1;
+  int m_returns = 0;
+};
+
+enum class Walk { kDone, kNoUnwindData, kLost };
+
+// An info whose slots leave the file is not there.
+const UnwindInfo* findUnwindInfo(const PeImage& image, uint32_t rva) {
+  const auto* info = image.recordAt<UnwindInfo>(rva);
+  return info != nullptr && image.bytesLeft(&info->version_and_flags) >= info->size() ? info
+                                                                                      : nullptr;
+}
+
+// From an entry to the address of its unwind data: bit 0 says that another entry stands in between.
+bool resolveEntry(const PeImage& image, uint32_t& rva) {
+  CircleGuard guard;
+  while ((rva & 1) != 0) {
+    const auto* entry = image.recordAt<IMAGE_RUNTIME_FUNCTION_ENTRY>(rva ^ 1);
+    if (entry == nullptr || guard.closes(rva)) return false;
+    rva = entry->UnwindInfoAddress;
+  }
+  return true;
+}
+
+// The info that a chained one leads to, or null when its link or what it leads to is not there.
+const UnwindInfo* followChain(const PeImage& image, const UnwindInfo* info, uint32_t& rva) {
+  const uint8_t* bytes = &info->version_and_flags;
+  const size_t link = info->chainOffset();
+  if (image.bytesLeft(bytes) < link + sizeof(IMAGE_RUNTIME_FUNCTION_ENTRY)) return nullptr;
+  rva = reinterpret_cast<const IMAGE_RUNTIME_FUNCTION_ENTRY*>(bytes + link)->UnwindInfoAddress;
+  return findUnwindInfo(image, rva);
+}
+
+// Sums up an info and those that it is chained to. False when that never ends. The addresses of a
+// chain are not tested for bit 0.
+bool sumUpChain(const PeImage& image, const UnwindInfo* info, uint32_t rva, UnwindFrame& frame) {
+  CircleGuard guard;
+  while (info != nullptr) {
+    if (!frame.add(*info) || guard.closes(rva)) return false;
+    info = info->chained() ? followChain(image, info, rva) : nullptr;
+  }
+  return true;
+}
+
+int32_t minus(int32_t from, int32_t what) {
+  return static_cast<int32_t>(static_cast<uint32_t>(from) - static_cast<uint32_t>(what));
+}
+
+// Without a frame register everything is found from the stack pointer at the end of the prolog.
+void printFromStackPointer(const UnwindFrame& frame, int32_t size, LineWriter& line) {
+  line.str(" .cfa: $rsp ").dec_signed(size).str(" +");
+  for (const NamedRegister& reg : kPrinted)
+    if (frame.saved.has(reg.number))
+      line.chr(' ').str(reg.name).str(": $rsp ").dec_signed(frame.saved[reg.number]).str(" + ^");
+}
+
+// The frame register is taken for rbp, whichever it is.
+void printFromFramePointer(const UnwindFrame& frame, int32_t size, const UnwindInfo& top,
+                           LineWriter& line) {
+  const int32_t cfa = minus(minus(size, 16 * top.frame_offset()), frame.fp_offset);
+  line.str(" .cfa: $rbp ").dec_signed(cfa).str(" +");
+  for (const NamedRegister& reg : kPrinted)
+    if (frame.saved.has(reg.number)) {
+      const int32_t offset = minus(size, frame.saved[reg.number]);
+      line.chr(' ').str(reg.name).str(": .cfa ").dec_signed(offset).str(" - ^");
+    }
+}
+
+void printFrame(const IMAGE_RUNTIME_FUNCTION_ENTRY& entry, const UnwindInfo& top,
+                const UnwindFrame& frame, TextBuffer& out) {
+  constexpr size_t kRoom = 512;
+  const int32_t fp_offset = frame.fp_offset;
+  if (top.frame_register() != 0) assert(fp_offset != INT32_MAX);
+  const uint32_t begin = entry.BeginAddress;
+  LineWriter lines(out, kRoom);
+  lines.str("STACK CFI INIT ").hex(begin).chr(' ').hex(uint32_t{entry.EndAddress - begin});
+  lines.str(" .cfa: $rsp .ra: .cfa ").dec_signed(frame.rip_offset).str(" - ^\n");
+  lines.str("STACK CFI ").hex(begin);
+  const int32_t size = minus(frame.stack_size, -8);
+  if (top.frame_register() == 0)
+    printFromStackPointer(frame, size, lines);
+  else
+    printFromFramePointer(frame, size, top, lines);
+  lines.chr('\n');
+}
+
+Walk printEntry(const PeImage& image, const IMAGE_RUNTIME_FUNCTION_ENTRY& entry, TextBuffer& out) {
+  uint32_t rva = entry.UnwindInfoAddress;
+  if (!resolveEntry(image, rva)) return Walk::kLost;
+  const UnwindInfo* top = findUnwindInfo(image, rva);
+  if (top == nullptr) return Walk::kNoUnwindData;
+  UnwindFrame frame;
+  if (!sumUpChain(image, top, rva, frame)) return Walk::kLost;
+  printFrame(entry, *top, frame, out);
+  return Walk::kDone;
+}
+
+// Whether the image is one whose exception directory has the x64 form; tells why not.
+bool hasUnwindData(const PeImage& image) {
+  if (!image.isPe32Plus()) {
+    std::fputs("Not a PE32+ image\n", stderr);
+    return false;
+  }
+  const IMAGE_NT_HEADERS64& headers = *image.ntHeaders();
+  const auto& clr = headers.OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_COM_DESCRIPTOR];
+  if (headers.FileHeader.Machine != IMAGE_FILE_MACHINE_PPC64 && clr.VirtualAddress != 0) {
+    std::fputs("The image is a CLR assembly, which is not supported", stderr);
+    return false;
+  }
+  return true;
+}
+
+// Prints the entries, up to the end of the file.
+void printEntries(const PeImage& image, const uint8_t* table, size_t count, TextBuffer& out) {
+  const auto* entries = reinterpret_cast<const IMAGE_RUNTIME_FUNCTION_ENTRY*>(table);
+  const size_t present = image.bytesLeft(table) / sizeof(*entries);
+  for (size_t i = 0; i < count; ++i) {
+    if (i == present) {
+      std::fputs("Failed to find function entries\n", stderr);
+      return;
+    }
+    if (printEntry(image, entries[i], out) == Walk::kLost) {
+      std::fputs("Failed to find chained function\n", stderr);
+      return;
+    }
+  }
+}
+
+}  // namespace
+
+void printUnwindData(const PeImage& image, TextBuffer& out) {
+  if (!image.hasDosHeader()) throw pdb_exception("Invalid PE header detected");
+  if (image.ntHeaders() == nullptr) throw pdb_exception("Error reading PE NT header");
+  if (!hasUnwindData(image)) return;
+  const IMAGE_DATA_DIRECTORY& directory =
+      image.ntHeaders()->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_EXCEPTION];
+  const uint8_t* table = image.ImageRvaToVa(directory.VirtualAddress);
+  if (table == nullptr) {
+    std::fputs("Failed to find function entries\n", stderr);
+    return;
+  }
+  printEntries(image, table, directory.Size / sizeof(IMAGE_RUNTIME_FUNCTION_ENTRY), out);
+}
+
+void PDBParser::PrintFrameDataUsingEXE(TextBuffer& out) {
+  if (m_code_file.empty()) return;
+  const char* path = m_code_file.c_str();
+  MMapWrapper mapping;
+  if (!mapping.Map(path)) {
+    const bool opens = access(path, R_OK) == 0;
+    std::fprintf(stderr, opens ? "failed to mmap file %s\n" : "failed to open/stat file %s\n",
+                 path);
+    return;
+  }
+  printUnwindData(PeImage(mapping), out);
+}
+
+}  // namespace google_breakpad
