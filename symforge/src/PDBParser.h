@@ -31,6 +31,7 @@
 
 #include "common/text_buffer.h"
 #include "symforge/src/CodeView.h"
+#include "symforge/src/FrameData.h"
 #include "symforge/src/Globals.h"
 #include "symforge/src/NameStream.h"
 #include "symforge/src/PDBHeaders.h"
@@ -94,10 +95,6 @@ struct InlineeLine {
   uint32_t offset = 0;   // source line
 };
 using InlineeLineMap = std::unordered_map<uint32_t, InlineeLine>;
-
-// Frame data by (RVA, bytes of code); the map's order is the order of the lines.
-template <typename Record>
-using FrameDataMap = std::map<std::pair<uint32_t, uint32_t>, DataPtr<Record>>;
 
 // Replaces a source file's name in FILE lines: gets the name and its length.
 using FileMod = std::function<const char*(const char* name, size_t length)>;
