@@ -191,8 +191,15 @@ struct LeafModifier {
   le_uint16 attr;
 };
 struct LeafPointer {
+  enum Mode : uint32_t { kPointer, kReference, kMember, kMemberFunction, kRvalueReference };
+  static constexpr uint32_t kLastMode = kRvalueReference;  // others are unknown
+  static constexpr uint32_t kVolatile = 0x200;
+  static constexpr uint32_t kConst = 0x400;
+
   le_uint32 utype;
   le_uint32 attr;
+
+  uint32_t mode() const { return attr >> 5 & 7; }
 };
 struct LeafArray {
   le_uint32 elemtype;

@@ -14,7 +14,7 @@
 // Addresses are RVAs (relative to the image base), 32 bits wide, and wrap; sizes are in bytes.
 //
 // The operations stand in one file a topic: root_stream.cc, dbi_stream.cc, section_map.cc,
-// type_names.cc, frame_data.cc (the container's streams); module_stream.cc, source_files.cc,
+// type_lookups.cc, frame_data.cc (the container's streams); module_stream.cc, source_files.cc,
 // module_functions.cc, public_symbols.cc, line_records.cc, inline_sites.cc (the modules');
 // print_functions.cc, pe_image.cc, unwind_cfi.cc (what is printed, and the PE).
 
@@ -23,6 +23,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <span>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -33,10 +34,12 @@
 #include "symforge/src/CodeView.h"
 #include "symforge/src/FrameData.h"
 #include "symforge/src/Globals.h"
+#include "symforge/src/InlineeLines.h"
 #include "symforge/src/NameStream.h"
 #include "symforge/src/PDBHeaders.h"
 #include "symforge/src/SourceFiles.h"
 #include "symforge/src/StreamReader.h"
+#include "symforge/src/TypeNames.h"
 #include "symforge/src/TypeTable.h"
 #include "symforge/src/WinStructs.h"
 
@@ -88,13 +91,6 @@ struct InlineFunctionRecord {
 };
 
 using SectionHeaders = std::vector<IMAGE_SECTION_HEADER>;
-
-// Where an inlined function is defined.
-struct InlineeLine {
-  uint32_t file_id = 0;  // number of FILE lines
-  uint32_t offset = 0;   // source line
-};
-using InlineeLineMap = std::unordered_map<uint32_t, InlineeLine>;
 
 // Replaces a source file's name in FILE lines: gets the name and its length.
 using FileMod = std::function<const char*(const char* name, size_t length)>;
@@ -160,12 +156,14 @@ class PDBParser {
   // Throws std::out_of_range for a section that does not exist.
   uint32_t mapAddressOmap(uint32_t address, uint32_t section) const;
 
-  // Types: type_names.cc.
-  enum StringizeFlags : uint32_t { IsUnderlying = 1, IsTopLevel = 2 };
+  // Types: type_lookups.cc.
+  using StringizeFlags = TypeNames::Flags;
+  static constexpr StringizeFlags IsTopLevel = StringizeFlags::IsTopLevel;
   void loadTypeStream(KnownStreams type_stream_id, TypeTable& map, bool required);
   // Appends the text of `type` to `output`; `info` selects the id records. True when what was
   // rendered is a function type.
   bool stringizeType(uint32_t type, std::string& output, uint32_t flags, bool info);
+  // Where an inlined function is defined: number of the file and line; zeros when no table tells.
   void locateType(uint32_t inlinee, uint32_t& file_id, uint32_t& line_offset) const;
   // Takes the parameters' size from the decorated public name at the function's offset. False, and
   // `func` unchanged, when there is none that tells.
@@ -202,7 +200,9 @@ class PDBParser {
   std::vector<OmapEntry> omap_from;          // in file order
   TypeTable typemap;                         // type records
   TypeTable typeinfomap;                     // id records
+  TypeNames m_typeNames{typemap, typeinfomap};
   InlineeLineMap inlineeLineMap;
+  InlineTree m_inlineTree;                          // of the function that is being printed
   std::vector<InlineFunctionRecord> m_inlineSites;  // of all functions, each one's in one stretch
   MMapWrapper m_mapping;
   MsfFile m_file;
