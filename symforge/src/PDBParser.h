@@ -34,6 +34,7 @@
 #include "symforge/src/CodeView.h"
 #include "symforge/src/FrameData.h"
 #include "symforge/src/Globals.h"
+#include "symforge/src/InlineTree.h"
 #include "symforge/src/InlineeLines.h"
 #include "symforge/src/NameStream.h"
 #include "symforge/src/PDBHeaders.h"
@@ -189,6 +190,7 @@ class PDBParser {
   // Output.
   void printSections(const SectionHeaders& headers, TextBuffer& out);
   void printFunctions(const Functions& funcs, TextBuffer& out);
+  bool allInlineesNamed(std::span<const InlineFunctionRecord> records);
   void dumpInlineFunctionMap(const FunctionRecord& f, TextBuffer& out);
   void PrintFrameDataUsingEXE(TextBuffer& out);
 

@@ -1,0 +1,85 @@
+#include "symforge/src/PDBParser.h"
+#include "symforge/src/binary_annotations.h"
+
+namespace google_breakpad {
+
+namespace {
+
+enum InlineeTable : uint32_t { kPlain = 0, kWithExtraFiles = 1 };
+
+void skipExtraFiles(StreamReader& reader) {
+  const uint32_t count = *reader.read<le_uint32>();
+  if (count != 0) reader.read<le_uint32>(count * static_cast<uint32_t>(sizeof(le_uint32)));
+}
+
+}  // namespace
+
+// Payload: uint32 kind of table, then CV_TagInlineeSourceLine, each followed in a table of the
+// second kind by a count and the further files of the function.
+void PDBParser::resolveInlineFunctions(const DBIModuleInfo* module, const UniqueSrcFiles& unique,
+                                       const SrcFileIndex& fileIndex) {
+  readModule(module, kInlineeLinesSubsection, [&](StreamReader& reader, int32_t, uint32_t end) {
+    const uint32_t kind = *reader.read<le_uint32>();
+    if (kind != kPlain && kind != kWithExtraFiles)
+      throw pdb_exception("invalid inlinee line source code table");
+    while (reader.getOffset() < end) {
+      const DataPtr<CV_TagInlineeSourceLine> entry = reader.read<CV_TagInlineeSourceLine>();
+      if (kind == kWithExtraFiles) skipExtraFiles(reader);
+      // Most functions are inlined in many modules, and the first table that lists one counts.
+      if (inlineeLineMap.contains(entry->inlinee)) continue;
+      uint32_t file;
+      if (!fileIndex.find(entry->file_id, file)) continue;
+      inlineeLineMap.insert(entry->inlinee, {unique[file].id, entry->source_line});
+    }
+  });
+}
+
+// One inlined function without a name silences all of them. What names one is known without
+// rendering it, but where a rendering warns, each site's warnings are due.
+bool PDBParser::allInlineesNamed(std::span<const InlineFunctionRecord> records) {
+  const bool mayWarn = typemap.hasUnknownPointers() || typeinfomap.hasUnknownPointers();
+  std::string scratch;
+  for (const InlineFunctionRecord& record : records) {
+    if (record.annotation != InlineFunctionRecord::BEGIN) continue;
+    if (mayWarn) {
+      scratch.clear();
+      stringizeType(record.inlinee, scratch, IsTopLevel, true);
+    }
+    if (!typeinfomap.isFunction(record.inlinee)) return false;
+  }
+  return true;
+}
+
+void PDBParser::dumpInlineFunctionMap(const FunctionRecord& f, TextBuffer& out) {
+  if (f.inlineCount == 0) return;
+  const std::span<const InlineFunctionRecord> records(&m_inlineSites[f.firstInline], f.inlineCount);
+  if (!allInlineesNamed(records)) return;
+
+  m_inlineTree.clear();
+  AnnotationDecoder decoder;
+  uint32_t tower = 0;
+  for (const InlineFunctionRecord& record : records) {
+    if (record.annotation == InlineFunctionRecord::END) {
+      --tower;
+      continue;
+    }
+    InlineSite site;
+    stringizeType(record.inlinee, m_inlineTree.names(), IsTopLevel, true);
+    site.name = m_inlineTree.addName();
+    site.tower = tower;
+    uint32_t line;
+    locateType(record.inlinee, site.file_id, line);
+    decoder.beginSite(record.binary_annotations.data, record.binary_annotations_len, f.offset,
+                      line);
+    while (decoder.nextRange()) {
+      site.offset = decoder.code();
+      site.length = decoder.length();
+      site.line_offset = decoder.line();
+      m_inlineTree.store(site);
+    }
+    ++tower;
+  }
+  m_inlineTree.print(out);
+}
+
+}  // namespace google_breakpad
