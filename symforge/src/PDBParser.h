@@ -33,6 +33,7 @@
 #include "common/text_buffer.h"
 #include "symforge/src/CodeView.h"
 #include "symforge/src/FrameData.h"
+#include "symforge/src/FunctionRecord.h"
 #include "symforge/src/Globals.h"
 #include "symforge/src/InlineTree.h"
 #include "symforge/src/InlineeLines.h"
@@ -43,43 +44,9 @@
 #include "symforge/src/TypeNames.h"
 #include "symforge/src/TypeTable.h"
 #include "symforge/src/WinStructs.h"
+#include "symforge/src/function_list.h"
 
 namespace google_breakpad {
-
-// What a module's symbols and lines say of one function, thunk or public symbol. In file order of
-// the fields' sources; `operator<` is the order of the output.
-struct FunctionRecord {
-  // `segment` of a record that is dropped: records are never erased.
-  static constexpr uint32_t kDropped = 0xFFFFFFFF;
-  // Bits of lineCount that say that a block of lines was attached.
-  static constexpr uint32_t kHasLines = 0xF0000000;
-
-  DataPtr<char> name;
-  DataPtr<CV_Line> lines;
-  uint32_t lineCount = 0;        // number of lines, and kHasLines
-  uint32_t segment = 0;          // section number from 1; 0: none
-  uint32_t offset = 0;           // RVA; the symbol's raw offset where segment is 0
-  uint32_t pre_omap_offset = 0;  // section-relative, before any mapping
-  uint32_t pre_omap_len = 0;
-  uint32_t fileIndex = 0;  // number of the source file; 0: none
-  uint32_t length = 0;
-  uint32_t lineOffset = 0;  // section-relative start of the accepted block of lines
-  uint32_t typeIndex = 0;   // 0: none
-  uint32_t paramSize = 0;
-  // The function's inline sites: a stretch of PDBParser's list of all of them, in symbol order.
-  uint32_t firstInline = 0;
-  uint32_t inlineCount = 0;
-
-  bool dropped() const { return segment == kDropped; }
-  bool hasLines() const { return (lineCount & kHasLines) != 0; }
-
-  bool operator<(const FunctionRecord& other) const {
-    if (segment != other.segment) return segment < other.segment;
-    if (offset != other.offset) return offset < other.offset;
-    return typeIndex < other.typeIndex;
-  }
-};
-using Functions = std::vector<FunctionRecord>;
 
 // The opening or the closing of an inline site, undecoded.
 struct InlineFunctionRecord {
@@ -139,23 +106,49 @@ class PDBParser {
   };
   using Modules = std::vector<Module>;
 
+  // The frame data of both kinds.
+  struct FrameTables {
+    FrameDataMap<FPO_DATA> v1;
+    FrameDataMap<FPO_DATA_V2> v2;
+  };
+
   // load() and what it leans on: PDBParser.cc, root_stream.cc.
   void loadPdb(const char* pdb, const char* sympath);
   void findSymbolFileOfPe(const char* exe, const char* sympath, TextBuffer& out);
   void readPeHeaders(const char* filename);
+  // Fills m_streams, m_debug_id and m_nameIndices, and makes the folders of this PDB below
+  // `sympath` unless it is null. `*res` tells of every failure that does not throw.
   void readRootStream(const char* sympath, bool* res);
+  bool readNamedStreams(StreamReader& names, uint32_t size);
+  // Throws std::out_of_range for a stream that does not exist.
   const StreamPair& getStream(size_t number) const { return m_streams.at(number); }
   void loadNameStream(NameStream& names);
 
+  // The DBI stream: dbi_stream.cc. To be called in this order.
+  const StreamPair& debugInfoStream() const;
   void printHeader(const DBIHeader* header, TextBuffer& out);
+  Modules readModuleList(StreamReader& reader, const DBIHeader& header) const;
+  DataPtr<DBIDebugHeader> readDebugHeader(StreamReader& reader, const DBIHeader& header) const;
+
+  static void refuseTokenMap(const DBIDebugHeader& debugHeader);
 
   // Section headers and address mapping: section_map.cc.
+  void readSections(const DBIDebugHeader& debugHeader);
   void readSectionHeaders(uint32_t headerStream, SectionHeaders& headers);
   void readOMAPData(uint32_t orig_section_idx, uint32_t omap_to_id, uint32_t omap_from_id);
   void readOMAPDataDirection(uint32_t omap_stream_id, std::vector<OmapEntry>& omap_data);
   // RVA of `address` bytes into section `section` (from 1); with section 0 `address` itself.
   // Throws std::out_of_range for a section that does not exist.
-  uint32_t mapAddressOmap(uint32_t address, uint32_t section) const;
+  uint32_t mapAddressOmap(uint32_t address, uint32_t section) const {
+    return section == 0 ? address : toFinalImage(address + sectionBase(section));
+  }
+  // The two halves of mapAddressOmap: the RVA where a section begins, in the image as it was
+  // linked, and the way from there to an RVA of the final image.
+  uint32_t sectionBase(uint32_t section) const {
+    return (omap_sections.empty() ? sections : omap_sections).at(section - 1).VirtualAddress;
+  }
+  uint32_t toFinalImage(uint32_t rva) const { return omap_from.empty() ? rva : throughOmap(rva); }
+  uint32_t throughOmap(uint32_t rva) const;
 
   // Types: type_lookups.cc.
   using StringizeFlags = TypeNames::Flags;
@@ -173,23 +166,46 @@ class PDBParser {
   // Frame data: frame_data.cc.
   template <typename Record>
   void readFPO(uint32_t fpoStream, FrameDataMap<Record>& fpoData);
+  void readFrameData(const DBIDebugHeader& debugHeader, FrameTables& frames);
   void printFPO(const FPO_DATA& data, TextBuffer& out);
   void printFPO(const FPO_DATA_V2& data, const NameStream& names, TextBuffer& out);
+  void printFrameData(const FrameTables& frames, const NameStream& names, TextBuffer& out);
+  // Takes each function's size of parameters from the frame data of exactly its code, or else from
+  // its public name, and marks the public functions that a function covers.
+  void settleParamSizes(Functions& functions, Globals& globals, const FrameTables& frames) const;
 
-  // Module streams.
+  // Module streams. A reader behind the signature of a module's stream; throws pdb_exception for
+  // another signature.
+  StreamReader openModule(const DBIModuleInfo* module) const;
+  // Calls `cb` for each subsection of kind `sig`, in stream order; where it leaves the reader does
+  // not matter.
   void readModule(const DBIModuleInfo* module, int32_t sig, const ModuleReadCB& cb);
   void getModuleFiles(const DBIModuleInfo* module, uint32_t& id, UniqueSrcFiles& unique,
                       SrcFileIndex& fileIndices);
+  void gatherFiles(Modules& modules, UniqueSrcFiles& unique);
   void getModuleFunctions(const DBIModuleInfo* module, Functions& funcs);
+  FunctionRecord& addFunction(Functions& funcs, DataPtr<char>&& name, uint32_t segment,
+                              uint32_t offset) const;
+  FunctionRecord& readProcedure(StreamReader& reader, Functions& funcs) const;
+  void readThunk(StreamReader& reader, Functions& funcs) const;
+  void readInlineSite(StreamReader& reader, uint32_t size);
   void getGlobalFunctions(uint16_t symRecStream, const SectionHeaders& headers, Globals& globals);
-  void resolveFunctionLines(const DBIModuleInfo* module, Functions& funcs,
+  void resolveFunctionLines(const DBIModuleInfo* module, Functions& funcs, FunctionIndex& index,
                             const UniqueSrcFiles& unique, const SrcFileIndex& fileIndex);
   void resolveInlineFunctions(const DBIModuleInfo* module, const UniqueSrcFiles& unique,
                               const SrcFileIndex& fileIndex);
+  // For each module its lines and inlinees. A module whose streams end too early loses what is
+  // left of them, silently.
+  void resolveModules(const Modules& modules, const UniqueSrcFiles& unique, Functions& functions);
 
   // Output.
   void printSections(const SectionHeaders& headers, TextBuffer& out);
+  void printFiles(const Modules& modules, UniqueSrcFiles& unique, const NameStream& names,
+                  FileMod* fileMod, TextBuffer& out);
   void printFunctions(const Functions& funcs, TextBuffer& out);
+  void printTypedFunction(const FunctionRecord& func, std::string& name, std::string& parameters,
+                          TextBuffer& out);
+  void printLines(const FunctionRecord& func, TextBuffer& out) const;
   bool allInlineesNamed(std::span<const InlineFunctionRecord> records);
   void dumpInlineFunctionMap(const FunctionRecord& f, TextBuffer& out);
   void PrintFrameDataUsingEXE(TextBuffer& out);
