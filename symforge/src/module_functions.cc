@@ -1,0 +1,93 @@
+// A module's symbols: procedures and thunks become functions, inline sites are noted with theirs.
+
+#include <cassert>
+
+#include "symforge/src/PDBParser.h"
+
+namespace google_breakpad {
+
+namespace {
+
+// Size of an inline site without its annotations, `type` included.
+constexpr uint32_t kInlineSiteFixed = sizeof(SymbolHeader::type) + sizeof(CV_InlineSite);
+
+}  // namespace
+
+FunctionRecord& PDBParser::addFunction(Functions& funcs, DataPtr<char>&& name, uint32_t segment,
+                                       uint32_t offset) const {
+  FunctionRecord& func = funcs.emplace_back();
+  func.name = std::move(name);
+  func.segment = segment;
+  func.offset = mapAddressOmap(offset, segment);
+  func.pre_omap_offset = offset;
+  return func;
+}
+
+FunctionRecord& PDBParser::readProcedure(StreamReader& reader, Functions& funcs) const {
+  const DataPtr<ProcSym32> symbol = reader.read<ProcSym32>();
+  FunctionRecord& func = addFunction(funcs, reader.readString(), symbol->seg, symbol->off);
+  func.length = symbol->len;
+  func.typeIndex = symbol->typind;
+  func.firstInline = static_cast<uint32_t>(m_inlineSites.size());
+  return func;
+}
+
+// A thunk that is nested in nothing has no length: it comes out as a PUBLIC line, while a nested
+// one comes out as a FUNC line without a type.
+void PDBParser::readThunk(StreamReader& reader, Functions& funcs) const {
+  const DataPtr<ThunkSym32> symbol = reader.read<ThunkSym32>();
+  FunctionRecord& func = addFunction(funcs, reader.readString(), symbol->seg, symbol->off);
+  func.length = symbol->parent != 0 ? uint32_t{symbol->len} : 0;
+}
+
+// `size` is that of the symbol. One too small for an inline site wraps, and the read fails.
+void PDBParser::readInlineSite(StreamReader& reader, uint32_t size) {
+  const DataPtr<CV_InlineSite> symbol = reader.read<CV_InlineSite>();
+  InlineFunctionRecord& site = m_inlineSites.emplace_back();
+  site.annotation = InlineFunctionRecord::BEGIN;
+  site.inlinee = symbol->inlinee;
+  site.binary_annotations_len = size - kInlineSiteFixed;
+  site.binary_annotations = reader.read<unsigned char>(site.binary_annotations_len);
+}
+
+// Inline sites belong to the last procedure before them, whatever lies between but a thunk: its end
+// is not looked at.
+void PDBParser::getModuleFunctions(const DBIModuleInfo* module, Functions& funcs) {
+  StreamReader reader = openModule(module);
+  // cbSyms counts the signature too, so the limit lies 4 bytes past the symbols; in sound files a
+  // symbol of kind 0 or the last one ends the walk.
+  const uint32_t end = module->cbSyms + reader.getOffset();
+  FunctionRecord* current_function = nullptr;
+  while (reader.getOffset() < end) {
+    const DataPtr<SymbolHeader> header = reader.read<SymbolHeader>();
+    const uint32_t next = reader.getOffset() - sizeof(SymbolHeader::type) + header->size;
+    switch (header->type) {
+      case S_NONE:
+        return;
+      case S_LPROC32:
+      case S_GPROC32:
+        current_function = &readProcedure(reader, funcs);
+        break;
+      case S_THUNK32:
+        readThunk(reader, funcs);
+        current_function = nullptr;
+        break;
+      case S_INLINESITE:
+        if (!do_inline) break;
+        assert(current_function != nullptr);
+        readInlineSite(reader, header->size);
+        ++current_function->inlineCount;
+        break;
+      case S_INLINESITE_END:
+        if (!do_inline) break;
+        assert(current_function != nullptr);
+        m_inlineSites.emplace_back().annotation = InlineFunctionRecord::END;
+        ++current_function->inlineCount;
+        break;
+    }
+    if (next >= end) return;
+    reader.seek(next);
+  }
+}
+
+}  // namespace google_breakpad
