@@ -33,6 +33,11 @@ void PDBParser::readFPO(uint32_t fpoStream, FrameDataMap<Record>& fpoData) {
 template void PDBParser::readFPO(uint32_t fpoStream, FrameDataMap<FPO_DATA>& fpoData);
 template void PDBParser::readFPO(uint32_t fpoStream, FrameDataMap<FPO_DATA_V2>& fpoData);
 
+void PDBParser::readFrameData(const DBIDebugHeader& debugHeader, FrameTables& frames) {
+  if (debugHeader.FPO != kNoStream) readFPO(debugHeader.FPO, frames.v1);
+  if (debugHeader.newFPO != kNoStream) readFPO(debugHeader.newFPO, frames.v2);
+}
+
 // Sizes are printed in the record's own units, double words and registers.
 void PDBParser::printFPO(const FPO_DATA& data, TextBuffer& out) {
   constexpr size_t kRoom = 128;
@@ -51,6 +56,12 @@ void PDBParser::printFPO(const FPO_DATA_V2& data, const NameStream& names, TextB
   line.str("STACK WIN 4 ").hex(data.ulOffStart).chr(' ').hex(data.cbProcSize);
   line.chr(' ').hex(data.cbProlog).str(" 0 ").hex(data.cbParams).chr(' ').hex(data.cbSavedRegs);
   line.chr(' ').hex(data.cbLocals).chr(' ').hex(data.maxStack).str(" 1 ").str(program).chr('\n');
+}
+
+void PDBParser::printFrameData(const FrameTables& frames, const NameStream& names,
+                               TextBuffer& out) {
+  for (const DataPtr<FPO_DATA_V2>& data : frames.v2) printFPO(*data, names, out);
+  for (const DataPtr<FPO_DATA>& data : frames.v1) printFPO(*data, out);
 }
 
 }  // namespace google_breakpad
