@@ -6,7 +6,6 @@
 #define PENDING __attribute__((weak))
 
 namespace google_breakpad {
-PENDING void PDBParser::load(const char*, const char*, const char*, TextBuffer&) {
   throw pdb_exception("PDB and PE input is not supported yet");
 }
 PENDING void PDBParser::printBreakpadSymbols(TextBuffer&, FileMod*) {}

@@ -1,0 +1,101 @@
+// FUNC, line and PUBLIC records. The line records of a function take their section from the FUNC
+// line above them, so the order of everything here matters.
+
+#include <cstring>
+#include <string>
+#include <string_view>
+
+#include "symforge/src/PDBParser.h"
+
+namespace google_breakpad {
+
+namespace {
+
+// Four numbers of eight digits and what stands around them.
+constexpr size_t kRecordRoom = 64;
+// "address size line file\n" with numbers of 8, 8, 8 and 10 digits.
+constexpr size_t kLineRoom = 38;
+constexpr uint32_t kLineNumberMask = 0x00FFFFFF;
+
+void eraseFromTheEnd(std::string& text, std::string_view part) {
+  for (size_t at = text.rfind(part); at != std::string::npos; at = text.rfind(part))
+    text.erase(at, part.size());
+}
+
+// The name without what only the Windows compiler says. The blank behind "__cdecl" stays.
+std::string_view cleanName(std::string_view name, std::string& storage) {
+  if (memmem(name.data(), name.size(), "__", 2) == nullptr) return name;
+  storage = name;
+  eraseFromTheEnd(storage, " __ptr64");
+  eraseFromTheEnd(storage, "__cdecl");
+  return storage;
+}
+
+void printFunction(const FunctionRecord& func, std::string_view name, std::string_view parameters,
+                   TextBuffer& out) {
+  LineWriter line(out, kRecordRoom + name.size() + parameters.size());
+  line.str("FUNC ").hex(func.segment).chr(':').hex(func.offset).chr(' ').hex(func.length);
+  line.chr(' ').hex(func.paramSize).chr(' ').str(name).str(parameters).chr('\n');
+}
+
+void printPublic(const FunctionRecord& func, TextBuffer& out) {
+  const std::string_view name = func.name.data;
+  LineWriter line(out, kRecordRoom + name.size());
+  line.str("PUBLIC ").hex(func.offset).chr(' ').hex(func.paramSize).chr(' ').str(name).chr('\n');
+}
+
+// By how many bytes a block of lines is moved down: when its last line begins behind the function's
+// end, by the distance, rounded up to a multiple of 16.
+uint32_t adjustment(uint32_t lastOffset, uint32_t length) {
+  if (lastOffset <= length) return 0;
+  return (lastOffset - length + 15) & ~uint32_t{15};
+}
+
+}  // namespace
+
+// Sizes are the distances to the next line; unsorted lines give large ones.
+void PDBParser::printLines(const FunctionRecord& func, TextBuffer& out) const {
+  const uint32_t count = func.lineCount & ~FunctionRecord::kHasLines;
+  if (count == 0) return;
+  const CV_Line* lines = func.lines.data;
+  const uint32_t adjust = adjustment(lines[count - 1].offset, func.length);
+  const uint32_t end = adjust + func.length;
+  const uint32_t base = func.segment == 0 ? 0 : sectionBase(func.segment);
+  const uint32_t start = base + func.pre_omap_offset - adjust;
+  const bool mapped = func.segment != 0 && !omap_from.empty();
+
+  LineWriter writer(out, kLineRoom * count);
+  for (uint32_t i = 0; i < count; ++i) {
+    const uint32_t offset = lines[i].offset;
+    const uint32_t next = i + 1 == count ? end : uint32_t{lines[i + 1].offset};
+    const uint32_t rva = start + offset;
+    writer.hex(mapped ? throughOmap(rva) : rva).chr(' ').hex(next - offset).chr(' ');
+    writer.dec(lines[i].flags & kLineNumberMask).chr(' ').dec(func.fileIndex).chr('\n');
+  }
+}
+
+void PDBParser::printTypedFunction(const FunctionRecord& func, std::string& name,
+                                   std::string& parameters, TextBuffer& out) {
+  parameters.clear();
+  stringizeType(func.typeIndex, parameters, IsTopLevel, false);
+  printFunction(func, cleanName(func.name.data, name), parameters, out);
+  if (func.hasLines()) printLines(func, out);
+}
+
+// Functions without a type print as they stand: no clean-up, no parameters, no lines.
+void PDBParser::printFunctions(const Functions& funcs, TextBuffer& out) {
+  std::string name;
+  std::string parameters;
+  for (const FunctionRecord& func : funcs) {
+    if (func.dropped()) continue;
+    if (func.typeIndex != 0)
+      printTypedFunction(func, name, parameters, out);
+    else if (func.length != 0)
+      printFunction(func, func.name.data, {}, out);
+    else
+      printPublic(func, out);
+    if (do_inline) dumpInlineFunctionMap(func, out);
+  }
+}
+
+}  // namespace google_breakpad
