@@ -1,0 +1,128 @@
+// Lookups on a module that was loaded from text. They read the containers and nothing else, so any
+// number of threads may look up at once.
+
+#include <algorithm>
+#include <memory>
+
+#include "processor/basic_source_line_resolver_module.h"
+#include "processor/cfi_frame_info.h"
+
+namespace google_breakpad {
+
+namespace {
+
+using Line = SourceLineResolverBase::Line;
+using Function = BasicSourceLineResolver::Function;
+
+MemAddr relative_address(const StackFrame* frame) {
+  return frame->instruction - frame->module->base_address();
+}
+
+// The line whose range holds `address`, or null. Lines are disjoint and ascending.
+const Line* line_at(std::span<const Line> lines, MemAddr address) {
+  const auto behind =
+      std::upper_bound(lines.begin(), lines.end(), address,
+                       [](MemAddr value, const Line& line) { return value < line.address; });
+  if (behind == lines.begin()) return nullptr;
+  const Line& line = *std::prev(behind);
+  return address - line.address < line.size ? &line : nullptr;
+}
+
+// The function at or nearest below an address.
+struct NearestFunction {
+  const Function* function = nullptr;  // null: there is none
+  MemAddr base = 0;
+  bool holds_address = false;
+
+  NearestFunction(const BasicSourceLineResolver::Module::FunctionMap& functions, MemAddr address) {
+    MemAddr size = 0;
+    if (!functions.RetrieveNearestRange(address, &function, &base, nullptr, &size)) return;
+    holds_address = address >= base && address - base < size;
+  }
+  // A function hides the public symbols at and below its start, also behind its end.
+  bool hides(MemAddr public_address) const { return function != nullptr && public_address <= base; }
+};
+
+void copy_record(const StackWinRecord& record, WindowsFrameInfo* info) {
+  info->type_ = static_cast<WindowsFrameInfo::StackInfoTypes>(record.type);
+  info->valid = WindowsFrameInfo::VALID_ALL;
+  info->prolog_size = record.prolog_size;
+  info->epilog_size = record.epilog_size;
+  info->parameter_size = record.parameter_size;
+  info->saved_register_size = record.saved_register_size;
+  info->local_size = record.local_size;
+  info->max_stack_size = record.max_stack_size;
+  info->allocates_base_pointer = record.allocates_base_pointer;
+  info->program_string = record.program_string;
+}
+
+}  // namespace
+
+void BasicSourceLineResolver::Module::LookupAddress(StackFrame* frame) const {
+  if (symb_loaded_) {
+    LookupAddressB(frame);
+    return;
+  }
+  const MemAddr address = relative_address(frame);
+  const MemAddr module_base = frame->module->base_address();
+  const NearestFunction nearest(functions_, address);
+  if (nearest.holds_address) {
+    frame->function_name = nearest.function->name;
+    frame->function_base = module_base + nearest.base;
+    const Line* line = line_at(nearest.function->lines(), address);
+    if (line == nullptr) return;
+    const auto file = files_.find(line->source_file_id);
+    if (file != files_.end()) frame->source_file_name = file.value();
+    frame->source_line = line->line;
+    frame->source_line_base = module_base + line->address;
+    return;
+  }
+  PublicSymbol symbol;
+  MemAddr public_address = 0;
+  if (!public_symbols_.Retrieve(address, &symbol, &public_address)) return;
+  if (nearest.hides(public_address)) return;
+  frame->function_name = symbol.name;
+  frame->function_base = module_base + public_address;
+}
+
+WindowsFrameInfo* BasicSourceLineResolver::Module::FindWindowsFrameInfo(
+    const StackFrame* frame) const {
+  if (symb_loaded_) return FindWindowsFrameInfoB(frame);
+  const MemAddr address = relative_address(frame);
+  auto info = std::make_unique<WindowsFrameInfo>();
+  StackWinRecord record;
+  if (windows_frame_info_[WindowsFrameInfo::STACK_INFO_FRAME_DATA].RetrieveRange(address,
+                                                                                 &record) ||
+      windows_frame_info_[WindowsFrameInfo::STACK_INFO_FPO].RetrieveRange(address, &record)) {
+    copy_record(record, info.get());
+    return info.release();
+  }
+  // A function can tell the size of its parameters. A public symbol could as well, but does not:
+  // hosts take a record without a function or a STACK WIN line behind it for one that they can
+  // unwind with.
+  const NearestFunction nearest(functions_, address);
+  if (!nearest.holds_address) return nullptr;
+  info->valid |= WindowsFrameInfo::VALID_PARAMETER_SIZE;
+  info->parameter_size = static_cast<uint32_t>(nearest.function->parameter_size);
+  return info.release();
+}
+
+CFIFrameInfo* BasicSourceLineResolver::Module::FindCFIFrameInfo(const StackFrame* frame) const {
+  if (symb_loaded_) return FindCFIFrameInfoB(frame);
+  const MemAddr address = relative_address(frame);
+  const char* initial_rules = nullptr;
+  MemAddr initial_base = 0;
+  if (!cfi_initial_rules_.RetrieveRange(address, &initial_rules, &initial_base, nullptr, nullptr)) {
+    return nullptr;
+  }
+  auto info = std::make_unique<CFIFrameInfo>();
+  if (!ParseCFIRuleSet(initial_rules, info.get())) return nullptr;
+  // Changes on the way from the start of the range to the address. A bad one cancels nothing.
+  for (auto delta = cfi_delta_rules_.lower_bound(initial_base);
+       delta != cfi_delta_rules_.end() && delta.key() <= address; ++delta) {
+    ParseCFIRuleSet(delta.value(), info.get());
+  }
+  return info.release();
+}
+
+}  // namespace google_breakpad

@@ -1,0 +1,260 @@
+#include "processor/text_module_loader.h"
+
+#include <cstring>
+#include <new>
+#include <utility>
+
+#include "processor/logging.h"
+
+namespace google_breakpad {
+
+namespace {
+
+constexpr int kMaxErrorsPrinted = 10;
+
+bool is_line_break(char c) { return c == '\n' || c == '\r'; }
+
+template <size_t kSize>
+bool has_prefix(const char* line, const char (&prefix)[kSize]) {
+  return strncmp(line, prefix, kSize - 1) == 0;
+}
+
+}  // namespace
+
+void TextModuleLoader::Load(char* buffer, size_t size) {
+  if (size == 0) return;
+  if (buffer[size - 1] != '\0') buffer[size - 1] = '\0';
+  end_ = EndOfText(buffer, size);
+
+  char* at = buffer;
+  while (true) {
+    while (is_line_break(*at)) ++at;
+    if (at == end_) break;
+    ++line_number_;
+    at = LoadLine(at);
+    if (at != end_) ++at;
+  }
+  FinishFunction();
+  module_.is_corrupt_ = num_errors_ > 0;
+}
+
+// The position behind the last byte that is not NUL. NULs before it become "_", and count as one
+// error of the text as a whole.
+char* TextModuleLoader::EndOfText(char* buffer, size_t size) {
+  char* end = buffer + size;
+  while (end != buffer && end[-1] == '\0') --end;
+  bool found = false;
+  char* nul = buffer;
+  while ((nul = static_cast<char*>(memchr(nul, '\0', static_cast<size_t>(end - nul))))) {
+    *nul++ = '_';
+    found = true;
+  }
+  if (found) {
+    LogParseError("Null terminator is not expected in the middle of the symbol data", 0,
+                  &num_errors_);
+  }
+  return end;
+}
+
+// The first carriage return or line feed at or behind `line`, or the end of the text. The line feed
+// found is kept for the next calls: text with carriage returns alone would be searched to its end
+// at each line.
+char* TextModuleLoader::LineEnd(char* line) {
+  if (next_newline_ == nullptr || next_newline_ < line) {
+    void* newline = memchr(line, '\n', static_cast<size_t>(end_ - line));
+    next_newline_ = newline == nullptr ? end_ : static_cast<char*>(newline);
+  }
+  void* carriage_return = memchr(line, '\r', static_cast<size_t>(next_newline_ - line));
+  return carriage_return == nullptr ? next_newline_ : static_cast<char*>(carriage_return);
+}
+
+char* TextModuleLoader::LoadLine(char* line) {
+  // Line records are most of a symbol file, and no prefix but "F" begins like a number.
+  if (static_cast<unsigned char>(*line) <= '9' || *line >= 'a') return LoadLineRecord(line);
+  return LoadOtherLine(line);
+}
+
+char* TextModuleLoader::LoadOtherLine(char* line) {
+  if (has_prefix(line, "I ")) {
+    char* end = LineEnd(line);
+    if (cur_func_ == nullptr) {
+      LineError("Found source line data without a function");
+    } else if (!ParseInlineFunction(line, end)) {
+      LineError("ParseInlineFunction failed");
+    }
+    return end;
+  }
+  if (has_prefix(line, "FUNC ")) {
+    char* end = LineEnd(line);
+    if (!ParseFunction(line, end)) LineError("ParseFunction failed");
+    return end;
+  }
+  if (has_prefix(line, "STACK ")) {
+    char* end = LineEnd(line);
+    if (!ParseStackInfo(line, end)) LineError("ParseStackInfo failed");
+    return end;
+  }
+  if (has_prefix(line, "PUBLIC ")) {
+    char* end = LineEnd(line);
+    FinishFunction();
+    if (!ParsePublicSymbol(line, end)) LineError("ParsePublicSymbol failed");
+    return end;
+  }
+  if (has_prefix(line, "FILE ")) {
+    char* end = LineEnd(line);
+    if (!ParseFile(line, end)) LineError("ParseFile on buffer failed");
+    return end;
+  }
+  if (has_prefix(line, "MODULE ") || has_prefix(line, "INFO ")) return LineEnd(line);
+  return LoadLineRecord(line);
+}
+
+char* TextModuleLoader::LoadLineRecord(char* line) {
+  LineFields fields;
+  const char* quick_end = nullptr;
+  const bool quick = quick_ && cur_func_ != nullptr && QuickLine(line, &quick_end, &fields);
+  char* end = quick ? line + (quick_end - line) : LineEnd(line);
+  if (cur_func_ == nullptr) {
+    LineError("Found source line data without a function");
+  } else if (quick || ReadLine(line, end, &fields)) {
+    lines_.Store({fields.address, fields.size, static_cast<int32_t>(fields.source_file),
+                  static_cast<int32_t>(fields.line_number)});
+  } else {
+    LineError("ParseLine failed");
+  }
+  return end;
+}
+
+bool TextModuleLoader::ParseFile(char* line, char* end) {
+  FileFields fields;
+  if (!(quick_ && QuickFile(line, end, &fields)) && !ReadFile(line, end, &fields)) return false;
+  const int index = static_cast<int>(fields.index);
+  if (module_.files_.find(index) == module_.files_.end()) {
+    module_.files_.insert(index, module_.arena_.copy(fields.name));
+  }
+  return true;
+}
+
+bool TextModuleLoader::ParseFunction(char* line, char* end) {
+  FinishFunction();
+  FunctionFields fields;
+  if (!(quick_ && QuickFunction(line, end, &fields)) && !ReadFunction(line, end, &fields)) {
+    return false;
+  }
+  Arena& arena = module_.arena_;
+  void* memory = std::exchange(spare_func_, nullptr);
+  if (memory == nullptr) memory = arena.allocate(sizeof(Function), alignof(Function));
+  cur_func_ = new (memory) Function;
+  cur_func_->address = fields.address;
+  cur_func_->size = fields.size;
+  cur_func_->section = fields.section;
+  cur_func_->parameter_size = static_cast<int32_t>(fields.stack_param_size);
+  cur_func_->is_multiple = fields.is_multiple;
+  cur_func_stored_ = module_.functions_.StoreRange(fields.address, fields.size, cur_func_);
+  if (cur_func_stored_) cur_func_->name = arena.copy(fields.name);
+  return true;
+}
+
+// Lays down what the current function has gathered; there is no current function afterwards.
+void TextModuleLoader::FinishFunction() {
+  if (cur_func_ == nullptr) return;
+  if (cur_func_stored_) {
+    lines_.MoveTo(module_.arena_, cur_func_);
+    inlines_.MoveTo(module_.arena_, cur_func_);
+  } else {
+    lines_.Clear();
+    inlines_.Clear();
+    spare_func_ = cur_func_;
+  }
+  cur_func_ = nullptr;
+}
+
+bool TextModuleLoader::ParsePublicSymbol(char* line, char* end) {
+  PublicFields fields;
+  if (!(quick_ && QuickPublic(line, end, &fields)) && !ReadPublic(line, end, &fields)) return false;
+  // Several symbols at address 0 would clash with each other, and none of them is of use.
+  if (fields.address == 0) return true;
+  return module_.public_symbols_.Store(
+      fields.address, {module_.arena_.copy(fields.name), fields.address,
+                       static_cast<int32_t>(fields.stack_param_size), fields.is_multiple});
+}
+
+bool TextModuleLoader::ParseInlineFunction(char* line, char* end) {
+  InlineFields fields;
+  if (!(quick_ && QuickInline(line, end, &fields)) && !ReadInline(line, end, &fields)) return false;
+  BasicSourceLineResolver::InlineFunction site;
+  site.function_address = fields.address;
+  site.code_size = fields.size;
+  site.file_id = static_cast<int>(fields.source_file);
+  site.source_line = static_cast<int>(fields.line_number);
+  site.caller = fields.caller;
+  site.name = nullptr;
+  inlines_.Store(site, fields.name);
+  return true;
+}
+
+bool TextModuleLoader::ParseStackInfo(char* line, char* end) {
+  StackWinFields win;
+  StackCFIFields cfi;
+  if (quick_ && QuickStackCFI(line, end, &cfi)) {
+    StoreStackCFI(cfi);
+    return true;
+  }
+  if (quick_ && QuickStackWin(line, end, &win)) {
+    StoreStackWin(win);
+    return true;
+  }
+  char* platform = nullptr;
+  char* stack_info = nullptr;
+  SplitStackLine(line, end, &platform, &stack_info);
+  if (strcmp(platform, "WIN") == 0) {
+    if (!ReadStackWin(stack_info, end, &win)) return false;
+    StoreStackWin(win);
+    return true;
+  }
+  if (strcmp(platform, "CFI") == 0) {
+    if (!ReadStackCFI(stack_info, end, &cfi)) return false;
+    StoreStackCFI(cfi);
+    return true;
+  }
+  return false;
+}
+
+void TextModuleLoader::StoreStackWin(const StackWinFields& fields) {
+  // Few programs serve all functions of a module, mostly one after the other.
+  if (fields.program_string != last_program_) {
+    last_program_ = fields.program_string;
+    last_program_copy_ = module_.arena_.copy(fields.program_string);
+  }
+  const StackWinRecord record = {fields.prolog_size,
+                                 fields.epilog_size,
+                                 fields.parameter_size,
+                                 fields.saved_register_size,
+                                 fields.local_size,
+                                 fields.max_stack_size,
+                                 fields.program_string.empty() ? "" : last_program_copy_,
+                                 static_cast<int8_t>(fields.type),
+                                 fields.allocates_base_pointer};
+  module_.windows_frame_info_[static_cast<size_t>(fields.type)].StoreRange(
+      fields.rva, fields.code_size, record);
+}
+
+void TextModuleLoader::StoreStackCFI(const StackCFIFields& fields) {
+  const char* rules = module_.arena_.copy(fields.rules);
+  if (fields.is_init) {
+    module_.cfi_initial_rules_.StoreRange(fields.address, fields.size, rules);
+  } else if (!module_.cfi_delta_rules_.insert(fields.address, rules)) {
+    module_.cfi_delta_rules_.value_at(module_.cfi_delta_rules_.find(fields.address)) = rules;
+  }
+}
+
+void TextModuleLoader::LogParseError(const std::string& message, int line_number, int* num_errors) {
+  if (++*num_errors > kMaxErrorsPrinted) return;
+  if (line_number > 0) {
+    SYMFORGE_LOG(ERROR) << "Line " << line_number << ": " << message;
+  } else {
+    SYMFORGE_LOG(ERROR) << message;
+  }
+}
+
+}  // namespace google_breakpad

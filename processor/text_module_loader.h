@@ -1,0 +1,80 @@
+// TextModuleLoader: fills a module from the text of a symbol file.
+//
+// One pass over the text, line by line, in time linear in its length. Line ends are runs of
+// carriage returns and line feeds, so empty lines do not exist and are not counted. Each line is
+// read by the quick reader of its kind or, if that declines, by the exact one (symbol_lines.h).
+//
+// Lines that do not parse are counted, the first 10 of them are logged, and they are skipped. What
+// a container refuses (a second function at one address, a line that overlaps another) is dropped
+// without a message, except where the container itself logs; a second PUBLIC at an address counts
+// as an error.
+//
+// The only state between lines is the current function, which line records and I lines join. FUNC
+// sets it, or clears it if the line fails; PUBLIC clears it; other lines leave it alone. A function
+// that was refused is current like any other, and goes with what it gathered.
+
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+#include "processor/basic_source_line_resolver_module.h"
+#include "processor/function_records.h"
+#include "processor/symbol_lines.h"
+
+namespace google_breakpad {
+
+class TextModuleLoader {
+ public:
+  using Module = BasicSourceLineResolver::Module;
+  using Function = BasicSourceLineResolver::Function;
+
+  // Whether quick readers are asked at all; tests compare the two.
+  enum class Readers { kQuickAndExact, kExact };
+
+  // `module` must outlive the loader.
+  explicit TextModuleLoader(Module* module, Readers readers = Readers::kQuickAndExact)
+      : module_(*module), quick_(readers == Readers::kQuickAndExact) {}
+
+  // Reads `size` bytes and marks the module corrupt if a line did not parse. The last byte is
+  // overwritten by a NUL if it is none; other parts of the buffer are changed as lines are split.
+  void Load(char* buffer, size_t size);
+
+ private:
+  char* EndOfText(char* buffer, size_t size);
+  char* LineEnd(char* line);
+  // Each takes the start of a line and returns its end.
+  char* LoadLine(char* line);
+  char* LoadOtherLine(char* line);
+  char* LoadLineRecord(char* line);
+
+  bool ParseFile(char* line, char* end);
+  bool ParseFunction(char* line, char* end);
+  bool ParsePublicSymbol(char* line, char* end);
+  bool ParseInlineFunction(char* line, char* end);
+  bool ParseStackInfo(char* line, char* end);
+  void StoreStackWin(const StackWinFields& fields);
+  void StoreStackCFI(const StackCFIFields& fields);
+
+  void FinishFunction();
+  void LogParseError(const std::string& message, int line_number, int* num_errors);
+  void LineError(const char* message) { LogParseError(message, line_number_, &num_errors_); }
+
+  Module& module_;
+  const bool quick_;
+  char* end_ = nullptr;           // of the text; a NUL stands there
+  char* next_newline_ = nullptr;  // the first line feed at or behind the last line asked about
+  int line_number_ = 0;
+  int num_errors_ = 0;
+
+  Function* cur_func_ = nullptr;  // in the module's arena
+  bool cur_func_stored_ = false;  // the module's container took it
+  LineGatherer lines_;
+  InlineGatherer inlines_;
+  Function* spare_func_ = nullptr;  // the record of a refused function, to be used again
+  std::string last_program_;
+  const char* last_program_copy_ = "";
+};
+
+}  // namespace google_breakpad
