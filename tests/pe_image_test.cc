@@ -1,0 +1,117 @@
+// A PE image's identity, and where its RVAs lie in the file.
+
+#include "symforge/src/pe_image.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+
+#include "tests/support/pe_builder.h"
+#include "tests/support/process.h"
+
+namespace google_breakpad {
+namespace {
+
+using test_support::Bytes;
+using test_support::PeBuilder;
+using test_support::put_u16;
+using test_support::put_u32;
+using test_support::TemporaryDirectory;
+
+constexpr size_t kOptional = PeBuilder::kNtHeaders + 24;
+constexpr size_t kDebugDirectory = kOptional + 112 + 8 * IMAGE_DIRECTORY_ENTRY_DEBUG;
+constexpr size_t kFirstSection = kOptional + 240;
+constexpr char kPdbPath[] = "C:\\build\\a.pdb";
+
+std::string imageWithIdentity(uint32_t age = 1) {
+  return PeBuilder().codeview({}, age, kPdbPath).build();
+}
+
+// "ID NAME", or "" for a file without identity.
+std::string identityOf(const std::string& bytes) {
+  const TemporaryDirectory directory;
+  std::string id = "kept";
+  std::string name = "kept";
+  if (pe64_debug_id(directory.file("a.dll", bytes).c_str(), id, name)) return id + " " + name;
+  EXPECT_EQ(id + name, "keptkept");
+  return {};
+}
+
+TEST(PeIdentityTest, IsGuidAgeAndPdbName) {
+  EXPECT_EQ(identityOf(imageWithIdentity()),
+            std::string("0123456789ABCDEF1032547698BADCFE1 ") + kPdbPath);
+  EXPECT_EQ(identityOf(imageWithIdentity(0x1A)).substr(32, 3), "1a ");
+}
+
+TEST(PeIdentityTest, IsMissingFromEverythingElse) {
+  const struct {
+    const char* what;
+    std::function<void(std::string&)> damage;
+  } cases[] = {
+      {"no DOS signature", [](std::string& b) { put_u16(b, 0, 0x5A4E); }},
+      {"no NT headers", [](std::string& b) { put_u32(b, 60, 0); }},
+      {"NT headers in front of the end", [](std::string& b) { put_u32(b, 60, b.size() - 263); }},
+      {"NT headers far outside", [](std::string& b) { put_u32(b, 60, 0xFFFFFFFF); }},
+      {"other optional header",
+       [](std::string& b) { put_u16(b, PeBuilder::kNtHeaders + 20, 248); }},
+      {"32 bits", [](std::string& b) { put_u16(b, kOptional, 0x10B); }},
+      {"no sections", [](std::string& b) { put_u16(b, PeBuilder::kNtHeaders + 6, 0); }},
+      {"no debug directory", [](std::string& b) { put_u32(b, kDebugDirectory, 0); }},
+      {"debug directory nowhere", [](std::string& b) { put_u32(b, kDebugDirectory, 0x500000); }},
+      {"empty debug directory", [](std::string& b) { put_u32(b, kDebugDirectory + 4, 27); }},
+      {"CodeView entry behind the end",
+       [](std::string& b) { put_u32(b, kDebugDirectory + 4, 55); }},
+      {"old CodeView record", [](std::string& b) { put_u32(b, b.find("RSDS"), 0x3031424E); }},
+      {"section behind the file",
+       [](std::string& b) { put_u32(b, kFirstSection + 20, 0xFFFFFFF0); }},
+      {"record cut short", [](std::string& b) { b.resize(b.find("RSDS") + 23); }},
+  };
+  for (const auto& c : cases) {
+    std::string bytes = imageWithIdentity();
+    c.damage(bytes);
+    EXPECT_EQ(identityOf(bytes), "") << c.what;
+  }
+  EXPECT_EQ(identityOf(PeBuilder(false).codeview({}, 1, kPdbPath).build()), "") << "PE32";
+  std::string none;
+  EXPECT_FALSE(pe64_debug_id(nullptr, none, none));
+  EXPECT_FALSE(pe64_debug_id("/nonexistent", none, none));
+}
+
+// Every prefix of an image ends inside the file: the name as far as it is there, or nothing.
+TEST(PeIdentityTest, EndsWithTheFile) {
+  const std::string whole = imageWithIdentity();
+  const size_t name = whole.find(kPdbPath);
+  for (size_t size = 1; size < whole.size(); size += size < name - 8 || size > name + 16 ? 13 : 1) {
+    const std::string identity = identityOf(whole.substr(0, size));
+    const std::string path = std::string(kPdbPath).substr(0, size < name ? 0 : size - name);
+    EXPECT_EQ(identity, size < name ? "" : "0123456789ABCDEF1032547698BADCFE1 " + path) << size;
+  }
+}
+
+TEST(PeImageTest, FindsAnRvaInTheFilesPartOfTheFirstSectionThatHoldsIt) {
+  const TemporaryDirectory directory;
+  // 512 bytes of each section are in the file; the second one begins inside the first.
+  const std::string bytes = PeBuilder()
+                                .section("a", 0x1000, std::string(0x200, 'a'), 0x1000)
+                                .section("b", 0x1100, std::string(0x200, 'b'))
+                                .build();
+  MMapWrapper mapping;
+  ASSERT_TRUE(mapping.Map(directory.file("a.dll", bytes).c_str()));
+  const PeImage image(mapping);
+  const auto at = [&image](uint32_t rva) {
+    const uint8_t* byte = image.ImageRvaToVa(rva);
+    return byte == nullptr ? '-' : static_cast<char>(*byte);
+  };
+  EXPECT_EQ(at(0xFFF), '-');
+  EXPECT_EQ(at(0x1000), 'a');
+  EXPECT_EQ(at(0x11FF), 'a');
+  EXPECT_EQ(at(0x1200), 'b');
+  EXPECT_EQ(at(0x12FF), 'b');
+  EXPECT_EQ(at(0x1300), '-');  // in memory only
+  EXPECT_NE(image.bytesAt(0x1100, 0x300), nullptr);
+  EXPECT_EQ(image.bytesAt(0x1100, 0x301), nullptr);  // leaves the file
+}
+
+}  // namespace
+}  // namespace google_breakpad

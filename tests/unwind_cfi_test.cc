@@ -1,0 +1,226 @@
+// Unwind data of x64 images as STACK CFI lines.
+
+#include "symforge/src/unwind_cfi.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "tests/support/pe_builder.h"
+#include "tests/support/process.h"
+
+namespace google_breakpad {
+namespace {
+
+using namespace test_support;  // NOLINT: names of slots in long tables
+using Slots = std::vector<uint16_t>;
+using Unwind = test_support::UnwindInfo;
+
+struct Cfi {
+  std::string text;
+  std::string messages;
+};
+
+std::string textOf(const std::string& image) {
+  const TemporaryDirectory directory;
+  MMapWrapper mapping;
+  EXPECT_TRUE(mapping.Map(directory.file("a.dll", image).c_str()));
+  TextBuffer out;
+  printUnwindData(PeImage(mapping), out);
+  return std::string(out.view());
+}
+
+Cfi cfiOf(const std::string& image) {
+  testing::internal::CaptureStderr();
+  const std::string text = textOf(image);
+  return {text, testing::internal::GetCapturedStderr()};
+}
+
+// The lines of a function at 0x1000 of 0x20 bytes.
+std::string textOf(const Unwind& info) {
+  return textOf(PeBuilder().function(0x1000, 0x1020, info).build());
+}
+
+std::string lines(const std::string& rules, int rip_offset = 8) {
+  return "STACK CFI INIT 1000 20 .cfa: $rsp .ra: .cfa " + std::to_string(rip_offset) +
+         " - ^\nSTACK CFI 1000 .cfa: " + rules + "\n";
+}
+
+// Where the unwind data goes on behind an info without slots.
+constexpr uint32_t kNext = PeBuilder::kUnwindRva + 4;
+
+uint16_t op(uint8_t operation, uint8_t info) { return unwind_slot(0, operation, info); }
+
+TEST(UnwindCfiTest, SumsUpTheOperations) {
+  const struct {
+    Slots slots;
+    std::string rules;
+    int rip_offset = 8;
+  } cases[] = {
+      {{}, "$rsp 8 +"},
+      {{op(kAllocSmall, 3)}, "$rsp 40 +"},
+      {{op(kAllocSmall, 3), op(kPushNonvol, 3)}, "$rsp 48 + $rbx: $rsp 32 + ^"},
+      {{op(kPushNonvol, 10)}, "$rsp 16 +"},
+      // Order: rbp, then by name.
+      {{op(kPushNonvol, 15), op(kPushNonvol, 14), op(kPushNonvol, 13), op(kPushNonvol, 12),
+        op(kPushNonvol, 7), op(kPushNonvol, 6), op(kPushNonvol, 5), op(kPushNonvol, 4),
+        op(kPushNonvol, 3)},
+       "$rsp 80 + $rbp: $rsp 48 + ^ $r12: $rsp 24 + ^ $r13: $rsp 16 + ^ $r14: $rsp 8 + ^ "
+       "$r15: $rsp 0 + ^ $rbx: $rsp 64 + ^ $rdi: $rsp 32 + ^ $rsi: $rsp 40 + ^ $rsp: $rsp 56 + ^"},
+      {{op(kAllocLarge, 0), 0xFFFF}, "$rsp 524288 +"},
+      {{op(kAllocLarge, 1), 0x0008, 0x0010}, "$rsp 1048592 +"},
+      {{op(kAllocLarge, 1), 0xFFF8, 0xFFFF}, "$rsp 0 +"},
+      {{op(kAllocLarge, 1), 0xFFFF, 0x7FFF}, "$rsp -2147483641 +"},
+      {{op(kAllocSmall, 0), op(kAllocLarge, 0)}, "$rsp 16 +"},
+      {{op(kAllocSmall, 0), op(kAllocLarge, 1), 0x100}, "$rsp 16 +"},
+      {{op(kSaveNonvol, 6), 5, op(kAllocSmall, 0)}, "$rsp 16 + $rsi: $rsp 40 + ^"},
+      {{op(kSaveNonvolFar, 6), 5, 1}, "$rsp 8 + $rsi: $rsp 65541 + ^"},
+      {{op(kSaveNonvol, 0), 5, op(kAllocSmall, 0)}, "$rsp 16 +"},
+      {{op(kSaveNonvol, 6)}, "$rsp 8 +"},
+      {{op(kSaveNonvolFar, 6), 5}, "$rsp 8 +"},
+      // A save replaces what is there.
+      {{op(kPushNonvol, 6), op(kSaveNonvol, 6), 5, op(kSaveNonvol, 6), 7},
+       "$rsp 16 + $rsi: $rsp 56 + ^"},
+      // Old XMM saves take one slot; what would be their operand is an operation.
+      {{op(6, 1), op(kAllocSmall, 0), op(7, 1), op(kAllocSmall, 0)}, "$rsp 24 +"},
+      {{op(kSaveXmm128, 1), op(kAllocSmall, 0), op(kAllocSmall, 1)}, "$rsp 24 +"},
+      {{op(kSaveXmm128Far, 1), op(kAllocSmall, 0), op(kAllocSmall, 0), op(kAllocSmall, 1)},
+       "$rsp 24 +"},
+      {{op(kPushMachframe, 0)}, "$rsp 88 +", 88},
+      {{op(kPushMachframe, 1)}, "$rsp 96 +", 88},
+      {{op(11, 1), op(15, 2), op(kAllocSmall, 0)}, "$rsp 16 +"},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(textOf(Unwind{.slots = c.slots}), lines(c.rules, c.rip_offset));
+}
+
+TEST(UnwindCfiTest, CountsFromTheFramePointer) {
+  // 0x40 bytes of stack, of which 0x20 when the register is set.
+  const Slots slots = {op(kAllocSmall, 3), op(kSetFpreg, 0), op(kAllocSmall, 1), op(kPushNonvol, 5),
+                       op(kPushNonvol, 3)};
+  for (const uint8_t frame_register : {5, 13})
+    EXPECT_EQ(textOf(Unwind{.frame_register = frame_register, .frame_offset = 1, .slots = slots}),
+              lines("$rbp 24 + $rbp: .cfa 24 - ^ $rbx: .cfa 16 - ^"));
+}
+
+TEST(UnwindCfiTest, StopsTheProcessForARegisterPushedTwiceOrAFrameNeverSet) {
+  EXPECT_DEATH(textOf(Unwind{.slots = {op(kPushNonvol, 3), op(kPushNonvol, 3)}}), "ok.second");
+  EXPECT_DEATH(textOf(Unwind{.frame_register = 5}), "fp_offset != INT32_MAX");
+  // Also when the second time is in a chain that comes round to itself.
+  const Unwind round{.flags = kUnwindChained,
+                     .slots = {op(kPushNonvol, 3)},
+                     .chained = {0, 0, PeBuilder::kUnwindRva}};
+  EXPECT_DEATH(textOf(round), "ok.second");
+}
+
+TEST(UnwindCfiTest, AddsUpAChain) {
+  PeBuilder pe;
+  const uint32_t last = pe.unwind_info({.frame_register = 5, .slots = {op(kPushNonvol, 5)}});
+  const uint32_t middle = pe.unwind_info({.flags = kUnwindChained,
+                                          .slots = {op(kAllocSmall, 1), op(kAllocSmall, 1)},
+                                          .chained = {0x2000, 0x3000, last}});
+  const Unwind top{
+      .flags = kUnwindChained, .slots = {op(kPushNonvol, 3)}, .chained = {0x2000, 0x3000, middle}};
+  EXPECT_EQ(textOf(pe.function(0x1000, 0x1020, top).build()),
+            lines("$rsp 56 + $rbp: $rsp 40 + ^ $rbx: $rsp 0 + ^"));
+  // A link to nowhere ends the chain, and nothing else.
+  EXPECT_EQ(textOf(Unwind{.flags = kUnwindChained, .chained = {0, 0, 0x9000000}}),
+            lines("$rsp 8 +"));
+}
+
+TEST(UnwindCfiTest, FollowsEntriesThatPointToEntries) {
+  PeBuilder pe;
+  const uint32_t info = pe.unwind_info({.slots = {op(kAllocSmall, 0)}});
+  const uint32_t entry = pe.raw_unwind_info(Bytes().u32(1).u32(2).u32(info).str());
+  const uint32_t further = pe.raw_unwind_info(Bytes().u32(1).u32(2).u32(entry | 1).str());
+  pe.function_entry({0x1000, 0x1020, further | 1});
+  EXPECT_EQ(textOf(pe.build()), lines("$rsp 16 +"));
+}
+
+TEST(UnwindCfiTest, GoesOnBehindEntriesWithoutUnwindData) {
+  PeBuilder pe;
+  pe.function_entry({0x500, 0x600, 0x9000000});
+  pe.function(0x1000, 0x1020, {}).function(0x1000, 0x1020, {});
+  EXPECT_EQ(textOf(pe.build()), lines("$rsp 8 +") + lines("$rsp 8 +"));
+}
+
+// What leads nowhere or never ends: the message, and the lines in front of it.
+TEST(UnwindCfiTest, GivesUpWhereLinksAreLost) {
+  Slots endless(254, op(kAllocSmall, 0));
+  endless.push_back(op(kAllocLarge, 1));
+  const struct {
+    const char* what;
+    std::function<void(PeBuilder&)> add;
+  } cases[] = {
+      {"entry nowhere",
+       [](PeBuilder& pe) {
+         pe.function_entry({1, 2, 0x9000001});
+       }},
+      {"entry that is its own",
+       [](PeBuilder& pe) {
+         pe.raw_unwind_info(Bytes().u32(1).u32(2).u32(kNext | 1).str());
+         pe.function_entry({1, 2, kNext | 1});
+       }},
+      {"chain of two",
+       [](PeBuilder& pe) {
+         const Unwind back{.flags = kUnwindChained, .chained = {1, 2, kNext}};
+         const uint32_t other =
+             pe.unwind_info({.flags = kUnwindChained, .chained = {1, 2, kNext + 16}});
+         EXPECT_EQ(other, kNext);
+         pe.function(1, 2, back);
+       }},
+      {"slots that wrap the counter",
+       [&endless](PeBuilder& pe) { pe.function(1, 2, {.slots = endless}); }},
+  };
+  for (const auto& c : cases) {
+    PeBuilder pe;
+    pe.function(0x1000, 0x1020, {});
+    c.add(pe);
+    pe.function(0x2000, 0x2020, {});
+    const Cfi cfi = cfiOf(pe.build());
+    EXPECT_EQ(cfi.text, lines("$rsp 8 +")) << c.what;
+    EXPECT_EQ(cfi.messages, "Failed to find chained function\n") << c.what;
+  }
+}
+
+TEST(UnwindCfiTest, RefusesImagesOfOtherKinds) {
+  const struct {
+    std::string image;
+    const char* messages;
+  } cases[] = {
+      {PeBuilder(false).build(), "Not a PE32+ image\n"},
+      {PeBuilder().directory(14, 0x1000, 8).function(1, 2, {}).build(),
+       "The image is a CLR assembly, which is not supported"},
+      {PeBuilder().build(), "Failed to find function entries\n"},
+      {PeBuilder().section("x", 0x1000, "x").directory(3, 0x1000, 11).build(), ""},
+      {PeBuilder().section("x", 0x1000, "x").directory(3, 0x11F9, 12).build(),
+       "Failed to find function entries\n"},
+  };
+  for (const auto& c : cases) {
+    const Cfi cfi = cfiOf(c.image);
+    EXPECT_EQ(cfi.text, "");
+    EXPECT_EQ(cfi.messages, c.messages);
+  }
+  // The exception for one machine.
+  EXPECT_NE(textOf(PeBuilder().machine(0x1F2).directory(14, 1, 8).function(1, 2, {}).build()), "");
+  EXPECT_THROW(textOf(std::string("MZ")), pdb_exception);
+  EXPECT_THROW(textOf(PeBuilder().build().substr(0, PeBuilder::kNtHeaders + 263)), pdb_exception);
+}
+
+// An image cut anywhere gives the lines of the entries that are there, and never reads on.
+TEST(UnwindCfiTest, EndsWithTheFile) {
+  PeBuilder pe;
+  const Unwind info{.slots = {op(kAllocLarge, 1), 1, 0, op(kPushNonvol, 3)}};
+  for (uint32_t i = 0; i < 8; ++i) pe.function(0x1000 * i, 0x1000 * i + 9, info);
+  const std::string image = pe.build();
+  const std::string whole = textOf(image);
+  for (size_t size = PeBuilder::kNtHeaders + 264; size < image.size(); size += 7) {
+    const std::string text = cfiOf(image.substr(0, size)).text;  // and its messages
+    EXPECT_EQ(whole.compare(0, text.size(), text), 0) << size;
+  }
+}
+
+}  // namespace
+}  // namespace google_breakpad
