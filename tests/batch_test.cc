@@ -1,0 +1,343 @@
+// Batches: what is collected, paired and converted in which order; what one bad file costs; many
+// batches on one tree; and a batch that is killed.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <random>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/bytes.h"
+#include "tests/support/pdb_builder.h"
+#include "tests/support/pe_builder.h"
+#include "tests/support/process.h"
+
+namespace {
+
+using namespace test_support;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+Guid guid_of(uint32_t number) { return {.data1 = number}; }
+
+std::string make_pdb(uint32_t number, uint32_t functions = 3) {
+  PdbBuilder pdb(512);
+  pdb.info.guid = guid_of(number);
+  pdb.dbi.age = 10;
+  pdb.section({.name = ".text", .address = 0x1000, .virtual_size = 0x10000, .raw_size = 0x10000});
+  ModuleBuilder& module = pdb.add_module("m.obj");
+  for (uint32_t i = 0; i < functions; ++i) {
+    module.proc({.name = "f" + std::to_string(i), .offset = 16 * i, .length = 16}).end();
+  }
+  return pdb.build().bytes;
+}
+
+std::string make_pe(uint32_t number, const std::string& pdb_name) {
+  PeBuilder pe;
+  pe.codeview(guid_of(number), 10, "C:\\out\\" + pdb_name);
+  pe.time_stamp(0x5F000000 + number);
+  return pe.build();
+}
+
+std::string make_text(uint32_t number, const std::string& pdb_name, size_t functions = 3) {
+  std::string text =
+      "MODULE windows x86_64 " + debug_id(guid_of(number), 10) + " " + pdb_name + "\n";
+  for (size_t i = 0; i < functions; ++i) text += "PUBLIC " + std::to_string(i) + " 0 name\n";
+  return text;
+}
+
+// A folder "in" of inputs, with the order in which a batch has to convert them.
+class Inputs {
+ public:
+  explicit Inputs(const TemporaryDirectory& temp) : temp_(temp) {}
+
+  void pair(uint32_t number, const std::string& pdb, const std::string& exe,
+            uint32_t functions = 3) {
+    pe_with_pdb_[add(pes_, exe, make_pe(number, "linked.pdb"))] =
+        add(pdbs_, pdb, make_pdb(number, functions));
+  }
+  void pdb(const std::string& name, const std::string& bytes) { add(pdbs_, name, bytes); }
+  void pe(const std::string& name, const std::string& bytes) { add(pes_, name, bytes); }
+  void text(const std::string& name, const std::string& bytes) { add(syms_, name, bytes); }
+  void ignored(const std::string& name, const std::string& bytes) {
+    temp_.file("in/" + name, bytes);
+    ++files_;
+  }
+
+  size_t files() const { return files_ + pdbs_.size() + pes_.size() + syms_.size(); }
+
+  // The arguments of the single conversions that a batch into `tree` stands for.
+  std::vector<std::vector<std::string>> conversions(const std::string& tree) const {
+    std::vector<std::vector<std::string>> runs;
+    std::set<std::string> left = pdbs_;
+    for (const std::string& sym : syms_) runs.push_back({"-s", tree, sym});
+    for (const std::string& exe : pes_) {
+      runs.push_back({"-s", tree, "-e", exe});
+      if (const auto pdb = pe_with_pdb_.find(exe); pdb != pe_with_pdb_.end()) {
+        runs.back().push_back(pdb->second);
+        left.erase(pdb->second);
+      }
+    }
+    for (const std::string& pdb : left) runs.push_back({"-s", tree, pdb});
+    return runs;
+  }
+
+ private:
+  std::string add(std::set<std::string>& set, const std::string& name, const std::string& bytes) {
+    return *set.insert(temp_.file("in/" + name, bytes)).first;
+  }
+
+  const TemporaryDirectory& temp_;
+  std::set<std::string> syms_, pes_, pdbs_;
+  std::map<std::string, std::string> pe_with_pdb_;
+  size_t files_ = 0;
+};
+
+std::string numbered(const std::string& stem, uint32_t number, const std::string& extension) {
+  return stem + std::to_string(number) + extension;
+}
+
+// Pairs under unrelated names in two folders, PDBs and PEs of their own, texts with their PE.
+void add_good_files(Inputs& in, uint32_t count) {
+  for (uint32_t i = 0; i < count; ++i) {
+    in.pair(i, numbered("symbols/p", i, i % 3 ? ".pdb" : ".PDB"),
+            numbered("bin/image", count - i, i % 2 ? ".dll" : ".Exe"));
+    in.pdb(numbered("lone", i, ".pdb"), make_pdb(1000 + i));
+    in.text(numbered("text/t", i, i % 2 ? ".sym" : ".SYM"), make_text(2000 + i, "t.pdb"));
+    if (i % 2) in.pe(numbered("bin/joined", i, ".exe"), make_pe(2000 + i, "t.pdb"));
+  }
+}
+
+void add_bad_files(Inputs& in) {
+  const std::string pdb = make_pdb(3000);
+  const std::string pe = make_pe(3001, "a.pdb");
+  const std::string text = make_text(3002, "cut.pdb");
+  in.pdb("bad/empty.pdb", "");
+  in.pe("bad/empty.exe", "");
+  in.text("bad/empty.sym", "");
+  for (uint32_t i = 1; i < 16; ++i) {
+    in.pdb(numbered("bad/cut", i, ".pdb"), pdb.substr(0, pdb.size() * i / 16));
+    in.pe(numbered("bad/cut", i, ".dll"), pe.substr(0, pe.size() * i / 16));
+    in.text(numbered("bad/cut", i, ".sym"), text.substr(0, text.size() * i / 16));
+  }
+  in.text("bad/symb.sym", "SYMB" + std::string(200, '\xFF'));
+  in.pe("bad/no_debug_record.exe", PeBuilder().build());
+  in.pe("bad/32bit.exe", PeBuilder(false).build());
+  in.pe("bad/lone.exe", make_pe(3003, "nowhere.pdb"));
+  in.ignored("bad/readme.txt", pdb);
+  in.ignored(".hidden/a.pdb", make_pdb(3004));
+  in.ignored(".hidden.pdb", make_pdb(3005));
+  std::string foreign = pdb;
+  foreign[0] = 'X';
+  in.pdb("bad/foreign.pdb", foreign);
+}
+
+TEST(BatchTest, GivesWhatConvertingOneByOneGives) {
+  const TemporaryDirectory temp;
+  Inputs in(temp);
+  add_good_files(in, 32);
+  add_bad_files(in);
+  in.pair(4000, "folder.pdb/a.pdb", "folder.pdb/a.dll");
+  in.pe("folder.pdb/b_second_of_its_identifier.dll", make_pe(4000, "a.pdb"));
+  ASSERT_GE(in.files(), 200u);
+
+  const std::string tree = temp.folder("tree");
+  const std::string expected = temp.folder("expected");
+  EXPECT_EQ(run({"-r", temp / "in", tree}).status, 0);
+  for (const auto& args : in.conversions(expected)) run(args);
+  EXPECT_EQ(list_tree(tree), list_tree(expected));
+}
+
+TEST(BatchTest, ReportsEachFileOnceAndSucceedsForOneGoodOne) {
+  const TemporaryDirectory temp;
+  Inputs in(temp);
+  const std::string tree = temp.folder("tree");
+  in.pe("a.exe", make_pe(1, "a.pdb"));
+  in.pdb("foreign.pdb",
+         "no PDB at all, but long enough to be read as one: " + std::string(64, 'x'));
+  const std::string batch_in = temp / "in";
+
+  Result result = run({"-r", batch_in, tree});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_THAT(result.err, HasSubstr("PE file without matching pdb or sym file"));
+  const std::string report = "Failed to convert symbol file " + batch_in + "/foreign.pdb.\n";
+  const size_t at = result.err.find(report);
+  EXPECT_NE(at, std::string::npos);
+  EXPECT_EQ(result.err.find("foreign.pdb", at + report.size()), std::string::npos);
+
+  in.text("b.sym", make_text(1, "a.pdb"));
+  result = run({"-r", batch_in, tree});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_THAT(result.err, Not(HasSubstr("a.exe")));
+}
+
+// A PDB that ends the process that reads it must not end the pairing either.
+TEST(BatchTest, GoesOnBehindAChildKilledByASignal) {
+  const TemporaryDirectory temp;
+  Inputs in(temp);
+  std::string deadly = make_pdb(1);
+  put_u32(deadly, 44, 0);  // a stream directory of no bytes
+  in.pdb("a.pdb", deadly);
+  in.pair(2, "b.pdb", "c.exe");
+  in.pdb("d.pdb", deadly);
+  const std::string tree = temp.folder("tree");
+  const Result result = run({"-r", "in", "tree"}, {.directory = temp.path()});
+  EXPECT_EQ(result.status, 0);
+  for (const char* path : {"in/a.pdb", "in/d.pdb"}) {
+    const std::string message =
+        std::string(SYMFORGE_PROGRAM) + " [" + path + "] was terminated by signal: Aborted\n";
+    EXPECT_THAT(result.err, HasSubstr("symforge: " + message.substr(0, 127)));
+  }
+  const std::string id = debug_id(guid_of(2), 10);
+  const Tree converted = list_tree(tree);
+  EXPECT_EQ(converted.count("b.pdb/" + id + "/b.sym"), 1u);
+  EXPECT_EQ(converted.at("b.pdb/5F0000024000000"), "link " + id);
+}
+
+TEST(BatchTest, NeedsAPathToItself) {
+  const TemporaryDirectory temp;
+  temp.file("in/a.sym", make_text(1, "a.pdb"));
+  temp.folder("tree");
+  const std::string folder = std::filesystem::path(SYMFORGE_PROGRAM).parent_path();
+  const Result result = run({"-c", "PATH=$PATH:" + folder + " symforge -r in tree"},
+                            {.directory = temp.path(), .program = "/bin/sh"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.err, "symforge: Failed execve: No such file or directory\n");
+}
+
+// Whatever cannot be walked ends the batch before anything is converted.
+TEST(BatchWalkTest, StopsAtWhatItCannotRead) {
+  const TemporaryDirectory temp;
+  chmod(temp.path().c_str(), 0755);
+  const std::string in = temp.folder("in");
+  const std::string tree = temp.folder("tree");
+  temp.file("in/a.sym", make_text(1, "a.pdb"));
+  const auto stops_with = [&](const std::string& message) {
+    const Result result = run({"-r", in, tree}, {.as_nobody = true});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err, "symforge: " + message + "\n");
+    EXPECT_EQ(list_tree(tree), Tree());
+  };
+  std::filesystem::create_symlink("nowhere", in + "/dangling");
+  stops_with("Failed to stat " + in + "/dangling");
+  std::filesystem::remove(in + "/dangling");
+
+  temp.folder("in/closed");
+  chmod((in + "/closed").c_str(), 0);
+  stops_with("Failed to opendir " + in + "/closed");
+  std::filesystem::remove(in + "/closed");
+
+  EXPECT_EQ(run({"-r", temp / "missing", tree}).err,
+            "symforge: Failed to stat " + (temp / "missing") + "\n");
+}
+
+TEST(BatchWalkTest, CutsAPathThatIsTooLong) {
+  const TemporaryDirectory temp;
+  const std::string name(200, 'n');
+  std::string path = temp.folder("in");
+  const std::string start = std::filesystem::current_path();
+  std::filesystem::current_path(path);
+  while (path.size() <= 4095) {
+    std::filesystem::create_directory(name);
+    std::filesystem::current_path(name);
+    path += "/" + name;
+  }
+  std::filesystem::current_path(start);
+  const Result result = run({"-r", temp / "in", temp.folder("tree")});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.err, "symforge: Failed to stat " + path.substr(0, 4095) + "\n");
+}
+
+// Files of a tree that are complete by their names; what a killed process left behind is not.
+Tree targets(const std::string& root) {
+  Tree tree = list_tree(root);
+  std::erase_if(tree, [](const auto& entry) {
+    return entry.second.starts_with("file") && !entry.first.ends_with(".sym");
+  });
+  return tree;
+}
+
+void wait_for_success(pid_t pid) {
+  int status = -1;
+  waitpid(pid, &status, 0);
+  EXPECT_EQ(status, 0);
+}
+
+// A folder with several builds of one module, large files, and a tree that one batch made of it.
+class SharedTreeTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    for (uint32_t i = 0; i < 6; ++i) {
+      in_.pair(i, numbered("build", i, "/app.pdb"), numbered("build", i, "/app.exe"), 500);
+      in_.text(numbered("text", i, ".sym"), make_text(5000 + i, "t.pdb", 20000));
+    }
+    add_good_files(in_, 4);
+    in_.pe("joined.exe", make_pe(5000, "t.pdb"));
+    EXPECT_EQ(run({"-r", temp_ / "in", expected_}).status, 0);
+    wanted_ = list_tree(expected_);
+  }
+
+  // Every target that a reader sees now is complete: it holds what a batch, or the step before
+  // its PE was joined, makes of it.
+  void expect_complete_targets(const std::string& tree) const {
+    for (const auto& [path, content] : wanted_) {
+      if (!content.starts_with("file")) continue;
+      std::ifstream file(tree + "/" + path, std::ios::binary);
+      if (!file) continue;
+      const std::string found((std::istreambuf_iterator<char>(file)), {});
+      const std::string whole = content.substr(sizeof "file 0600");
+      EXPECT_TRUE(found == whole || found == whole.substr(0, whole.find("INFO CODE_ID"))) << path;
+    }
+  }
+
+  TemporaryDirectory temp_;
+  Inputs in_{temp_};
+  std::string expected_ = temp_.folder("expected");
+  Tree wanted_;
+};
+
+TEST_F(SharedTreeTest, TakesEightBatchesAtOnce) {
+  const std::string tree = temp_.folder("tree");
+  std::vector<pid_t> batches;
+  for (int i = 0; i < 8; ++i) batches.push_back(start({"-r", temp_ / "in", tree}));
+  while (waitpid(batches.back(), nullptr, WNOHANG) == 0) expect_complete_targets(tree);
+  batches.pop_back();
+  for (const pid_t batch : batches) wait_for_success(batch);
+  EXPECT_EQ(list_tree(tree), wanted_);
+}
+
+// SYMFORGE_KILL_ROUNDS sets how often; a few times by default.
+TEST_F(SharedTreeTest, SurvivesKillsAtAnyMoment) {
+  const char* wish = std::getenv("SYMFORGE_KILL_ROUNDS");
+  const int rounds = wish != nullptr ? std::atoi(wish) : 5;
+  const std::string tree = temp_.folder("tree");
+  const auto begin = std::chrono::steady_clock::now();
+  wait_for_success(start({"-r", temp_ / "in", temp_.folder("timed")}));
+  const auto duration = std::chrono::steady_clock::now() - begin;
+
+  std::minstd_rand random(20240501);
+  for (int round = 0; round < rounds; ++round) {
+    const pid_t batch = start({"-r", temp_ / "in", tree});
+    std::this_thread::sleep_for(duration * (random() % 1000) / 1000);
+    kill(-batch, SIGKILL);
+    waitpid(batch, nullptr, 0);
+    expect_complete_targets(tree);
+  }
+  wait_for_success(start({"-r", temp_ / "in", tree}));
+  EXPECT_EQ(targets(tree), wanted_);
+}
+
+}  // namespace
