@@ -19,7 +19,7 @@ target_include_directories(symforge_options INTERFACE ${PROJECT_SOURCE_DIR} ${PR
 target_compile_definitions(symforge_options INTERFACE _GLIBCXX_ASSERTIONS)
 target_compile_options(symforge_options INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual -Werror
-  -fstack-protector-strong)
+  -fstack-protector-strong -fstack-clash-protection)
 
 if(SYMFORGE_SANITIZE)
   target_compile_options(symforge_options INTERFACE
