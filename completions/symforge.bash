@@ -1,0 +1,40 @@
+# Completion of symforge's command line for bash.
+
+_symforge() {
+  local word=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} pattern='' i arguments=0
+
+  # Arguments behind the options that have been typed already.
+  for ((i = 1; i < COMP_CWORD; ++i)); do
+    case ${COMP_WORDS[i]} in
+      -*[es]) ((++i)) ;;
+      -*) ;;
+      *) ((++arguments)) ;;
+    esac
+  done
+
+  case $previous in
+    -*e) pattern='*.@(exe|dll|EXE|DLL)' ;;
+    -*s) ;;
+    *)
+      if [[ $word == -* ]]; then
+        mapfile -t COMPREPLY < <(compgen -W '-b -e -h -i -r -s -v' -- "$word")
+        return
+      fi
+      ((arguments)) || pattern='*.@(pdb|PDB|sym|symb)'
+      ;;
+  esac
+
+  compopt -o filenames 2>/dev/null
+  # Folders always; files only where the command takes one.
+  mapfile -t COMPREPLY < <(compgen -d -- "$word")
+  [[ -z $pattern ]] && return
+  local file extended
+  extended=$(shopt -p extglob)
+  shopt -s extglob
+  while IFS= read -r file; do
+    [[ ! -d $file && $file == $pattern ]] && COMPREPLY+=("$file")
+  done < <(compgen -f -- "$word")
+  $extended
+}
+
+complete -F _symforge symforge
