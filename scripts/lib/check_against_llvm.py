@@ -11,14 +11,12 @@ import re
 import subprocess
 import sys
 
-PDBUTIL = "llvm-pdbutil-19"
-READOBJ = "llvm-readobj-19"
+from inline_lines import inline_lines
+from llvm_dumps import (PDBUTIL, Types, name_of, read_blocks, read_files, read_inlinees,
+                        read_publics, read_sections, read_symbols, records, run)
+from unwind_rules import READOBJ, read_rules
+
 OBJDUMP = "llvm-objdump-19"
-
-
-def run(*command):
-    done = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
-    return done.stdout.decode("utf-8", "replace")
 
 
 class Report:
@@ -72,7 +70,7 @@ class Function:
         self.section, self.address, self.length = section, address, length
         self.param_size, self.name = param_size, name
         self.lines = []  # (address, size, line, file number)
-        self.inlines = []  # names
+        self.inlines = []  # (address, length, line, file number, depth, name)
 
 
 class Text:
@@ -108,7 +106,8 @@ class Text:
             self.publics.append((int(address, 16), name))
         elif word == "I":
             fields = rest.split(" ", 5)
-            self.functions[-1].inlines.append(fields[5])
+            numbers = (int(fields[i], base) for i, base in enumerate((16, 16, 10, 10, 16)))
+            self.functions[-1].inlines.append((*numbers, fields[5]))
         elif word == "STACK":
             self.read_stack(rest)
         elif line and line[0] in "0123456789abcdef" and self.functions:
@@ -123,230 +122,6 @@ class Text:
             self.cfi_init.append((int(fields[2], 16), int(fields[3], 16)))
         else:
             self.cfi.append(rest.split(" ", 2)[2])
-
-
-# ---- their side: llvm-pdbutil
-
-
-def records(dump):
-    """Splits a dump into records: the line that starts one and its further lines."""
-    current = []
-    for line in dump.split("\n"):
-        if re.match(r" +(0x)?[0-9A-F]+ \| [SL][F]?_", line):
-            if current:
-                yield current
-            current = [line]
-        elif current:
-            if line.startswith("  Mod ") or line.startswith("Mod "):
-                yield current
-                current = []
-            else:
-                current.append(line)
-    if current:
-        yield current
-
-
-def name_of(record):
-    found = re.search(r"`(.*)`", record)
-    return found.group(1) if found else ""
-
-
-class Symbol:
-    def __init__(self, section, offset, length, type_index, name):
-        self.section, self.offset, self.length = section, offset, length
-        self.type_index, self.name = type_index, name
-        self.inlinees = []
-
-
-def read_symbols(pdb):
-    """Procedures and thunks of all modules, in order, with the ids of their inline sites."""
-    symbols = []
-    current = None
-    for record in records(run(PDBUTIL, "dump", "--symbols", pdb)):
-        head, text = record[0], "\n".join(record)
-        place = re.search(r"addr = (\d+):(\d+)", text)
-        if "| S_GPROC32 " in head or "| S_LPROC32 " in head:
-            length = int(re.search(r"code size = (\d+)", text).group(1))
-            found = re.search(r"type = `(0x[0-9A-F]+|<no type>)", text)
-            type_index = 0 if found.group(1) == "<no type>" else int(found.group(1), 16)
-            current = Symbol(int(place[1]), int(place[2]), length, type_index, name_of(head))
-            symbols.append(current)
-        elif "| S_THUNK32 " in head:
-            length = int(re.search(r"size = (\d+), addr", text).group(1))
-            nested = re.search(r"parent = (\d+)", text).group(1) != "0"
-            symbols.append(Symbol(int(place[1]), int(place[2]), length if nested else 0, 0,
-                                  name_of(head)))
-            current = None
-        elif "| S_INLINESITE " in head and current:
-            current.inlinees.append(int(re.search(r"inlinee = (0x[0-9A-F]+)", text).group(1), 16))
-    return symbols
-
-
-class Block:
-    """The first file's block of a line subsection."""
-
-    def __init__(self, section, offset, file):
-        self.section, self.offset, self.file = section, offset, file
-        self.lines = []  # (offset from the start of the block, line)
-
-
-def read_blocks(pdb):
-    blocks, skipped = [], 0
-    file, block, key = "", None, None
-    for line in run(PDBUTIL, "dump", "-l", pdb).split("\n"):
-        place = re.match(r" +([0-9A-F]{4}):([0-9A-F]{8})-([0-9A-F]{8}), line/addr", line)
-        entries = re.findall(r"(\d+|NSI|ASI|[0-9A-F]+) ([0-9A-F]{8})", line)
-        if line.startswith("Mod "):
-            key = None
-        elif place:
-            new_key = place.groups()
-            if new_key == key:
-                skipped, block = skipped + 1, None
-            else:
-                key = new_key
-                block = Block(int(place[1], 16), int(place[2], 16), file)
-                blocks.append(block)
-        elif re.search(r" \((MD5|SHA-1|SHA-256|no checksum)", line):
-            file = re.sub(r" \((MD5|SHA-1|SHA-256|no checksum).*$", "", line)
-        elif block is not None and entries:
-            block.lines += [(int(address, 16) - block.offset, line_number(number))
-                            for number, address in entries]
-    return blocks, skipped
-
-
-def line_number(text):
-    """Numbers that stand for 'always step into' and 'never step into' are printed by name."""
-    return {"ASI": 0xFEEFEE, "NSI": 0xF00F00}.get(text) or int(text)
-
-
-def read_sections(pdb):
-    dump = run(PDBUTIL, "dump", "--section-headers", pdb).split("Original Section Headers")[0]
-    sections = {}
-    for part in dump.split("SECTION HEADER #")[1:]:
-        def field(label):
-            return int(re.search(r"([0-9A-F]+) " + label, part).group(1), 16)
-        number = int(part.split("\n")[0], 16)
-        sections[number] = (field("virtual address"), field("size of raw data"), field("flags"))
-    return sections
-
-
-def read_files(pdb):
-    yaml = run(PDBUTIL, "pdb2yaml", "--modules", "--module-files", "--subsections=fc", pdb)
-    names = re.findall(r"FileName: +(.*)", yaml)
-    return {n[1:-1].replace("''", "'") if n.startswith("'") else n for n in names}
-
-
-def read_publics(pdb):
-    found = []
-    for record in records(run(PDBUTIL, "dump", "--publics", pdb)):
-        text = "\n".join(record)
-        place = re.search(r"flags = (.*), addr = (\d+):(\d+)", text)
-        if place and place[1] == "function":
-            found.append((int(place[2]), int(place[3]), name_of(record[0])))
-    return found
-
-
-class Types:
-    """Type and id records as llvm-pdbutil decodes them, rendered by the rules of FUNC lines."""
-
-    PRIMITIVES = {
-        3: "void", 8: "long", 18: "long", 16: "signed char", 104: "signed char", 17: "short",
-        114: "short", 19: "__int64", 118: "__int64", 20: "s128", 120: "s128",
-        32: "unsigned char", 105: "unsigned char", 33: "unsigned short", 115: "unsigned short",
-        34: "unsigned long", 35: "unsigned __int64", 119: "unsigned __int64", 48: "bool",
-        49: "bool", 50: "bool", 51: "bool", 64: "float", 65: "double", 66: "long double",
-        67: "f128", 112: "char", 113: "wchar_t", 116: "int", 117: "unsigned int", 36: "u128",
-        121: "u128"}
-
-    def __init__(self, pdb):
-        self.types = self.read(run(PDBUTIL, "dump", "--types", pdb))
-        self.ids = self.read(run(PDBUTIL, "dump", "--ids", pdb))
-
-    @staticmethod
-    def read(dump):
-        table = {}
-        for record in records(dump):
-            head = re.match(r" +0x([0-9A-F]+) \| (LF_\w+)", record[0])
-            if head:
-                table[int(head[1], 16)] = (head[2], record)
-        return table
-
-    @staticmethod
-    def index(text, label):
-        found = re.search(label + r" = (0x[0-9A-F]+|<no type>)", text)
-        return 0 if found[1] == "<no type>" else int(found[1], 16)
-
-    def primitive(self, index):
-        text = self.PRIMITIVES.get(index & 0xFF)
-        if text is None:
-            return "!Unknown!"
-        return text + (" *" if (index >> 8) & 6 else "")
-
-    def render(self, index, top):
-        """The text, and whether it is a function's."""
-        if index == 0:
-            return "...", False
-        if index not in self.types:
-            return self.primitive(index), False
-        leaf, record = self.types[index]
-        text = "\n".join(record)
-        if leaf == "LF_ARGLIST":
-            items = [re.match(r" +(0x[0-9A-F]+|<no type>)", line) for line in record[1:]]
-            indices = [0 if i[1] == "<no type>" else int(i[1], 16) for i in items if i]
-            return "(" + ",".join(self.render(i, top)[0] for i in indices) + ")", False
-        if leaf in ("LF_PROCEDURE", "LF_MFUNCTION"):
-            return self.render(self.index(text, "param list"), False)[0], True
-        if leaf == "LF_MODIFIER":
-            modifiers = re.search(r"modifiers = (.*)", text)[1].strip()
-            suffix = {"const": " const", "volatile": " volatile",
-                      "unaligned": " unaligned"}.get(modifiers, "")
-            return self.render(self.index(text, "referent"), False)[0] + suffix, False
-        if leaf == "LF_POINTER":
-            return self.render_pointer(text), False
-        if leaf == "LF_ARRAY":
-            return self.render_array(text), False
-        if leaf in ("LF_CLASS", "LF_STRUCTURE", "LF_UNION", "LF_ENUM", "LF_ALIAS"):
-            return self.type_name(leaf, text, record), False
-        return self.primitive(index), False
-
-    def render_pointer(self, text):
-        rendered, function = self.render(self.index(text, "referent"), False)
-        mode = re.search(r"mode = ([^,]*)", text)[1]
-        marker = {"pointer": " *", "ref": " &", "data member pointer": "::*",
-                  "ptr to data member": "::*", "member func pointer": "::",
-                  "ptr to member func": "::", "rvalue ref": " &&"}.get(mode, "?" + mode)
-        options = re.search(r"opts = ([^,\n]*)", text)[1]
-        if not function:
-            rendered += marker
-        return (rendered + (" const" if "const" in options else "")
-                + (" volatile" if "volatile" in options else ""))
-
-    def render_array(self, text):
-        size = int(re.search(r"size: (\d+)", text)[1])
-        element = int(re.search(r"element type: (0x[0-9A-F]+)", text)[1], 16)
-        # A size of 0x8000 or more is preceded by its leaf, which is what the text shows.
-        shown = size if size < 0x8000 else (0x8002 if size < 0x10000 else 0x8004)
-        return f"{self.render(element, False)[0]}[{shown}]"
-
-    @staticmethod
-    def type_name(leaf, text, record):
-        name = name_of(record[0])
-        size = re.search(r"sizeof (\d+)", text)
-        if leaf in ("LF_ENUM", "LF_ALIAS") or size is None or int(size[1]) < 0x8000:
-            return name
-        # The name begins inside a long size: its bytes come first, and a zero byte ends it.
-        value = int(size[1])
-        raw = value.to_bytes(2 if value < 0x10000 else 4, "little") + name.encode()
-        return raw.split(b"\0")[0].decode("utf-8", "replace")
-
-    def id_name(self, index):
-        """What an inlinee is called, or None where its record gives no name that is used."""
-        leaf, record = self.ids.get(index, ("", []))
-        if leaf != "LF_FUNC_ID":
-            return None
-        text = "\n".join(record)
-        found = re.search(r"name = (.*), type = (0x[0-9A-F]+), ", text)
-        return found[1] + self.render(int(found[2], 16), False)[0]
 
 
 # ---- comparisons
@@ -424,7 +199,7 @@ def accepted_block(blocks):
     return blocks[-1] if blocks else None
 
 
-def compare_functions(report, text, table, types):
+def compare_functions(report, text, table, types, places):
     ours = {(f.section, f.address): f for f in text.functions}
     publics = dict(text.publics)
     if len(ours) != len(text.functions):
@@ -439,12 +214,12 @@ def compare_functions(report, text, table, types):
             else:
                 report.differs("functions", f"not printed: {expected.symbols[0].name}")
             continue
-        compare_function(report, text, function, expected, types)
+        compare_function(report, text, function, expected, types, places)
     for function in ours.values():
         report.differs("functions", f"only ours: {function.name}")
 
 
-def compare_function(report, text, function, expected, types):
+def compare_function(report, text, function, expected, types, places):
     report.because("functions", "folded: one record an address", len(expected.symbols) - 1)
     for symbol in expected.symbols:
         name = clean(symbol.name)
@@ -453,7 +228,7 @@ def compare_function(report, text, function, expected, types):
         if (name, symbol.length) == (function.name, function.length):
             report.same("functions")
             report.same("signatures" if symbol.type_index else "names without type")
-            compare_inlines(report, function, symbol, types)
+            compare_inlines(report, text, function, symbol, types, places)
             break
     else:
         first = expected.symbols[0]
@@ -464,22 +239,21 @@ def compare_function(report, text, function, expected, types):
     compare_lines(report, text, function, expected)
 
 
-def compare_inlines(report, function, symbol, types):
-    names = [types.id_name(i) for i in symbol.inlinees]
+def compare_inlines(report, text, function, symbol, types, places):
+    names = [types.id_name(site.inlinee) for site in symbol.sites if site]
     if None in names:
         report.because("functions with inline sites", "an inlinee without a name: no I lines")
-        names = []
+        report.compare("I lines", function.inlines, [], function.name)
+        return
+    theirs = inline_lines(function.address, symbol.sites, names, places)
+    ours = [(a, length, line, text.files.get(file), depth, name)
+            for a, length, line, file, depth, name in function.inlines]
+    if ours != theirs:
+        differing = [pair for pair in zip(ours, theirs) if pair[0] != pair[1]][:1]
+        report.differs("I lines", f"{function.name}: {len(ours)} and {len(theirs)}, {differing}")
     elif names:
-        # A site without a code range prints nothing.
-        extra = set(function.inlines) - set(names)
-        missing = set(names) - set(function.inlines)
-        if extra or missing:
-            report.differs("functions with inline sites",
-                           f"{function.name}: extra {extra}, missing {missing}")
-        else:
-            report.same("functions with inline sites")
-    if not names and function.inlines:
-        report.differs("functions with inline sites", f"{function.name}: unexpected")
+        report.same("functions with inline sites")
+        report.same("I lines", len(ours))
 
 
 def compare_lines(report, text, function, expected):
@@ -552,96 +326,24 @@ def compare_frame_data(report, text, pdb):
         report.differs("frame data", f"{len(ours)} lines, theirs {len(theirs)}")
 
 
-# ---- unwind data
-
-SCRATCH = {"RAX", "RCX", "RDX", "R8", "R9", "R10", "R11"}
-
-
-class Frame:
-    """What the codes of a function's unwind info, and of those chained to it, sum up to."""
-
-    def __init__(self):
-        self.stack = 0
-        self.ra = 8
-        self.frame_at = None
-        self.saved = {}
-
-    def push(self, register):
-        if register not in SCRATCH:
-            self.saved["$" + register.lower()] = self.stack
-        self.stack += 8
-
-    def save(self, register, offset):
-        if register not in SCRATCH:
-            self.saved["$" + register.lower()] = offset
-
-    def rule(self, uses_frame, frame_offset):
-        size = self.stack + 8
-        order = sorted(self.saved, key=lambda name: (name != "$rbp", name))
-        if not uses_frame:
-            return f".cfa: $rsp {size} +" + "".join(
-                f" {name}: $rsp {self.saved[name]} + ^" for name in order)
-        return f".cfa: $rbp {size - frame_offset - self.frame_at} +" + "".join(
-            f" {name}: .cfa {size - self.saved[name]} - ^" for name in order)
-
-
-def apply_code(frame, line):
-    """One code as llvm-readobj prints it."""
-    found = re.search(r"0x[0-9A-F]+: (\w+) ?(?:reg=(\w+))?(?:, )?(?:size=|offset=)?(\w+)?", line)
-    if not found:
-        return
-    operation, register, number = found.groups()
-    value = int(number, 0) if number and re.fullmatch(r"0x[0-9A-Fa-f]+|\d+", number) else 0
-    if operation == "PUSH_NONVOL":
-        frame.push(register)
-    elif operation in ("ALLOC_SMALL", "ALLOC_LARGE"):
-        frame.stack += value
-    elif operation == "SET_FPREG":
-        frame.frame_at = frame.stack
-    elif operation.startswith("SAVE_NONVOL"):
-        frame.save(register, value)
-    elif operation == "PUSH_MACHFRAME":
-        frame.ra += 80
-        frame.stack += 88 if "errcode=yes" in line else 80
-
-
-def read_frames(image, base):
-    """(begin, end) and rule of every function that llvm-readobj gets to."""
-    frames = {}
-    dump = run(READOBJ, "--unwind", image)
-    for part in re.split(r"\n  RuntimeFunction \{", dump)[1:]:
-        if "\n  }" not in part:
-            continue
-        begin = int(re.search(r"StartAddress:.*\(0x([0-9A-F]+)\)", part)[1], 16) - base
-        end = int(re.search(r"EndAddress:.*\(0x([0-9A-F]+)\)", part)[1], 16) - base
-        frame = Frame()
-        for line in part.split("\n"):
-            apply_code(frame, line)
-        register = re.search(r"FrameRegister: (\S+)", part)[1]
-        offset = re.search(r"FrameOffset: (\S+)", part)[1]
-        frames[(begin, end)] = (frame.ra, frame.rule(
-            register != "-", 0 if offset == "-" else 16 * int(offset, 16)))
-    return frames
-
-
 def compare_unwind(report, text, image):
     headers = run(READOBJ, "--file-headers", image)
     base = int(re.search(r"ImageBase: (0x[0-9A-F]+)", headers)[1], 16)
     size = int(re.search(r"ExceptionTableSize: (0x[0-9A-F]+)", headers)[1], 16)
-    frames = read_frames(image, base)
     if "Arch: x86_64" not in headers:
         report.compare("unwind entries", len(text.cfi), 0, "STACK CFI lines of a 32-bit image")
         return
     report.compare("unwind entries", len(text.cfi_init), size // 12, "number of entries")
+    rules = read_rules(image, base)
     starts = {(int(a, 16), int(b, 16)) for a, b in re.findall(
         r"Start Address: 0x([0-9a-f]+)\n +End Address: 0x([0-9a-f]+)",
         run(OBJDUMP, "--unwind-info", image))}
     for (address, length), rule in zip(text.cfi_init, text.cfi):
         key = (address, address + length)
-        if key in frames:
-            report.compare("unwind rules", rule, frames[key][1], f"{address:x}")
+        if key in rules:
+            report.compare("unwind rules", rule, rules[key], f"{address:x}")
         elif key in starts:
-            report.because("unwind rules", "address and size alone: llvm-readobj ends before it")
+            report.because("unwind rules", "address and size alone: llvm-readobj fails before it")
         else:
             report.differs("unwind rules", f"only ours: {address:x}")
 
@@ -661,7 +363,7 @@ def main(program, pdb, image=None):
     blocks, skipped = read_blocks(pdb)
     report.because("line blocks", "a further file of its subsection", skipped)
     attach_blocks(report, table, blocks, sections)
-    compare_functions(report, text, table, Types(pdb))
+    compare_functions(report, text, table, Types(pdb), read_inlinees(pdb))
     compare_publics(report, text, pdb, table, sections)
     compare_frame_data(report, text, pdb)
     if image:
