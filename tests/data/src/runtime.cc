@@ -11,8 +11,10 @@ void* memcpy(void* to, const void* from, decltype(sizeof 0) size) {
   return to;
 }
 }
+// Known to the debugger by its public symbol alone.
+#define FUNCTION(name) ".def " name "; .scl 2; .type 32; .endef\n.globl " name "\n" name ":\n"
 #if defined(__i386__)
-__asm__(".globl __chkstk\n.globl __alloca\n__chkstk:\n__alloca:\n  retl\n");
+__asm__(FUNCTION("__chkstk") FUNCTION("__alloca") "  retl\n");
 #else
-__asm__(".globl __chkstk\n__chkstk:\n  retq\n");
+__asm__(FUNCTION("__chkstk") "  retq\n");
 #endif
