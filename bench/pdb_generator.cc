@@ -154,7 +154,8 @@ uint32_t Generator::add_class() {
     // A member: kind, access, type, offset, name.
     Bytes member;
     member.u16(0x150D).u16(3).u32(0x74).u16(static_cast<uint16_t>(8 * i));
-    member.text(random_.pick(kNouns)).zstr("_").align(4);
+    member.text(random_.pick(kNouns)).zstr("_");
+    while (member.size() % 4 != 0) member.u8(static_cast<uint8_t>(0xF4 - member.size() % 4));
     fields += member.str();
   }
   const uint32_t list = pdb_.types.add(0x1203, fields);
