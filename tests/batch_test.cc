@@ -330,10 +330,13 @@ TEST_F(SharedTreeTest, SurvivesKillsAtAnyMoment) {
 
   std::minstd_rand random(20240501);
   for (int round = 0; round < rounds; ++round) {
-    const pid_t batch = start({"-r", temp_ / "in", tree});
-    std::this_thread::sleep_for(duration * (random() % 1000) / 1000);
-    kill(-batch, SIGKILL);
-    waitpid(batch, nullptr, 0);
+    std::vector<pid_t> writers;
+    for (int i = 0; i < 4; ++i) writers.push_back(start({"-r", temp_ / "in", tree}));
+    for (const pid_t writer : writers) {
+      std::this_thread::sleep_for(duration * (random() % 1000) / 1000);
+      kill(-writer, SIGKILL);
+      waitpid(writer, nullptr, 0);
+    }
     expect_complete_targets(tree);
   }
   wait_for_success(start({"-r", temp_ / "in", tree}));

@@ -1,0 +1,131 @@
+#!/usr/bin/env bash
+# Faults of the machine: machine_faults.sh PROGRAM DATA
+# Full disks and read-only trees (small tmpfs mounts, so root only; ends with 77, "skipped",
+# otherwise), missing rights, descriptors and memory, inputs that shrink, odd things in the tree.
+# Whatever happens, a target is the old file or the whole new one, and nothing else is left behind.
+set -uo pipefail
+program=$(realpath "$1")
+data=$(realpath "$2")
+[ "$(id -u)" -eq 0 ] || exit 77
+
+scratch=$(mktemp -d /tmp/symforge_faults.XXXXXX)
+tree=$scratch/tree
+trap 'umount -q "$tree"; rm -rf "$scratch"' EXIT
+mkdir "$tree"
+chmod 755 "$scratch"
+mount -t tmpfs -o size=64k none "$tree" || exit 77
+umount "$tree"
+
+failures=0
+report() {  # report NAME CONDITION...
+  local name=$1
+  shift
+  if "$@"; then
+    echo "ok       $name"
+  else
+    echo "FAILED   $name; said: $(head -c 300 "$scratch/err")"
+    failures=$((failures + 1))
+  fi
+}
+
+# Inputs: a pair of a real tool chain, and its text in a short and a longer form.
+cp "$data"/engine64.{pdb,exe} "$scratch/"
+"$program" "$scratch/engine64.pdb" >"$scratch/new.sym"
+head -n 40 "$scratch/new.sym" >"$scratch/old.sym"
+id=$(awk 'NR == 1 { print $4 }' "$scratch/new.sym")
+target=$tree/engine64.pdb/$id/engine64.sym
+
+convert() { "$program" "$@" >/dev/null 2>"$scratch/err"; }
+said() { grep -q "$1" "$scratch/err"; }
+no_strays() { [ -z "$(find "$tree" -type f ! -name '*.sym' ! -name '*.symb')" ]; }
+target_is() { cmp -s "$scratch/$1" "$target"; }
+old_or_new() { target_is old.sym && said . || target_is new.sym; }
+
+# A disk that fills up at every stage: bytes, then files.
+full_disk() {
+  mount -t tmpfs -o "$1" none "$tree" || return 1
+  local result=0
+  if convert "$scratch/old.sym" "$tree" && [ -e "$target" ]; then
+    convert "$scratch/engine64.pdb" "$tree"
+    old_or_new || result=1
+  else
+    said 'failed to\|mkdir' && [ ! -e "$target" ] || [ ! -s "$scratch/err" ] || result=1
+  fi
+  no_strays || result=1
+  umount "$tree"
+  return $result
+}
+for kilobytes in 4 8 12 16 20 24 28 32 48 64 128; do
+  report "disk of $kilobytes KiB" full_disk "size=${kilobytes}k"
+done
+for files in 1 2 3 4 5 6 7; do
+  report "room for $files files" full_disk "nr_inodes=$files"
+done
+
+read_only() {
+  mount -t tmpfs none "$tree" && convert "$scratch/old.sym" "$tree" && mount -o remount,ro "$tree" || return 1
+  convert "$scratch/new.sym" "$tree"
+  local status=$?
+  target_is old.sym && said 'failed to mkstemp: 30' && no_strays && [ $status -eq 0 ]
+}
+report "read-only tree" read_only
+umount "$tree"
+
+new_tree() {
+  rm -rf "$tree"
+  mkdir "$tree"
+  convert "$scratch/old.sym" "$tree"
+}
+
+no_rights() {
+  new_tree
+  chmod 644 "$scratch/new.sym"
+  setpriv --reuid 65534 --clear-groups "$program" "$scratch/new.sym" "$tree" 2>"$scratch/err"
+  said 'failed to' && target_is old.sym
+}
+report "somebody else's tree" no_rights
+
+few_descriptors() {
+  new_tree
+  prlimit --nofile="$1" "$program" "$scratch/engine64.pdb" "$tree" 2>"$scratch/err"
+  old_or_new && no_strays
+}
+for count in 3 4 5 6; do report "$count file descriptors" few_descriptors "$count"; done
+
+# Without memory a conversion may be ended by an exception that nobody catches.
+little_memory() {
+  new_tree
+  (ulimit -c 0 -v "$1" && convert "$scratch/big.sym" "$tree") 2>>"$scratch/err"
+  { target_is old.sym && said . || target_is big.sym; } && no_strays
+}
+cp "$scratch/new.sym" "$scratch/big.sym"
+for _ in $(seq 12); do
+  sed -n '/^FUNC/,/^PUBLIC/p' "$scratch/new.sym"
+done | awk '{ for (i = 0; i < 200; ++i) print }' >>"$scratch/big.sym"
+for kilobytes in 8000 16000 24000 32000 48000 64000 128000; do
+  report "$kilobytes KiB of address space" little_memory "$kilobytes"
+done
+
+shrinks() {
+  new_tree
+  cp "$scratch/engine64.pdb" "$scratch/shrinking.pdb"
+  "$program" "$scratch/shrinking.pdb" "$tree" >/dev/null 2>"$scratch/err" &
+  truncate -s $((RANDOM * 3)) "$scratch/shrinking.pdb"
+  wait $!
+  no_strays
+}
+for round in $(seq 5); do report "input that shrinks, $round" shrinks; done
+
+odd_things() {
+  new_tree
+  rm "$target" && mkdir "$target" || return 1
+  convert "$scratch/new.sym" "$tree"
+  said 'failed to rename: 21' && no_strays || return 1
+  rmdir "$target" && echo precious >"$scratch/elsewhere" && ln -s "$scratch/elsewhere" "$target"
+  : >"${target}AbCdEf"
+  convert "$scratch/new.sym" "$tree"
+  target_is new.sym && [ ! -L "$target" ] && grep -q precious "$scratch/elsewhere" && [ -e "${target}AbCdEf" ]
+}
+report "a folder, a link, a stale file in the target's place" odd_things
+
+exit $((failures > 0))
