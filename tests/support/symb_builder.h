@@ -1,0 +1,111 @@
+// SYMB blocks written byte by byte from the format's definition, in the order of blocks that the
+// program writes. Also the places of header fields, for tests that damage a block.
+
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace test_support {
+
+struct SymbLine {
+  uint32_t address, size;
+  int32_t file, line;
+};
+
+struct SymbSite {
+  uint32_t address, size;
+  int32_t file, line;
+  uint32_t caller;
+  std::string name;
+};
+
+struct SymbFunction {
+  uint32_t address, size;
+  int32_t parameter_size;
+  std::string name;
+  std::vector<SymbLine> lines;
+  std::vector<SymbSite> sites;  // written for version 3 and later
+};
+
+struct SymbPublic {
+  uint32_t address;
+  int32_t parameter_size;
+  std::string name;
+};
+
+struct SymbRange {
+  uint32_t base, last;
+  std::string program;  // none if empty
+  uint32_t allocates_base_pointer = 0;
+  std::vector<SymbRange> inside = {};
+};
+
+struct SymbInitialRule {
+  uint32_t base, size;
+  std::string rule;
+};
+
+struct SymbModel {
+  uint32_t version = 3;
+  std::string os = "windows", arch = "x86_64", debug_id = "0123", debug_file = "a.pdb";
+  std::string code_id, code_file;  // absent if empty
+  std::vector<std::pair<int32_t, std::string>> files;
+  std::vector<SymbFunction> functions;
+  std::vector<SymbPublic> publics;
+  std::array<std::vector<SymbRange>, 5> frame_info;  // by type
+  std::vector<SymbInitialRule> initial_rules;
+  std::vector<std::pair<uint32_t, std::string>> delta_rules;
+  std::vector<std::pair<uint64_t, uint64_t>> sections;  // written for version 2 and later
+
+  std::string bytes() const;
+};
+
+// A model with some of everything: nested sites and frame info, publics between functions.
+SymbModel rich_symb_model(uint32_t version = 3);
+
+// Positions of header fields in a block; a table's count stands 8 bytes behind its offset.
+enum SymbField : size_t {
+  kSymbVersion = 4,
+  kSymbOs = 8,
+  kSymbDebugFile = 32,
+  kSymbCodeId = 40,
+  kSymbCodeFile = 48,
+  kSymbStringTable = 56,
+  kSymbFiles = 72,
+  kSymbFunctions = 88,
+  kSymbPublics = 104,
+  kSymbFrameInfo = 120,
+  kSymbInitialRules = 136,
+  kSymbDeltaRules = 152,
+  kSymbSections = 168,
+};
+
+uint64_t get_u64(std::string_view bytes, size_t offset);
+void put_u64(std::string& bytes, size_t offset, uint64_t value);
+
+// Bytes that end right before a page that cannot be touched: reading on ends the process.
+class GuardedBlock {
+ public:
+  explicit GuardedBlock(std::string_view bytes);
+  ~GuardedBlock();
+  GuardedBlock(const GuardedBlock&) = delete;
+  GuardedBlock& operator=(const GuardedBlock&) = delete;
+
+  char* data() const { return data_; }
+  size_t size() const { return size_; }
+  uint64_t address() const { return reinterpret_cast<uint64_t>(data_); }
+  void make_read_only();
+
+ private:
+  char* mapping_;
+  size_t mapping_size_;
+  char* data_;
+  size_t size_;
+};
+
+}  // namespace test_support
