@@ -1,25 +1,386 @@
-// Lookups on a SYMB block, in place.
+// The lookups on a SYMB block: binary searches over its tables as they lie, which may be a
+// read-only mapping. Nothing is parsed or kept; nothing of the block is checked either, that is
+// symb_validate()'s task (common/symb.h).
+//
+// The searches visit the very records that their loops name, also in a table that is out of order:
+// what they answer there is part of what hosts see. While a record is on its way from memory, those
+// that the next steps may ask for are fetched as well; over a large table a search costs a third of
+// the time so.
+//
+// Addresses: functions, lines, initial rules and the fallback of the frame info search compare the
+// low 32 bits of the address, everything else the whole 64-bit address.
 
+#include <algorithm>
+#include <memory>
+#include <string>
+
+#include "common/preorder_ranges.h"
+#include "common/symb.h"
+#include "common/symb_block.h"
+#include "google_breakpad/processor/code_module.h"
+#include "google_breakpad/processor/stack_frame.h"
 #include "processor/basic_source_line_resolver_module.h"
+#include "processor/cfi_frame_info.h"
+#include "processor/contained_range_map.h"
 
 namespace google_breakpad {
 
-bool BasicSourceLineResolver::Module::LoadMapFromMemoryB(char* memory_buffer, size_t) {
+namespace {
+
+uint64_t relative_address(const StackFrame& frame) {
+  return frame.instruction - frame.module->base_address();
+}
+
+// Fetches the records that a search over [lo, hi) asks for after the next one.
+template <size_t kStride>
+void prefetch_next(const char* table, uint64_t lo, uint64_t mid, uint64_t hi) {
+  constexpr uint64_t kWorthwhile = 512 / kStride;  // below this, what is needed is near
+  if (hi - lo < kWorthwhile) return;
+  __builtin_prefetch(table + (lo + mid) / 2 * kStride);
+  __builtin_prefetch(table + (mid + 1 + hi) / 2 * kStride);
+}
+
+// The record whose range, a 32-bit first address at `kStart` and the size behind it, holds
+// `address`; null if the search ends without one.
+template <size_t kStride, size_t kStart>
+const char* find_range(const char* table, uint64_t count, uint32_t address) {
+  uint64_t lo = 0;
+  uint64_t hi = count;
+  while (lo < hi) {
+    const uint64_t mid = (lo + hi) / 2;
+    prefetch_next<kStride>(table, lo, mid, hi);
+    const char* record = table + mid * kStride;
+    const auto start = symb_load<uint32_t>(record + kStart);
+    const auto size = symb_load<uint32_t>(record + kStart + sizeof(uint32_t));
+    if (address < start) {
+      hi = mid;
+    } else if (address < start + size) {
+      return record;
+    } else {
+      lo = mid + 1;
+    }
+  }
+  return nullptr;
+}
+
+// The number of records up to the last one whose address, at `kAddress`, is at or below `value`.
+template <size_t kStride, size_t kAddress>
+uint64_t position_behind(const char* table, uint64_t count, uint64_t value) {
+  uint64_t lo = 0;
+  uint64_t hi = count;
+  while (lo < hi) {
+    const uint64_t mid = lo + (hi - lo) / 2;
+    const uint64_t address = symb_load<uint32_t>(table + mid * kStride + kAddress);
+    if (address == value) return mid + 1;
+    if (address < value) {
+      lo = mid + 1;
+    } else {
+      hi = mid;
+    }
+  }
+  return lo;
+}
+
+// The position of the first record whose address, at `kAddress`, is at or above `value`.
+template <size_t kStride, size_t kAddress>
+uint64_t position_at_or_above(const char* table, uint64_t count, uint64_t value) {
+  uint64_t lo = 0;
+  uint64_t hi = count;
+  while (lo < hi) {
+    const uint64_t mid = lo + (hi - lo) / 2;
+    const uint64_t address = symb_load<uint32_t>(table + mid * kStride + kAddress);
+    if (address == value) return mid;
+    if (address < value) {
+      lo = mid + 1;
+    } else {
+      hi = mid;
+    }
+  }
+  return lo;
+}
+
+// The narrowest range that holds `address` among those inside the given record, or null. A record
+// that is met twice on the way down would be met for ever: a damaged block, nothing is found. (The
+// record to meet again is renewed after 1, 2, 4, ... steps, which catches a circle of any length.)
+const char* SymbNestedWFIFind(const char* base, uint64_t address, const char* nested_wfi) {
+  constexpr size_t kRecord = sizeof(symb_nested_window_frame_info);
+  const char* found = nullptr;
+  const char* met = nullptr;
+  for (uint64_t steps = 0;; ++steps) {
+    const auto owner = symb_load<symb_nested_window_frame_info>(found ? found : nested_wfi);
+    if (owner.map == 0 || owner.map_count == 0) return found;
+    const char* const array = base + owner.map;
+    const uint64_t position =
+        position_at_or_above<kRecord, offsetof(symb_nested_window_frame_info, address)>(
+            array, owner.map_count, address);
+    if (position >= owner.map_count) return found;
+    const char* const candidate = array + position * kRecord;
+    if (address < symb_load<symb_nested_window_frame_info>(candidate).base) return found;
+    if (candidate == met) return nullptr;
+    if ((steps & (steps - 1)) == 0) met = candidate;
+    found = candidate;
+  }
+}
+
+// The tables of a block, found anew for each lookup: the block is all there is.
+class Tables {
+ public:
+  explicit Tables(const char* base) : base_(base), header_(symb_load<symb_header_v1>(base)) {}
+
+  const symb_header_v1& header() const { return header_; }
+  uint32_t version() const { return header_.md.version; }
+  bool has_functions() const { return header_.function_count != 0 && header_.functions != 0; }
+  const char* at(uint64_t reference) const { return base_ + reference; }
+
+  // `kStride` is the size of a function record, or what the search takes it to be.
+  template <size_t kStride>
+  const char* function(uint64_t address) const {
+    return find_range<kStride, offsetof(symb_func, address)>(
+        at(header_.functions), header_.function_count, static_cast<uint32_t>(address));
+  }
+
+  // Null if no file has that number.
+  const char* file_name(int32_t source_file_id) const {
+    const char* table = at(header_.files);
+    uint64_t lo = 0;
+    uint64_t hi = header_.file_count;
+    while (lo < hi) {
+      const uint64_t mid = (lo + hi) / 2;
+      const auto file = symb_load<symb_file>(table + mid * sizeof(symb_file));
+      if (source_file_id == file.index) return at(file.name);
+      if (source_file_id < file.index) {
+        hi = mid;
+      } else {
+        lo = mid + 1;
+      }
+    }
+    return nullptr;
+  }
+
+  void set_function(const symb_func& function, StackFrame* frame) const {
+    __builtin_prefetch(at(function.name));
+    frame->function_base = function.address + frame->module->base_address();
+    frame->function_name = at(function.name);
+  }
+  void set_line(const symb_func& function, uint64_t address, StackFrame* frame) const;
+  void append_inlines(const symb_func_inline& function, uint64_t address, StackFrame* frame) const;
+  void set_public(uint64_t address, uint64_t nearest_function, StackFrame* frame) const;
+  uint64_t nearest_function_inline(uint64_t address) const;
+  const char* frame_info_root(uint64_t type) const;
+
+ private:
+  void append_inline(const symb_inline& site, StackFrame* frame) const;
+
+  const char* base_;
+  symb_header_v1 header_;
+};
+
+void Tables::set_line(const symb_func& function, uint64_t address, StackFrame* frame) const {
+  const char* record = find_range<sizeof(symb_line), offsetof(symb_line, address)>(
+      at(function.lines), function.line_count, static_cast<uint32_t>(address));
+  if (record == nullptr) return;
+  const auto line = symb_load<symb_line>(record);
+  if (const char* name = file_name(line.source_file_id)) frame->source_file_name = name;
+  frame->source_line = line.line;
+  frame->source_line_base = line.address + frame->module->base_address();
+}
+
+void Tables::append_inline(const symb_inline& site, StackFrame* frame) const {
+  StackFrame::Inline& inlined = frame->inlines.emplace_back();
+  inlined.name = at(site.name);
+  inlined.source_line = site.line;
+  if (const char* file = file_name(site.source_file_id)) inlined.source_file_name = file;
+}
+
+// The sites around an address, the outermost first, by a tree of all of them: for tables whose
+// sites do not stand in the order that a writer gives them.
+std::vector<const char*> inline_stack_by_tree(const char* sites, uint32_t count, uint64_t address) {
+  ContainedRangeMap<MemAddr, const char*> tree;
+  for (uint32_t i = 0; i < count; ++i) {
+    const char* record = sites + i * sizeof(symb_inline);
+    const auto site = symb_load<symb_inline>(record);
+    tree.StoreRange(site.address, site.size, record);
+  }
+  std::vector<const char*> stack;
+  tree.RetrieveRangeStack(address, stack);
+  return stack;
+}
+
+// The same without a tree. In a table in pre-order the tree would store every site, inside exactly
+// those before it that hold it whole (see PreorderRanges); so the sites around an address are those
+// whose own range holds it, and the table's order is theirs. False if the table is not like that.
+bool inline_stack_in_order(const char* sites, uint32_t count, uint64_t address,
+                           std::pmr::vector<const char*>& stack) {
+  PreorderRanges nesting;
+  for (uint32_t i = 0; i < count; ++i) {
+    const char* record = sites + i * sizeof(symb_inline);
+    const auto site = symb_load<symb_inline>(record);
+    const PreorderRanges::Place place = nesting.add(site.address, site.size);
+    if (place == PreorderRanges::Place::kOutOfOrder) return false;
+    if (place == PreorderRanges::Place::kInside && address - site.address < site.size) {
+      stack.push_back(record);
+    }
+  }
+  return true;
+}
+
+void Tables::append_inlines(const symb_func_inline& function, uint64_t address,
+                            StackFrame* frame) const {
+  const char* sites = at(function.inlines);
+  char memory[64 * sizeof(const char*)];
+  std::pmr::monotonic_buffer_resource resource(memory, sizeof(memory));
+  std::pmr::vector<const char*> stack(&resource);
+  stack.reserve(16);
+  if (!inline_stack_in_order(sites, function.inline_count, address, stack)) {
+    const auto by_tree = inline_stack_by_tree(sites, function.inline_count, address);
+    stack.assign(by_tree.begin(), by_tree.end());
+  }
+  frame->inlines.reserve(frame->inlines.size() + stack.size());
+  for (auto site = stack.rbegin(); site != stack.rend(); ++site) {
+    append_inline(symb_load<symb_inline>(*site), frame);
+  }
+}
+
+// The start of the last function that begins at or below `address`; 0 for none.
+uint64_t Tables::nearest_function_inline(uint64_t address) const {
+  constexpr size_t kRecord = sizeof(symb_func_inline);
+  const char* table = at(header_.functions);
+  const uint64_t position = position_behind<kRecord, offsetof(symb_func_inline, address)>(
+      table, header_.function_count, address);
+  if (position == 0) return 0;
+  return symb_load<symb_func_inline>(table + (position - 1) * kRecord).address;
+}
+
+// A public symbol stands for what lies behind it, up to the next function: one whose range has
+// ended hides the publics at and below its start.
+void Tables::set_public(uint64_t address, uint64_t nearest_function, StackFrame* frame) const {
+  if (header_.public_function_count == 0) return;
+  const char* table = at(header_.public_functions);
+  const uint64_t position = position_behind<sizeof(symb_public), offsetof(symb_public, address)>(
+      table, header_.public_function_count, address);
+  if (position == 0) return;
+  const auto symbol = symb_load<symb_public>(table + (position - 1) * sizeof(symb_public));
+  if (nearest_function != 0 && symbol.address <= nearest_function) return;
+  frame->function_name = at(symbol.name);
+  frame->function_base = symbol.address + frame->module->base_address();
+}
+
+// Null if the block has no root for that type.
+const char* Tables::frame_info_root(uint64_t type) const {
+  if (header_.windows_frame_info == 0 || header_.windows_frame_info_count <= type) return nullptr;
+  return at(header_.windows_frame_info) + type * sizeof(symb_nested_window_frame_info);
+}
+
+std::unique_ptr<WindowsFrameInfo> frame_info_of(const Tables& tables, const char* record) {
+  const symb_window_frame_info found = symb_load<symb_nested_window_frame_info>(record).wfi;
+  auto info = std::make_unique<WindowsFrameInfo>();
+  info->type_ = static_cast<WindowsFrameInfo::StackInfoTypes>(found.type);
+  info->valid = found.valid;
+  info->prolog_size = found.prolog_size;
+  info->epilog_size = found.epilog_size;
+  info->parameter_size = found.parameter_size;
+  info->saved_register_size = found.saved_register_size;
+  info->local_size = found.local_size;
+  info->max_stack_size = found.max_stack_size;
+  info->allocates_base_pointer = found.allocates_base_pointer != 0;
+  if (found.program_string != 0) info->program_string = tables.at(found.program_string);
+  return info;
+}
+
+}  // namespace
+
+bool BasicSourceLineResolver::Module::LoadMapFromMemoryB(char* memory_buffer,
+                                                         size_t /*memory_buffer_size*/) {
   symb_loaded_ = true;
   symb_base_ = memory_buffer;
   return true;
 }
 
-void BasicSourceLineResolver::Module::LookupAddressB(StackFrame*) const {}
-
-void BasicSourceLineResolver::Module::LookupAddressBInline(StackFrame*) const {}
-
-WindowsFrameInfo* BasicSourceLineResolver::Module::FindWindowsFrameInfoB(const StackFrame*) const {
-  return nullptr;
+void BasicSourceLineResolver::Module::LookupAddressB(StackFrame* frame) const {
+  if (!symb_loaded_) return;
+  const Tables tables(symb_base_);
+  if (tables.version() > 2) {
+    LookupAddressBInline(frame);
+    return;
+  }
+  if (!tables.has_functions()) return;
+  const uint64_t address = relative_address(*frame);
+  const char* record = tables.function<sizeof(symb_func)>(address);
+  if (record == nullptr) return;
+  const auto function = symb_load<symb_func>(record);
+  tables.set_function(function, frame);
+  tables.set_line(function, address, frame);
 }
 
-CFIFrameInfo* BasicSourceLineResolver::Module::FindCFIFrameInfoB(const StackFrame*) const {
-  return nullptr;
+void BasicSourceLineResolver::Module::LookupAddressBInline(StackFrame* frame) const {
+  if (!symb_loaded_) return;
+  const Tables tables(symb_base_);
+  const uint64_t address = relative_address(*frame);
+  if (!tables.has_functions()) {
+    tables.set_public(address, 0, frame);
+    return;
+  }
+  const char* record = tables.function<sizeof(symb_func_inline)>(address);
+  if (record == nullptr) {
+    tables.set_public(address, tables.nearest_function_inline(address), frame);
+    return;
+  }
+  const auto function = symb_load<symb_func>(record);
+  __builtin_prefetch(tables.at(function.lines));
+  tables.set_function(function, frame);
+  if (function.line_count == 0) return;  // such a function has no inline frames either
+  tables.set_line(function, address, frame);
+  const auto with_inlines = symb_load<symb_func_inline>(record);
+  if (with_inlines.inline_count != 0) tables.append_inlines(with_inlines, address, frame);
+}
+
+WindowsFrameInfo* BasicSourceLineResolver::Module::FindWindowsFrameInfoB(
+    const StackFrame* frame) const {
+  if (!symb_loaded_) return nullptr;
+  const Tables tables(symb_base_);
+  const uint64_t address = relative_address(*frame);
+  for (const auto type :
+       {WindowsFrameInfo::STACK_INFO_FRAME_DATA, WindowsFrameInfo::STACK_INFO_FPO}) {
+    const char* root = tables.frame_info_root(type);
+    const char* record = root == nullptr ? nullptr : SymbNestedWFIFind(symb_base_, address, root);
+    if (record != nullptr) return frame_info_of(tables, record).release();
+  }
+
+  // A function tells the size of its parameters. Records are taken to be those of the versions up
+  // to 2, also in later ones, whose records are longer: the answer there is what stands at these
+  // places, and hosts have come to know it.
+  if (!tables.has_functions()) return nullptr;
+  const char* record = tables.function<sizeof(symb_func)>(address);
+  if (record == nullptr) return nullptr;
+  auto info = std::make_unique<WindowsFrameInfo>();
+  info->valid = WindowsFrameInfo::VALID_PARAMETER_SIZE;
+  info->parameter_size = static_cast<uint32_t>(symb_load<symb_func>(record).parameter_size);
+  return info.release();
+}
+
+CFIFrameInfo* BasicSourceLineResolver::Module::FindCFIFrameInfoB(const StackFrame* frame) const {
+  if (!symb_loaded_) return nullptr;
+  const Tables tables(symb_base_);
+  const symb_header_v1& header = tables.header();
+  const uint64_t address = relative_address(*frame);
+  const char* found = find_range<sizeof(symb_cfi_rule), offsetof(symb_cfi_rule, base)>(
+      tables.at(header.cfi_initial_rules), header.cfi_initial_rule_count,
+      static_cast<uint32_t>(address));
+  if (found == nullptr) return nullptr;
+  const auto initial = symb_load<symb_cfi_rule>(found);
+  auto info = std::make_unique<CFIFrameInfo>();
+  if (!ParseCFIRuleSet(tables.at(initial.rule), info.get())) return nullptr;
+
+  constexpr size_t kRecord = sizeof(symb_cfi_delta_rule);
+  const char* deltas = tables.at(header.cfi_delta_rules);
+  uint64_t i = position_at_or_above<kRecord, offsetof(symb_cfi_delta_rule, address)>(
+      deltas, header.cfi_delta_rule_count, initial.base);
+  for (; i < header.cfi_delta_rule_count; ++i) {
+    const auto delta = symb_load<symb_cfi_delta_rule>(deltas + i * kRecord);
+    if (delta.address > address) break;
+    ParseCFIRuleSet(tables.at(delta.rule), info.get());  // a bad rule cancels none before it
+  }
+  return info.release();
 }
 
 }  // namespace google_breakpad
