@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,7 @@ namespace {
 using namespace test_support;
 using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
+using ::testing::Not;
 using ::testing::StartsWith;
 
 const std::string kText =
@@ -234,6 +236,109 @@ TEST(StdoutTest, ReportsAFullDevice) {
   const Result result = run({temp.file("a.sym", kText)}, {.stdout_path = "/dev/full"});
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.err, "symforge: failed to write: 28\n");
+}
+
+const std::string kData = SYMFORGE_TEST_DATA;
+
+// A pair of a real tool chain, taken apart: which parts a conversion finds, and where.
+class ImageTest : public ::testing::Test {
+ protected:
+  ImageTest()
+      : pdb_(temp_.file("a.pdb", read_file(kData + "/engine64.pdb"))),
+        exe_(temp_.file("bin/a.exe", read_file(kData + "/engine64.exe"))),
+        tree_(temp_.folder("tree")) {
+    const Result alone = run({pdb_});
+    text_ = alone.out;
+    id_ = text_.substr(22, text_.find(' ', 22) - 22);
+    target_ = "a.pdb/" + id_ + "/a.sym";
+  }
+
+  // The lines that an image adds to the text of its PDB.
+  static bool is_of_image(const std::string& line) {
+    return line.starts_with("INFO CODE_ID ") || line.starts_with("STACK CFI ");
+  }
+  static std::string without_image(const std::string& text) {
+    std::istringstream lines(text);
+    std::string result;
+    for (std::string line; std::getline(lines, line);) {
+      if (!is_of_image(line)) result += line + "\n";
+    }
+    return result;
+  }
+
+  TemporaryDirectory temp_;
+  std::string pdb_, exe_, tree_, text_, id_, target_;
+};
+
+TEST_F(ImageTest, IsFoundBesideThePdbOrWhereTheOptionSays) {
+  EXPECT_EQ(without_image(text_), text_);
+  const Result named = run({"-e", exe_, pdb_});
+  EXPECT_EQ(without_image(named.out), text_);
+  EXPECT_THAT(named.out, ContainsRegex("\nINFO CODE_ID [0-9A-F]+ a.exe\n"));
+  EXPECT_THAT(named.out, HasSubstr("\nSTACK CFI INIT "));
+  EXPECT_EQ(run({"-e", "/no/where.exe", pdb_}).out, text_);
+
+  std::filesystem::copy(exe_, temp_ / "a.exe");
+  EXPECT_EQ(run({pdb_}).out, named.out);
+  temp_.file("a.exe", "no image");
+  const Result foreign = run({pdb_});
+  EXPECT_EQ(foreign.status, 1);
+  EXPECT_THAT(foreign.err, HasSubstr("\nException caught: Error reading PE header\n"));
+}
+
+TEST_F(ImageTest, ComesWithItsLink) {
+  EXPECT_EQ(run({"-e", exe_, pdb_, tree_}).err, "");
+  const std::string text = run({"-e", exe_, pdb_}).out;
+  const size_t code_id = text.find("INFO CODE_ID ") + 13;
+  const std::string link = text.substr(code_id, text.find(' ', code_id) - code_id);
+  EXPECT_EQ(list_tree(tree_), (Tree{{"a.pdb", "dir 0755"},
+                                    {"a.pdb/" + id_, "dir 0755"},
+                                    {"a.pdb/" + link, "link " + id_},
+                                    {target_, "file 0600 " + text}}));
+}
+
+// The image's own debug record names engine64.pdb.
+TEST_F(ImageTest, JoinsTheSymbolFileInTheTreeOnce) {
+  Result result = run({"-e", exe_, "-s", tree_});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_THAT(result.err, HasSubstr("Failed to convert symbol file " + exe_ +
+                                    ".\nException caught: "
+                                    "PE file without matching pdb or sym file\n"));
+  EXPECT_EQ(list_tree(tree_), Tree());
+
+  ASSERT_EQ(run({kData + "/engine64.pdb", "-e", "/no/where", tree_}).status, 0);
+  const std::string target = tree_ + "/engine64.pdb/" + id_ + "/engine64.sym";
+  const std::string before = read_file(target);
+  EXPECT_EQ(run({"-e", exe_, "-s", tree_}).status, 0);
+  const Tree joined = list_tree(tree_);
+  EXPECT_THAT(read_file(target), StartsWith(before + "INFO CODE_ID "));
+  EXPECT_EQ(without_image(read_file(target)), before);
+  EXPECT_EQ(joined.size(), 4u);  // two folders, the file, the link
+
+  result = run({"-e", exe_, "-s", tree_});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_THAT(result.err, HasSubstr("\nException caught: exe/dll already exists\n"));
+  EXPECT_EQ(list_tree(tree_), joined);
+}
+
+TEST_F(ImageTest, InlineSitesCanBeLeftOut) {
+  EXPECT_THAT(text_, HasSubstr("\nI "));
+  EXPECT_THAT(run({"-i", pdb_}).out, Not(HasSubstr("\nI ")));
+}
+
+// A PDB that fails behind its identity leaves its folders, and the old file as it was.
+TEST_F(ImageTest, FailureLeavesTheOldFile) {
+  std::string bytes = read_file(pdb_);
+  temp_.file("bad/a.pdb", bytes);
+  temp_.file("bad/a.dll", "no image");
+  EXPECT_EQ(run({temp_ / "bad/a.pdb", tree_}).status, 1);
+  Tree expected = {{"a.pdb", "dir 0755"}, {"a.pdb/" + id_, "dir 0755"}};
+  EXPECT_EQ(list_tree(tree_), expected);
+
+  temp_.file("tree/" + target_, "old");
+  expected = list_tree(tree_);
+  EXPECT_EQ(run({temp_ / "bad/a.pdb", tree_}).status, 1);
+  EXPECT_EQ(list_tree(tree_), expected);
 }
 
 TEST(FailureTest, IsLoggedWithItsBacktrace) {
