@@ -30,7 +30,9 @@ struct FunctionRecord {
   uint32_t lineOffset = 0;  // section-relative start of the accepted block of lines
   uint32_t typeIndex = 0;   // 0: none
   uint32_t paramSize = 0;
-  // The function's inline sites: a stretch of PDBParser's list of all of them, in symbol order.
+  // The function's inline sites: a stretch of PDBParser's list of all of them, and the stream where
+  // they stand.
+  uint32_t inlineStream = 0;
   uint32_t firstInline = 0;
   uint32_t inlineCount = 0;
 

@@ -23,6 +23,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -44,15 +45,13 @@
 #include "symforge/src/TypeNames.h"
 #include "symforge/src/TypeTable.h"
 #include "symforge/src/WinStructs.h"
+#include "symforge/src/binary_annotations.h"
 #include "symforge/src/function_list.h"
 
 namespace google_breakpad {
 
-// The opening or the closing of an inline site, undecoded.
+// The opening of an inline site, undecoded.
 struct InlineFunctionRecord {
-  enum Annotation : uint32_t { BEGIN = 0, END = 1 };
-
-  Annotation annotation = BEGIN;
   uint32_t inlinee = 0;
   DataPtr<unsigned char> binary_annotations;
   uint32_t binary_annotations_len = 0;  // bytes, padding included
@@ -159,9 +158,9 @@ class PDBParser {
   bool stringizeType(uint32_t type, std::string& output, uint32_t flags, bool info);
   // Where an inlined function is defined: number of the file and line; zeros when no table tells.
   void locateType(uint32_t inlinee, uint32_t& file_id, uint32_t& line_offset) const;
-  // Takes the parameters' size from the decorated public name at the function's offset. False, and
-  // `func` unchanged, when there is none that tells.
-  bool updateParamSize(FunctionRecord& func, const Globals& globals) const;
+  // Takes the parameters' size from the public name at the function's offset, null when there is
+  // none. False, and `func` unchanged, when the name does not tell.
+  static bool updateParamSize(FunctionRecord& func, const PublicFunction* global);
 
   // Frame data: frame_data.cc.
   template <typename Record>
@@ -188,7 +187,6 @@ class PDBParser {
                               uint32_t offset) const;
   FunctionRecord& readProcedure(StreamReader& reader, Functions& funcs) const;
   void readThunk(StreamReader& reader, Functions& funcs) const;
-  void readInlineSite(StreamReader& reader, uint32_t size);
   void getGlobalFunctions(uint16_t symRecStream, const SectionHeaders& headers, Globals& globals);
   void resolveFunctionLines(const DBIModuleInfo* module, Functions& funcs, FunctionIndex& index,
                             const UniqueSrcFiles& unique, const SrcFileIndex& fileIndex);
@@ -206,7 +204,11 @@ class PDBParser {
   void printTypedFunction(const FunctionRecord& func, std::string& name, std::string& parameters,
                           TextBuffer& out);
   void printLines(const FunctionRecord& func, TextBuffer& out) const;
-  bool allInlineesNamed(std::span<const InlineFunctionRecord> records);
+  StreamReader& siteReader(uint32_t stream);
+  static InlineFunctionRecord readInlineSite(StreamReader& reader, uint32_t size);
+  bool allInlineesNamed(StreamReader& reader, std::span<const uint32_t> sites);
+  void storeRanges(const InlineFunctionRecord& record, uint32_t tower, uint32_t functionOffset,
+                   AnnotationDecoder& decoder);
   void dumpInlineFunctionMap(const FunctionRecord& f, TextBuffer& out);
   void PrintFrameDataUsingEXE(TextBuffer& out);
 
@@ -220,8 +222,14 @@ class PDBParser {
   TypeTable typeinfomap;                     // id records
   TypeNames m_typeNames{typemap, typeinfomap};
   InlineeLineMap inlineeLineMap;
-  InlineTree m_inlineTree;                          // of the function that is being printed
-  std::vector<InlineFunctionRecord> m_inlineSites;  // of all functions, each one's in one stretch
+  InlineTree m_inlineTree;  // of the function that is being printed
+  // Inline sites of all functions, each one's in a stretch and in the order of the symbols: where
+  // the symbol of one that opens stands in its module's stream, kSiteEnd for one that closes. They
+  // are read again when their function is printed; there are many more of them than of functions.
+  std::vector<uint32_t> m_inlineSites;
+  static constexpr uint32_t kSiteEnd = 0;
+  std::optional<StreamReader> m_siteReader;  // of the stream that the last function came from
+  uint32_t m_siteStream = 0;
   MMapWrapper m_mapping;
   MsfFile m_file;
   std::string m_code_file;  // path of the PE that was opened

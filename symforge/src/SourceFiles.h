@@ -5,8 +5,9 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <unordered_map>
 #include <vector>
+
+#include "symforge/src/FlatIndex.h"
 
 namespace google_breakpad {
 
@@ -28,7 +29,7 @@ class UniqueSrcFiles {
 
  private:
   std::vector<UniqueSrc> m_files;
-  std::unordered_map<uint32_t, uint32_t> m_positions;  // by name
+  FlatIndex m_index;  // by name
 };
 
 // The files of one module by the offset of their entry in its file checksums; the first entry of an

@@ -69,14 +69,19 @@ void StreamReader::seekToOtherRun(uint32_t offset) {
     ++last;
     next += pageSize;
   }
+  // A run is known from its first page on, so that seeking back and forth in it stays cheap; what
+  // is ahead of the position is the same as if it began with the page that was asked for.
+  size_t first = page;
+  while (first != 0 && pages[first - 1] + 1 == pages[first]) --first;
+  const uint64_t before = uint64_t{page - first} * pageSize;
   const uint32_t lastPosition = pageSize * pages[last];
   const uint64_t end = uint64_t{lastPosition} + pageSize;
   if (end + kCopySlack > m_file.length + MMapWrapper::kGuardBytes)
     throw pdb_recoverable_exception(kOutsideOfPages);
 
-  m_runData = m_file.base + position;
-  m_runStart = offset - inner;
-  m_data = m_runData + inner;
+  m_data = m_file.base + position + inner;
+  m_runData = m_file.base + position - before;
+  m_runStart = offset - inner - static_cast<uint32_t>(before);
   m_offset = offset;
   m_seqPageEnd = m_file.base + end;
   assert(m_seqPageEnd > m_data);

@@ -180,8 +180,8 @@ class StreamReader {
   const uint8_t* m_data = nullptr;        // at the position
   const uint8_t* m_seqPageEnd = nullptr;  // one past the run
   uint32_t m_offset = 0;                  // position in the stream
-  // The run, from the page on that the last seek out of a run landed in: bytes, address, stream
-  // offset. As its pages are contiguous in the file, a seek inside it is one addition.
+  // The run: bytes, address, stream offset. As its pages are contiguous in the file, a seek inside
+  // it is one addition.
   uint64_t m_runBytes = 0;
   const uint8_t* m_runData = nullptr;
   uint32_t m_runStart = 0;

@@ -1,6 +1,7 @@
 #include "symforge/src/function_list.h"
 
 #include <algorithm>
+#include <unordered_map>
 #include <utility>
 
 namespace google_breakpad {
@@ -41,6 +42,24 @@ void permute(Functions& functions, std::vector<SortKey>& order) {
   }
 }
 
+// Public functions join the list in the order of a hash table. That order shows only where the two
+// sorts leave a choice, between two records with equal keys; public functions have distinct
+// offsets, and a function at the same place covers them unless it has no section.
+bool orderShows(const Functions& functions, const std::vector<PublicFunction>& symbols) {
+  const auto lacksSection = [](const auto& record) { return record.segment == 0; };
+  return std::any_of(functions.begin(), functions.end(), lacksSection) &&
+         std::any_of(symbols.begin(), symbols.end(), lacksSection);
+}
+
+// Positions by offset. What counts is the table's order of iteration, which follows from the order
+// of the insertions.
+std::unordered_map<uint32_t, uint32_t> hashOrder(const std::vector<PublicFunction>& symbols) {
+  std::unordered_map<uint32_t, uint32_t> order;
+  for (const PublicFunction& symbol : symbols)
+    order.emplace(symbol.offset, static_cast<uint32_t>(order.size()));
+  return order;
+}
+
 }  // namespace
 
 void sortFunctions(Functions& functions) {
@@ -69,13 +88,19 @@ void dropDuplicates(Functions& functions) {
 }
 
 void mergeGlobals(Functions& functions, Globals& globals) {
-  globals.forEach([&](PublicFunction& symbol) {
+  std::vector<PublicFunction>& symbols = globals.symbols();
+  const auto append = [&](PublicFunction& symbol) {
     if (symbol.covered) return;
     FunctionRecord& func = functions.emplace_back();
     func.name = std::move(symbol.name);
     func.segment = symbol.segment;
     func.offset = symbol.offset;
-  });
+  };
+  if (orderShows(functions, symbols)) {
+    for (const auto& entry : hashOrder(symbols)) append(symbols[entry.second]);
+  } else {
+    for (PublicFunction& symbol : symbols) append(symbol);
+  }
   sortFunctions(functions);
 }
 

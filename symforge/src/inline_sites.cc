@@ -34,49 +34,79 @@ void PDBParser::resolveInlineFunctions(const DBIModuleInfo* module, const Unique
   });
 }
 
+// `size` is that of the symbol, on whose body the reader stands. One too small for an inline site
+// wraps, and the read fails.
+InlineFunctionRecord PDBParser::readInlineSite(StreamReader& reader, uint32_t size) {
+  constexpr uint32_t kFixed = sizeof(SymbolHeader::type) + sizeof(CV_InlineSite);
+  InlineFunctionRecord site;
+  site.inlinee = reader.read<CV_InlineSite>()->inlinee;
+  site.binary_annotations_len = size - kFixed;
+  site.binary_annotations = reader.read<unsigned char>(site.binary_annotations_len);
+  return site;
+}
+
+// Functions of one module stand together in the list, and so share a reader.
+StreamReader& PDBParser::siteReader(uint32_t stream) {
+  if (!m_siteReader || m_siteStream != stream) {
+    m_siteReader.emplace(getStream(stream), m_file);
+    m_siteStream = stream;
+  }
+  return *m_siteReader;
+}
+
 // One inlined function without a name silences all of them. What names one is known without
 // rendering it, but where a rendering warns, each site's warnings are due.
-bool PDBParser::allInlineesNamed(std::span<const InlineFunctionRecord> records) {
+bool PDBParser::allInlineesNamed(StreamReader& reader, std::span<const uint32_t> sites) {
   const bool mayWarn = typemap.hasUnknownPointers() || typeinfomap.hasUnknownPointers();
   std::string scratch;
-  for (const InlineFunctionRecord& record : records) {
-    if (record.annotation != InlineFunctionRecord::BEGIN) continue;
+  for (const uint32_t site : sites) {
+    if (site == kSiteEnd) continue;
+    reader.seek(site + sizeof(SymbolHeader));
+    const uint32_t inlinee = reader.read<CV_InlineSite>()->inlinee;
     if (mayWarn) {
       scratch.clear();
-      stringizeType(record.inlinee, scratch, IsTopLevel, true);
+      stringizeType(inlinee, scratch, IsTopLevel, true);
     }
-    if (!typeinfomap.isFunction(record.inlinee)) return false;
+    if (!typeinfomap.isFunction(inlinee)) return false;
   }
   return true;
 }
 
+void PDBParser::storeRanges(const InlineFunctionRecord& record, uint32_t tower,
+                            uint32_t functionOffset, AnnotationDecoder& decoder) {
+  InlineSite site;
+  stringizeType(record.inlinee, m_inlineTree.names(), IsTopLevel, true);
+  site.name = m_inlineTree.addName();
+  site.tower = tower;
+  uint32_t line;
+  locateType(record.inlinee, site.file_id, line);
+  decoder.beginSite(record.binary_annotations.data, record.binary_annotations_len, functionOffset,
+                    line);
+  while (decoder.nextRange()) {
+    site.offset = decoder.code();
+    site.length = decoder.length();
+    site.line_offset = decoder.line();
+    m_inlineTree.store(site);
+  }
+}
+
 void PDBParser::dumpInlineFunctionMap(const FunctionRecord& f, TextBuffer& out) {
   if (f.inlineCount == 0) return;
-  const std::span<const InlineFunctionRecord> records(&m_inlineSites[f.firstInline], f.inlineCount);
-  if (!allInlineesNamed(records)) return;
+  const std::span<const uint32_t> sites(&m_inlineSites[f.firstInline], f.inlineCount);
+  StreamReader& reader = siteReader(f.inlineStream);
+  if (!allInlineesNamed(reader, sites)) return;
 
   m_inlineTree.clear();
   AnnotationDecoder decoder;
   uint32_t tower = 0;
-  for (const InlineFunctionRecord& record : records) {
-    if (record.annotation == InlineFunctionRecord::END) {
+  for (const uint32_t site : sites) {
+    if (site == kSiteEnd) {
       --tower;
       continue;
     }
-    InlineSite site;
-    stringizeType(record.inlinee, m_inlineTree.names(), IsTopLevel, true);
-    site.name = m_inlineTree.addName();
-    site.tower = tower;
-    uint32_t line;
-    locateType(record.inlinee, site.file_id, line);
-    decoder.beginSite(record.binary_annotations.data, record.binary_annotations_len, f.offset,
-                      line);
-    while (decoder.nextRange()) {
-      site.offset = decoder.code();
-      site.length = decoder.length();
-      site.line_offset = decoder.line();
-      m_inlineTree.store(site);
-    }
+    reader.seek(site);
+    const uint32_t size = reader.read<SymbolHeader>()->size;
+    storeRanges(readInlineSite(reader, size), tower, f.offset, decoder);
     ++tower;
   }
   m_inlineTree.print(out);

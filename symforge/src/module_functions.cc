@@ -6,13 +6,6 @@
 
 namespace google_breakpad {
 
-namespace {
-
-// Size of an inline site without its annotations, `type` included.
-constexpr uint32_t kInlineSiteFixed = sizeof(SymbolHeader::type) + sizeof(CV_InlineSite);
-
-}  // namespace
-
 FunctionRecord& PDBParser::addFunction(Functions& funcs, DataPtr<char>&& name, uint32_t segment,
                                        uint32_t offset) const {
   FunctionRecord& func = funcs.emplace_back();
@@ -28,7 +21,6 @@ FunctionRecord& PDBParser::readProcedure(StreamReader& reader, Functions& funcs)
   FunctionRecord& func = addFunction(funcs, reader.readString(), symbol->seg, symbol->off);
   func.length = symbol->len;
   func.typeIndex = symbol->typind;
-  func.firstInline = static_cast<uint32_t>(m_inlineSites.size());
   return func;
 }
 
@@ -38,16 +30,6 @@ void PDBParser::readThunk(StreamReader& reader, Functions& funcs) const {
   const DataPtr<ThunkSym32> symbol = reader.read<ThunkSym32>();
   FunctionRecord& func = addFunction(funcs, reader.readString(), symbol->seg, symbol->off);
   func.length = symbol->parent != 0 ? uint32_t{symbol->len} : 0;
-}
-
-// `size` is that of the symbol. One too small for an inline site wraps, and the read fails.
-void PDBParser::readInlineSite(StreamReader& reader, uint32_t size) {
-  const DataPtr<CV_InlineSite> symbol = reader.read<CV_InlineSite>();
-  InlineFunctionRecord& site = m_inlineSites.emplace_back();
-  site.annotation = InlineFunctionRecord::BEGIN;
-  site.inlinee = symbol->inlinee;
-  site.binary_annotations_len = size - kInlineSiteFixed;
-  site.binary_annotations = reader.read<unsigned char>(site.binary_annotations_len);
 }
 
 // Inline sites belong to the last procedure before them, whatever lies between but a thunk: its end
@@ -60,13 +42,16 @@ void PDBParser::getModuleFunctions(const DBIModuleInfo* module, Functions& funcs
   FunctionRecord* current_function = nullptr;
   while (reader.getOffset() < end) {
     const DataPtr<SymbolHeader> header = reader.read<SymbolHeader>();
-    const uint32_t next = reader.getOffset() - sizeof(SymbolHeader::type) + header->size;
+    const uint32_t body = reader.getOffset();
+    const uint32_t next = body - sizeof(SymbolHeader::type) + header->size;
     switch (header->type) {
       case S_NONE:
         return;
       case S_LPROC32:
       case S_GPROC32:
         current_function = &readProcedure(reader, funcs);
+        current_function->inlineStream = static_cast<uint16_t>(module->stream);
+        current_function->firstInline = static_cast<uint32_t>(m_inlineSites.size());
         break;
       case S_THUNK32:
         readThunk(reader, funcs);
@@ -75,13 +60,14 @@ void PDBParser::getModuleFunctions(const DBIModuleInfo* module, Functions& funcs
       case S_INLINESITE:
         if (!do_inline) break;
         assert(current_function != nullptr);
-        readInlineSite(reader, header->size);
+        readInlineSite(reader, header->size);  // now that it fails as a part of its module
+        m_inlineSites.push_back(body - sizeof(SymbolHeader));
         ++current_function->inlineCount;
         break;
       case S_INLINESITE_END:
         if (!do_inline) break;
         assert(current_function != nullptr);
-        m_inlineSites.emplace_back().annotation = InlineFunctionRecord::END;
+        m_inlineSites.push_back(kSiteEnd);
         ++current_function->inlineCount;
         break;
     }

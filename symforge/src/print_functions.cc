@@ -22,9 +22,21 @@ void eraseFromTheEnd(std::string& text, std::string_view part) {
     text.erase(at, part.size());
 }
 
+// Whether there is anything to take out: most names have nothing, and one quick scan tells.
+bool needsCleaning(std::string_view name) {
+  const char* at = name.data();
+  const char* const end = at + name.size();
+  while ((at = static_cast<const char*>(memmem(at, static_cast<size_t>(end - at), "__", 2)))) {
+    const std::string_view rest(at, static_cast<size_t>(end - at));
+    if (rest.starts_with("__ptr64") || rest.starts_with("__cdecl")) return true;
+    ++at;
+  }
+  return false;
+}
+
 // The name without what only the Windows compiler says. The blank behind "__cdecl" stays.
 std::string_view cleanName(std::string_view name, std::string& storage) {
-  if (memmem(name.data(), name.size(), "__", 2) == nullptr) return name;
+  if (!needsCleaning(name)) return name;
   storage = name;
   eraseFromTheEnd(storage, " __ptr64");
   eraseFromTheEnd(storage, "__cdecl");

@@ -29,8 +29,9 @@ void PDBParser::getGlobalFunctions(uint16_t symRecStream, const SectionHeaders& 
     DataPtr<char> name = reader.read<char>(length - sizeof(GlobalRecord));
     undname(name);  // also for what is dropped: the first record is what loads the library
     if (record->symType != kFunctionFlag || record->segment > headers.size()) continue;
+    const bool decorated = name.data[0] == '@' || name.data[0] == '_';
     globals.insert({std::move(name), mapAddressOmap(record->offset, record->segment),
-                    record->segment, /*covered=*/false});
+                    record->segment, decorated, /*covered=*/false});
   }
 }
 

@@ -9,9 +9,12 @@
 namespace google_breakpad {
 
 uint32_t UniqueSrcFiles::add(uint32_t name, uint32_t id) {
-  const auto [entry, isNew] = m_positions.emplace(name, static_cast<uint32_t>(m_files.size()));
-  if (isNew) m_files.push_back({id, name, false});
-  return entry->second;
+  uint32_t& place = m_index[name];
+  if (place == 0) {
+    m_files.push_back({id, name, false});
+    place = static_cast<uint32_t>(m_files.size());
+  }
+  return place - 1;
 }
 
 void SrcFileIndex::seal() {
