@@ -29,7 +29,8 @@ install(FILES docs/symforge.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT
 install(FILES completions/symforge.bash RENAME symforge
   DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT program)
 file(GLOB documents CONFIGURE_DEPENDS docs/*.md)
-install(FILES README.md SECURITY.md ${documents} DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT program)
+install(FILES README.md SECURITY.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT program)
+install(FILES ${documents} DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs COMPONENT program)
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/symforge)
 install(TARGETS symforge_resolver EXPORT symforge ARCHIVE COMPONENT development)
@@ -58,6 +59,7 @@ install(FILES ${PROJECT_BINARY_DIR}/symforge.pc DESTINATION ${pc_dir} COMPONENT 
 set(CPACK_GENERATOR DEB TGZ)
 set(CPACK_PACKAGE_CONTACT "The symforge developers <symforge@localhost>")
 set(CPACK_PACKAGE_VENDOR symforge)
+set(CPACK_SYSTEM_NAME linux-x86_64)
 set(CPACK_PACKAGE_CHECKSUM SHA256)
 set(CPACK_VERBATIM_VARIABLES ON)
 set(CPACK_STRIP_FILES ON)
@@ -71,7 +73,7 @@ set(CPACK_DEBIAN_PROGRAM_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libsymforge-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_COMPONENT_PROGRAM_DESCRIPTION
-  "Converter of Windows debug information (PDB, PE) to symbol files.\nWrites Breakpad text symbol files and the binary format SYMB.")
+  "Turns PDB files and PE images into Breakpad text symbol files and SYMB,\na binary format that is searched in place.")
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
-  "Resolver library of symforge.\nTells a crash-processing host the function, source line, inline frames\nand unwinding rules of a code address.")
+  "Resolver library of symforge, static, with its headers.\nTells a crash-processing host the function, source line, inline frames\nand unwinding rules of a code address.")
 include(CPack)
