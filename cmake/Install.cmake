@@ -11,9 +11,7 @@ include(CMakePackageConfigHelpers)
 # The rooms of the repository are libraries of their own; hosts get one.
 add_library(symforge_resolver STATIC)
 foreach(room IN ITEMS symb_format resolver symb_writer)
-  if(TARGET ${room})
-    target_sources(symforge_resolver PRIVATE $<TARGET_OBJECTS:${room}>)
-  endif()
+  target_sources(symforge_resolver PRIVATE $<TARGET_OBJECTS:${room}>)
 endforeach()
 set_target_properties(symforge_resolver PROPERTIES
   OUTPUT_NAME symforge-resolver EXPORT_NAME resolver LINKER_LANGUAGE CXX)

@@ -18,7 +18,7 @@ need() {
 }
 
 BUILD_PACKAGES=(g++ cmake ninja-build libc6-dev)
-TEST_PACKAGES=(libgtest-dev libgmock-dev)
+TEST_PACKAGES=(libgtest-dev libgmock-dev pkgconf binutils)
 
 # build PRESET: configures (once) and builds build/PRESET. Quiet unless it fails.
 build() {

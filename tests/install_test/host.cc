@@ -1,0 +1,61 @@
+// A host of the installed library: makes a SYMB block of a text, checks it, and asks about an
+// address in both. Prints one line for each.
+
+#include <common/symb.h>
+#include <google_breakpad/processor/basic_source_line_resolver.h>
+
+#include <cstdio>
+#include <memory>
+#include <string>
+
+namespace {
+
+constexpr uint64_t kBase = 0x140000000;
+
+class HostModule : public google_breakpad::CodeModule {
+ public:
+  uint64_t base_address() const override { return kBase; }
+  uint64_t size() const override { return 0x10000; }
+  std::string code_file() const override { return "a.exe"; }
+  std::string code_identifier() const override { return "5F1E2D3C10000"; }
+  std::string debug_file() const override { return "a.pdb"; }
+  std::string debug_identifier() const override { return "497B72F6390A44FC878E5A2D63B6CC4B1"; }
+  std::string version() const override { return ""; }
+  CodeModule* Copy() const override { return new HostModule(*this); }
+  uint64_t shrink_down_delta() const override { return 0; }
+  void SetShrinkDownDelta(uint64_t) override {}
+  bool is_unloaded() const override { return false; }
+};
+
+const char kText[] =
+    "MODULE windows x86_64 497B72F6390A44FC878E5A2D63B6CC4B1 a.pdb\n"
+    "FILE 1 a.cc\n"
+    "FUNC 1:1010 24 0 main()\n"
+    "1010 24 7 1\n";
+
+void print_answer(google_breakpad::BasicSourceLineResolver& resolver, const HostModule& module) {
+  google_breakpad::StackFrame frame;
+  frame.instruction = kBase + 0x1014;
+  frame.module = &module;
+  resolver.FillSourceLineInfo(&frame);
+  std::printf("%s %s:%d\n", frame.function_name.c_str(), frame.source_file_name.c_str(),
+              frame.source_line);
+}
+
+}  // namespace
+
+int main() {
+  const HostModule module;
+  google_breakpad::BasicSourceLineResolver text_resolver;
+  if (!text_resolver.LoadModuleUsingMapBuffer(&module, kText)) return 1;
+  print_answer(text_resolver, module);
+
+  char* image = nullptr;
+  size_t size = 0;
+  if (!symb_write(kText, &image, &size)) return 1;
+  const std::unique_ptr<char[]> block(image);
+  if (!symb_validate(reinterpret_cast<uint64_t>(image), size)) return 1;
+  google_breakpad::BasicSourceLineResolver symb_resolver;
+  if (!symb_resolver.LoadModuleUsingMemoryBuffer(&module, image, size)) return 1;
+  print_answer(symb_resolver, module);
+}
