@@ -7,6 +7,7 @@
 #include <malloc.h>
 
 #include <cstdio>
+#include <fstream>
 #include <map>
 #include <memory>
 #include <random>
@@ -92,9 +93,12 @@ const Text& text_of(int64_t functions) {
   return texts.try_emplace(functions, functions).first->second.result();
 }
 
-size_t heap_in_use() {
-  const struct mallinfo2 info = mallinfo2();
-  return info.uordblks + info.hblkhd;
+// Memory of this process that is in use, in bytes.
+size_t resident_bytes() {
+  malloc_trim(0);
+  long pages = 0;
+  std::ifstream("/proc/self/statm") >> pages >> pages;
+  return static_cast<size_t>(pages) * 4096;
 }
 
 std::unique_ptr<Module> load(std::string& buffer) {
@@ -105,16 +109,16 @@ std::unique_ptr<Module> load(std::string& buffer) {
 
 void BM_TextLoad(benchmark::State& state) {
   const Text& text = text_of(state.range(0));
-  size_t heap = 0;
+  size_t resident = 0;
   for (auto _ : state) {
     state.PauseTiming();
     std::string buffer = text.text;
-    const size_t before = heap_in_use();
+    const size_t before = resident_bytes();
     state.ResumeTiming();
     std::unique_ptr<Module> module = load(buffer);
     state.PauseTiming();
     if (module->IsCorrupt()) state.SkipWithError("the text did not parse");
-    heap = heap_in_use() - before;
+    resident = resident_bytes() - before;
     module.reset();
     state.ResumeTiming();
   }
@@ -122,7 +126,8 @@ void BM_TextLoad(benchmark::State& state) {
   state.counters["lines/s"] =
       benchmark::Counter(static_cast<double>(text.lines) * static_cast<double>(state.iterations()),
                          benchmark::Counter::kIsRate);
-  state.counters["memory/text"] = static_cast<double>(heap) / static_cast<double>(text.text.size());
+  state.counters["memory/text"] =
+      static_cast<double>(resident) / static_cast<double>(text.text.size());
 }
 BENCHMARK(BM_TextLoad)->Arg(1000)->Arg(100000)->Arg(1000000)->Unit(benchmark::kMillisecond);
 

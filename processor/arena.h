@@ -1,6 +1,6 @@
 // Arena: memory for records and strings that live exactly as long as their module.
 //
-// Blocks of up to 1 MiB are filled from their start; nothing is released singly and no destructor
+// Blocks of up to 2 MiB are filled from their start; nothing is released singly and no destructor
 // runs. Records that are made one after the other lie side by side, so a function, its name, its
 // lines and its inline sites share cache lines and pages.
 
@@ -12,6 +12,8 @@
 #include <string_view>
 #include <type_traits>
 #include <vector>
+
+#include "processor/page_block.h"
 
 namespace google_breakpad {
 
@@ -47,7 +49,8 @@ class Arena {
  private:
   void* allocate_in_new_block(size_t bytes);
 
-  std::vector<std::unique_ptr<char[]>> blocks_;
+  std::vector<std::unique_ptr<char[]>> small_blocks_;
+  std::vector<PageBlock> page_blocks_;
   char* block_ = nullptr;  // the one being filled
   size_t size_ = 0;        // of that block
   size_t used_ = 0;

@@ -18,14 +18,17 @@ MemAddr relative_address(const StackFrame* frame) {
   return frame->instruction - frame->module->base_address();
 }
 
-// The line whose range holds `address`, or null. Lines are disjoint and ascending.
+// The line whose range holds `address`, or null. Lines are disjoint and ascending. Without branches
+// on the addresses, which no predictor could guess.
 const Line* line_at(std::span<const Line> lines, MemAddr address) {
-  const auto behind =
-      std::upper_bound(lines.begin(), lines.end(), address,
-                       [](MemAddr value, const Line& line) { return value < line.address; });
-  if (behind == lines.begin()) return nullptr;
-  const Line& line = *std::prev(behind);
-  return address - line.address < line.size ? &line : nullptr;
+  if (lines.empty()) return nullptr;
+  const Line* line = lines.data();
+  for (size_t length = lines.size(); length > 1;) {
+    const size_t half = length / 2;
+    line = line[half].address <= address ? line + half : line;
+    length -= half;
+  }
+  return address - line->address < line->size ? line : nullptr;
 }
 
 // The function at or nearest below an address.
