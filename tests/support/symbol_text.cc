@@ -1,0 +1,79 @@
+#include "tests/support/symbol_text.h"
+
+#include <cstdio>
+
+namespace test_support {
+
+namespace {
+
+constexpr uint32_t kStart = 0x1000;
+constexpr uint32_t kLineSize = 8;
+constexpr uint32_t kGap = 0x10;
+constexpr uint32_t kFiles = 1000;
+
+uint32_t function_size(const SymbolTextShape& shape) { return shape.lines * kLineSize + 8; }
+
+template <typename... Args>
+void print(std::string& text, const char* format, Args... args) {
+  char line[256];
+  const int length = std::snprintf(line, sizeof(line), format, args...);
+  text.append(line, static_cast<size_t>(length));
+}
+
+// Names as compilers give them: long common beginnings, the difference at the end.
+void print_name(std::string& text, uint32_t i) {
+  print(text, "company::product::component%u::Class%u<wchar_t>::method_%u(int,char const *)\n",
+        i / 1000, i / 50, i);
+}
+
+void print_function(std::string& text, const SymbolTextShape& shape, uint32_t i, uint32_t address) {
+  print(text, "FUNC 1:%x %x %x ", address, function_size(shape), i % 5 * 4);
+  print_name(text, i);
+  for (uint32_t n = 0; n < shape.lines; ++n) {
+    print(text, "%x %x %u %u\n", address + n * kLineSize, kLineSize, i % 3000 + n,
+          i / 7 % kFiles + 1);
+  }
+  for (uint32_t n = 0; n < shape.inline_depth; ++n) {
+    print(text, "I %x %x %u %u %x ", address + n, function_size(shape) - 2 * n, 100 + n,
+          (i + n) % kFiles + 1, n);
+    print_name(text, (i * 7 + n) % 5000);
+  }
+}
+
+void print_unwind(std::string& text, const SymbolTextShape& shape, uint32_t step) {
+  const uint32_t size = function_size(shape);
+  for (uint32_t i = 0; i < shape.functions; i += 3) {
+    print(text,
+          "STACK WIN %u %x %x %x 0 %x 4 %x 0 1 $T0 .raSearch = $eip $T0 ^ = $esp $T0 %u + =\n",
+          i % 2 * 4, kStart + i * step, size, i % 7, i % 4 * 4, i % 64, i % 8 * 4);
+  }
+  for (uint32_t i = 0; i < shape.functions; ++i) {
+    const uint32_t address = kStart + i * step;
+    print(text, "STACK CFI INIT %x %x .cfa: $rsp 8 + .ra: .cfa 8 - ^\n", address, size);
+    print(text, "STACK CFI %x .cfa: $rsp %u + $rbx: .cfa 16 - ^\n", address + 6, i % 32 * 8 + 16);
+  }
+}
+
+}  // namespace
+
+uint64_t symbol_text_end(const SymbolTextShape& shape) {
+  return kStart + uint64_t{shape.functions} * (function_size(shape) + kGap);
+}
+
+std::string symbol_text(const SymbolTextShape& shape) {
+  const uint32_t step = function_size(shape) + kGap;
+  std::string text =
+      "MODULE windows x86_64 497B72F6390A44FC878E5A2D63B6CC4B1 a.pdb\n"
+      "INFO CODE_ID 5F1E2D3C21000 a.exe\n";
+  for (uint32_t i = 1; i <= kFiles; ++i) {
+    print(text, "FILE %u c:\\build\\source\\component%u\\file%u.cpp\n", i, i / 40, i);
+  }
+  for (uint32_t i = 0; i < shape.functions; ++i) {
+    print_function(text, shape, i, kStart + i * step);
+    if (i % 10 == 9) print(text, "PUBLIC %x 0 public_%u\n", kStart + (i + 1) * step - 8, i);
+  }
+  if (shape.unwind) print_unwind(text, shape, step);
+  return text;
+}
+
+}  // namespace test_support
