@@ -1,0 +1,192 @@
+// SYMB: text to image, image to text, validation, lookups. Each conversion also shows `x_floor`,
+// its processor time as a multiple of the least that it could take: copying the bytes that it reads
+// and writes, measured in the same run. Sizes are numbers of functions.
+
+#include <benchmark/benchmark.h>
+#include <time.h>
+
+#include <cstring>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <random>
+#include <vector>
+
+#include "common/symb.h"
+#include "common/text_buffer.h"
+#include "google_breakpad/processor/basic_source_line_resolver.h"
+#include "google_breakpad/processor/stack_frame.h"
+#include "tests/support/symbol_text.h"
+
+namespace {
+
+using test_support::symbol_text;
+using test_support::SymbolTextShape;
+
+SymbolTextShape shape_of(int64_t functions, int64_t inline_depth) {
+  SymbolTextShape shape;
+  shape.functions = static_cast<uint32_t>(functions);
+  shape.inline_depth = static_cast<uint32_t>(inline_depth);
+  return shape;
+}
+
+std::string image_of(const std::string& text) {
+  char* block = nullptr;
+  size_t size = 0;
+  if (!symb_write(text.c_str(), &block, &size)) std::abort();
+  const std::unique_ptr<char[]> owner(block);
+  return std::string(block, size);
+}
+
+// Inputs are kept between runs of a benchmark: making a large one takes seconds.
+const std::string& text_for(const benchmark::State& state) {
+  static std::map<std::pair<int64_t, int64_t>, std::string> texts;
+  std::string& text = texts[{state.range(0), state.range(1)}];
+  if (text.empty()) text = symbol_text(shape_of(state.range(0), state.range(1)));
+  return text;
+}
+const std::string& image_for(const benchmark::State& state) {
+  static std::map<std::pair<int64_t, int64_t>, std::string> images;
+  std::string& image = images[{state.range(0), state.range(1)}];
+  if (image.empty()) image = image_of(text_for(state));
+  return image;
+}
+
+// Processor time: what else runs on the machine counts as little as possible.
+double cpu_seconds() {
+  timespec now;
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+  return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
+}
+
+// The time to read `input` and to write as many bytes as `output` has to fresh memory.
+double floor_seconds(std::string_view input, std::string_view output) {
+  double best = 1e9;
+  for (int i = 0; i < 3; ++i) {
+    const double start = cpu_seconds();
+    const std::unique_ptr<char[]> copy(new char[std::max(input.size(), output.size())]);
+    std::memcpy(copy.get(), input.data(), input.size());
+    benchmark::DoNotOptimize(copy[input.size() / 2]);
+    std::memcpy(copy.get(), output.data(), output.size());
+    benchmark::DoNotOptimize(copy[output.size() / 2]);
+    best = std::min(best, cpu_seconds() - start);
+  }
+  return best;
+}
+
+void set_ratio(benchmark::State& state, double seconds, std::string_view in, std::string_view out) {
+  state.counters["x_floor"] =
+      seconds / static_cast<double>(state.iterations()) / floor_seconds(in, out);
+}
+
+void text_to_symb(benchmark::State& state) {
+  const std::string& text = text_for(state);
+  double seconds = 0;
+  for (auto _ : state) {
+    const double start = cpu_seconds();
+    char* block = nullptr;
+    size_t size = 0;
+    if (!symb_write(text.c_str(), &block, &size)) state.SkipWithError("symb_write");
+    seconds += cpu_seconds() - start;
+    delete[] block;
+  }
+  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(text.size()));
+  set_ratio(state, seconds, text, image_for(state));
+}
+
+void symb_to_text(benchmark::State& state) {
+  const std::string& image = image_for(state);
+  std::string text;
+  double seconds = 0;
+  for (auto _ : state) {
+    state.PauseTiming();
+    std::string block = image;
+    state.ResumeTiming();
+    const double start = cpu_seconds();
+    TextBuffer out;
+    if (!symb_read(block.data(), block.size(), out)) state.SkipWithError("symb_read");
+    seconds += cpu_seconds() - start;
+    state.PauseTiming();
+    if (text.empty()) text = out.view();
+    state.ResumeTiming();
+  }
+  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(text.size()));
+  set_ratio(state, seconds, image, text);
+}
+
+void validate(benchmark::State& state) {
+  const std::string& image = image_for(state);
+  for (auto _ : state) {
+    if (!symb_validate(reinterpret_cast<uint64_t>(image.data()), image.size())) {
+      state.SkipWithError("symb_validate");
+    }
+  }
+  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(image.size()));
+}
+
+class Code : public google_breakpad::CodeModule {
+ public:
+  uint64_t base_address() const override { return 0x7ff600000000; }
+  uint64_t size() const override { return 0; }
+  std::string code_file() const override { return "a.exe"; }
+  std::string code_identifier() const override { return ""; }
+  std::string debug_file() const override { return "a.pdb"; }
+  std::string debug_identifier() const override { return "0123"; }
+  std::string version() const override { return ""; }
+  CodeModule* Copy() const override { return new Code; }
+  uint64_t shrink_down_delta() const override { return 0; }
+  void SetShrinkDownDelta(uint64_t) override {}
+  bool is_unloaded() const override { return false; }
+};
+
+void open(benchmark::State& state) {
+  std::string image = image_for(state);
+  const Code code;
+  std::clog.setstate(std::ios::failbit);
+  for (auto _ : state) {
+    google_breakpad::BasicSourceLineResolver resolver;
+    resolver.LoadModuleUsingMemoryBuffer(&code, image.data(), image.size());
+    benchmark::DoNotOptimize(resolver.HasModule(&code));
+  }
+  std::clog.clear();
+}
+
+// One frame object for all lookups, as a stack walker would use it.
+void lookup(benchmark::State& state) {
+  std::string image = image_for(state);
+  const Code code;
+  google_breakpad::BasicSourceLineResolver resolver;
+  std::clog.setstate(std::ios::failbit);
+  resolver.LoadModuleUsingMemoryBuffer(&code, image.data(), image.size());
+  std::clog.clear();
+  std::mt19937_64 random(1);
+  const uint64_t end = symbol_text_end(shape_of(state.range(0), state.range(1)));
+  std::vector<uint64_t> addresses(1 << 20);
+  for (uint64_t& address : addresses)
+    address = code.base_address() + 0x1000 + random() % (end - 0x1000);
+  google_breakpad::StackFrame frame;
+  frame.module = &code;
+  size_t i = 0;
+  for (auto _ : state) {
+    frame.instruction = addresses[i++ % addresses.size()];
+    frame.inlines.clear();
+    resolver.FillSourceLineInfo(&frame);
+    benchmark::DoNotOptimize(frame.function_base);
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+
+void sizes(benchmark::internal::Benchmark* benchmark) {
+  benchmark->ArgNames({"functions", "sites"});
+  for (const int functions : {1000, 100000, 1000000}) {
+    for (const int sites : {0, 4}) benchmark->Args({functions, sites});
+  }
+}
+
+BENCHMARK(text_to_symb)->Apply(sizes)->Unit(benchmark::kMillisecond);
+BENCHMARK(symb_to_text)->Apply(sizes)->Unit(benchmark::kMillisecond);
+BENCHMARK(validate)->Apply(sizes)->Unit(benchmark::kMillisecond);
+BENCHMARK(open)->Apply(sizes);
+BENCHMARK(lookup)->Apply(sizes);
+
+}  // namespace
