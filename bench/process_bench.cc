@@ -27,13 +27,21 @@ struct Input {
   bool in_growth = false;
 };
 
-// A figure, as it is printed: what was measured, in units of what, and the bound.
-struct Row {
+// The time of a conversion, and the least that it can be.
+struct Time {
   std::string input;
   std::string conversion;
-  double base;      // seconds of the floor, or bytes allowed
-  double measured;  // seconds or bytes
-  double bound;     // at most this many times the base
+  Usage floor;
+  Usage usage;
+  double bound;  // at most this many times the floor
+  bool judged;
+};
+
+struct Memory {
+  std::string input;
+  std::string conversion;
+  double allowed;  // bytes; 0 when there is no bound
+  double peak;
   bool judged;
 };
 
@@ -66,8 +74,8 @@ class Bench {
   std::string work(const char* name) const { return tools_.work + "/" + name; }
 
   Tools tools_;
-  std::vector<Row> times_;
-  std::vector<Row> memory_;
+  std::vector<Time> times_;
+  std::vector<Memory> memory_;
   std::vector<Timing> growth_;
   std::vector<std::string> sizes_;
 };
@@ -80,13 +88,13 @@ Command Bench::floor(uint64_t bytes, const std::vector<std::string>& inputs) con
 
 void Bench::time_row(const Input& input, const char* conversion, const Usage& floor,
                      const Usage& usage, double bound) {
-  times_.push_back({input.name, conversion, floor.seconds, usage.seconds, bound, input.judged});
+  times_.push_back({input.name, conversion, floor, usage, bound, input.judged});
 }
 
 void Bench::memory_row(const Input& input, const char* conversion, double allowed,
                        const Usage& usage) {
-  memory_.push_back({input.name, conversion, allowed, static_cast<double>(usage.peak_bytes),
-                     allowed > 0 ? 1.0 : 0.0, input.judged});
+  memory_.push_back(
+      {input.name, conversion, allowed, static_cast<double>(usage.peak_bytes), input.judged});
 }
 
 void Bench::measure(const Input& input) {
@@ -147,27 +155,28 @@ const char* verdict(bool judged, bool holds) {
   return holds ? "holds" : "**missed**";
 }
 
-void print_times(const std::vector<Row>& rows) {
-  std::printf("\n| input | conversion | floor, ms | time, ms | ratio | at most | |\n");
-  std::printf("|---|---|---|---|---|---|---|\n");
-  for (const Row& row : rows) {
-    const double ratio = row.measured / row.base;
-    std::printf("| %s | %s | %.1f | %.1f | %.2f | %.0f | %s |\n", row.input.c_str(),
-                row.conversion.c_str(), row.base * 1e3, row.measured * 1e3, ratio, row.bound,
-                verdict(row.judged, ratio <= row.bound));
+void print_times(const std::vector<Time>& times) {
+  std::printf("\n| input | conversion | floor, ms | time, ms | ratio | at most | | CPU ratio |\n");
+  std::printf("|---|---|---|---|---|---|---|---|\n");
+  for (const Time& time : times) {
+    const double ratio = time.usage.seconds / time.floor.seconds;
+    std::printf("| %s | %s | %.1f | %.1f | %.2f | %.0f | %s | %.2f |\n", time.input.c_str(),
+                time.conversion.c_str(), time.floor.seconds * 1e3, time.usage.seconds * 1e3, ratio,
+                time.bound, verdict(time.judged, ratio <= time.bound),
+                time.usage.cpu_seconds / time.floor.cpu_seconds);
   }
 }
 
-void print_memory(const std::vector<Row>& rows) {
+void print_memory(const std::vector<Memory>& rows) {
   std::printf("\n| input | conversion | peak, MiB | allowed, MiB | |\n|---|---|---|---|---|\n");
-  for (const Row& row : rows) {
-    std::printf("| %s | %s | %.1f | ", row.input.c_str(), row.conversion.c_str(),
-                row.measured / kMebibyte);
-    if (row.bound > 0) {
-      std::printf("%.1f | %s |\n", row.base / kMebibyte,
-                  verdict(row.judged, row.measured <= row.base));
+  for (const Memory& row : rows) {
+    std::printf("| %s | %s | %.1f |", row.input.c_str(), row.conversion.c_str(),
+                row.peak / kMebibyte);
+    if (row.allowed > 0) {
+      std::printf(" %.1f | %s |\n", row.allowed / kMebibyte,
+                  verdict(row.judged, row.peak <= row.allowed));
     } else {
-      std::printf("| |\n");
+      std::printf(" | |\n");
     }
   }
 }

@@ -29,6 +29,15 @@ pid_t start(const Command& command) {
   return child;
 }
 
+double seconds_of(const timeval& time) {
+  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
+}
+
+double median(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  return values.at(values.size() / 2);
+}
+
 }  // namespace
 
 Usage run_once(const Command& command) {
@@ -44,24 +53,27 @@ Usage run_once(const Command& command) {
     for (const std::string& word : command.words) text += word + " ";
     throw std::runtime_error("failed: " + text + "(status " + std::to_string(status) + ")");
   }
-  return {time.count(), static_cast<uint64_t>(usage.ru_maxrss) * 1024};
+  return {time.count(), seconds_of(usage.ru_utime) + seconds_of(usage.ru_stime),
+          static_cast<uint64_t>(usage.ru_maxrss) * 1024};
 }
 
 std::vector<Usage> run_interleaved(const std::vector<Command>& commands, int runs) {
   std::vector<Usage> result(commands.size());
   std::vector<std::vector<double>> seconds(commands.size());
+  std::vector<std::vector<double>> cpu_seconds(commands.size());
   for (int run = 0; run < runs; ++run) {
     for (size_t i = 0; i < commands.size(); ++i) {
       const Usage usage = run_once(commands[i]);
       // A file that is gone is not written back to the disk while the next command runs.
       unlink(commands[i].output.c_str());
       seconds[i].push_back(usage.seconds);
+      cpu_seconds[i].push_back(usage.cpu_seconds);
       result[i].peak_bytes = std::max(result[i].peak_bytes, usage.peak_bytes);
     }
   }
   for (size_t i = 0; i < commands.size(); ++i) {
-    std::sort(seconds[i].begin(), seconds[i].end());
-    result[i].seconds = seconds[i][seconds[i].size() / 2];
+    result[i].seconds = median(seconds[i]);
+    result[i].cpu_seconds = median(cpu_seconds[i]);
   }
   return result;
 }

@@ -8,6 +8,7 @@
 
 struct Usage {
   double seconds = 0;       // from before the start to the end of the process
+  double cpu_seconds = 0;   // of the process and of the system for it; steadier on a busy machine
   uint64_t peak_bytes = 0;  // largest resident set
 };
 
@@ -25,7 +26,7 @@ struct Command {
 Usage run_once(const Command& command);
 
 // Runs the commands in turn, `runs` times, so that a slow spell of the machine meets all of them,
-// and returns the median time and the largest memory of each. Output files are removed.
+// and returns the median times and the largest memory of each. Output files are removed.
 std::vector<Usage> run_interleaved(const std::vector<Command>& commands, int runs);
 
 uint64_t file_size(const std::string& path);
