@@ -72,8 +72,11 @@ void StreamReader::seekToOtherRun(uint32_t offset) {
   // A run is known from its first page on, so that seeking back and forth in it stays cheap; what
   // is ahead of the position is the same as if it began with the page that was asked for.
   size_t first = page;
-  while (first != 0 && pages[first - 1] + 1 == pages[first]) --first;
-  const uint64_t before = uint64_t{page - first} * pageSize;
+  uint64_t before = 0;
+  while (first != 0 && pages[first - 1] + 1 == pages[first] && before + pageSize <= position) {
+    --first;
+    before += pageSize;
+  }
   const uint32_t lastPosition = pageSize * pages[last];
   const uint64_t end = uint64_t{lastPosition} + pageSize;
   if (end + kCopySlack > m_file.length + MMapWrapper::kGuardBytes)

@@ -1,0 +1,88 @@
+// Converting a built PDB inside the test's own process.
+
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <string_view>
+
+#include "symforge/src/PDBParser.h"
+#include "tests/support/bytes.h"
+#include "tests/support/pdb_builder.h"
+#include "tests/support/process.h"
+
+namespace test_support {
+
+// What came of a conversion: the symbol file, or the text of the exception; and standard error.
+struct Conversion {
+  std::string text;
+  std::string failure;
+  std::string messages;
+
+  // The lines of the text that begin with `keyword`.
+  std::string lines(std::string_view keyword) const {
+    std::string found;
+    for (size_t at = 0; at < text.size();) {
+      const size_t end = text.find('\n', at) + 1;
+      if (text.compare(at, keyword.size(), keyword) == 0) found.append(text, at, end - at);
+      at = end;
+    }
+    return found;
+  }
+};
+
+// Collects standard error for as long as it lives, also when an exception ends that.
+class MessageCapture {
+ public:
+  MessageCapture() { testing::internal::CaptureStderr(); }
+  ~MessageCapture() {
+    if (!m_taken) testing::internal::GetCapturedStderr();
+  }
+  std::string take() {
+    m_taken = true;
+    return testing::internal::GetCapturedStderr();
+  }
+
+ private:
+  bool m_taken = false;
+};
+
+// Writes the bytes as a file into a folder of their own and converts it there; any exception but
+// pdb_exception passes.
+inline Conversion convertAlone(const std::string& bytes) {
+  const TemporaryDirectory folder;
+  const std::string path = folder.file("a.pdb", bytes);
+  Conversion result;
+  try {
+    TextBuffer text;
+    google_breakpad::PDBParser parser(/*with_inlines=*/true);
+    parser.load(path.c_str(), nullptr, nullptr, text);
+    parser.printBreakpadSymbols(text, nullptr);
+    result.text = text.view();
+  } catch (const google_breakpad::pdb_exception& e) {
+    result.failure = e.what();
+  }
+  return result;
+}
+
+inline Conversion convert(const std::string& bytes) {
+  MessageCapture capture;
+  Conversion result = convertAlone(bytes);
+  result.messages = capture.take();
+  return result;
+}
+
+inline Conversion convert(PdbBuilder& pdb) { return convert(pdb.build().bytes); }
+
+// A PDB with a code section at 0x1000, and the index of a function type without parameters.
+struct SmallPdb : PdbBuilder {
+  explicit SmallPdb(uint32_t page_size = 4096) : PdbBuilder(page_size) {
+    section({.name = ".text", .address = 0x1000, .virtual_size = 0x9000, .raw_size = 0x9000});
+    type = types.procedure(0x74, types.arguments({}), 0);
+  }
+
+  uint32_t type;
+};
+
+}  // namespace test_support

@@ -1,0 +1,192 @@
+// Reading streams: runs of pages, copies across their seams, strings, and the file's edges.
+
+#include "symforge/src/StreamReader.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "common/little_endian.h"
+#include "tests/support/process.h"
+
+namespace google_breakpad {
+namespace {
+
+constexpr uint32_t kPage = 16;
+
+// A file of pages of 16 bytes: page n holds n * 16, n * 16 + 1, ... and in place of 0 a 1.
+std::string pages(size_t count) {
+  std::string bytes(count * kPage, '\0');
+  for (size_t i = 0; i < bytes.size(); ++i)
+    bytes[i] = static_cast<char>((i & 0xFF) == 0 ? 1 : i & 0xFF);
+  return bytes;
+}
+
+class StreamReaderTest : public testing::Test {
+ protected:
+  // A stream over the given pages of a file of 12 pages; `file` may be changed before.
+  StreamReader open(std::vector<uint32_t> list, uint32_t size = 0) {
+    m_path = m_folder.file("f", file);
+    m_mapping.emplace();
+    EXPECT_TRUE(m_mapping->Map(m_path.c_str()));
+    m_file = {m_mapping->base(), m_mapping->length(), kPage};
+    m_stream.pageIndices = std::move(list);
+    m_stream.size = size;
+    return StreamReader(m_stream, m_file);
+  }
+  static std::string text(const DataPtr<char>& bytes, size_t size) { return {bytes.data, size}; }
+
+  std::string file = pages(12);
+
+ private:
+  test_support::TemporaryDirectory m_folder;
+  std::string m_path;
+  std::optional<MMapWrapper> m_mapping;
+  MsfFile m_file;
+  StreamPair m_stream{0};
+};
+
+using Refusal = pdb_recoverable_exception;
+
+TEST_F(StreamReaderTest, ReadsConsecutivePagesInPlace) {
+  StreamReader reader = open({2, 3, 4});
+  const DataPtr<char> all = reader.read<char>(3 * kPage);
+  EXPECT_FALSE(all.isAllocated);
+  EXPECT_EQ(text(all, 3 * kPage), file.substr(2 * kPage, 3 * kPage));
+  EXPECT_EQ(reader.available(), 0u);
+  EXPECT_THROW(reader.read<char>(), Refusal);  // only what comes behind fails
+}
+
+TEST_F(StreamReaderTest, CopiesWhatCrossesASeam) {
+  StreamReader reader = open({2, 5, 6});
+  reader.seek(13);
+  const DataPtr<char> eight = reader.read<char>(8);
+  EXPECT_TRUE(eight.isAllocated);
+  EXPECT_EQ(text(eight, 8), file.substr(2 * kPage + 13, 3) + file.substr(5 * kPage, 5));
+  EXPECT_EQ(std::string(eight.data + 8, StreamReader::kCopySlack),
+            std::string(StreamReader::kCopySlack, '\0'));
+  EXPECT_EQ(reader.getOffset(), 21u);
+  EXPECT_EQ(reader.available(), 2 * kPage - 5);
+  EXPECT_FALSE(reader.read<le_uint32>().isAllocated);
+}
+
+// A copy ends with a seek, and so fails where it ends with the last page; a read in place does not.
+TEST_F(StreamReaderTest, RefusesACopyThatEndsWithTheLastPage) {
+  StreamReader reader = open({2, 5});
+  reader.seek(12);
+  EXPECT_THROW(reader.read<char>(kPage + 4), Refusal);
+  reader.seek(12);
+  EXPECT_TRUE(reader.read<char>(kPage + 3).isAllocated);
+  reader.seek(kPage);
+  EXPECT_FALSE(reader.read<char>(kPage).isAllocated);
+}
+
+TEST_F(StreamReaderTest, ReadsOnFromTheEndOfARun) {
+  StreamReader reader = open({2, 5, 6});
+  EXPECT_FALSE(reader.read<char>(kPage).isAllocated);
+  const DataPtr<char> next = reader.read<char>(4);
+  EXPECT_TRUE(next.isAllocated);
+  EXPECT_EQ(text(next, 4), file.substr(5 * kPage, 4));
+}
+
+TEST_F(StreamReaderTest, TakesTheRecordsSizeForNone) {
+  StreamReader reader = open({2});
+  reader.read<uint8_t>(0);
+  EXPECT_EQ(reader.getOffset(), 1u);
+  reader.read<le_uint32>(0);
+  EXPECT_EQ(reader.getOffset(), 5u);
+  reader.align(4);
+  EXPECT_EQ(reader.getOffset(), 8u);
+  reader.align(4);
+  EXPECT_EQ(reader.getOffset(), 8u);
+}
+
+TEST_F(StreamReaderTest, SeeksAnywhereInItsPages) {
+  StreamReader reader = open({2, 3, 9, 5, 6}, 70);
+  for (const uint32_t offset : {79u, 0u, 33u, 31u, 47u, 70u, 32u, 64u, 15u}) {
+    reader.seek(offset);
+    const uint32_t page[] = {2, 3, 9, 5, 6};
+    EXPECT_EQ(*reader.getData(), static_cast<uint8_t>(file[page[offset / 16] * 16 + offset % 16]))
+        << offset;
+  }
+  EXPECT_THROW(reader.seek(80), Refusal);
+  EXPECT_EQ(reader.getOffset(), 15u);  // where it was
+  EXPECT_TRUE(reader.isValidOffset(79));
+  EXPECT_FALSE(reader.isValidOffset(80));
+}
+
+TEST_F(StreamReaderTest, MeasuresStringsAcrossSeams) {
+  const struct {
+    const char* what;
+    std::vector<uint32_t> list;
+    uint32_t start;
+    size_t nul;  // where in the file
+    bool copied;
+    size_t length;
+  } cases[] = {
+      {"inside a page", {2, 5}, 3, 2 * kPage + 9, false, 6},
+      {"terminator ends the run", {2, 5}, 3, 2 * kPage + 15, false, 12},
+      {"terminator begins the next run", {2, 5}, 3, 5 * kPage, true, 13},
+      {"terminator later in the next run", {2, 5}, 3, 5 * kPage + 7, true, 20},
+      {"over adjacent pages", {2, 3}, 3, 3 * kPage + 7, false, 20},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    file = pages(12);
+    file[c.nul] = '\0';
+    StreamReader reader = open(c.list);
+    reader.seek(c.start);
+    const DataPtr<char> name = reader.readString();
+    EXPECT_EQ(std::strlen(name.data), c.length);
+    EXPECT_EQ(name.isAllocated, c.copied);
+    EXPECT_EQ(reader.getOffset(), c.start + c.length + 1);
+  }
+}
+
+// From the second seam on the scan lands too far: at 46 in place of 32, and then at 78, where the
+// byte in front of the last one of the page ends it. 33 bytes were looked at, and so many are
+// taken.
+TEST_F(StreamReaderTest, LandsTooFarBehindASecondSeam) {
+  file[7 * kPage + 2] = '\0';  // the string's true end
+  file[11 * kPage + 14] = '\0';
+  StreamReader reader = open({2, 5, 7, 9, 11});
+  reader.seek(4);
+  const DataPtr<char> name = reader.readString();
+  EXPECT_EQ(std::strlen(name.data), 12u + 16 + 2);
+  EXPECT_EQ(reader.getOffset(), 4u + 33);
+}
+
+TEST_F(StreamReaderTest, RefusesAStringWithoutEnd) {
+  StreamReader reader = open({2, 5});
+  reader.seek(3);
+  EXPECT_THROW(reader.readString(), Refusal);
+}
+
+TEST_F(StreamReaderTest, RefusesPagesThatTheFileDoesNotHold) {
+  EXPECT_THROW(open({}), Refusal);
+  EXPECT_THROW(open({12}), Refusal);
+  StreamReader reader = open({11, 12});
+  EXPECT_EQ(reader.available(), kPage);
+  EXPECT_THROW(reader.read<char>(kPage + 1), Refusal);
+}
+
+// 0x10000000 pages of 16 bytes are 4 GiB: the position wraps to the file's start. What lies in
+// front of that is no part of the run.
+TEST_F(StreamReaderTest, WrapsPositionsAtFourGigabytes) {
+  StreamReader reader = open({3, 0x0FFFFFFF, 0x10000000});
+  reader.seek(2 * kPage);
+  EXPECT_EQ(*reader.getData(), static_cast<uint8_t>(file[0]));
+  EXPECT_THROW(reader.seek(kPage), Refusal);
+}
+
+// A damaged size must fail before it costs memory.
+TEST_F(StreamReaderTest, RefusesAHugeReadAtOnce) {
+  StreamReader reader = open({2, 5});
+  EXPECT_THROW(reader.read<char>(0xFFFFFFF2), Refusal);
+}
+
+}  // namespace
+}  // namespace google_breakpad
