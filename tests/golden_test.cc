@@ -53,6 +53,15 @@ TEST_P(GoldenTest, LeavesOutInlineSites) {
                         [](std::string_view line) { return !line.starts_with("I "); }));
 }
 
+TEST_P(GoldenTest, ComesBackFromSymbAsReviewed) {
+  const TemporaryDirectory folder;
+  const std::string symb = folder.file("a.symb", converted({"-b", pdb(GetParam())}));
+  const std::string text = converted({symb});
+  EXPECT_EQ(text, read_file(kData + std::string(GetParam()) + ".back.sym"));
+  // Text and SYMB hold the same from here on.
+  EXPECT_EQ(converted({"-b", folder.file("b.sym", text)}), read_file(symb));
+}
+
 INSTANTIATE_TEST_SUITE_P(Fixtures, GoldenTest,
                          testing::Values("engine64", "engine32", "calls64", "calls32"),
                          [](const auto& fixture) { return std::string(fixture.param); });
