@@ -207,6 +207,18 @@ TEST(BatchTest, GoesOnBehindAChildKilledByASignal) {
   EXPECT_EQ(converted.at("b.pdb/5F0000024000000"), "link " + id);
 }
 
+TEST(BatchTest, HandsItsOptionsOn) {
+  const TemporaryDirectory temp;
+  Inputs in(temp);
+  in.pair(1, "a.pdb", "b.exe");
+  const std::string tree = temp.folder("tree");
+  EXPECT_EQ(run({"-r", "-b", "-i", temp / "in/a.pdb", tree}).status, 0);
+  EXPECT_EQ(run({"-r", "-b", temp / "in", tree}).status, 0);
+  const std::string id = debug_id(guid_of(1), 10);
+  const std::string image = list_tree(tree).at("a.pdb/" + id + "/a.symb");
+  EXPECT_EQ(image.substr(0, 14), "file 0600 SYMB");
+}
+
 TEST(BatchTest, NeedsAPathToItself) {
   const TemporaryDirectory temp;
   temp.file("in/a.sym", make_text(1, "a.pdb"));

@@ -341,6 +341,42 @@ TEST_F(ImageTest, FailureLeavesTheOldFile) {
   EXPECT_EQ(list_tree(tree_), expected);
 }
 
+TEST(SymbTest, GoesIntoTheTreeAndBackToText) {
+  const TemporaryDirectory temp;
+  const std::string tree = temp.folder("tree");
+  ASSERT_EQ(run({"-b", temp.file("a.sym", kText), tree}).status, 0);
+  const Tree converted = list_tree(tree);
+  EXPECT_EQ(converted.at("my a.pdb/5F00"), "link ABC1");
+  const std::string image = tree + "/my a.pdb/ABC1/my a.symb";
+  EXPECT_EQ(run({"-b", temp / "a.sym"}).out, read_file(image));
+  EXPECT_THAT(run({image}).out, StartsWith("MODULE windows x86_64 ABC1 my\n"));
+}
+
+// The writer of images stops at the first line that is no header, so it misses this identity. What
+// it refuses leaves an empty target, and no link.
+TEST(SymbTest, RefusedTextEmptiesTheTarget) {
+  const TemporaryDirectory temp;
+  const std::string tree = temp.folder("tree");
+  temp.file("tree/a.pdb/X/a.symb", "old");
+  const std::string text = "MODULE windows\nFUNC\nMODULE windows x X a.pdb\nINFO CODE_ID 1 a.exe\n";
+  const Result result = run({"-b", temp.file("a.sym", text), tree});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.err, "");
+  EXPECT_EQ(
+      list_tree(tree),
+      (Tree{{"a.pdb", "dir 0755"}, {"a.pdb/X", "dir 0755"}, {"a.pdb/X/a.symb", "file 0600 "}}));
+}
+
+TEST(SymbTest, DamagedImageIsRefused) {
+  const TemporaryDirectory temp;
+  const std::string tree = temp.folder("tree");
+  const std::string input = temp.file("a.symb", "SYMB too short");
+  const Result result = run({input, tree});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.err, "symforge: failed to parse symb file " + input + "\n");
+  EXPECT_EQ(list_tree(tree), Tree());
+}
+
 TEST(FailureTest, IsLoggedWithItsBacktrace) {
   const TemporaryDirectory temp;
   const std::string tree = temp.folder("tree");
