@@ -9,8 +9,10 @@
 
 #include "processor/contained_range_map.h"
 #include "symforge/src/InlineTree.h"
+#include "symforge/src/PDBParser.h"
 #include "symforge/src/binary_annotations.h"
-#include "tests/support/codeview_builder.h"
+#include "tests/support/pdb_builder.h"
+#include "tests/support/process.h"
 
 namespace google_breakpad {
 namespace {
@@ -100,6 +102,90 @@ TEST(InlineSitesTest, PrintsEachSiteAsOftenAsTheWalkMeetsIt) {
 TEST(InlineSitesTest, RefusesBadOpcodes) {
   for (const char* bytes : {"\x0E", "\xE0", "\x03\xFF", "\x0C\x01\xE1", "\x80\x10"})
     EXPECT_THROW(linesOf({Annotations().raw(bytes)}), pdb_exception);
+}
+
+// ---- The sites of a PDB
+
+constexpr uint32_t kInt = 0x74;
+
+// A PDB with one function at 0x1010 in which `inlinees` are inlined one behind the other. Ids: f
+// and g, a method (which has no name here), and h with a parameter that makes its rendering warn.
+class InlinedFunction {
+ public:
+  explicit InlinedFunction(const std::vector<uint32_t>& inlinees) {
+    const uint32_t type = pdb_.types.procedure(kInt, pdb_.types.arguments({kInt}), 1);
+    f = pdb_.ids.function_id("f", type);
+    g = pdb_.ids.function_id("ns::g", type);
+    method = pdb_.ids.add(0x1602, test_support::Bytes().u32(0).u32(type).zstr("m").str());
+    const uint32_t unknown = pdb_.types.pointer(kInt, 7 << 5);
+    const uint32_t odd = pdb_.types.procedure(kInt, pdb_.types.arguments({unknown}), 1);
+    warning = pdb_.ids.function_id("h", odd);
+    pdb_.section({.name = ".text", .address = 0x1000, .virtual_size = 0x99, .raw_size = 0x200});
+    file_ = module.file(pdb_.names.add("a.cc"));
+    module.proc({.name = "outer", .section = 1, .offset = 0x10, .length = 0x20});
+    for (const uint32_t inlinee : inlinees)
+      module.inline_site(0x1000 + inlinee, Annotations().op(11, 0x24)).inline_site_end();
+    module.end();
+  }
+
+  InlinedFunction& table(const std::vector<test_support::Inlinee>& entries, uint32_t kind = 0) {
+    module.inlinees(entries, kind);
+    return *this;
+  }
+
+  std::string lines(bool with_inlines = true) {
+    const test_support::TemporaryDirectory directory;
+    const std::string path = directory.file("a.pdb", pdb_.build().bytes);
+    PDBParser parser(with_inlines);
+    TextBuffer out;
+    parser.load(path.c_str(), nullptr, nullptr, out);
+    parser.printBreakpadSymbols(out, nullptr);
+    const std::string_view text = out.view();
+    const size_t function = text.find("FUNC 1:1010 20 0 outer\n");
+    EXPECT_NE(function, text.npos);
+    return std::string(text.substr(text.find('\n', function) + 1));
+  }
+
+  uint32_t file() const { return file_; }
+
+  uint32_t f, g, method, warning;
+
+ private:
+  test_support::PdbBuilder pdb_;
+  uint32_t file_ = 0;
+
+ public:
+  test_support::ModuleBuilder& module = pdb_.add_module("a.obj");
+};
+
+TEST(InlineSitesTest, FindsFileAndLineInTheFirstTableThatKnows) {
+  InlinedFunction plain({0});
+  plain.table({{plain.f, plain.file() + 4, 5}, {plain.f, plain.file(), 20}, {plain.f, 0, 30}});
+  InlinedFunction extra({0, 1});
+  extra.table({{extra.g, extra.file(), 7, {1, 2, 3}}, {extra.f, extra.file(), 20}}, 1);
+  EXPECT_EQ(plain.lines(), "I 1014 1 21 1 0 f(int)\nI 1014 1 21 1 0 f(int)\n");
+  // The second of two equal ranges is refused; a function without an entry has zeros.
+  EXPECT_EQ(extra.lines(), "I 1014 1 21 1 0 f(int)\nI 1014 1 21 1 0 f(int)\n");
+  EXPECT_EQ(InlinedFunction({1}).lines(), "I 1014 1 1 0 0 ns::g(int)\nI 1014 1 1 0 0 ns::g(int)\n");
+  EXPECT_EQ(InlinedFunction({1}).lines(/*with_inlines=*/false), "");
+  InlinedFunction wrong({0});
+  EXPECT_THROW(wrong.table({}, 2).lines(), pdb_exception);
+}
+
+TEST(InlineSitesTest, SaysNothingWhenOneInlineeHasNoName) {
+  EXPECT_EQ(InlinedFunction({0, 2, 1}).lines(), "");
+  EXPECT_EQ(InlinedFunction({0, 9}).lines(), "");
+}
+
+TEST(InlineSitesTest, WarnsForEachRendering) {
+  const auto warnings = [](const std::vector<uint32_t>& inlinees) {
+    testing::internal::CaptureStderr();
+    InlinedFunction(inlinees).lines();
+    const std::string messages = testing::internal::GetCapturedStderr();
+    return std::count(messages.begin(), messages.end(), '\n');
+  };
+  EXPECT_EQ(warnings({3, 3}), 4);  // once to see whether there is a name, once for the name
+  EXPECT_EQ(warnings({3, 2, 3}), 1);
 }
 
 // ---- The nesting
