@@ -16,7 +16,7 @@ def records(dump):
     """Splits a dump into records: the line that starts one and its further lines."""
     current = []
     for line in dump.split("\n"):
-        if re.match(r" +(0x)?[0-9A-F]+ \| [SL][F]?_", line):
+        if re.match(r" *(0x)?[0-9A-F]+ \| [SL][F]?_", line):
             if current:
                 yield current
             current = [line]
@@ -126,7 +126,7 @@ def read_sections(pdb):
     for part in dump.split("SECTION HEADER #")[1:]:
         def field(label):
             return int(re.search(r"([0-9A-F]+) " + label, part).group(1), 16)
-        number = int(part.split("\n")[0], 16)
+        number = int(part.split("\n")[0])
         sections[number] = (field("virtual address"), field("size of raw data"), field("flags"))
     return sections
 
