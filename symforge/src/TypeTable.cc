@@ -84,9 +84,8 @@ void TypeTable::load(const StreamPair& stream, const MsfFile& file) {
   m_min = header->min;
   const uint32_t max = header->max;
   if (m_min >= max) return;
-  // The header's word is good for no more records than the pages can hold.
-  const uint64_t pageBytes = uint64_t{file.pageSize} * stream.pageIndices.size();
-  const size_t most = std::min<uint64_t>(max - m_min, pageBytes / sizeof(TypeRecord));
+  // The header's word is good for no more records than the file can hold.
+  const size_t most = std::min<size_t>(max - m_min, file.length / sizeof(TypeRecord));
   m_offsets.reserve(most);
   m_functions.reserve(most);
 

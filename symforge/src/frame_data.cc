@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "symforge/src/PDBParser.h"
 
 namespace google_breakpad {
@@ -19,7 +21,7 @@ template <typename Record>
 void PDBParser::readFPO(uint32_t fpoStream, FrameDataMap<Record>& fpoData) {
   const StreamPair& stream = m_streams.at(fpoStream);
   StreamReader reader(stream, m_file);
-  fpoData.reserve(stream.size / sizeof(Record) + 1);
+  fpoData.reserve(std::min<size_t>(stream.size, m_file.length) / sizeof(Record) + 1);
   Record last{};
   while (reader.getOffset() < stream.size) {
     DataPtr<Record> record = reader.read<Record>();
