@@ -1,0 +1,101 @@
+#include "fuzz/harness.h"
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csetjmp>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <stdexcept>
+
+#include "symforge/src/StreamReader.h"
+
+namespace fuzzing {
+namespace {
+
+// The assertions that a file can fail.
+constexpr std::string_view kDocumentedAssertions[] = {
+    "m_seqPageEnd > m_data",                      // a page number that wraps
+    "current_function != nullptr",                // an inline site outside of any function
+    "ok.second",                                  // unwind data that save one register twice
+    "fp_offset != INT32_MAX",                     // unwind data that never set their frame register
+    "number < uint64_t{m_indexPages} * m_items",  // a directory longer than its size
+};
+
+sigjmp_buf run_start;
+size_t aborted = 0;
+
+[[noreturn]] void fault(const char* what) {
+  std::fprintf(stderr, "fault: %s\n", what);
+  std::fflush(nullptr);
+  __builtin_trap();
+}
+
+// abort() raises its signal with all of its locks released, so that leaving by a jump is allowed.
+[[noreturn]] void leave_run(int) { siglongjmp(run_start, 1); }
+
+// Hands the two signals of a documented end to leave_run() while it lives.
+class SignalScope {
+ public:
+  SignalScope() {
+    struct sigaction action = {};
+    action.sa_handler = leave_run;
+    sigaction(SIGABRT, &action, &old_abort_);
+    sigaction(SIGFPE, &action, &old_division_);
+  }
+  ~SignalScope() {
+    sigaction(SIGABRT, &old_abort_, nullptr);
+    sigaction(SIGFPE, &old_division_, nullptr);
+  }
+
+ private:
+  struct sigaction old_abort_ = {};
+  struct sigaction old_division_ = {};
+};
+
+}  // namespace
+
+End run_to_its_end(const std::function<void()>& conversion) {
+  const SignalScope signals;
+  if (sigsetjmp(run_start, /*savemask=*/1) != 0) {
+    ++aborted;
+    return End::kAborted;
+  }
+  try {
+    conversion();
+  } catch (const google_breakpad::pdb_exception&) {
+    return End::kThrew;
+  } catch (const std::out_of_range&) {
+    return End::kThrew;
+  } catch (const std::exception& e) {
+    fault(e.what());
+  }
+  return End::kReturned;
+}
+
+size_t aborted_runs() { return aborted; }
+
+void require(bool condition, const char* what) {
+  if (!condition) fault(what);
+}
+
+MemoryFile::MemoryFile(std::string_view bytes)
+    : fd_(memfd_create("input", MFD_CLOEXEC)), path_("/proc/self/fd/" + std::to_string(fd_)) {
+  require(fd_ != -1 && write(fd_, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size()),
+          "a file in memory");
+}
+
+MemoryFile::~MemoryFile() { close(fd_); }
+
+}  // namespace fuzzing
+
+// In the place of the C library's: an assertion that is no file's doing is a fault.
+extern "C" void __assert_fail(const char* assertion, const char*, unsigned, const char*) noexcept {
+  const auto& documented = fuzzing::kDocumentedAssertions;
+  if (std::find(std::begin(documented), std::end(documented), assertion) == std::end(documented)) {
+    fuzzing::fault(assertion);
+  }
+  std::abort();
+}

@@ -1,0 +1,55 @@
+// What every fuzz target shares: the entry point, inputs as files, and the line between a
+// documented end of the program and a fault.
+//
+// Some damaged PDBs end the program by design: an assertion or a container's range check aborts, a
+// page size of 0 divides, std::out_of_range is caught by nobody. run_to_its_end() takes those for
+// what they are, so that a fuzzer goes on. Nothing else is taken: a report of a sanitizer, an
+// assertion that no input should reach, another exception, another signal, an exit, or a target's
+// own require() ends the process. Texts, SYMB images and PEs have no such ends but for two of the
+// unwind data; targets that read texts and images do without run_to_its_end().
+
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
+
+namespace fuzzing {
+
+enum class End {
+  kReturned,
+  kThrew,    // pdb_exception or std::out_of_range
+  kAborted,  // the objects on the way are not destroyed
+};
+
+// Runs `conversion` and tells how it ended. Not to be nested.
+End run_to_its_end(const std::function<void()>& conversion);
+
+// How many runs were aborted so far: after one, a leak is no news.
+size_t aborted_runs();
+
+// What a target demands. Ends the process with the condition, which no run takes for documented.
+void require(bool condition, const char* what);
+
+// An input as a file that lies in memory.
+class MemoryFile {
+ public:
+  explicit MemoryFile(std::string_view bytes);
+  MemoryFile(const uint8_t* data, size_t size)
+      : MemoryFile(std::string_view(reinterpret_cast<const char*>(data), size)) {}
+  ~MemoryFile();
+  MemoryFile(const MemoryFile&) = delete;
+  MemoryFile& operator=(const MemoryFile&) = delete;
+
+  const char* path() const { return path_.c_str(); }
+
+ private:
+  int fd_;
+  std::string path_;
+};
+
+}  // namespace fuzzing

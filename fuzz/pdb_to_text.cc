@@ -1,0 +1,43 @@
+// A PDB to text, once with inline sites and once without; pdb_debug_id() agrees about what loads.
+
+#include <memory>
+#include <string>
+
+#include "common/text_buffer.h"
+#include "fuzz/harness.h"
+#include "symforge/src/PDBParser.h"
+
+using fuzzing::End;
+using google_breakpad::PDBParser;
+
+namespace {
+
+End convert(const fuzzing::MemoryFile& pdb, bool inlines, std::string& debug_id) {
+  // Outside of the run: destroyed, and the file unmapped, also after a run that was aborted.
+  PDBParser parser(inlines);
+  TextBuffer text;
+  const End end = fuzzing::run_to_its_end([&] {
+    parser.load(pdb.path(), nullptr, nullptr, text);
+    debug_id = parser.debug_id();
+    parser.printBreakpadSymbols(text, nullptr);
+    fuzzing::require(text.view().starts_with("MODULE windows "), "a text begins with its module");
+    fuzzing::require(text.view().ends_with('\n'), "a text is made of whole lines");
+  });
+  return end;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  const fuzzing::MemoryFile pdb(data, size);
+  std::string debug_id;
+  if (convert(pdb, true, debug_id) == End::kAborted) return 0;
+  std::string without_inlines;
+  convert(pdb, false, without_inlines);
+  fuzzing::require(debug_id == without_inlines, "one identifier");
+  std::string alone;
+  fuzzing::require(
+      google_breakpad::pdb_debug_id(pdb.path(), alone) == !debug_id.empty() && alone == debug_id,
+      "the identifier without the conversion");
+  return 0;
+}

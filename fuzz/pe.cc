@@ -1,0 +1,38 @@
+// A PE image: its identity, and, beside a good PDB, its headers, sections and unwind data.
+
+#include <string>
+
+#include "common/text_buffer.h"
+#include "fuzz/harness.h"
+#include "symforge/src/PDBParser.h"
+#include "symforge/src/pe_image.h"
+#include "tests/support/pdb_builder.h"
+
+using namespace google_breakpad;
+
+namespace {
+
+const fuzzing::MemoryFile& good_pdb() {
+  static const fuzzing::MemoryFile file(test_support::PdbBuilder(512).build().bytes);
+  return file;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  const fuzzing::MemoryFile pe(data, size);
+  std::string debug_id;
+  std::string debug_file;
+  if (pe64_debug_id(pe.path(), debug_id, debug_file)) {
+    fuzzing::require(debug_id.size() > 32 && debug_id.size() <= 40, "a whole identifier");
+  } else {
+    fuzzing::require(debug_id.empty() && debug_file.empty(), "no half identity");
+  }
+  PDBParser parser(true);
+  TextBuffer text;
+  fuzzing::run_to_its_end([&] {
+    parser.load(good_pdb().path(), pe.path(), nullptr, text);
+    parser.printBreakpadSymbols(text, nullptr);
+  });
+  return 0;
+}

@@ -1,0 +1,27 @@
+// Text to SYMB and back. The first trip may lose what the format does not carry; the second loses
+// nothing.
+
+#include <string>
+
+#include "fuzz/harness.h"
+#include "fuzz/symb_images.h"
+
+using fuzzing::image_of;
+using fuzzing::require;
+using fuzzing::text_of;
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  const auto image = image_of(std::string(reinterpret_cast<const char*>(data), size));
+  if (!image) return 0;
+  const auto text = text_of(*image);
+  require(text.has_value(), "an image that was written can be read");
+  const auto second_image = image_of(*text);
+  require(second_image.has_value(), "its text has an identity");
+  // Addresses beyond 4 GiB were cut, and their tables may be out of order.
+  if (!fuzzing::is_valid(*image)) return 0;
+  require(fuzzing::is_valid(*second_image), "the image of such a text is good");
+  const auto second_text = text_of(*second_image);
+  require(second_text == text, "a second trip changes no text");
+  require(image_of(*second_text) == second_image, "a third one changes no image");
+  return 0;
+}

@@ -1,0 +1,151 @@
+// seeds FOLDER: writes the first inputs of every fuzz target to FOLDER/TARGET/, small files that
+// together hold every kind of record; made here and not kept, so that they follow the builders.
+
+#include <cstdio>
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+#include "fuzz/symb_images.h"
+#include "tests/support/bytes.h"
+#include "tests/support/codeview_builder.h"
+#include "tests/support/pdb_builder.h"
+#include "tests/support/pe_builder.h"
+
+namespace {
+
+using namespace test_support;
+
+constexpr std::string_view kText =
+    "MODULE windows x86 0123456789ABCDEF1032547698BADCFE1 a b.pdb\n"
+    "INFO CODE_ID 5F0000014000000 a.exe\n"
+    "INFO SECTION 1 virtaddr 1000 rawsize 200\n"
+    "FILE 1 a.cc\n"
+    "FILE 2 b c.h\n"
+    "FUNC m 1:1000 20 8 outer(int)\n"
+    "1000 8 10 1\n"
+    "I 1004 8 20 2 11 middle\n"
+    "I 1006 2 30 2 21 inner\n"
+    "I 1010 4 40 1 12 beside\n"
+    "1008 18 12 2\n"
+    "FUNC 2000 10 0 no lines\n"
+    "FUNC 3000 40 4 third\n"
+    "3000 10 1 9\n"
+    "3020 10 3 1\n"
+    "PUBLIC 1800 4 between\n"
+    "PUBLIC m 4000 0 last\n"
+    "STACK WIN 4 1000 20 3 2 8 4 10 0 1 $T0 $ebp = $eip $T0 4 + ^ =\n"
+    "STACK WIN 4 1004 8 1 0 8 4 10 0 1 $eip 4 + ^ =\n"
+    "STACK WIN 0 2000 10 3 0 4 0 0 0 0 1\n"
+    "STACK WIN 3 3000 10 3 0 4 0 0 0 0 1\n"
+    "STACK CFI INIT 1000 20 .cfa: $rsp 8 + .ra: .cfa -8 + ^\n"
+    "STACK CFI 1004 .cfa: $rsp 16 + $rbx: .cfa -16 + ^\n"
+    "STACK CFI 1008 $rdi: .cfa -24 + ^\n"
+    "STACK CFI INIT 2000 10 .cfa: $rsp 16 + .ra: .cfa -8 + ^\n";
+
+// Modules with lines, nested inline sites, a thunk, types of many kinds, and public functions.
+void add_modules(PdbBuilder& pdb) {
+  const uint32_t a = pdb.names.add("a.cc");
+  const uint32_t h = pdb.names.add("b.h");
+  const uint32_t pointer = pdb.types.pointer(0x74);
+  const uint32_t structure = pdb.types.structure("S");
+  const uint32_t element = pdb.types.array(pdb.types.modifier(structure, 1), 0x23, 80);
+  const uint32_t list = pdb.types.arguments({pointer, element, pdb.types.union_type("U")});
+  const uint32_t type = pdb.types.procedure(0x03, list, 3);
+  const uint32_t method = pdb.types.member_function(pdb.types.enumeration("E"), structure,
+                                                    pdb.types.pointer(structure), list, 3);
+  const uint32_t inlined = pdb.ids.function_id("inlined", type);
+
+  ModuleBuilder& first = pdb.add_module("first.obj");
+  const uint32_t file = first.file(a, "0123456789abcdef", 1);
+  const uint32_t header = first.file(h);
+  first.proc({.name = "f", .offset = 0x10, .length = 0x40, .type = type})
+      .inline_site(inlined, Annotations().op(11, 0x24).op(4, 8).op(6, 6).op(3, 4).op(12, 2, 5))
+      .inline_site(inlined, Annotations().op(5, header).op(13, 2).op(4, 2).op(9, 1))
+      .inline_site_end()
+      .inline_site_end()
+      .end();
+  first.proc({.name = "g", .offset = 0x50, .length = 0x10, .type = method}, kLProc32).end();
+  first.thunk({.name = "t", .offset = 0x60, .length = 6});
+  first.lines(1, 0x10, 0x40,
+              {{file, {{0, 1}, {4, 0x80000002}}}, {header, {{8, 3}, {12, 0xFEEFEE}}}});
+  first.inlinees({{.inlinee = inlined, .file = header, .line = 7}});
+
+  ModuleBuilder& second = pdb.add_module("second.obj");
+  const uint32_t again = second.file(h);
+  second.proc({.name = "f", .offset = 0x10, .length = 0x40, .type = type}).end();
+  second.proc({.name = "_h", .section = 2, .offset = 0, .length = 8, .type = 0}).end();
+  second.lines(2, 0, 8, again, {{0, 5}});
+  second.inlinees({{.inlinee = inlined, .file = again, .line = 1, .extra_files = {again}}}, 1);
+  pdb.public_function("_h@8", 2, 0).public_function("@fast@12", 2, 0x20);
+  pdb.public_function("?name@@YAXXZ", 1, 0x70);
+}
+
+std::string pdb64(uint32_t page_size, PageOrder order) {
+  PdbBuilder pdb(page_size);
+  pdb.msf.order(order);
+  pdb.section({.name = ".text", .address = 0x1000, .virtual_size = 0x100, .raw_size = 0x200});
+  pdb.section({.name = ".more", .address = 0x2000, .virtual_size = 0x100, .raw_size = 0x200});
+  add_modules(pdb);
+  return pdb.build().bytes;
+}
+
+std::string pdb32() {
+  PdbBuilder pdb(512);
+  pdb.dbi.machine = 0x14C;
+  for (const uint32_t address : {0x1000u, 0x2000u}) {
+    pdb.section({.name = ".text", .address = address, .virtual_size = 0x100, .raw_size = 0x200});
+    pdb.original_section({.name = ".old", .address = address + 0x1000, .virtual_size = 0x100});
+  }
+  pdb.omap_from({{0, 0}, {0x2010, 0x1010}, {0x2030, 0}, {0x2040, 0x1040}, {0x3000, 0x2000}});
+  add_modules(pdb);
+  const uint32_t program = pdb.names.add("$T0 .raSearch = $eip $T0 ^ =");
+  pdb.fpo({.start = 0x1010, .code_size = 0x40, .locals = 2, .params = 3, .prolog = 3});
+  pdb.frame_data({.start = 0x1010, .code_size = 0x40, .params = 12, .program = program});
+  pdb.frame_data({.start = 0x1020, .code_size = 0x10, .params = 12, .program = program});
+  return pdb.build().bytes;
+}
+
+std::string image(bool pe32_plus) {
+  PeBuilder pe(pe32_plus);
+  const auto slot = [](uint8_t operation, uint8_t info) { return unwind_slot(4, operation, info); };
+  pe.codeview({}, 1, "C:\\build\\a.pdb");
+  const uint32_t chained = pe.unwind_info({.slots = {slot(kPushNonvol, 6), slot(kAllocSmall, 3)}});
+  pe.function(0x1000, 0x1020, {.slots = {slot(kAllocLarge, 0), 0x20, slot(kPushNonvol, 3)}});
+  pe.function(0x1020, 0x1040,
+              {.frame_register = 5,
+               .frame_offset = 1,
+               .slots = {slot(kSetFpreg, 0), slot(kPushNonvol, 5), slot(kSaveNonvol, 7), 4}});
+  pe.function(0x1040, 0x1050,
+              {.flags = kUnwindChained,
+               .slots = {slot(kSaveXmm128, 1), 2, slot(kPushMachframe, 1)},
+               .chained = {0x1000, 0x1020, chained}});
+  pe.function_entry({0x1050, 0x1060, PeBuilder::kFunctionsRva + 1});
+  return pe.build();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 2) return 2;
+  const std::filesystem::path root = argv[1];
+  const auto seed = [&](const char* target, const char* name, std::string_view bytes) {
+    std::filesystem::create_directories(root / target);
+    write_file(root / target / name, bytes);
+  };
+  seed("pdb_to_text", "x64", pdb64(512, PageOrder::kContiguous));
+  seed("pdb_to_text", "x64_small_pages", pdb64(64, PageOrder::kInterleaved));
+  seed("pdb_to_text", "x86", pdb32());
+  seed("pe", "pe32_plus", image(true));
+  seed("pe", "pe32", image(false));
+  for (const char* target : {"text_load_lookup", "round_trip", "lookup_agreement"}) {
+    seed(target, "text", kText);
+  }
+  const std::optional<std::string> symb = fuzzing::image_of(std::string(kText));
+  if (!symb) return 1;
+  seed("symb", "version_3", *symb);
+  std::string version_2 = *symb;
+  put_u32(version_2, 4, 2);
+  seed("symb", "version_2", version_2);
+  return 0;
+}

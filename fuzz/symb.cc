@@ -1,0 +1,63 @@
+// A SYMB image from outside: judged, then turned to text, and searched when it was found good.
+
+#include <cstring>
+#include <memory>
+#include <set>
+#include <string_view>
+
+#include "common/symb.h"
+#include "common/text_buffer.h"
+#include "fuzz/harness.h"
+#include "fuzz/lookups.h"
+
+namespace {
+
+// An image in a block of exactly its size, as the functions get it.
+class Image {
+ public:
+  explicit Image(std::string_view bytes) : size_(bytes.size()), bytes_(new char[bytes.size()]) {
+    bytes.copy(bytes_.get(), size_);
+  }
+
+  bool valid() const { return symb_validate(reinterpret_cast<uintptr_t>(bytes_.get()), size_); }
+  bool read(TextBuffer& text) { return symb_read(bytes_.get(), size_, text); }
+
+ private:
+  size_t size_;
+  std::unique_ptr<char[]> bytes_;
+};
+
+// The image's words, and their sums: what addresses and the ends of ranges look like.
+std::set<uint64_t> words_of(std::string_view image) {
+  constexpr size_t kEnough = 300;
+  std::set<uint64_t> words = {0, UINT32_MAX, UINT64_MAX};
+  uint32_t before = 0;
+  for (size_t at = 176; at + 4 <= image.size() && words.size() < kEnough; at += 4) {
+    uint32_t word;
+    std::memcpy(&word, image.data() + at, sizeof word);
+    words.insert({word, uint64_t{word} - 1, uint64_t{before} + word});
+    before = word;
+  }
+  return words;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  const std::string_view bytes(reinterpret_cast<const char*>(data), size);
+  Image image(bytes);
+  const bool valid = image.valid();
+  TextBuffer text;
+  const bool read = image.read(text);
+  fuzzing::require(read || text.empty(), "no text of what cannot be read");
+  fuzzing::require(read || !valid, "what is valid can be read");
+  if (!valid) return 0;
+
+  const fuzzing::Symbols symbols(bytes);
+  for (const uint64_t address : words_of(bytes)) {
+    symbols.frame(address);
+    symbols.windows(address);
+    symbols.cfi(address);
+  }
+  return 0;
+}

@@ -1,0 +1,35 @@
+// SYMB images made from text, for targets that compare the two.
+
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "common/symb.h"
+#include "common/text_buffer.h"
+
+namespace fuzzing {
+
+// The image of a text; none if the text has no identity.
+inline std::optional<std::string> image_of(const std::string& text) {
+  char* image = nullptr;
+  size_t size = 0;
+  if (!symb_write(text.c_str(), &image, &size)) return std::nullopt;
+  const std::unique_ptr<char[]> owner(image);
+  return std::string(image, size);
+}
+
+inline bool is_valid(const std::string& image) {
+  return symb_validate(reinterpret_cast<uintptr_t>(image.data()), image.size());
+}
+
+// The text of an image; none if it cannot be read.
+inline std::optional<std::string> text_of(std::string image) {
+  TextBuffer text;
+  if (!symb_read(image.data(), image.size(), text)) return std::nullopt;
+  return std::string(text.view());
+}
+
+}  // namespace fuzzing

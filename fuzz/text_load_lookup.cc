@@ -1,0 +1,20 @@
+// A text symbol file into the resolver, and every kind of question about it.
+
+#include <string_view>
+
+#include "fuzz/harness.h"
+#include "fuzz/lookups.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  const std::string_view text(reinterpret_cast<const char*>(data), size);
+  if (text.starts_with("SYMB")) return 0;  // not looked at before it is used: see symb.cc
+  const fuzzing::Symbols symbols(text);
+  for (const uint64_t address : fuzzing::addresses_in(text)) {
+    const google_breakpad::StackFrame frame = symbols.frame(address);
+    fuzzing::require(frame.function_base <= address, "a function begins at or below the address");
+    fuzzing::require(frame.source_line_base <= address, "so does a line");
+    symbols.windows(address);
+    symbols.cfi(address);
+  }
+  return 0;
+}
