@@ -29,6 +29,11 @@ elseif(NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
   target_compile_definitions(symforge_options INTERFACE _FORTIFY_SOURCE=2)
 endif()
 
+if(SYMFORGE_FUZZERS)
+  target_compile_options(symforge_options INTERFACE -fsanitize=fuzzer-no-link)
+  target_link_options(symforge_options INTERFACE -fsanitize=fuzzer-no-link)
+endif()
+
 include(CheckPIESupported)
 check_pie_supported()
 target_link_options(symforge_options INTERFACE -Wl,-z,relro,-z,now)
