@@ -22,9 +22,10 @@ using test_support::UnwindInfo;
 
 namespace {
 
-constexpr uint64_t kBytesPerModule = 32500;  // of the PDB, everything that a module brings counted
+constexpr uint64_t kBytesPerModule = 48000;  // of the PDB, everything that a module brings counted
 constexpr uint32_t kFunctionsPerModule = 24;
-constexpr uint32_t kFunctionTypesPerModule = 40;
+constexpr uint32_t kClassesPerModule = 16;
+constexpr uint32_t kFunctionTypesPerModule = 70;
 constexpr uint32_t kTextRva = 0x1000;
 constexpr uint32_t kPageSize = 4096;
 
@@ -85,6 +86,8 @@ class Generator {
   void add_ids(ModuleState& module);
   void add_function(ModuleState& module, uint32_t number);
   void add_locals(ModuleBuilder& builder);
+  void add_to_symbol_records(uint32_t number, const std::string& name, bool local);
+  void add_contribution(uint32_t length);
   void add_inline_sites(ModuleState& module, uint32_t begin, uint32_t end, uint32_t depth);
   void add_lines(ModuleState& module, uint32_t length);
   void add_unwind(uint32_t length);
@@ -104,6 +107,7 @@ class Generator {
   std::vector<uint32_t> function_types_;  // procedures and member functions
   std::vector<uint32_t> inlinable_;       // ids with a name
   std::vector<uint32_t> module_files_;    // number of files, by module
+  Bytes contributions_;
   Bytes unwind_;
   std::vector<FunctionEntry> entries_;
 };
@@ -173,7 +177,7 @@ void Generator::add_types() {
   static constexpr std::array<uint32_t, 8> kPrimitives = {0x74,  0x75, 0x30, 0x603,
                                                           0x670, 0x41, 0x13, 0x23};
   const uint32_t in_class = add_class();
-  for (uint32_t i = 0; i < 7; ++i) add_class();
+  for (uint32_t i = 1; i < kClassesPerModule; ++i) add_class();
   for (uint32_t i = 0; i < kFunctionTypesPerModule; ++i) {
     std::vector<uint32_t> arguments(random_.below(6));
     for (uint32_t& type : arguments) {
@@ -190,12 +194,12 @@ void Generator::add_types() {
 }
 
 // Ids of the functions that this module is the first to inline, and their inlinee table. One in
-// ten is a member function's id, whose name readers do not take from the record.
+// four is a member function's id, whose name readers do not take from the record.
 void Generator::add_ids(ModuleState& module) {
   for (uint32_t i = 0; i < 8; ++i) {
     const uint32_t type =
         function_types_[function_types_.size() - 1 - random_.below(kFunctionTypesPerModule)];
-    if (random_.one_in(10)) {
+    if (random_.one_in(4)) {
       Bytes member;
       member.u32(type).u32(type).zstr(method_name());
       inlinable_.push_back(pdb_.ids.add(0x1602, member.str()));
@@ -215,11 +219,16 @@ void Generator::add_ids(ModuleState& module) {
   }
 }
 
+// Locals and calls: of no interest to a converter, but the larger part of a module's symbols.
 void Generator::add_locals(ModuleBuilder& builder) {
-  for (uint32_t i = random_.between(4, 14); i > 0; --i) {
+  for (uint32_t i = random_.between(6, 24); i > 0; --i) {
     // A local (type, flags, name) and where it lives (register, range, gap).
     builder.symbol(0x113E, Bytes().u32(0x74).u16(0).text(random_.pick(kNouns)).zstr("_").str());
     builder.symbol(0x1141, Bytes().u16(335).u16(0).u32(code_).u16(1).u16(20).u16(4).u16(2).str());
+    if (random_.one_in(3)) {
+      // A call: offset, section, padding, type of the function.
+      builder.symbol(0x1139, Bytes().u32(code_ + i).u16(1).u16(0).u32(0x1000).str());
+    }
   }
 }
 
@@ -248,7 +257,7 @@ void Generator::add_inline_sites(ModuleState& module, uint32_t begin, uint32_t e
 void Generator::add_lines(ModuleState& module, uint32_t length) {
   std::vector<Line> lines;
   uint32_t line = random_.between(10, 4000);
-  for (uint32_t at = 0; at < length; at += random_.between(3, 20)) {
+  for (uint32_t at = 0; at < length; at += random_.between(4, 30)) {
     lines.push_back({at, line | 0x80000000});
     line += random_.below(4);
   }
@@ -271,6 +280,23 @@ void Generator::add_unwind(uint32_t length) {
   unwind_.text(info.bytes()).align(4);
 }
 
+// A reference to the procedure (sum of the name, place, module, name), and a public symbol when it
+// is visible outside of its module.
+void Generator::add_to_symbol_records(uint32_t number, const std::string& name, bool local) {
+  Bytes reference;
+  reference.u16(0x1125).u32(0).u32(4).u16(1).zstr(name);
+  while (reference.size() % 4 != 2) reference.u8(0);
+  pdb_.symbol_records.u16(static_cast<uint16_t>(reference.size())).text(reference.str());
+  if (local) return;
+  pdb_.public_function("?" + name + "@@QEAAHPEAX" + number_text(number) + "@Z", 1, code_);
+}
+
+// What the linker placed for the function: section, offset, size, characteristics, module, sums.
+void Generator::add_contribution(uint32_t length) {
+  if (contributions_.empty()) contributions_.u32(0xF12EBA2D);
+  contributions_.u16(1).u16(0).u32(code_).u32(length).u32(0x60500020).u16(0).u16(0).u32(0).u32(0);
+}
+
 void Generator::add_function(ModuleState& module, uint32_t number) {
   const uint32_t length =
       random_.one_in(12) ? random_.between(600, 2500) : random_.between(20, 260);
@@ -286,9 +312,8 @@ void Generator::add_function(ModuleState& module, uint32_t number) {
   module.builder.end();
   add_lines(module, length);
   add_unwind(length);
-  if (!local) {
-    pdb_.public_function("?" + name + "@@QEAAHPEAX" + number_text(number) + "@Z", 1, code_);
-  }
+  add_to_symbol_records(number, name, local);
+  add_contribution(length);
   code_ = (code_ + length + 15) / 16 * 16;
 }
 
@@ -354,6 +379,7 @@ GeneratedPdb Generator::generate() {
   for (uint32_t i = 0; i < modules_; ++i) add_module(i);
   pdb_.section({".text", kTextRva, code_, (code_ + 511) / 512 * 512, 0x400, 0x60000020});
   pdb_.section({".rdata", (kTextRva + code_ + 0xFFFF) & ~0xFFFFu, 0x10000, 0x10000, 0, 0x40000040});
+  pdb_.dbi.section_contributions = contributions_.str();
   pdb_.dbi.file_info = file_info();
   GeneratedPdb result;
   result.image = image();

@@ -201,6 +201,9 @@ void Bench::print() const {
   std::printf("| input | PDB, MB | text, MB | SYMB, MB |\n|---|---|---|---|\n");
   for (const std::string& line : sizes_) std::printf("%s\n", line.c_str());
   print_times(times_);
+  const Usage idle = run_once({{tools_.symforge, "-v"}, work("idle.out")});
+  std::printf("\nA run that converts nothing peaks at %.1f MiB.\n",
+              static_cast<double>(idle.peak_bytes) / kMebibyte);
   print_memory(memory_);
   if (growth_.size() >= 8) print_growth(growth_);
 }
