@@ -21,6 +21,10 @@ target_include_directories(symforge_resolver INTERFACE
   $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}> $<INSTALL_INTERFACE:${header_root}>)
 add_library(symforge::resolver ALIAS symforge_resolver)
 
+if(NOT SYMFORGE_INSTALL)
+  return()
+endif()
+
 # ---- Files, in two components that become two Debian packages ---------------------------------------
 install(TARGETS symforge RUNTIME COMPONENT program)
 install(FILES docs/symforge.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT program)
