@@ -96,25 +96,39 @@ for count in 3 4 5 6; do report "$count file descriptors" few_descriptors "$coun
 little_memory() {
   new_tree
   (ulimit -c 0 -v "$1" && convert "$scratch/big.sym" "$tree") 2>>"$scratch/err"
-  { target_is old.sym && said . || target_is big.sym; } && no_strays
+  { target_is old.sym && said . || target_is big.sym; } && no_strays || return 1
+  (ulimit -c 0 -v "$1" && convert -b "$scratch/big.sym" "$tree") 2>>"$scratch/err"
+  { [ ! -e "${target}b" ] && said . || cmp -s "$scratch/big.symb" "${target}b"; } && no_strays
 }
 cp "$scratch/new.sym" "$scratch/big.sym"
 for _ in $(seq 12); do
   sed -n '/^FUNC/,/^PUBLIC/p' "$scratch/new.sym"
 done | awk '{ for (i = 0; i < 200; ++i) print }' >>"$scratch/big.sym"
+"$program" -b "$scratch/big.sym" >"$scratch/big.symb" 2>/dev/null
 for kilobytes in 8000 16000 24000 32000 48000 64000 128000; do
   report "$kilobytes KiB of address space" little_memory "$kilobytes"
 done
 
-shrinks() {
+# An input that loses its end, or its name, while it is read: the target is never a part of a file,
+# and the run ends by itself or by the signal for reading a mapping beyond its file.
+changes() {  # changes INPUT COMMAND...
   new_tree
-  cp "$scratch/engine64.pdb" "$scratch/shrinking.pdb"
-  "$program" "$scratch/shrinking.pdb" "$tree" >/dev/null 2>"$scratch/err" &
-  truncate -s $((RANDOM * 3)) "$scratch/shrinking.pdb"
-  wait $!
-  no_strays
+  cp "$scratch/$1" "$scratch/changing.${1##*.}"
+  "$program" "$scratch/changing.${1##*.}" "$tree" >/dev/null 2>"$scratch/err" &
+  "${@:2}" "$scratch/changing.${1##*.}"
+  wait $! 2>/dev/null
+  case $? in 0 | 1 | 134 | 135) ;; *) return 1 ;; esac
+  local found
+  for found in $(find "$tree" -type f); do
+    [ -z "$(tail -c 1 "$found")" ] && [ "$(head -c 6 "$found")" = MODULE ] || return 1
+  done
+  target_is old.sym || target_is big.sym
 }
-for round in $(seq 5); do report "input that shrinks, $round" shrinks; done
+for round in $(seq 5); do
+  report "PDB that shrinks, $round" changes engine64.pdb truncate -s $((RANDOM * 3))
+  report "PDB that vanishes, $round" changes engine64.pdb rm
+  report "text that vanishes, $round" changes big.sym rm
+done
 
 odd_things() {
   new_tree
@@ -127,5 +141,20 @@ odd_things() {
   target_is new.sym && [ ! -L "$target" ] && grep -q precious "$scratch/elsewhere" && [ -e "${target}AbCdEf" ]
 }
 report "a folder, a link, a stale file in the target's place" odd_things
+
+# Links where the folders of the tree belong: to nowhere, to themselves, to a folder (which is used).
+odd_links() {
+  local folder=$tree/engine64.pdb
+  rm -rf "$tree" && mkdir "$tree" "$scratch/folder" && ln -s nowhere "$folder" || return 1
+  convert "$scratch/new.sym" "$tree"
+  said 'failed to create symbol file path: engine64.pdb/' || return 1
+  ln -sfn engine64.pdb "$folder"
+  convert "$scratch/new.sym" "$tree"
+  said 'failed to create symbol file path: engine64.pdb/' || return 1
+  ln -sfn "$scratch/folder" "$folder"
+  convert "$scratch/new.sym" "$tree"
+  target_is new.sym && no_strays
+}
+report "links in the place of folders" odd_links
 
 exit $((failures > 0))
