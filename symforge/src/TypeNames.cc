@@ -79,8 +79,9 @@ const Record& recordOf(const TypeInfo& info) {
   return *reinterpret_cast<const Record*>(info.data.data);
 }
 
+// Rendering recurs as deep as types nest: what needs room on the stack keeps out of its frames.
 template <typename Number>
-void appendDecimal(Number number, std::string& output) {
+[[gnu::noinline]] void appendDecimal(Number number, std::string& output) {
   char digits[24];
   output.append(digits, std::to_chars(digits, digits + sizeof(digits), number).ptr);
 }
@@ -93,12 +94,12 @@ Number numberOf(const TypeInfo& info) {
   return number;
 }
 
-void renderReal(double number, std::string& output) {
+[[gnu::noinline]] void renderReal(double number, std::string& output) {
   char digits[512];
   output.append(digits, static_cast<size_t>(std::snprintf(digits, sizeof(digits), "%f", number)));
 }
 
-void renderNumber(const TypeInfo& info, std::string& output) {
+[[gnu::noinline]] void renderNumber(const TypeInfo& info, std::string& output) {
   switch (info.type) {
     case LEAF::LF_CHAR:
       output += numberOf<char>(info);
