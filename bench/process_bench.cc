@@ -1,6 +1,7 @@
-// process_bench SYMFORGE HELPERS WORK RUNS [PDB [PE]]: whole-process figures of every conversion of
-// the command line, printed as markdown tables. HELPERS is the folder of generate_pdb and floor,
-// WORK a folder for inputs and outputs. See scripts/bench, which calls it.
+// process_bench SYMFORGE HELPERS WORK RUNS LARGEST [PDB [PE]]: whole-process figures of every
+// conversion of the command line, printed as markdown tables. HELPERS is the folder of generate_pdb
+// and floor, WORK a folder for inputs and outputs; LARGEST leaves out generated PDBs of more MB.
+// See scripts/bench, which calls it.
 
 #include <unistd.h>
 
@@ -219,18 +220,21 @@ Input generated(const Tools& tools, int megabytes) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 5) {
-    std::fprintf(stderr, "usage: %s SYMFORGE HELPERS WORK RUNS [PDB [PE]]\n", argv[0]);
+  if (argc < 6) {
+    std::fprintf(stderr, "usage: %s SYMFORGE HELPERS WORK RUNS LARGEST [PDB [PE]]\n", argv[0]);
     return 2;
   }
   const Tools tools{argv[1], argv[2], argv[3], std::atoi(argv[4])};
+  const int largest = std::atoi(argv[5]);
   try {
     Bench bench(tools);
-    if (argc > 5) {
-      const std::string pdb = argv[5];
-      bench.measure({pdb.substr(pdb.rfind('/') + 1), pdb, argc > 6 ? argv[6] : ""});
+    if (argc > 6) {
+      const std::string pdb = argv[6];
+      bench.measure({pdb.substr(pdb.rfind('/') + 1), pdb, argc > 7 ? argv[7] : ""});
     }
-    for (const int megabytes : {1, 20, 400}) bench.measure(generated(tools, megabytes));
+    for (const int megabytes : {1, 20, 400}) {
+      if (megabytes <= largest) bench.measure(generated(tools, megabytes));
+    }
     bench.print();
   } catch (const std::exception& failure) {
     std::fprintf(stderr, "%s\n", failure.what());
