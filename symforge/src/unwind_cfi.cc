@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cassert>
 #include <cstdio>
 
@@ -23,67 +24,59 @@ constexpr NamedRegister kPrinted[] = {
     {kRbx, "$rbx"}, {kRdi, "$rdi"}, {kRsi, "$rsi"}, {kRsp, "$rsp"},
 };
 
-// Notices that a walk from address to address goes round in a circle: it looks out for a place that
-// is moved on ever more rarely, and waits for a second return so that every step of the circle was
-// taken twice.
-class CircleGuard {
+// The way from function entries to their unwind data. Links are bounded for the image as a whole,
+// far above what linkers make (Windows itself follows 32 at most): those that lead round in a
+// circle end, and so do chains that many entries share to keep a reader busy.
+class UnwindLinks {
  public:
-  bool closes(uint32_t rva) {
-    if (m_steps != 0 && rva == m_place) return ++m_returns == 2;
-    if (++m_steps == m_limit) {
-      m_place = rva;
-      m_limit *= 2;
-      m_returns = 0;
+  UnwindLinks(const PeImage& image, size_t entries)
+      : m_image(image), m_left(kFewestLinks + kLinksPerEntry * uint64_t{entries}) {}
+
+  // From an entry to the address of its unwind data: bit 0 says that another entry stands in
+  // between. False when the links lead nowhere.
+  bool resolveEntry(uint32_t& rva) {
+    while ((rva & 1) != 0) {
+      const auto* entry = m_image.recordAt<IMAGE_RUNTIME_FUNCTION_ENTRY>(rva ^ 1);
+      if (entry == nullptr || m_left-- == 0) return false;
+      rva = entry->UnwindInfoAddress;
     }
-    return false;
+    return true;
+  }
+
+  // Null when there is none; so for an info whose slots leave the file.
+  const UnwindInfo* find(uint32_t rva) const {
+    const auto* info = m_image.recordAt<UnwindInfo>(rva);
+    const bool whole = info != nullptr && bytesLeft(*info) >= info->size();
+    return whole ? info : nullptr;
+  }
+
+  // Sums up an info and those that it is chained to. False when that never ends.
+  bool sumUpChain(const UnwindInfo* info, UnwindFrame& frame) {
+    for (; info != nullptr; info = info->chained() ? follow(*info) : nullptr)
+      if (!frame.add(*info) || m_left-- == 0) return false;
+    return true;
   }
 
  private:
-  uint32_t m_place = 0;
-  uint64_t m_steps = 0;
-  uint64_t m_limit = 1;
-  int m_returns = 0;
+  static constexpr uint64_t kFewestLinks = uint64_t{1} << 20;
+  static constexpr uint64_t kLinksPerEntry = 32;
+
+  size_t bytesLeft(const UnwindInfo& info) const {
+    return m_image.bytesLeft(&info.version_and_flags);
+  }
+
+  // The info that a chained one leads to, or null. Its address is not tested for bit 0.
+  const UnwindInfo* follow(const UnwindInfo& info) const {
+    const size_t link = info.chainOffset();
+    if (bytesLeft(info) < link + sizeof(IMAGE_RUNTIME_FUNCTION_ENTRY)) return nullptr;
+    const auto* entry =
+        reinterpret_cast<const IMAGE_RUNTIME_FUNCTION_ENTRY*>(&info.version_and_flags + link);
+    return find(entry->UnwindInfoAddress);
+  }
+
+  const PeImage& m_image;
+  uint64_t m_left;
 };
-
-enum class Walk { kDone, kNoUnwindData, kLost };
-
-// An info whose slots leave the file is not there.
-const UnwindInfo* findUnwindInfo(const PeImage& image, uint32_t rva) {
-  const auto* info = image.recordAt<UnwindInfo>(rva);
-  return info != nullptr && image.bytesLeft(&info->version_and_flags) >= info->size() ? info
-                                                                                      : nullptr;
-}
-
-// From an entry to the address of its unwind data: bit 0 says that another entry stands in between.
-bool resolveEntry(const PeImage& image, uint32_t& rva) {
-  CircleGuard guard;
-  while ((rva & 1) != 0) {
-    const auto* entry = image.recordAt<IMAGE_RUNTIME_FUNCTION_ENTRY>(rva ^ 1);
-    if (entry == nullptr || guard.closes(rva)) return false;
-    rva = entry->UnwindInfoAddress;
-  }
-  return true;
-}
-
-// The info that a chained one leads to, or null when its link or what it leads to is not there.
-const UnwindInfo* followChain(const PeImage& image, const UnwindInfo* info, uint32_t& rva) {
-  const uint8_t* bytes = &info->version_and_flags;
-  const size_t link = info->chainOffset();
-  if (image.bytesLeft(bytes) < link + sizeof(IMAGE_RUNTIME_FUNCTION_ENTRY)) return nullptr;
-  rva = reinterpret_cast<const IMAGE_RUNTIME_FUNCTION_ENTRY*>(bytes + link)->UnwindInfoAddress;
-  return findUnwindInfo(image, rva);
-}
-
-// Sums up an info and those that it is chained to. False when that never ends. The addresses of a
-// chain are not tested for bit 0.
-bool sumUpChain(const PeImage& image, const UnwindInfo* info, uint32_t rva, UnwindFrame& frame) {
-  CircleGuard guard;
-  while (info != nullptr) {
-    if (!frame.add(*info) || guard.closes(rva)) return false;
-    info = info->chained() ? followChain(image, info, rva) : nullptr;
-  }
-  return true;
-}
 
 int32_t minus(int32_t from, int32_t what) {
   return static_cast<int32_t>(static_cast<uint32_t>(from) - static_cast<uint32_t>(what));
@@ -127,15 +120,16 @@ void printFrame(const IMAGE_RUNTIME_FUNCTION_ENTRY& entry, const UnwindInfo& top
   lines.chr('\n');
 }
 
-Walk printEntry(const PeImage& image, const IMAGE_RUNTIME_FUNCTION_ENTRY& entry, TextBuffer& out) {
+// False when the way to the unwind data, or through it, is lost.
+bool printEntry(UnwindLinks& links, const IMAGE_RUNTIME_FUNCTION_ENTRY& entry, TextBuffer& out) {
   uint32_t rva = entry.UnwindInfoAddress;
-  if (!resolveEntry(image, rva)) return Walk::kLost;
-  const UnwindInfo* top = findUnwindInfo(image, rva);
-  if (top == nullptr) return Walk::kNoUnwindData;
+  if (!links.resolveEntry(rva)) return false;
+  const UnwindInfo* top = links.find(rva);
+  if (top == nullptr) return true;  // a function without lines
   UnwindFrame frame;
-  if (!sumUpChain(image, top, rva, frame)) return Walk::kLost;
+  if (!links.sumUpChain(top, frame)) return false;
   printFrame(entry, *top, frame, out);
-  return Walk::kDone;
+  return true;
 }
 
 // Whether the image is one whose exception directory has the x64 form; tells why not.
@@ -157,12 +151,13 @@ bool hasUnwindData(const PeImage& image) {
 void printEntries(const PeImage& image, const uint8_t* table, size_t count, TextBuffer& out) {
   const auto* entries = reinterpret_cast<const IMAGE_RUNTIME_FUNCTION_ENTRY*>(table);
   const size_t present = image.bytesLeft(table) / sizeof(*entries);
+  UnwindLinks links(image, std::min(count, present));
   for (size_t i = 0; i < count; ++i) {
     if (i == present) {
       std::fputs("Failed to find function entries\n", stderr);
       return;
     }
-    if (printEntry(image, entries[i], out) == Walk::kLost) {
+    if (!printEntry(links, entries[i], out)) {
       std::fputs("Failed to find chained function\n", stderr);
       return;
     }
