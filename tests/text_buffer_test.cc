@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cinttypes>
+#include <cstdio>
+
 #include <string>
 
 namespace {
@@ -29,6 +32,23 @@ TEST(TextBufferTest, KeepsTheTextWhileItGrowsAndMoves) {
   TextBuffer moved = std::move(text);
   EXPECT_EQ(moved.view(), expected);
   EXPECT_STREQ(moved.c_str(), expected.c_str());
+}
+
+// Every count of digits, with room to spare and with none.
+TEST(LineWriterTest, WritesHexadecimalOfEveryWidth) {
+  for (uint64_t number = 1, digits = 1; digits <= 16;
+       number = number * 16 + digits % 16, ++digits) {
+    char expected[32];
+    std::snprintf(expected, sizeof(expected), "%" PRIx64, number);
+    for (const size_t room : {size_t{digits}, size_t{40}}) {
+      TextBuffer text;
+      LineWriter(text, room).hex(number);
+      EXPECT_EQ(text.view(), expected);
+    }
+  }
+  TextBuffer text;
+  LineWriter(text, 40).hex(0).chr(' ').hex(0x9aF).chr(' ').hex(0xA0000000);
+  EXPECT_EQ(text.view(), "0 9af a0000000");
 }
 
 }  // namespace

@@ -31,10 +31,11 @@ struct FunctionRecord {
   uint32_t typeIndex = 0;   // 0: none
   uint32_t paramSize = 0;
   // The function's inline sites: a stretch of PDBParser's list of all of them, and the stream where
-  // they stand.
-  uint32_t inlineStream = 0;
+  // they stand. None are kept when one of them has no name.
   uint32_t firstInline = 0;
   uint32_t inlineCount = 0;
+  uint16_t inlineStream = 0;
+  bool inlinesSilenced = false;
 
   bool dropped() const { return segment == kDropped; }
   bool hasLines() const { return (lineCount & kHasLines) != 0; }

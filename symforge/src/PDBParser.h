@@ -204,6 +204,8 @@ class PDBParser {
   void printTypedFunction(const FunctionRecord& func, std::string& name, std::string& parameters,
                           TextBuffer& out);
   void printLines(const FunctionRecord& func, TextBuffer& out) const;
+  void addInlineSite(uint32_t inlinee, uint32_t symbolOffset, FunctionRecord& func);
+  bool typeNamesMayWarn() const;
   StreamReader& siteReader(uint32_t stream);
   static InlineFunctionRecord readInlineSite(StreamReader& reader, uint32_t size);
   bool allInlineesNamed(StreamReader& reader, std::span<const uint32_t> sites);

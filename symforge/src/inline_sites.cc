@@ -54,20 +54,19 @@ StreamReader& PDBParser::siteReader(uint32_t stream) {
   return *m_siteReader;
 }
 
-// One inlined function without a name silences all of them. What names one is known without
-// rendering it, but where a rendering warns, each site's warnings are due.
+bool PDBParser::typeNamesMayWarn() const {
+  return typemap.hasUnknownPointers() || typeinfomap.hasUnknownPointers();
+}
+
+// Renders all names for the sake of the warnings, up to the first inlined function that has none.
 bool PDBParser::allInlineesNamed(StreamReader& reader, std::span<const uint32_t> sites) {
-  const bool mayWarn = typemap.hasUnknownPointers() || typeinfomap.hasUnknownPointers();
   std::string scratch;
   for (const uint32_t site : sites) {
     if (site == kSiteEnd) continue;
     reader.seek(site + sizeof(SymbolHeader));
-    const uint32_t inlinee = reader.read<CV_InlineSite>()->inlinee;
-    if (mayWarn) {
-      scratch.clear();
-      stringizeType(inlinee, scratch, IsTopLevel, true);
-    }
-    if (!typeinfomap.isFunction(inlinee)) return false;
+    scratch.clear();
+    if (!stringizeType(reader.read<CV_InlineSite>()->inlinee, scratch, IsTopLevel, true))
+      return false;
   }
   return true;
 }
@@ -94,7 +93,7 @@ void PDBParser::dumpInlineFunctionMap(const FunctionRecord& f, TextBuffer& out) 
   if (f.inlineCount == 0) return;
   const std::span<const uint32_t> sites(&m_inlineSites[f.firstInline], f.inlineCount);
   StreamReader& reader = siteReader(f.inlineStream);
-  if (!allInlineesNamed(reader, sites)) return;
+  if (typeNamesMayWarn() && !allInlineesNamed(reader, sites)) return;
 
   m_inlineTree.clear();
   AnnotationDecoder decoder;

@@ -32,6 +32,20 @@ void PDBParser::readThunk(StreamReader& reader, Functions& funcs) const {
   func.length = symbol->parent != 0 ? uint32_t{symbol->len} : 0;
 }
 
+// One inlined function without a name silences all of its function. Where rendering names warns,
+// the warnings are due at printing, so the judgement waits.
+void PDBParser::addInlineSite(uint32_t inlinee, uint32_t symbolOffset, FunctionRecord& func) {
+  if (func.inlinesSilenced) return;
+  if (!typeNamesMayWarn() && !typeinfomap.isFunction(inlinee)) {
+    func.inlinesSilenced = true;
+    func.inlineCount = 0;
+    m_inlineSites.resize(func.firstInline);
+    return;
+  }
+  m_inlineSites.push_back(symbolOffset);
+  ++func.inlineCount;
+}
+
 // Inline sites belong to the last procedure before them, whatever lies between but a thunk: its end
 // is not looked at.
 void PDBParser::getModuleFunctions(const DBIModuleInfo* module, Functions& funcs) {
@@ -60,13 +74,13 @@ void PDBParser::getModuleFunctions(const DBIModuleInfo* module, Functions& funcs
       case S_INLINESITE:
         if (!do_inline) break;
         assert(current_function != nullptr);
-        readInlineSite(reader, header->size);  // now that it fails as a part of its module
-        m_inlineSites.push_back(body - sizeof(SymbolHeader));
-        ++current_function->inlineCount;
+        addInlineSite(readInlineSite(reader, header->size).inlinee, body - sizeof(SymbolHeader),
+                      *current_function);
         break;
       case S_INLINESITE_END:
         if (!do_inline) break;
         assert(current_function != nullptr);
+        if (current_function->inlinesSilenced) break;
         m_inlineSites.push_back(kSiteEnd);
         ++current_function->inlineCount;
         break;

@@ -1,7 +1,9 @@
 // FUNC, line and PUBLIC records. The line records of a function take their section from the FUNC
 // line above them, so the order of everything here matters.
 
+#include <charconv>
 #include <cstring>
+#include <iterator>
 #include <string>
 #include <string_view>
 
@@ -76,13 +78,19 @@ void PDBParser::printLines(const FunctionRecord& func, TextBuffer& out) const {
   const uint32_t start = base + func.pre_omap_offset - adjust;
   const bool mapped = func.segment != 0 && !omap_from.empty();
 
+  // What ends every line: " file\n".
+  char file[16] = {' '};
+  char* fileEnd = std::to_chars(file + 1, std::end(file), func.fileIndex).ptr;
+  *fileEnd++ = '\n';
+  const std::string_view ending(file, static_cast<size_t>(fileEnd - file));
+
   LineWriter writer(out, kLineRoom * count);
   for (uint32_t i = 0; i < count; ++i) {
     const uint32_t offset = lines[i].offset;
     const uint32_t next = i + 1 == count ? end : uint32_t{lines[i + 1].offset};
     const uint32_t rva = start + offset;
     writer.hex(mapped ? throughOmap(rva) : rva).chr(' ').hex(next - offset).chr(' ');
-    writer.dec(lines[i].flags & kLineNumberMask).chr(' ').dec(func.fileIndex).chr('\n');
+    writer.dec(lines[i].flags & kLineNumberMask).str(ending);
   }
 }
 
@@ -96,9 +104,16 @@ void PDBParser::printTypedFunction(const FunctionRecord& func, std::string& name
 
 // Functions without a type print as they stand: no clean-up, no parameters, no lines.
 void PDBParser::printFunctions(const Functions& funcs, TextBuffer& out) {
+  // Names and lines lie all over the mapping: they are asked for a few functions ahead.
+  constexpr size_t kAhead = 8;
   std::string name;
   std::string parameters;
-  for (const FunctionRecord& func : funcs) {
+  for (size_t i = 0; i < funcs.size(); ++i) {
+    if (i + kAhead < funcs.size()) {
+      __builtin_prefetch(funcs[i + kAhead].name.data);
+      __builtin_prefetch(funcs[i + kAhead].lines.data);
+    }
+    const FunctionRecord& func = funcs[i];
     if (func.dropped()) continue;
     if (func.typeIndex != 0)
       printTypedFunction(func, name, parameters, out);
