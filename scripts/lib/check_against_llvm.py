@@ -243,7 +243,8 @@ def compare_inlines(report, text, function, symbol, types, places):
     names = [types.id_name(site.inlinee) for site in symbol.sites if site]
     if None in names:
         report.because("functions with inline sites", "an inlinee without a name: no I lines")
-        report.compare("I lines", function.inlines, [], function.name)
+        if function.inlines:
+            report.differs("I lines", f"{function.name}: unexpected")
         return
     theirs = inline_lines(function.address, symbol.sites, names, places)
     ours = [(a, length, line, text.files.get(file), depth, name)
@@ -259,7 +260,8 @@ def compare_inlines(report, text, function, symbol, types, places):
 def compare_lines(report, text, function, expected):
     block = accepted_block(expected.blocks)
     if block is None or not block.lines:
-        report.compare("functions with lines", function.lines, [], function.name)
+        if function.lines:
+            report.differs("functions with lines", f"{function.name}: unexpected")
         return
     report.because("line blocks", "the function has one already", len(expected.blocks) - 1)
     lines = expected_lines(function, block, function.address)
