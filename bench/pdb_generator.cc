@@ -95,6 +95,7 @@ class Generator {
   std::string image() const;
   void split_streams();
 
+  uint32_t pick_type(const std::vector<uint32_t>& types);
   std::string class_name();
   std::string method_name();
 
@@ -128,6 +129,14 @@ std::string Generator::class_name() {
 
 std::string Generator::method_name() {
   return class_name().append("::").append(random_.pick(kVerbs));
+}
+
+// Code uses the types that its module brought, and the few that everybody uses, which come early.
+uint32_t Generator::pick_type(const std::vector<uint32_t>& types) {
+  const auto count = static_cast<uint32_t>(types.size());
+  if (!random_.one_in(3)) return types[count - 1 - random_.below(std::min(count, 100u))];
+  const uint64_t r = random_.below(1000);
+  return types[static_cast<size_t>(count * r * r * r / 1000000000)];
 }
 
 void Generator::add_shared_files() {
@@ -181,9 +190,8 @@ void Generator::add_types() {
   for (uint32_t i = 0; i < kFunctionTypesPerModule; ++i) {
     std::vector<uint32_t> arguments(random_.below(6));
     for (uint32_t& type : arguments) {
-      type = random_.one_in(2)
-                 ? kPrimitives[random_.below(kPrimitives.size())]
-                 : value_types_[random_.below(static_cast<uint32_t>(value_types_.size()))];
+      type = random_.one_in(2) ? kPrimitives[random_.below(kPrimitives.size())]
+                               : pick_type(value_types_);
     }
     const auto count = static_cast<uint16_t>(arguments.size());
     const uint32_t list = pdb_.types.arguments(arguments);
@@ -302,8 +310,7 @@ void Generator::add_function(ModuleState& module, uint32_t number) {
       random_.one_in(12) ? random_.between(600, 2500) : random_.between(20, 260);
   const bool local = random_.one_in(3);
   const std::string name = method_name();
-  const uint32_t type =
-      function_types_[random_.below(static_cast<uint32_t>(function_types_.size()))];
+  const uint32_t type = pick_type(function_types_);
   module.builder.proc({name, 1, code_, length, type},
                       local ? test_support::kLProc32 : test_support::kGProc32);
   module.builder.symbol(test_support::kFrameProc, std::string(26, '\0'));
