@@ -15,30 +15,16 @@
 #include <vector>
 
 #include "processor/basic_source_line_resolver_module.h"
+#include "tests/support/code_module.h"
 
 namespace {
 
 using google_breakpad::BasicSourceLineResolver;
-using google_breakpad::CodeModule;
 using google_breakpad::StackFrame;
 using Module = BasicSourceLineResolver::Module;
 
+constexpr uint64_t kBase = 0x140000000;
 constexpr uint64_t kFunctionSpacing = 0x90;
-
-class Code : public CodeModule {
- public:
-  uint64_t base_address() const override { return 0x140000000; }
-  uint64_t size() const override { return 0; }
-  std::string code_file() const override { return ""; }
-  std::string code_identifier() const override { return ""; }
-  std::string debug_file() const override { return ""; }
-  std::string debug_identifier() const override { return ""; }
-  std::string version() const override { return ""; }
-  CodeModule* Copy() const override { return nullptr; }
-  uint64_t shrink_down_delta() const override { return 0; }
-  void SetShrinkDownDelta(uint64_t) override {}
-  bool is_unloaded() const override { return false; }
-};
 
 struct Text {
   std::string text;
@@ -140,9 +126,10 @@ void look_up(benchmark::State& state, Ask ask) {
   std::mt19937_64 random(2);
   std::vector<uint64_t> addresses(1 << 20);
   for (uint64_t& address : addresses) {
-    address = 0x140001000 + random() % (static_cast<uint64_t>(state.range(0)) * kFunctionSpacing);
+    address =
+        kBase + 0x1000 + random() % (static_cast<uint64_t>(state.range(0)) * kFunctionSpacing);
   }
-  const Code code;
+  const test_support::TestModule code(kBase);
   StackFrame frame;
   frame.module = &code;
   size_t next = 0;

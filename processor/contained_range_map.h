@@ -15,9 +15,9 @@
 // Each range is a node with a map of the ranges directly inside it. Nodes come from an arena that
 // the map as a whole owns, so a range costs no allocation of its own, and destruction does not
 // recurse. Storing is logarithmic in the number of ranges at each level that is passed, and begins
-// at the range stored last, not at the outermost: ranges that arrive in the order of nesting cost
-// the same at any depth. Walks by hand should not recurse either: how deep ranges nest is up to the
-// input.
+// where the way to the range stored last parts from the way to the new one, not at the outermost:
+// ranges that arrive in the order of nesting cost the same at any depth. Walks by hand should not
+// recurse either: how deep ranges nest is up to the input.
 //
 // Not safe for concurrent changes; const operations are safe together when copying an EntryType is.
 
@@ -119,7 +119,8 @@ class ContainedRangeMap : public ContainedRange<AddressType, EntryType> {
  private:
   using Iterator = typename AddressToRangeMap::const_iterator;
 
-  // A step of the way down to the range stored last; a range knows its end only here.
+  // A step of the way down to the range stored last, or further down; a range knows its end only
+  // here.
   struct Step {
     Range* range;
     AddressType high;
@@ -151,6 +152,7 @@ class ContainedRangeMap : public ContainedRange<AddressType, EntryType> {
     std::vector<std::vector<Range>> blocks_;
   };
 
+  size_t GoDown(AddressType base, AddressType high);
   static std::unique_ptr<AddressToRangeMap> TakeOver(AddressToRangeMap& map, Iterator it,
                                                      AddressType high);
 
@@ -164,34 +166,51 @@ bool ContainedRangeMap<AddressType, EntryType>::StoreRange(const AddressType& ba
                                                            const EntryType& entry) {
   const AddressType high = base + size - 1;
   if (size == 0 || high < base) return false;
+  const size_t depth = GoDown(base, high);
+  if (depth > 0 && path_[depth - 1].Is(base, high)) return false;
 
-  while (!path_.empty() && !path_.back().Holds(base, high)) path_.pop_back();
-  if (!path_.empty() && path_.back().Is(base, high)) return false;
-  Range* around = path_.empty() ? this : path_.back().range;
-  Iterator at_base;
-  while (true) {
-    if (!around->map_) around->map_ = std::make_unique<AddressToRangeMap>();
-    at_base = around->map_->lower_bound(base);
-    // Inside this child? Its key is at or above `base`; it holds the range if also `high` fits.
-    if (at_base == around->map_->end() || at_base.key() < high || base < at_base.value()->base_) {
-      break;
-    }
-    if (at_base.value()->base_ == base && at_base.key() == high) return false;
-    around = at_base.value();
-    path_.push_back({around, at_base.key()});
-  }
-
+  Range* around = depth == 0 ? this : path_[depth - 1].range;
+  if (!around->map_) around->map_ = std::make_unique<AddressToRangeMap>();
   AddressToRangeMap& map = *around->map_;
+  const Iterator at_base = map.lower_bound(base);
   if (at_base != map.end() && base > at_base.value()->base_) return false;  // cuts its upper part
   const Iterator at_high = map.lower_bound(high);
   const bool reaches_child = at_high != map.end() && high >= at_high.value()->base_;
   if (reaches_child && high < at_high.key()) return false;  // cuts its lower part
+
   std::unique_ptr<AddressToRangeMap> inside;
   if (at_base != at_high || reaches_child) inside = TakeOver(map, at_base, high);
   Range* range = nodes_.create(base, entry, std::move(inside));
   map.insert(high, range);
-  path_.push_back({range, high});
+  // The way down goes through the new range; what lay on it below stays if it lies inside.
+  const bool inside_new =
+      depth < path_.size() && base <= path_[depth].range->Base() && path_[depth].high <= high;
+  if (!inside_new) path_.resize(depth);
+  path_.insert(path_.begin() + static_cast<ptrdiff_t>(depth), {range, high});
   return true;
+}
+
+// Makes the way down lead to the innermost range that holds [base, high], and returns how many
+// steps of it do. Steps behind these are part of the last way down, and are still right.
+template <typename AddressType, typename EntryType>
+size_t ContainedRangeMap<AddressType, EntryType>::GoDown(AddressType base, AddressType high) {
+  const auto holds = [&](const Step& step) { return step.Holds(base, high); };
+  auto depth =
+      static_cast<size_t>(std::partition_point(path_.begin(), path_.end(), holds) - path_.begin());
+  while (true) {
+    if (depth > 0 && path_[depth - 1].Is(base, high)) return depth;
+    const Range* around = depth == 0 ? this : path_[depth - 1].range;
+    if (!around->map_) return depth;
+    const Iterator child = around->map_->lower_bound(base);
+    // The child's end is at or above `base`; it holds the range if its end is also at or above
+    // `high`.
+    if (child == around->map_->end() || child.key() < high || base < child.value()->base_) {
+      return depth;
+    }
+    path_.resize(depth);
+    path_.push_back({child.value(), child.key()});
+    ++depth;
+  }
 }
 
 // Moves the ranges from `it` on that end at or below `high` into a map of their own.

@@ -19,6 +19,7 @@ namespace google_breakpad {
 struct FileFields {
   long index;
   std::string_view name;
+  bool operator==(const FileFields&) const = default;
 };
 struct FunctionFields {
   bool is_multiple;
@@ -27,18 +28,21 @@ struct FunctionFields {
   uint64_t size;
   long stack_param_size;
   std::string_view name;
+  bool operator==(const FunctionFields&) const = default;
 };
 struct LineFields {
   uint64_t address;
   uint64_t size;
   long line_number;
   long source_file;
+  bool operator==(const LineFields&) const = default;
 };
 struct PublicFields {
   bool is_multiple;
   uint64_t address;
   long stack_param_size;
   std::string_view name;
+  bool operator==(const PublicFields&) const = default;
 };
 struct InlineFields {
   uint64_t address;
@@ -47,6 +51,7 @@ struct InlineFields {
   long source_file;
   uint32_t caller;
   std::string_view name;
+  bool operator==(const InlineFields&) const = default;
 };
 // A STACK WIN line. A type of 5 or more is refused.
 struct StackWinFields {
@@ -61,6 +66,7 @@ struct StackWinFields {
   uint32_t max_stack_size;
   bool allocates_base_pointer;
   std::string_view program_string;
+  bool operator==(const StackWinFields&) const = default;
 };
 // A STACK CFI INIT line, or a STACK CFI line, which has no size.
 struct StackCFIFields {
@@ -68,6 +74,7 @@ struct StackCFIFields {
   uint64_t address;
   uint64_t size;
   std::string_view rules;
+  bool operator==(const StackCFIFields&) const = default;
 };
 
 bool QuickFile(const char* line, const char* end, FileFields* fields);

@@ -126,11 +126,13 @@ TEST(ContainedRangeMap, AgreesWithAFlatList) {
 
 // Neither time nor stack may follow the depth of nesting, whichever way it is built.
 TEST(ContainedRangeMap, NestsDeep) {
-  constexpr uint32_t kDepth = 200000;
-  for (const bool inwards : {true, false}) {
+  constexpr uint32_t kDepth = 20000;
+  for (const char* order : {"inwards", "outwards", "shuffled"}) {
     ContainedRangeMap<uint32_t, linked_ptr<int>> map;
     for (uint32_t i = 0; i < kDepth; ++i) {
-      const uint32_t level = inwards ? i : kDepth - 1 - i;
+      const uint32_t level = order[0] == 'i'   ? i
+                             : order[0] == 'o' ? kDepth - 1 - i
+                                               : i * 7919 % kDepth;
       ASSERT_TRUE(map.StoreRange(level, 2 * kDepth - 2 * level, linked_ptr<int>(new int(level))));
     }
     std::vector<linked_ptr<int>> stack;

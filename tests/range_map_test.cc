@@ -4,6 +4,7 @@
 
 #include <map>
 #include <random>
+#include <sstream>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -15,81 +16,61 @@ namespace google_breakpad {
 namespace {
 
 using Map = RangeMap<uint64_t, int>;
-using Row = std::tuple<uint64_t, uint64_t, uint64_t, int>;  // base, high, delta, entry
 constexpr uint64_t kTop = ~uint64_t{0};
+constexpr auto kExclusive = MergeRangeStrategy::kExclusiveRanges;
+constexpr auto kLower = MergeRangeStrategy::kTruncateLower;
+constexpr auto kUpper = MergeRangeStrategy::kTruncateUpper;
 
-std::vector<Row> rows(const Map& map) {
-  std::vector<Row> all;
+// "base-high:entry" of each range, with "+delta" where there is one, in hexadecimal.
+std::string picture(const Map& map) {
+  std::ostringstream out;
+  out << std::hex;
   for (const auto& [high, range] : map.GetMap()) {
-    all.emplace_back(range.base(), high, range.delta(), range.entry());
+    out << range.base() << "-" << high << ":" << range.entry();
+    if (range.delta() != 0) out << "+" << range.delta();
+    out << " ";
   }
-  return all;
+  return out.str();
 }
 
 TEST(RangeMap, OverlapsByStrategy) {
   const struct {
     MergeRangeStrategy strategy;
-    uint64_t base, high;
+    uint64_t base, high;  // stored as entry 2 over [0x10, 0x1f], which is entry 1
     bool stored;
-    std::vector<Row> rows;  // with [0x10, 0x1f] stored first as entry 1
+    const char* picture;
   } kCases[] = {
-      {MergeRangeStrategy::kExclusiveRanges, 0x00, 0x10, false, {{0x10, 0x1f, 0, 1}}},
-      {MergeRangeStrategy::kExclusiveRanges, 0x1f, 0x30, false, {{0x10, 0x1f, 0, 1}}},
-      {MergeRangeStrategy::kExclusiveRanges, 0x12, 0x14, false, {{0x10, 0x1f, 0, 1}}},
-      {MergeRangeStrategy::kExclusiveRanges, 0x00, 0x30, false, {{0x10, 0x1f, 0, 1}}},
-      {MergeRangeStrategy::kExclusiveRanges, 0x10, 0x1f, false, {{0x10, 0x1f, 0, 1}}},
-      {MergeRangeStrategy::kExclusiveRanges, 0, 0xf, true, {{0, 0xf, 0, 2}, {0x10, 0x1f, 0, 1}}},
-      {MergeRangeStrategy::kExclusiveRanges,
-       0x20,
-       0x2f,
-       true,
-       {{0x10, 0x1f, 0, 1}, {0x20, 0x2f, 0, 2}}},
-      {MergeRangeStrategy::kTruncateLower,
-       0x18,
-       0x27,
-       true,
-       {{0x10, 0x17, 0, 1}, {0x18, 0x27, 0, 2}}},
-      {MergeRangeStrategy::kTruncateLower,
-       0x08,
-       0x17,
-       true,
-       {{0x08, 0x0f, 0, 2}, {0x10, 0x1f, 0, 1}}},
-      {MergeRangeStrategy::kTruncateLower,
-       0x12,
-       0x14,
-       true,
-       {{0x10, 0x11, 0, 1}, {0x12, 0x14, 0, 2}}},
-      {MergeRangeStrategy::kTruncateLower, 0x10, 0x30, false, {{0x10, 0x1f, 0, 1}}},
-      {MergeRangeStrategy::kTruncateUpper,
-       0x18,
-       0x27,
-       true,
-       {{0x10, 0x1f, 0, 1}, {0x20, 0x27, 8, 2}}},
-      {MergeRangeStrategy::kTruncateUpper,
-       0x08,
-       0x17,
-       true,
-       {{0x08, 0x17, 0, 2}, {0x18, 0x1f, 8, 1}}},
-      {MergeRangeStrategy::kTruncateUpper, 0x12, 0x1f, false, {{0x10, 0x1f, 0, 1}}},
+      {kExclusive, 0x00, 0x10, false, "10-1f:1 "},
+      {kExclusive, 0x1f, 0x30, false, "10-1f:1 "},
+      {kExclusive, 0x12, 0x14, false, "10-1f:1 "},
+      {kExclusive, 0x00, 0x30, false, "10-1f:1 "},
+      {kExclusive, 0x10, 0x1f, false, "10-1f:1 "},
+      {kExclusive, 0x00, 0x0f, true, "0-f:2 10-1f:1 "},
+      {kExclusive, 0x20, 0x2f, true, "10-1f:1 20-2f:2 "},
+      {kLower, 0x18, 0x27, true, "10-17:1 18-27:2 "},
+      {kLower, 0x08, 0x17, true, "8-f:2 10-1f:1 "},
+      {kLower, 0x12, 0x14, true, "10-11:1 12-14:2 "},
+      {kLower, 0x10, 0x30, false, "10-1f:1 "},
+      {kUpper, 0x18, 0x27, true, "10-1f:1 20-27:2+8 "},
+      {kUpper, 0x08, 0x17, true, "8-17:2 18-1f:1+8 "},
+      {kUpper, 0x12, 0x1f, false, "10-1f:1 "},
   };
   for (const auto& c : kCases) {
-    SCOPED_TRACE(testing::Message() << static_cast<int>(c.strategy) << " " << std::hex << c.base);
     Map map;
     map.SetMergeStrategy(c.strategy);
     ASSERT_TRUE(map.StoreRange(0x10, 0x10, 1));
-    EXPECT_EQ(map.StoreRange(c.base, c.high - c.base + 1, 2), c.stored);
-    EXPECT_EQ(rows(map), c.rows);
+    EXPECT_EQ(map.StoreRange(c.base, c.high - c.base + 1, 2), c.stored) << c.picture;
+    EXPECT_EQ(picture(map), c.picture);
   }
 }
 
 TEST(RangeMap, TruncateUpperCrossesSeveralRanges) {
   Map map;
-  map.SetMergeStrategy(MergeRangeStrategy::kTruncateUpper);
+  map.SetMergeStrategy(kUpper);
   map.StoreRange(0x10, 0x10, 1);
   map.StoreRange(0x30, 0x10, 2);
   EXPECT_TRUE(map.StoreRange(0x18, 0x48, 3));
-  EXPECT_THAT(rows(map), testing::ElementsAre(Row{0x10, 0x1f, 0, 1}, Row{0x30, 0x3f, 0, 2},
-                                              Row{0x40, 0x5f, 0x28, 3}));
+  EXPECT_EQ(picture(map), "10-1f:1 30-3f:2 40-5f:3+28 ");
 }
 
 TEST(RangeMap, EdgesOfTheAddressSpace) {

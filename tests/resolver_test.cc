@@ -9,33 +9,17 @@
 #include "processor/logging.h"
 #include "processor/module_factory.h"
 #include "processor/pathname_stripper.h"
+#include "tests/support/code_module.h"
 #include "tests/support/process.h"
 
 namespace google_breakpad {
 namespace {
 
 using test_support::TemporaryDirectory;
+using test_support::TestModule;
 using testing::HasSubstr;
 
-class Code : public CodeModule {
- public:
-  explicit Code(std::string identifier) : identifier_(std::move(identifier)) {}
-  uint64_t base_address() const override { return 0x400000; }
-  uint64_t size() const override { return 0; }
-  std::string code_file() const override { return "a.exe"; }
-  std::string code_identifier() const override { return ""; }
-  std::string debug_file() const override { return ""; }
-  std::string debug_identifier() const override { return identifier_; }
-  std::string version() const override { return ""; }
-  CodeModule* Copy() const override { return new Code(identifier_); }
-  uint64_t shrink_down_delta() const override { return 0; }
-  void SetShrinkDownDelta(uint64_t) override {}
-  bool is_unloaded() const override { return false; }
-
- private:
-  std::string identifier_;
-};
-
+constexpr uint64_t kBase = 0x400000;
 constexpr char kText[] = "FUNC 1000 10 0 f\nSTACK CFI INIT 1000 10 .cfa: 1\n";
 
 std::string function_at(BasicSourceLineResolver& resolver, const CodeModule* code,
@@ -58,7 +42,8 @@ std::string log_of(Call call) {
 TEST(Resolver, KeepsModulesByDebugIdentifier) {
   const TemporaryDirectory directory;
   const std::string path = directory.file("a.sym", kText);
-  const Code first("1"), second("2"), same_as_c_string(std::string("1\0x", 3));
+  const TestModule first(kBase, "1"), second(kBase, "2"),
+      same_as_c_string(kBase, std::string("1\0x", 3));
   BasicSourceLineResolver resolver;
   EXPECT_EQ(log_of([&] { EXPECT_FALSE(resolver.LoadModule(nullptr, path)); }), "");
   EXPECT_FALSE(resolver.HasModule(nullptr));
@@ -94,7 +79,7 @@ TEST(Resolver, KeepsModulesByDebugIdentifier) {
 }
 
 TEST(Resolver, ACorruptModuleAnswersAsWell) {
-  const Code code("1");
+  const TestModule code(kBase, "1");
   BasicSourceLineResolver resolver;
   EXPECT_TRUE(resolver.LoadModuleUsingMapBuffer(&code, std::string(kText) + "bad\n"));
   EXPECT_TRUE(resolver.IsModuleCorrupt(&code));
@@ -170,7 +155,7 @@ class FailingFactory : public ModuleFactory {
 };
 
 TEST(Resolver, KeptBuffersAndFailedLoads) {
-  const Code code("1"), other("2");
+  const TestModule code(kBase, "1"), other(kBase, "2");
   KeepingResolver resolver(new FailingFactory(true));
   const std::string log =
       log_of([&] { EXPECT_TRUE(resolver.LoadModuleUsingMapBuffer(&code, "kept")); });
@@ -186,7 +171,7 @@ TEST(Resolver, KeptBuffersAndFailedLoads) {
 }
 
 TEST(ResolverDeathTest, AFailedLoadMustBeCorrupt) {
-  const Code code("1");
+  const TestModule code(kBase, "1");
   KeepingResolver resolver(new FailingFactory(false));
   EXPECT_DEATH(resolver.LoadModuleUsingMapBuffer(&code, ""), "IsCorrupt\\(\\)");
 }

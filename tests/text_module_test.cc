@@ -9,6 +9,7 @@
 
 #include "processor/basic_source_line_resolver_module.h"
 #include "processor/text_module_loader.h"
+#include "tests/support/code_module.h"
 
 namespace google_breakpad {
 namespace {
@@ -16,21 +17,6 @@ namespace {
 using Module = BasicSourceLineResolver::Module;
 using Readers = TextModuleLoader::Readers;
 using testing::HasSubstr;
-
-class Code : public CodeModule {
- public:
-  uint64_t base_address() const override { return 0x400000; }
-  uint64_t size() const override { return 0; }
-  std::string code_file() const override { return "a.exe"; }
-  std::string code_identifier() const override { return ""; }
-  std::string debug_file() const override { return ""; }
-  std::string debug_identifier() const override { return "ID"; }
-  std::string version() const override { return ""; }
-  CodeModule* Copy() const override { return new Code; }
-  uint64_t shrink_down_delta() const override { return 0; }
-  void SetShrinkDownDelta(uint64_t) override {}
-  bool is_unloaded() const override { return false; }
-};
 
 struct Loaded {
   std::unique_ptr<Module> module = std::make_unique<Module>("m");
@@ -375,7 +361,7 @@ class Lookups : public testing::Test {
     return text;
   }
 
-  const Code code_;
+  const test_support::TestModule code_{0x400000};
   const Loaded loaded_ = load(kText);
 };
 
