@@ -212,8 +212,8 @@ TEST(TypeNamesTest, WarnsOfAnUnknownPointerEachTime) {
 TEST(TypeNamesTest, BoundsNestingAndSize) {
   TypeStreamBuilder deep;
   uint32_t type = kInt;
-  for (int i = 0; i < 1000; ++i) type = deep.pointer(type);
-  EXPECT_EQ(Types(deep).text(type).size(), 3 + 1000 * 2);
+  for (int i = 0; i < 1000; ++i) type = deep.arguments({deep.pointer(type)});
+  EXPECT_EQ(Types(deep).text(type).size(), 3 + 1000 * 4);
 
   TypeStreamBuilder circle;
   circle.pointer(kFirst);

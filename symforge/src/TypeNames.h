@@ -35,7 +35,7 @@ class TypeNames {
   bool append(uint32_t type, std::string& output, uint32_t flags, bool info);
 
   // Far beyond what compilers write, and within the stack also where sanitizers widen every frame.
-  static constexpr uint32_t kMaxDepth = 1024;
+  static constexpr uint32_t kMaxDepth = 2048;
   static constexpr size_t kMaxText = size_t{1} << 26;        // bytes of one text
   static constexpr uint32_t kMaxVisits = uint32_t{1} << 22;  // types visited for one text
 
