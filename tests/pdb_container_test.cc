@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <csignal>
 #include <string>
 #include <vector>
 
@@ -120,7 +119,7 @@ TEST(PdbContainerDeathTest, DiesOfImpossibleDirectories) {
     put_u32(other, at, value);
     return other;
   };
-  EXPECT_EXIT(convertAlone(damaged(32, 0)), testing::KilledBySignal(SIGFPE), "");
+  EXPECT_DEATH(convertAlone(damaged(32, 0)), "");  // SIGFPE, which sanitizers take for themselves
   EXPECT_DEATH(convertAlone(damaged(44, 0)), "");
 }
 
