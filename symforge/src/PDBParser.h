@@ -13,10 +13,11 @@
 //
 // Addresses are RVAs (relative to the image base), 32 bits wide, and wrap; sizes are in bytes.
 //
-// The operations stand in one file a topic: root_stream.cc, dbi_stream.cc, section_map.cc,
-// type_lookups.cc, frame_data.cc (the container's streams); module_stream.cc, source_files.cc,
-// module_functions.cc, public_symbols.cc, line_records.cc, inline_sites.cc (the modules');
-// print_functions.cc, pe_image.cc, unwind_cfi.cc (what is printed, and the PE).
+// The operations stand in one file a topic: root_stream.cc, name_stream.cc, dbi_stream.cc,
+// section_map.cc, type_lookups.cc, frame_data.cc (the container's streams); module_stream.cc,
+// source_files.cc, module_functions.cc, public_symbols.cc, line_records.cc, param_sizes.cc (the
+// modules' and what is made of them); print_sections.cc, print_functions.cc, inline_sites.cc (what
+// is printed); pe_headers.cc, unwind_cfi.cc (the PE).
 
 #pragma once
 
@@ -27,8 +28,6 @@
 #include <span>
 #include <string>
 #include <string_view>
-#include <unordered_map>
-#include <utility>
 #include <vector>
 
 #include "common/text_buffer.h"
