@@ -3,9 +3,7 @@
 // symb_validate()'s task (common/symb.h).
 //
 // The searches visit the very records that their loops name, also in a table that is out of order:
-// what they answer there is part of what hosts see. While a record is on its way from memory, those
-// that the next steps may ask for are fetched as well; over a large table a search costs a third of
-// the time so.
+// what they answer there is part of what hosts see. Only what is fetched ahead is free.
 //
 // Addresses: functions, lines, initial rules and the fallback of the frame info search compare the
 // low 32 bits of the address, everything else the whole 64-bit address.
@@ -31,33 +29,56 @@ uint64_t relative_address(const StackFrame& frame) {
   return frame.instruction - frame.module->base_address();
 }
 
-// Fetches the records that a search over [lo, hi) asks for after the next one.
+// Fetches, all at once, the records that a search over [lo, hi) visits on its way to `guess`. Has
+// to be inlined: g++ takes a function that only prefetches for one without effect and drops the
+// call.
 template <size_t kStride>
-void prefetch_next(const char* table, uint64_t lo, uint64_t mid, uint64_t hi) {
-  constexpr uint64_t kWorthwhile = 512 / kStride;  // below this, what is needed is near
-  if (hi - lo < kWorthwhile) return;
-  __builtin_prefetch(table + (lo + mid) / 2 * kStride);
-  __builtin_prefetch(table + (mid + 1 + hi) / 2 * kStride);
+[[gnu::always_inline]] inline void prefetch_path(const char* table, uint64_t lo, uint64_t hi,
+                                                 uint64_t guess) {
+  __builtin_prefetch(table + (guess + 1) * kStride - 1);  // the visits fetch the record's beginning
+  while (lo < hi) {
+    const uint64_t mid = (lo + hi) / 2;
+    __builtin_prefetch(table + mid * kStride);
+    if (guess == mid) return;
+    const bool below = guess < mid;  // no branch: it could not be predicted
+    hi = below ? mid : hi;
+    lo = below ? lo : mid + 1;
+  }
 }
 
 // The record whose range, a 32-bit first address at `kStart` and the size behind it, holds
 // `address`; null if the search ends without one.
+//
+// The first visits to a large table find their records in the cache, since every search makes them;
+// each of the later ones would wait for memory. So once these begin, the answer's place is guessed
+// from the addresses around it, and what lies on the way there is fetched together. A wrong guess
+// costs little and changes nothing.
 template <size_t kStride, size_t kStart>
 const char* find_range(const char* table, uint64_t count, uint32_t address) {
+  constexpr uint64_t kFarPart = 4096;
+  bool guess = count > kFarPart;
+  uint32_t start_below = 0;
+  uint32_t start_above = UINT32_MAX;
   uint64_t lo = 0;
   uint64_t hi = count;
   while (lo < hi) {
+    if (guess && hi - lo <= kFarPart) {
+      guess = false;
+      const uint64_t span = uint64_t{start_above} - start_below + 1;
+      prefetch_path<kStride>(table, lo, hi, lo + (hi - lo) * (address - start_below) / span);
+    }
     const uint64_t mid = (lo + hi) / 2;
-    prefetch_next<kStride>(table, lo, mid, hi);
     const char* record = table + mid * kStride;
     const auto start = symb_load<uint32_t>(record + kStart);
     const auto size = symb_load<uint32_t>(record + kStart + sizeof(uint32_t));
     if (address < start) {
       hi = mid;
+      start_above = start;
     } else if (address < start + size) {
       return record;
     } else {
       lo = mid + 1;
+      start_below = start;
     }
   }
   return nullptr;
@@ -125,25 +146,32 @@ const char* SymbNestedWFIFind(const char* base, uint64_t address, const char* ne
 // The tables of a block, found anew for each lookup: the block is all there is.
 class Tables {
  public:
-  explicit Tables(const char* base) : base_(base), header_(symb_load<symb_header_v1>(base)) {}
+  explicit Tables(const char* base) : base_(base) {}
 
-  const symb_header_v1& header() const { return header_; }
-  uint32_t version() const { return header_.md.version; }
-  bool has_functions() const { return header_.function_count != 0 && header_.functions != 0; }
+  // A field of the header, given by its place.
+  template <typename T = uint64_t>
+  T header(size_t field) const {
+    return symb_load<T>(base_ + field);
+  }
+  uint32_t version() const { return header<uint32_t>(offsetof(symb_header_metadata, version)); }
   const char* at(uint64_t reference) const { return base_ + reference; }
+
+  uint64_t function_count() const { return header(offsetof(symb_header_v1, function_count)); }
+  const char* functions() const { return at(header(offsetof(symb_header_v1, functions))); }
+  bool has_functions() const { return function_count() != 0 && functions() != base_; }
 
   // `kStride` is the size of a function record, or what the search takes it to be.
   template <size_t kStride>
   const char* function(uint64_t address) const {
-    return find_range<kStride, offsetof(symb_func, address)>(
-        at(header_.functions), header_.function_count, static_cast<uint32_t>(address));
+    return find_range<kStride, offsetof(symb_func, address)>(functions(), function_count(),
+                                                             static_cast<uint32_t>(address));
   }
 
   // Null if no file has that number.
   const char* file_name(int32_t source_file_id) const {
-    const char* table = at(header_.files);
+    const char* table = at(header(offsetof(symb_header_v1, files)));
     uint64_t lo = 0;
-    uint64_t hi = header_.file_count;
+    uint64_t hi = header(offsetof(symb_header_v1, file_count));
     while (lo < hi) {
       const uint64_t mid = (lo + hi) / 2;
       const auto file = symb_load<symb_file>(table + mid * sizeof(symb_file));
@@ -158,12 +186,11 @@ class Tables {
   }
 
   void set_function(const symb_func& function, StackFrame* frame) const {
-    __builtin_prefetch(at(function.name));
     frame->function_base = function.address + frame->module->base_address();
     frame->function_name = at(function.name);
   }
   void set_line(const symb_func& function, uint64_t address, StackFrame* frame) const;
-  void append_inlines(const symb_func_inline& function, uint64_t address, StackFrame* frame) const;
+  void append_inlines(const char* sites, uint32_t count, uint64_t address, StackFrame* frame) const;
   void set_public(uint64_t address, uint64_t nearest_function, StackFrame* frame) const;
   uint64_t nearest_function_inline(uint64_t address) const;
   const char* frame_info_root(uint64_t type) const;
@@ -172,7 +199,6 @@ class Tables {
   void append_inline(const symb_inline& site, StackFrame* frame) const;
 
   const char* base_;
-  symb_header_v1 header_;
 };
 
 void Tables::set_line(const symb_func& function, uint64_t address, StackFrame* frame) const {
@@ -224,18 +250,18 @@ bool inline_stack_in_order(const char* sites, uint32_t count, uint64_t address,
   return true;
 }
 
-void Tables::append_inlines(const symb_func_inline& function, uint64_t address,
+void Tables::append_inlines(const char* sites, uint32_t count, uint64_t address,
                             StackFrame* frame) const {
-  const char* sites = at(function.inlines);
   char memory[64 * sizeof(const char*)];
   std::pmr::monotonic_buffer_resource resource(memory, sizeof(memory));
   std::pmr::vector<const char*> stack(&resource);
   stack.reserve(16);
-  if (!inline_stack_in_order(sites, function.inline_count, address, stack)) {
-    const auto by_tree = inline_stack_by_tree(sites, function.inline_count, address);
+  if (!inline_stack_in_order(sites, count, address, stack)) {
+    const auto by_tree = inline_stack_by_tree(sites, count, address);
     stack.assign(by_tree.begin(), by_tree.end());
   }
   frame->inlines.reserve(frame->inlines.size() + stack.size());
+  for (const char* site : stack) __builtin_prefetch(at(symb_load<symb_inline>(site).name));
   for (auto site = stack.rbegin(); site != stack.rend(); ++site) {
     append_inline(symb_load<symb_inline>(*site), frame);
   }
@@ -244,9 +270,9 @@ void Tables::append_inlines(const symb_func_inline& function, uint64_t address,
 // The start of the last function that begins at or below `address`; 0 for none.
 uint64_t Tables::nearest_function_inline(uint64_t address) const {
   constexpr size_t kRecord = sizeof(symb_func_inline);
-  const char* table = at(header_.functions);
+  const char* table = functions();
   const uint64_t position = position_behind<kRecord, offsetof(symb_func_inline, address)>(
-      table, header_.function_count, address);
+      table, function_count(), address);
   if (position == 0) return 0;
   return symb_load<symb_func_inline>(table + (position - 1) * kRecord).address;
 }
@@ -254,10 +280,11 @@ uint64_t Tables::nearest_function_inline(uint64_t address) const {
 // A public symbol stands for what lies behind it, up to the next function: one whose range has
 // ended hides the publics at and below its start.
 void Tables::set_public(uint64_t address, uint64_t nearest_function, StackFrame* frame) const {
-  if (header_.public_function_count == 0) return;
-  const char* table = at(header_.public_functions);
-  const uint64_t position = position_behind<sizeof(symb_public), offsetof(symb_public, address)>(
-      table, header_.public_function_count, address);
+  const uint64_t count = header(offsetof(symb_header_v1, public_function_count));
+  if (count == 0) return;
+  const char* table = at(header(offsetof(symb_header_v1, public_functions)));
+  const uint64_t position =
+      position_behind<sizeof(symb_public), offsetof(symb_public, address)>(table, count, address);
   if (position == 0) return;
   const auto symbol = symb_load<symb_public>(table + (position - 1) * sizeof(symb_public));
   if (nearest_function != 0 && symbol.address <= nearest_function) return;
@@ -267,8 +294,10 @@ void Tables::set_public(uint64_t address, uint64_t nearest_function, StackFrame*
 
 // Null if the block has no root for that type.
 const char* Tables::frame_info_root(uint64_t type) const {
-  if (header_.windows_frame_info == 0 || header_.windows_frame_info_count <= type) return nullptr;
-  return at(header_.windows_frame_info) + type * sizeof(symb_nested_window_frame_info);
+  const uint64_t roots = header(offsetof(symb_header_v1, windows_frame_info));
+  const uint64_t count = header(offsetof(symb_header_v1, windows_frame_info_count));
+  if (roots == 0 || count <= type) return nullptr;
+  return at(roots) + type * sizeof(symb_nested_window_frame_info);
 }
 
 std::unique_ptr<WindowsFrameInfo> frame_info_of(const Tables& tables, const char* record) {
@@ -326,12 +355,16 @@ void BasicSourceLineResolver::Module::LookupAddressBInline(StackFrame* frame) co
     return;
   }
   const auto function = symb_load<symb_func>(record);
+  const auto inline_count = symb_load<uint32_t>(record + offsetof(symb_func_inline, inline_count));
+  const auto inlines = symb_load<uint64_t>(record + offsetof(symb_func_inline, inlines));
+  // What comes next lies in three places far from each other.
+  __builtin_prefetch(tables.at(function.name));
   __builtin_prefetch(tables.at(function.lines));
+  if (inline_count != 0) __builtin_prefetch(tables.at(inlines));
   tables.set_function(function, frame);
   if (function.line_count == 0) return;  // such a function has no inline frames either
   tables.set_line(function, address, frame);
-  const auto with_inlines = symb_load<symb_func_inline>(record);
-  if (with_inlines.inline_count != 0) tables.append_inlines(with_inlines, address, frame);
+  if (inline_count != 0) tables.append_inlines(tables.at(inlines), inline_count, address, frame);
 }
 
 WindowsFrameInfo* BasicSourceLineResolver::Module::FindWindowsFrameInfoB(
@@ -361,10 +394,10 @@ WindowsFrameInfo* BasicSourceLineResolver::Module::FindWindowsFrameInfoB(
 CFIFrameInfo* BasicSourceLineResolver::Module::FindCFIFrameInfoB(const StackFrame* frame) const {
   if (!symb_loaded_) return nullptr;
   const Tables tables(symb_base_);
-  const symb_header_v1& header = tables.header();
   const uint64_t address = relative_address(*frame);
   const char* found = find_range<sizeof(symb_cfi_rule), offsetof(symb_cfi_rule, base)>(
-      tables.at(header.cfi_initial_rules), header.cfi_initial_rule_count,
+      tables.at(tables.header(offsetof(symb_header_v1, cfi_initial_rules))),
+      tables.header(offsetof(symb_header_v1, cfi_initial_rule_count)),
       static_cast<uint32_t>(address));
   if (found == nullptr) return nullptr;
   const auto initial = symb_load<symb_cfi_rule>(found);
@@ -372,10 +405,11 @@ CFIFrameInfo* BasicSourceLineResolver::Module::FindCFIFrameInfoB(const StackFram
   if (!ParseCFIRuleSet(tables.at(initial.rule), info.get())) return nullptr;
 
   constexpr size_t kRecord = sizeof(symb_cfi_delta_rule);
-  const char* deltas = tables.at(header.cfi_delta_rules);
+  const char* deltas = tables.at(tables.header(offsetof(symb_header_v1, cfi_delta_rules)));
+  const uint64_t delta_count = tables.header(offsetof(symb_header_v1, cfi_delta_rule_count));
   uint64_t i = position_at_or_above<kRecord, offsetof(symb_cfi_delta_rule, address)>(
-      deltas, header.cfi_delta_rule_count, initial.base);
-  for (; i < header.cfi_delta_rule_count; ++i) {
+      deltas, delta_count, initial.base);
+  for (; i < delta_count; ++i) {
     const auto delta = symb_load<symb_cfi_delta_rule>(deltas + i * kRecord);
     if (delta.address > address) break;
     ParseCFIRuleSet(tables.at(delta.rule), info.get());  // a bad rule cancels none before it
