@@ -95,11 +95,14 @@ bool SourceLineResolverBase::MayLoad(const CodeModule* module) const {
   return false;
 }
 
-// Loads from a buffer made by array new, and keeps or deletes it.
+// Loads from a buffer made by array new, and keeps or deletes it. SYMB symbols lie in the buffer,
+// so with them it is kept whatever the resolver says about text: lookups must not read freed
+// memory.
 bool SourceLineResolverBase::LoadOwnedBuffer(const CodeModule* module, char* buffer, size_t size) {
   std::unique_ptr<char[]> owned(buffer);
+  const bool is_symb = strncmp(buffer, "SYMB", 4) == 0;
   const bool loaded = LoadModuleUsingMemoryBuffer(module, buffer, size);
-  if (loaded && !ShouldDeleteMemoryBufferAfterLoadModule()) {
+  if (loaded && (is_symb || !ShouldDeleteMemoryBufferAfterLoadModule())) {
     memory_buffers_->emplace(module->debug_identifier(), owned.release());
   }
   return loaded;
@@ -153,7 +156,6 @@ void SourceLineResolverBase::UnloadModule(const CodeModule* module) {
     corrupt_modules_->erase(identifier);
     modules_->erase(loaded);
   }
-  if (ShouldDeleteMemoryBufferAfterLoadModule()) return;
   const auto buffer = memory_buffers_->find(identifier);
   if (buffer != memory_buffers_->end()) {
     delete[] buffer->second;

@@ -16,7 +16,10 @@ bool is_line_break(char c) { return c == '\n' || c == '\r'; }
 
 template <size_t kSize>
 bool has_prefix(const char* line, const char (&prefix)[kSize]) {
-  return strncmp(line, prefix, kSize - 1) == 0;
+  for (size_t i = 0; i + 1 < kSize; ++i) {
+    if (line[i] != prefix[i]) return false;
+  }
+  return true;
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 
+#include "common/symb.h"
 #include "google_breakpad/processor/basic_source_line_resolver.h"
 #include "processor/logging.h"
 #include "processor/module_factory.h"
@@ -86,6 +87,21 @@ TEST(Resolver, ACorruptModuleAnswersAsWell) {
   EXPECT_EQ(function_at(resolver, &code, 0x40100f), "f");
   resolver.UnloadModule(&code);
   EXPECT_FALSE(resolver.IsModuleCorrupt(&code));
+}
+
+// SYMB symbols lie in the buffer that they were loaded from.
+TEST(Resolver, TheBufferOfSymbDataIsKept) {
+  const TestModule code(kBase, "1");
+  char* image = nullptr;
+  size_t size = 0;
+  ASSERT_TRUE(
+      symb_write("MODULE windows x86 1 a.pdb\nFUNC 1000 10 0 f\n1000 10 1 1\n", &image, &size));
+  BasicSourceLineResolver resolver;
+  EXPECT_TRUE(resolver.LoadModuleUsingMapBuffer(&code, std::string(image, size)));
+  delete[] image;
+  EXPECT_EQ(function_at(resolver, &code, 0x40100f), "f");
+  resolver.UnloadModule(&code);
+  EXPECT_EQ(function_at(resolver, &code, 0x40100f), "");
 }
 
 TEST(Resolver, ReadSymbolFile) {

@@ -1,13 +1,10 @@
 // BasicSourceLineResolver: the resolver that a host makes.
 //
-// It loads Breakpad text symbol files and SYMB data. SYMB data is used in place, so it has to be
-// loaded by LoadModuleUsingMemoryBuffer from a block that outlives its symbols: LoadModule and
-// LoadModuleUsingMapBuffer release their buffer after the load. A host that wants SYMB files
-// through LoadModule derives a class that keeps the buffers:
-//
-//   class Resolver : public google_breakpad::BasicSourceLineResolver {
-//     bool ShouldDeleteMemoryBufferAfterLoadModule() override { return false; }
-//   };
+// It loads Breakpad text symbol files and SYMB data. Text is copied into the module's containers
+// and its buffer released. SYMB data is used in place: LoadModule and LoadModuleUsingMapBuffer keep
+// their buffer until the module is unloaded; with LoadModuleUsingMemoryBuffer the block is the
+// host's, may be a read-only mapping, and has to outlive the symbols. SYMB data is not checked by a
+// load: symb_validate() of common/symb.h does that for files from strangers.
 
 #pragma once
 

@@ -38,7 +38,7 @@ class SourceLineResolverBase : public SourceLineResolverInterface {
   bool LoadModuleUsingMapBuffer(const CodeModule* module, const std::string& map_buffer) override;
   bool LoadModuleUsingMemoryBuffer(const CodeModule* module, char* memory_buffer,
                                    size_t memory_buffer_size) override;
-  // True: the buffers of LoadModule and LoadModuleUsingMapBuffer are released after the load.
+  // True: the text buffers of LoadModule and LoadModuleUsingMapBuffer are released after the load.
   bool ShouldDeleteMemoryBufferAfterLoadModule() override;
   void UnloadModule(const CodeModule* module) override;
   bool HasModule(const CodeModule* module) override;
@@ -70,7 +70,7 @@ class SourceLineResolverBase : public SourceLineResolverInterface {
   // All three are keyed by the debug identifier of the code module.
   ModuleMap* modules_;
   ModuleSet* corrupt_modules_;
-  MemoryMap* memory_buffers_;  // arrays that SYMB modules still refer to
+  MemoryMap* memory_buffers_;  // arrays that modules still refer to
   ModuleFactory* module_factory_;
 };
 

@@ -47,8 +47,8 @@ class SourceLineResolverInterface {
   virtual bool LoadModuleUsingMemoryBuffer(const CodeModule* module, char* memory_buffer,
                                            size_t memory_buffer_size) = 0;
 
-  // Whether LoadModule and LoadModuleUsingMapBuffer release their buffer when the load is over. A
-  // resolver that is to load SYMB data through these has to answer false.
+  // Whether LoadModule and LoadModuleUsingMapBuffer release their buffer when the load is over,
+  // rather than when the module is unloaded. The buffer of SYMB data is always kept until then.
   virtual bool ShouldDeleteMemoryBufferAfterLoadModule() = 0;
 
   // Releases the symbols of `module`, if there are any.
