@@ -14,9 +14,7 @@ import sys
 from inline_lines import inline_lines
 from llvm_dumps import (PDBUTIL, Types, name_of, read_blocks, read_files, read_inlinees,
                         read_publics, read_sections, read_symbols, records, run)
-from unwind_rules import READOBJ, read_rules
-
-OBJDUMP = "llvm-objdump-19"
+from unwind_rules import OBJDUMP, READOBJ, read_rules
 
 
 class Report:
@@ -345,7 +343,7 @@ def compare_unwind(report, text, image):
         if key in rules:
             report.compare("unwind rules", rule, rules[key], f"{address:x}")
         elif key in starts:
-            report.because("unwind rules", "address and size alone: llvm-readobj fails before it")
+            report.because("unwind rules", "address and size alone: chained, and llvm-readobj fails before it")
         else:
             report.differs("unwind rules", f"only ours: {address:x}")
 

@@ -5,6 +5,7 @@ import re
 from llvm_dumps import run
 
 READOBJ = "llvm-readobj-19"
+OBJDUMP = "llvm-objdump-19"
 
 SCRATCH = {"RAX", "RCX", "RDX", "R8", "R9", "R10", "R11"}
 
@@ -82,7 +83,8 @@ def read_rules(image, base):
         end = int(re.search(r"EndAddress:.*\(0x([0-9A-F]+)\)", part)[1], 16) - base
         entries[(begin, end)] = info = Info(part)
         infos[info.address] = info
-    rules = {key: rule_of(info, infos) for key, info in entries.items()}
+    rules = read_unchained_rules(image)
+    rules.update((key, rule_of(info, infos)) for key, info in entries.items())
     return {key: rule for key, rule in rules.items() if rule is not None}
 
 
@@ -97,3 +99,34 @@ def rule_of(top, infos):
         if info.chained not in infos:
             return None
         info = infos[info.chained]
+
+
+SLOTS = {"UOP_SaveNonVol": 2, "UOP_SaveNonVolBig": 3, "UOP_SaveXMM128": 2, "UOP_SaveXMM128Big": 3}
+
+
+def read_unchained_rules(image):
+    """The same from llvm-objdump, which reads every entry but shows no chains: None for those."""
+    rules = {}
+    for part in run(OBJDUMP, "--unwind-info", image).split("Function Table:")[1:]:
+        def field(label):
+            found = re.search(label + r": (\S+)", part)
+            return found and int(found[1], 0)
+        codes = re.findall(r"0x[0-9a-f]+: (UOP_\w+) ?(\S*) ?(?:\[(\w+)\])?", part)
+        slots = sum(SLOTS.get(code[0], 1) for code in codes if code[0] != "UOP_AllocLarge")
+        frame = Frame()
+        for operation, operand, offset in codes:
+            if operation == "UOP_PushNonVol":
+                frame.push(operand)
+            elif operation.startswith("UOP_SaveNonVol"):
+                frame.save(operand, int(offset, 0))
+            elif operation == "UOP_AllocLarge":
+                # Of the two forms the one with two slots gives its size in units of 8 bytes.
+                frame.stack += int(operand) * (8 if field("Number of Codes") - slots == 2 else 1)
+            elif operation == "UOP_AllocSmall":
+                frame.stack += int(operand)
+            elif operation == "UOP_SetFPReg":
+                frame.frame_at = frame.stack
+        rule = frame.rule("Frame register" in part, field("Frame offset") or 0)
+        key = (field("Start Address"), field("End Address"))
+        rules[key] = None if "ChainInfo" in part else rule
+    return rules
