@@ -2,9 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 #include <random>
 #include <string>
+#include <tuple>
+#include <unordered_map>
 #include <vector>
 
 #include "tests/pdb_text.h"
@@ -198,30 +201,61 @@ TEST(FoldingTest, KeepsOneRecordAnAddress) {
   }
 }
 
+// A record with nothing but its keys, and its origin: what the list's operations must agree with
+// when they are done the plain way.
+struct Plain {
+  uint32_t segment, offset, type, origin;
+  bool operator<(const Plain& o) const {
+    return std::tie(segment, offset, type) < std::tie(o.segment, o.offset, o.type);
+  }
+};
+
+void expectOrder(const google_breakpad::Functions& list, std::vector<Plain> plain) {
+  std::sort(plain.begin(), plain.end());
+  ASSERT_EQ(list.size(), plain.size());
+  for (size_t i = 0; i < plain.size(); ++i)
+    ASSERT_EQ(list[i].fileIndex, plain[i].origin) << i << " of " << plain.size();
+}
+
 // Sorting keys and moving the records once must leave equal records where sorting them would.
 TEST(FunctionListTest, SortsLikeAPlainSortOfTheRecords) {
-  struct Plain {
-    uint32_t segment, offset, type, id;
-    bool operator<(const Plain& o) const {
-      return std::tie(segment, offset, type) < std::tie(o.segment, o.offset, o.type);
-    }
-  };
   std::mt19937 random(4);
-  for (const size_t size : {0, 1, 2, 15, 17, 100, 5000}) {
+  for (const uint32_t size : {0, 1, 2, 15, 17, 100, 5000}) {
     google_breakpad::Functions list(size);
-    std::vector<Plain> plain(size);
+    std::vector<Plain> plain;
     for (uint32_t i = 0; i < size; ++i) {
-      plain[i] = {static_cast<uint32_t>(random() % 3), static_cast<uint32_t>(random() % 40),
-                  static_cast<uint32_t>(random() % 2), i};
-      list[i].segment = plain[i].segment;
-      list[i].offset = plain[i].offset;
-      list[i].typeIndex = plain[i].type;
-      list[i].length = i;
+      google_breakpad::FunctionRecord& f = list[i];
+      f.segment = static_cast<uint32_t>(random() % 3);
+      f.offset = static_cast<uint32_t>(random() % 40);
+      f.typeIndex = static_cast<uint32_t>(random() % 2);
+      f.fileIndex = i;
+      plain.push_back({f.segment, f.offset, f.typeIndex, i});
     }
     google_breakpad::sortFunctions(list);
-    std::sort(plain.begin(), plain.end());
-    for (size_t i = 0; i < size; ++i) ASSERT_EQ(list[i].length, plain[i].id) << size << " " << i;
+    expectOrder(list, plain);
   }
+}
+
+// Where a function without a section stands at a public one's offset, the order of a hash table
+// decides which comes first.
+TEST(FunctionListTest, MergesInTheOrderOfAHashTable) {
+  constexpr uint32_t kSize = 600;
+  std::mt19937 random(5);
+  google_breakpad::Functions list(kSize);
+  google_breakpad::Globals globals;
+  std::unordered_map<uint32_t, uint32_t> table;
+  std::vector<Plain> plain;
+  for (uint32_t i = 0; i < kSize; ++i) {
+    list[i].offset = i / 2;
+    list[i].fileIndex = 1;
+    plain.push_back({0, i / 2, 0, 1});
+    const auto offset = static_cast<uint32_t>(random() % kSize);
+    globals.insert({{}, offset, 0, false, false});
+    table.emplace(offset, i);
+  }
+  for (const auto& entry : table) plain.push_back({0, entry.first, 0, 0});
+  google_breakpad::mergeGlobals(list, globals);
+  expectOrder(list, plain);
 }
 
 TEST(LineRecordsTest, GivesABlockToTheFunctionAtOrBehindItsStart) {

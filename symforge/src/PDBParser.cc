@@ -70,7 +70,7 @@ void PDBParser::printHeader(const DBIHeader* header, TextBuffer& out) {
     line.str(m_debug_id).chr(' ').str(name).chr('\n');
   }
   if (!m_foundPE) return;
-  // Upper case, the time stamp padded with blanks: symbol servers look for this very text.
+  // In upper case, and a short time stamp is padded with blanks, not with zeros.
   char identity[32];
   const int length = std::snprintf(identity, sizeof(identity), "%8X%X", m_PETimeStamp, m_PESize);
   const std::string_view name = lastComponent(m_code_file);

@@ -18,10 +18,10 @@ bool parameterBytes(const char* name, uint32_t& bytes) {
   const long number = std::strtol(at + 1, &end, 10);
   if (*end != '\0') return false;
   constexpr long kInRegisters = 8;
-  const bool stdcall = name[0] == '_';
-  bytes = static_cast<uint32_t>(stdcall                 ? number
-                                : number > kInRegisters ? number - kInRegisters
-                                                        : 0);
+  if (name[0] == '_')
+    bytes = static_cast<uint32_t>(number);
+  else
+    bytes = number > kInRegisters ? static_cast<uint32_t>(number - kInRegisters) : 0;
   return true;
 }
 
