@@ -75,6 +75,25 @@ class TextBuffer {
   size_t capacity_ = 0;
 };
 
+// Writes a number in lower-case hexadecimal without padding and returns the end of it. Eight bytes
+// are written whatever the number; those behind the end are zeros, to be written over.
+//
+// All digits are made at once: the nibbles are spread over the bytes of a word, each in a byte's
+// low half, and those above 9 moved on to the letters. Addresses are half of what a symbol file is
+// made of; this takes a third of the time of std::to_chars.
+inline char* put_hex(char* at, uint32_t number) {
+  uint64_t word = number;
+  word = (word | word << 16) & 0x0000FFFF0000FFFF;
+  word = (word | word << 8) & 0x00FF00FF00FF00FF;
+  word = (word | word << 4) & 0x0F0F0F0F0F0F0F0F;
+  const uint64_t letters = (word + 0x0606060606060606) >> 4 & 0x0101010101010101;
+  word = __builtin_bswap64(word + 0x3030303030303030 + letters * ('a' - '0' - 10));
+  const unsigned digits = (35 - static_cast<unsigned>(__builtin_clz(number | 1))) / 4;
+  word >>= 64 - 8 * digits;
+  std::memcpy(at, &word, sizeof(word));
+  return at + digits;
+}
+
 // Writes one line, or one short record, into a TextBuffer. `room` is an upper bound of the bytes
 // that will be written: a number takes at most 20, so callers count 20 a number and the length of
 // each text. The bound is asserted when the writer is destroyed, so a wrong bound shows in the
@@ -101,11 +120,7 @@ class LineWriter {
   // Lower-case hexadecimal without prefix or padding.
   LineWriter& hex(uint64_t number) {
     if (number > UINT32_MAX || end_ - at_ < 8) return number_in_base(number, 16);
-    const uint32_t low = static_cast<uint32_t>(number);
-    const unsigned digits = (35 - static_cast<unsigned>(__builtin_clz(low | 1))) / 4;
-    const uint64_t text = hex_digits(low) >> (64 - 8 * digits);
-    std::memcpy(at_, &text, sizeof(text));  // zeros behind the digits, to be written over
-    at_ += digits;
+    at_ = put_hex(at_, static_cast<uint32_t>(number));
     return *this;
   }
   LineWriter& dec(uint64_t number) {
@@ -115,19 +130,6 @@ class LineWriter {
   LineWriter& dec_signed(int64_t number) { return number_in_base(number, 10); }
 
  private:
-  // The eight digits of a number, all at once: its nibbles are spread over the bytes of a word,
-  // each in a byte's low half, and those above 9 moved on to the letters. The first digit is the
-  // word's first byte. Addresses are half of what a symbol file is made of; this takes a third of
-  // the time of std::to_chars.
-  static uint64_t hex_digits(uint32_t number) {
-    uint64_t word = number;
-    word = (word | word << 16) & 0x0000FFFF0000FFFF;
-    word = (word | word << 8) & 0x00FF00FF00FF00FF;
-    word = (word | word << 4) & 0x0F0F0F0F0F0F0F0F;
-    const uint64_t letters = (word + 0x0606060606060606) >> 4 & 0x0101010101010101;
-    return __builtin_bswap64(word + 0x3030303030303030 + letters * ('a' - '0' - 10));
-  }
-
   template <typename Number>
   LineWriter& number_in_base(Number number, int base) {
     const std::to_chars_result result = std::to_chars(at_, end_, number, base);

@@ -15,8 +15,10 @@ namespace {
 
 // Four numbers of eight digits and what stands around them.
 constexpr size_t kRecordRoom = 64;
-// "address size line file\n" with numbers of 8, 8, 8 and 10 digits.
-constexpr size_t kLineRoom = 38;
+// " file\n", which ends every line of a block, with some room for copying all of it at once.
+constexpr size_t kEndingRoom = 16;
+// "address size line file\n" with numbers of 8, 8 and 8 digits and such an end.
+constexpr size_t kLineRoom = 8 + 1 + 8 + 1 + 8 + kEndingRoom;
 constexpr uint32_t kLineNumberMask = 0x00FFFFFF;
 
 void eraseFromTheEnd(std::string& text, std::string_view part) {
@@ -78,20 +80,27 @@ void PDBParser::printLines(const FunctionRecord& func, TextBuffer& out) const {
   const uint32_t start = base + func.pre_omap_offset - adjust;
   const bool mapped = func.segment != 0 && !omap_from.empty();
 
-  // What ends every line: " file\n".
-  char file[16] = {' '};
-  char* fileEnd = std::to_chars(file + 1, std::end(file), func.fileIndex).ptr;
-  *fileEnd++ = '\n';
-  const std::string_view ending(file, static_cast<size_t>(fileEnd - file));
+  char ending[kEndingRoom] = {' '};
+  char* const endingEnd = std::to_chars(ending + 1, std::end(ending), func.fileIndex).ptr;
+  *endingEnd = '\n';
+  const ptrdiff_t endingSize = endingEnd + 1 - ending;
 
-  LineWriter writer(out, kLineRoom * count);
+  // Most of a symbol file is written by this loop, so it keeps its place in a register.
+  char* const begin = out.prepare(kLineRoom * count);
+  char* at = begin;
   for (uint32_t i = 0; i < count; ++i) {
     const uint32_t offset = lines[i].offset;
     const uint32_t next = i + 1 == count ? end : uint32_t{lines[i + 1].offset};
     const uint32_t rva = start + offset;
-    writer.hex(mapped ? throughOmap(rva) : rva).chr(' ').hex(next - offset).chr(' ');
-    writer.dec(lines[i].flags & kLineNumberMask).str(ending);
+    at = put_hex(at, mapped ? throughOmap(rva) : rva);
+    *at++ = ' ';
+    at = put_hex(at, next - offset);
+    *at++ = ' ';
+    at = std::to_chars(at, at + 8, lines[i].flags & kLineNumberMask).ptr;
+    std::memcpy(at, ending, sizeof(ending));
+    at += endingSize;
   }
+  out.commit(static_cast<size_t>(at - begin));
 }
 
 void PDBParser::printTypedFunction(const FunctionRecord& func, std::string& name,
@@ -111,6 +120,7 @@ void PDBParser::printFunctions(const Functions& funcs, TextBuffer& out) {
   for (size_t i = 0; i < funcs.size(); ++i) {
     if (i + kAhead < funcs.size()) {
       __builtin_prefetch(funcs[i + kAhead].name.data);
+      __builtin_prefetch(funcs[i + kAhead].name.data + 64);
       __builtin_prefetch(funcs[i + kAhead].lines.data);
     }
     const FunctionRecord& func = funcs[i];
