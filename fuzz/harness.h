@@ -29,7 +29,7 @@ enum class End {
 // Runs `conversion` and tells how it ended. Not to be nested.
 End run_to_its_end(const std::function<void()>& conversion);
 
-// How many runs were aborted so far: after one, a leak is no news.
+// How many runs were aborted so far. After one, leaks are not looked for any more.
 size_t aborted_runs();
 
 // What a target demands. Ends the process with the condition, which no run takes for documented.
