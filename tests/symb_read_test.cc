@@ -1,7 +1,10 @@
 // From SYMB blocks to text, and relocation.
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
+#include <algorithm>
+#include <cstdio>
 #include <sstream>
 
 #include "common/symb.h"
@@ -295,6 +298,20 @@ TEST(SymbRelocateTest, LeavesAloneWhatIsNotReached) {
   EXPECT_EQ(block.substr(168, 32), base.substr(168, 32)) << "strings, no sections in version 1";
   EXPECT_EQ(get_u64(block, functions + 32 + 24), get_u64(base, functions + 32 + 24))
       << "lines of a function without lines";
+}
+
+TEST(SymbTouchTest, ChangesTheAccessTimeOnly) {
+  FILE* file = std::tmpfile();
+  ASSERT_NE(file, nullptr);
+  const timespec old[2] = {{1000, 0}, {2000, 0}};
+  ASSERT_EQ(futimens(fileno(file), old), 0);
+  symb_touch(fileno(file));
+  struct stat times;
+  ASSERT_EQ(fstat(fileno(file), &times), 0);
+  EXPECT_GT(times.st_atim.tv_sec, 1000);
+  EXPECT_EQ(times.st_mtim.tv_sec, 2000);
+  std::fclose(file);
+  symb_touch(-1);
 }
 
 }  // namespace
