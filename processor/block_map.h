@@ -27,7 +27,7 @@ namespace google_breakpad {
 
 template <typename Key, typename Value>
 class BlockMap {
-  static_assert(std::is_trivially_copyable_v<Key>);
+  static_assert(std::is_integral_v<Key>);
   static_assert(std::is_nothrow_move_constructible_v<Value>);
   struct Block;
 
@@ -90,7 +90,7 @@ class BlockMap {
   const_iterator lower_bound(Key key) const {
     if (size_ == 0) return end();
     const_iterator it = block_of(key);
-    it.block_->prefetch_keys();
+    prefetch(it, key);
     it.slot_ = it.block_->slot_of(key);
     return it.slot_ == it.block_->count ? block_behind(it) : it;
   }
@@ -124,6 +124,7 @@ class BlockMap {
   static constexpr size_t kBlockCapacity = 64;
   static constexpr size_t kGroupCapacity = 256;
   static constexpr size_t kBlockAlignment = 16;
+  static constexpr size_t kCacheLine = 64;
   static_assert(alignof(Key) <= kBlockAlignment && alignof(Value) <= kBlockAlignment);
 
   // One allocation: this head, then `capacity` keys, then `capacity` values.
@@ -151,13 +152,15 @@ class BlockMap {
     Key* keys() { return reinterpret_cast<Key*>(bytes() + keys_at()); }
     Value* values() { return reinterpret_cast<Value*>(bytes() + values_at(capacity)); }
 
-    // Fetches the keys of a block that is about to be searched: all cache lines at once instead of
-    // one after the other as the search reaches them.
     void prefetch_keys() {
-      constexpr size_t kCacheLine = 64;
       for (size_t at = 0; at < values_at(kBlockCapacity); at += kCacheLine) {
         __builtin_prefetch(bytes() + at);
       }
+    }
+    // The values around a slot of a block of full capacity.
+    void prefetch_values(size_t slot) {
+      const char* at = bytes() + values_at(kBlockCapacity) + slot * sizeof(Value) - 2 * kCacheLine;
+      for (int i = 0; i < 5; ++i) __builtin_prefetch(at + i * kCacheLine);
     }
 
     // Index of the first key that is not below `key`; `count` if there is none. Without branches
@@ -273,6 +276,19 @@ class BlockMap {
     if (!directory_) return position(0, 0, 0);
     const size_t group = index_of(directory_->separators, key);
     return position(group, index_of(directory_->groups[group]->separators, key), 0);
+  }
+  // Fetches what the search of a block will touch, all at once instead of one after the other as
+  // the search reaches it: the keys, and the values where they would be if the keys were spread
+  // evenly between the separators, as addresses of functions roughly are.
+  void prefetch(const const_iterator& it, Key key) const {
+    it.block_->prefetch_keys();
+    if (!directory_) return;
+    const std::vector<Key>& separators = directory_->groups[it.group_]->separators;
+    if (it.in_group_ == 0 || it.in_group_ >= separators.size()) return;
+    const auto below = static_cast<uint64_t>(separators[it.in_group_ - 1]);
+    const uint64_t spread = static_cast<uint64_t>(separators[it.in_group_]) - below;
+    it.block_->prefetch_values((static_cast<uint64_t>(key) - below) /
+                               (spread / kBlockCapacity + 1));
   }
   const_iterator block_behind(const const_iterator& it) const {
     if (!directory_) return end();

@@ -31,6 +31,14 @@ const Line* line_at(std::span<const Line> lines, MemAddr address) {
   return address - line->address < line->size ? line : nullptr;
 }
 
+// Fetches what lies behind a function in the arena: its name, and mostly all of its lines. Waiting
+// for the record first, to learn where they are, would cost a second trip to memory.
+void prefetch_with_records(const Function* function) {
+  constexpr int kCacheLine = 64, kLines = 6;
+  const char* at = reinterpret_cast<const char*>(function);
+  for (int i = 0; i < kLines; ++i) __builtin_prefetch(at + i * kCacheLine);
+}
+
 // The function at or nearest below an address.
 struct NearestFunction {
   const Function* function = nullptr;  // null: there is none
@@ -40,6 +48,7 @@ struct NearestFunction {
   NearestFunction(const BasicSourceLineResolver::Module::FunctionMap& functions, MemAddr address) {
     MemAddr size = 0;
     if (!functions.RetrieveNearestRange(address, &function, &base, nullptr, &size)) return;
+    prefetch_with_records(function);
     holds_address = address >= base && address - base < size;
   }
   // A function hides the public symbols at and below its start, also behind its end.
