@@ -14,15 +14,20 @@ using fuzzing::text_of;
 
 namespace {
 
-// Whether a line record or an inline record may hold a negative number: what is left of a number of
-// a line or a file beyond 31 bits, and not read again.
-bool may_hold_negative_number(std::string_view text) {
+// Whether a line of an image's text may change once more: a line record or an inline record with a
+// negative number, which is what is left of the number of a line or a file beyond 31 bits, is not
+// read again; a carriage return that stood inside of the first line stands at its end now.
+bool may_change_again(std::string_view line) {
+  if (line.starts_with("MODULE ") || line.starts_with("INFO ")) return line.ends_with('\r');
+  const bool record = line.starts_with("I ") || line.starts_with("FILE ") ||
+                      line.find_first_of("0123456789abcdef") == 0;
+  return record && line.find(" -") != line.npos;
+}
+
+bool any_line_may_change_again(std::string_view text) {
   while (!text.empty()) {
     const std::string_view line = text.substr(0, text.find('\n'));
-    const char first = line.empty() ? ' ' : line[0];
-    const bool record = line.starts_with("I ") || (first >= '0' && first <= '9') ||
-                        (first >= 'a' && first <= 'f') || line.starts_with("FILE ");
-    if (record && line.find(" -") != line.npos) return true;
+    if (may_change_again(line)) return true;
     text.remove_prefix(std::min(line.size() + 1, text.size()));
   }
   return false;
@@ -38,7 +43,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const auto second_image = image_of(*text);
   require(second_image.has_value(), "its text has an identity");
   // Addresses beyond 4 GiB were cut, and their tables may be out of order.
-  if (!fuzzing::is_valid(*image) || may_hold_negative_number(*text)) return 0;
+  if (!fuzzing::is_valid(*image) || any_line_may_change_again(*text)) return 0;
   require(fuzzing::is_valid(*second_image), "the image of such a text is good");
   const auto second_text = text_of(*second_image);
   require(second_text == text, "a second trip changes no text");
