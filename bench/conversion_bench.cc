@@ -16,7 +16,7 @@
 #include "common/symb.h"
 #include "common/text_buffer.h"
 #include "symforge/src/PDBParser.h"
-#include "tests/support/bytes.h"
+#include "builders/bytes.h"
 
 namespace {
 
@@ -28,8 +28,8 @@ class Input {
     if (mkdtemp(folder) == nullptr) throw std::runtime_error("no temporary folder");
     path_ = std::string(folder) + "/generated";
     GeneratedPdb generated = generate_pdb(static_cast<uint64_t>(megabytes) * 1000000);
-    test_support::write_file(path_ + ".pdb", generated.pdb);
-    test_support::write_file(path_ + ".exe", generated.image);
+    builders::write_file(path_ + ".pdb", generated.pdb);
+    builders::write_file(path_ + ".exe", generated.image);
     pdb_bytes_ = generated.pdb.size();
   }
   ~Input() {

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "bench/pdb_generator.h"
-#include "tests/support/bytes.h"
+#include "builders/bytes.h"
 
 int main(int argc, char** argv) {
   const double megabytes = argc == 3 ? std::atof(argv[1]) : 0;
@@ -16,6 +16,6 @@ int main(int argc, char** argv) {
   }
   const GeneratedPdb generated = generate_pdb(static_cast<uint64_t>(megabytes * 1e6));
   const std::string path = argv[2];
-  test_support::write_file(path + ".pdb", generated.pdb);
-  test_support::write_file(path + ".exe", generated.image);
+  builders::write_file(path + ".pdb", generated.pdb);
+  builders::write_file(path + ".exe", generated.image);
 }

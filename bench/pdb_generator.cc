@@ -6,19 +6,19 @@
 #include <string_view>
 #include <vector>
 
-#include "tests/support/pdb_builder.h"
-#include "tests/support/pe_builder.h"
+#include "builders/pdb_builder.h"
+#include "builders/pe_builder.h"
 
-using test_support::Annotations;
-using test_support::Bytes;
-using test_support::FunctionEntry;
-using test_support::Inlinee;
-using test_support::Line;
-using test_support::ModuleBuilder;
-using test_support::PdbBuilder;
-using test_support::PeBuilder;
-using test_support::TypePadding;
-using test_support::UnwindInfo;
+using builders::Annotations;
+using builders::Bytes;
+using builders::FunctionEntry;
+using builders::Inlinee;
+using builders::Line;
+using builders::ModuleBuilder;
+using builders::PdbBuilder;
+using builders::PeBuilder;
+using builders::TypePadding;
+using builders::UnwindInfo;
 
 namespace {
 
@@ -277,12 +277,12 @@ void Generator::add_unwind(uint32_t length) {
   info.prolog_size = 12;
   for (const uint8_t nonvolatile : {3, 5, 6, 7, 12, 14}) {
     if (random_.one_in(2)) {
-      info.slots.push_back(test_support::unwind_slot(2, test_support::kPushNonvol, nonvolatile));
+      info.slots.push_back(builders::unwind_slot(2, builders::kPushNonvol, nonvolatile));
     }
   }
   const auto blocks = static_cast<uint8_t>(random_.below(16));
   info.slots.insert(info.slots.begin(),
-                    test_support::unwind_slot(12, test_support::kAllocSmall, blocks));
+                    builders::unwind_slot(12, builders::kAllocSmall, blocks));
   entries_.push_back(
       {kTextRva + code_, kTextRva + code_ + length, static_cast<uint32_t>(unwind_.size())});
   unwind_.text(info.bytes()).align(4);
@@ -312,8 +312,8 @@ void Generator::add_function(ModuleState& module, uint32_t number) {
   const std::string name = method_name();
   const uint32_t type = pick_type(function_types_);
   module.builder.proc({name, 1, code_, length, type},
-                      local ? test_support::kLProc32 : test_support::kGProc32);
-  module.builder.symbol(test_support::kFrameProc, std::string(26, '\0'));
+                      local ? builders::kLProc32 : builders::kGProc32);
+  module.builder.symbol(builders::kFrameProc, std::string(26, '\0'));
   add_locals(module.builder);
   if (!random_.one_in(3)) add_inline_sites(module, 0, length, 0);
   module.builder.end();

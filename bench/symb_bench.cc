@@ -16,12 +16,12 @@
 #include "common/text_buffer.h"
 #include "google_breakpad/processor/basic_source_line_resolver.h"
 #include "google_breakpad/processor/stack_frame.h"
-#include "tests/support/symbol_text.h"
+#include "builders/symbol_text.h"
 
 namespace {
 
-using test_support::symbol_text;
-using test_support::SymbolTextShape;
+using builders::symbol_text;
+using builders::SymbolTextShape;
 
 SymbolTextShape shape_of(int64_t functions, int64_t inline_depth) {
   SymbolTextShape shape;

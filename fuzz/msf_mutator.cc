@@ -12,12 +12,12 @@
 #include <vector>
 
 #include "fuzz/mutate.h"
-#include "tests/support/bytes.h"
-#include "tests/support/msf_builder.h"
+#include "builders/bytes.h"
+#include "builders/msf_builder.h"
 
-using test_support::get_u32;
-using test_support::MsfBuilder;
-using test_support::PageOrder;
+using builders::get_u32;
+using builders::MsfBuilder;
+using builders::PageOrder;
 
 namespace {
 

@@ -6,14 +6,14 @@
 #include "fuzz/harness.h"
 #include "symforge/src/PDBParser.h"
 #include "symforge/src/pe_image.h"
-#include "tests/support/pdb_builder.h"
+#include "builders/pdb_builder.h"
 
 using namespace google_breakpad;
 
 namespace {
 
 const fuzzing::MemoryFile& good_pdb() {
-  static const fuzzing::MemoryFile file(test_support::PdbBuilder(512).build().bytes);
+  static const fuzzing::MemoryFile file(builders::PdbBuilder(512).build().bytes);
   return file;
 }
 

@@ -16,7 +16,7 @@
 
 #include "fuzz/harness.h"
 #include "fuzz/mutate.h"
-#include "tests/support/bytes.h"
+#include "builders/bytes.h"
 
 namespace {
 
@@ -49,11 +49,11 @@ std::string mutated(const std::string& seed) {
 void replay(const fs::path& file, int mutations, bool keep) {
   std::printf("%s\n", file.c_str());
   std::fflush(stdout);
-  const std::string seed = test_support::read_file(file);
+  const std::string seed = builders::read_file(file);
   run(seed);
   for (int i = 0; i < mutations; ++i) {
     const std::string input = mutated(seed);
-    if (keep) test_support::write_file("fault", input);
+    if (keep) builders::write_file("fault", input);
     run(input);
   }
 }

@@ -7,14 +7,14 @@
 #include <string_view>
 
 #include "fuzz/symb_images.h"
-#include "tests/support/bytes.h"
-#include "tests/support/codeview_builder.h"
-#include "tests/support/pdb_builder.h"
-#include "tests/support/pe_builder.h"
+#include "builders/bytes.h"
+#include "builders/codeview_builder.h"
+#include "builders/pdb_builder.h"
+#include "builders/pe_builder.h"
 
 namespace {
 
-using namespace test_support;
+using namespace builders;
 
 constexpr std::string_view kText =
     "MODULE windows x86 0123456789ABCDEF1032547698BADCFE1 a b.pdb\n"

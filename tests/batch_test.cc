@@ -20,13 +20,14 @@
 #include <thread>
 #include <vector>
 
-#include "tests/support/bytes.h"
-#include "tests/support/pdb_builder.h"
-#include "tests/support/pe_builder.h"
+#include "builders/bytes.h"
+#include "builders/pdb_builder.h"
+#include "builders/pe_builder.h"
 #include "tests/support/process.h"
 
 namespace {
 
+using namespace builders;
 using namespace test_support;
 using ::testing::HasSubstr;
 using ::testing::Not;

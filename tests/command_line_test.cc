@@ -11,11 +11,12 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/bytes.h"
+#include "builders/bytes.h"
 #include "tests/support/process.h"
 
 namespace {
 
+using namespace builders;
 using namespace test_support;
 using ::testing::ContainsRegex;
 using ::testing::HasSubstr;

@@ -7,15 +7,15 @@
 #include <string>
 
 #include "symforge/src/PDBParser.h"
-#include "tests/support/pdb_builder.h"
+#include "builders/pdb_builder.h"
 #include "tests/support/process.h"
 
 namespace google_breakpad {
 namespace {
 
-using test_support::Fpo;
-using test_support::FrameData;
-using test_support::PdbBuilder;
+using builders::Fpo;
+using builders::FrameData;
+using builders::PdbBuilder;
 using test_support::TemporaryDirectory;
 
 // The lines of the converted PDB that begin with `word`.

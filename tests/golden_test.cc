@@ -10,10 +10,12 @@
 #include <string_view>
 #include <vector>
 
-#include "tests/support/bytes.h"
+#include "builders/bytes.h"
 #include "tests/support/process.h"
 
 namespace test_support {
+
+using namespace builders;
 namespace {
 
 const std::string kData = SYMFORGE_TEST_DATA "/";

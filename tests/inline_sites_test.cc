@@ -11,13 +11,13 @@
 #include "symforge/src/InlineTree.h"
 #include "symforge/src/PDBParser.h"
 #include "symforge/src/binary_annotations.h"
-#include "tests/support/pdb_builder.h"
+#include "builders/pdb_builder.h"
 #include "tests/support/process.h"
 
 namespace google_breakpad {
 namespace {
 
-using test_support::Annotations;
+using builders::Annotations;
 
 TEST(UncompressCvTest, ReadsEachForm) {
   const struct {
@@ -116,7 +116,7 @@ class InlinedFunction {
     const uint32_t type = pdb_.types.procedure(kInt, pdb_.types.arguments({kInt}), 1);
     f = pdb_.ids.function_id("f", type);
     g = pdb_.ids.function_id("ns::g", type);
-    method = pdb_.ids.add(0x1602, test_support::Bytes().u32(0).u32(type).zstr("m").str());
+    method = pdb_.ids.add(0x1602, builders::Bytes().u32(0).u32(type).zstr("m").str());
     const uint32_t unknown = pdb_.types.pointer(kInt, 7 << 5);
     const uint32_t odd = pdb_.types.procedure(kInt, pdb_.types.arguments({unknown}), 1);
     warning = pdb_.ids.function_id("h", odd);
@@ -128,7 +128,7 @@ class InlinedFunction {
     module.end();
   }
 
-  InlinedFunction& table(const std::vector<test_support::Inlinee>& entries, uint32_t kind = 0) {
+  InlinedFunction& table(const std::vector<builders::Inlinee>& entries, uint32_t kind = 0) {
     module.inlinees(entries, kind);
     return *this;
   }
@@ -151,11 +151,11 @@ class InlinedFunction {
   uint32_t f, g, method, warning;
 
  private:
-  test_support::PdbBuilder pdb_;
+  builders::PdbBuilder pdb_;
   uint32_t file_ = 0;
 
  public:
-  test_support::ModuleBuilder& module = pdb_.add_module("a.obj");
+  builders::ModuleBuilder& module = pdb_.add_module("a.obj");
 };
 
 TEST(InlineSitesTest, FindsFileAndLineInTheFirstTableThatKnows) {

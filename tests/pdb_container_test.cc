@@ -11,6 +11,8 @@
 #include "tests/pdb_text.h"
 
 namespace test_support {
+
+using namespace builders;
 namespace {
 
 using google_breakpad::pdb_exception;

@@ -11,9 +11,11 @@
 #include <vector>
 
 #include "tests/pdb_text.h"
-#include "tests/support/pe_builder.h"
+#include "builders/pe_builder.h"
 
 namespace test_support {
+
+using namespace builders;
 namespace {
 
 constexpr char kRanOff[] = "Requesting offset outside of page range";

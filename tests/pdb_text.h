@@ -8,11 +8,13 @@
 #include <string_view>
 
 #include "symforge/src/PDBParser.h"
-#include "tests/support/bytes.h"
-#include "tests/support/pdb_builder.h"
+#include "builders/bytes.h"
+#include "builders/pdb_builder.h"
 #include "tests/support/process.h"
 
 namespace test_support {
+
+using namespace builders;
 
 // What came of a conversion: the symbol file, or the text of the exception; and standard error.
 struct Conversion {

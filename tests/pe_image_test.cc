@@ -7,16 +7,16 @@
 #include <functional>
 #include <string>
 
-#include "tests/support/pe_builder.h"
+#include "builders/pe_builder.h"
 #include "tests/support/process.h"
 
 namespace google_breakpad {
 namespace {
 
-using test_support::Bytes;
-using test_support::PeBuilder;
-using test_support::put_u16;
-using test_support::put_u32;
+using builders::Bytes;
+using builders::PeBuilder;
+using builders::put_u16;
+using builders::put_u32;
 using test_support::TemporaryDirectory;
 
 constexpr size_t kOptional = PeBuilder::kNtHeaders + 24;

@@ -5,13 +5,15 @@
 
 #include <string>
 
-#include "tests/support/bytes.h"
-#include "tests/support/codeview_builder.h"
-#include "tests/support/msf_builder.h"
-#include "tests/support/pdb_builder.h"
-#include "tests/support/pe_builder.h"
+#include "builders/bytes.h"
+#include "builders/codeview_builder.h"
+#include "builders/msf_builder.h"
+#include "builders/pdb_builder.h"
+#include "builders/pe_builder.h"
 
 namespace test_support {
+
+using namespace builders;
 namespace {
 
 // The first non-fill bytes of a page.

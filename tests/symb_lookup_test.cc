@@ -13,11 +13,12 @@
 #include "google_breakpad/processor/basic_source_line_resolver.h"
 #include "google_breakpad/processor/stack_frame.h"
 #include "processor/contained_range_map.h"
-#include "tests/support/bytes.h"
+#include "builders/bytes.h"
 #include "tests/support/symb_builder.h"
-#include "tests/support/symbol_text.h"
+#include "builders/symbol_text.h"
 
 using namespace google_breakpad;
+using namespace builders;
 using namespace test_support;
 
 namespace {

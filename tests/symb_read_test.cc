@@ -9,9 +9,10 @@
 
 #include "common/symb.h"
 #include "common/text_buffer.h"
-#include "tests/support/bytes.h"
+#include "builders/bytes.h"
 #include "tests/support/symb_builder.h"
 
+using namespace builders;
 using namespace test_support;
 
 namespace {

@@ -7,10 +7,11 @@
 
 #include "common/symb.h"
 #include "common/text_buffer.h"
-#include "tests/support/bytes.h"
+#include "builders/bytes.h"
 #include "tests/support/symb_builder.h"
-#include "tests/support/symbol_text.h"
+#include "builders/symbol_text.h"
 
+using namespace builders;
 using namespace test_support;
 
 namespace {

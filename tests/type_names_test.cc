@@ -10,19 +10,19 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/codeview_builder.h"
-#include "tests/support/msf_builder.h"
+#include "builders/codeview_builder.h"
+#include "builders/msf_builder.h"
 #include "tests/support/process.h"
 
 namespace google_breakpad {
 namespace {
 
-using test_support::Bytes;
-using test_support::MsfBuilder;
-using test_support::PageOrder;
+using builders::Bytes;
+using builders::MsfBuilder;
+using builders::PageOrder;
 using test_support::TemporaryDirectory;
-using test_support::TypePadding;
-using test_support::TypeStreamBuilder;
+using builders::TypePadding;
+using builders::TypeStreamBuilder;
 
 constexpr uint32_t kInt = 0x74;
 constexpr uint32_t kChar = 0x70;
@@ -41,7 +41,7 @@ class Types {
     msf.add_stream(types);
     msf.add_stream(ids);
     msf.order(order);
-    const test_support::MsfFile file = msf.build();
+    const builders::MsfFile file = msf.build();
     EXPECT_TRUE(mapping_.Map(directory_.file("a.pdb", file.bytes).c_str()));
     msf_ = {mapping_.base(), mapping_.length(), page_size};
     for (uint32_t stream : {0, 1}) {

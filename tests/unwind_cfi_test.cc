@@ -8,15 +8,16 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/pe_builder.h"
+#include "builders/pe_builder.h"
 #include "tests/support/process.h"
 
 namespace google_breakpad {
 namespace {
 
+using namespace builders;
 using namespace test_support;  // NOLINT: names of slots in long tables
 using Slots = std::vector<uint16_t>;
-using Unwind = test_support::UnwindInfo;
+using Unwind = builders::UnwindInfo;
 
 struct Cfi {
   std::string text;

@@ -13,9 +13,11 @@
 #include <filesystem>
 #include <stdexcept>
 
-#include "tests/support/bytes.h"
+#include "builders/bytes.h"
 
 namespace test_support {
+
+using namespace builders;
 namespace {
 
 namespace fs = std::filesystem;

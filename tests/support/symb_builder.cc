@@ -7,9 +7,11 @@
 #include <map>
 #include <stdexcept>
 
-#include "tests/support/bytes.h"
+#include "builders/bytes.h"
 
 namespace test_support {
+
+using namespace builders;
 
 namespace {
 

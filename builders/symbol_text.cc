@@ -1,8 +1,8 @@
-#include "tests/support/symbol_text.h"
+#include "builders/symbol_text.h"
 
 #include <cstdio>
 
-namespace test_support {
+namespace builders {
 
 namespace {
 
@@ -76,4 +76,4 @@ std::string symbol_text(const SymbolTextShape& shape) {
   return text;
 }
 
-}  // namespace test_support
+}  // namespace builders

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-namespace test_support {
+namespace builders {
 
 struct SymbolTextShape {
   uint32_t functions = 1000;
@@ -21,4 +21,4 @@ std::string symbol_text(const SymbolTextShape& shape);
 // Where the addresses of such a text end.
 uint64_t symbol_text_end(const SymbolTextShape& shape);
 
-}  // namespace test_support
+}  // namespace builders

@@ -1,9 +1,9 @@
-#include "tests/support/pe_builder.h"
+#include "builders/pe_builder.h"
 
 #include <algorithm>
 #include <cassert>
 
-namespace test_support {
+namespace builders {
 
 namespace {
 
@@ -156,4 +156,4 @@ std::string PeBuilder::build() const {
   return std::move(image).str();
 }
 
-}  // namespace test_support
+}  // namespace builders

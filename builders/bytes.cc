@@ -1,10 +1,10 @@
-#include "tests/support/bytes.h"
+#include "builders/bytes.h"
 
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
 
-namespace test_support {
+namespace builders {
 
 namespace {
 
@@ -78,4 +78,4 @@ std::string read_file(const std::string& path) {
   return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
-}  // namespace test_support
+}  // namespace builders

@@ -18,11 +18,11 @@
 #include <string_view>
 #include <vector>
 
-#include "tests/support/bytes.h"
-#include "tests/support/codeview_builder.h"
-#include "tests/support/pdb_builder.h"
+#include "builders/bytes.h"
+#include "builders/codeview_builder.h"
+#include "builders/pdb_builder.h"
 
-namespace test_support {
+namespace builders {
 
 // Unwind operations.
 inline constexpr uint8_t kPushNonvol = 0;
@@ -107,4 +107,4 @@ class PeBuilder {
   Bytes functions_;
 };
 
-}  // namespace test_support
+}  // namespace builders

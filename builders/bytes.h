@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-namespace test_support {
+namespace builders {
 
 // Appends numbers in little-endian order and text; every call returns the object, so that a record
 // reads as one expression: Bytes().u16(len).u16(kind).u32(offset).zstr("main").
@@ -72,4 +72,4 @@ std::string from_hex(std::string_view dump);
 void write_file(const std::string& path, std::string_view bytes);
 std::string read_file(const std::string& path);
 
-}  // namespace test_support
+}  // namespace builders

@@ -1,12 +1,12 @@
-#include "tests/support/msf_builder.h"
+#include "builders/msf_builder.h"
 
 #include <algorithm>
 #include <cassert>
 #include <cstring>
 
-#include "tests/support/bytes.h"
+#include "builders/bytes.h"
 
-namespace test_support {
+namespace builders {
 
 namespace {
 
@@ -190,4 +190,4 @@ void MsfBuilder::write_header(MsfFile& file, uint32_t directory_size) {
   }
 }
 
-}  // namespace test_support
+}  // namespace builders

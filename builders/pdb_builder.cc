@@ -1,10 +1,10 @@
-#include "tests/support/pdb_builder.h"
+#include "builders/pdb_builder.h"
 
 #include <algorithm>
 #include <cassert>
 #include <cstdio>
 
-namespace test_support {
+namespace builders {
 
 std::string guid_bytes(const Guid& guid) {
   Bytes bytes;
@@ -180,4 +180,4 @@ MsfFile PdbBuilder::build() {
   return msf.build();
 }
 
-}  // namespace test_support
+}  // namespace builders

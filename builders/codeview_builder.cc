@@ -1,8 +1,8 @@
-#include "tests/support/codeview_builder.h"
+#include "builders/codeview_builder.h"
 
 #include <cassert>
 
-namespace test_support {
+namespace builders {
 
 std::string compressed(uint32_t value) {
   assert(value < 0x20000000);
@@ -272,4 +272,4 @@ std::string frame_data_record(const FrameData& frame) {
   return std::move(bytes.u16(frame.prolog).u16(frame.saved_regs).u32(frame.flags)).str();
 }
 
-}  // namespace test_support
+}  // namespace builders

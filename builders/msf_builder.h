@@ -22,7 +22,7 @@
 #include <utility>
 #include <vector>
 
-namespace test_support {
+namespace builders {
 
 // A finished file, with what is needed to find things in it and to damage them.
 struct MsfFile {
@@ -93,4 +93,4 @@ class MsfBuilder {
   std::optional<uint32_t> directory_size_;
 };
 
-}  // namespace test_support
+}  // namespace builders

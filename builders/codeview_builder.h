@@ -11,9 +11,9 @@
 #include <utility>
 #include <vector>
 
-#include "tests/support/bytes.h"
+#include "builders/bytes.h"
 
-namespace test_support {
+namespace builders {
 
 // Symbol record kinds.
 inline constexpr uint16_t kEnd = 0x0006;
@@ -227,4 +227,4 @@ struct FrameData {
 };
 std::string frame_data_record(const FrameData& frame);
 
-}  // namespace test_support
+}  // namespace builders

@@ -24,11 +24,11 @@
 #include <utility>
 #include <vector>
 
-#include "tests/support/bytes.h"
-#include "tests/support/codeview_builder.h"
-#include "tests/support/msf_builder.h"
+#include "builders/bytes.h"
+#include "builders/codeview_builder.h"
+#include "builders/msf_builder.h"
 
-namespace test_support {
+namespace builders {
 
 inline constexpr uint16_t kNoStream = 0xFFFF;
 
@@ -157,4 +157,4 @@ class PdbBuilder {
 // The debug identifier's text: GUID in upper-case digits, age in lower-case ones.
 std::string debug_id(const Guid& guid, uint32_t age);
 
-}  // namespace test_support
+}  // namespace builders
