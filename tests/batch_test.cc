@@ -220,17 +220,6 @@ TEST(BatchTest, HandsItsOptionsOn) {
   EXPECT_EQ(image.substr(0, 14), "file 0600 SYMB");
 }
 
-TEST(BatchTest, NeedsAPathToItself) {
-  const TemporaryDirectory temp;
-  temp.file("in/a.sym", make_text(1, "a.pdb"));
-  temp.folder("tree");
-  const std::string folder = std::filesystem::path(SYMFORGE_PROGRAM).parent_path();
-  const Result result = run({"-c", "PATH=$PATH:" + folder + " symforge -r in tree"},
-                            {.directory = temp.path(), .program = "/bin/sh"});
-  EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.err, "symforge: Failed execve: No such file or directory\n");
-}
-
 // Whatever cannot be walked ends the batch before anything is converted.
 TEST(BatchWalkTest, StopsAtWhatItCannotRead) {
   const TemporaryDirectory temp;
@@ -255,23 +244,6 @@ TEST(BatchWalkTest, StopsAtWhatItCannotRead) {
 
   EXPECT_EQ(run({"-r", temp / "missing", tree}).err,
             "symforge: Failed to stat " + (temp / "missing") + "\n");
-}
-
-TEST(BatchWalkTest, CutsAPathThatIsTooLong) {
-  const TemporaryDirectory temp;
-  const std::string name(200, 'n');
-  std::string path = temp.folder("in");
-  const std::string start = std::filesystem::current_path();
-  std::filesystem::current_path(path);
-  while (path.size() <= 4095) {
-    std::filesystem::create_directory(name);
-    std::filesystem::current_path(name);
-    path += "/" + name;
-  }
-  std::filesystem::current_path(start);
-  const Result result = run({"-r", temp / "in", temp.folder("tree")});
-  EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.err, "symforge: Failed to stat " + path.substr(0, 4095) + "\n");
 }
 
 // Files of a tree that are complete by their names; what a killed process left behind is not.

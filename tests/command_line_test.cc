@@ -110,25 +110,6 @@ TEST(TextInputTest, PassesTheTextThrough) {
   }
 }
 
-TEST(TextInputTest, ReadsAPipe) {
-  const Result result = run({"-c", "printf 'MODULE a b C d\\n' | " SYMFORGE_PROGRAM " /dev/stdin"},
-                            {.program = "/bin/sh"});
-  EXPECT_EQ(result.out, "MODULE a b C d\n");
-}
-
-TEST(TextInputTest, NeedsAnIdentity) {
-  const TemporaryDirectory temp;
-  const std::string tree = temp.folder("tree");
-  const std::string nul("MODULE a b\0 C d\n", 16);
-  for (const std::string& text : {std::string("MODULE"), std::string("MODULE a b C\n"), nul,
-                                  "MODULE " + std::string(9000, 'x') + "\n"}) {
-    const Result result = run({temp.file("a.sym", text), tree});
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.err, "symforge: failed to extrace debug id from data\n");
-    EXPECT_EQ(list_tree(tree), Tree());
-  }
-}
-
 TEST(TreeTest, HoldsTheFileItsFoldersAndTheLink) {
   const TemporaryDirectory temp;
   const std::string tree = temp.folder("tree");
@@ -142,37 +123,6 @@ TEST(TreeTest, HoldsTheFileItsFoldersAndTheLink) {
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.err, "");
     EXPECT_EQ(list_tree(tree), expected);
-  }
-}
-
-TEST(TreeTest, ConvertsAFileInPlace) {
-  const TemporaryDirectory temp;
-  const std::string target = temp.file("a.pdb/X/a.sym", "MODULE a b X a.pdb\n");
-  EXPECT_EQ(run({target, temp.path()}).status, 0);
-  EXPECT_EQ(read_file(target), "MODULE a b X a.pdb\n");
-}
-
-TEST(TreeTest, LinksOnlyToFoldersOfImages) {
-  const struct {
-    const char* code;
-    const char* link;  // null: none
-  } cases[] = {
-      {"12 a.dll", "12"},    {"12 my a.exe", "12"},
-      {"12 A.EXE", nullptr}, {"12 a.sys", nullptr},
-      {"12", nullptr},       {"../12 a.exe", nullptr},
-      {".. a.exe", nullptr}, {"/tmp/12 a.exe", nullptr},
-  };
-  for (const auto& c : cases) {
-    const TemporaryDirectory temp;
-    const std::string tree = temp.folder("tree");
-    const std::string text = std::string("MODULE a b X a.pdb\nINFO CODE_ID ") + c.code + "\n";
-    const Result result = run({temp.file("a.sym", text), tree});
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.err, "");
-    Tree expected = {
-        {"a.pdb", "dir 0700"}, {"a.pdb/X", "dir 0700"}, {"a.pdb/X/a.sym", "file 0600 " + text}};
-    if (c.link != nullptr) expected[std::string("a.pdb/") + c.link] = "link X";
-    EXPECT_EQ(list_tree(tree), expected) << c.code;
   }
 }
 
@@ -208,15 +158,6 @@ TEST(TreeTest, ReportsWhatItCannotWrite) {
     EXPECT_EQ(result.err, "symforge: " + c.message + "\n");
     EXPECT_EQ(list_tree(tree), before);
   }
-}
-
-TEST(TreeTest, UnwritableTreeIsReported) {
-  const TemporaryDirectory temp;
-  const std::string tree = temp.folder("tree");
-  chmod(temp.path().c_str(), 0755);
-  const Result result = run({temp.file("a.sym", kText), tree}, {.as_nobody = true});
-  EXPECT_EQ(result.err, "symforge: failed to create symbol file path: my a.pdb/ABC1\n");
-  EXPECT_EQ(list_tree(tree), Tree());
 }
 
 // A full disk, by way of a limit on the size of files.
@@ -322,26 +263,6 @@ TEST_F(ImageTest, JoinsTheSymbolFileInTheTreeOnce) {
   EXPECT_EQ(list_tree(tree_), joined);
 }
 
-TEST_F(ImageTest, InlineSitesCanBeLeftOut) {
-  EXPECT_THAT(text_, HasSubstr("\nI "));
-  EXPECT_THAT(run({"-i", pdb_}).out, Not(HasSubstr("\nI ")));
-}
-
-// A PDB that fails behind its identity leaves its folders, and the old file as it was.
-TEST_F(ImageTest, FailureLeavesTheOldFile) {
-  std::string bytes = read_file(pdb_);
-  temp_.file("bad/a.pdb", bytes);
-  temp_.file("bad/a.dll", "no image");
-  EXPECT_EQ(run({temp_ / "bad/a.pdb", tree_}).status, 1);
-  Tree expected = {{"a.pdb", "dir 0755"}, {"a.pdb/" + id_, "dir 0755"}};
-  EXPECT_EQ(list_tree(tree_), expected);
-
-  temp_.file("tree/" + target_, "old");
-  expected = list_tree(tree_);
-  EXPECT_EQ(run({temp_ / "bad/a.pdb", tree_}).status, 1);
-  EXPECT_EQ(list_tree(tree_), expected);
-}
-
 TEST(SymbTest, GoesIntoTheTreeAndBackToText) {
   const TemporaryDirectory temp;
   const std::string tree = temp.folder("tree");
@@ -366,16 +287,6 @@ TEST(SymbTest, RefusedTextEmptiesTheTarget) {
   EXPECT_EQ(
       list_tree(tree),
       (Tree{{"a.pdb", "dir 0755"}, {"a.pdb/X", "dir 0755"}, {"a.pdb/X/a.symb", "file 0600 "}}));
-}
-
-TEST(SymbTest, DamagedImageIsRefused) {
-  const TemporaryDirectory temp;
-  const std::string tree = temp.folder("tree");
-  const std::string input = temp.file("a.symb", "SYMB too short");
-  const Result result = run({input, tree});
-  EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.err, "symforge: failed to parse symb file " + input + "\n");
-  EXPECT_EQ(list_tree(tree), Tree());
 }
 
 TEST(FailureTest, IsLoggedWithItsBacktrace) {

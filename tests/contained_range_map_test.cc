@@ -60,32 +60,6 @@ TEST(ContainedRangeMap, Nesting) {
   EXPECT_FALSE(Map().StoreRange(~uint64_t{0}, 2, 1));
 }
 
-TEST(ContainedRangeMap, TheDeepestRangeAnswers) {
-  Map map;
-  map.StoreRange(0x10, 0x40, 1);
-  map.StoreRange(0x10, 0x10, 2);
-  map.StoreRange(0x30, 0x08, 3);
-  const struct {
-    uint64_t address;
-    std::vector<int> stack;
-  } kCases[] = {{0xf, {}}, {0x10, {1, 2}}, {0x20, {1}}, {0x37, {1, 3}}, {0x4f, {1}}, {0x50, {}}};
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(c.address);
-    int entry = 0;
-    std::vector<int> stack = {9};  // kept: new ones go behind it
-    EXPECT_EQ(map.RetrieveRange(c.address, &entry), !c.stack.empty());
-    EXPECT_EQ(map.RetrieveRangeStack(c.address, stack), !c.stack.empty());
-    stack.erase(stack.begin());
-    EXPECT_EQ(stack, c.stack);
-    if (!stack.empty()) {
-      EXPECT_EQ(entry, stack.back());
-    }
-  }
-  map.Clear();
-  EXPECT_EQ(map.Map(), nullptr);
-  EXPECT_TRUE(map.StoreRange(0x10, 0x40, 1));
-}
-
 // Whether a range is stored depends on the stored ones alone, so a flat list is a model of the
 // tree.
 TEST(ContainedRangeMap, AgreesWithAFlatList) {
@@ -140,11 +114,6 @@ TEST(ContainedRangeMap, NestsDeep) {
     EXPECT_EQ(stack.size(), kDepth);
     EXPECT_EQ(*stack.back(), static_cast<int>(kDepth - 1));
   }
-}
-
-TEST(ContainedRangeMapDeathTest, NullEntryEndsTheProcess) {
-  EXPECT_DEATH(Map().RetrieveRange(1, nullptr),
-               "ERROR: ContainedRangeMap::RetrieveRange requires .entry.(.|\n)*`entry'");
 }
 
 }  // namespace

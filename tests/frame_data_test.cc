@@ -84,32 +84,6 @@ TEST(FrameDataTest, KeepsTheFirstRecordOfAStretch) {
             "STACK WIN 0 5 1 1 0 0 0 1 0 0 0\n");
 }
 
-TEST(FrameDataTest, TakesALastRecordThatTheStreamCutsFromItsPage) {
-  PdbBuilder pdb = pdb32();
-  pdb.fpo({.start = 5, .code_size = 1, .prolog = 1});
-  pdb.lay_out();
-  pdb.msf.override_size(pdb.dbi.debug.fpo, 17);
-  // Behind the byte that makes the 17, what belongs to nobody: 0xEE.
-  EXPECT_EQ(linesOf(pdb, "STACK"),
-            "STACK WIN 0 5 1 1 0 0 0 0 0 0 0\n"
-            "STACK WIN 0 eeeeee00 eeeeeeee ee 0 eeee 6 eeeeeeee 0 0 0\n");
-}
-
-TEST(ParamSizeTest, PrefersFrameDataToDecoratedNames) {
-  PdbBuilder pdb = pdb32();
-  auto& module = pdb.add_module("a.obj");
-  for (uint32_t i = 0; i < 4; ++i) {
-    module.proc({.name = "f", .section = 1, .offset = 0x10 * i, .length = 8}).end();
-    pdb.public_function("_f@4", 1, 0x10 * i);
-  }
-  pdb.fpo({.start = 0x1000, .code_size = 8, .params = 5});
-  pdb.frame_data({.start = 0x1000, .code_size = 8, .params = 0x24});
-  pdb.fpo({.start = 0x1010, .code_size = 8, .params = 5});
-  pdb.fpo({.start = 0x1020, .code_size = 9, .params = 5});  // of another size: not this function's
-  EXPECT_EQ(linesOf(pdb, "FUNC"),
-            "FUNC 1:1000 8 24 f\nFUNC 1:1010 8 14 f\nFUNC 1:1020 8 4 f\nFUNC 1:1030 8 4 f\n");
-}
-
 TEST(ParamSizeTest, ReadsDecoratedNames) {
   const struct {
     const char* name;

@@ -19,24 +19,6 @@ namespace {
 
 using builders::Annotations;
 
-TEST(UncompressCvTest, ReadsEachForm) {
-  const struct {
-    std::string bytes;
-    uint32_t value;
-    size_t used;
-  } cases[] = {
-      {{"\x7F\xFF\xFF\xFF", 4}, 0x7F, 1},       {{"\x80\x80\xFF\xFF", 4}, 0x80, 2},
-      {{"\xBF\xFF\xFF\xFF", 4}, 0x3FFF, 2},     {{"\xC0\x00\x40\x00", 4}, 0x4000, 4},
-      {{"\xDF\xFF\xFF\xFF", 4}, 0x1FFFFFFF, 4}, {{"\xE0\x00\x00\x00", 4}, 0xFFFFFFFF, 0},
-  };
-  for (const auto& c : cases) {
-    const auto* begin = reinterpret_cast<const uint8_t*>(c.bytes.data());
-    const uint8_t* at = begin;
-    EXPECT_EQ(uncompressCV(at), c.value);
-    EXPECT_EQ(at - begin, c.used) << c.value;
-  }
-}
-
 // The sites of one function at 0x1000, one in the other, defined in line 10 of file 3.
 std::string linesOf(const std::vector<Annotations>& sites) {
   InlineTree tree;
@@ -158,34 +140,9 @@ class InlinedFunction {
   builders::ModuleBuilder& module = pdb_.add_module("a.obj");
 };
 
-TEST(InlineSitesTest, FindsFileAndLineInTheFirstTableThatKnows) {
-  InlinedFunction plain({0});
-  plain.table({{plain.f, plain.file() + 4, 5}, {plain.f, plain.file(), 20}, {plain.f, 0, 30}});
-  InlinedFunction extra({0, 1});
-  extra.table({{extra.g, extra.file(), 7, {1, 2, 3}}, {extra.f, extra.file(), 20}}, 1);
-  EXPECT_EQ(plain.lines(), "I 1014 1 21 1 0 f(int)\nI 1014 1 21 1 0 f(int)\n");
-  // The second of two equal ranges is refused; a function without an entry has zeros.
-  EXPECT_EQ(extra.lines(), "I 1014 1 21 1 0 f(int)\nI 1014 1 21 1 0 f(int)\n");
-  EXPECT_EQ(InlinedFunction({1}).lines(), "I 1014 1 1 0 0 ns::g(int)\nI 1014 1 1 0 0 ns::g(int)\n");
-  EXPECT_EQ(InlinedFunction({1}).lines(/*with_inlines=*/false), "");
-  InlinedFunction wrong({0});
-  EXPECT_THROW(wrong.table({}, 2).lines(), pdb_exception);
-}
-
 TEST(InlineSitesTest, SaysNothingWhenOneInlineeHasNoName) {
   EXPECT_EQ(InlinedFunction({0, 2, 1}).lines(), "");
   EXPECT_EQ(InlinedFunction({0, 9}).lines(), "");
-}
-
-TEST(InlineSitesTest, WarnsForEachRendering) {
-  const auto warnings = [](const std::vector<uint32_t>& inlinees) {
-    testing::internal::CaptureStderr();
-    InlinedFunction(inlinees).lines();
-    const std::string messages = testing::internal::GetCapturedStderr();
-    return std::count(messages.begin(), messages.end(), '\n');
-  };
-  EXPECT_EQ(warnings({3, 3}), 4);  // once to see whether there is a name, once for the name
-  EXPECT_EQ(warnings({3, 2, 3}), 1);
 }
 
 // ---- The nesting

@@ -20,8 +20,6 @@ using google_breakpad::pdb_recoverable_exception;
 
 constexpr char kRefused[] = "Failed to read PDB Root Stream";
 
-std::string moduleLine(const std::string& id) { return "MODULE windows x86_64 " + id + " a.pdb\n"; }
-
 TEST(PdbContainerTest, RefusesOtherFiles) {
   SmallPdb pdb;
   std::string bytes = pdb.build().bytes;
@@ -32,27 +30,6 @@ TEST(PdbContainerTest, RefusesOtherFiles) {
     const Conversion result = convert(other);
     EXPECT_EQ(result.failure, kRefused);
     EXPECT_EQ(result.messages, "Input file has an invalid signature\n");
-  }
-}
-
-TEST(PdbContainerTest, FormsTheIdentifierFromGuidAndDbiAge) {
-  for (const uint32_t age : {1u, 0x2Au, 0xFFFFFFFFu}) {
-    SmallPdb pdb;
-    pdb.info.age = 7;
-    pdb.dbi.age = age;
-    EXPECT_EQ(convert(pdb).lines("MODULE"), moduleLine(debug_id(pdb.info.guid, age)));
-  }
-}
-
-TEST(PdbContainerTest, NamesTheMachine) {
-  const struct {
-    uint16_t machine;
-    const char* word;
-  } cases[] = {{0x14C, "x86"}, {0x1C4, "arm"}, {0x1F2, "ppc64"}, {0xAA64, "unknown"}};
-  for (const auto& c : cases) {
-    SmallPdb pdb;
-    pdb.dbi.machine = c.machine;
-    EXPECT_EQ(convert(pdb).text.find(std::string("MODULE windows ") + c.word + " "), 0u);
   }
 }
 
@@ -123,22 +100,6 @@ TEST(PdbContainerDeathTest, DiesOfImpossibleDirectories) {
   };
   EXPECT_DEATH(convertAlone(damaged(32, 0)), "");  // SIGFPE, which sanitizers take for themselves
   EXPECT_DEATH(convertAlone(damaged(44, 0)), "");
-}
-
-TEST(PdbContainerTest, RefusesAnEmptyDbiStream) {
-  SmallPdb pdb;
-  pdb.lay_out();
-  pdb.msf.set_stream(3, "");
-  EXPECT_EQ(convert(pdb).failure, "Invalid DebugInfo stream");
-}
-
-// A deleted stream has no bytes and takes no page numbers: the streams behind it are found.
-TEST(PdbContainerTest, TakesADeletedStreamForEmpty) {
-  SmallPdb pdb;
-  pdb.lay_out();
-  pdb.msf.override_size(4, 0xFFFFFFFF);
-  EXPECT_EQ(convert(pdb).lines("INFO SECTION"),
-            "INFO SECTION 1 virtaddr 1000 rawsize 9000 characteristics 60000020\n");
 }
 
 // The path of the one file is printed only when /NAMES was found.
@@ -228,36 +189,6 @@ class NamesTest : public testing::Test {
   google_breakpad::NameStream m_names;
 };
 
-TEST_F(NamesTest, FindsOnlyWhatABucketNames) {
-  const std::string longer(60, 'n');
-  auto& names = load(
-      header(80).u8(0).zstr("one").zstr(longer).align(4).fill(12).u32(4).u32(0).u32(5).u32(1).u32(
-          5));
-  std::string_view name;
-  EXPECT_TRUE(names.find(1, name));
-  EXPECT_EQ(name, "one");
-  EXPECT_TRUE(names.find(5, name));
-  EXPECT_EQ(name, longer);
-  for (const uint32_t offset : {0u, 2u, 4u, 200u, 0xFFFFFFFFu})
-    EXPECT_FALSE(names.find(offset, name)) << offset;
-}
-
-TEST_F(NamesTest, RefusesWhatLeavesTheStream) {
-  const struct {
-    const char* what;
-    Bytes bytes;
-  } cases[] = {
-      {"signature", Bytes().u32(0xEFFEEFFF).u32(1).u32(4).u32(0).u32(0)},
-      {"version", Bytes().u32(0xEFFEEFFE).u32(2).u32(4).u32(0).u32(0)},
-      {"no header", Bytes().u32(0xEFFEEFFE).u32(1)},
-      {"area beyond the end", header(100).u32(0)},
-      {"negative area", header(0xFFFFFFF0).u32(0)},
-      {"more buckets than bytes", header(4).u32(0).u32(2).u32(1)},
-  };
-  for (const auto& c : cases) EXPECT_THROW(load(c.bytes), pdb_exception) << c.what;
-  EXPECT_NO_THROW(load(header(4).u32(0).u32(0)));
-}
-
 TEST_F(NamesTest, RefusesANameOutsideOnlyWhenItIsAskedFor) {
   auto& names = load(header(4).text("abcd").u32(2).u32(1).u32(0x10000));
   std::string_view name;
@@ -265,67 +196,6 @@ TEST_F(NamesTest, RefusesANameOutsideOnlyWhenItIsAskedFor) {
   EXPECT_THROW(names.find(0x10000, name), pdb_exception);
   EXPECT_TRUE(names.find(1, name)) << "its end is a byte of the bucket count";
   EXPECT_EQ(name, "bcd\x02");
-}
-
-TEST(PdbContainerTest, ReadsTheModuleListAsFarAsItGoes) {
-  SmallPdb pdb;
-  uint32_t at = 0;
-  for (const char* name : {"a", "bb", "ccc"})
-    pdb.add_module(name).proc({.name = name, .offset = at++, .length = 1, .type = pdb.type}).end();
-  pdb.lay_out();
-  for (uint32_t i = 0; i < 3; ++i) pdb.dbi.modules[i].object = std::string(i, 'o');
-  // A module without a stream takes part in the walk only.
-  pdb.dbi.modules.insert(pdb.dbi.modules.begin() + 1, {.name = "none", .object = "x"});
-  pdb.msf.set_stream(3, pdb.dbi.bytes());
-  EXPECT_EQ(convert(pdb).lines("FUNC"),
-            "FUNC 1:1000 1 0 a()\nFUNC 1:1001 1 0 bb()\nFUNC 1:1002 1 0 ccc()\n");
-
-  SmallPdb negative;
-  negative.add_module("a");
-  negative.lay_out();
-  negative.dbi.modules[0].stream = 0x8000;
-  negative.msf.set_stream(3, negative.dbi.bytes());
-  EXPECT_THROW(convert(negative), std::out_of_range);
-}
-
-TEST(PdbContainerTest, RefusesATokenMap) {
-  for (const uint16_t map : {0, 1, 0xFFFE, 0xFFFF}) {
-    SmallPdb pdb;
-    pdb.dbi.debug.token_rid_map = map;
-    EXPECT_EQ(convert(pdb).failure, map == 0 || map == 0xFFFF ? "" : "Implement me...");
-  }
-}
-
-TEST(PdbContainerTest, GivesTheIdentifierAlone) {
-  const TemporaryDirectory folder;
-  SmallPdb pdb;
-  const std::string good = folder.file("a.pdb", pdb.build().bytes);
-  const std::string bad = folder.file("b.pdb", "Microsoft");
-  std::string id = "kept";
-  EXPECT_FALSE(google_breakpad::pdb_debug_id(bad.c_str(), id));
-  EXPECT_FALSE(google_breakpad::pdb_debug_id("p", id));
-  EXPECT_EQ(id, "kept");
-  EXPECT_TRUE(google_breakpad::pdb_debug_id(good.c_str(), id));
-  EXPECT_EQ(id, debug_id(Guid(), 1));
-  folder.file("a.dll", "no image");
-  EXPECT_FALSE(google_breakpad::pdb_debug_id(good.c_str(), id));
-}
-
-TEST(PdbContainerTest, MakesTheFoldersOfATree) {
-  const TemporaryDirectory folder;
-  SmallPdb pdb;
-  const std::string path = folder.file("a.pdb", pdb.build().bytes);
-  const mode_t mask = umask(0);
-  TextBuffer text;
-  google_breakpad::PDBParser(true).load(path.c_str(), nullptr, (folder / "new").c_str(), text);
-  umask(mask);
-  const std::string id = debug_id(Guid(), 1);
-  EXPECT_EQ(list_tree(folder / "new"), (Tree{{"a.pdb", "dir 0777"}, {"a.pdb/" + id, "dir 0777"}}));
-
-  const std::string blocked = folder.file("blocked/a.pdb", "a plain file");
-  EXPECT_EXIT(google_breakpad::PDBParser(true).load(path.c_str(), nullptr,
-                                                    (folder / "blocked").c_str(), text),
-              testing::ExitedWithCode(255), "mkdir2 .*/blocked/a.pdb/.*: Not a directory");
 }
 
 }  // namespace

@@ -18,7 +18,6 @@ namespace test_support {
 using namespace builders;
 namespace {
 
-constexpr char kRanOff[] = "Requesting offset outside of page range";
 
 // FUNC, PUBLIC and line records: everything behind the head of the file.
 std::string records(const Conversion& result) {
@@ -50,17 +49,6 @@ TEST(SourceFilesTest, NumbersEveryEntryAndPrintsEachFileOnce) {
   second.file(c);
   pdb.add_module("3").file(pdb.names.add("a.h"));  // another string of the same text
   EXPECT_EQ(convert(pdb).lines("FILE"), "FILE 1 a.h\nFILE 2 b.h\nFILE 5 c.h\nFILE 6 a.h\n");
-}
-
-// Offsets count from each subsection's own start, and the first file of an offset stays.
-TEST(SourceFilesTest, KeepsTheFirstOfTwoTables) {
-  EXPECT_EQ(recordsOf([](SmallPdb& pdb, ModuleBuilder& module, uint32_t file) {
-              module.checksums_here();
-              module.subsection(kFileChecksums, Bytes().u32(pdb.names.add("b.cc")).u16(0).str());
-              module.proc({.name = "f", .length = 4, .type = pdb.type}).end();
-              module.lines(1, 0, 4, file, {{0, 9}});
-            }),
-            "FUNC 1:1000 4 0 f()\n1000 4 9 1\n");
 }
 
 TEST(ModuleStreamTest, WalksSubsections) {
@@ -121,24 +109,6 @@ TEST(ModuleFunctionsTest, MakesRecordsOfProceduresAndThunks) {
             "FUNC 1:1060 5 0 nested\n");
 }
 
-// A size of 0 moves on by two bytes: the kind is read as the size of the next record.
-TEST(ModuleFunctionsTest, StepsBySizeAlone) {
-  EXPECT_EQ(recordsOf([](SmallPdb& pdb, ModuleBuilder& module, uint32_t) {
-              module.raw_symbols(Bytes().u16(0).u16(6).u16(4).u32(0).str());
-              module.proc({.name = "f", .length = 1, .type = pdb.type});
-            }),
-            "FUNC 1:1000 1 0 f()\n");
-  EXPECT_EQ(recordsOf([](SmallPdb&, ModuleBuilder& module, uint32_t) {
-              module.proc({.name = "f", .length = 1});
-              module.raw_symbols(Bytes().u16(13).u16(kInlineSite).fill(12).str());
-            }),
-            kRanOff);
-  EXPECT_THROW(recordsOf([](SmallPdb&, ModuleBuilder& module, uint32_t) {
-                 module.proc({.name = "f", .section = 2, .length = 1});
-               }),
-               std::out_of_range);
-}
-
 TEST(ModuleFunctionsDeathTest, DiesOfASiteWithoutItsFunction) {
   SmallPdb pdb;
   pdb.add_module("a").thunk({.name = "t", .length = 1}).inline_site(0x1000, Annotations());
@@ -164,15 +134,6 @@ TEST(PublicSymbolsTest, KeepsFunctionsThatNoModuleHas) {
             "FUNC 1:1010 1 0 covering()\n"
             "PUBLIC 1020 0 __cdecl last\n"
             "PUBLIC 1030 0 second\n");
-}
-
-// A record of exactly 12 bytes takes the byte behind it for its name.
-TEST(PublicSymbolsTest, ReadsOneByteTooManyForAnEmptyName) {
-  EXPECT_EQ(recordsOf([](SmallPdb& pdb, ModuleBuilder&, uint32_t) {
-              pdb.symbol_records.u16(12).u16(kPub32).u32(2).u32(0x10).u16(1).u8('x').u16(0);
-              pdb.public_function("next", 1, 0x20);
-            }),
-            "PUBLIC 1010 0 x\nPUBLIC 1020 0 next\n");
 }
 
 TEST(FoldingTest, KeepsOneRecordAnAddress) {
@@ -443,47 +404,6 @@ TEST(OmapTest, MapsFunctionsAndLines) {
   mapped({{0x4010, 0x7000}, {0x4000, 0x8000}}, true, &messages);
   EXPECT_EQ(messages.find("Encountered unordered omap section: "), 0u);
   EXPECT_EQ(messages.back(), '.');
-}
-
-// Load's PE step, on an image beside the PDB.
-TEST(PeStepTest, TakesTheImageBesideThePdb) {
-  const auto load = [](const std::string& image, const char* name = "a.dll") {
-    const TemporaryDirectory folder;
-    SmallPdb pdb;
-    pdb.dbi.machine = 0x14C;
-    const std::string path = folder.file("a.pdb", pdb.build().bytes);
-    folder.file(name, image);
-    TextBuffer text;
-    try {
-      google_breakpad::PDBParser parser(true);
-      parser.load(path.c_str(), nullptr, nullptr, text);
-      parser.printBreakpadSymbols(text, nullptr);
-    } catch (const google_breakpad::pdb_exception& e) {
-      return std::string(e.what());
-    }
-    const std::string all(text.view());
-    const size_t at = all.find("INFO CODE_ID");
-    return at == std::string::npos ? "" : all.substr(at, all.find('\n', at) - at);
-  };
-  const auto pe = [](bool plus) {
-    return PeBuilder(plus).time_stamp(0xABCD).size_of_image(0x1f000);
-  };
-  EXPECT_EQ(load(pe(true).build()), "INFO CODE_ID     ABCD1F000 a.dll");
-  EXPECT_EQ(load(pe(false).build(), "a.exe"), "INFO CODE_ID     ABCD1F000 a.exe");
-  EXPECT_EQ(load(pe(true).build(), "b.dll"), "");
-  EXPECT_EQ(load("MZ"), "Error reading PE header");
-  EXPECT_EQ(load(std::string(400, 'x')), "Invalid PE header detected");
-  EXPECT_EQ(load(pe(false).build().substr(0, PeBuilder::kNtHeaders + 263)),
-            "Error reading PE NT header");
-  const char kClr[] = "The image is a CLR assembly, which is not supported";
-  EXPECT_EQ(load(pe(true).directory(14, 1, 0).build()), kClr);
-  EXPECT_EQ(load(pe(false).directory(14, 1, 0).build()), kClr);
-  EXPECT_EQ(load(pe(true).machine(0x1F2).directory(14, 1, 0).build()),
-            "INFO CODE_ID     ABCD1F000 a.dll");
-  EXPECT_EQ(load(pe(false).machine(0x1F2).directory(14, 1, 0).build()), kClr);
-  std::string magic = pe(true).build();
-  put_u16(magic, PeBuilder::kNtHeaders + 24, 0x107);
-  EXPECT_EQ(load(magic), "Unknown image format");
 }
 
 }  // namespace

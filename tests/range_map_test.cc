@@ -16,7 +16,6 @@ namespace google_breakpad {
 namespace {
 
 using Map = RangeMap<uint64_t, int>;
-constexpr uint64_t kTop = ~uint64_t{0};
 constexpr auto kExclusive = MergeRangeStrategy::kExclusiveRanges;
 constexpr auto kLower = MergeRangeStrategy::kTruncateLower;
 constexpr auto kUpper = MergeRangeStrategy::kTruncateUpper;
@@ -62,84 +61,6 @@ TEST(RangeMap, OverlapsByStrategy) {
     EXPECT_EQ(map.StoreRange(c.base, c.high - c.base + 1, 2), c.stored) << c.picture;
     EXPECT_EQ(picture(map), c.picture);
   }
-}
-
-TEST(RangeMap, TruncateUpperCrossesSeveralRanges) {
-  Map map;
-  map.SetMergeStrategy(kUpper);
-  map.StoreRange(0x10, 0x10, 1);
-  map.StoreRange(0x30, 0x10, 2);
-  EXPECT_TRUE(map.StoreRange(0x18, 0x48, 3));
-  EXPECT_EQ(picture(map), "10-1f:1 30-3f:2 40-5f:3+28 ");
-}
-
-TEST(RangeMap, EdgesOfTheAddressSpace) {
-  Map map;
-  testing::internal::CaptureStderr();
-  EXPECT_FALSE(map.StoreRange(5, 0, 1));
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-  testing::internal::CaptureStderr();
-  EXPECT_FALSE(map.StoreRange(kTop, 2, 1));
-  EXPECT_THAT(testing::internal::GetCapturedStderr(),
-              testing::HasSubstr("INFO: StoreRangeInternal failed, 0xffffffffffffffff+0x2, 0x0, "
-                                 "delta: 0x0\n"));
-  EXPECT_TRUE(map.StoreRange(kTop, 1, 7));
-  int entry = 0;
-  EXPECT_TRUE(map.RetrieveRange(kTop, &entry, nullptr, nullptr, nullptr));
-  EXPECT_EQ(entry, 7);
-}
-
-TEST(RangeMap, NearestIsTheHighestRangeBelow) {
-  Map map;
-  map.StoreRange(0x10, 0x10, 1);
-  map.StoreRange(0x30, 0x10, 2);
-  const struct {
-    uint64_t address;
-    bool in, near;
-    int entry;
-  } kCases[] = {{0xf, false, false, 0}, {0x10, true, true, 1}, {0x1f, true, true, 1},
-                {0x20, false, true, 1}, {0x3f, true, true, 2}, {0x40, false, true, 2},
-                {kTop, false, true, 2}, {0x2f, false, true, 1}};
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(c.address);
-    int entry = 0;
-    uint64_t base = 0, delta = 9, size = 0;
-    EXPECT_EQ(map.RetrieveRange(c.address, &entry, nullptr, nullptr, nullptr), c.in);
-    EXPECT_EQ(map.RetrieveNearestRange(c.address, &entry, &base, &delta, &size), c.near);
-    EXPECT_EQ(entry, c.entry);
-    if (c.near) {
-      EXPECT_EQ(std::tuple(base, delta, size), std::tuple(c.entry * 0x20 - 0x10, 0, 0x10));
-    }
-  }
-  int entry = 0;
-  uint64_t base = 0;
-  EXPECT_TRUE(map.RetrieveRangeAtIndex(1, &entry, &base, nullptr, nullptr));
-  EXPECT_EQ(base, 0x30U);
-}
-
-TEST(AddressMap, NearestBelowAndFirstWins) {
-  AddressMap<uint64_t, int> map;
-  int entry = 0;
-  uint64_t address = 0;
-  EXPECT_FALSE(map.Retrieve(5, &entry, nullptr));
-  EXPECT_TRUE(map.Store(0x10, 1));
-  EXPECT_TRUE(map.Store(0x20, 2));
-  testing::internal::CaptureStderr();
-  EXPECT_FALSE(map.Store(0x20, 3));
-  EXPECT_THAT(testing::internal::GetCapturedStderr(),
-              testing::EndsWith("INFO: Store failed, address 0x20 is already present\n"));
-  EXPECT_FALSE(map.Retrieve(0xf, &entry, &address));
-  EXPECT_TRUE(map.Retrieve(0x1f, &entry, &address));
-  EXPECT_EQ(std::pair(entry, address), std::pair(1, uint64_t{0x10}));
-  EXPECT_TRUE(map.Retrieve(kTop, &entry, &address));
-  EXPECT_EQ(std::pair(entry, address), std::pair(2, uint64_t{0x20}));
-}
-
-TEST(ContainersDeathTest, NullEntryEndsTheProcess) {
-  EXPECT_DEATH(Map().RetrieveRange(1, nullptr, nullptr, nullptr, nullptr),
-               "ERROR: RangeMap::RetrieveRange requires .entry.(.|\n)*`entry'");
-  EXPECT_DEATH((AddressMap<uint64_t, int>().Retrieve(1, nullptr, nullptr)),
-               "ERROR: AddressMap::Retrieve requires .entry.(.|\n)*`entry'");
 }
 
 // The blocks under all containers against std::map, in orders that append, prepend, split and empty
@@ -191,34 +112,6 @@ TEST(BlockMap, AgreesWithAnOrderedMap) {
     while (!blocks.empty()) blocks.erase(blocks.begin());
     EXPECT_EQ(blocks.begin(), blocks.end());
   }
-}
-
-TEST(LinkedPtr, TheLastOwnerDeletes) {
-  struct Counted {
-    explicit Counted(int* count) : alive(count) { ++*alive; }
-    ~Counted() { --*alive; }
-    int* alive;
-  };
-  int alive = 0;
-  {
-    std::vector<linked_ptr<Counted>> owners;
-    for (int i = 0; i < 3; ++i) owners.emplace_back(new Counted(&alive));
-    owners.insert(owners.begin(), owners[2]);  // moves and copies within one ring
-    owners[1] = owners[3];
-    EXPECT_EQ(alive, 2);
-    linked_ptr<Counted>& same = owners[2];
-    owners[2] = same;
-    owners.erase(owners.begin() + 2);
-    EXPECT_EQ(alive, 1);
-    linked_ptr<Counted> outlives = owners[0];
-    owners.clear();
-    EXPECT_EQ(alive, 1);
-    Counted* released = outlives.release();
-    EXPECT_TRUE(outlives == nullptr);
-    EXPECT_EQ(alive, 1);
-    outlives.reset(released);
-  }
-  EXPECT_EQ(alive, 0);
 }
 
 }  // namespace

@@ -73,16 +73,4 @@ TEST(ResolveAddresses, AnswersBeforeTheNextQuestion) {
   EXPECT_THAT(result.out, testing::HasSubstr("\"address\": 4096, "));
 }
 
-TEST(ResolveAddresses, RefusesWhatItCannotLoad) {
-  const TemporaryDirectory directory;
-  EXPECT_EQ(resolve("", "").status, 2);
-  EXPECT_EQ(resolve("a.sym zz", "").status, 2);
-  const Result missing = resolve(directory / "none", "");
-  EXPECT_EQ(missing.status, 1);
-  EXPECT_THAT(missing.err, testing::HasSubstr("ERROR: Could not open "));
-  const Result damaged = resolve(directory.file("a.symb", "SYMB\3"), "1000\n");
-  EXPECT_EQ(damaged.status, 1);
-  EXPECT_THAT(damaged.err, testing::HasSubstr("damaged SYMB file\n"));
-}
-
 }  // namespace

@@ -79,16 +79,6 @@ TEST(Resolver, KeepsModulesByDebugIdentifier) {
   EXPECT_TRUE(resolver.LoadModuleUsingMapBuffer(&first, kText));
 }
 
-TEST(Resolver, ACorruptModuleAnswersAsWell) {
-  const TestModule code(kBase, "1");
-  BasicSourceLineResolver resolver;
-  EXPECT_TRUE(resolver.LoadModuleUsingMapBuffer(&code, std::string(kText) + "bad\n"));
-  EXPECT_TRUE(resolver.IsModuleCorrupt(&code));
-  EXPECT_EQ(function_at(resolver, &code, 0x40100f), "f");
-  resolver.UnloadModule(&code);
-  EXPECT_FALSE(resolver.IsModuleCorrupt(&code));
-}
-
 // SYMB symbols lie in the buffer that they were loaded from.
 TEST(Resolver, TheBufferOfSymbDataIsKept) {
   const TestModule code(kBase, "1");
@@ -102,94 +92,6 @@ TEST(Resolver, TheBufferOfSymbDataIsKept) {
   EXPECT_EQ(function_at(resolver, &code, 0x40100f), "f");
   resolver.UnloadModule(&code);
   EXPECT_EQ(function_at(resolver, &code, 0x40100f), "");
-}
-
-TEST(Resolver, ReadSymbolFile) {
-  const TemporaryDirectory directory;
-  const std::string path = directory.file("a.sym", "abc"), empty = directory.file("empty", "");
-  const timespec old_times[2] = {{1000, 0}, {2000, 0}};
-  ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), old_times, 0), 0);
-  char* data = nullptr;
-  size_t size = 0;
-  ASSERT_TRUE(SourceLineResolverBase::ReadSymbolFile(path, &data, &size));
-  EXPECT_EQ(std::string(data, size), std::string("abc\0", 4));
-  delete[] data;
-  struct stat status;
-  ASSERT_EQ(stat(path.c_str(), &status), 0);
-  EXPECT_GT(status.st_atime, 1000);  // marked as used
-  EXPECT_EQ(status.st_mtime, 2000);
-  ASSERT_TRUE(SourceLineResolverBase::ReadSymbolFile(empty, &data, &size));
-  EXPECT_EQ(std::string(data, size), std::string(1, '\0'));
-  delete[] data;
-
-  const auto failure = [&](const std::string& file) {
-    return log_of(
-        [&] { EXPECT_FALSE(SourceLineResolverBase::ReadSymbolFile(file, &data, &size)); });
-  };
-  EXPECT_THAT(failure(directory / "none"), HasSubstr("ERROR: Could not open " + directory / "none" +
-                                                     ", error 2: No such file or directory\n"));
-  EXPECT_THAT(failure(directory.path()), HasSubstr("ERROR: Could not slurp "));
-  EXPECT_EQ(data, nullptr);
-  EXPECT_THAT(
-      log_of([&] { EXPECT_FALSE(SourceLineResolverBase::ReadSymbolFile(path, nullptr, &size)); }),
-      HasSubstr("ERROR: Could not Read file into Null memory pointer\n"));
-}
-
-// A resolver over modules of another kind, which keeps its buffers.
-class KeepingResolver : public SourceLineResolverBase {
- public:
-  explicit KeepingResolver(ModuleFactory* factory) : SourceLineResolverBase(factory) {}
-  bool ShouldDeleteMemoryBufferAfterLoadModule() override { return false; }
-};
-
-class FailingModule : public SourceLineResolverBase::Module {
- public:
-  explicit FailingModule(bool corrupt) : corrupt_(corrupt) {}
-  bool LoadMapFromMemory(char* buffer, size_t) override {
-    buffer_ = buffer;
-    return false;
-  }
-  bool IsCorrupt() const override { return corrupt_; }
-  void LookupAddress(StackFrame* frame) const override { frame->function_name = buffer_; }
-  WindowsFrameInfo* FindWindowsFrameInfo(const StackFrame*) const override { return nullptr; }
-  CFIFrameInfo* FindCFIFrameInfo(const StackFrame*) const override { return nullptr; }
-
- private:
-  bool corrupt_;
-  const char* buffer_ = nullptr;
-};
-
-class FailingFactory : public ModuleFactory {
- public:
-  explicit FailingFactory(bool corrupt) : corrupt_(corrupt) {}
-  SourceLineResolverBase::Module* CreateModule(const std::string&) const override {
-    return new FailingModule(corrupt_);
-  }
-
- private:
-  bool corrupt_;
-};
-
-TEST(Resolver, KeptBuffersAndFailedLoads) {
-  const TestModule code(kBase, "1"), other(kBase, "2");
-  KeepingResolver resolver(new FailingFactory(true));
-  const std::string log =
-      log_of([&] { EXPECT_TRUE(resolver.LoadModuleUsingMapBuffer(&code, "kept")); });
-  EXPECT_THAT(log, HasSubstr("ERROR: Too many error while parsing symbol data for module a.exe\n"));
-  EXPECT_TRUE(resolver.IsModuleCorrupt(&code));
-  EXPECT_TRUE(resolver.LoadModuleUsingMapBuffer(&other, "too"));
-  StackFrame frame;
-  frame.module = &code;
-  resolver.FillSourceLineInfo(&frame);
-  EXPECT_EQ(frame.function_name, "kept");
-  resolver.UnloadModule(&code);
-  EXPECT_TRUE(resolver.HasModule(&other));  // its buffer goes with the resolver
-}
-
-TEST(ResolverDeathTest, AFailedLoadMustBeCorrupt) {
-  const TestModule code(kBase, "1");
-  KeepingResolver resolver(new FailingFactory(false));
-  EXPECT_DEATH(resolver.LoadModuleUsingMapBuffer(&code, ""), "IsCorrupt\\(\\)");
 }
 
 TEST(Logging, LinesAndHelpers) {

@@ -51,15 +51,6 @@ class StreamReaderTest : public testing::Test {
 
 using Refusal = pdb_recoverable_exception;
 
-TEST_F(StreamReaderTest, ReadsConsecutivePagesInPlace) {
-  StreamReader reader = open({2, 3, 4});
-  const DataPtr<char> all = reader.read<char>(3 * kPage);
-  EXPECT_FALSE(all.isAllocated);
-  EXPECT_EQ(text(all, 3 * kPage), file.substr(2 * kPage, 3 * kPage));
-  EXPECT_EQ(reader.available(), 0u);
-  EXPECT_THROW(reader.read<char>(), Refusal);  // only what comes behind fails
-}
-
 TEST_F(StreamReaderTest, CopiesWhatCrossesASeam) {
   StreamReader reader = open({2, 5, 6});
   reader.seek(13);
@@ -82,40 +73,6 @@ TEST_F(StreamReaderTest, RefusesACopyThatEndsWithTheLastPage) {
   EXPECT_TRUE(reader.read<char>(kPage + 3).isAllocated);
   reader.seek(kPage);
   EXPECT_FALSE(reader.read<char>(kPage).isAllocated);
-}
-
-TEST_F(StreamReaderTest, ReadsOnFromTheEndOfARun) {
-  StreamReader reader = open({2, 5, 6});
-  EXPECT_FALSE(reader.read<char>(kPage).isAllocated);
-  const DataPtr<char> next = reader.read<char>(4);
-  EXPECT_TRUE(next.isAllocated);
-  EXPECT_EQ(text(next, 4), file.substr(5 * kPage, 4));
-}
-
-TEST_F(StreamReaderTest, TakesTheRecordsSizeForNone) {
-  StreamReader reader = open({2});
-  reader.read<uint8_t>(0);
-  EXPECT_EQ(reader.getOffset(), 1u);
-  reader.read<le_uint32>(0);
-  EXPECT_EQ(reader.getOffset(), 5u);
-  reader.align(4);
-  EXPECT_EQ(reader.getOffset(), 8u);
-  reader.align(4);
-  EXPECT_EQ(reader.getOffset(), 8u);
-}
-
-TEST_F(StreamReaderTest, SeeksAnywhereInItsPages) {
-  StreamReader reader = open({2, 3, 9, 5, 6}, 70);
-  for (const uint32_t offset : {79u, 0u, 33u, 31u, 47u, 70u, 32u, 64u, 15u}) {
-    reader.seek(offset);
-    const uint32_t page[] = {2, 3, 9, 5, 6};
-    EXPECT_EQ(*reader.getData(), static_cast<uint8_t>(file[page[offset / 16] * 16 + offset % 16]))
-        << offset;
-  }
-  EXPECT_THROW(reader.seek(80), Refusal);
-  EXPECT_EQ(reader.getOffset(), 15u);  // where it was
-  EXPECT_TRUE(reader.isValidOffset(79));
-  EXPECT_FALSE(reader.isValidOffset(80));
 }
 
 TEST_F(StreamReaderTest, MeasuresStringsAcrossSeams) {
@@ -157,12 +114,6 @@ TEST_F(StreamReaderTest, LandsTooFarBehindASecondSeam) {
   const DataPtr<char> name = reader.readString();
   EXPECT_EQ(std::strlen(name.data), 12u + 16 + 2);
   EXPECT_EQ(reader.getOffset(), 4u + 33);
-}
-
-TEST_F(StreamReaderTest, RefusesAStringWithoutEnd) {
-  StreamReader reader = open({2, 5});
-  reader.seek(3);
-  EXPECT_THROW(reader.readString(), Refusal);
 }
 
 TEST_F(StreamReaderTest, RefusesPagesThatTheFileDoesNotHold) {

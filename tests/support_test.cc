@@ -47,19 +47,6 @@ TEST(MsfBuilderTest, LaysHeaderStreamsAndDirectory) {
   EXPECT_EQ(file.bytes[file.offset_of(1, 64)], 't');
 }
 
-TEST(MsfBuilderTest, OrdersPagesAsAsked) {
-  const auto pages = [](PageOrder order) {
-    MsfBuilder msf(64);
-    msf.add_stream(std::string(150, 'a'));
-    msf.add_stream(std::string(100, 'b'));
-    return msf.order(order).build().stream_pages;
-  };
-  using Pages = std::vector<std::vector<uint32_t>>;
-  EXPECT_EQ(pages(PageOrder::kContiguous), (Pages{{3, 4, 5}, {6, 7}}));
-  EXPECT_EQ(pages(PageOrder::kReversed), (Pages{{5, 4, 3}, {7, 6}}));
-  EXPECT_EQ(pages(PageOrder::kInterleaved), (Pages{{3, 5, 7}, {4, 6}}));
-}
-
 TEST(ModuleBuilderTest, LaysSymbolsAndSubsections) {
   ModuleBuilder module;
   const uint32_t first = module.file(0x11, "\xAA\xBB\xCC", 1);
@@ -89,47 +76,6 @@ TEST(ModuleBuilderTest, LaysSymbolsAndSubsections) {
             "0c00 0000");
 }
 
-TEST(CodeViewTest, CompressesNumbersAndSigns) {
-  EXPECT_EQ(hex_dump(compressed(0x7F)), "7f");
-  EXPECT_EQ(hex_dump(compressed(0x1234)), "9234");
-  EXPECT_EQ(hex_dump(compressed(0x12345678)), "d234 5678");
-  EXPECT_EQ(Annotations::signed_operand(-3), 7u);
-  EXPECT_EQ(Annotations::signed_operand(3), 6u);
-}
-
-TEST(CodeViewTest, LaysPublicSymbolsAndTables) {
-  EXPECT_EQ(hex_dump(public_symbol("_f@4", 1, 0x20)),
-            "1200 0e11 0200 0000 2000 0000 0100 5f66\n"
-            "4034 0000");
-  EXPECT_EQ(hex_dump(section_header({.name = ".text",
-                                     .address = 0x1000,
-                                     .virtual_size = 0x123,
-                                     .raw_size = 0x200,
-                                     .raw_offset = 0x400})),
-            "2e74 6578 7400 0000 2301 0000 0010 0000\n"
-            "0002 0000 0004 0000 0000 0000 0000 0000\n"
-            "0000 0000 2000 0060");
-  EXPECT_EQ(hex_dump(fpo_record({.start = 0x1000,
-                                 .code_size = 0x20,
-                                 .locals = 0x10,
-                                 .params = 3,
-                                 .prolog = 5,
-                                 .saved_regs = 2,
-                                 .uses_base_pointer = true})),
-            "0010 0000 2000 0000 1000 0000 0300 0512");
-  EXPECT_EQ(hex_dump(frame_data_record({.start = 0x1000,
-                                        .code_size = 0x20,
-                                        .locals = 8,
-                                        .params = 12,
-                                        .max_stack = 16,
-                                        .program = 0x31,
-                                        .prolog = 5,
-                                        .saved_regs = 4,
-                                        .flags = 4})),
-            "0010 0000 2000 0000 0800 0000 0c00 0000\n"
-            "1000 0000 3100 0000 0500 0400 0400 0000");
-}
-
 TEST(TypeStreamBuilderTest, LaysRecordsWithEachPadding) {
   TypeStreamBuilder types;
   EXPECT_EQ(types.modifier(0x70, 1), 0x1000u);
@@ -144,41 +90,6 @@ TEST(TypeStreamBuilderTest, LaysRecordsWithEachPadding) {
             "6162 6364 6500 0000 0400 0616 6162 1600\n"  // none; structure
             "0515 0000 0000 0000 0000 0000 0000 0000\n"
             "0000 0400 5300");
-}
-
-TEST(PdbBuilderTest, NamesItsStreams) {
-  PdbBuilder pdb;
-  const uint32_t name = pdb.names.add("a.cc");
-  pdb.add_module("m", "o").file(name);
-  pdb.section({.name = ".text", .address = 0x1000});
-  pdb.dbi.age = 0x2A;
-  const MsfFile file = pdb.build();
-
-  const auto stream = [&](uint32_t number, size_t from, size_t count) {
-    return hex_dump(file.bytes.substr(file.offset_of(number, 0) + from, count));
-  };
-  EXPECT_EQ(stream(1, 0, 0x48),
-            "942e 3101 0000 0000 0100 0000 6745 2301\n"  // version, time, age, GUID
-            "ab89 efcd 1032 5476 98ba dcfe 0700 0000\n"  // size of the names
-            "2f6e 616d 6573 0001 0000 0001 0000 0001\n"  // /names; entries, capacity, words
-            "0000 0001 0000 0000 0000 0000 0000 0005\n"  // present, deleted, name, stream
-            "0000 00dc 5133 01ee");
-  EXPECT_EQ(stream(5, 0, 0x24),
-            "feef feef 0100 0000 0600 0000 0061 2e63\n"
-            "6300 0200 0000 0000 0000 0100 0000 0100\n"
-            "0000 eeee");
-  EXPECT_EQ(stream(3, 0, 64 + 68 + 22),
-            "ffff ffff 7709 3101 2a00 0000 ffff 008e\n"  // signature, version, age
-            "ffff 0000 0600 0000 4400 0000 0000 0000\n"  // symbol records; module records' size
-            "0000 0000 0000 0000 0000 0000 0000 0000\n"
-            "1600 0000 0000 0000 0000 6486 0000 0000\n"  // debug header's size; machine
-            "0000 0000 ffff 0000 0000 0000 ffff ffff\n"  // module: first contribution
-            "0000 0000 ffff 0000 0000 0000 0000 0000\n"
-            "0000 0800 0400 0000 0000 0000 1000 0000\n"  // stream, sizes
-            "0000 0000 0000 0000 0000 0000 0000 0000\n"
-            "6d00 6f00 ffff ffff ffff ffff ffff 0700\n"  // names; debug header: sections
-            "ffff ffff ffff ffff ffff");
-  EXPECT_EQ(debug_id(pdb.info.guid, 0x2A), "0123456789ABCDEF1032547698BADCFE2a");
 }
 
 TEST(PeBuilderTest, LaysHeadersAndSections) {

@@ -149,23 +149,6 @@ TEST(SymbLookupTest, FindsFunctionsLinesSitesAndPublics) {
   }
 }
 
-TEST(SymbLookupTest, FindsSitesWithoutALineForTheAddress) {
-  SymbModel model;
-  model.functions = {{0x10, 0x10, 0, "f", {{0x10, 4, 1, 1}}, {{0x14, 8, 1, 5, 0, "site"}}}};
-  EXPECT_EQ(described(Symbols(model).lookup(0x16)), "f@10 | site :5");
-}
-
-TEST(SymbLookupTest, PassesEmptyFunctionsAndTables) {
-  SymbModel model;
-  EXPECT_EQ(described(Symbols(model).lookup(5)), "nothing");
-  EXPECT_EQ(described(Symbols(model).frame_info(5).get()), "nothing");
-  EXPECT_EQ(described(Symbols(model).cfi(5).get()), "nothing");
-  model.publics = {{4, 0, "public"}};
-  EXPECT_EQ(described(Symbols(model).lookup(5)), "public@4");
-  model.functions = {{4, 0, 0, "empty", {}, {}}, {4, 4, 0, "f", {}, {}}, {8, 1, 0, "g", {}, {}}};
-  EXPECT_EQ(described(Symbols(model).lookup(5)), "f@4");
-}
-
 // The sites of a function may stand in any order and cut one another: the answer is that of a tree
 // into which they are stored one by one.
 TEST(SymbLookupTest, StacksSitesAsATreeOfThemWould) {
@@ -202,31 +185,6 @@ TEST(SymbLookupTest, StacksSitesAsATreeOfThemWould) {
   }
 }
 
-TEST(SymbLookupTest, FindsFrameInfo) {
-  SymbModel model = rich_symb_model(2);
-  model.frame_info[3].push_back({0x2000, 0x2010, "never found"});
-  const struct {
-    uint64_t address;
-    const char* expected;
-  } kCases[] = {
-      {0xfff, "nothing"},
-      {0x1000, "4 -1 1 2 3 4 5 6 0 $T0 .raSearch ="},
-      {0x101f, "4 -1 1 2 3 4 5 6 0 inner program"},
-      {0x1020, "4 -1 1 2 3 4 5 6 0 $T0 .raSearch ="},
-      {0x1080, "4 -1 1 2 3 4 5 6 0 $T0 .raSearch ="},  // frame data goes before FPO
-      {0x1700, "0 -1 1 2 3 4 5 6 1 "},
-      {0x17ff, "0 -1 1 2 3 4 5 6 1 "},
-      {0x1800, "nothing"},
-      {0x2005, "-1 1 0 0 0 0 0 0 0 "},       // the function's parameters
-      {0x100001000, "-1 1 0 0 8 0 0 0 0 "},  // it sees the low 32 bits, frame info all of them
-      {0x3000, "nothing"},
-  };
-  Symbols symbols(model);
-  for (const auto& c : kCases) {
-    EXPECT_EQ(described(symbols.frame_info(c.address).get()), c.expected) << c.address;
-  }
-}
-
 // In version 3 the fallback takes records of 48 bytes to be 32 bytes long. Of two functions the
 // second one's place is then taken by the first one's `inlines`, whose offset passes for an
 // address.
@@ -237,40 +195,6 @@ TEST(SymbLookupTest, TakesParametersAtTheStrideOfOlderVersions) {
   EXPECT_EQ(described(Symbols(model).frame_info(0x10002).get()), "nothing");
   model.version = 2;
   EXPECT_EQ(described(Symbols(model).frame_info(0x10002).get()), "-1 1 0 0 8 0 0 0 0 ");
-}
-
-TEST(SymbLookupTest, DamagedFrameInfoEndsTheSearch) {
-  std::string block = rich_symb_model(2).bytes();
-  const uint64_t root4 = get_u64(block, kSymbFrameInfo) + 4 * 64;
-  const uint64_t map4 = get_u64(block, root4 + 48);
-  put_u64(block, map4 + 48, map4);  // a range inside itself
-  EXPECT_EQ(described(Symbols(block).frame_info(0x1000).get()), "-1 1 0 0 8 0 0 0 0 ");
-  put_u64(block, kSymbFrameInfo + 8, 0);
-  EXPECT_EQ(described(Symbols(block).frame_info(0x1000).get()), "-1 1 0 0 8 0 0 0 0 ");
-}
-
-TEST(SymbLookupTest, AppliesRulesUpToTheAddress) {
-  SymbModel model = rich_symb_model();
-  model.delta_rules.insert(model.delta_rules.begin() + 3, {0x1005, "malformed"});
-  model.initial_rules.push_back({0x1200, 8, "malformed"});
-  const struct {
-    uint64_t address;
-    const char* expected;
-  } kCases[] = {
-      {0xfff, "nothing"},
-      {0x1000, "$rsp 32 + / .cfa 8 - ^"},
-      {0x1003, "$rsp 32 + / .cfa 8 - ^"},
-      {0x1004, "$rsp 32 + / .cfa 8 - ^ / $rbx = 7"},
-      {0x10ff, "$rsp 32 + / .cfa 8 - ^ / $rbx = 7"},
-      {0x1100, "$rsp 48 + / "},
-      {0x1110, "nothing"},
-      {0x1200, "nothing"},
-      {0x100001000, "$rsp 48 + / .cfa 8 - ^ / $rbx = 7 / dropped = 2"},  // 64 bits end the walk
-  };
-  Symbols symbols(model);
-  for (const auto& c : kCases) {
-    EXPECT_EQ(described(symbols.cfi(c.address).get()), c.expected) << c.address;
-  }
 }
 
 std::string image_of(const std::string& text) {
@@ -341,24 +265,6 @@ TEST(SymbLookupTest, SeveralThreadsShareAReadOnlyBlock) {
   for (unsigned seed = 0; seed < 4; ++seed) threads.emplace_back(work, seed);
   for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(wrong, 0);
-}
-
-// A block that passes validation can be asked anything: no changed byte leads a lookup outside.
-TEST(SymbLookupTest, ValidBlocksAreSafe) {
-  const std::string base = rich_symb_model().bytes();
-  for (size_t i = 0; i < base.size(); ++i) {
-    for (const int change : {0x01, 0x10, 0xFF}) {
-      std::string block = base;
-      block[i] = static_cast<char>(block[i] ^ change);
-      if (!symb_validate(reinterpret_cast<uint64_t>(block.data()), block.size())) continue;
-      Symbols symbols(block);
-      for (uint64_t address = 0x7f0; address < 0x3010; address += 0x30) {
-        symbols.lookup(address);
-        symbols.frame_info(address);
-        symbols.cfi(address);
-      }
-    }
-  }
 }
 
 }  // namespace

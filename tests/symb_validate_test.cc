@@ -114,38 +114,4 @@ TEST(SymbValidateTest, RefusesDamagedReferences) {
   EXPECT_FALSE(valid(block)) << "string table without an end";
 }
 
-TEST(SymbValidateTest, ChecksOneRange) {
-  const std::string base = rich_symb_model().bytes();
-  const uint64_t strings_end =
-      get_u64(base, kSymbStringTable) + get_u64(base, kSymbStringTable + 8);
-  const uint64_t map4 = get_u64(base, get_u64(base, kSymbFrameInfo) + 4 * 64 + 48);
-  const GuardedBlock block(base);
-  const auto check = [&](uint64_t at, uint64_t end) {
-    return valicate_window_frame_info(block.address() + at, block.address(), block.size(), end);
-  };
-  EXPECT_TRUE(check(map4, strings_end));
-  EXPECT_FALSE(check(map4, strings_end + 1)) << "no string ends there";
-  EXPECT_FALSE(check(map4, get_u64(base, map4 + 32)));
-  EXPECT_FALSE(check(base.size() - 8, strings_end));
-  EXPECT_FALSE(check(map4, base.size() + 1));
-}
-
-// What passes can be read: no change of a byte may make the two disagree.
-TEST(SymbValidateTest, WhatPassesIsReadWhole) {
-  const std::string base = rich_symb_model().bytes();
-  int passed = 0;
-  for (size_t i = 0; i < base.size(); ++i) {
-    for (const int change : {0x01, 0x08, 0x80, 0xFF}) {
-      std::string block = base;
-      block[i] = static_cast<char>(block[i] ^ change);
-      if (!valid(block)) continue;
-      ++passed;
-      TextBuffer text;
-      EXPECT_TRUE(symb_read(block.data(), block.size(), text)) << i;
-    }
-  }
-  EXPECT_GT(passed, 100);
-  for (size_t size = 0; size < base.size(); ++size) EXPECT_FALSE(valid(base.substr(0, size)));
-}
-
 }  // namespace

@@ -119,22 +119,6 @@ TEST(SymbWriterTest, DescriptionShowsWhatIsWritten) {
   EXPECT_EQ(hex_dump(shown), hex_dump(image_of(parts[1])));
 }
 
-TEST(SymbWriterTest, SortsStringsByUnsignedBytes) {
-  SymbModel model;
-  model.os = "w";
-  model.files = {{1, "n\xc3\xa4me"},
-                 {2, "name"},
-                 {3, "name.cpp"},
-                 {4, "name.cpp and more of it"},
-                 {5, "name.cpp and more of that"},
-                 {6, "\x7f"},
-                 {7, "\xff"}};
-  EXPECT_EQ(image_of("MODULE w x86_64 0123 a.pdb\nFILE 7 \xff\nFILE 6 \x7f\n"
-                     "FILE 5 name.cpp and more of that\nFILE 4 name.cpp and more of it\n"
-                     "FILE 3 name.cpp\nFILE 2 name\nFILE 1 n\xc3\xa4me\n"),
-            model.bytes());
-}
-
 TEST(SymbWriterTest, TakesTheIdentityFromTheHeaderLines) {
   const std::string module = "MODULE windows x86_64 0123 a.pdb\n";
   const std::string longest = "MODULE windows x86_64 0123 " + std::string(4068, 'x');  // 4095
@@ -222,35 +206,6 @@ TEST(SymbWriterTest, RoundTripMakesTheListedChangesOnly) {
   EXPECT_EQ(text_of(image_of(changed)), changed.substr(0, changed.find("STACK WIN 4 1000 8")) +
                                             "STACK WIN 4 1000 8 0 0 0 0 0 0 0 0\n" +
                                             changed.substr(changed.find("STACK WIN 0")));
-}
-
-TEST(SymbWriterTest, ImagesComeBackByteByByte) {
-  SymbModel model = rich_symb_model();
-  model.files.erase(model.files.begin());  // the text has no numbers below 0
-  model.functions[1].sites.clear();        // nor sites of a function without lines
-  model.functions[2].lines[0].line = 3;
-  model.delta_rules.erase(model.delta_rules.begin());
-  model.delta_rules.pop_back();  // nor rules that lie in no range
-  EXPECT_EQ(image_of(text_of(model.bytes())), model.bytes());
-
-  SymbolTextShape shape;
-  shape.inline_depth = 4;
-  const std::string image = image_of(symbol_text(shape));
-  EXPECT_TRUE(valid(image));
-  EXPECT_EQ(image_of(text_of(image)), image);
-}
-
-TEST(SymbWriterTest, CutsAddressesTo32Bits) {
-  EXPECT_EQ(text_of(image_of("MODULE w x 0 a\nFUNC 100001000 100000008 0 f\n"
-                             "100001000 8 1 1\nPUBLIC ffffffff2 0 p\n"
-                             "STACK CFI INIT 200000010 8 r: 1\n")),
-            "MODULE w x 0 a\nFUNC 1000 8 0 f\n1000 8 1 1\nPUBLIC fffffff2 0 p\n"
-            "STACK CFI INIT 10 8 r: 1\n");
-  // Ranges that reach up to 4 GiB are whole.
-  EXPECT_TRUE(
-      valid(image_of("MODULE w x 0 a\nFUNC fffffff0 10 0 f\nfffffff0 10 1 1\n"
-                     "I fffffff0 10 1 1 0 i\nSTACK WIN 4 0 100000000 0 0 0 0 0 0 0 0\n"
-                     "STACK CFI INIT 0 100000000 r: 1\n")));
 }
 
 TEST(SymbWriterTest, SurvivesDeepNesting) {

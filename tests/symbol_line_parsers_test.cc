@@ -154,39 +154,6 @@ TEST(SymbolParseHelper, AcceptsAndRefuses) {
   }
 }
 
-TEST(SymbolParseHelperDeathTest, WrongPrefix) {
-  char line[] = "FUN";
-  EXPECT_DEATH(file(line), "strncmp\\(file_line, \"FILE \", 5\\) == 0");
-  EXPECT_DEATH(function(line), "strncmp\\(function_line, \"FUNC \", 5\\) == 0");
-  EXPECT_DEATH(public_symbol(line), "strncmp\\(public_line, \"PUBLIC \", 7\\) == 0");
-}
-
-TEST(Tokenizer, SplitsAndKeepsTheRest) {
-  const struct {
-    const char* line;
-    int num_tokens;
-    std::vector<std::string> tokens;
-  } kLines[] = {
-      {" a  b c d\r\n", 3, {"a", "b", "c d"}},
-      {"a b", 3, {"a", "b"}},
-      {"a b", 2, {"a", "b"}},
-      {"a b c", 1, {"b c"}},  // one token: the first word is lost
-      {"a", 1, {}},
-      {"", 2, {}},
-      {"\r\n", 2, {}},
-  };
-  for (const auto& c : kLines) {
-    std::string line = c.line;
-    std::vector<char*> tokens = {line.data()};
-    EXPECT_EQ(TokenizeTry(line.data(), " \r\n", c.num_tokens, &tokens),
-              static_cast<int>(c.tokens.size()));
-    EXPECT_EQ(std::vector<std::string>(tokens.begin(), tokens.end()), c.tokens) << c.line;
-  }
-  std::vector<char> copy;
-  StringToVector("", copy);
-  EXPECT_EQ(copy, std::vector<char>{'\0'});
-}
-
 TEST(WindowsFrameInfo, ParsesAndRefuses) {
   const struct {
     const char* text;

@@ -39,15 +39,6 @@ TEST(SymPathTest, NamesTheFileAfterTheDebugFile) {
   }
 }
 
-TEST(SymPathTest, MakesTheFoldersAndAcceptsThoseThatAreThere) {
-  const TemporaryDirectory root;
-  std::string path;
-  for (int i = 0; i < 2; ++i) {
-    EXPECT_TRUE(synthesize_sym_path(root.path().c_str(), "a.pdb", "X", false, true, path));
-    EXPECT_EQ(list_tree(root.path()), (Tree{{"a.pdb", "dir 0700"}, {"a.pdb/X", "dir 0700"}}));
-  }
-}
-
 TEST(SymPathTest, RefusesWhatWouldLeadOutOfItsFolder) {
   const TemporaryDirectory root;
   const std::string tree = root.folder("tree");
@@ -123,14 +114,6 @@ TEST(IdentityTest, RefusesIdentityLinesThatFillTheirBuffer) {
   EXPECT_FALSE(identity_of(text(4096)).valid);
   EXPECT_FALSE(identity_of(module + "a.pdb\n" + text(4096)).valid);
   EXPECT_TRUE(identity_of(module + "a.pdb\nFUNC " + std::string(9000, 'x') + "\n").valid);
-}
-
-TEST(StrupperTest, LeavesTheFirstCharacter) {
-  for (const auto& [before, after] : {std::pair("abc", "aBC"), {"/names", "/NAMES"}, {"", ""}}) {
-    std::string text = before;
-    EXPECT_STREQ(strupper(text.data()), after);
-  }
-  EXPECT_EQ(strupper(nullptr), nullptr);
 }
 
 }  // namespace

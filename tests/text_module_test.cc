@@ -187,23 +187,6 @@ TEST(TextModule, BadLines) {
   }
 }
 
-TEST(TextModule, ARangePastTheLargestAddressIsLoggedButNoError) {
-  const Loaded loaded =
-      load("FUNC 1000 10 0 f\nfffffffffffffffe 8 1 1\nFUNC fffffffffffffffe 8 0 g\n");
-  EXPECT_THAT(loaded.log, HasSubstr("INFO: StoreRangeInternal failed, 0xfffffffffffffffe+0x8, "
-                                    "0x5, delta: 0x0\n"));
-  EXPECT_FALSE(loaded.module->IsCorrupt());
-}
-
-TEST(TextModule, OnlyTenErrorsAreSeen) {
-  std::string text;
-  for (int i = 0; i < 11; ++i) text += "bad\n";
-  const Loaded loaded = load(text);
-  EXPECT_THAT(loaded.log, HasSubstr("Line 10: "));
-  EXPECT_THAT(loaded.log, testing::Not(HasSubstr("Line 11: ")));
-  EXPECT_TRUE(loaded.module->IsCorrupt());
-}
-
 TEST(TextModule, EndOfTheBuffer) {
   const struct {
     std::string buffer;
@@ -227,81 +210,6 @@ TEST(TextModule, EndOfTheBuffer) {
     EXPECT_TRUE(module.LoadMapFromMemory(buffer.data(), buffer.size()));
     EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr(c.message)) << c.buffer;
     EXPECT_EQ(dump(module), std::string(c.dump) + "WIN\nWIN\nWIN\nWIN\nWIN\n") << c.buffer;
-  }
-}
-
-// Both ways of reading give one module, whatever the text, and never a crash.
-TEST(TextModule, QuickAndExactReadersAgreeOnDamagedText) {
-  std::mt19937 random(5);
-  constexpr std::string_view kBytes("0123456789abcdef \n\r\0:-xI", 25);
-  for (int round = 0; round < 3000; ++round) {
-    std::string text(kText, sizeof(kText) - 1);
-    for (int change = random() % 6; change > 0; --change) {
-      const size_t at = random() % text.size();
-      switch (random() % 5) {
-        case 0:
-          text.erase(at, 1 + random() % 40);
-          break;
-        case 1:
-          text.insert(at, text.substr(random() % text.size(), random() % 60));
-          break;
-        case 2:
-          text.resize(at + 1);
-          break;
-        default:
-          text[at] = kBytes[random() % kBytes.size()];
-      }
-    }
-    const Loaded quick = load(text), exact = load(text, Readers::kExact);
-    ASSERT_EQ(dump(*quick.module), dump(*exact.module)) << text;
-    ASSERT_EQ(std::count(quick.log.begin(), quick.log.end(), '\n'),
-              std::count(exact.log.begin(), exact.log.end(), '\n'));
-  }
-}
-
-// Lines and sites in any order against the containers themselves.
-TEST(TextModule, GatherersAgreeWithTheContainers) {
-  std::mt19937 random(9);
-  for (int round = 0; round < 2000; ++round) {
-    LineGatherer lines;
-    InlineGatherer sites;
-    RangeMap<MemAddr, int> line_map;
-    ContainedRangeMap<MemAddr, int> site_map;
-    MemAddr rising = 0;
-    for (int i = 0; i < 30; ++i) {
-      // Mostly rising addresses, so that the switch of order comes early, late, or never.
-      rising += random() % 4;
-      const MemAddr base = random() % 30 == 0 ? random() % 64 : rising;
-      const MemAddr size = i % 7 == 3 ? random() % 40 : random() % 6;
-      lines.Store({base, size, i, i});
-      line_map.StoreRange(base, size, i);
-      BasicSourceLineResolver::InlineFunction site;
-      site.function_address = base;
-      site.code_size = size;
-      site.source_line = i;
-      sites.Store(site, "name");
-      site_map.StoreRange(base, size, i);
-    }
-    Arena arena;
-    BasicSourceLineResolver::Function function;
-    lines.MoveTo(arena, &function);
-    sites.MoveTo(arena, &function);
-    ASSERT_EQ(function.lines().size(), static_cast<size_t>(line_map.GetCount()));
-    size_t index = 0;
-    for (const auto& [high, range] : line_map.GetMap()) {
-      ASSERT_EQ(function.lines()[index++].line, range.entry());
-    }
-    std::vector<int> expected, given;
-    const auto visit = [&](const auto& self, const ContainedRange<MemAddr, int>& range) -> void {
-      if (range.Map() == nullptr) return;
-      for (const auto& [high, inner] : *range.Map()) {
-        expected.push_back(inner->Entry());
-        self(self, *inner);
-      }
-    };
-    visit(visit, site_map);
-    for (const auto& site : function.inlines()) given.push_back(site.source_line);
-    ASSERT_EQ(given, expected);
   }
 }
 
@@ -417,21 +325,6 @@ TEST_F(Lookups, CFIRules) {
   for (const auto& [address, answer] : kCases) {
     EXPECT_EQ(cfi_at(address), answer) << std::hex << address;
   }
-}
-
-// Meant for the thread sanitizer: lookups share nothing that they write.
-TEST_F(Lookups, FromSeveralThreads) {
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([this] {
-      for (int round = 0; round < 500; ++round) {
-        EXPECT_EQ(at(0x1017), "f+401000 b.c:2+401010");
-        EXPECT_EQ(win_at(0x1008), "4 ffffffff 4 ");
-        EXPECT_EQ(cfi_at(0x1000), "$esp 4 +|.cfa 4 - ^|");
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
 }
 
 }  // namespace

@@ -167,32 +167,6 @@ TEST(TypeNamesTest, RendersEachKindOfRecord) {
   }
 }
 
-TEST(TypeNamesTest, ShowsResultsOfUnderlyingFunctions) {
-  TypeStreamBuilder b;
-  const uint32_t s = b.structure("S");
-  const uint32_t procedure = b.procedure(b.modifier(kInt, 1), b.arguments({b.modifier(s, 1)}), 1);
-  const uint32_t method = b.member_function(kInt, s, 0, b.arguments({}), 0);
-  const uint32_t pointer = b.pointer(b.modifier(method, 1));
-  Types types(b);
-  const uint32_t flags = TypeNames::IsUnderlying;
-  EXPECT_EQ(types.text(procedure, flags), "int const (*)(S const)");
-  EXPECT_EQ(types.text(method, flags), "int (S::*)()");
-  EXPECT_EQ(types.text(pointer - 1, flags), "()");  // what a modifier is of is not underlying
-}
-
-TEST(TypeNamesTest, LooksUpIdsOnlyAtTheTop) {
-  TypeStreamBuilder types;
-  const uint32_t procedure = types.procedure(kInt, types.arguments({kInt}), 1);
-  TypeStreamBuilder ids;
-  const uint32_t id = ids.function_id("ns::f", procedure);
-  ids.add(0x1602, Bytes().u32(0).u32(procedure).zstr("method").str());
-  Types both(types, ids);
-  EXPECT_EQ(both.text(id, TypeNames::IsTopLevel, true), "ns::f(int)");
-  EXPECT_TRUE(both.is_function());
-  both.text(id + 1, TypeNames::IsTopLevel, true);
-  EXPECT_FALSE(both.is_function());
-}
-
 TEST(TypeNamesTest, WarnsOfAnUnknownPointerEachTime) {
   TypeStreamBuilder b;
   const uint32_t unknown = b.pointer(kInt, 5 << 5 | 0x400);
@@ -249,20 +223,6 @@ TEST(TypeTableTest, SkipsFillAndNothingElse) {
   EXPECT_EQ(Types(b).text(kFirst + 1), "x");
 }
 
-TEST(TypeTableTest, StopsAtARecordOfZeros) {
-  for (const std::string& zero :
-       {Bytes().u16(0).u16(LEAF::LF_ENUM).str(), Bytes().u16(2).u16(0).str()}) {
-    TypeStreamBuilder b;
-    b.structure("S");
-    b.raw(zero);
-    b.structure("T");
-    b.override_max(0xFFFFFFFF);
-    Types types(b);
-    EXPECT_EQ(types.text(kFirst), "S");
-    EXPECT_EQ(types.table().size(), 1u);
-  }
-}
-
 TEST(TypeTableTest, RunsOffThePages) {
   const auto load = [](TypeStreamBuilder& b, size_t cut) {
     std::string stream = b.stream();
@@ -288,12 +248,6 @@ TEST(TypeTableTest, RunsOffThePages) {
   EXPECT_THROW(load(pointer, 4), pdb_recoverable_exception);
   EXPECT_THROW(load(list, 0), pdb_recoverable_exception);
   EXPECT_THROW(load(number, 0), pdb_recoverable_exception) << "a negative size";
-}
-
-TEST(TypeTableTest, RefusesACountThatWraps) {
-  TypeStreamBuilder b;
-  const uint32_t list = b.add(LEAF::LF_ARGLIST, bytes32(0x3FFFFFFF));
-  EXPECT_THROW(Types(b).text(list), pdb_exception);
 }
 
 // Whatever part of a record a page seam cuts, the text is that of the record in one piece.
