@@ -13,10 +13,10 @@
 #include <string>
 
 #include "bench/pdb_generator.h"
+#include "builders/bytes.h"
 #include "common/symb.h"
 #include "common/text_buffer.h"
 #include "symforge/src/PDBParser.h"
-#include "builders/bytes.h"
 
 namespace {
 

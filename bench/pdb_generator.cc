@@ -281,8 +281,7 @@ void Generator::add_unwind(uint32_t length) {
     }
   }
   const auto blocks = static_cast<uint8_t>(random_.below(16));
-  info.slots.insert(info.slots.begin(),
-                    builders::unwind_slot(12, builders::kAllocSmall, blocks));
+  info.slots.insert(info.slots.begin(), builders::unwind_slot(12, builders::kAllocSmall, blocks));
   entries_.push_back(
       {kTextRva + code_, kTextRva + code_ + length, static_cast<uint32_t>(unwind_.size())});
   unwind_.text(info.bytes()).align(4);

@@ -12,11 +12,11 @@
 #include <random>
 #include <vector>
 
+#include "builders/symbol_text.h"
 #include "common/symb.h"
 #include "common/text_buffer.h"
 #include "google_breakpad/processor/basic_source_line_resolver.h"
 #include "google_breakpad/processor/stack_frame.h"
-#include "builders/symbol_text.h"
 
 namespace {
 

@@ -11,9 +11,9 @@
 #include <string_view>
 #include <vector>
 
-#include "fuzz/mutate.h"
 #include "builders/bytes.h"
 #include "builders/msf_builder.h"
+#include "fuzz/mutate.h"
 
 using builders::get_u32;
 using builders::MsfBuilder;

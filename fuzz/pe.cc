@@ -2,11 +2,11 @@
 
 #include <string>
 
+#include "builders/pdb_builder.h"
 #include "common/text_buffer.h"
 #include "fuzz/harness.h"
 #include "symforge/src/PDBParser.h"
 #include "symforge/src/pe_image.h"
-#include "builders/pdb_builder.h"
 
 using namespace google_breakpad;
 

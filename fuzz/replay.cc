@@ -14,9 +14,9 @@
 #include <string>
 #include <vector>
 
+#include "builders/bytes.h"
 #include "fuzz/harness.h"
 #include "fuzz/mutate.h"
-#include "builders/bytes.h"
 
 namespace {
 

@@ -6,11 +6,11 @@
 #include <string>
 #include <string_view>
 
-#include "fuzz/symb_images.h"
 #include "builders/bytes.h"
 #include "builders/codeview_builder.h"
 #include "builders/pdb_builder.h"
 #include "builders/pe_builder.h"
+#include "fuzz/symb_images.h"
 
 namespace {
 

@@ -6,8 +6,8 @@
 #include <sstream>
 #include <string>
 
-#include "symforge/src/PDBParser.h"
 #include "builders/pdb_builder.h"
+#include "symforge/src/PDBParser.h"
 #include "tests/support/process.h"
 
 namespace google_breakpad {

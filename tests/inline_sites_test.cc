@@ -7,11 +7,11 @@
 #include <string>
 #include <vector>
 
+#include "builders/pdb_builder.h"
 #include "processor/contained_range_map.h"
 #include "symforge/src/InlineTree.h"
 #include "symforge/src/PDBParser.h"
 #include "symforge/src/binary_annotations.h"
-#include "builders/pdb_builder.h"
 #include "tests/support/process.h"
 
 namespace google_breakpad {

@@ -10,14 +10,13 @@
 #include <unordered_map>
 #include <vector>
 
-#include "tests/pdb_text.h"
 #include "builders/pe_builder.h"
+#include "tests/pdb_text.h"
 
 namespace test_support {
 
 using namespace builders;
 namespace {
-
 
 // FUNC, PUBLIC and line records: everything behind the head of the file.
 std::string records(const Conversion& result) {

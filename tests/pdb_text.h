@@ -7,9 +7,9 @@
 #include <string>
 #include <string_view>
 
-#include "symforge/src/PDBParser.h"
 #include "builders/bytes.h"
 #include "builders/pdb_builder.h"
+#include "symforge/src/PDBParser.h"
 #include "tests/support/process.h"
 
 namespace test_support {

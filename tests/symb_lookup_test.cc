@@ -9,13 +9,13 @@
 #include <sstream>
 #include <thread>
 
+#include "builders/bytes.h"
+#include "builders/symbol_text.h"
 #include "common/symb.h"
 #include "google_breakpad/processor/basic_source_line_resolver.h"
 #include "google_breakpad/processor/stack_frame.h"
 #include "processor/contained_range_map.h"
-#include "builders/bytes.h"
 #include "tests/support/symb_builder.h"
-#include "builders/symbol_text.h"
 
 using namespace google_breakpad;
 using namespace builders;

@@ -7,9 +7,9 @@
 #include <cstdio>
 #include <sstream>
 
+#include "builders/bytes.h"
 #include "common/symb.h"
 #include "common/text_buffer.h"
-#include "builders/bytes.h"
 #include "tests/support/symb_builder.h"
 
 using namespace builders;

@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
+#include "builders/bytes.h"
 #include "common/symb.h"
 #include "common/text_buffer.h"
-#include "builders/bytes.h"
 #include "tests/support/symb_builder.h"
 
 using namespace builders;

@@ -5,11 +5,11 @@
 #include <memory>
 #include <sstream>
 
+#include "builders/bytes.h"
+#include "builders/symbol_text.h"
 #include "common/symb.h"
 #include "common/text_buffer.h"
-#include "builders/bytes.h"
 #include "tests/support/symb_builder.h"
-#include "builders/symbol_text.h"
 
 using namespace builders;
 using namespace test_support;

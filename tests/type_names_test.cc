@@ -20,9 +20,9 @@ namespace {
 using builders::Bytes;
 using builders::MsfBuilder;
 using builders::PageOrder;
-using test_support::TemporaryDirectory;
 using builders::TypePadding;
 using builders::TypeStreamBuilder;
+using test_support::TemporaryDirectory;
 
 constexpr uint32_t kInt = 0x74;
 constexpr uint32_t kChar = 0x70;
