@@ -12,10 +12,10 @@ void put(std::string& bytes, size_t offset, uint64_t value, size_t size) {
   for (size_t i = 0; i < size; ++i) bytes.at(offset + i) = static_cast<char>(value >> (8 * i));
 }
 
-uint32_t get(std::string_view bytes, size_t offset, size_t size) {
-  uint32_t value = 0;
+uint64_t get(std::string_view bytes, size_t offset, size_t size) {
+  uint64_t value = 0;
   for (size_t i = 0; i < size; ++i) {
-    value |= static_cast<uint32_t>(static_cast<unsigned char>(bytes.at(offset + i))) << (8 * i);
+    value |= uint64_t{static_cast<unsigned char>(bytes.at(offset + i))} << (8 * i);
   }
   return value;
 }
@@ -27,11 +27,15 @@ constexpr std::string_view kDigits = "0123456789abcdef";
 void put_u8(std::string& bytes, size_t offset, uint8_t value) { put(bytes, offset, value, 1); }
 void put_u16(std::string& bytes, size_t offset, uint16_t value) { put(bytes, offset, value, 2); }
 void put_u32(std::string& bytes, size_t offset, uint32_t value) { put(bytes, offset, value, 4); }
+void put_u64(std::string& bytes, size_t offset, uint64_t value) { put(bytes, offset, value, 8); }
 
 uint16_t get_u16(std::string_view bytes, size_t offset) {
   return static_cast<uint16_t>(get(bytes, offset, 2));
 }
-uint32_t get_u32(std::string_view bytes, size_t offset) { return get(bytes, offset, 4); }
+uint32_t get_u32(std::string_view bytes, size_t offset) {
+  return static_cast<uint32_t>(get(bytes, offset, 4));
+}
+uint64_t get_u64(std::string_view bytes, size_t offset) { return get(bytes, offset, 8); }
 
 std::string hex_dump(std::string_view bytes) {
   std::string dump;

@@ -58,9 +58,11 @@ class Bytes {
 void put_u8(std::string& bytes, size_t offset, uint8_t value);
 void put_u16(std::string& bytes, size_t offset, uint16_t value);
 void put_u32(std::string& bytes, size_t offset, uint32_t value);
+void put_u64(std::string& bytes, size_t offset, uint64_t value);
 
 uint16_t get_u16(std::string_view bytes, size_t offset);
 uint32_t get_u32(std::string_view bytes, size_t offset);
+uint64_t get_u64(std::string_view bytes, size_t offset);
 
 // "0600 6d61 696e": lower-case digits, a blank behind every two bytes, a newline behind every 16.
 std::string hex_dump(std::string_view bytes);

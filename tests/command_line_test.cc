@@ -180,7 +180,7 @@ TEST(StdoutTest, ReportsAFullDevice) {
   EXPECT_EQ(result.err, "symforge: failed to write: 28\n");
 }
 
-const std::string kData = SYMFORGE_TEST_DATA;
+const std::string kData = SYMFORGE_FIXTURES;
 
 // A pair of a real tool chain, taken apart: which parts a conversion finds, and where.
 class ImageTest : public ::testing::Test {

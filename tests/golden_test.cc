@@ -18,7 +18,7 @@ namespace test_support {
 using namespace builders;
 namespace {
 
-const std::string kData = SYMFORGE_TEST_DATA "/";
+const std::string kData = SYMFORGE_FIXTURES "/";
 
 std::string golden(const std::string& name) { return read_file(kData + name + ".sym"); }
 std::string pdb(const std::string& name) { return kData + name + ".pdb"; }

@@ -10,16 +10,16 @@
 #include <thread>
 
 #include "builders/bytes.h"
+#include "builders/guarded_block.h"
+#include "builders/symb_builder.h"
 #include "builders/symbol_text.h"
 #include "common/symb.h"
 #include "google_breakpad/processor/basic_source_line_resolver.h"
 #include "google_breakpad/processor/stack_frame.h"
 #include "processor/contained_range_map.h"
-#include "tests/support/symb_builder.h"
 
 using namespace google_breakpad;
 using namespace builders;
-using namespace test_support;
 
 namespace {
 
@@ -241,7 +241,7 @@ TEST(SymbLookupTest, AgreesWithTheTextModuleOnRealFiles) {
   for (const char* name : {"calls32", "calls64", "engine32", "engine64"}) {
     SCOPED_TRACE(name);
     with_inlines +=
-        expect_agreement(read_file(std::string(SYMFORGE_TEST_DATA "/") + name + ".sym"), addresses);
+        expect_agreement(read_file(std::string(SYMFORGE_FIXTURES "/") + name + ".sym"), addresses);
   }
   EXPECT_GT(with_inlines, 0);
 }

@@ -8,12 +8,12 @@
 #include <sstream>
 
 #include "builders/bytes.h"
+#include "builders/guarded_block.h"
+#include "builders/symb_builder.h"
 #include "common/symb.h"
 #include "common/text_buffer.h"
-#include "tests/support/symb_builder.h"
 
 using namespace builders;
-using namespace test_support;
 
 namespace {
 

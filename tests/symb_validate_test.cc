@@ -1,12 +1,12 @@
 #include <gtest/gtest.h>
 
 #include "builders/bytes.h"
+#include "builders/guarded_block.h"
+#include "builders/symb_builder.h"
 #include "common/symb.h"
 #include "common/text_buffer.h"
-#include "tests/support/symb_builder.h"
 
 using namespace builders;
-using namespace test_support;
 
 namespace {
 

@@ -6,13 +6,12 @@
 #include <sstream>
 
 #include "builders/bytes.h"
+#include "builders/symb_builder.h"
 #include "builders/symbol_text.h"
 #include "common/symb.h"
 #include "common/text_buffer.h"
-#include "tests/support/symb_builder.h"
 
 using namespace builders;
-using namespace test_support;
 
 namespace {
 

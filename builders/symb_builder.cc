@@ -1,17 +1,10 @@
-#include "tests/support/symb_builder.h"
+#include "builders/symb_builder.h"
 
-#include <sys/mman.h>
-#include <unistd.h>
-
-#include <cstring>
 #include <map>
-#include <stdexcept>
 
 #include "builders/bytes.h"
 
-namespace test_support {
-
-using namespace builders;
+namespace builders {
 
 namespace {
 
@@ -202,30 +195,4 @@ SymbModel rich_symb_model(uint32_t version) {
   return model;
 }
 
-uint64_t get_u64(std::string_view bytes, size_t offset) {
-  return get_u32(bytes, offset) | uint64_t{get_u32(bytes, offset + 4)} << 32;
-}
-
-void put_u64(std::string& bytes, size_t offset, uint64_t value) {
-  put_u32(bytes, offset, static_cast<uint32_t>(value));
-  put_u32(bytes, offset + 4, static_cast<uint32_t>(value >> 32));
-}
-
-GuardedBlock::GuardedBlock(std::string_view bytes) : size_(bytes.size()) {
-  const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-  const size_t used = (bytes.size() + page - 1) / page * page;
-  mapping_size_ = used + page;
-  void* mapping =
-      mmap(nullptr, mapping_size_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  if (mapping == MAP_FAILED) throw std::runtime_error("mmap");
-  mapping_ = static_cast<char*>(mapping);
-  mprotect(mapping_ + used, page, PROT_NONE);
-  data_ = mapping_ + used - size_;
-  if (size_ != 0) std::memcpy(data_, bytes.data(), size_);
-}
-
-GuardedBlock::~GuardedBlock() { munmap(mapping_, mapping_size_); }
-
-void GuardedBlock::make_read_only() { mprotect(mapping_, mapping_size_, PROT_READ); }
-
-}  // namespace test_support
+}  // namespace builders

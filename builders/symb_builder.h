@@ -6,11 +6,10 @@
 #include <array>
 #include <cstdint>
 #include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
 
-namespace test_support {
+namespace builders {
 
 struct SymbLine {
   uint32_t address, size;
@@ -85,27 +84,4 @@ enum SymbField : size_t {
   kSymbSections = 168,
 };
 
-uint64_t get_u64(std::string_view bytes, size_t offset);
-void put_u64(std::string& bytes, size_t offset, uint64_t value);
-
-// Bytes that end right before a page that cannot be touched: reading on ends the process.
-class GuardedBlock {
- public:
-  explicit GuardedBlock(std::string_view bytes);
-  ~GuardedBlock();
-  GuardedBlock(const GuardedBlock&) = delete;
-  GuardedBlock& operator=(const GuardedBlock&) = delete;
-
-  char* data() const { return data_; }
-  size_t size() const { return size_; }
-  uint64_t address() const { return reinterpret_cast<uint64_t>(data_); }
-  void make_read_only();
-
- private:
-  char* mapping_;
-  size_t mapping_size_;
-  char* data_;
-  size_t size_;
-};
-
-}  // namespace test_support
+}  // namespace builders
