@@ -239,6 +239,15 @@ TEST_F(ImageTest, ComesWithItsLink) {
                                     {target_, "file 0600 " + text}}));
 }
 
+// A link that leads nowhere is no folder, and stands in the way of one.
+TEST_F(ImageTest, EndsWhereItsFoldersCannotBeMade) {
+  const std::string folder = tree_ + "/a.pdb";
+  std::filesystem::create_symlink("nowhere", folder);
+  const Result result = run({pdb_, tree_});
+  EXPECT_EQ(result.status, 255);
+  EXPECT_EQ(result.err, "mkdir1 " + folder + ": File exists\n");
+}
+
 // The image's own debug record names engine64.pdb.
 TEST_F(ImageTest, JoinsTheSymbolFileInTheTreeOnce) {
   Result result = run({"-e", exe_, "-s", tree_});

@@ -20,7 +20,6 @@ namespace google_breakpad {
 namespace {
 
 constexpr mode_t kFolderMode = 0777;
-constexpr size_t kPathRoom = 4096;
 
 bool hasValidSignature(const MMapWrapper& mapping) {
   static_assert(MMapWrapper::kGuardBytes >= sizeof(PDBHeader));
@@ -39,21 +38,22 @@ void refuseNoPageSize(uint32_t pageSize) {
 std::string baseName(const std::string& path) { return path.substr(path.rfind('/') + 1); }
 
 // Makes a folder unless something of that name is there. Several processes may fill one tree, so
-// one that another process makes in between is as good.
-void makeFolder(const char* path, const char* step) {
-  if (access(path, F_OK) == 0 || mkdir(path, kFolderMode) == 0 || errno == EEXIST) return;
-  std::fprintf(stderr, "%s %s: %s\n", step, path, std::strerror(errno));
+// one that another process makes in between is as good; a link that leads nowhere is not.
+void makeFolder(const std::string& path, const char* step) {
+  const auto exists = [&path] { return access(path.c_str(), F_OK) == 0; };
+  if (exists() || mkdir(path.c_str(), kFolderMode) == 0) return;
+  const int error = errno;
+  if (error == EEXIST && exists()) return;
+  std::fprintf(stderr, "%s %s: %s\n", step, path.c_str(), std::strerror(error));
   std::exit(-1);
 }
 
 // The folders of a PDB in a symbol tree: ROOT/NAME/IDENTIFIER.
 void makeTreeFolders(const char* root, const std::string& name, const std::string& id) {
   if (access(root, F_OK) != 0) mkdir(root, kFolderMode);
-  char path[kPathRoom];
-  std::snprintf(path, sizeof(path), "%s/%s", root, name.c_str());
-  makeFolder(path, "mkdir1");
-  std::snprintf(path, sizeof(path), "%s/%s/%s", root, name.c_str(), id.c_str());
-  makeFolder(path, "mkdir2");
+  const std::string folder = std::string(root) + "/" + name;
+  makeFolder(folder, "mkdir1");
+  makeFolder(folder + "/" + id, "mkdir2");
   // The name of the symbol file is made by exchanging an extension: there must be one.
   assert(name.find('.') != std::string::npos);
 }
