@@ -167,6 +167,15 @@ TEST(TypeNamesTest, RendersEachKindOfRecord) {
   }
 }
 
+TEST(TypeNamesTest, IndexZeroIsNoTypeEvenWithARecord) {
+  TypeStreamBuilder b;
+  b.procedure(kInt, 0, 0);
+  const std::string from_zero = b.stream().replace(8, 8, bytes32(0) + bytes32(1));
+  Types types(from_zero, TypeStreamBuilder().stream(), 4096);
+  EXPECT_EQ(types.text(0), "...");
+  EXPECT_FALSE(types.table().isFunction(0));
+}
+
 TEST(TypeNamesTest, WarnsOfAnUnknownPointerEachTime) {
   TypeStreamBuilder b;
   const uint32_t unknown = b.pointer(kInt, 5 << 5 | 0x400);

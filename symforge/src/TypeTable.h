@@ -43,11 +43,11 @@ class TypeTable {
   // Decodes the record of an index. False when there is none, or none of a kind that has a text.
   bool find(uint32_t type, TypeInfo& info) const;
 
-  // Whether the index is that of a function: LF_PROCEDURE, LF_MFUNCTION or LF_FUNC_ID. Touches no
-  // record.
+  // Whether the index is that of a function: LF_PROCEDURE, LF_MFUNCTION or LF_FUNC_ID. Index 0 is
+  // "no type", also in a table that begins with it. Touches no record.
   bool isFunction(uint32_t type) const {
     const uint32_t place = type - m_min;
-    return place < m_functions.size() && m_functions[place];
+    return type != 0 && place < m_functions.size() && m_functions[place];
   }
 
   // Whether some pointer record is of an unknown kind, so that rendering it would warn.

@@ -9,13 +9,11 @@
 #include <string>
 #include <string_view>
 
+#include "common/symb.h"
 #include "symforge/src/PDBParser.h"
 #include "symforge/src/file_io.h"
 #include "symforge/src/pe_image.h"
 #include "symforge/src/utils.h"
-
-// Until the format's own header stands.
-bool symb_read(char* in_buffer, size_t in_buffer_size, TextBuffer& out);
 
 namespace google_breakpad {
 
