@@ -160,7 +160,7 @@ SymbModel rich_symb_model(uint32_t version) {
   model.version = version;
   model.code_id = "5F1E2D3C21000";
   model.code_file = "a.exe";
-  model.files = {{-1, "negative.cpp"}, {1, "c:\\src\\a b.cpp"}, {7, "b.cpp"}};
+  model.files = {{0, "zero.cpp"}, {1, "c:\\src\\a b.cpp"}, {7, "b.cpp"}};
   model.functions = {
       {0x1000,
        0x100,
@@ -172,7 +172,7 @@ SymbModel rich_symb_model(uint32_t version) {
         {0x1028, 8, 9, 50, 2, "inner"},
         {0x1060, 8, 1, 60, 0, "second"}}},
       {0x1200, 0x10, -1, "no_lines", {}, {{0x1200, 8, 1, 1, 0, "unseen"}}},
-      {0x2000, 0x20, 0, "last", {{0x2000, 8, 99, -3}}, {}},
+      {0x2000, 0x20, 12, "last", {{0x2000, 8, 99, 3}}, {}},
   };
   model.publics = {
       {0x800, 4, "below"}, {0x1100, 0, "between"}, {0x2000, 0, "same"}, {0x3000, -1, "above"}};
@@ -185,7 +185,8 @@ SymbModel rich_symb_model(uint32_t version) {
   model.frame_info[3] = {{0x1500, 0x15ff, ""}};
   model.frame_info[0] = {{0x1080, 0x10ff, "", 1}, {0x1700, 0x17ff, "", 1}};
   model.initial_rules = {{0x1000, 0x100, ".cfa: $rsp 8 + .ra: .cfa 8 - ^"},
-                         {0x1100, 0x10, ".cfa: $rsp 16 +"}};
+                         {0x1100, 0x10, ".cfa: $rsp 16 +"},
+                         {0x2000, 0x10, "nonsense"}};
   model.delta_rules = {{0xfff, "dropped: 1"},
                        {0x1000, ".cfa: $rsp 32 +"},
                        {0x1004, "$rbx: 7"},

@@ -9,7 +9,7 @@
 
 #include "fuzz/harness.h"
 #include "fuzz/lookups.h"
-#include "fuzz/symb_images.h"
+#include "tests/support/symb_images.h"
 
 using fuzzing::require;
 using fuzzing::Symbols;
@@ -76,8 +76,8 @@ void compare_frame_infos(const Symbols& text, const Symbols& image, uint64_t add
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string text(reinterpret_cast<const char*>(data), size);
   if (may_hold_wide_number_anywhere(text)) return 0;
-  const auto image = fuzzing::image_of(text);
-  if (!image || !fuzzing::is_valid(*image)) return 0;
+  const auto image = test_support::image_of(text);
+  if (!image || !test_support::is_valid(*image)) return 0;
   // What an image is made of ends at the first NUL.
   const Symbols from_text(text.c_str());
   const Symbols from_image(*image);

@@ -6,11 +6,11 @@
 #include <string_view>
 
 #include "fuzz/harness.h"
-#include "fuzz/symb_images.h"
+#include "tests/support/symb_images.h"
 
-using fuzzing::image_of;
+using test_support::image_of;
 using fuzzing::require;
-using fuzzing::text_of;
+using test_support::text_of;
 
 namespace {
 
@@ -43,8 +43,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const auto second_image = image_of(*text);
   require(second_image.has_value(), "its text has an identity");
   // Addresses beyond 4 GiB were cut, and their tables may be out of order.
-  if (!fuzzing::is_valid(*image) || any_line_may_change_again(*text)) return 0;
-  require(fuzzing::is_valid(*second_image), "the image of such a text is good");
+  if (!test_support::is_valid(*image) || any_line_may_change_again(*text)) return 0;
+  require(test_support::is_valid(*second_image), "the image of such a text is good");
   const auto second_text = text_of(*second_image);
   require(second_text == text, "a second trip changes no text");
   require(image_of(*second_text) == second_image, "a third one changes no image");

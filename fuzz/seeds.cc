@@ -10,7 +10,7 @@
 #include "builders/codeview_builder.h"
 #include "builders/pdb_builder.h"
 #include "builders/pe_builder.h"
-#include "fuzz/symb_images.h"
+#include "tests/support/symb_images.h"
 
 namespace {
 
@@ -141,7 +141,7 @@ int main(int argc, char** argv) {
   for (const char* target : {"text_load_lookup", "round_trip", "lookup_agreement"}) {
     seed(target, "text", kText);
   }
-  const std::optional<std::string> symb = fuzzing::image_of(std::string(kText));
+  const std::optional<std::string> symb = test_support::image_of(std::string(kText));
   if (!symb) return 1;
   seed("symb", "version_3", *symb);
   std::string version_2 = *symb;

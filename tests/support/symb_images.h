@@ -1,4 +1,4 @@
-// SYMB images made from text, for targets that compare the two.
+// SYMB images made from text, and text made from images.
 
 #pragma once
 
@@ -10,7 +10,7 @@
 #include "common/symb.h"
 #include "common/text_buffer.h"
 
-namespace fuzzing {
+namespace test_support {
 
 // The image of a text; none if the text has no identity.
 inline std::optional<std::string> image_of(const std::string& text) {
@@ -32,4 +32,4 @@ inline std::optional<std::string> text_of(std::string image) {
   return std::string(text.view());
 }
 
-}  // namespace fuzzing
+}  // namespace test_support

@@ -1,23 +1,25 @@
-// From SYMB blocks to text, and relocation.
+// SYMB blocks from outside: what symb_validate() refuses, and the text that symb_read() makes of
+// good ones, odd ones and damaged ones. rich.sym is the text of the builders' rich model.
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cstdio>
-#include <sstream>
 
 #include "builders/bytes.h"
 #include "builders/guarded_block.h"
 #include "builders/symb_builder.h"
 #include "common/symb.h"
 #include "common/text_buffer.h"
+#include "tests/support/data.h"
 
 using namespace builders;
 
 namespace {
 
 constexpr const char* kNotRead = "(false)";
+const std::string kRichText = test_support::test_data("rich.sym");
 
 // Reads a copy that ends at an unreadable page.
 std::string read(const std::string& block) {
@@ -32,40 +34,10 @@ std::string read(const std::string& block) {
   return std::string(text.view().substr(7));
 }
 
-const char kRichText[] =
-    "MODULE windows x86_64 0123 a.pdb\n"
-    "INFO CODE_ID 5F1E2D3C21000 a.exe\n"
-    "INFO SECTION 0 virtaddr 1000 rawsize 400\n"
-    "INFO SECTION 1 virtaddr 123456789a rawsize 200\n"
-    "FILE -1 negative.cpp\n"
-    "FILE 1 c:\\src\\a b.cpp\n"
-    "FILE 7 b.cpp\n"
-    "PUBLIC 800 4 below\n"
-    "FUNC 1000 100 8 main\n"
-    "1000 10 10 1\n"
-    "1010 80 20 7\n"
-    "I 1010 40 30 1 0 outer\n"
-    "I 1020 20 40 7 1 middle\n"
-    "I 1028 8 50 9 2 inner\n"
-    "I 1060 8 60 1 0 second\n"
-    "PUBLIC 1100 0 between\n"
-    "FUNC 1200 10 ffffffff no_lines\n"
-    "FUNC 2000 20 0 last\n"
-    "2000 8 -3 99\n"
-    "PUBLIC 2000 0 same\n"
-    "PUBLIC 3000 ffffffff above\n"
-    "STACK WIN 4 1000 100 1 2 3 4 5 6 1 $T0 .raSearch =\n"
-    "STACK WIN 4 1010 10 1 2 3 4 5 6 1 inner program\n"
-    "STACK WIN 4 1030 10 1 2 3 4 5 6 0 0\n"
-    "STACK WIN 4 1200 100 1 2 3 4 5 6 0 0\n"
-    "STACK WIN 3 1500 100 1 2 3 4 5 6 0 0\n"
-    "STACK WIN 0 1080 80 1 2 3 4 5 6 0 1\n"
-    "STACK WIN 0 1700 100 1 2 3 4 5 6 0 1\n"
-    "STACK CFI INIT 1000 100 .cfa: $rsp 8 + .ra: .cfa 8 - ^\n"
-    "STACK CFI 1000 .cfa: $rsp 32 +\n"
-    "STACK CFI 1004 $rbx: 7\n"
-    "STACK CFI INIT 1100 10 .cfa: $rsp 16 +\n"
-    "STACK CFI 1100 .cfa: $rsp 48 +\n";
+bool valid(const std::string& block) {
+  const GuardedBlock copy(block);
+  return symb_validate(copy.address(), copy.size());
+}
 
 // The lines of a text but those that begin with one of the words.
 std::string without(std::string_view text, std::initializer_list<std::string_view> words) {
@@ -80,7 +52,7 @@ std::string without(std::string_view text, std::initializer_list<std::string_vie
   return kept;
 }
 
-TEST(SymbReadTest, PrintsEveryKindOfLineInEveryVersion) {
+TEST(SymbBlockTest, PrintsEveryKindOfLineInEveryVersion) {
   EXPECT_EQ(read(rich_symb_model(3).bytes()), kRichText);
   EXPECT_EQ(read(rich_symb_model(2).bytes()), without(kRichText, {"I "}));
   EXPECT_EQ(read(rich_symb_model(1).bytes()), without(kRichText, {"I ", "INFO SECTION"}));
@@ -96,7 +68,7 @@ TEST(SymbReadTest, PrintsEveryKindOfLineInEveryVersion) {
   EXPECT_EQ(read(SymbModel().bytes()), "MODULE windows x86_64 0123 a.pdb\n");
 }
 
-TEST(SymbReadTest, OddBlocksPrintWhatTheyPointAt) {
+TEST(SymbBlockTest, OddBlocksPrintWhatTheyPointAt) {
   const std::string base = rich_symb_model().bytes();
   const uint64_t functions = get_u64(base, kSymbFunctions);
 
@@ -126,6 +98,11 @@ TEST(SymbReadTest, OddBlocksPrintWhatTheyPointAt) {
   EXPECT_EQ(read(model.bytes()),
             "MODULE windows x86_64 0123 a.pdb\nSTACK CFI INIT ffffff00 100 a: 1\n");
 
+  // Numbers of files and lines are signed.
+  block = base;
+  put_u32(block, get_u64(base, kSymbFiles), 0xFFFFFFFF);
+  EXPECT_NE(read(block).find("FILE -1 zero.cpp\n"), std::string::npos);
+
   // Tables need not be aligned.
   block = base + std::string(3, '\0') + base.substr(get_u64(base, kSymbFiles), 3 * 16);
   put_u64(block, kSymbFiles, base.size() + 3);
@@ -138,22 +115,91 @@ TEST(SymbReadTest, OddBlocksPrintWhatTheyPointAt) {
   EXPECT_NE(read(block).find("no_lines\n1000 10 10 1\nI 1200 8 1 1 0 unseen\n"), std::string::npos);
 }
 
-TEST(SymbReadTest, RefusesWhatLiesOutsideTheBlock) {
+TEST(SymbBlockTest, TakesWrittenBlocks) {
+  for (const uint32_t version : {1u, 2u, 3u}) {
+    EXPECT_TRUE(valid(rich_symb_model(version).bytes())) << version;
+  }
+  EXPECT_TRUE(valid(SymbModel().bytes()));
+  SymbModel model;
+  model.functions = {{0xffffff00, 0x100, 0, "up to the last address", {{0xffffffff, 1, 1, 1}}, {}}};
+  model.frame_info[0] = {{0, 0xffffffff, "", 0, {{0, 0xffffffff, ""}}}};
+  EXPECT_TRUE(valid(model.bytes()));
+}
+
+// Damages that a model can express.
+TEST(SymbBlockTest, RefusesTablesOutOfOrder) {
+  const struct {
+    const char* what;
+    void (*damage)(SymbModel&);
+  } kCases[] = {
+      {"files", [](SymbModel& m) { std::swap(m.files[0], m.files[1]); }},
+      {"file twice", [](SymbModel& m) { m.files[1].first = m.files[2].first; }},
+      {"functions", [](SymbModel& m) { std::swap(m.functions[0], m.functions[1]); }},
+      {"overlapping functions", [](SymbModel& m) { m.functions[0].size = 0x201; }},
+      {"function past 4 GiB", [](SymbModel& m) { m.functions[2].size = 0xffffe001; }},
+      {"lines", [](SymbModel& m) { std::swap(m.functions[0].lines[0], m.functions[0].lines[1]); }},
+      {"overlapping lines", [](SymbModel& m) { m.functions[0].lines[0].size = 0x11; }},
+      {"sites", [](SymbModel& m) { std::swap(m.functions[0].sites[0], m.functions[0].sites[1]); }},
+      {"crossing sites", [](SymbModel& m) { m.functions[0].sites[1].size = 0x40; }},
+      {"empty site", [](SymbModel& m) { m.functions[0].sites[1].size = 0; }},
+      {"site past 4 GiB", [](SymbModel& m) { m.functions[0].sites[3].size = 0xfffffffe; }},
+      {"publics", [](SymbModel& m) { std::swap(m.publics[0], m.publics[1]); }},
+      {"public twice", [](SymbModel& m) { m.publics[1].address = m.publics[0].address; }},
+      {"ranges", [](SymbModel& m) { std::swap(m.frame_info[4][0], m.frame_info[4][1]); }},
+      {"overlapping ranges", [](SymbModel& m) { m.frame_info[4][1].base = 0x10ff; }},
+      {"range that leaves its container", [](SymbModel& m) { m.frame_info[4][0].last = 0x1038; }},
+      {"range below its container", [](SymbModel& m) { m.frame_info[4][0].base = 0x1011; }},
+      {"range that ends before it begins", [](SymbModel& m) { m.frame_info[0][1].last = 0x1600; }},
+      {"initial rules", [](SymbModel& m) { std::swap(m.initial_rules[0], m.initial_rules[1]); }},
+      {"overlapping initial rules", [](SymbModel& m) { m.initial_rules[0].size = 0x101; }},
+      {"delta rules", [](SymbModel& m) { std::swap(m.delta_rules[0], m.delta_rules[1]); }},
+      {"delta rule twice", [](SymbModel& m) { m.delta_rules[1].first = 0xfff; }},
+      {"foreign version", [](SymbModel& m) { m.version = 4; }},
+  };
+  for (const auto& c : kCases) {
+    SymbModel model = rich_symb_model();
+    c.damage(model);
+    EXPECT_FALSE(valid(model.bytes())) << c.what;
+  }
+}
+
+TEST(SymbBlockTest, RefusesDamagedReferences) {
   const std::string base = rich_symb_model().bytes();
+  const uint64_t strings = get_u64(base, kSymbStringTable);
+  const uint64_t strings_end = strings + get_u64(base, kSymbStringTable + 8);
+  const uint64_t files = get_u64(base, kSymbFiles);
   const uint64_t functions = get_u64(base, kSymbFunctions);
-  const uint64_t roots = get_u64(base, kSymbFrameInfo);
-  const uint64_t map4 = get_u64(base, roots + 4 * 64 + 48);
+  const uint64_t root4 = get_u64(base, kSymbFrameInfo) + 4 * 64;
+  const uint64_t map4 = get_u64(base, root4 + 48);
   const uint64_t end = base.size();
+  // What stays inside of the block can be read all the same.
+  constexpr bool kReadable = true;
   const struct {
     const char* what;
     size_t field;
     uint64_t value;
+    bool readable = false;
   } kCases[] = {
+      {"magic", 0, 0x0000000342594D53},
+      {"version 0", 0, 0x00000000424D5953},
+      {"string before the table", kSymbOs, strings - 1, kReadable},
+      {"string behind the table", kSymbOs, strings_end, kReadable},
+      {"string in the middle of one", kSymbOs, strings + 1, kReadable},
+      {"no string", kSymbOs, 0, kReadable},
       {"string at the end", kSymbOs, end},
       {"string beyond the end", kSymbOs, end + 1},
+      {"code identifier behind the table", kSymbCodeId, strings_end, kReadable},
       {"code identifier", kSymbCodeId, end + 1},
-      {"string table", kSymbStringTable, end + 1},
-      {"file table", kSymbFiles, end + 1},
+      {"string table beyond the block", kSymbStringTable, end, kReadable},
+      {"string table beyond the end", kSymbStringTable, end + 1},
+      {"string table size", kSymbStringTable + 8, UINT64_MAX - 7, kReadable},
+      {"string table size not padded", kSymbStringTable + 8, strings_end - strings - 1, kReadable},
+      {"no string table", kSymbStringTable + 8, 0, kReadable},
+      {"table unaligned", kSymbFiles, files + 4},
+      {"table in the header", kSymbFiles, 8},
+      {"two tables in one place", kSymbFiles, get_u64(base, kSymbPublics)},
+      {"empty table beyond the block", kSymbFiles, end + 8},
+      {"file table beyond the end", kSymbFiles, end + 1},
       {"file table without room", kSymbFiles, end},
       {"file table at 0", kSymbFiles, 0},
       {"function table at 0", kSymbFunctions, 0},
@@ -162,30 +208,39 @@ TEST(SymbReadTest, RefusesWhatLiesOutsideTheBlock) {
       {"initial rules at 0", kSymbInitialRules, 0},
       {"delta rules at 0", kSymbDeltaRules, 0},
       {"sections at 0", kSymbSections, 0},
-      {"sections", kSymbSections, end + 1},
+      {"sections", kSymbSections, end - 8},
       {"file count", kSymbFiles + 8, end / 16 + 1},
       {"count whose product wraps", kSymbFiles + 8, (1ull << 60) + 1},
       {"function count", kSymbFunctions + 8, UINT64_MAX},
       {"public count", kSymbPublics + 8, UINT64_MAX / 16},
+      {"four roots", kSymbFrameInfo + 8, 4, kReadable},
+      {"six roots", kSymbFrameInfo + 8, 6, kReadable},
       {"root count", kSymbFrameInfo + 8, UINT64_MAX / 64},
       {"initial rule count", kSymbInitialRules + 8, 1ull << 60},
       {"delta rule count", kSymbDeltaRules + 8, 1ull << 32},
       {"section count", kSymbSections + 8, 1ull << 60},
-      {"function name", functions, end},
-      {"lines", functions + 24, end + 1},
+      {"name of a function", functions, 8, kReadable},
+      {"name of a function at the end", functions, end},
+      {"lines beyond the end", functions + 24, end + 1},
       {"lines without room", functions + 24, end - 16},
-      {"inlines at 0", functions + 40, 0},
-      {"inlines", functions + 40, end - 64},
-      {"ranges", map4, end},
-      {"range count", roots + 4 * 64 + 56, 1ull << 58},
-      {"ranges that contain themselves", map4 + 48, map4},
+      {"lines that two functions share", functions + 2 * 48 + 24, get_u64(base, functions + 24),
+       kReadable},
+      {"sites unaligned", functions + 40, get_u64(base, functions + 40) + 1},
+      {"sites at 0", functions + 40, 0},
+      {"sites without room", functions + 40, end - 64},
+      {"ranges", root4 + 48, end},
+      {"range count", root4 + 56, 1ull << 58},
+      {"type of a range", map4, 0xffffffff00000003, kReadable},
+      {"program behind the table", map4 + 32, strings_end, kReadable},
       {"program", map4 + 32, end},
+      {"ranges that contain themselves", map4 + 48, map4},
+      {"count without ranges", map4 + 64 + 56, 1, kReadable},
   };
   for (const auto& c : kCases) {
     std::string block = base;
     put_u64(block, c.field, c.value);
-    if (c.field == map4) put_u64(block, roots + 4 * 64 + 48, c.value);
-    EXPECT_EQ(read(block), kNotRead) << c.what;
+    EXPECT_FALSE(valid(block)) << c.what;
+    EXPECT_EQ(read(block) != kNotRead, c.readable) << c.what;
   }
 
   std::string block = base;
@@ -194,12 +249,15 @@ TEST(SymbReadTest, RefusesWhatLiesOutsideTheBlock) {
   EXPECT_EQ(read(block), kNotRead) << "a range around its container";
 
   block = base;
+  block[strings_end - 1] = 'x';
+  EXPECT_FALSE(valid(block)) << "string table without an end";
+  block = base;
   put_u64(block, kSymbOs, end);
   EXPECT_EQ(read(block + "no end"), kNotRead);
   EXPECT_NE(read(block + std::string("end\0", 4)), kNotRead);
 }
 
-TEST(SymbReadTest, EndsOnAbsurdSharing) {
+TEST(SymbBlockTest, EndsOnAbsurdSharing) {
   // Every range of an array shares one leaf array, so a block of n bytes stands for n * n ranges.
   SymbModel model;
   model.frame_info[0].resize(3000, {0, 0, "", 0, {}});
@@ -214,7 +272,7 @@ TEST(SymbReadTest, EndsOnAbsurdSharing) {
   EXPECT_EQ(read(block), kNotRead);
 }
 
-TEST(SymbReadTest, SurvivesDeepNesting) {
+TEST(SymbBlockTest, SurvivesDeepNesting) {
   SymbModel model;
   model.frame_info[0] = {{0, 9, ""}};
   std::string block = model.bytes();

@@ -1,22 +1,23 @@
-// Lookups on SYMB blocks, all on read-only memory that ends at an unreadable page.
+// Lookups, by text modules and by SYMB blocks, the latter on read-only memory that ends at an
+// unreadable page.
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <memory>
 #include <numeric>
 #include <random>
 #include <sstream>
 #include <thread>
 
-#include "builders/bytes.h"
 #include "builders/guarded_block.h"
 #include "builders/symb_builder.h"
 #include "builders/symbol_text.h"
-#include "common/symb.h"
 #include "google_breakpad/processor/basic_source_line_resolver.h"
 #include "google_breakpad/processor/stack_frame.h"
 #include "processor/contained_range_map.h"
+#include "tests/support/code_module.h"
+#include "tests/support/data.h"
+#include "tests/support/symb_images.h"
 
 using namespace google_breakpad;
 using namespace builders;
@@ -24,21 +25,6 @@ using namespace builders;
 namespace {
 
 constexpr uint64_t kBase = 0x7ff600000000;
-
-class Code : public CodeModule {
- public:
-  uint64_t base_address() const override { return kBase; }
-  uint64_t size() const override { return 0; }
-  std::string code_file() const override { return "a.exe"; }
-  std::string code_identifier() const override { return ""; }
-  std::string debug_file() const override { return "a.pdb"; }
-  std::string debug_identifier() const override { return "0123"; }
-  std::string version() const override { return ""; }
-  CodeModule* Copy() const override { return new Code; }
-  uint64_t shrink_down_delta() const override { return 0; }
-  void SetShrinkDownDelta(uint64_t) override {}
-  bool is_unloaded() const override { return false; }
-};
 
 // A resolver with one module, from text or from a block.
 class Symbols {
@@ -74,7 +60,7 @@ class Symbols {
   }
 
  private:
-  Code code_;
+  const test_support::TestModule code_{kBase};
   GuardedBlock block_;
   BasicSourceLineResolver resolver_;
 };
@@ -96,7 +82,7 @@ std::string described(const StackFrame& frame, bool with_inlines = true) {
   return out.str();
 }
 
-std::string described(const WindowsFrameInfo* info) {
+std::string described(const std::unique_ptr<WindowsFrameInfo>& info) {
   if (info == nullptr) return "nothing";
   std::ostringstream out;
   out << info->type_ << ' ' << info->valid << ' ' << info->prolog_size << ' ' << info->epilog_size
@@ -106,17 +92,17 @@ std::string described(const WindowsFrameInfo* info) {
   return out.str();
 }
 
-std::string described(const CFIFrameInfo* info) {
+std::string described(const std::unique_ptr<CFIFrameInfo>& info) {
   if (info == nullptr) return "nothing";
   std::string text = info->cfa_rule() + " / " + info->ra_rule();
   for (const auto& [name, rule] : info->register_rules()) text += " / " + name + " = " + rule;
   return text;
 }
 
-TEST(SymbLookupTest, FindsFunctionsLinesSitesAndPublics) {
+TEST(LookupTest, FindsFunctionsLinesSitesAndPublics) {
   const struct {
     uint64_t address;
-    const char* version_3;
+    const char* version_3;  // the text's answer as well, but for the sites
     const char* version_2;
   } kCases[] = {
       {0x7ff, "nothing", "nothing"},
@@ -132,26 +118,71 @@ TEST(SymbLookupTest, FindsFunctionsLinesSitesAndPublics) {
       {0x1100, "between@1100", "nothing"},
       {0x1200, "no_lines@1200", "no_lines@1200"},
       {0x1210, "nothing", "nothing"},  // the function hides the publics below it
-      {0x2000, "last@2000 -:-3@2000", "last@2000 -:-3@2000"},
+      {0x2000, "last@2000 -:3@2000", "last@2000 -:3@2000"},  // a file that is not there
       {0x2020, "nothing", "nothing"},  // a public at the function's own address is hidden too
       {0x3000, "above@3000", "nothing"},
-      // Functions and lines see the low 32 bits, publics all of them.
-      {0x100001000, "main@1000 c:\\src\\a b.cpp:10@1000", "main@1000 c:\\src\\a b.cpp:10@1000"},
-      {0x100001010, "main@1000 b.cpp:20@1010", "main@1000 b.cpp:20@1010"},
       {0x100000800, "above@3000", "nothing"},
   };
+  Symbols text(test_support::test_data("rich_shuffled.sym"));
   Symbols version_3(rich_symb_model(3)), version_2(rich_symb_model(2)),
       version_1(rich_symb_model(1));
   for (const auto& c : kCases) {
-    EXPECT_EQ(described(version_3.lookup(c.address)), c.version_3) << c.address;
-    EXPECT_EQ(described(version_2.lookup(c.address)), c.version_2) << c.address;
-    EXPECT_EQ(described(version_1.lookup(c.address)), c.version_2) << c.address;
+    SCOPED_TRACE(c.address);
+    const StackFrame frame = version_3.lookup(c.address);
+    EXPECT_EQ(described(frame), c.version_3);
+    EXPECT_EQ(described(text.lookup(c.address)), described(frame, false));
+    EXPECT_EQ(described(version_2.lookup(c.address)), c.version_2);
+    EXPECT_EQ(described(version_1.lookup(c.address)), c.version_2);
+  }
+  // In a block functions and lines see the low 32 bits, publics and sites all of them.
+  EXPECT_EQ(described(version_3.lookup(0x100001010)), "main@1000 b.cpp:20@1010");
+  EXPECT_EQ(described(text.lookup(0x100001010)), "above@3000");
+}
+
+TEST(LookupTest, FindsFrameInfo) {
+  const struct {
+    uint64_t address;
+    const char* text;
+    const char* block = nullptr;  // null: as the text
+  } kCases[] = {
+      {0xfff, "nothing"},
+      {0x1000, "4 -1 1 2 3 4 5 6 0 $T0 .raSearch ="},
+      {0x1010, "4 -1 1 2 3 4 5 6 0 inner program"},
+      {0x1030, "4 -1 1 2 3 4 5 6 0 "},
+      {0x10ff, "4 -1 1 2 3 4 5 6 0 $T0 .raSearch ="},
+      {0x1500, "nothing"},  // type 3 is not searched
+      {0x1700, "0 -1 1 2 3 4 5 6 1 "},
+      {0x2000, "-1 1 0 0 12 0 0 0 0 ", "nothing"},  // see TakesParametersAtTheStrideOfOlderVersions
+      {0x3000, "nothing"},
+  };
+  Symbols text(test_support::test_data("rich_shuffled.sym")), block(rich_symb_model());
+  for (const auto& c : kCases) {
+    EXPECT_EQ(described(text.frame_info(c.address)), c.text) << c.address;
+    EXPECT_EQ(described(block.frame_info(c.address)), c.block ? c.block : c.text) << c.address;
+  }
+}
+
+TEST(LookupTest, AppliesRulesUpToTheAddress) {
+  const std::pair<uint64_t, const char*> kCases[] = {
+      {0xfff, "nothing"},
+      {0x1000, "$rsp 32 + / .cfa 8 - ^"},
+      {0x1003, "$rsp 32 + / .cfa 8 - ^"},
+      {0x1004, "$rsp 32 + / .cfa 8 - ^ / $rbx = 7"},
+      {0x10ff, "$rsp 32 + / .cfa 8 - ^ / $rbx = 7"},
+      {0x1100, "$rsp 48 + / "},
+      {0x1110, "nothing"},
+      {0x2000, "nothing"},  // the initial rules are malformed
+  };
+  Symbols text(test_support::test_data("rich_shuffled.sym")), block(rich_symb_model());
+  for (const auto& [address, rules] : kCases) {
+    EXPECT_EQ(described(text.cfi(address)), rules) << address;
+    EXPECT_EQ(described(block.cfi(address)), rules) << address;
   }
 }
 
 // The sites of a function may stand in any order and cut one another: the answer is that of a tree
 // into which they are stored one by one.
-TEST(SymbLookupTest, StacksSitesAsATreeOfThemWould) {
+TEST(LookupTest, StacksSitesAsATreeOfThemWould) {
   std::mt19937 random(7);
   for (int round = 0; round < 300; ++round) {
     SymbModel model;
@@ -188,43 +219,35 @@ TEST(SymbLookupTest, StacksSitesAsATreeOfThemWould) {
 // In version 3 the fallback takes records of 48 bytes to be 32 bytes long. Of two functions the
 // second one's place is then taken by the first one's `inlines`, whose offset passes for an
 // address.
-TEST(SymbLookupTest, TakesParametersAtTheStrideOfOlderVersions) {
+TEST(LookupTest, TakesParametersAtTheStrideOfOlderVersions) {
   SymbModel model;
   model.functions = {{0x10, 8, 4, "low", {}, {}}, {0x10000, 8, 8, "high", {}, {}}};
-  EXPECT_EQ(described(Symbols(model).frame_info(0x12).get()), "-1 1 0 0 4 0 0 0 0 ");
-  EXPECT_EQ(described(Symbols(model).frame_info(0x10002).get()), "nothing");
+  EXPECT_EQ(described(Symbols(model).frame_info(0x12)), "-1 1 0 0 4 0 0 0 0 ");
+  EXPECT_EQ(described(Symbols(model).frame_info(0x10002)), "nothing");
   model.version = 2;
-  EXPECT_EQ(described(Symbols(model).frame_info(0x10002).get()), "-1 1 0 0 8 0 0 0 0 ");
-}
-
-std::string image_of(const std::string& text) {
-  char* block = nullptr;
-  size_t size = 0;
-  EXPECT_TRUE(symb_write(text.c_str(), &block, &size));
-  const std::unique_ptr<char[]> owner(block);
-  return std::string(block, size);
+  EXPECT_EQ(described(Symbols(model).frame_info(0x10002)), "-1 1 0 0 8 0 0 0 0 ");
 }
 
 // Compares the lookups of a text and of its image; returns how many answers had inline frames. The
 // text module has no inline frames, and its parameter sizes without frame info differ by design.
 int expect_agreement(const std::string& content, const std::vector<uint64_t>& addresses) {
-  Symbols text(content), image(image_of(content));
+  Symbols text(content), image(test_support::image_of(content).value());
   int with_inlines = 0;
   for (const uint64_t address : addresses) {
     const StackFrame frame = image.lookup(address);
     with_inlines += !frame.inlines.empty();
     EXPECT_EQ(described(frame, false), described(text.lookup(address))) << address;
-    EXPECT_EQ(described(image.cfi(address).get()), described(text.cfi(address).get())) << address;
+    EXPECT_EQ(described(image.cfi(address)), described(text.cfi(address))) << address;
     const auto info = text.frame_info(address);
     if (info != nullptr && info->type_ != WindowsFrameInfo::STACK_INFO_UNKNOWN) {
-      EXPECT_EQ(described(image.frame_info(address).get()), described(info.get())) << address;
+      EXPECT_EQ(described(image.frame_info(address)), described(info)) << address;
     }
     if (testing::Test::HasFailure()) break;
   }
   return with_inlines;
 }
 
-TEST(SymbLookupTest, AgreesWithTheTextModule) {
+TEST(LookupTest, TextAndBlockAgree) {
   SymbolTextShape shape;
   shape.functions = 5000;
   shape.inline_depth = 3;
@@ -232,24 +255,21 @@ TEST(SymbLookupTest, AgreesWithTheTextModule) {
   std::vector<uint64_t> addresses(100000);
   for (uint64_t& address : addresses) address = random() % (symbol_text_end(shape) + 0x100);
   EXPECT_GT(expect_agreement(symbol_text(shape), addresses), 10000);
-}
 
-TEST(SymbLookupTest, AgreesWithTheTextModuleOnRealFiles) {
-  std::vector<uint64_t> addresses(0x6000);
+  addresses.resize(0x6000);
   std::iota(addresses.begin(), addresses.end(), 0);
-  int with_inlines = 0;
   for (const char* name : {"calls32", "calls64", "engine32", "engine64"}) {
     SCOPED_TRACE(name);
-    with_inlines +=
-        expect_agreement(read_file(std::string(SYMFORGE_FIXTURES "/") + name + ".sym"), addresses);
+    EXPECT_GT(
+        expect_agreement(read_file(std::string(SYMFORGE_FIXTURES "/") + name + ".sym"), addresses),
+        0);
   }
-  EXPECT_GT(with_inlines, 0);
 }
 
-TEST(SymbLookupTest, SeveralThreadsShareAReadOnlyBlock) {
+TEST(LookupTest, SeveralThreadsShareAReadOnlyBlock) {
   SymbolTextShape shape;
   shape.inline_depth = 2;
-  Symbols symbols(image_of(symbol_text(shape)));
+  Symbols symbols(test_support::image_of(symbol_text(shape)).value());
   std::atomic<int> wrong = 0;
   const auto work = [&](unsigned seed) {
     std::mt19937 random(seed);
