@@ -7,12 +7,10 @@
 #include <string>
 #include <vector>
 
-#include "builders/pdb_builder.h"
 #include "processor/contained_range_map.h"
 #include "symforge/src/InlineTree.h"
-#include "symforge/src/PDBParser.h"
 #include "symforge/src/binary_annotations.h"
-#include "tests/support/process.h"
+#include "tests/pdb_text.h"
 
 namespace google_breakpad {
 namespace {
@@ -86,63 +84,24 @@ TEST(InlineSitesTest, RefusesBadOpcodes) {
     EXPECT_THROW(linesOf({Annotations().raw(bytes)}), pdb_exception);
 }
 
-// ---- The sites of a PDB
-
-constexpr uint32_t kInt = 0x74;
-
-// A PDB with one function at 0x1010 in which `inlinees` are inlined one behind the other. Ids: f
-// and g, a method (which has no name here), and h with a parameter that makes its rendering warn.
-class InlinedFunction {
- public:
-  explicit InlinedFunction(const std::vector<uint32_t>& inlinees) {
-    const uint32_t type = pdb_.types.procedure(kInt, pdb_.types.arguments({kInt}), 1);
-    f = pdb_.ids.function_id("f", type);
-    g = pdb_.ids.function_id("ns::g", type);
-    method = pdb_.ids.add(0x1602, builders::Bytes().u32(0).u32(type).zstr("m").str());
-    const uint32_t unknown = pdb_.types.pointer(kInt, 7 << 5);
-    const uint32_t odd = pdb_.types.procedure(kInt, pdb_.types.arguments({unknown}), 1);
-    warning = pdb_.ids.function_id("h", odd);
-    pdb_.section({.name = ".text", .address = 0x1000, .virtual_size = 0x99, .raw_size = 0x200});
-    file_ = module.file(pdb_.names.add("a.cc"));
-    module.proc({.name = "outer", .section = 1, .offset = 0x10, .length = 0x20});
-    for (const uint32_t inlinee : inlinees)
-      module.inline_site(0x1000 + inlinee, Annotations().op(11, 0x24)).inline_site_end();
-    module.end();
-  }
-
-  InlinedFunction& table(const std::vector<builders::Inlinee>& entries, uint32_t kind = 0) {
-    module.inlinees(entries, kind);
-    return *this;
-  }
-
-  std::string lines(bool with_inlines = true) {
-    const test_support::TemporaryDirectory directory;
-    const std::string path = directory.file("a.pdb", pdb_.build().bytes);
-    PDBParser parser(with_inlines);
-    TextBuffer out;
-    parser.load(path.c_str(), nullptr, nullptr, out);
-    parser.printBreakpadSymbols(out, nullptr);
-    const std::string_view text = out.view();
-    const size_t function = text.find("FUNC 1:1010 20 0 outer\n");
-    EXPECT_NE(function, text.npos);
-    return std::string(text.substr(text.find('\n', function) + 1));
-  }
-
-  uint32_t file() const { return file_; }
-
-  uint32_t f, g, method, warning;
-
- private:
-  builders::PdbBuilder pdb_;
-  uint32_t file_ = 0;
-
- public:
-  builders::ModuleBuilder& module = pdb_.add_module("a.obj");
-};
-
+// A method's id has no name; nor has one that is no record.
 TEST(InlineSitesTest, SaysNothingWhenOneInlineeHasNoName) {
-  EXPECT_EQ(InlinedFunction({0, 2, 1}).lines(), "");
-  EXPECT_EQ(InlinedFunction({0, 9}).lines(), "");
+  const auto linesWith = [](std::initializer_list<uint32_t> inlinees) {
+    test_support::SmallPdb pdb;
+    pdb.ids.function_id("f", pdb.type);
+    pdb.ids.function_id("ns::g", pdb.type);
+    pdb.ids.add(0x1602, builders::Bytes().u32(0).u32(pdb.type).zstr("m").str());
+    builders::ModuleBuilder& module = pdb.add_module("a.obj");
+    const uint32_t file = module.file(pdb.names.add("a.cc"));
+    module.proc({.name = "outer", .offset = 0x10, .length = 0x20});
+    for (const uint32_t id : inlinees)
+      module.inline_site(id, Annotations().op(11, 0x24)).inline_site_end();
+    module.end().inlinees({{.inlinee = 0x1001, .file = file, .line = 7}});
+    return test_support::convert(pdb).lines("I ");
+  };
+  EXPECT_EQ(linesWith({0x1001}), "I 1014 1 8 1 0 ns::g()\nI 1014 1 8 1 0 ns::g()\n");
+  EXPECT_EQ(linesWith({0x1001, 0x1002, 0x1000}), "");
+  EXPECT_EQ(linesWith({0x1001, 0x1009}), "");
 }
 
 // ---- The nesting

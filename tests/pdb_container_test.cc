@@ -2,21 +2,17 @@
 // module list.
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
-#include "symforge/src/NameStream.h"
 #include "tests/pdb_text.h"
 
 namespace test_support {
 
 using namespace builders;
 namespace {
-
-using google_breakpad::pdb_exception;
-using google_breakpad::pdb_recoverable_exception;
 
 constexpr char kRefused[] = "Failed to read PDB Root Stream";
 
@@ -115,45 +111,32 @@ Conversion withNamedStreams(const std::function<void(SmallPdb&)>& change) {
 TEST(PdbContainerTest, FindsNamedStreams) {
   const struct {
     const char* what;
-    std::function<void(SmallPdb&)> change;
-    const char* files;
-    const char* messages;
-  } cases[] = {
-      {"as it is", [](SmallPdb&) {}, "FILE 1 a.cc\n", ""},
-      {"lower case", [](SmallPdb& p) { p.info.named_streams[0].first = "/names"; }, "FILE 1 a.cc\n",
-       ""},
-      {"one word, eight slots",
-       [](SmallPdb& p) {
-         p.info.capacity = 8;
-         p.info.present_words = 1;
-       },
-       "FILE 1 a.cc\n", ""},
-      {"first of two",
-       [](SmallPdb& p) {
-         p.info.named_streams.push_back({"/NAMES", 999});
-       },
-       "FILE 1 a.cc\n", ""},
-      {"deleted slots",
-       [](SmallPdb& p) {
-         p.info.deleted_bits = {0x10, 0};
-       },
-       "FILE 1 a.cc\n", "Warning: deleted names bitset is not empty, unsupported\n"},
-      {"forty slots in two words",
-       [](SmallPdb& p) {
-         p.info.capacity = 40;
-         p.info.present_words = 2;
-       },
-       "FILE 1 a.cc\n", ""},
-  };
-  for (const auto& c : cases) {
-    const Conversion result = withNamedStreams(c.change);
-    EXPECT_EQ(result.lines("FILE"), c.files) << c.what << ": " << result.failure;
-    EXPECT_EQ(result.messages, c.messages) << c.what;
+    std::vector<std::pair<std::string, uint32_t>> added;
+    uint32_t capacity, present_words;
+  } found[] = {{"as it is", {}, 0, 0},
+               {"one word, eight slots", {}, 8, 1},
+               {"forty slots in two words", {}, 40, 2},
+               {"first of two", {{"/NAMES", 999}}, 0, 0}};
+  for (const auto& c : found) {
+    const Conversion result = withNamedStreams([&](SmallPdb& p) {
+      p.info.capacity = c.capacity;
+      p.info.present_words = c.present_words;
+      p.info.named_streams.insert(p.info.named_streams.end(), c.added.begin(), c.added.end());
+    });
+    EXPECT_EQ(result.lines("FILE"), "FILE 1 a.cc\n") << c.what << ": " << result.failure;
+    EXPECT_EQ(result.messages, "") << c.what;
   }
-  const Conversion none =
-      withNamedStreams([](SmallPdb& p) { p.info.named_streams[0].first = "/OTHER"; });
+  const auto called = [](const char* name) {
+    return withNamedStreams([&](SmallPdb& p) { p.info.named_streams[0].first = name; });
+  };
+  EXPECT_EQ(called("/names").lines("FILE"), "FILE 1 a.cc\n");
+  const Conversion none = called("/OTHER");
   EXPECT_EQ(none.lines("FILE"), "");
   EXPECT_EQ(none.messages.find("Warning: Could not find /NAMES stream: /"), 0u);
+
+  const Conversion deleted = withNamedStreams([](SmallPdb& p) { p.info.deleted_bits = {0x10, 0}; });
+  EXPECT_EQ(deleted.lines("FILE"), "FILE 1 a.cc\n");
+  EXPECT_EQ(deleted.messages, "Warning: deleted names bitset is not empty, unsupported\n");
 
   const Conversion invalid = withNamedStreams([](SmallPdb& p) {
     p.info.capacity = 64;
@@ -163,39 +146,22 @@ TEST(PdbContainerTest, FindsNamedStreams) {
   EXPECT_EQ(invalid.messages, "Invalid name index\n");
 }
 
-// The string table alone, over a stream of the given bytes cut into two pages that lie apart.
-class NamesTest : public testing::Test {
- protected:
-  google_breakpad::NameStream& load(const Bytes& bytes, uint32_t page = 64) {
-    MsfBuilder msf(page);
-    const uint32_t number = msf.add_stream(bytes.str());
-    if (bytes.size() > page) msf.split(number, 1);
-    m_file = msf.build();
-    m_path = m_folder.file("f", m_file.bytes);
-    EXPECT_TRUE(m_mapping.Map(m_path.c_str()));
-    m_stream.size = static_cast<uint32_t>(bytes.size());
-    m_stream.pageIndices = m_file.stream_pages[number];
-    m_names.load(m_stream, {m_mapping.base(), m_mapping.length(), page});
-    return m_names;
-  }
-  static Bytes header(uint32_t area) { return Bytes().u32(0xEFFEEFFE).u32(1).u32(area); }
-
- private:
-  TemporaryDirectory m_folder;
-  std::string m_path;
-  MsfFile m_file;
-  google_breakpad::MMapWrapper m_mapping;
-  google_breakpad::StreamPair m_stream{0};
-  google_breakpad::NameStream m_names;
-};
-
-TEST_F(NamesTest, RefusesANameOutsideOnlyWhenItIsAskedFor) {
-  auto& names = load(header(4).text("abcd").u32(2).u32(1).u32(0x10000));
-  std::string_view name;
-  EXPECT_FALSE(names.find(2, name));
-  EXPECT_THROW(names.find(0x10000, name), pdb_exception);
-  EXPECT_TRUE(names.find(1, name)) << "its end is a byte of the bucket count";
-  EXPECT_EQ(name, "bcd\x02");
+// The string table "abcd", without the NUL behind it, of which the buckets call 1 and 0x10000
+// names.
+TEST(PdbContainerTest, RefusesANameOutsideOnlyWhenItIsAskedFor) {
+  const auto named = [](uint32_t offset) {
+    SmallPdb pdb;
+    pdb.add_module("a.obj").file(offset);
+    pdb.names.add("");  // makes the stream
+    pdb.lay_out();
+    pdb.msf.set_stream(
+        pdb.info.named_streams.at(0).second,
+        Bytes().u32(0xEFFEEFFE).u32(1).u32(4).text("abcd").u32(2).u32(1).u32(0x10000).str());
+    return convert(pdb);
+  };
+  EXPECT_EQ(named(2).text.find("FILE"), std::string::npos);
+  EXPECT_EQ(named(1).lines("FILE"), "FILE 1 bcd\x02\n") << "its end is a byte of the bucket count";
+  EXPECT_EQ(named(0x10000).failure, "Invalid name stream");
 }
 
 }  // namespace

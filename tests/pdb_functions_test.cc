@@ -5,12 +5,11 @@
 #include <algorithm>
 #include <functional>
 #include <random>
+#include <sstream>
 #include <string>
-#include <tuple>
 #include <unordered_map>
 #include <vector>
 
-#include "builders/pe_builder.h"
 #include "tests/pdb_text.h"
 
 namespace test_support {
@@ -51,40 +50,38 @@ TEST(SourceFilesTest, NumbersEveryEntryAndPrintsEachFileOnce) {
 }
 
 TEST(ModuleStreamTest, WalksSubsections) {
-  const std::string eight = Bytes().u32(1).u32(2).str();
-  const auto convertWith = [&](const std::function<void(ModuleBuilder&)>& change) {
+  const std::string found = "FUNC 1:1000 4 0 f()\n1000 4 9 1\n";
+  const std::string invalid = "Invalid subsection header detected";
+  const struct {
+    const char* what;
+    std::vector<uint32_t> words;  // in front of the lines of the module's function
+    std::string result;
+  } cases[] = {
+      {"another kind", {0xF3, 8, 1, 2}, found},
+      {"a payload of no multiple of 4", {0xF3, 5, 1, 2}, found},
+      // Only the header counts: what it announces is read as further headers.
+      {"kind 0", {0, 999}, found},
+      {"a negative kind", {0x800000F2, 999}, found},
+      {"an end beyond the pages", {0xF3, 5000}, invalid},
+      {"an end in the last page, behind the stream", {0xF3, 3000}, "FUNC 1:1000 4 0 f()\n"},
+      {"a walk that comes back to where it was", {0xF3, 0xFFFFFFF8}, invalid},
+  };
+  const auto recordsWith = [](const std::function<void(ModuleBuilder&)>& change) {
     return recordsOf([&](SmallPdb& pdb, ModuleBuilder& module, uint32_t file) {
       module.proc({.name = "f", .length = 4, .type = pdb.type}).end();
       change(module);
       module.lines(1, 0, 4, file, {{0, 9}});
     });
   };
-  const std::string found = "FUNC 1:1000 4 0 f()\n1000 4 9 1\n";
-  const struct {
-    const char* what;
-    std::function<void(ModuleBuilder&)> change;
-    std::string result;
-  } cases[] = {
-      {"another kind", [&](ModuleBuilder& m) { m.subsection(0xF3, eight); }, found},
-      {"a payload of no multiple of 4", [&](ModuleBuilder& m) { m.subsection(0xF3, "abcde"); },
-       found},
-      // Only the header counts: what it announces is read as further headers.
-      {"kind 0", [](ModuleBuilder& m) { m.raw_subsections(Bytes().u32(0).u32(999).str()); }, found},
-      {"a negative kind",
-       [](ModuleBuilder& m) { m.raw_subsections(Bytes().u32(0x800000F2).u32(999).str()); }, found},
-      {"an end beyond the pages",
-       [](ModuleBuilder& m) { m.raw_subsections(Bytes().u32(0xF3).u32(5000).str()); },
-       "Invalid subsection header detected"},
-      {"an end in the last page, behind the stream",
-       [](ModuleBuilder& m) { m.raw_subsections(Bytes().u32(0xF3).u32(3000).str()); },
-       "FUNC 1:1000 4 0 f()\n"},
-      {"a walk that comes back to where it was",
-       [](ModuleBuilder& m) { m.raw_subsections(Bytes().u32(0xF3).u32(0xFFFFFFF8).str()); },
-       "Invalid subsection header detected"},
-      {"a signature", [](ModuleBuilder& m) { m.signature(5); }, "Invalid module stream signature"},
-      {"old lines", [](ModuleBuilder& m) { m.old_lines("12345678"); }, found},
-  };
-  for (const auto& c : cases) EXPECT_EQ(convertWith(c.change), c.result) << c.what;
+  for (const auto& c : cases) {
+    Bytes bytes;
+    for (const uint32_t word : c.words) bytes.u32(word);
+    EXPECT_EQ(recordsWith([&](ModuleBuilder& m) { m.raw_subsections(bytes.str()); }), c.result)
+        << c.what;
+  }
+  EXPECT_EQ(recordsWith([](ModuleBuilder& m) { m.signature(5); }),
+            "Invalid module stream signature");
+  EXPECT_EQ(recordsWith([](ModuleBuilder& m) { m.old_lines("12345678"); }), found);
 }
 
 TEST(ModuleFunctionsTest, MakesRecordsOfProceduresAndThunks) {
@@ -135,66 +132,57 @@ TEST(PublicSymbolsTest, KeepsFunctionsThatNoModuleHas) {
             "PUBLIC 1030 0 second\n");
 }
 
-TEST(FoldingTest, KeepsOneRecordAnAddress) {
-  const struct {
-    std::vector<std::string> names;  // "+" in front: has lines
-    std::string kept;
-  } cases[] = {
-      {{"a", "b", "c"}, "a"},
-      {{"a", "+b", "+c"}, "b"},
-      {{"+a", "b", "+c"}, "a"},
-      {{"a", "b", "+c"}, "c"},
-  };
-  // Lines go to the first record of an address, so the types put the records in order only here.
-  for (const auto& c : cases) {
-    google_breakpad::Functions list(c.names.size());
-    static constexpr char kLines[8] = {};
-    for (size_t i = 0; i < list.size(); ++i) {
-      list[i].name = {c.names[i].c_str(), false};
-      list[i].segment = 1;
-      list[i].typeIndex = static_cast<uint32_t>(i);
-      if (c.names[i][0] == '+') list[i].lines = {kLines, false};
-    }
-    google_breakpad::dropDuplicates(list);
-    std::string kept;
-    for (const auto& f : list)
-      if (!f.dropped()) kept += f.name.data;
-    EXPECT_EQ(kept.substr(kept[0] == '+'), c.kept);
-  }
+// Where records stand is told by their file index.
+google_breakpad::FunctionRecord recordAt(uint32_t segment, uint32_t offset, uint32_t type,
+                                         uint32_t origin) {
+  google_breakpad::FunctionRecord record;
+  record.segment = segment;
+  record.offset = offset;
+  record.typeIndex = type;
+  record.fileIndex = origin;
+  return record;
 }
 
-// A record with nothing but its keys, and its origin: what the list's operations must agree with
-// when they are done the plain way.
-struct Plain {
-  uint32_t segment, offset, type, origin;
-  bool operator<(const Plain& o) const {
-    return std::tie(segment, offset, type) < std::tie(o.segment, o.offset, o.type);
-  }
-};
+void expectSameOrder(const google_breakpad::Functions& a, const google_breakpad::Functions& b) {
+  ASSERT_EQ(a.size(), b.size());
+  for (size_t i = 0; i < a.size(); ++i)
+    ASSERT_EQ(a[i].fileIndex, b[i].fileIndex) << i << " of " << a.size();
+}
 
-void expectOrder(const google_breakpad::Functions& list, std::vector<Plain> plain) {
-  std::sort(plain.begin(), plain.end());
-  ASSERT_EQ(list.size(), plain.size());
-  for (size_t i = 0; i < plain.size(); ++i)
-    ASSERT_EQ(list[i].fileIndex, plain[i].origin) << i << " of " << plain.size();
+// Lines go to the first record of an address, so the types put the records in order only here.
+TEST(FunctionListTest, KeepsOneRecordAnAddress) {
+  static constexpr char kLines[8] = {};
+  const std::pair<std::vector<bool>, uint32_t> cases[] = {
+      // which have lines, which is kept
+      {{false, false, false}, 0},
+      {{false, true, true}, 1},
+      {{true, false, true}, 0},
+      {{false, false, true}, 2},
+  };
+  for (const auto& [has_lines, kept] : cases) {
+    google_breakpad::Functions list;
+    for (uint32_t i = 0; i < has_lines.size(); ++i) {
+      list.push_back(recordAt(1, 0, i, i));
+      if (has_lines[i]) list[i].lines = {kLines, false};
+    }
+    google_breakpad::dropDuplicates(list);
+    for (const auto& f : list) EXPECT_EQ(f.dropped(), f.fileIndex != kept) << kept;
+  }
 }
 
 // Sorting keys and moving the records once must leave equal records where sorting them would.
 TEST(FunctionListTest, SortsLikeAPlainSortOfTheRecords) {
   std::mt19937 random(4);
   for (const uint32_t size : {0, 1, 2, 15, 17, 100, 5000}) {
-    google_breakpad::Functions list(size);
-    std::vector<Plain> plain;
+    google_breakpad::Functions list, plain;
     for (uint32_t i = 0; i < size; ++i) {
-      google_breakpad::FunctionRecord& f = list[i];
-      f.segment = static_cast<uint32_t>(random() % 3);
-      f.offset = static_cast<uint32_t>(random() % 40);
-      f.typeIndex = static_cast<uint32_t>(random() % 2);
-      f.fileIndex = i;
-      plain.push_back({f.segment, f.offset, f.typeIndex, i});
+      const auto key = static_cast<uint32_t>(random());
+      for (auto* functions : {&list, &plain})
+        functions->push_back(recordAt(key % 3, key / 3 % 40, key / 120 % 2, i));
     }
     google_breakpad::sortFunctions(list);
-    expectOrder(list, plain);
+    std::sort(plain.begin(), plain.end());
+    expectSameOrder(list, plain);
   }
 }
 
@@ -203,113 +191,81 @@ TEST(FunctionListTest, SortsLikeAPlainSortOfTheRecords) {
 TEST(FunctionListTest, MergesInTheOrderOfAHashTable) {
   constexpr uint32_t kSize = 600;
   std::mt19937 random(5);
-  google_breakpad::Functions list(kSize);
+  google_breakpad::Functions list, plain;
   google_breakpad::Globals globals;
   std::unordered_map<uint32_t, uint32_t> table;
-  std::vector<Plain> plain;
   for (uint32_t i = 0; i < kSize; ++i) {
-    list[i].offset = i / 2;
-    list[i].fileIndex = 1;
-    plain.push_back({0, i / 2, 0, 1});
+    for (auto* functions : {&list, &plain}) functions->push_back(recordAt(0, i / 2, 0, 1));
     const auto offset = static_cast<uint32_t>(random() % kSize);
     globals.insert({{}, offset, 0, false, false});
     table.emplace(offset, i);
   }
-  for (const auto& entry : table) plain.push_back({0, entry.first, 0, 0});
+  for (const auto& entry : table) plain.push_back(recordAt(0, entry.first, 0, 0));
   google_breakpad::mergeGlobals(list, globals);
-  expectOrder(list, plain);
+  std::sort(plain.begin(), plain.end());
+  expectSameOrder(list, plain);
 }
 
 TEST(LineRecordsTest, GivesABlockToTheFunctionAtOrBehindItsStart) {
-  using Change = std::function<void(ModuleBuilder&, uint32_t)>;
+  struct Block {
+    uint16_t section;
+    uint32_t offset;
+    std::vector<Line> lines;
+    bool unknown_file = false;
+  };
   const struct {
     const char* what;
-    Change change;
+    std::vector<Block> blocks;
     std::string lines;  // of f at 0x1010, 8 bytes, and g at 0x1020, 8 bytes
   } cases[] = {
-      {"exact",
-       [](ModuleBuilder& m, uint32_t file) {
-         m.lines(1, 0x20, 8, file, {{0, 1}});
-       },
-       "g 1020 8 1 1"},
-      {"in front of all",
-       [](ModuleBuilder& m, uint32_t file) {
-         m.lines(1, 1, 8, file, {{0, 1}});
-       },
-       "f 1010 8 1 1"},
-      {"inside f",
-       [](ModuleBuilder& m, uint32_t file) {
-         m.lines(1, 0x14, 8, file, {{0, 1}});
-       },
-       "g 1020 8 1 1"},
-      {"behind all",
-       [](ModuleBuilder& m, uint32_t file) {
-         m.lines(1, 99, 8, file, {{0, 1}});
-       },
-       "g 1020 8 1 1"},
-      {"no section",
-       [](ModuleBuilder& m, uint32_t file) {
-         m.lines(0, 99, 8, file, {{0, 1}});
-       },
-       "f 1010 8 1 1"},
-      {"the first block stays",
-       [](ModuleBuilder& m, uint32_t file) {
-         m.lines(1, 0x10, 8, file, {{0, 1}}).lines(1, 0x10, 8, file, {{0, 2}});
-       },
-       "f 1010 8 1 1"},
-      {"a block from 0 does not stay",
-       [](ModuleBuilder& m, uint32_t file) {
-         m.lines(1, 0, 8, file, {{0, 1}}).lines(1, 0x10, 8, file, {{0, 2}});
-       },
-       "f 1010 8 2 1"},
+      {"exact", {{1, 0x20, {{0, 1}}}}, "g 1020 8 1 1"},
+      {"in front of all", {{1, 1, {{0, 1}}}}, "f 1010 8 1 1"},
+      {"inside f", {{1, 0x14, {{0, 1}}}}, "g 1020 8 1 1"},
+      {"behind all", {{1, 99, {{0, 1}}}}, "g 1020 8 1 1"},
+      {"no section", {{0, 99, {{0, 1}}}}, "f 1010 8 1 1"},
+      {"the first stays", {{1, 0x10, {{0, 1}}}, {1, 0x10, {{0, 2}}}}, "f 1010 8 1 1"},
+      {"one from 0 does not stay", {{1, 0, {{0, 1}}}, {1, 0x10, {{0, 2}}}}, "f 1010 8 2 1"},
       {"an unknown file leaves room",
-       [](ModuleBuilder& m, uint32_t file) {
-         m.lines(1, 0x10, 8, 4, {{0, 1}}).lines(1, 0x10, 8, file, {{0, 2}});
-       },
+       {{1, 0x10, {{0, 1}}, true}, {1, 0x10, {{0, 2}}}},
        "f 1010 8 2 1"},
-      {"only the first file counts",
-       [](ModuleBuilder& m, uint32_t file) {
-         m.lines(1, 0x10, 8, {{file, {{0, 1}}}, {file, {{4, 2}}}});
-       },
-       "f 1010 8 1 1"},
-      {"a block without lines",
-       [](ModuleBuilder& m, uint32_t file) {
-         m.lines(1, 0x10, 8, file, std::vector<Line>()).lines(1, 0x10, 8, file, {{0, 2}});
-       },
-       ""},
+      {"without lines", {{1, 0x10, {}}, {1, 0x10, {{0, 2}}}}, ""},
       {"flags, unsorted and repeated offsets",
-       [](ModuleBuilder& m, uint32_t file) {
-         m.lines(1, 0x10, 8, file, {{4, 0x80000005}, {4, 6}, {0, 0xFF000007}});
-       },
+       {{1, 0x10, {{4, 0x80000005}, {4, 6}, {0, 0xFF000007}}}},
        "f 1014 0 5 1 1014 fffffffc 6 1 1010 8 7 1"},
-      {"last line behind the end",
-       [](ModuleBuilder& m, uint32_t file) {
-         m.lines(1, 0x10, 8, file, {{0, 1}, {0x1D, 2}});
-       },
-       "f ff0 1d 1 1 100d b 2 1"},  // 0x15 too far: moved down by 0x20
-      {"last line at a multiple of 16 behind the end",
-       [](ModuleBuilder& m, uint32_t file) {
-         m.lines(1, 0x10, 8, file, {{0x18, 2}});
-       },
-       "f 1018 0 2 1"},
+      // 0x15 too far: moved down by 0x20
+      {"last line behind the end", {{1, 0x10, {{0, 1}, {0x1D, 2}}}}, "f ff0 1d 1 1 100d b 2 1"},
+      {"last line at a multiple of 16 behind the end", {{1, 0x10, {{0x18, 2}}}}, "f 1018 0 2 1"},
   };
-  for (const auto& c : cases) {
+  const auto linesOf = [](const std::function<void(ModuleBuilder&, uint32_t file)>& change) {
     const std::string found = recordsOf([&](SmallPdb& pdb, ModuleBuilder& module, uint32_t file) {
       module.proc({.name = "f", .offset = 0x10, .length = 8, .type = pdb.type}).end();
       module.proc({.name = "g", .offset = 0x20, .length = 8, .type = pdb.type}).end();
-      c.change(module, file);
+      change(module, file);
     });
-    std::string lines;
-    std::string name;
-    for (size_t at = 0; at < found.size(); at = found.find('\n', at) + 1) {
-      const std::string line = found.substr(at, found.find('\n', at) - at);
+    std::istringstream text(found);
+    std::string lines, name;
+    for (std::string line; std::getline(text, line);) {
       if (line.starts_with("FUNC"))
         name = line.substr(line.size() - 3, 1);
       else
         lines += (lines.empty() ? name : "") + " " + line;
     }
-    EXPECT_EQ(lines, c.lines) << c.what;
+    return lines;
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(linesOf([&](ModuleBuilder& module, uint32_t file) {
+                for (const Block& block : c.blocks)
+                  module.lines(block.section, block.offset, 8, block.unknown_file ? 4 : file,
+                               block.lines);
+              }),
+              c.lines)
+        << c.what;
   }
+  EXPECT_EQ(linesOf([](ModuleBuilder& module, uint32_t file) {
+              module.lines(1, 0x10, 8, {{file, {{0, 1}}}, {file, {{4, 2}}}});
+            }),
+            "f 1010 8 1 1")
+      << "only the first file of a block counts";
 }
 
 // What runs off a module's pages costs that module what is left of its lines, and nothing else.
@@ -365,9 +321,11 @@ TEST(ParamSizesTest, PrefersNewFrameDataThenOldThenTheName) {
   const struct {
     const char* name;
     const char* size;
-  } cases[] = {{"_f@12", "c"},        {"@f@12", "4"},  {"@f@4", "0"}, {"_f", "0"},
-               {"_f@1x", "0"},        {"@12", "0"},    {"_f@", "0"},  {"f@4", "0"},
-               {"_f@-1", "ffffffff"}, {"@f@-20", "0"}, {"_f@@8", "8"}};
+  } cases[] = {{"_f@12", "c"},        {"@f@12", "4"}, {"@f@8", "0"},         {"@f@4", "0"},
+               {"_f", "0"},           {"@f", "0"},    {"_f@1x", "0"},        {"@12", "0"},
+               {"_f@", "0"},          {"f@12", "0"},  {"_f@-1", "ffffffff"}, {"@f@-20", "0"},
+               {"_f@@8", "8"},        {"@f@@9", "1"}, {"_f@ 12", "c"},       {"_f@4@12", "c"},
+               {"_f@4294967297", "1"}};
   for (const auto& c : cases)
     EXPECT_EQ(sizeOf([&](SmallPdb& p) { named(p, c.name); }),
               std::string("FUNC 1:1000 8 ") + c.size + " f()")

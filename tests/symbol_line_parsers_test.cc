@@ -1,191 +1,126 @@
-#include <gmock/gmock.h>
+// The parsers of the lines of a text symbol file and of CFI rule sets, over the cases of
+// tests/data/parsed_lines.txt, and the quick readers of common lines against them.
 
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <map>
+#include <memory>
 #include <random>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "processor/cfi_frame_info.h"
 #include "processor/symbol_lines.h"
 #include "processor/symbol_parse_helper.h"
-#include "processor/tokenize.h"
 #include "processor/windows_frame_info.h"
+#include "tests/support/data.h"
 
 namespace google_breakpad {
 namespace {
 
 using Helper = SymbolParseHelper;
 
-// Each parser's fields as one text, "refused" for a false result.
+// Numbers in hexadecimal; those that the format has in decimal are given as text.
+template <typename... Fields>
+std::string joined(bool accepted, const Fields&... fields) {
+  if (!accepted) return "refused";
+  std::ostringstream out;
+  out << std::hex;
+  ((out << '|' << fields), ...);
+  return out.str().substr(1);
+}
+
 std::string file(char* line) {
-  long index = 0;
+  FileFields f{};
   char* name = nullptr;
-  if (!Helper::ParseFile(line, &index, &name)) return "refused";
-  return std::to_string(index) + "|" + name;
+  const bool good = Helper::ParseFile(line, &f.index, &name);
+  return joined(good, std::to_string(f.index), name);
 }
 
 std::string function(char* line) {
-  bool multiple = false;
-  uint32_t section = 9;
-  uint64_t address = 0, size = 0;
-  long parameters = 0;
+  FunctionFields f{};
   char* name = nullptr;
-  if (!Helper::ParseFunction(line, &multiple, &section, &address, &size, &parameters, &name)) {
-    return "refused";
-  }
-  std::ostringstream out;
-  out << std::hex << (multiple ? "m " : "") << section << ":" << address << " " << size << " "
-      << parameters << "|" << name;
-  return out.str();
+  const bool good = Helper::ParseFunction(line, &f.is_multiple, &f.section, &f.address, &f.size,
+                                          &f.stack_param_size, &name);
+  return joined(good, f.is_multiple, f.section, f.address, f.size, f.stack_param_size, name);
 }
 
 std::string public_symbol(char* line) {
-  bool multiple = false;
-  uint64_t address = 0;
-  long parameters = 0;
+  PublicFields f{};
   char* name = nullptr;
-  if (!Helper::ParsePublicSymbol(line, &multiple, &address, &parameters, &name)) return "refused";
-  std::ostringstream out;
-  out << std::hex << (multiple ? "m " : "") << address << " " << parameters << "|" << name;
-  return out.str();
+  const bool good =
+      Helper::ParsePublicSymbol(line, &f.is_multiple, &f.address, &f.stack_param_size, &name);
+  return joined(good, f.is_multiple, f.address, f.stack_param_size, name);
 }
 
 std::string line_record(char* line) {
-  uint64_t address = 0, size = 0;
-  long number = 0, source_file = 0;
-  if (!Helper::ParseLine(line, &address, &size, &number, &source_file)) return "refused";
-  std::ostringstream out;
-  out << std::hex << address << " " << size << std::dec << " " << number << " " << source_file;
-  return out.str();
+  LineFields f{};
+  const bool good = Helper::ParseLine(line, &f.address, &f.size, &f.line_number, &f.source_file);
+  return joined(good, f.address, f.size, std::to_string(f.line_number),
+                std::to_string(f.source_file));
 }
 
 std::string inline_site(char* line) {
-  uint64_t address = 0, size = 0;
-  long number = 0, source_file = 0;
-  uint32_t caller = 0;
+  InlineFields f{};
   char* name = nullptr;
-  if (!Helper::ParseInlineFunction(line, &address, &size, &number, &source_file, &caller, &name)) {
-    return "refused";
-  }
-  std::ostringstream out;
-  out << std::hex << address << " " << size << std::dec << " " << number << " " << source_file
-      << std::hex << " " << caller << "|" << name;
-  return out.str();
+  const bool good = Helper::ParseInlineFunction(line, &f.address, &f.size, &f.line_number,
+                                                &f.source_file, &f.caller, &name);
+  return joined(good, f.address, f.size, std::to_string(f.line_number),
+                std::to_string(f.source_file), f.caller, name);
+}
+
+std::string stack_win(char* line) {
+  int type = 0;
+  uint64_t rva = 0, size = 0;
+  const std::unique_ptr<WindowsFrameInfo> f(
+      WindowsFrameInfo::ParseFromString(line, type, rva, size));
+  if (f == nullptr) return "refused";
+  EXPECT_EQ(f->valid, WindowsFrameInfo::VALID_ALL);
+  EXPECT_EQ(f->type_, type);
+  return joined(true, type, rva, size, f->prolog_size, f->epilog_size, f->parameter_size,
+                f->saved_register_size, f->local_size, f->max_stack_size, f->allocates_base_pointer,
+                f->program_string);
+}
+
+std::string rules(char* line) {
+  CFIFrameInfo info;
+  CFIFrameInfoParseHandler handler(&info);
+  std::string text = CFIRuleParser(&handler).Parse(line) ? "" : "refused: ";
+  text += info.cfa_rule() + "|" + info.ra_rule();
+  for (const auto& [name, rule] : info.register_rules()) text += "|" + name + "=" + rule;
+  return text;
 }
 
 struct Case {
-  std::string (*parse)(char*);
-  const char* line;
-  const char* fields;
+  std::string parser, line, fields;
 };
 
-const Case kCases[] = {
-    {file, "FILE 3 C:\\Program Files\\a.c", "3|C:\\Program Files\\a.c"},
-    {file, "FILE 0 a.c\r", "0|a.c"},
-    {file, "FILE  3  a.c", "3| a.c"},
-    {file, "FILE 4294967297 a", "4294967297|a"},
-    {file, "FILE 3", "refused"},
-    {file, "FILE 3 ", "refused"},
-    {file, "FILE ", "refused"},
-    {file, "FILE -1 a.c", "refused"},
-    {file, "FILE 3x a.c", "refused"},
-    {file, "FILE 9223372036854775807 a.c", "refused"},
-    {file, "FILE 9223372036854775806 a.c", "9223372036854775806|a.c"},
-    {function, "FUNC 1000 10 0 main", "0:1000 10 0|main"},
-    {function, "FUNC 1:1000 10 0 main", "1:1000 10 0|main"},
-    {function, "FUNC m 1:1000 10 4 main", "m 1:1000 10 4|main"},
-    {function, "FUNC m 1000 10 0", "m 0:1000 10 0|<omitted>"},
-    {function, "FUNC 1000 10 0", "0:1000 10 0|<omitted>"},
-    {function, "FUNC 1000 10 0 ", "0:1000 10 0|<omitted>"},
-    {function, "FUNC 1000 10 0 operator new(unsigned int)",
-     "0:1000 10 0|operator new(unsigned int)"},
-    {function, "FUNC 1000 10 0  main", "0:1000 10 0| main"},
-    {function, "FUNC 1000 10 0 main\r\n", "0:1000 10 0|main"},
-    {function, "FUNC 0x1000 0X10 0x0 f", "0:1000 10 0|f"},
-    {function, "FUNC 0x 10 0 f", "refused"},
-    {function, "FUNC 1234567890:1000 10 0 f", "34567890:1000 10 0|f"},
-    {function, "FUNC 1:-2 10 0 f", "1:fffffffffffffffe 10 0|f"},
-    {function, "FUNC ffffffffffffffff:1 10 0 f", "refused"},
-    {function, "FUNC 1:ffffffffffffffff 10 0 f", "refused"},
-    {function, "FUNC 1:2:3 10 0 f", "refused"},
-    {function, "FUNC 11111111111111111 10 0 f", "refused"},
-    {function, "FUNC 1000 ffffffffffffffff 0 f", "refused"},
-    {function, "FUNC fffffffffffffffe 10 7ffffffffffffffe f",
-     "0:fffffffffffffffe 10 7ffffffffffffffe|f"},
-    {function, "FUNC 1000 10 7fffffffffffffff f", "refused"},
-    {function, "FUNC 1000 10 -1 f", "refused"},
-    {function, "FUNC 1000 10x 0 f", "refused"},
-    {function, "FUNC 1000 10", "refused"},
-    {function, "FUNC 1000", "refused"},
-    {function, "FUNC m m 10 0 f", "refused"},
-    {public_symbol, "PUBLIC 1000 0 main", "1000 0|main"},
-    {public_symbol, "PUBLIC m 1000 c a b", "m 1000 c|a b"},
-    {public_symbol, "PUBLIC 1000 0", "1000 0|<omitted>"},
-    {public_symbol, "PUBLIC 1000", "refused"},
-    {public_symbol, "PUBLIC 1:1000 0 f", "refused"},
-    {line_record, "1000 10 5 2", "1000 10 5 2"},
-    {line_record, "  1000   10 5  2", "1000 10 5 2"},
-    {line_record, "1000 10 0 2\r", "1000 10 0 2"},
-    {line_record, "1000 10 5 2 more words", "1000 10 5 2"},
-    {line_record, "1000 10 5 2more", "refused"},
-    {line_record, "1000 10 -5 2", "refused"},
-    {line_record, "1000 10 5 -2", "refused"},
-    {line_record, "1000 10 5", "refused"},
-    {line_record, "1000 10 9223372036854775807 2", "refused"},
-    {line_record, "1000 10 9223372036854775806 99999999999",
-     "1000 10 9223372036854775806 99999999999"},
-    {line_record, "zz 10 5 2", "refused"},
-    {inline_site, "I 1004 8 11 3 0 f(int)", "1004 8 11 3 0|f(int)"},
-    {inline_site, "Ix 1004 8 11 3 0 f", "1004 8 11 3 0|f"},
-    {inline_site, "I  1004  8 11 3 0  f\r", "1004 8 11 3 0| f\r"},
-    {inline_site, "I 1004 8 11 3 0", "1004 8 11 3 0|"},
-    {inline_site, "I zz 8x -1 -2 1ffffffff f", "0 8 -1 -2 ffffffff|f"},
-    {inline_site, "I ffffffffffffffff 8 1 1 1 f", "ffffffffffffffff 8 1 1 1|f"},
-    {inline_site, "I 1ffffffffffffffff 8 1 1 1 f", "refused"},
-    {inline_site, "I 1004 8 18446744073709551616 3 0 f", "refused"},
-    {inline_site, "I 1004 8 11 3", "refused"},
-    {inline_site, "x 1004 8 11 3 0 f", "refused"},
-    {inline_site, "", "refused"},
-};
-
-TEST(SymbolParseHelper, AcceptsAndRefuses) {
-  for (const Case& c : kCases) {
-    std::string line = c.line;
-    EXPECT_EQ(c.parse(line.data()), c.fields) << "\"" << c.line << "\"";
+std::vector<Case> parsed_lines() {
+  std::istringstream file(test_support::test_data("parsed_lines.txt"));
+  std::vector<Case> cases;
+  std::string parser;
+  for (std::string line; std::getline(file, line);) {
+    if (line.starts_with('[')) parser = line.substr(1, line.size() - 2);
+    for (const auto& [escape, byte] : {std::pair("\\r", "\r"), {"\\n", "\n"}, {"\\t", "\t"}}) {
+      for (size_t at; (at = line.find(escape)) != line.npos;) line.replace(at, 2, byte);
+    }
+    const size_t arrow = line.find(" => ");
+    if (line.starts_with('#') || arrow == line.npos) continue;
+    cases.push_back({parser, line.substr(0, arrow), line.substr(arrow + 4)});
   }
+  return cases;
 }
 
-TEST(WindowsFrameInfo, ParsesAndRefuses) {
-  const struct {
-    const char* text;
-    const char* fields;
-  } kLines[] = {
-      {"4 1000 20 1 2 3 4 5 6 1 $eip = $esp", "4 1000 20 1 2 3 4 5 6 0 '$eip = $esp'"},
-      {"0 1000 20 1 2 3 4 5 6 0 1", "0 1000 20 1 2 3 4 5 6 1 ''"},
-      {"0 1000 20 1 2 3 4 5 6 0 0", "0 1000 20 1 2 3 4 5 6 0 ''"},
-      {"0 zz 20x 1ffffffff 2 3 4 5 6 x 1x", "0 0 20 ffffffff 2 3 4 5 6 1 ''"},
-      {"100000003 1 2 1 2 3 4 5 6 0 0", "3 1 2 1 2 3 4 5 6 0 ''"},
-      {"0 1000 20 1 2 3 4 5 6 1", "null"},
-      {"5 1000 20 1 2 3 4 5 6 0 0", "null"},
-      {"-1 1000 20 1 2 3 4 5 6 0 0", "null"},
-      {"", "null"},
-  };
-  for (const auto& c : kLines) {
-    int type = 0;
-    uint64_t rva = 0, size = 0;
-    const std::unique_ptr<WindowsFrameInfo> info(
-        WindowsFrameInfo::ParseFromString(c.text, type, rva, size));
-    std::ostringstream out;
-    if (info) {
-      EXPECT_EQ(info->valid, WindowsFrameInfo::VALID_ALL);
-      EXPECT_EQ(info->type_, type);
-      out << std::hex << type << " " << rva << " " << size << " " << info->prolog_size << " "
-          << info->epilog_size << " " << info->parameter_size << " " << info->saved_register_size
-          << " " << info->local_size << " " << info->max_stack_size << " "
-          << info->allocates_base_pointer << " '" << info->program_string << "'";
-    } else {
-      out << "null";
-    }
-    EXPECT_EQ(out.str(), c.fields) << c.text;
+TEST(SymbolLineParsers, AcceptAndRefuse) {
+  const std::map<std::string, std::string (*)(char*)> parsers = {
+      {"FILE", file},        {"FUNC", function}, {"PUBLIC", public_symbol},
+      {"line", line_record}, {"I", inline_site}, {"STACK WIN", stack_win},
+      {"rules", rules}};
+  for (const auto& [parser, line, fields] : parsed_lines()) {
+    std::string copy = line;
+    EXPECT_EQ(parsers.at(parser)(copy.data()), fields) << parser << ": \"" << line << "\"";
   }
 }
 
@@ -249,9 +184,8 @@ TEST(QuickReaders, AgreeWithTheExactOnes) {
   };
   std::vector<std::string> lines(std::begin(kCommon), std::end(kCommon));
   for (const std::string& line : kCommon) EXPECT_EQ(compare_readers(line), 1) << line;
-  for (const Case& c : kCases) {
-    const std::string line = c.line;
-    lines.push_back(line.substr(0, line.find_first_of("\r\n")));
+  for (const Case& c : parsed_lines()) {
+    if (c.parser != "rules") lines.push_back(c.line.substr(0, c.line.find_first_of("\r\n")));
   }
   std::mt19937 random(3);
   constexpr std::string_view kBytes =
@@ -262,20 +196,9 @@ TEST(QuickReaders, AgreeWithTheExactOnes) {
     std::string line = lines[random() % lines.size()];
     for (int change = random() % 4; change > 0 && !line.empty(); --change) {
       const size_t at = random() % line.size();
-      const char byte = kBytes[random() % kBytes.size()];
-      switch (random() % 4) {
-        case 0:
-          line[at] = byte;
-          break;
-        case 1:
-          line.insert(at, 1 + random() % 20, byte);
-          break;
-        case 2:
-          line.erase(at, 1 + random() % 2);
-          break;
-        default:
-          line.resize(at);
-      }
+      const size_t added = random() % 4 == 0 ? random() % 20 : random() % 2;
+      line.replace(at, random() % 3, added, kBytes[random() % kBytes.size()]);
+      if (random() % 8 == 0) line.resize(at);
     }
     taken += compare_readers(line);
   }
