@@ -1,8 +1,5 @@
 #include "fuzz/harness.h"
 
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <csetjmp>
 #include <csignal>
@@ -80,14 +77,6 @@ size_t aborted_runs() { return aborted; }
 void require(bool condition, const char* what) {
   if (!condition) fault(what);
 }
-
-MemoryFile::MemoryFile(std::string_view bytes)
-    : fd_(memfd_create("input", MFD_CLOEXEC)), path_("/proc/self/fd/" + std::to_string(fd_)) {
-  require(fd_ != -1 && write(fd_, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size()),
-          "a file in memory");
-}
-
-MemoryFile::~MemoryFile() { close(fd_); }
 
 }  // namespace fuzzing
 

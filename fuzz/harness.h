@@ -1,4 +1,4 @@
-// What every fuzz target shares: the entry point, inputs as files, and the line between a
+// What every fuzz target shares: the entry point and the line between a
 // documented end of the program and a fault.
 //
 // Some damaged PDBs end the program by design: an assertion or a container's range check aborts, a
@@ -13,8 +13,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <string>
-#include <string_view>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
@@ -34,22 +32,5 @@ size_t aborted_runs();
 
 // What a target demands. Ends the process with the condition, which no run takes for documented.
 void require(bool condition, const char* what);
-
-// An input as a file that lies in memory.
-class MemoryFile {
- public:
-  explicit MemoryFile(std::string_view bytes);
-  MemoryFile(const uint8_t* data, size_t size)
-      : MemoryFile(std::string_view(reinterpret_cast<const char*>(data), size)) {}
-  ~MemoryFile();
-  MemoryFile(const MemoryFile&) = delete;
-  MemoryFile& operator=(const MemoryFile&) = delete;
-
-  const char* path() const { return path_.c_str(); }
-
- private:
-  int fd_;
-  std::string path_;
-};
 
 }  // namespace fuzzing

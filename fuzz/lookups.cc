@@ -10,25 +10,10 @@ using namespace google_breakpad;
 
 namespace fuzzing {
 
-struct Symbols::OnlyModule : CodeModule {
-  uint64_t base_address() const override { return 0; }
-  uint64_t size() const override { return 0; }
-  std::string code_file() const override { return "module"; }
-  std::string code_identifier() const override { return ""; }
-  std::string debug_file() const override { return "module"; }
-  std::string debug_identifier() const override { return "id"; }
-  std::string version() const override { return ""; }
-  CodeModule* Copy() const override { return new OnlyModule(*this); }
-  uint64_t shrink_down_delta() const override { return 0; }
-  void SetShrinkDownDelta(uint64_t) override {}
-  bool is_unloaded() const override { return false; }
-};
-
-Symbols::Symbols(std::string_view file)
-    : bytes_(new char[file.size() + 1]), module_(std::make_unique<OnlyModule>()) {
+Symbols::Symbols(std::string_view file) : bytes_(new char[file.size() + 1]) {
   file.copy(bytes_.get(), file.size());
   bytes_[file.size()] = '\0';
-  require(resolver_.LoadModuleUsingMemoryBuffer(module_.get(), bytes_.get(), file.size() + 1),
+  require(resolver_.LoadModuleUsingMemoryBuffer(&module_, bytes_.get(), file.size() + 1),
           "a load does not fail");
   // What a text says is in the module now; only an image is still looked at.
   if (!file.starts_with("SYMB")) bytes_.reset();
@@ -37,7 +22,7 @@ Symbols::Symbols(std::string_view file)
 StackFrame Symbols::question(uint64_t address) const {
   StackFrame frame;
   frame.instruction = address;
-  frame.module = module_.get();
+  frame.module = &module_;
   return frame;
 }
 

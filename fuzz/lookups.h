@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "google_breakpad/processor/basic_source_line_resolver.h"
+#include "tests/support/code_module.h"
 
 namespace fuzzing {
 
@@ -25,11 +26,10 @@ class Symbols {
   std::string cfi(uint64_t address) const;
 
  private:
-  struct OnlyModule;
   google_breakpad::StackFrame question(uint64_t address) const;
 
   std::unique_ptr<char[]> bytes_;
-  std::unique_ptr<google_breakpad::CodeModule> module_;
+  const test_support::TestModule module_{0};
   mutable google_breakpad::BasicSourceLineResolver resolver_;
 };
 

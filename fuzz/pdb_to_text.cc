@@ -6,13 +6,14 @@
 #include "common/text_buffer.h"
 #include "fuzz/harness.h"
 #include "symforge/src/PDBParser.h"
+#include "tests/support/memory_file.h"
 
 using fuzzing::End;
 using google_breakpad::PDBParser;
 
 namespace {
 
-End convert(const fuzzing::MemoryFile& pdb, bool inlines, std::string& debug_id) {
+End convert(const test_support::MemoryFile& pdb, bool inlines, std::string& debug_id) {
   // Outside of the run: destroyed, and the file unmapped, also after a run that was aborted.
   PDBParser parser(inlines);
   TextBuffer text;
@@ -29,7 +30,7 @@ End convert(const fuzzing::MemoryFile& pdb, bool inlines, std::string& debug_id)
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  const fuzzing::MemoryFile pdb(data, size);
+  const test_support::MemoryFile pdb({reinterpret_cast<const char*>(data), size});
   std::string debug_id;
   if (convert(pdb, true, debug_id) == End::kAborted) return 0;
   std::string without_inlines;

@@ -7,20 +7,21 @@
 #include "fuzz/harness.h"
 #include "symforge/src/PDBParser.h"
 #include "symforge/src/pe_image.h"
+#include "tests/support/memory_file.h"
 
 using namespace google_breakpad;
 
 namespace {
 
-const fuzzing::MemoryFile& good_pdb() {
-  static const fuzzing::MemoryFile file(builders::PdbBuilder(512).build().bytes);
+const test_support::MemoryFile& good_pdb() {
+  static const test_support::MemoryFile file(builders::PdbBuilder(512).build().bytes);
   return file;
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  const fuzzing::MemoryFile pe(data, size);
+  const test_support::MemoryFile pe({reinterpret_cast<const char*>(data), size});
   std::string debug_id;
   std::string debug_file;
   if (pe64_debug_id(pe.path(), debug_id, debug_file)) {

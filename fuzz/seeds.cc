@@ -10,38 +10,12 @@
 #include "builders/codeview_builder.h"
 #include "builders/pdb_builder.h"
 #include "builders/pe_builder.h"
-#include "tests/support/symb_images.h"
+#include "builders/symb_builder.h"
+#include "tests/support/data.h"
 
 namespace {
 
 using namespace builders;
-
-constexpr std::string_view kText =
-    "MODULE windows x86 0123456789ABCDEF1032547698BADCFE1 a b.pdb\n"
-    "INFO CODE_ID 5F0000014000000 a.exe\n"
-    "INFO SECTION 1 virtaddr 1000 rawsize 200\n"
-    "FILE 1 a.cc\n"
-    "FILE 2 b c.h\n"
-    "FUNC m 1:1000 20 8 outer(int)\n"
-    "1000 8 10 1\n"
-    "I 1004 8 20 2 11 middle\n"
-    "I 1006 2 30 2 21 inner\n"
-    "I 1010 4 40 1 12 beside\n"
-    "1008 18 12 2\n"
-    "FUNC 2000 10 0 no lines\n"
-    "FUNC 3000 40 4 third\n"
-    "3000 10 1 9\n"
-    "3020 10 3 1\n"
-    "PUBLIC 1800 4 between\n"
-    "PUBLIC m 4000 0 last\n"
-    "STACK WIN 4 1000 20 3 2 8 4 10 0 1 $T0 $ebp = $eip $T0 4 + ^ =\n"
-    "STACK WIN 4 1004 8 1 0 8 4 10 0 1 $eip 4 + ^ =\n"
-    "STACK WIN 0 2000 10 3 0 4 0 0 0 0 1\n"
-    "STACK WIN 3 3000 10 3 0 4 0 0 0 0 1\n"
-    "STACK CFI INIT 1000 20 .cfa: $rsp 8 + .ra: .cfa -8 + ^\n"
-    "STACK CFI 1004 .cfa: $rsp 16 + $rbx: .cfa -16 + ^\n"
-    "STACK CFI 1008 $rdi: .cfa -24 + ^\n"
-    "STACK CFI INIT 2000 10 .cfa: $rsp 16 + .ra: .cfa -8 + ^\n";
 
 // Modules with lines, nested inline sites, a thunk, types of many kinds, and public functions.
 void add_modules(PdbBuilder& pdb) {
@@ -138,14 +112,13 @@ int main(int argc, char** argv) {
   seed("pdb_to_text", "x86", pdb32());
   seed("pe", "pe32_plus", image(true));
   seed("pe", "pe32", image(false));
-  for (const char* target : {"text_load_lookup", "round_trip", "lookup_agreement"}) {
-    seed(target, "text", kText);
+  for (const char* text : {"rich.sym", "rich_shuffled.sym", "round_trip.sym"}) {
+    for (const char* target : {"text_load_lookup", "round_trip", "lookup_agreement"}) {
+      seed(target, text, test_support::test_data(text));
+    }
   }
-  const std::optional<std::string> symb = test_support::image_of(std::string(kText));
-  if (!symb) return 1;
-  seed("symb", "version_3", *symb);
-  std::string version_2 = *symb;
-  put_u32(version_2, 4, 2);
-  seed("symb", "version_2", version_2);
+  for (const uint32_t version : {1, 2, 3}) {
+    seed("symb", ("version_" + std::to_string(version)).c_str(), rich_symb_model(version).bytes());
+  }
   return 0;
 }

@@ -10,7 +10,7 @@
 #include "builders/bytes.h"
 #include "builders/pdb_builder.h"
 #include "symforge/src/PDBParser.h"
-#include "tests/support/process.h"
+#include "tests/support/memory_file.h"
 
 namespace test_support {
 
@@ -50,16 +50,14 @@ class MessageCapture {
   bool m_taken = false;
 };
 
-// Writes the bytes as a file into a folder of their own and converts it there; any exception but
-// pdb_exception passes.
+// Any exception but pdb_exception passes.
 inline Conversion convertAlone(const std::string& bytes) {
-  const TemporaryDirectory folder;
-  const std::string path = folder.file("a.pdb", bytes);
+  const MemoryFile file(bytes);
   Conversion result;
   try {
     TextBuffer text;
     google_breakpad::PDBParser parser(/*with_inlines=*/true);
-    parser.load(path.c_str(), nullptr, nullptr, text);
+    parser.load(file.path(), nullptr, nullptr, text);
     parser.printBreakpadSymbols(text, nullptr);
     result.text = text.view();
   } catch (const google_breakpad::pdb_exception& e) {

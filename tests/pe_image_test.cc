@@ -8,7 +8,7 @@
 #include <string>
 
 #include "builders/pe_builder.h"
-#include "tests/support/process.h"
+#include "tests/support/memory_file.h"
 
 namespace google_breakpad {
 namespace {
@@ -17,7 +17,7 @@ using builders::Bytes;
 using builders::PeBuilder;
 using builders::put_u16;
 using builders::put_u32;
-using test_support::TemporaryDirectory;
+using test_support::MemoryFile;
 
 constexpr size_t kOptional = PeBuilder::kNtHeaders + 24;
 constexpr size_t kDebugDirectory = kOptional + 112 + 8 * IMAGE_DIRECTORY_ENTRY_DEBUG;
@@ -30,10 +30,9 @@ std::string imageWithIdentity(uint32_t age = 1) {
 
 // "ID NAME", or "" for a file without identity.
 std::string identityOf(const std::string& bytes) {
-  const TemporaryDirectory directory;
   std::string id = "kept";
   std::string name = "kept";
-  if (pe64_debug_id(directory.file("a.dll", bytes).c_str(), id, name)) return id + " " + name;
+  if (pe64_debug_id(MemoryFile(bytes).path(), id, name)) return id + " " + name;
   EXPECT_EQ(id + name, "keptkept");
   return {};
 }
@@ -73,14 +72,13 @@ TEST(PeIdentityTest, IsMissingFromEverythingElse) {
 }
 
 TEST(PeImageTest, FindsAnRvaInTheFilesPartOfTheFirstSectionThatHoldsIt) {
-  const TemporaryDirectory directory;
   // 512 bytes of each section are in the file; the second one begins inside the first.
   const std::string bytes = PeBuilder()
                                 .section("a", 0x1000, std::string(0x200, 'a'), 0x1000)
                                 .section("b", 0x1100, std::string(0x200, 'b'))
                                 .build();
   MMapWrapper mapping;
-  ASSERT_TRUE(mapping.Map(directory.file("a.dll", bytes).c_str()));
+  ASSERT_TRUE(mapping.Map(MemoryFile(bytes).path()));
   const PeImage image(mapping);
   const auto at = [&image](uint32_t rva) {
     const uint8_t* byte = image.ImageRvaToVa(rva);

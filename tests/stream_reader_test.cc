@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "common/little_endian.h"
-#include "tests/support/process.h"
+#include "tests/support/memory_file.h"
 
 namespace google_breakpad {
 namespace {
@@ -29,9 +29,8 @@ class StreamReaderTest : public testing::Test {
  protected:
   // A stream over the given pages of a file of 12 pages; `file` may be changed before.
   StreamReader open(std::vector<uint32_t> list, uint32_t size = 0) {
-    m_path = m_folder.file("f", file);
     m_mapping.emplace();
-    EXPECT_TRUE(m_mapping->Map(m_path.c_str()));
+    EXPECT_TRUE(m_mapping->Map(test_support::MemoryFile(file).path()));
     m_file = {m_mapping->base(), m_mapping->length(), kPage};
     m_stream.pageIndices = std::move(list);
     m_stream.size = size;
@@ -42,8 +41,6 @@ class StreamReaderTest : public testing::Test {
   std::string file = pages(12);
 
  private:
-  test_support::TemporaryDirectory m_folder;
-  std::string m_path;
   std::optional<MMapWrapper> m_mapping;
   MsfFile m_file;
   StreamPair m_stream{0};

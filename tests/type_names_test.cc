@@ -12,7 +12,7 @@
 
 #include "builders/codeview_builder.h"
 #include "builders/msf_builder.h"
-#include "tests/support/process.h"
+#include "tests/support/memory_file.h"
 
 namespace google_breakpad {
 namespace {
@@ -22,7 +22,6 @@ using builders::MsfBuilder;
 using builders::PageOrder;
 using builders::TypePadding;
 using builders::TypeStreamBuilder;
-using test_support::TemporaryDirectory;
 
 constexpr uint32_t kInt = 0x74;
 constexpr uint32_t kChar = 0x70;
@@ -42,7 +41,7 @@ class Types {
     msf.add_stream(ids);
     msf.order(order);
     const builders::MsfFile file = msf.build();
-    EXPECT_TRUE(mapping_.Map(directory_.file("a.pdb", file.bytes).c_str()));
+    EXPECT_TRUE(mapping_.Map(test_support::MemoryFile(file.bytes).path()));
     msf_ = {mapping_.base(), mapping_.length(), page_size};
     for (uint32_t stream : {0, 1}) {
       streams_.emplace_back(static_cast<uint32_t>((stream == 0 ? types : ids).size()));
@@ -61,7 +60,6 @@ class Types {
   const TypeTable& table() const { return types_; }
 
  private:
-  TemporaryDirectory directory_;
   MMapWrapper mapping_;
   MsfFile msf_;
   std::vector<StreamPair> streams_;

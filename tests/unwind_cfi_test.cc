@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "builders/pe_builder.h"
-#include "tests/support/process.h"
+#include "tests/support/memory_file.h"
 
 namespace google_breakpad {
 namespace {
@@ -25,9 +25,8 @@ struct Cfi {
 };
 
 std::string textOf(const std::string& image) {
-  const TemporaryDirectory directory;
   MMapWrapper mapping;
-  EXPECT_TRUE(mapping.Map(directory.file("a.dll", image).c_str()));
+  EXPECT_TRUE(mapping.Map(MemoryFile(image).path()));
   TextBuffer out;
   printUnwindData(PeImage(mapping), out);
   return std::string(out.view());

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -14,6 +13,7 @@
 #include <stdexcept>
 
 #include "builders/bytes.h"
+#include "tests/support/memory_file.h"
 
 namespace test_support {
 
@@ -25,26 +25,6 @@ namespace fs = std::filesystem;
 constexpr int kCannotStart = 127;
 constexpr uid_t kNobody = 65534;
 
-// An anonymous file that collects what a process writes.
-class Capture {
- public:
-  Capture() : fd_(memfd_create("capture", MFD_CLOEXEC)) {}
-  ~Capture() { close(fd_); }
-  Capture(const Capture&) = delete;
-  Capture& operator=(const Capture&) = delete;
-
-  int fd() const { return fd_; }
-  std::string text() const { return read_file("/proc/self/fd/" + std::to_string(fd_)); }
-
- private:
-  int fd_;
-};
-
-void limit_file_size(size_t bytes) {
-  const rlimit limit = {bytes, bytes};
-  setrlimit(RLIMIT_FSIZE, &limit);
-}
-
 [[noreturn]] void become(const std::vector<std::string>& args, const RunOptions& options, int out,
                          int err) {
   std::vector<char*> argv = {const_cast<char*>(options.program.c_str())};
@@ -54,7 +34,10 @@ void limit_file_size(size_t bytes) {
   dup2(out, STDOUT_FILENO);
   dup2(err, STDERR_FILENO);
   umask(022);
-  if (options.file_size) limit_file_size(*options.file_size);
+  if (options.file_size) {
+    const rlimit limit = {*options.file_size, *options.file_size};
+    setrlimit(RLIMIT_FSIZE, &limit);
+  }
   if (!options.directory.empty() && chdir(options.directory.c_str()) != 0) _exit(kCannotStart);
   if (options.as_nobody && geteuid() == 0 && setuid(kNobody) != 0) _exit(kCannotStart);
   // By descriptor: a folder that only root may enter can hold the program.
@@ -83,8 +66,7 @@ std::string describe(const fs::directory_entry& entry) {
 }  // namespace
 
 Result run(const std::vector<std::string>& args, const RunOptions& options) {
-  const Capture out;
-  const Capture err;
+  const MemoryFile out, err;
   int stdout_fd = out.fd();
   if (!options.stdout_path.empty()) {
     stdout_fd = open(options.stdout_path.c_str(), O_WRONLY | O_CLOEXEC);
@@ -93,8 +75,8 @@ Result run(const std::vector<std::string>& args, const RunOptions& options) {
   if (pid == 0) become(args, options, stdout_fd, err.fd());
   if (stdout_fd != out.fd()) close(stdout_fd);
   Result result = wait_for(pid);
-  result.out = out.text();
-  result.err = err.text();
+  result.out = read_file(out.path());
+  result.err = read_file(err.path());
   return result;
 }
 
