@@ -7,11 +7,11 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "builders/bytes.h"
+#include "tests/support/lines.h"
 #include "tests/support/process.h"
 
 namespace {
@@ -189,23 +189,13 @@ class ImageTest : public ::testing::Test {
       : pdb_(temp_.file("a.pdb", read_file(kData + "/engine64.pdb"))),
         exe_(temp_.file("bin/a.exe", read_file(kData + "/engine64.exe"))),
         tree_(temp_.folder("tree")) {
-    const Result alone = run({pdb_});
-    text_ = alone.out;
+    text_ = run({pdb_}).out;
     id_ = text_.substr(22, text_.find(' ', 22) - 22);
     target_ = "a.pdb/" + id_ + "/a.sym";
   }
 
-  // The lines that an image adds to the text of its PDB.
-  static bool is_of_image(const std::string& line) {
-    return line.starts_with("INFO CODE_ID ") || line.starts_with("STACK CFI ");
-  }
   static std::string without_image(const std::string& text) {
-    std::istringstream lines(text);
-    std::string result;
-    for (std::string line; std::getline(lines, line);) {
-      if (!is_of_image(line)) result += line + "\n";
-    }
-    return result;
+    return lines_without(text, {"INFO CODE_ID ", "STACK CFI "});
   }
 
   TemporaryDirectory temp_;
@@ -250,26 +240,23 @@ TEST_F(ImageTest, EndsWhereItsFoldersCannotBeMade) {
 
 // The image's own debug record names engine64.pdb.
 TEST_F(ImageTest, JoinsTheSymbolFileInTheTreeOnce) {
-  Result result = run({"-e", exe_, "-s", tree_});
-  EXPECT_EQ(result.status, 1);
-  EXPECT_THAT(result.err, HasSubstr("Failed to convert symbol file " + exe_ +
-                                    ".\nException caught: "
-                                    "PE file without matching pdb or sym file\n"));
-  EXPECT_EQ(list_tree(tree_), Tree());
-
+  const auto refused = [&](const std::string& message) {
+    const Tree before = list_tree(tree_);
+    const Result result = run({"-e", exe_, "-s", tree_});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.err, HasSubstr("Failed to convert symbol file " + exe_ +
+                                      ".\nException caught: " + message + "\n"));
+    EXPECT_EQ(list_tree(tree_), before);
+  };
+  refused("PE file without matching pdb or sym file");
   ASSERT_EQ(run({kData + "/engine64.pdb", "-e", "/no/where", tree_}).status, 0);
-  const std::string target = tree_ + "/engine64.pdb/" + id_ + "/engine64.sym";
-  const std::string before = read_file(target);
   EXPECT_EQ(run({"-e", exe_, "-s", tree_}).status, 0);
-  const Tree joined = list_tree(tree_);
-  EXPECT_THAT(read_file(target), StartsWith(before + "INFO CODE_ID "));
-  EXPECT_EQ(without_image(read_file(target)), before);
-  EXPECT_EQ(joined.size(), 4u);  // two folders, the file, the link
-
-  result = run({"-e", exe_, "-s", tree_});
-  EXPECT_EQ(result.status, 1);
-  EXPECT_THAT(result.err, HasSubstr("\nException caught: exe/dll already exists\n"));
-  EXPECT_EQ(list_tree(tree_), joined);
+  const std::string whole = run({"-e", exe_, kData + "/engine64.pdb"}).out;
+  EXPECT_EQ(read_file(tree_ + "/engine64.pdb/" + id_ + "/engine64.sym"),
+            without_image(whole) + lines_with(whole, {"INFO CODE_ID "}) +
+                lines_with(whole, {"STACK CFI "}));
+  EXPECT_EQ(list_tree(tree_).size(), 4u);  // two folders, the file, the link
+  refused("exe/dll already exists");
 }
 
 TEST(SymbTest, GoesIntoTheTreeAndBackToText) {

@@ -3,14 +3,11 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <functional>
-#include <sstream>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "builders/bytes.h"
+#include "tests/support/lines.h"
 #include "tests/support/process.h"
 
 namespace test_support {
@@ -26,17 +23,6 @@ std::string pdb(const std::string& name) { return kData + name + ".pdb"; }
 // The parameter is the name of a fixture; its image stands beside its PDB and is found there.
 class GoldenTest : public testing::TestWithParam<const char*> {};
 
-// The lines of a text for which `keep` holds.
-std::string lines_where(const std::string& text,
-                        const std::function<bool(std::string_view)>& keep) {
-  std::string kept;
-  std::istringstream lines(text);
-  for (std::string line; std::getline(lines, line);) {
-    if (keep(line)) kept += line + '\n';
-  }
-  return kept;
-}
-
 // The standard output of a run that has to succeed silently.
 std::string converted(const std::vector<std::string>& args) {
   const Result result = run(args);
@@ -50,9 +36,7 @@ TEST_P(GoldenTest, ConvertsToTheReviewedText) {
 }
 
 TEST_P(GoldenTest, LeavesOutInlineSites) {
-  EXPECT_EQ(converted({"-i", pdb(GetParam())}),
-            lines_where(golden(GetParam()),
-                        [](std::string_view line) { return !line.starts_with("I "); }));
+  EXPECT_EQ(converted({"-i", pdb(GetParam())}), lines_without(golden(GetParam()), {"I "}));
 }
 
 TEST_P(GoldenTest, ComesBackFromSymbAsReviewed) {
@@ -67,27 +51,6 @@ TEST_P(GoldenTest, ComesBackFromSymbAsReviewed) {
 INSTANTIATE_TEST_SUITE_P(Fixtures, GoldenTest,
                          testing::Values("engine64", "engine32", "calls64", "calls32"),
                          [](const auto& fixture) { return std::string(fixture.param); });
-
-// A PDB converted without its image, which then comes by itself, gives the same lines.
-TEST(GoldenTreeTest, TakesAnImageAfterItsPdb) {
-  const TemporaryDirectory folder;
-  const std::string tree = folder.folder("tree");
-  const std::string alone = folder.file("engine64.pdb", read_file(pdb("engine64")));
-  EXPECT_EQ(converted({alone, tree}), "");
-  EXPECT_EQ(converted({"-e", kData + "engine64.exe", "-s", tree}), "");
-
-  const auto is_from_image = [](std::string_view line) {
-    return line.starts_with("INFO CODE_ID") || line.starts_with("STACK CFI");
-  };
-  const std::string text = golden("engine64");
-  const Tree files = list_tree(tree);
-  const auto file = std::find_if(files.begin(), files.end(), [](const auto& entry) {
-    return entry.first.ends_with("/engine64.sym");
-  });
-  ASSERT_NE(file, files.end());
-  EXPECT_EQ(read_file(tree + "/" + file->first),
-            lines_where(text, std::not_fn(is_from_image)) + lines_where(text, is_from_image));
-}
 
 }  // namespace
 }  // namespace test_support

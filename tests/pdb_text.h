@@ -10,6 +10,7 @@
 #include "builders/bytes.h"
 #include "builders/pdb_builder.h"
 #include "symforge/src/PDBParser.h"
+#include "tests/support/lines.h"
 #include "tests/support/memory_file.h"
 
 namespace test_support {
@@ -23,15 +24,7 @@ struct Conversion {
   std::string messages;
 
   // The lines of the text that begin with `keyword`.
-  std::string lines(std::string_view keyword) const {
-    std::string found;
-    for (size_t at = 0; at < text.size();) {
-      const size_t end = text.find('\n', at) + 1;
-      if (text.compare(at, keyword.size(), keyword) == 0) found.append(text, at, end - at);
-      at = end;
-    }
-    return found;
-  }
+  std::string lines(std::string_view keyword) const { return lines_with(text, {keyword}); }
 };
 
 // Collects standard error for as long as it lives, also when an exception ends that.

@@ -13,8 +13,10 @@
 #include "common/symb.h"
 #include "common/text_buffer.h"
 #include "tests/support/data.h"
+#include "tests/support/lines.h"
 
 using namespace builders;
+using test_support::lines_without;
 
 namespace {
 
@@ -39,23 +41,10 @@ bool valid(const std::string& block) {
   return symb_validate(copy.address(), copy.size());
 }
 
-// The lines of a text but those that begin with one of the words.
-std::string without(std::string_view text, std::initializer_list<std::string_view> words) {
-  std::string kept;
-  while (!text.empty()) {
-    const std::string_view line = text.substr(0, text.find('\n') + 1);
-    text.remove_prefix(line.size());
-    bool drop = false;
-    for (const std::string_view word : words) drop |= line.starts_with(word);
-    if (!drop) kept += line;
-  }
-  return kept;
-}
-
 TEST(SymbBlockTest, PrintsEveryKindOfLineInEveryVersion) {
   EXPECT_EQ(read(rich_symb_model(3).bytes()), kRichText);
-  EXPECT_EQ(read(rich_symb_model(2).bytes()), without(kRichText, {"I "}));
-  EXPECT_EQ(read(rich_symb_model(1).bytes()), without(kRichText, {"I ", "INFO SECTION"}));
+  EXPECT_EQ(read(rich_symb_model(2).bytes()), lines_without(kRichText, {"I "}));
+  EXPECT_EQ(read(rich_symb_model(1).bytes()), lines_without(kRichText, {"I ", "INFO SECTION"}));
 
   // The version is compared with 2 only.
   std::string block = rich_symb_model(3).bytes();
@@ -63,7 +52,7 @@ TEST(SymbBlockTest, PrintsEveryKindOfLineInEveryVersion) {
   EXPECT_EQ(read(block), kRichText);
   block = rich_symb_model(1).bytes();
   put_u32(block, kSymbVersion, 0);
-  EXPECT_EQ(read(block), without(kRichText, {"I ", "INFO SECTION"}));
+  EXPECT_EQ(read(block), lines_without(kRichText, {"I ", "INFO SECTION"}));
 
   EXPECT_EQ(read(SymbModel().bytes()), "MODULE windows x86_64 0123 a.pdb\n");
 }
@@ -81,17 +70,17 @@ TEST(SymbBlockTest, OddBlocksPrintWhatTheyPointAt) {
   block = base;
   put_u64(block, kSymbCodeFile, 0);
   put_u64(block, kSymbCodeId, UINT64_MAX);
-  EXPECT_EQ(read(block), without(kRichText, {"INFO CODE_ID"}));
+  EXPECT_EQ(read(block), lines_without(kRichText, {"INFO CODE_ID"}));
 
   // A function without a reference to lines prints neither lines nor sites.
   block = base;
   put_u64(block, functions + 24, 0);
-  EXPECT_EQ(read(block), without(kRichText, {"1000", "1010", "I "}));
+  EXPECT_EQ(read(block), lines_without(kRichText, {"1000", "1010", "I "}));
 
   // Initial rules absent: no delta rules either. Ends of their ranges are 32-bit sums.
   block = base;
   put_u64(block, kSymbInitialRules + 8, 0);
-  EXPECT_EQ(read(block), without(kRichText, {"STACK CFI"}));
+  EXPECT_EQ(read(block), lines_without(kRichText, {"STACK CFI"}));
   SymbModel model;
   model.initial_rules = {{0xffffff00, 0x100, "a: 1"}};
   model.delta_rules = {{0xffffff80, "b: 2"}};

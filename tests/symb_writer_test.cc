@@ -32,33 +32,6 @@ TEST(SymbWriterTest, LaysDownEveryKindOfRecord) {
   EXPECT_TRUE(is_valid(image));
 }
 
-// The first two code blocks of the format's description: a text, and the dump of its image.
-TEST(SymbWriterTest, DescriptionShowsWhatIsWritten) {
-  std::istringstream page(read_file(SYMB_FORMAT_PAGE));
-  std::string parts[4], line;
-  for (int part = 0; part < 4 && std::getline(page, line);) {
-    if (line == "```") {
-      ++part;
-    } else {
-      parts[part] += line + '\n';
-    }
-  }
-  std::string shown;
-  std::istringstream dump(parts[3]);
-  for (bool repeated = false; std::getline(dump, line);) {
-    if (line == "*") {
-      repeated = true;
-      continue;
-    }
-    const size_t offset = std::stoul(line.substr(0, 8), nullptr, 16);
-    while (repeated && shown.size() < offset) shown += shown.substr(shown.size() - 16);
-    repeated = false;
-    ASSERT_EQ(shown.size(), offset);
-    if (line.size() > 8) shown += from_hex(line.substr(8, 52));
-  }
-  EXPECT_EQ(hex_dump(shown), hex_dump(image_of(parts[1])));
-}
-
 TEST(SymbWriterTest, TakesTheIdentityFromTheHeaderLines) {
   const std::string module = "MODULE windows x86_64 0123 a.pdb\n";
   const std::string longest = "MODULE windows x86_64 0123 " + std::string(4068, 'x');  // 4095

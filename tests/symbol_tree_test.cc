@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -54,53 +53,44 @@ TEST(SymPathTest, RefusesWhatWouldLeadOutOfItsFolder) {
   EXPECT_EQ(list_tree(root.path()), (Tree{{"tree", "dir 0755"}}));
 }
 
-struct Identity {
-  bool valid;
-  std::vector<std::string> fields;  // in the order of sym_info
-
-  bool operator==(const Identity&) const = default;
-  friend std::ostream& operator<<(std::ostream& out, const Identity& identity) {
-    out << (identity.valid ? "valid" : "invalid");
-    for (const std::string& field : identity.fields) out << " [" << field << "]";
-    return out;
-  }
-};
-
-Identity identity_of(const std::string& text) {
+// The fields in the order of sym_info, behind "invalid" if need be.
+std::string identity_of(const std::string& text) {
   sym_info info;
-  const bool valid = sym_info_parse(text.c_str(), info);
-  return {valid,
-          {info.os, info.arch, info.debug_id, info.debug_file, info.code_id, info.code_file}};
+  std::string identity = sym_info_parse(text.c_str(), info) ? "" : "invalid";
+  for (const auto* field :
+       {&info.os, &info.arch, &info.debug_id, &info.debug_file, &info.code_id, &info.code_file}) {
+    identity += "|" + *field;
+  }
+  return identity;
 }
+
+bool valid(const std::string& text) { return identity_of(text).starts_with('|'); }
 
 TEST(IdentityTest, ReadsModuleAndCodeIdLines) {
   const struct {
     const char* what;
     const char* text;
-    Identity identity;
+    const char* identity;
   } cases[] = {
-      {"empty text", "", {false, {"", "", "", "", "", ""}}},
-      {"no line feed", "MODULE windows x86 X a.pdb", {false, {"", "", "", "", "", ""}}},
+      {"empty text", "", "invalid||||||"},
+      {"no line feed", "MODULE windows x86 X a.pdb", "invalid||||||"},
       {"blanks in names, around names, and runs of them between words",
        "MODULE windows  x86 X   my a.pdb \nINFO CODE_ID     5F00 my a.exe  \n",
-       {true, {"windows", "x86", "X", "my a.pdb", "5F00", "my a.exe"}}},
-      {"carriage returns",
-       "MODULE windows x86 X a.pdb\r\r\nINFO CODE_ID 5F00 a.exe\r\n",
-       {true, {"windows", "x86", "X", "a.pdb", "5F00", "a.exe"}}},
+       "|windows|x86|X|my a.pdb|5F00|my a.exe"},
+      {"carriage returns", "MODULE windows x86 X a.pdb\r\r\nINFO CODE_ID 5F00 a.exe\r\n",
+       "|windows|x86|X|a.pdb|5F00|a.exe"},
       {"code identifier late in the text",
        "MODULE windows x86 X a.pdb\nFUNC 1 1 1 f\n\nINFO CODE_ID 5F00 a.exe\nSTACK CFI 1 x\n",
-       {true, {"windows", "x86", "X", "a.pdb", "5F00", "a.exe"}}},
+       "|windows|x86|X|a.pdb|5F00|a.exe"},
       {"the last MODULE line counts, up to INFO CODE_ID",
        "MODULE windows x86 X a.pdb\nMODULE os arch Y b.pdb\nINFO CODE_ID 1 a.exe\nMODULE a b Z c\n",
-       {true, {"os", "arch", "Y", "b.pdb", "1", "a.exe"}}},
+       "|os|arch|Y|b.pdb|1|a.exe"},
       {"INFO CODE_ID ahead of MODULE ends the scan",
-       "INFO CODE_ID 5F00 a.exe\nMODULE windows x86 X a.pdb\n",
-       {false, {"", "", "", "", "5F00", "a.exe"}}},
-      {"words run out", "MODULE windows x86 X\n", {false, {"windows", "x86", "X", "", "", ""}}},
+       "INFO CODE_ID 5F00 a.exe\nMODULE windows x86 X a.pdb\n", "invalid|||||5F00|a.exe"},
+      {"words run out", "MODULE windows x86 X\n", "invalid|windows|x86|X|||"},
       {"fields not reached keep their values",
-       "MODULE windows x86 X a.pdb\nMODULE os\nINFO CODE_ID \n",
-       {true, {"os", "x86", "X", "a.pdb", "", ""}}},
-      {"keywords need their blank", "MODULES a b c d\nMODULE\n", {false, {"", "", "", "", "", ""}}},
+       "MODULE windows x86 X a.pdb\nMODULE os\nINFO CODE_ID \n", "|os|x86|X|a.pdb||"},
+      {"keywords need their blank", "MODULES a b c d\nMODULE\n", "invalid||||||"},
   };
   for (const auto& c : cases) EXPECT_EQ(identity_of(c.text), c.identity) << c.what;
 }
@@ -110,10 +100,10 @@ TEST(IdentityTest, RefusesIdentityLinesThatFillTheirBuffer) {
   const auto text = [&](size_t length) {
     return module + std::string(length - module.size(), 'n') + "\n";
   };
-  EXPECT_TRUE(identity_of(text(4095)).valid);
-  EXPECT_FALSE(identity_of(text(4096)).valid);
-  EXPECT_FALSE(identity_of(module + "a.pdb\n" + text(4096)).valid);
-  EXPECT_TRUE(identity_of(module + "a.pdb\nFUNC " + std::string(9000, 'x') + "\n").valid);
+  EXPECT_TRUE(valid(text(4095)));
+  EXPECT_FALSE(valid(text(4096)));
+  EXPECT_FALSE(valid(module + "a.pdb\n" + text(4096)));
+  EXPECT_TRUE(valid(module + "a.pdb\nFUNC " + std::string(9000, 'x') + "\n"));
 }
 
 }  // namespace

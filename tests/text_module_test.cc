@@ -96,19 +96,16 @@ TEST(TextModule, EndOfTheBuffer) {
   }
 }
 
+// (Deep nesting: see the writer of SYMB, which loads a module first.)
 TEST(TextModule, HostileShapes) {
-  std::string deep = "FUNC 0 100000 0 f\n", shuffled = "FUNC 0 1000000 0 f\n", line(2 << 20, 'x');
+  std::string shuffled = "FUNC 0 1000000 0 f\n", line(2 << 20, 'x');
   for (int i = 0; i < 50000; ++i) {
     char buffer[128];
-    snprintf(buffer, sizeof(buffer), "I %x %x 1 1 0 n\nSTACK WIN 4 %x %x 0 0 0 0 0 0 0 0\n", i,
-             200000 - 2 * i, i, 200000 - 2 * i);
-    deep += buffer;
-    snprintf(buffer, sizeof(buffer), "%x 1 1 1\nPUBLIC %x 0 p\rFUNC %x 1 0 f\n",
-             (i * 7919) % 50021 + 1, (i * 7919) % 50021 + 1, 0x2000000 - i);
+    const int at = (i * 7919) % 50021 + 1;
+    snprintf(buffer, sizeof(buffer), "%x 1 1 1\nPUBLIC %x 0 p\rFUNC %x 1 0 f\n", at, at,
+             0x2000000 - i);
     shuffled += buffer;
   }
-  EXPECT_EQ(load(deep).module->Functions().GetMap().begin().value().entry()->inlines().size(),
-            50000U);
   EXPECT_EQ(load(shuffled).module->Functions().GetCount(), 50001);
   EXPECT_TRUE(load(line).module->IsCorrupt());
   EXPECT_FALSE(load("FUNC 0 1 0 " + line).module->IsCorrupt());
