@@ -7,13 +7,14 @@
 #include <string>
 #include <string_view>
 
+#include "fuzz/addresses.h"
 #include "fuzz/harness.h"
-#include "fuzz/lookups.h"
 #include "tests/support/symb_images.h"
+#include "tests/support/symbols.h"
 
 using fuzzing::require;
-using fuzzing::Symbols;
 using google_breakpad::WindowsFrameInfo;
+using test_support::Symbols;
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include "common/symb.h"
 #include "common/text_buffer.h"
 #include "fuzz/harness.h"
-#include "fuzz/lookups.h"
+#include "tests/support/symbols.h"
 
 namespace {
 
@@ -53,7 +53,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzzing::require(read || !valid, "what is valid can be read");
   if (!valid) return 0;
 
-  const fuzzing::Symbols symbols(bytes);
+  const test_support::Symbols symbols(bytes);
   for (const uint64_t address : words_of(bytes)) {
     symbols.frame(address);
     symbols.windows(address);

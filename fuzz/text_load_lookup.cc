@@ -2,13 +2,14 @@
 
 #include <string_view>
 
+#include "fuzz/addresses.h"
 #include "fuzz/harness.h"
-#include "fuzz/lookups.h"
+#include "tests/support/symbols.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string_view text(reinterpret_cast<const char*>(data), size);
   if (text.starts_with("SYMB")) return 0;  // not looked at before it is used: see symb.cc
-  const fuzzing::Symbols symbols(text);
+  const test_support::Symbols symbols(text);
   for (const uint64_t address : fuzzing::addresses_in(text)) {
     const google_breakpad::StackFrame frame = symbols.frame(address);
     fuzzing::require(frame.function_base <= address, "a function begins at or below the address");

@@ -73,13 +73,6 @@ class Inputs {
   void pdb(const std::string& name, const std::string& bytes) { add(pdbs_, name, bytes); }
   void pe(const std::string& name, const std::string& bytes) { add(pes_, name, bytes); }
   void text(const std::string& name, const std::string& bytes) { add(syms_, name, bytes); }
-  void ignored(const std::string& name, const std::string& bytes) {
-    temp_.file("in/" + name, bytes);
-    ++files_;
-  }
-
-  size_t files() const { return files_ + pdbs_.size() + pes_.size() + syms_.size(); }
-
   // The arguments of the single conversions that a batch into `tree` stands for.
   std::vector<std::vector<std::string>> conversions(const std::string& tree) const {
     std::vector<std::vector<std::string>> runs;
@@ -104,7 +97,6 @@ class Inputs {
   const TemporaryDirectory& temp_;
   std::set<std::string> syms_, pes_, pdbs_;
   std::map<std::string, std::string> pe_with_pdb_;
-  size_t files_ = 0;
 };
 
 std::string numbered(const std::string& stem, uint32_t number, const std::string& extension) {
@@ -122,7 +114,7 @@ void add_good_files(Inputs& in, uint32_t count) {
   }
 }
 
-void add_bad_files(Inputs& in) {
+void add_bad_files(Inputs& in, const TemporaryDirectory& temp) {
   const std::string pdb = make_pdb(3000);
   const std::string pe = make_pe(3001, "a.pdb");
   const std::string text = make_text(3002, "cut.pdb");
@@ -138,9 +130,9 @@ void add_bad_files(Inputs& in) {
   in.pe("bad/no_debug_record.exe", PeBuilder().build());
   in.pe("bad/32bit.exe", PeBuilder(false).build());
   in.pe("bad/lone.exe", make_pe(3003, "nowhere.pdb"));
-  in.ignored("bad/readme.txt", pdb);
-  in.ignored(".hidden/a.pdb", make_pdb(3004));
-  in.ignored(".hidden.pdb", make_pdb(3005));
+  temp.file("in/bad/readme.txt", pdb);
+  temp.file("in/.hidden/a.pdb", make_pdb(3004));
+  temp.file("in/.hidden.pdb", make_pdb(3005));
   std::string foreign = pdb;
   foreign[0] = 'X';
   in.pdb("bad/foreign.pdb", foreign);
@@ -150,10 +142,10 @@ TEST(BatchTest, GivesWhatConvertingOneByOneGives) {
   const TemporaryDirectory temp;
   Inputs in(temp);
   add_good_files(in, 32);
-  add_bad_files(in);
+  add_bad_files(in, temp);
   in.pair(4000, "folder.pdb/a.pdb", "folder.pdb/a.dll");
   in.pe("folder.pdb/b_second_of_its_identifier.dll", make_pe(4000, "a.pdb"));
-  ASSERT_GE(in.files(), 200u);
+  ASSERT_GE(list_tree(temp / "in").size(), 200u);
 
   const std::string tree = temp.folder("tree");
   const std::string expected = temp.folder("expected");

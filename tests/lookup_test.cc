@@ -9,61 +9,26 @@
 #include <sstream>
 #include <thread>
 
-#include "builders/guarded_block.h"
+#include "builders/bytes.h"
 #include "builders/symb_builder.h"
 #include "builders/symbol_text.h"
-#include "google_breakpad/processor/basic_source_line_resolver.h"
-#include "google_breakpad/processor/stack_frame.h"
 #include "processor/contained_range_map.h"
-#include "tests/support/code_module.h"
 #include "tests/support/data.h"
 #include "tests/support/symb_images.h"
+#include "tests/support/symbols.h"
 
 using namespace google_breakpad;
 using namespace builders;
+using test_support::image_of;
+using test_support::Symbols;
+using test_support::test_data;
 
 namespace {
 
 constexpr uint64_t kBase = 0x7ff600000000;
 
-// A resolver with one module, from text or from a block.
-class Symbols {
- public:
-  explicit Symbols(const std::string& content) : block_(content) {
-    if (content.starts_with("SYMB")) block_.make_read_only();
-    testing::internal::CaptureStderr();
-    EXPECT_TRUE(resolver_.LoadModuleUsingMemoryBuffer(&code_, block_.data(), block_.size()));
-    testing::internal::GetCapturedStderr();
-  }
-  explicit Symbols(const SymbModel& model) : Symbols(model.bytes()) {}
-
-  StackFrame frame_at(uint64_t address) {
-    StackFrame frame;
-    frame.module = &code_;
-    frame.instruction = kBase + address;
-    frame.source_file_name = "-";
-    frame.source_line = -1;
-    return frame;
-  }
-  StackFrame lookup(uint64_t address) {
-    StackFrame frame = frame_at(address);
-    resolver_.FillSourceLineInfo(&frame);
-    return frame;
-  }
-  std::unique_ptr<WindowsFrameInfo> frame_info(uint64_t address) {
-    const StackFrame frame = frame_at(address);
-    return std::unique_ptr<WindowsFrameInfo>(resolver_.FindWindowsFrameInfo(&frame));
-  }
-  std::unique_ptr<CFIFrameInfo> cfi(uint64_t address) {
-    const StackFrame frame = frame_at(address);
-    return std::unique_ptr<CFIFrameInfo>(resolver_.FindCFIFrameInfo(&frame));
-  }
-
- private:
-  const test_support::TestModule code_{kBase};
-  GuardedBlock block_;
-  BasicSourceLineResolver resolver_;
-};
+Symbols symbols_of(const std::string& content) { return Symbols(content, kBase); }
+Symbols symbols_of(const SymbModel& model) { return Symbols(model.bytes(), kBase); }
 
 // "name@base file:line@base | inline file:line | ..."; bases relative to the module.
 std::string described(const StackFrame& frame, bool with_inlines = true) {
@@ -92,13 +57,6 @@ std::string described(const std::unique_ptr<WindowsFrameInfo>& info) {
   return out.str();
 }
 
-std::string described(const std::unique_ptr<CFIFrameInfo>& info) {
-  if (info == nullptr) return "nothing";
-  std::string text = info->cfa_rule() + " / " + info->ra_rule();
-  for (const auto& [name, rule] : info->register_rules()) text += " / " + name + " = " + rule;
-  return text;
-}
-
 TEST(LookupTest, FindsFunctionsLinesSitesAndPublics) {
   const struct {
     uint64_t address;
@@ -123,20 +81,21 @@ TEST(LookupTest, FindsFunctionsLinesSitesAndPublics) {
       {0x3000, "above@3000", "nothing"},
       {0x100000800, "above@3000", "nothing"},
   };
-  Symbols text(test_support::test_data("rich_shuffled.sym"));
-  Symbols version_3(rich_symb_model(3)), version_2(rich_symb_model(2)),
-      version_1(rich_symb_model(1));
+  const Symbols text = symbols_of(test_data("rich_shuffled.sym"));
+  const Symbols version_3 = symbols_of(rich_symb_model(3));
+  const Symbols version_2 = symbols_of(rich_symb_model(2));
+  const Symbols version_1 = symbols_of(rich_symb_model(1));
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.address);
-    const StackFrame frame = version_3.lookup(c.address);
+    const StackFrame frame = version_3.frame(c.address);
     EXPECT_EQ(described(frame), c.version_3);
-    EXPECT_EQ(described(text.lookup(c.address)), described(frame, false));
-    EXPECT_EQ(described(version_2.lookup(c.address)), c.version_2);
-    EXPECT_EQ(described(version_1.lookup(c.address)), c.version_2);
+    EXPECT_EQ(described(text.frame(c.address)), described(frame, false));
+    EXPECT_EQ(described(version_2.frame(c.address)), c.version_2);
+    EXPECT_EQ(described(version_1.frame(c.address)), c.version_2);
   }
   // In a block functions and lines see the low 32 bits, publics and sites all of them.
-  EXPECT_EQ(described(version_3.lookup(0x100001010)), "main@1000 b.cpp:20@1010");
-  EXPECT_EQ(described(text.lookup(0x100001010)), "above@3000");
+  EXPECT_EQ(described(version_3.frame(0x100001010)), "main@1000 b.cpp:20@1010");
+  EXPECT_EQ(described(text.frame(0x100001010)), "above@3000");
 }
 
 TEST(LookupTest, FindsFrameInfo) {
@@ -155,28 +114,30 @@ TEST(LookupTest, FindsFrameInfo) {
       {0x2000, "-1 1 0 0 12 0 0 0 0 ", "nothing"},  // see TakesParametersAtTheStrideOfOlderVersions
       {0x3000, "nothing"},
   };
-  Symbols text(test_support::test_data("rich_shuffled.sym")), block(rich_symb_model());
+  const Symbols text = symbols_of(test_data("rich_shuffled.sym"));
+  const Symbols block = symbols_of(rich_symb_model());
   for (const auto& c : kCases) {
-    EXPECT_EQ(described(text.frame_info(c.address)), c.text) << c.address;
-    EXPECT_EQ(described(block.frame_info(c.address)), c.block ? c.block : c.text) << c.address;
+    EXPECT_EQ(described(text.windows(c.address)), c.text) << c.address;
+    EXPECT_EQ(described(block.windows(c.address)), c.block ? c.block : c.text) << c.address;
   }
 }
 
 TEST(LookupTest, AppliesRulesUpToTheAddress) {
   const std::pair<uint64_t, const char*> kCases[] = {
-      {0xfff, "nothing"},
-      {0x1000, "$rsp 32 + / .cfa 8 - ^"},
-      {0x1003, "$rsp 32 + / .cfa 8 - ^"},
-      {0x1004, "$rsp 32 + / .cfa 8 - ^ / $rbx = 7"},
-      {0x10ff, "$rsp 32 + / .cfa 8 - ^ / $rbx = 7"},
-      {0x1100, "$rsp 48 + / "},
-      {0x1110, "nothing"},
-      {0x2000, "nothing"},  // the initial rules are malformed
+      {0xfff, ""},
+      {0x1000, ".cfa: $rsp 32 + .ra: .cfa 8 - ^"},
+      {0x1003, ".cfa: $rsp 32 + .ra: .cfa 8 - ^"},
+      {0x1004, ".cfa: $rsp 32 + .ra: .cfa 8 - ^ $rbx: 7"},
+      {0x10ff, ".cfa: $rsp 32 + .ra: .cfa 8 - ^ $rbx: 7"},
+      {0x1100, ".cfa: $rsp 48 + .ra: "},
+      {0x1110, ""},
+      {0x2000, ""},  // the initial rules are malformed
   };
-  Symbols text(test_support::test_data("rich_shuffled.sym")), block(rich_symb_model());
+  const Symbols text = symbols_of(test_data("rich_shuffled.sym"));
+  const Symbols block = symbols_of(rich_symb_model());
   for (const auto& [address, rules] : kCases) {
-    EXPECT_EQ(described(text.cfi(address)), rules) << address;
-    EXPECT_EQ(described(block.cfi(address)), rules) << address;
+    EXPECT_EQ(text.cfi(address), rules) << address;
+    EXPECT_EQ(block.cfi(address), rules) << address;
   }
 }
 
@@ -203,11 +164,11 @@ TEST(LookupTest, StacksSitesAsATreeOfThemWould) {
     for (const SymbSite& site : model.functions[0].sites) {
       tree.StoreRange(site.address, site.size, site.line);
     }
-    Symbols symbols(model);
+    const Symbols symbols = symbols_of(model);
     for (uint64_t address = 0; address < 64; ++address) {
       std::vector<int> expected, found;
       tree.RetrieveRangeStack(address, expected);
-      const StackFrame frame = symbols.lookup(address);
+      const StackFrame frame = symbols.frame(address);
       for (auto site = frame.inlines.rbegin(); site != frame.inlines.rend(); ++site) {
         found.push_back(site->source_line);
       }
@@ -222,25 +183,26 @@ TEST(LookupTest, StacksSitesAsATreeOfThemWould) {
 TEST(LookupTest, TakesParametersAtTheStrideOfOlderVersions) {
   SymbModel model;
   model.functions = {{0x10, 8, 4, "low", {}, {}}, {0x10000, 8, 8, "high", {}, {}}};
-  EXPECT_EQ(described(Symbols(model).frame_info(0x12)), "-1 1 0 0 4 0 0 0 0 ");
-  EXPECT_EQ(described(Symbols(model).frame_info(0x10002)), "nothing");
+  EXPECT_EQ(described(symbols_of(model).windows(0x12)), "-1 1 0 0 4 0 0 0 0 ");
+  EXPECT_EQ(described(symbols_of(model).windows(0x10002)), "nothing");
   model.version = 2;
-  EXPECT_EQ(described(Symbols(model).frame_info(0x10002)), "-1 1 0 0 8 0 0 0 0 ");
+  EXPECT_EQ(described(symbols_of(model).windows(0x10002)), "-1 1 0 0 8 0 0 0 0 ");
 }
 
 // Compares the lookups of a text and of its image; returns how many answers had inline frames. The
 // text module has no inline frames, and its parameter sizes without frame info differ by design.
 int expect_agreement(const std::string& content, const std::vector<uint64_t>& addresses) {
-  Symbols text(content), image(test_support::image_of(content).value());
+  const Symbols text = symbols_of(content);
+  const Symbols image = symbols_of(image_of(content).value());
   int with_inlines = 0;
   for (const uint64_t address : addresses) {
-    const StackFrame frame = image.lookup(address);
+    const StackFrame frame = image.frame(address);
     with_inlines += !frame.inlines.empty();
-    EXPECT_EQ(described(frame, false), described(text.lookup(address))) << address;
-    EXPECT_EQ(described(image.cfi(address)), described(text.cfi(address))) << address;
-    const auto info = text.frame_info(address);
+    EXPECT_EQ(described(frame, false), described(text.frame(address))) << address;
+    EXPECT_EQ(image.cfi(address), text.cfi(address)) << address;
+    const auto info = text.windows(address);
     if (info != nullptr && info->type_ != WindowsFrameInfo::STACK_INFO_UNKNOWN) {
-      EXPECT_EQ(described(image.frame_info(address)), described(info)) << address;
+      EXPECT_EQ(described(image.windows(address)), described(info)) << address;
     }
     if (testing::Test::HasFailure()) break;
   }
@@ -269,16 +231,16 @@ TEST(LookupTest, TextAndBlockAgree) {
 TEST(LookupTest, SeveralThreadsShareAReadOnlyBlock) {
   SymbolTextShape shape;
   shape.inline_depth = 2;
-  Symbols symbols(test_support::image_of(symbol_text(shape)).value());
+  const Symbols symbols = symbols_of(image_of(symbol_text(shape)).value());
   std::atomic<int> wrong = 0;
   const auto work = [&](unsigned seed) {
     std::mt19937 random(seed);
     for (int i = 0; i < 5000; ++i) {
       const uint64_t address = random() % symbol_text_end(shape);
-      const StackFrame frame = symbols.lookup(address);
-      const auto info = symbols.cfi(address);
-      if ((frame.source_line != -1 || !frame.inlines.empty()) && info == nullptr) ++wrong;
-      symbols.frame_info(address);
+      const StackFrame frame = symbols.frame(address);
+      const bool rules = !symbols.cfi(address).empty();
+      if ((frame.source_line != -1 || !frame.inlines.empty()) && !rules) ++wrong;
+      symbols.windows(address);
     }
   };
   std::vector<std::thread> threads;

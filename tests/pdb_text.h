@@ -27,22 +27,6 @@ struct Conversion {
   std::string lines(std::string_view keyword) const { return lines_with(text, {keyword}); }
 };
 
-// Collects standard error for as long as it lives, also when an exception ends that.
-class MessageCapture {
- public:
-  MessageCapture() { testing::internal::CaptureStderr(); }
-  ~MessageCapture() {
-    if (!m_taken) testing::internal::GetCapturedStderr();
-  }
-  std::string take() {
-    m_taken = true;
-    return testing::internal::GetCapturedStderr();
-  }
-
- private:
-  bool m_taken = false;
-};
-
 // Any exception but pdb_exception passes.
 inline Conversion convertAlone(const std::string& bytes) {
   const MemoryFile file(bytes);
@@ -60,9 +44,9 @@ inline Conversion convertAlone(const std::string& bytes) {
 }
 
 inline Conversion convert(const std::string& bytes) {
-  MessageCapture capture;
+  testing::internal::CaptureStderr();
   Conversion result = convertAlone(bytes);
-  result.messages = capture.take();
+  result.messages = testing::internal::GetCapturedStderr();
   return result;
 }
 

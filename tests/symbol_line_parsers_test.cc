@@ -21,6 +21,7 @@ namespace google_breakpad {
 namespace {
 
 using Helper = SymbolParseHelper;
+using test_support::test_cases;
 
 // Numbers in hexadecimal; those that the format has in decimal are given as text.
 template <typename... Fields>
@@ -93,32 +94,12 @@ std::string rules(char* line) {
   return text;
 }
 
-struct Case {
-  std::string parser, line, fields;
-};
-
-std::vector<Case> parsed_lines() {
-  std::istringstream file(test_support::test_data("parsed_lines.txt"));
-  std::vector<Case> cases;
-  std::string parser;
-  for (std::string line; std::getline(file, line);) {
-    if (line.starts_with('[')) parser = line.substr(1, line.size() - 2);
-    for (const auto& [escape, byte] : {std::pair("\\r", "\r"), {"\\n", "\n"}, {"\\t", "\t"}}) {
-      for (size_t at; (at = line.find(escape)) != line.npos;) line.replace(at, 2, byte);
-    }
-    const size_t arrow = line.find(" => ");
-    if (line.starts_with('#') || arrow == line.npos) continue;
-    cases.push_back({parser, line.substr(0, arrow), line.substr(arrow + 4)});
-  }
-  return cases;
-}
-
 TEST(SymbolLineParsers, AcceptAndRefuse) {
   const std::map<std::string, std::string (*)(char*)> parsers = {
       {"FILE", file},        {"FUNC", function}, {"PUBLIC", public_symbol},
       {"line", line_record}, {"I", inline_site}, {"STACK WIN", stack_win},
       {"rules", rules}};
-  for (const auto& [parser, line, fields] : parsed_lines()) {
+  for (const auto& [parser, line, fields] : test_cases("parsed_lines.txt")) {
     std::string copy = line;
     EXPECT_EQ(parsers.at(parser)(copy.data()), fields) << parser << ": \"" << line << "\"";
   }
@@ -184,8 +165,8 @@ TEST(QuickReaders, AgreeWithTheExactOnes) {
   };
   std::vector<std::string> lines(std::begin(kCommon), std::end(kCommon));
   for (const std::string& line : kCommon) EXPECT_EQ(compare_readers(line), 1) << line;
-  for (const Case& c : parsed_lines()) {
-    if (c.parser != "rules") lines.push_back(c.line.substr(0, c.line.find_first_of("\r\n")));
+  for (const auto& c : test_cases("parsed_lines.txt")) {
+    if (c.section != "rules") lines.push_back(c.input.substr(0, c.input.find_first_of("\r\n")));
   }
   std::mt19937 random(3);
   constexpr std::string_view kBytes =

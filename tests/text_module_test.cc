@@ -8,6 +8,7 @@
 
 #include "processor/basic_source_line_resolver_module.h"
 #include "processor/text_module_loader.h"
+#include "tests/support/data.h"
 
 namespace google_breakpad {
 namespace {
@@ -31,38 +32,12 @@ Loaded load(std::string text, Readers readers = Readers::kQuickAndExact) {
 }
 
 TEST(TextModule, BadLines) {
-  const struct {
-    const char* text;
-    const char* message;  // "" for none
-  } kCases[] = {
-      {"1000 10 1 1", "Line 1: Found source line data without a function"},
-      {"\n\r\n\nI 1 1 1 1 0 f", "Line 1: Found source line data without a function"},
-      {"FUNC 1000 10 0 f\r\n\r\n1000 10 x 1\r\n", "Line 2: ParseLine failed"},
-      {"FUNC 1000 10 0 f\nPUBLIC 2000 0 p\n1000 4 1 1", "Line 3: Found source line data without"},
-      {"FUNC 1000 10 0 f\nPUBLIC 2000\n1000 4 1 1", "Line 3: Found source line data without"},
-      {"FUNC 1000 10 0 f\nFUNC x\n1000 4 1 1", "Line 3: Found source line data without"},
-      {"FUNC 1000 10 0 f\nI 1 1", "Line 2: ParseInlineFunction failed"},
-      {"FUNC x", "Line 1: ParseFunction failed"},
-      {"FILE 1", "Line 1: ParseFile on buffer failed"},
-      {"PUBLIC 1000", "Line 1: ParsePublicSymbol failed"},
-      {"PUBLIC 1000 0 a\nPUBLIC 1000 0 b", "Line 2: ParsePublicSymbol failed"},
-      {"STACK FOO 1", "Line 1: ParseStackInfo failed"},
-      {"STACK WIN\n", "Line 1: ParseStackInfo failed"},
-      {"STACK CFI\nSTACK CFI 1 a: b", "Line 1: ParseStackInfo failed"},
-      {"STACK CFI INIT 1000 10", "Line 1: ParseStackInfo failed"},
-      {"STACK WIN 5 1000 20 1 2 3 4 5 6 0 0", "Line 1: ParseStackInfo failed"},
-      {"FUNC 1000 10 0 f\nMODULE\n", "Line 2: ParseLine failed"},
-      {"FUNC 1000 10 0 f\nSTACK WIN 3 1 1 0 0 0 0 0 0 0 0\n1000 4 1 1", ""},
-      {"FUNC 1000 10 0 f\n1000 4 1 1\n1002 1 2 1\n1000 0 1 1\n", ""},
-      {"STACK   CFI   INIT  1000  10 .cfa: 1", ""},
-      {"INFO x\nMODULE x\n\n", ""},
-  };
-  for (const auto& c : kCases) {
+  for (const auto& [section, text, message] : test_support::test_cases("bad_lines.txt")) {
     for (const Readers readers : {Readers::kQuickAndExact, Readers::kExact}) {
-      const Loaded loaded = load(c.text, readers);
-      EXPECT_THAT(loaded.log, HasSubstr(c.message)) << c.text;
-      EXPECT_EQ(loaded.log.empty(), *c.message == '\0') << c.text << loaded.log;
-      EXPECT_EQ(loaded.module->IsCorrupt(), *c.message != '\0') << c.text;
+      const Loaded loaded = load(text, readers);
+      EXPECT_THAT(loaded.log, HasSubstr(message == "good" ? "" : message)) << text;
+      EXPECT_EQ(loaded.log.empty(), message == "good") << text << loaded.log;
+      EXPECT_EQ(loaded.module->IsCorrupt(), message != "good") << text;
     }
   }
 }

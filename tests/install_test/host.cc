@@ -8,24 +8,13 @@
 #include <memory>
 #include <string>
 
+#include "../support/code_module.h"
+
+using test_support::TestModule;
+
 namespace {
 
 constexpr uint64_t kBase = 0x140000000;
-
-class HostModule : public google_breakpad::CodeModule {
- public:
-  uint64_t base_address() const override { return kBase; }
-  uint64_t size() const override { return 0x10000; }
-  std::string code_file() const override { return "a.exe"; }
-  std::string code_identifier() const override { return "5F1E2D3C10000"; }
-  std::string debug_file() const override { return "a.pdb"; }
-  std::string debug_identifier() const override { return "497B72F6390A44FC878E5A2D63B6CC4B1"; }
-  std::string version() const override { return ""; }
-  CodeModule* Copy() const override { return new HostModule(*this); }
-  uint64_t shrink_down_delta() const override { return 0; }
-  void SetShrinkDownDelta(uint64_t) override {}
-  bool is_unloaded() const override { return false; }
-};
 
 const char kText[] =
     "MODULE windows x86_64 497B72F6390A44FC878E5A2D63B6CC4B1 a.pdb\n"
@@ -33,7 +22,7 @@ const char kText[] =
     "FUNC 1:1010 24 0 main()\n"
     "1010 24 7 1\n";
 
-void print_answer(google_breakpad::BasicSourceLineResolver& resolver, const HostModule& module) {
+void print_answer(google_breakpad::BasicSourceLineResolver& resolver, const TestModule& module) {
   google_breakpad::StackFrame frame;
   frame.instruction = kBase + 0x1014;
   frame.module = &module;
@@ -45,7 +34,7 @@ void print_answer(google_breakpad::BasicSourceLineResolver& resolver, const Host
 }  // namespace
 
 int main() {
-  const HostModule module;
+  const TestModule module(kBase);
   google_breakpad::BasicSourceLineResolver text_resolver;
   if (!text_resolver.LoadModuleUsingMapBuffer(&module, kText)) return 1;
   print_answer(text_resolver, module);

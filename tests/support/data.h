@@ -1,15 +1,20 @@
-// Texts and tables that tests read from tests/data.
+// Texts and tables of cases that tests read from tests/data.
 
 #pragma once
 
 #include <string>
-
-#include "builders/bytes.h"
+#include <vector>
 
 namespace test_support {
 
-inline std::string test_data(const std::string& name) {
-  return builders::read_file(SYMFORGE_TEST_DATA "/" + name);
-}
+// A whole file.
+std::string test_data(const std::string& name);
+
+// A file of lines "INPUT => EXPECTED" below headings "[SECTION]". "\\n", "\\r" and "\\t" stand for
+// these bytes; lines that begin with '#' are comments.
+struct TestCase {
+  std::string section, input, expected;
+};
+std::vector<TestCase> test_cases(const std::string& name);
 
 }  // namespace test_support

@@ -27,10 +27,10 @@ constexpr uid_t kNobody = 65534;
 
 [[noreturn]] void become(const std::vector<std::string>& args, const RunOptions& options, int out,
                          int err) {
-  std::vector<char*> argv = {const_cast<char*>(options.program.c_str())};
+  std::vector<char*> argv = {const_cast<char*>(SYMFORGE_PROGRAM)};
   for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
   argv.push_back(nullptr);
-  const int program = open(options.program.c_str(), O_RDONLY | O_CLOEXEC);
+  const int program = open(SYMFORGE_PROGRAM, O_RDONLY | O_CLOEXEC);
   dup2(out, STDOUT_FILENO);
   dup2(err, STDERR_FILENO);
   umask(022);

@@ -1,4 +1,4 @@
-// Running a program as its users do: arguments in, standard output, standard error and exit status
+// Running symforge as its users do: arguments in, standard output, standard error and exit status
 // out; and looking at what it left on disk.
 
 #pragma once
@@ -26,7 +26,6 @@ struct RunOptions {
   std::string stdout_path = {};          // where standard output goes in place of Result::out
   std::optional<size_t> file_size = {};  // limit of the size of any file written, in bytes
   bool as_nobody = false;                // without root's rights, when the tests have these
-  std::string program = SYMFORGE_PROGRAM;
 };
 
 // Runs the program and waits for it. Throws std::runtime_error when it cannot be started.

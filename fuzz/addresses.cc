@@ -1,51 +1,10 @@
-#include "fuzz/lookups.h"
+#include "fuzz/addresses.h"
 
 #include <algorithm>
 #include <charconv>
 #include <optional>
 
-#include "fuzz/harness.h"
-
-using namespace google_breakpad;
-
 namespace fuzzing {
-
-Symbols::Symbols(std::string_view file) : bytes_(new char[file.size() + 1]) {
-  file.copy(bytes_.get(), file.size());
-  bytes_[file.size()] = '\0';
-  require(resolver_.LoadModuleUsingMemoryBuffer(&module_, bytes_.get(), file.size() + 1),
-          "a load does not fail");
-  // What a text says is in the module now; only an image is still looked at.
-  if (!file.starts_with("SYMB")) bytes_.reset();
-}
-
-StackFrame Symbols::question(uint64_t address) const {
-  StackFrame frame;
-  frame.instruction = address;
-  frame.module = &module_;
-  return frame;
-}
-
-StackFrame Symbols::frame(uint64_t address) const {
-  StackFrame frame = question(address);
-  resolver_.FillSourceLineInfo(&frame);
-  return frame;
-}
-
-std::unique_ptr<WindowsFrameInfo> Symbols::windows(uint64_t address) const {
-  const StackFrame frame = question(address);
-  return std::unique_ptr<WindowsFrameInfo>(resolver_.FindWindowsFrameInfo(&frame));
-}
-
-std::string Symbols::cfi(uint64_t address) const {
-  const StackFrame frame = question(address);
-  const std::unique_ptr<CFIFrameInfo> info(resolver_.FindCFIFrameInfo(&frame));
-  if (info == nullptr) return {};
-  std::string text = ".cfa: " + info->cfa_rule() + " .ra: " + info->ra_rule();
-  for (const auto& [name, rule] : info->register_rules()) text += " " + name + ": " + rule;
-  return text;
-}
-
 namespace {
 
 // The next word of `line`, taken off it; empty at its end.

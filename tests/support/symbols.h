@@ -1,0 +1,68 @@
+// A resolver that knows one module, to be asked about addresses relative to that module.
+
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+#include "builders/guarded_block.h"
+#include "google_breakpad/processor/basic_source_line_resolver.h"
+#include "tests/support/code_module.h"
+
+namespace test_support {
+
+class Symbols {
+ public:
+  // Text, or a SYMB block that symb_validate() has passed; loaded at `base`. Text is gone after the
+  // load, a block is read-only from the beginning; both end at an unreadable page.
+  explicit Symbols(std::string_view content, uint64_t base = 0) : module_(base) {
+    const bool is_text = !content.starts_with("SYMB");
+    block_.emplace(is_text ? std::string(content) + '\0' : std::string(content));
+    if (!is_text) block_->make_read_only();
+    if (!resolver_.LoadModuleUsingMemoryBuffer(&module_, block_->data(), block_->size()))
+      throw std::runtime_error("a load does not fail");
+    if (is_text) block_.reset();
+  }
+
+  google_breakpad::StackFrame frame(uint64_t address) const {
+    google_breakpad::StackFrame frame = question(address);
+    resolver_.FillSourceLineInfo(&frame);
+    return frame;
+  }
+  // Null if there is none.
+  std::unique_ptr<google_breakpad::WindowsFrameInfo> windows(uint64_t address) const {
+    const google_breakpad::StackFrame frame = question(address);
+    return std::unique_ptr<google_breakpad::WindowsFrameInfo>(
+        resolver_.FindWindowsFrameInfo(&frame));
+  }
+  // The rules as one text; empty if there are none.
+  std::string cfi(uint64_t address) const {
+    const google_breakpad::StackFrame frame = question(address);
+    const std::unique_ptr<google_breakpad::CFIFrameInfo> info(resolver_.FindCFIFrameInfo(&frame));
+    if (info == nullptr) return {};
+    std::string text = ".cfa: " + info->cfa_rule() + " .ra: " + info->ra_rule();
+    for (const auto& [name, rule] : info->register_rules()) text += " " + name + ": " + rule;
+    return text;
+  }
+
+ private:
+  // Not the values that a lookup writes, so that one that writes nothing shows.
+  google_breakpad::StackFrame question(uint64_t address) const {
+    google_breakpad::StackFrame frame;
+    frame.module = &module_;
+    frame.instruction = module_.base_address() + address;
+    frame.source_file_name = "-";
+    frame.source_line = -1;
+    return frame;
+  }
+
+  const TestModule module_;
+  std::optional<builders::GuardedBlock> block_;
+  mutable google_breakpad::BasicSourceLineResolver resolver_;
+};
+
+}  // namespace test_support
