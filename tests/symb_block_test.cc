@@ -261,23 +261,6 @@ TEST(SymbBlockTest, EndsOnAbsurdSharing) {
   EXPECT_EQ(read(block), kNotRead);
 }
 
-TEST(SymbBlockTest, SurvivesDeepNesting) {
-  SymbModel model;
-  model.frame_info[0] = {{0, 9, ""}};
-  std::string block = model.bytes();
-  constexpr uint64_t kDepth = 200000;
-  const uint64_t map = get_u64(block, get_u64(block, kSymbFrameInfo) + 48);
-  const std::string range = block.substr(map, 64);
-  for (uint64_t i = 1; i < kDepth; ++i) {
-    put_u64(block, map + (i - 1) * 64 + 48, map + i * 64);
-    put_u64(block, map + (i - 1) * 64 + 56, 1);
-    block.append(range);
-  }
-  EXPECT_EQ(symb_validate(reinterpret_cast<uint64_t>(block.data()), block.size()), true);
-  const std::string text = read(block);
-  EXPECT_EQ(static_cast<uint64_t>(std::count(text.begin(), text.end(), '\n')), kDepth + 1);
-}
-
 TEST(SymbTouchTest, ChangesTheAccessTimeOnly) {
   FILE* file = std::tmpfile();
   ASSERT_NE(file, nullptr);

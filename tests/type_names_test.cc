@@ -231,30 +231,25 @@ TEST(TypeTableTest, SkipsFillAndNothingElse) {
 }
 
 TEST(TypeTableTest, RunsOffThePages) {
-  const auto load = [](TypeStreamBuilder& b, size_t cut) {
+  const auto load = [](const std::function<void(TypeStreamBuilder&)>& add, size_t cut = 0) {
+    TypeStreamBuilder b;
+    b.structure("to make a page of at least 64 bytes");
+    add(b);
     std::string stream = b.stream();
     stream.resize(stream.size() - cut);
     // The pages end with the stream.
     Types(stream, TypeStreamBuilder().stream(), static_cast<uint32_t>((stream.size() + 3) / 4 * 4));
   };
-  const auto one = [](std::function<void(TypeStreamBuilder&)> add) {
-    TypeStreamBuilder b;
-    b.structure("to make a page of at least 64 bytes");
-    add(b);
-    return b;
-  };
-  TypeStreamBuilder complete = one([](auto& b) { b.structure("abc"); });
-  TypeStreamBuilder more = one([&](auto& b) { b.override_max(b.next_index() + 1); });
-  TypeStreamBuilder pointer = one([](auto& b) { b.pointer(kInt); });
-  TypeStreamBuilder list = one([](auto& b) { b.add(LEAF::LF_ARGLIST, bytes32(100)); });
-  TypeStreamBuilder number =
-      one([](auto& b) { b.raw(Bytes().u16(1).u16(0x8001).str()).override_max(kFirst + 2); });
-  EXPECT_NO_THROW(load(complete, 0));
-  EXPECT_THROW(load(complete, 4), pdb_recoverable_exception) << "a name without its end";
-  EXPECT_THROW(load(more, 0), pdb_recoverable_exception);
-  EXPECT_THROW(load(pointer, 4), pdb_recoverable_exception);
-  EXPECT_THROW(load(list, 0), pdb_recoverable_exception);
-  EXPECT_THROW(load(number, 0), pdb_recoverable_exception) << "a negative size";
+  using Refusal = pdb_recoverable_exception;
+  EXPECT_NO_THROW(load([](auto& b) { b.structure("abc"); }));
+  EXPECT_THROW(load([](auto& b) { b.structure("abc"); }, 4), Refusal) << "a name without its end";
+  EXPECT_THROW(load([](auto& b) { b.override_max(b.next_index() + 1); }), Refusal);
+  EXPECT_THROW(load([](auto& b) { b.pointer(kInt); }, 4), Refusal);
+  EXPECT_THROW(load([](auto& b) { b.add(LEAF::LF_ARGLIST, bytes32(100)); }), Refusal);
+  EXPECT_THROW(
+      load([](auto& b) { b.raw(Bytes().u16(1).u16(0x8001).str()).override_max(kFirst + 2); }),
+      Refusal)
+      << "a negative size";
 }
 
 // Whatever part of a record a page seam cuts, the text is that of the record in one piece.
