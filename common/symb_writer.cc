@@ -2,8 +2,6 @@
 // twice in the same order, once to measure the image and collect its strings, once to lay it down.
 // The containers' orders are what makes the image's tables sorted.
 
-#include <sys/mman.h>
-
 #include <algorithm>
 #include <cstring>
 #include <iostream>
@@ -11,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "common/page_block.h"
 #include "common/symb.h"
 #include "common/symb_identity.h"
 #include "common/symb_strings.h"
@@ -25,16 +24,6 @@ using symb_writer::sym_info;
 using Module = BasicSourceLineResolver::Module;
 using StackWinRange = Module::StackWinMap::Range;
 using StackWinRanges = StackWinRange::AddressToRangeMap;
-
-// Asks for huge pages under a block that is filled at once: otherwise a page fault every 4 KiB
-// costs more than the filling.
-void prefer_huge_pages(char* block, size_t size) {
-  constexpr uint64_t kHugePage = 2 * 1024 * 1024;
-  const auto address = reinterpret_cast<uint64_t>(block);
-  const uint64_t begin = (address + kHugePage - 1) / kHugePage * kHugePage;
-  const uint64_t end = (address + size) / kHugePage * kHugePage;
-  if (begin < end) madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
-}
 
 // Takes the text apart into the containers of a module. The copy that the parser works on is gone
 // when this returns: the module has its own copy of what it keeps.

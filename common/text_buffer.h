@@ -1,8 +1,8 @@
 // TextBuffer: the growing character buffer in which a symbol file's text is made.
 //
-// One conversion fills one buffer; the text is handed on as a view and is never copied. Growth uses
-// realloc, which for large blocks remaps pages instead of copying them, so that the peak of memory
-// is the text itself.
+// One conversion fills one buffer; the text is handed on as a view and is never copied. A large
+// text lies on pages that move instead of being copied when it grows, so that the peak of memory is
+// the text itself.
 //
 // Writers of lines reserve once for a whole line and then append without checks:
 //
@@ -19,6 +19,8 @@
 #include <cstdint>
 #include <cstring>
 #include <string_view>
+
+#include "common/page_block.h"
 
 class TextBuffer {
  public:
@@ -69,10 +71,12 @@ class TextBuffer {
 
  private:
   void grow(size_t bytes);
+  void grow_pages(size_t capacity);
 
-  char* data_ = nullptr;
+  char* data_ = nullptr;  // from malloc, or the data of `pages_` once that is in use
   size_t size_ = 0;
   size_t capacity_ = 0;
+  PageBlock pages_;
 };
 
 // Writes a number in lower-case hexadecimal without padding and returns the end of it. Eight bytes

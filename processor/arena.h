@@ -13,7 +13,7 @@
 #include <type_traits>
 #include <vector>
 
-#include "processor/page_block.h"
+#include "common/page_block.h"
 
 namespace google_breakpad {
 

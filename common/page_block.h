@@ -1,14 +1,13 @@
 // PageBlock: a large block of memory on huge pages where the system offers them.
 //
-// A module of a large program is searched all over at random: on pages of 4 KiB nearly each access
-// also misses the TLB, and filling the memory costs a page fault every 4 KiB.
+// The symbols of a large program are many megabytes that are filled once and searched all over: on
+// pages of 4 KiB filling costs a page fault every 4 KiB, and nearly each access at random also
+// misses the TLB.
 
 #pragma once
 
 #include <cstddef>
 #include <utility>
-
-namespace google_breakpad {
 
 class PageBlock {
  public:
@@ -28,11 +27,18 @@ class PageBlock {
     return *this;
   }
 
+  // Makes the block larger, to a multiple of kUnit; what is new is zeroed. The content moves with
+  // its pages, without a copy. Throws std::bad_alloc and leaves the block as it is.
+  void enlarge(size_t size);
+
   char* data() const { return data_; }
+  size_t size() const { return size_; }
 
  private:
   char* data_ = nullptr;
   size_t size_ = 0;
 };
 
-}  // namespace google_breakpad
+// Asks for huge pages under memory that comes from elsewhere, as far as they fit into it. For large
+// blocks that are about to be filled.
+void prefer_huge_pages(char* block, size_t size);
