@@ -220,7 +220,11 @@ static_assert(sizeof(symb_cfi_delta_rule) == 16 && offsetof(symb_cfi_delta_rule,
 //
 // Addresses and sizes are cut to 32 bits. An image of a text whose ranges all end at or below 4 GiB
 // passes symb_validate(); beyond that the cut may leave a table out of order.
+//
+// The second form takes the text over, and so needs no copy of it: what stands before the first NUL
+// in it is used.
 bool symb_write(const char* symbol_data, char** out_buffer, size_t* out_buffer_size);
+bool symb_write(TextBuffer symbol_data, char** out_buffer, size_t* out_buffer_size);
 
 // Makes the text symbol file of a SYMB block and appends it to `out`.
 //

@@ -13,6 +13,7 @@
 #include "common/symb.h"
 #include "common/symb_identity.h"
 #include "common/symb_strings.h"
+#include "common/text_buffer.h"
 #include "google_breakpad/processor/basic_source_line_resolver.h"
 #include "processor/basic_source_line_resolver_module.h"
 
@@ -24,19 +25,6 @@ using symb_writer::sym_info;
 using Module = BasicSourceLineResolver::Module;
 using StackWinRange = Module::StackWinMap::Range;
 using StackWinRanges = StackWinRange::AddressToRangeMap;
-
-// Takes the text apart into the containers of a module. The copy that the parser works on is gone
-// when this returns: the module has its own copy of what it keeps.
-std::unique_ptr<Module> parse_text(const char* symbol_data) {
-  const size_t sym_buffer_size = std::strlen(symbol_data) + 1;
-  const std::unique_ptr<char[]> sym_buffer(new char[sym_buffer_size]);
-  prefer_huge_pages(sym_buffer.get(), sym_buffer_size);
-  std::memcpy(sym_buffer.get(), symbol_data, sym_buffer_size);
-  BasicSourceLineResolver resolver;
-  std::unique_ptr<Module> module(static_cast<Module*>(resolver.CreateModule("foo")));
-  if (!module->LoadMapFromMemory(sym_buffer.get(), sym_buffer_size)) module.reset();
-  return module;
-}
 
 bool has_code_id(const sym_info& info) { return !info.code_id.empty() && !info.code_file.empty(); }
 
@@ -343,13 +331,20 @@ void ImageWriter::write_sections() {
 }  // namespace
 
 bool symb_write(const char* symbol_data, char** out_buffer, size_t* out_buffer_size) {
+  TextBuffer text;
+  text.append(symbol_data);
+  return symb_write(std::move(text), out_buffer, out_buffer_size);
+}
+
+bool symb_write(TextBuffer text, char** out_buffer, size_t* out_buffer_size) {
   sym_info info;
+  char* const symbol_data = text.data();
   if (!symb_writer::sym_info_parse(symbol_data, info)) return false;
-  const std::unique_ptr<Module> module = parse_text(symbol_data);
-  if (module == nullptr) return false;
+  Module module("foo");
+  module.LoadTextInPlace(symbol_data, std::strlen(symbol_data) + 1);
   if (info.os.empty() || info.arch.empty()) return false;
 
-  ImageWriter writer(info, *module);
+  ImageWriter writer(info, module);
   const uint64_t file_size = writer.measure();
   std::unique_ptr<char[]> file_buffer(new char[file_size]);
   prefer_huge_pages(file_buffer.get(), file_size);

@@ -27,4 +27,9 @@ bool BasicSourceLineResolver::Module::LoadMapFromMemory(char* memory_buffer,
   return true;
 }
 
+void BasicSourceLineResolver::Module::LoadTextInPlace(char* text, size_t size) {
+  using Loader = TextModuleLoader;
+  Loader(this, Loader::Readers::kQuickAndExact, TextStore::Place::kText).Load(text, size);
+}
+
 }  // namespace google_breakpad

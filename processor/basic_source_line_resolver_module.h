@@ -71,6 +71,9 @@ class BasicSourceLineResolver::Module : public SourceLineResolverBase::Module {
   // Takes text or, if it begins with "SYMB", a SYMB block. Text is changed by the load and may be
   // released afterwards; a block must outlive the module. True always.
   bool LoadMapFromMemory(char* memory_buffer, size_t memory_buffer_size) override;
+  // Loads the text that begins at `text`, `size` bytes with a NUL at their end. The module's
+  // strings stay in it: the text must outlive the module and belongs to it until then.
+  void LoadTextInPlace(char* text, size_t size);
   bool IsCorrupt() const override { return is_corrupt_; }
   void LookupAddress(StackFrame* frame) const override;
   WindowsFrameInfo* FindWindowsFrameInfo(const StackFrame* frame) const override;

@@ -114,16 +114,16 @@ void InlineGatherer::SortByNesting() {
   sites_ = std::move(sorted);
 }
 
-void InlineGatherer::MoveTo(Arena& arena, BasicSourceLineResolver::Function* function) {
+void InlineGatherer::MoveTo(TextStore& store, BasicSourceLineResolver::Function* function) {
   if (!ordered_) SortByNesting();
   final_.clear();
   for (size_t i = 0; i < sites_.size(); ++i) {
     final_.push_back(sites_[i].record);
     // A site is often cut into several ranges, all with its name.
     const bool same = i > 0 && sites_[i].name == sites_[i - 1].name;
-    final_[i].name = same ? final_[i - 1].name : arena.copy(sites_[i].name);
+    final_[i].name = same ? final_[i - 1].name : store.keep(sites_[i].name);
   }
-  function->inlines_ = arena.copy(final_.data(), final_.size());
+  function->inlines_ = store.arena().copy(final_.data(), final_.size());
   function->inline_count_ = static_cast<uint32_t>(final_.size());
   Clear();
 }

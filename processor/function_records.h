@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "processor/basic_source_line_resolver_module.h"
+#include "processor/text_store.h"
 
 namespace google_breakpad {
 
@@ -43,8 +44,8 @@ class InlineGatherer {
   // A range that is empty, runs past the largest address, is stored already or cuts a stored one
   // in part is dropped. `name` must stay valid until the next MoveTo or Clear.
   void Store(const InlineFunction& site, std::string_view name);
-  // Copies the sites, outer before inner, into `arena` and makes them the function's.
-  void MoveTo(Arena& arena, BasicSourceLineResolver::Function* function);
+  // Copies the sites, outer before inner, into the store and makes them the function's.
+  void MoveTo(TextStore& store, BasicSourceLineResolver::Function* function);
   void Clear();
 
  private:

@@ -133,7 +133,7 @@ bool TextModuleLoader::ParseFile(char* line, char* end) {
   if (!(quick_ && QuickFile(line, end, &fields)) && !ReadFile(line, end, &fields)) return false;
   const int index = static_cast<int>(fields.index);
   if (module_.files_.find(index) == module_.files_.end()) {
-    module_.files_.insert(index, module_.arena_.copy(fields.name));
+    module_.files_.insert(index, strings_.keep(fields.name));
   }
   return true;
 }
@@ -154,7 +154,7 @@ bool TextModuleLoader::ParseFunction(char* line, char* end) {
   cur_func_->parameter_size = static_cast<int32_t>(fields.stack_param_size);
   cur_func_->is_multiple = fields.is_multiple;
   cur_func_stored_ = module_.functions_.StoreRange(fields.address, fields.size, cur_func_);
-  if (cur_func_stored_) cur_func_->name = arena.copy(fields.name);
+  if (cur_func_stored_) cur_func_->name = strings_.keep(fields.name);
   return true;
 }
 
@@ -163,7 +163,7 @@ void TextModuleLoader::FinishFunction() {
   if (cur_func_ == nullptr) return;
   if (cur_func_stored_) {
     lines_.MoveTo(module_.arena_, cur_func_);
-    inlines_.MoveTo(module_.arena_, cur_func_);
+    inlines_.MoveTo(strings_, cur_func_);
   } else {
     lines_.Clear();
     inlines_.Clear();
@@ -178,7 +178,7 @@ bool TextModuleLoader::ParsePublicSymbol(char* line, char* end) {
   // Several symbols at address 0 would clash with each other, and none of them is of use.
   if (fields.address == 0) return true;
   return module_.public_symbols_.Store(
-      fields.address, {module_.arena_.copy(fields.name), fields.address,
+      fields.address, {strings_.keep(fields.name), fields.address,
                        static_cast<int32_t>(fields.stack_param_size), fields.is_multiple});
 }
 
@@ -227,7 +227,7 @@ void TextModuleLoader::StoreStackWin(const StackWinFields& fields) {
   // Few programs serve all functions of a module, mostly one after the other.
   if (fields.program_string != last_program_) {
     last_program_ = fields.program_string;
-    last_program_copy_ = module_.arena_.copy(fields.program_string);
+    last_program_kept_ = strings_.keep(fields.program_string);
   }
   const StackWinRecord record = {fields.prolog_size,
                                  fields.epilog_size,
@@ -235,7 +235,7 @@ void TextModuleLoader::StoreStackWin(const StackWinFields& fields) {
                                  fields.saved_register_size,
                                  fields.local_size,
                                  fields.max_stack_size,
-                                 fields.program_string.empty() ? "" : last_program_copy_,
+                                 fields.program_string.empty() ? "" : last_program_kept_,
                                  static_cast<int8_t>(fields.type),
                                  fields.allocates_base_pointer};
   module_.windows_frame_info_[static_cast<size_t>(fields.type)].StoreRange(
@@ -243,7 +243,7 @@ void TextModuleLoader::StoreStackWin(const StackWinFields& fields) {
 }
 
 void TextModuleLoader::StoreStackCFI(const StackCFIFields& fields) {
-  const char* rules = module_.arena_.copy(fields.rules);
+  const char* rules = strings_.keep(fields.rules);
   if (fields.is_init) {
     module_.cfi_initial_rules_.StoreRange(fields.address, fields.size, rules);
   } else if (!module_.cfi_delta_rules_.insert(fields.address, rules)) {

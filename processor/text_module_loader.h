@@ -22,6 +22,7 @@
 #include "processor/basic_source_line_resolver_module.h"
 #include "processor/function_records.h"
 #include "processor/symbol_lines.h"
+#include "processor/text_store.h"
 
 namespace google_breakpad {
 
@@ -33,9 +34,12 @@ class TextModuleLoader {
   // Whether quick readers are asked at all; tests compare the two.
   enum class Readers { kQuickAndExact, kExact };
 
-  // `module` must outlive the loader.
-  explicit TextModuleLoader(Module* module, Readers readers = Readers::kQuickAndExact)
-      : module_(*module), quick_(readers == Readers::kQuickAndExact) {}
+  // `module` must outlive the loader, and the text the module if the strings stay in the text.
+  explicit TextModuleLoader(Module* module, Readers readers = Readers::kQuickAndExact,
+                            TextStore::Place strings = TextStore::Place::kArena)
+      : module_(*module),
+        quick_(readers == Readers::kQuickAndExact),
+        strings_(module_.arena_, strings) {}
 
   // Reads `size` bytes and marks the module corrupt if a line did not parse. The last byte is
   // overwritten by a NUL if it is none; other parts of the buffer are changed as lines are split.
@@ -63,6 +67,7 @@ class TextModuleLoader {
 
   Module& module_;
   const bool quick_;
+  TextStore strings_;
   char* end_ = nullptr;           // of the text; a NUL stands there
   char* next_newline_ = nullptr;  // the first line feed at or behind the last line asked about
   int line_number_ = 0;
@@ -74,7 +79,7 @@ class TextModuleLoader {
   InlineGatherer inlines_;
   Function* spare_func_ = nullptr;  // the record of a refused function, to be used again
   std::string last_program_;
-  const char* last_program_copy_ = "";
+  const char* last_program_kept_ = "";
 };
 
 }  // namespace google_breakpad

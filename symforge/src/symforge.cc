@@ -25,9 +25,6 @@ namespace {
 
 constexpr int kPriority = LOG_USER | LOG_ERR;
 
-// A text that is ready to be written, as symforge_sym wants it.
-std::string_view finished(TextBuffer& text) { return {text.c_str(), text.size()}; }
-
 // What the input is, by its first bytes; its whole content is read into `content` unless it is a
 // PDB, which is mapped by its parser. An input that cannot be read counts as a PDB too: the parser
 // is the one that reports it.
@@ -45,12 +42,12 @@ InputKind read_input(const char* path, TextBuffer& content) {
 }
 
 // A text symbol file goes out as it stands, up to the first byte that no such file can hold.
-bool convert_text(TextBuffer& text, const char* sym_path, bool binary_output) {
+bool convert_text(TextBuffer text, const char* sym_path, bool binary_output) {
   constexpr int kEndOfText = 0xFF;
   if (const void* end = std::memchr(text.data(), kEndOfText, text.size())) {
     text.truncate(static_cast<size_t>(static_cast<const char*>(end) - text.data()));
   }
-  symforge_sym(finished(text), sym_path, binary_output);
+  symforge_sym(std::move(text), sym_path, binary_output);
   return true;
 }
 
@@ -61,7 +58,7 @@ bool convert_symb(TextBuffer image, const char* path, const char* sym_path, bool
     return false;
   }
   image = TextBuffer();  // the text is all that is needed from here on
-  symforge_sym(finished(text), sym_path, binary_output);
+  symforge_sym(std::move(text), sym_path, binary_output);
   return true;
 }
 
@@ -73,7 +70,7 @@ bool convert_pdb(const char* pdb_path, const char* exe_path, const char* sym_pat
     parser.load(pdb_path, exe_path, sym_path, text);
     parser.printBreakpadSymbols(text, nullptr);
   }  // the parser's tables go before a SYMB image is made
-  symforge_sym(finished(text), sym_path, binary_output);
+  symforge_sym(std::move(text), sym_path, binary_output);
   return true;
 }
 
@@ -82,7 +79,7 @@ bool convert(const char* pdb_path, const char* exe_path, const char* sym_path, b
     TextBuffer content;
     switch (read_input(pdb_path, content)) {
       case InputKind::kText:
-        return convert_text(content, sym_path, binary_output);
+        return convert_text(std::move(content), sym_path, binary_output);
       case InputKind::kSymb:
         return convert_symb(std::move(content), pdb_path, sym_path, binary_output);
       case InputKind::kUnreadable:
@@ -112,19 +109,21 @@ std::string backtrace_text() {
 // What a conversion writes: the text itself, or the SYMB image made of it, which may not exist.
 struct Output {
   std::string_view bytes;
-  std::unique_ptr<char[]> image;  // holds `bytes` unless they are the text
-  bool complete = true;           // false: no image could be made, the output is empty
+  TextBuffer text;  // either of them holds `bytes`
+  std::unique_ptr<char[]> image;
+  bool complete = true;  // false: no image could be made, the output is empty
 };
 
-Output make_output(std::string_view symbol_data, bool binary_output) {
+Output make_output(TextBuffer symbol_data, bool binary_output) {
   Output output;
   if (!binary_output) {
-    output.bytes = symbol_data;
+    output.text = std::move(symbol_data);
+    output.bytes = output.text.view();
     return output;
   }
   char* image = nullptr;
   size_t size = 0;
-  output.complete = symb_write(symbol_data.data(), &image, &size);
+  output.complete = symb_write(std::move(symbol_data), &image, &size);
   if (output.complete) {
     output.image.reset(image);
     output.bytes = {image, size};
@@ -185,13 +184,19 @@ bool symforge(const char* pdb_path, const char* exe_path, const char* sym_path,
 }
 
 bool symforge_sym(std::string_view symbol_data, const char* sym_path, bool binary_output) {
+  TextBuffer text;
+  text.append(symbol_data);
+  return symforge_sym(std::move(text), sym_path, binary_output);
+}
+
+bool symforge_sym(TextBuffer symbol_data, const char* sym_path, bool binary_output) {
   sym_info info;
-  if (!sym_info_parse(symbol_data.data(), info)) {
+  if (!sym_info_parse(symbol_data.c_str(), info)) {
     syslog(kPriority, "failed to extrace debug id from data\n");
     return false;
   }
   if (sym_path == nullptr) {
-    const Output output = make_output(symbol_data, binary_output);
+    const Output output = make_output(std::move(symbol_data), binary_output);
     return write_to_stdout(output.bytes) && output.complete;
   }
 
@@ -203,7 +208,7 @@ bool symforge_sym(std::string_view symbol_data, const char* sym_path, bool binar
     return false;
   }
   // Made before the temporary file is: a text that the image writer dies of leaves none behind.
-  const Output output = make_output(symbol_data, binary_output);
+  const Output output = make_output(std::move(symbol_data), binary_output);
   if (!replace_file(output_path, output.bytes)) return false;
   return output.complete && pdb_create_codeid_link(info, sym_path);
 }

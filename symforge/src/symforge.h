@@ -10,6 +10,7 @@
 #include <string>
 #include <string_view>
 
+#include "common/text_buffer.h"
 #include "symforge/src/utils.h"
 
 // Whether a PDB's inline sites are converted. To be set before the first conversion.
@@ -25,12 +26,13 @@ extern bool do_inline;
 // (bad_alloc, range checks) are not caught and end the process.
 bool symforge(const char* pdb_path, const char* exe_path, const char* sym_path, bool binary_output);
 
-// Writes a finished symbol text to its place. `symbol_data` must be followed by a NUL byte. Text
-// goes out whole; the identity of the file and the SYMB image are made from what stands before
-// the first NUL in it. A target in the tree is replaced as a whole: readers see the old file or
-// the new one. When no image can be made of the text the target becomes an empty file.
-// False: something failed; all but the last two are logged (no image; the code identifier's link
-// stood already or could not be made).
+// Writes a finished symbol text to its place. Text goes out whole; the identity of the file and the
+// SYMB image are made from what stands before the first NUL in it. A target in the tree is replaced
+// as a whole: readers see the old file or the new one. When no image can be made of the text the
+// target becomes an empty file. False: something failed; all but the last two are logged (no image;
+// the code identifier's link stood already or could not be made). The first form takes the text
+// over, the second one works on a copy.
+bool symforge_sym(TextBuffer symbol_data, const char* sym_path, bool binary_output);
 bool symforge_sym(std::string_view symbol_data, const char* sym_path, bool binary_output);
 
 // Makes the link from the code identifier to the build's folder, for modules whose code file is an
