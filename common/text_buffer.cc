@@ -32,7 +32,7 @@ char* TextBuffer::data() {
 
 void TextBuffer::grow(size_t bytes) {
   constexpr size_t kFirstBlock = 64 * 1024;
-  constexpr size_t kLargeBlock = 4 * PageBlock::kUnit;
+  constexpr size_t kLargeBlock = PageBlock::kUnit;
   if (bytes > SIZE_MAX / 2 - size_) throw std::bad_alloc();
   const size_t usual = capacity_ == 0 ? kFirstBlock : capacity_ + capacity_ / 2;
   const size_t capacity = std::max(usual, size_ + bytes);

@@ -113,12 +113,14 @@ void PDBParser::printTypedFunction(const FunctionRecord& func, std::string& name
 
 // Functions without a type print as they stand: no clean-up, no parameters, no lines.
 void PDBParser::printFunctions(const Functions& funcs, TextBuffer& out) {
-  // Names and lines lie all over the mapping: they are asked for a few functions ahead.
+  // Names, lines and types lie all over the mapping: they are asked for a few functions ahead.
   constexpr size_t kAhead = 8;
   std::string name;
   std::string parameters;
   for (size_t i = 0; i < funcs.size(); ++i) {
+    if (i + 2 * kAhead < funcs.size()) typemap.prefetchIndex(funcs[i + 2 * kAhead].typeIndex);
     if (i + kAhead < funcs.size()) {
+      typemap.prefetchRecord(funcs[i + kAhead].typeIndex);
       __builtin_prefetch(funcs[i + kAhead].name.data);
       __builtin_prefetch(funcs[i + kAhead].name.data + 64);
       __builtin_prefetch(funcs[i + kAhead].lines.data);
