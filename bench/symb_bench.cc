@@ -30,12 +30,19 @@ SymbolTextShape shape_of(int64_t functions, int64_t inline_depth) {
   return shape;
 }
 
-std::string image_of(const std::string& text) {
+// A block as symb_write() gives it.
+struct Image {
+  std::unique_ptr<char[]> block;
+  size_t size = 0;
+
+  std::string_view view() const { return {block.get(), size}; }
+};
+
+Image image_of(const std::string& text) {
   char* block = nullptr;
   size_t size = 0;
   if (!symb_write(text.c_str(), &block, &size)) std::abort();
-  const std::unique_ptr<char[]> owner(block);
-  return std::string(block, size);
+  return {std::unique_ptr<char[]>(block), size};
 }
 
 // Inputs are kept between runs of a benchmark: making a large one takes seconds.
@@ -45,10 +52,10 @@ const std::string& text_for(const benchmark::State& state) {
   if (text.empty()) text = symbol_text(shape_of(state.range(0), state.range(1)));
   return text;
 }
-const std::string& image_for(const benchmark::State& state) {
-  static std::map<std::pair<int64_t, int64_t>, std::string> images;
-  std::string& image = images[{state.range(0), state.range(1)}];
-  if (image.empty()) image = image_of(text_for(state));
+const Image& image_for(const benchmark::State& state) {
+  static std::map<std::pair<int64_t, int64_t>, Image> images;
+  Image& image = images[{state.range(0), state.range(1)}];
+  if (image.block == nullptr) image = image_of(text_for(state));
   return image;
 }
 
@@ -91,16 +98,16 @@ void text_to_symb(benchmark::State& state) {
     delete[] block;
   }
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(text.size()));
-  set_ratio(state, seconds, text, image_for(state));
+  set_ratio(state, seconds, text, image_for(state).view());
 }
 
 void symb_to_text(benchmark::State& state) {
-  const std::string& image = image_for(state);
+  const std::string_view image = image_for(state).view();
   std::string text;
   double seconds = 0;
   for (auto _ : state) {
     state.PauseTiming();
-    std::string block = image;
+    std::string block(image);
     state.ResumeTiming();
     const double start = cpu_seconds();
     TextBuffer out;
@@ -115,7 +122,7 @@ void symb_to_text(benchmark::State& state) {
 }
 
 void validate(benchmark::State& state) {
-  const std::string& image = image_for(state);
+  const std::string_view image = image_for(state).view();
   for (auto _ : state) {
     if (!symb_validate(reinterpret_cast<uint64_t>(image.data()), image.size())) {
       state.SkipWithError("symb_validate");
@@ -140,12 +147,12 @@ class Code : public google_breakpad::CodeModule {
 };
 
 void open(benchmark::State& state) {
-  std::string image = image_for(state);
+  const Image& image = image_for(state);
   const Code code;
   std::clog.setstate(std::ios::failbit);
   for (auto _ : state) {
     google_breakpad::BasicSourceLineResolver resolver;
-    resolver.LoadModuleUsingMemoryBuffer(&code, image.data(), image.size());
+    resolver.LoadModuleUsingMemoryBuffer(&code, image.block.get(), image.size);
     benchmark::DoNotOptimize(resolver.HasModule(&code));
   }
   std::clog.clear();
@@ -153,11 +160,11 @@ void open(benchmark::State& state) {
 
 // One frame object for all lookups, as a stack walker would use it.
 void lookup(benchmark::State& state) {
-  std::string image = image_for(state);
+  const Image& image = image_for(state);
   const Code code;
   google_breakpad::BasicSourceLineResolver resolver;
   std::clog.setstate(std::ios::failbit);
-  resolver.LoadModuleUsingMemoryBuffer(&code, image.data(), image.size());
+  resolver.LoadModuleUsingMemoryBuffer(&code, image.block.get(), image.size);
   std::clog.clear();
   std::mt19937_64 random(1);
   const uint64_t end = symbol_text_end(shape_of(state.range(0), state.range(1)));

@@ -131,7 +131,10 @@ class LineWriter {
     if (number > UINT32_MAX) return number_in_base(number, 10);
     return number_in_base(static_cast<uint32_t>(number), 10);
   }
-  LineWriter& dec_signed(int64_t number) { return number_in_base(number, 10); }
+  LineWriter& dec_signed(int64_t number) {
+    if (number < 0) return number_in_base(number, 10);
+    return dec(static_cast<uint64_t>(number));
+  }
 
  private:
   template <typename Number>

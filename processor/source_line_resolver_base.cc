@@ -7,6 +7,7 @@
 #include <cstring>
 #include <memory>
 
+#include "common/page_block.h"
 #include "common/symb.h"
 #include "processor/cfi_frame_info.h"
 #include "processor/logging.h"
@@ -66,6 +67,7 @@ bool SourceLineResolverBase::ReadSymbolFile(const std::string& map_file, char** 
   }
   const auto file_size = static_cast<size_t>(status.st_size);
   std::unique_ptr<char[]> data(new char[file_size + 1]);
+  prefer_huge_pages(data.get(), file_size + 1);
   *symbol_data = nullptr;
   *symbol_data_size = file_size + 1;
 
