@@ -9,7 +9,7 @@ namespace builders {
 
 struct SymbolTextShape {
   uint32_t functions = 1000;
-  uint32_t lines = 8;         // of a function
+  uint32_t lines = 8;         // of a function, on average
   uint32_t inline_depth = 0;  // sites around the middle of every function, one inside the other
   bool unwind = true;         // STACK CFI for every function, STACK WIN for some
 };

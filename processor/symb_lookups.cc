@@ -51,19 +51,20 @@ template <size_t kStride>
 //
 // The first visits to a large table find their records in the cache, since every search makes them;
 // each of the later ones would wait for memory. So once these begin, the answer's place is guessed
-// from the addresses around it, and what lies on the way there is fetched together. A wrong guess
-// costs little and changes nothing.
+// from the addresses around it, and what lies on the way there is fetched together; sizes differ,
+// so the guess is taken again close to the answer. A wrong guess costs little and changes nothing.
 template <size_t kStride, size_t kStart>
 const char* find_range(const char* table, uint64_t count, uint32_t address) {
   constexpr uint64_t kFarPart = 4096;
-  bool guess = count > kFarPart;
+  constexpr uint64_t kNearPart = 128;
+  uint64_t guess_at = count > kFarPart ? kFarPart : 0;  // the length of the part to guess in
   uint32_t start_below = 0;
   uint32_t start_above = UINT32_MAX;
   uint64_t lo = 0;
   uint64_t hi = count;
   while (lo < hi) {
-    if (guess && hi - lo <= kFarPart) {
-      guess = false;
+    if (hi - lo <= guess_at) {
+      guess_at = guess_at == kFarPart ? kNearPart : 0;
       const uint64_t span = uint64_t{start_above} - start_below + 1;
       prefetch_path<kStride>(table, lo, hi, lo + (hi - lo) * (address - start_below) / span);
     }
