@@ -111,12 +111,6 @@ class BlockMap {
   // The value of an entry, for writing.
   Value& value_at(const const_iterator& it) { return it.block_->values()[it.slot_]; }
 
-  // Lowers the key of an entry. The new key must still be above that of the entry before it.
-  void lower_key(const const_iterator& it, Key key) {
-    assert(key <= it.key());
-    it.block_->keys()[it.slot_] = key;
-  }
-
   // Removes an entry; returns the one behind it.
   const_iterator erase(const_iterator it);
 

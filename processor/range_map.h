@@ -177,7 +177,9 @@ bool RangeMap<AddressType, EntryType>::CutLower(const Iterator& other, AddressTy
   if (base < other_base) {
     *size = other_base - base;
   } else {
-    map_.lower_key(other, base - 1);
+    const Range cut = other.value();
+    map_.erase(other);
+    map_.insert(base - 1, cut);
   }
   return true;
 }

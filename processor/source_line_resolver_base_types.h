@@ -65,7 +65,6 @@ class SourceLineResolverBase::Module {
   virtual WindowsFrameInfo* FindWindowsFrameInfo(const StackFrame* frame) const = 0;
   virtual CFIFrameInfo* FindCFIFrameInfo(const StackFrame* frame) const = 0;
 
- protected:
   // Stores the rules of a STACK CFI text in `frame_info`, over those that are there. False if the
   // text is malformed; rules before the fault are stored.
   virtual bool ParseCFIRuleSet(const std::string& rule_set, CFIFrameInfo* frame_info) const;

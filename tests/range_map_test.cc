@@ -63,6 +63,18 @@ TEST(RangeMap, OverlapsByStrategy) {
   }
 }
 
+// A range in the second block is cut back to below where the first one ended.
+TEST(RangeMap, CutsARangeBackAcrossBlocks) {
+  Map map;
+  map.SetMergeStrategy(kLower);
+  for (int i = 0; i < 65; ++i) map.StoreRange(static_cast<uint64_t>(i) * 10, 5, i);
+  ASSERT_TRUE(map.StoreRange(633, 5, 100));
+  ASSERT_TRUE(map.StoreRange(634, 5, 101));
+  int entry = 0;
+  ASSERT_TRUE(map.RetrieveRange(634, &entry, nullptr, nullptr, nullptr));
+  EXPECT_EQ(entry, 101);
+}
+
 // The blocks under all containers against std::map, in orders that append, prepend, split and empty
 // blocks, with enough entries for several groups.
 TEST(BlockMap, AgreesWithAnOrderedMap) {
