@@ -85,15 +85,16 @@ const char* find_range(const char* table, uint64_t count, uint32_t address) {
   return nullptr;
 }
 
-// The number of records up to the last one whose address, at `kAddress`, is at or below `value`.
+// The position of the first record whose address, at `kAddress`, is above `value`. A record at
+// `value` that the search meets ends it: the result is that record's position plus `behind`.
 template <size_t kStride, size_t kAddress>
-uint64_t position_behind(const char* table, uint64_t count, uint64_t value) {
+uint64_t position(const char* table, uint64_t count, uint64_t value, uint64_t behind) {
   uint64_t lo = 0;
   uint64_t hi = count;
   while (lo < hi) {
     const uint64_t mid = lo + (hi - lo) / 2;
     const uint64_t address = symb_load<uint32_t>(table + mid * kStride + kAddress);
-    if (address == value) return mid + 1;
+    if (address == value) return mid + behind;
     if (address < value) {
       lo = mid + 1;
     } else {
@@ -103,22 +104,16 @@ uint64_t position_behind(const char* table, uint64_t count, uint64_t value) {
   return lo;
 }
 
-// The position of the first record whose address, at `kAddress`, is at or above `value`.
+// The number of records up to the last one whose address is at or below `value`.
+template <size_t kStride, size_t kAddress>
+uint64_t position_behind(const char* table, uint64_t count, uint64_t value) {
+  return position<kStride, kAddress>(table, count, value, 1);
+}
+
+// The position of the first record whose address is at or above `value`.
 template <size_t kStride, size_t kAddress>
 uint64_t position_at_or_above(const char* table, uint64_t count, uint64_t value) {
-  uint64_t lo = 0;
-  uint64_t hi = count;
-  while (lo < hi) {
-    const uint64_t mid = lo + (hi - lo) / 2;
-    const uint64_t address = symb_load<uint32_t>(table + mid * kStride + kAddress);
-    if (address == value) return mid;
-    if (address < value) {
-      lo = mid + 1;
-    } else {
-      hi = mid;
-    }
-  }
-  return lo;
+  return position<kStride, kAddress>(table, count, value, 0);
 }
 
 // The narrowest range that holds `address` among those inside the given record, or null. A record
