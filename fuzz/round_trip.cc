@@ -14,15 +14,26 @@ using test_support::text_of;
 
 namespace {
 
-// Whether a line of an image's text may change once more: a line record or an inline record with a
-// negative number, which is what is left of the number of a line or a file beyond 31 bits, is not
-// read again; a carriage return that stood inside of the first line stands at its end now, where it
-// is cut, even if nothing else is left of the name.
+// Whether the range that a line tells of is empty: what is left of a size of 4 GiB or more.
+bool has_empty_range(std::string_view line) {
+  for (const std::string_view kind : {"FUNC ", "I ", "STACK CFI INIT ", "STACK WIN "}) {
+    if (!line.starts_with(kind)) continue;
+    const size_t type = kind == "STACK WIN " ? sizeof("0 ") - 1 : 0;
+    line.remove_prefix(std::min(kind.size() + type, line.size()));
+    break;
+  }
+  return line.substr(std::min(line.find(' '), line.size())).starts_with(" 0 ");
+}
+
+// Whether a line of an image's text may change once more: an empty range is not read again, nor is
+// a line record or an inline record with a negative number, which is what is left of the number of
+// a line or a file beyond 31 bits; a carriage return that stood inside of the first line stands at
+// its end now, where it is cut, even if nothing else is left of the name.
 bool may_change_again(std::string_view line) {
   if (line.starts_with("MODULE ") || line.starts_with("INFO ")) return line.ends_with('\r');
   const bool record = line.starts_with("I ") || line.starts_with("FILE ") ||
                       line.find_first_of("0123456789abcdef") == 0;
-  return record && line.find(" -") != line.npos;
+  return has_empty_range(line) || (record && line.find(" -") != line.npos);
 }
 
 bool any_line_may_change_again(std::string_view text) {
