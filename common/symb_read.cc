@@ -290,7 +290,8 @@ bool Printer::stack_win() {
   const char* roots;
   if (!records(header_.v1.windows_frame_info, count, kRecord, &roots)) return false;
   for (uint64_t type = count; type-- > 0;) {
-    if (!enter_map(symb_load<symb_nested_window_frame_info>(roots + type * kRecord))) return false;
+    const auto root = symb_load<symb_nested_window_frame_info>(roots + type * kRecord);
+    if (root.map != 0 && !enter_map(root)) return false;
     while (!path_.empty()) {
       Array& array = path_.back();
       if (array.next == array.end) {
@@ -307,7 +308,7 @@ bool Printer::stack_win() {
 
 bool Printer::enter_map(const symb_nested_window_frame_info& owner) {
   constexpr size_t kRecord = sizeof(symb_nested_window_frame_info);
-  if (owner.map == 0 || owner.map_count == 0) return true;
+  if (owner.map_count == 0) return true;
   const char* first;
   if (!records(owner.map, owner.map_count, kRecord, &first) || !spend(owner.map_count)) {
     return false;

@@ -223,7 +223,7 @@ TEST(SymbBlockTest, RefusesDamagedReferences) {
       {"program behind the table", map4 + 32, strings_end, kReadable},
       {"program", map4 + 32, end},
       {"ranges that contain themselves", map4 + 48, map4},
-      {"count without ranges", map4 + 64 + 56, 1, kReadable},
+      {"count without ranges", map4 + 64 + 56, 1},
   };
   for (const auto& c : kCases) {
     std::string block = base;
