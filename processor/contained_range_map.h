@@ -26,6 +26,7 @@
 #include <algorithm>
 #include <cassert>
 #include <cstddef>
+#include <deque>
 #include <memory>
 #include <utility>
 #include <vector>
@@ -157,7 +158,8 @@ class ContainedRangeMap : public ContainedRange<AddressType, EntryType> {
                                                      AddressType high);
 
   NodeArena nodes_;
-  std::vector<Step> path_;
+  // Ranges that arrive from the inside out are put in at the front, others at the end.
+  std::deque<Step> path_;
 };
 
 template <typename AddressType, typename EntryType>
