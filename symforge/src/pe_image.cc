@@ -1,8 +1,9 @@
 #include "symforge/src/pe_image.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
+
+#include "symforge/src/debug_id.h"
 
 namespace google_breakpad {
 
@@ -22,16 +23,6 @@ const IMAGE_DEBUG_DIRECTORY* findCodeViewEntry(const PeImage& image) {
     return entry.Type == IMAGE_DEBUG_TYPE_CODEVIEW;
   });
   return found == end ? nullptr : found;
-}
-
-// Upper-case digits, but for the age: lower case, not padded.
-std::string formatDebugId(const GUID& guid, uint32_t age) {
-  const uint8_t* tail = guid.Data4;
-  char text[64];
-  std::snprintf(text, sizeof(text), "%08X%04X%04X%02X%02X%02X%02X%02X%02X%02X%02X%x",
-                uint32_t{guid.Data1}, uint16_t{guid.Data2}, uint16_t{guid.Data3}, tail[0], tail[1],
-                tail[2], tail[3], tail[4], tail[5], tail[6], tail[7], age);
-  return text;
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "symforge/src/PDBParser.h"
+#include "symforge/src/debug_id.h"
 #include "symforge/src/stream_directory.h"
 #include "symforge/src/utils.h"
 
@@ -56,15 +57,6 @@ void makeTreeFolders(const char* root, const std::string& name, const std::strin
   makeFolder(folder + "/" + id, "mkdir2");
   // The name of the symbol file is made by exchanging an extension: there must be one.
   assert(name.find('.') != std::string::npos);
-}
-
-std::string formatDebugId(const GUID& guid, uint32_t age) {
-  char text[64];
-  const uint8_t* d = guid.Data4;
-  std::snprintf(text, sizeof(text), "%08X%04X%04X%02X%02X%02X%02X%02X%02X%02X%02X%x",
-                uint32_t{guid.Data1}, uint32_t{guid.Data2}, uint32_t{guid.Data3}, d[0], d[1], d[2],
-                d[3], d[4], d[5], d[6], d[7], age);
-  return text;
 }
 
 // The bits that tell which slots of the table of named streams hold an entry. The words that count
