@@ -47,6 +47,8 @@ TEST(Resolver, KeepsModulesByDebugIdentifier) {
       same_as_c_string(kBase, std::string("1\0x", 3));
   BasicSourceLineResolver resolver;
   EXPECT_EQ(log_of([&] { EXPECT_FALSE(resolver.LoadModule(nullptr, path)); }), "");
+  EXPECT_THAT(log_of([&] { EXPECT_FALSE(resolver.LoadModule(&first, "/no/where")); }),
+              HasSubstr("ERROR: Could not open /no/where, error 2: No such file or directory\n"));
   EXPECT_FALSE(resolver.HasModule(nullptr));
   EXPECT_FALSE(resolver.IsModuleCorrupt(nullptr));
 
