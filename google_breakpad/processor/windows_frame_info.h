@@ -9,7 +9,7 @@ namespace google_breakpad {
 
 struct WindowsFrameInfo {
   // The kind of the STACK WIN line. Lookups give STACK_INFO_FPO and STACK_INFO_FRAME_DATA only.
-  enum StackInfoTypes {
+  enum StackInfoTypes : int {
     STACK_INFO_FPO = 0,
     STACK_INFO_TRAP,
     STACK_INFO_TSS,
