@@ -341,7 +341,7 @@ bool symb_write(TextBuffer text, char** out_buffer, size_t* out_buffer_size) {
   char* const symbol_data = text.data();
   if (!symb_writer::sym_info_parse(symbol_data, info)) return false;
   Module module("foo");
-  module.LoadTextInPlace(symbol_data, std::strlen(symbol_data) + 1);
+  module.LoadMapInPlace(symbol_data, std::strlen(symbol_data) + 1);
   if (info.os.empty() || info.arch.empty()) return false;
 
   ImageWriter writer(info, module);

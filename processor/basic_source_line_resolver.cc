@@ -19,17 +19,19 @@ SourceLineResolverBase::Module* BasicModuleFactory::CreateModule(const std::stri
 
 bool BasicSourceLineResolver::Module::LoadMapFromMemory(char* memory_buffer,
                                                         size_t memory_buffer_size) {
-  // The magic decides whatever the size says: hosts rely on it.
-  if (memory_buffer != nullptr && strncmp(memory_buffer, "SYMB", 4) == 0) {
-    return LoadMapFromMemoryB(memory_buffer, memory_buffer_size);
-  }
-  TextModuleLoader(this).Load(memory_buffer, memory_buffer_size);
-  return true;
+  return Load(memory_buffer, memory_buffer_size, TextStore::Place::kArena);
 }
 
-void BasicSourceLineResolver::Module::LoadTextInPlace(char* text, size_t size) {
-  using Loader = TextModuleLoader;
-  Loader(this, Loader::Readers::kQuickAndExact, TextStore::Place::kText).Load(text, size);
+bool BasicSourceLineResolver::Module::LoadMapInPlace(char* memory_buffer,
+                                                     size_t memory_buffer_size) {
+  return Load(memory_buffer, memory_buffer_size, TextStore::Place::kText);
+}
+
+bool BasicSourceLineResolver::Module::Load(char* buffer, size_t size, TextStore::Place strings) {
+  // The magic decides whatever the size says: hosts rely on it.
+  if (buffer != nullptr && strncmp(buffer, "SYMB", 4) == 0) return LoadMapFromMemoryB(buffer, size);
+  TextModuleLoader(this, TextModuleLoader::Readers::kQuickAndExact, strings).Load(buffer, size);
+  return true;
 }
 
 }  // namespace google_breakpad

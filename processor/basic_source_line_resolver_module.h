@@ -22,6 +22,7 @@
 #include "processor/contained_range_map.h"
 #include "processor/range_map.h"
 #include "processor/source_line_resolver_base_types.h"
+#include "processor/text_store.h"
 #include "processor/windows_frame_info.h"
 
 namespace google_breakpad {
@@ -71,9 +72,9 @@ class BasicSourceLineResolver::Module : public SourceLineResolverBase::Module {
   // Takes text or, if it begins with "SYMB", a SYMB block. Text is changed by the load and may be
   // released afterwards; a block must outlive the module. True always.
   bool LoadMapFromMemory(char* memory_buffer, size_t memory_buffer_size) override;
-  // Loads the text that begins at `text`, `size` bytes with a NUL at their end. The module's
-  // strings stay in it: the text must outlive the module and belongs to it until then.
-  void LoadTextInPlace(char* text, size_t size);
+  // The same, but the module's strings stay in the text: it must outlive the module and belongs to
+  // it until then.
+  bool LoadMapInPlace(char* memory_buffer, size_t memory_buffer_size);
   bool IsCorrupt() const override { return is_corrupt_; }
   void LookupAddress(StackFrame* frame) const override;
   WindowsFrameInfo* FindWindowsFrameInfo(const StackFrame* frame) const override;
@@ -96,6 +97,8 @@ class BasicSourceLineResolver::Module : public SourceLineResolverBase::Module {
 
  private:
   friend class TextModuleLoader;
+
+  bool Load(char* buffer, size_t size, TextStore::Place strings);
 
   bool symb_loaded_ = false;
   const char* symb_base_ = nullptr;  // not owned
