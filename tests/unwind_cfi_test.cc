@@ -124,6 +124,7 @@ TEST(UnwindCfiTest, FollowsEntriesThatPointToEntries) {
   const uint32_t info = pe.unwind_info({.slots = {op(kAllocSmall, 0)}});
   const uint32_t entry = pe.raw_unwind_info(Bytes().u32(1).u32(2).u32(info).str());
   const uint32_t further = pe.raw_unwind_info(Bytes().u32(1).u32(2).u32(entry | 1).str());
+  pe.function_entry({0x0F00, 0x0F20, 0x9000000});  // data that lie nowhere: no lines for this one
   pe.function_entry({0x1000, 0x1020, further | 1});
   EXPECT_EQ(textOf(pe.build()), lines("$rsp 16 +"));
 }
