@@ -25,8 +25,8 @@ constexpr NamedRegister kPrinted[] = {
 };
 
 // The way from function entries to their unwind data. Links are bounded for the image as a whole,
-// far above what linkers make (Windows itself follows 32 at most): those that lead round in a
-// circle end, and so do chains that many entries share to keep a reader busy.
+// far above what linkers make (Windows itself follows 32 at most), so that those end that lead
+// round in a circle, and chains that many entries share to keep a reader busy.
 class UnwindLinks {
  public:
   UnwindLinks(const PeImage& image, size_t entries)
@@ -50,10 +50,18 @@ class UnwindLinks {
     return whole ? info : nullptr;
   }
 
-  // Sums up an info and those that it is chained to. False when that never ends.
+  // Sums up an info and those that it is chained to. False when that never ends: a circle goes on
+  // as it did once each of its infos was added twice. (The info to meet again is renewed after 1,
+  // 2, 4, ... links, which catches a circle of any length.)
   bool sumUpChain(const UnwindInfo* info, UnwindFrame& frame) {
-    for (; info != nullptr; info = info->chained() ? follow(*info) : nullptr)
+    const UnwindInfo* met = nullptr;
+    int rounds = 0;
+    for (uint64_t links = 1; info != nullptr; ++links) {
+      if (info == met && ++rounds == 2) return false;
+      if ((links & (links - 1)) == 0) met = info;
       if (!frame.add(*info) || m_left-- == 0) return false;
+      info = info->chained() ? follow(*info) : nullptr;
+    }
     return true;
   }
 
