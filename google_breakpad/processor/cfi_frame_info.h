@@ -8,6 +8,7 @@
 namespace google_breakpad {
 
 // Rules are texts, expressions in postfix notation such as "$rsp 8 +"; they are not evaluated here.
+// A plain value: nothing in it refers to the symbols that it came from.
 class CFIFrameInfo {
  public:
   // Ordered by register name as it stands in the rule, "$rbp" with its dollar sign.

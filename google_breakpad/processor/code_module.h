@@ -9,6 +9,7 @@ namespace google_breakpad {
 
 // Abstract; implemented by the host. The resolver itself asks for debug_identifier(), code_file()
 // and base_address() only, and never keeps a pointer to a module beyond the call it came with.
+// Lookups from several threads call these three from several threads.
 class CodeModule {
  public:
   virtual ~CodeModule() = default;
@@ -32,6 +33,7 @@ class CodeModule {
   // symbols under this: two modules with equal debug identifiers share their symbols.
   virtual std::string debug_identifier() const = 0;
 
+  // The code file's own version number as text, for display.
   virtual std::string version() const = 0;
 
   // A copy that the caller owns.

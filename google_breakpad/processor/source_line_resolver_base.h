@@ -26,7 +26,7 @@ class SourceLineResolverBase : public SourceLineResolverInterface {
   // Reads a whole file, whatever it holds, into a new array with one NUL behind its contents, which
   // the caller deletes (array delete). The size counts that NUL. Marks the file as used: its access
   // time becomes now. False, with a line in the log, if the file cannot be read; files of 2 GiB and
-  // more cannot.
+  // more cannot. There is nothing to delete then. Several threads may read at once.
   static bool ReadSymbolFile(const std::string& map_file, char** symbol_data,
                              size_t* symbol_data_size);
 

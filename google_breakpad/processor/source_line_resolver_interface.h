@@ -11,7 +11,10 @@
 // Symbols are kept by the debug identifier of their module. A resolver has no locks: loading and
 // unloading need it alone; the lookups (FillSourceLineInfo, FindWindowsFrameInfo,
 // FindCFIFrameInfo, HasModule, IsModuleCorrupt) may run in several threads at once as long as
-// nothing loads or unloads.
+// nothing loads or unloads. No operation throws, but for std::bad_alloc.
+//
+// What a symbol file holds, line by line, stands in docs/symbol-file.md, and what a SYMB block
+// holds in docs/symb-format.md.
 
 #pragma once
 
@@ -40,10 +43,11 @@ class SourceLineResolverInterface {
   virtual bool LoadModuleUsingMapBuffer(const CodeModule* module,
                                         const std::string& map_buffer) = 0;
 
-  // From the contents of a symbol file in memory. The buffer stays the caller's. Text is changed by
-  // the load, and its last byte is overwritten by a NUL unless it is one: pass the terminator as
-  // part of the size. It may be released after the load. SYMB data (the first 4 bytes are "SYMB")
-  // is not changed and must outlive the module's symbols; it is not checked in any way.
+  // From the contents of a symbol file in memory, of `memory_buffer_size` bytes. The buffer stays
+  // the caller's. Text is changed by the load, and its last byte is overwritten by a NUL unless it
+  // is one: pass the terminator as part of the size. It may be released after the load. SYMB data
+  // (the first 4 bytes are "SYMB", whatever the size says) is not changed and must outlive the
+  // module's symbols; it is not checked in any way.
   virtual bool LoadModuleUsingMemoryBuffer(const CodeModule* module, char* memory_buffer,
                                            size_t memory_buffer_size) = 0;
 
@@ -58,13 +62,27 @@ class SourceLineResolverInterface {
   virtual bool HasModule(const CodeModule* module) = 0;
   virtual bool IsModuleCorrupt(const CodeModule* module) = 0;
 
-  // Sets what is known of frame->instruction in the frame: function, source line, inline frames.
-  // What is not known, and a frame whose module is null or has no symbols, stays as it is.
+  // The lookups ask about frame->instruction in frame->module. The frame must not be null; its
+  // module may be, and is then one without symbols.
+
+  // Sets what is known in the frame: the function that holds the instruction with its source line
+  // and inline frames. Where none does, the nearest public symbol below, unless a function begins
+  // at it or between it and the instruction; SYMB data of versions below 3 is not searched for
+  // these. What is not known, and a frame whose module has no symbols, stays as it is.
   virtual void FillSourceLineInfo(StackFrame* frame) = 0;
 
-  // The STACK WIN data, or the STACK CFI rules, for frame->instruction, in a new object that the
-  // caller owns; null if there is none.
+  // The STACK WIN data for the instruction, in a new record that the caller owns. The narrowest
+  // range counts, and one of STACK_INFO_FRAME_DATA goes before one of STACK_INFO_FPO. Where there
+  // is neither, a function that holds the instruction gives a record of which parameter_size alone
+  // is set: its type_ is STACK_INFO_UNKNOWN, its `valid` VALID_PARAMETER_SIZE. (That number is not
+  // to be relied on with SYMB data of version 3, where it is looked for at the places of the
+  // shorter function records of version 2, and may be any.) Null if nothing is known.
   virtual WindowsFrameInfo* FindWindowsFrameInfo(const StackFrame* frame) = 0;
+
+  // The STACK CFI rules for the instruction, in a new object that the caller owns: those of the
+  // STACK CFI INIT line whose range holds it, and over them those of the STACK CFI lines from the
+  // start of the range up to the instruction. Null if there is no such range, or if its own rules
+  // are malformed; a malformed STACK CFI line counts as far as it is good.
   virtual CFIFrameInfo* FindCFIFrameInfo(const StackFrame* frame) = 0;
 };
 

@@ -25,8 +25,8 @@ struct StackFrame {
 
   // A call that the compiler replaced by the body of its callee.
   struct Inline {
-    std::string name;
-    std::string source_file_name;
+    std::string name;              // of the callee
+    std::string source_file_name;  // the place in the callee; empty: not known
     int source_line = 0;
   };
 

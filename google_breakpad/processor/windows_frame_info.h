@@ -1,4 +1,5 @@
 // WindowsFrameInfo: what a STACK WIN line tells about the stack frame of a stretch of 32-bit code.
+// A plain value: nothing in it refers to the symbols that it came from.
 
 #pragma once
 
@@ -8,7 +9,8 @@
 namespace google_breakpad {
 
 struct WindowsFrameInfo {
-  // The kind of the STACK WIN line. Lookups give STACK_INFO_FPO and STACK_INFO_FRAME_DATA only.
+  // The kind of the STACK WIN line. Lookups give STACK_INFO_FPO and STACK_INFO_FRAME_DATA, and
+  // STACK_INFO_UNKNOWN for a record that comes from no such line.
   enum StackInfoTypes : int {
     STACK_INFO_FPO = 0,
     STACK_INFO_TRAP,
@@ -31,13 +33,15 @@ struct WindowsFrameInfo {
   //   max_stack_size has_program_string, then program_string or allocates_base_pointer
   // with all numbers in hexadecimal. Returns a new record, which the caller owns, and the line's
   // type (0 to 4), its first address relative to the module and its size in bytes; null if words
-  // are missing or the type is unknown. Numbers are not checked for trailing characters.
+  // are missing or the type is unknown, and the references may have been set by then. Numbers are
+  // not checked for trailing characters: what is no number counts as 0.
   static WindowsFrameInfo* ParseFromString(std::string stack_info_string, int& type, uint64_t& rva,
                                            uint64_t& code_size);
 
   StackInfoTypes type_ = STACK_INFO_UNKNOWN;
   int valid = VALID_NONE;  // a combination of Validity values
-  // Sizes in bytes.
+  // As on the line: bytes, but in symforge's own lines of STACK_INFO_FPO parameter_size and
+  // local_size are in double words, and saved_register_size counts registers.
   uint32_t prolog_size = 0;
   uint32_t epilog_size = 0;
   uint32_t parameter_size = 0;
