@@ -20,6 +20,7 @@
 #include <cstdint>
 #include <iosfwd>
 
+// A growing text. Internal to the project (common/text_buffer.h): a host uses the forms without it.
 class TextBuffer;
 
 // ---- Records ------------------------------------------------------------------------------------
@@ -78,8 +79,8 @@ static_assert(offsetof(symb_header_v2, sections) == 168);
 using symb_header = symb_header_v2;
 
 struct symb_section {
-  uint64_t virtaddr;  // a plain number, no reference
-  uint64_t rawsize;
+  uint64_t virtaddr;  // relative to the module; no reference
+  uint64_t rawsize;   // bytes in the image's file
 };
 static_assert(sizeof(symb_section) == 16);
 
@@ -94,7 +95,7 @@ struct symb_func {
   uint64_t name;  // string
   uint32_t address;
   uint32_t size;
-  int32_t parameter_size;
+  int32_t parameter_size;  // bytes on the stack
   uint32_t line_count;
   uint64_t lines;  // symb_line, disjoint and ascending
 };
@@ -139,7 +140,7 @@ struct symb_inline {
   uint32_t size;
   int32_t source_file_id;
   int32_t line;
-  uint32_t caller;
+  uint32_t caller;  // how deep the site is nested, 0 for the outermost
   uint32_t __padding;
   uint64_t name;  // string
 };
@@ -157,7 +158,9 @@ struct symb_public {
 static_assert(sizeof(symb_public) == 16);
 static_assert(offsetof(symb_public, address) == 8 && offsetof(symb_public, parameter_size) == 12);
 
-// What a STACK WIN line says about its range.
+// What a STACK WIN line says about its range, in the units of the line: bytes, but in symforge's
+// own lines of type 0 parameter_size and local_size are in double words, and saved_register_size
+// counts registers.
 struct symb_window_frame_info {
   int32_t type;   // 0 to 4, a WindowsFrameInfo::StackInfoTypes value
   int32_t valid;  // WindowsFrameInfo::Validity bits; -1 in a written file
@@ -208,7 +211,9 @@ static_assert(sizeof(symb_cfi_delta_rule) == 16 && offsetof(symb_cfi_delta_rule,
 // ---- Operations ---------------------------------------------------------------------------------
 //
 // All work on a whole file in memory, its size in bytes. None keeps state, so calls on different
-// blocks may run at the same time. Failure is false, without a message unless one is named.
+// blocks may run at the same time; symb_validate() only reads, so it may also run on a block that
+// others read. Failure is false, without a message unless one is named; memory that is not to be
+// had is std::bad_alloc.
 
 // Makes the SYMB image of a text symbol file. (Built into the library `symb_writer`, as it parses
 // text with the resolver's module; everything else here is in `symb_format`.)
@@ -240,9 +245,10 @@ bool symb_read(char* in_buffer, size_t in_buffer_size, std::stringstream& out);
 // Turns every reference of the block into the address that it stands for, in place. `base` is the
 // block's address. A block can be turned once and not back; lookups need one that was not turned.
 //
-// False if a reference lies beyond `size` (equal to it is allowed: an object of which nothing is
-// read) or if a table whose references have to be turned leaves the block; the block is then half
-// turned and useless. The ends of other objects and of strings are not looked at.
+// False if the block is too small for its header, if a reference lies beyond `size` (equal to it is
+// allowed: an object of which nothing is read) or if a table whose references have to be turned
+// leaves the block; the block is then half turned and useless. The magic, and the ends of other
+// objects and of strings, are not looked at.
 bool symb_relocate(uint64_t base, uint64_t size);
 
 // Whether a block is one that every operation can be trusted with. For hosts that take files from
@@ -270,7 +276,7 @@ bool symb_validate(uint64_t base, uint64_t size);
 
 // The part of that which concerns one frame info range and all that it contains: `parent` is the
 // address of the range's record inside the block (not of a root), `strtbl_end` the offset behind
-// the last byte of the string table.
+// the last byte of the string table. (The misspelling is the operation's name: hosts link to it.)
 bool valicate_window_frame_info(uint64_t parent, uint64_t base, uint64_t size, uint64_t strtbl_end);
 
 // Marks an open symbol file as used: its access time becomes now, its modification time stays. A
