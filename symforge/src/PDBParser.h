@@ -1,15 +1,16 @@
 // PDBParser: turns one PDB (with or without its PE image), or one PE beside an already converted
 // symbol file, into the lines of a Breakpad text symbol file.
 //
-//   PDBParser parser(/*do_inline=*/true);
+//   PDBParser parser(/*with_inlines=*/true);
 //   TextBuffer text;
 //   parser.load("a.pdb", nullptr, nullptr, text);
 //   parser.printBreakpadSymbols(text, nullptr);
 //
-// A parser is used once. All failures of a file are pdb_exceptions with the text that the user is
-// shown; errors of the standard library (range checks, out_of_range, bad_alloc) are not caught and
-// end the process. Records stay in the mapped file: the tables hold handles into the mapping, which
-// the parser owns.
+// A parser is used once, by one thread. All failures of a file are pdb_exceptions with the text
+// that the user is shown, and warnings go to standard error. Some damage ends the process instead:
+// assertions, range checks and exceptions of the standard library (out_of_range, bad_alloc), which
+// nobody catches, and a page size of 0 (SIGFPE). Records stay in the mapped file: the tables hold
+// handles into the mapping, which the parser owns.
 //
 // Addresses are RVAs (relative to the image base), 32 bits wide, and wrap; sizes are in bytes.
 //
@@ -58,7 +59,8 @@ struct InlineFunctionRecord {
 
 using SectionHeaders = std::vector<IMAGE_SECTION_HEADER>;
 
-// Replaces a source file's name in FILE lines: gets the name and its length.
+// Replaces a source file's name in FILE lines: gets the name and its length in bytes (no terminator
+// is promised), and gives a NUL-terminated one that lives until the next call.
 using FileMod = std::function<const char*(const char* name, size_t length)>;
 
 // Visitor of a C13 subsection: the reader stands on the first payload byte, `end` is the stream
@@ -74,12 +76,14 @@ class PDBParser {
   PDBParser& operator=(const PDBParser&) = delete;
 
   // Opens the PDB and the PE. `pdb` null: PE-only, the symbol file that stands in the tree for
-  // `exe` is copied to `out`. `exe` null: a PE of the PDB's name with the extension exe or dll is
-  // tried. `sympath`: root of the symbol tree, or null; with a PDB its folders for this PDB are
-  // made. Throws pdb_exception; returns normally when no PE was found beside a PDB.
+  // `exe` is appended to `out`, as text. `exe` null: a PE of the PDB's name with the extension exe
+  // or dll is tried. `sympath`: root of the symbol tree, or null; with a PDB its folders for this
+  // PDB are made, and where they cannot be the process ends with status 255. Paths are not kept.
+  // Throws pdb_exception; returns normally when no PE was found beside a PDB.
   void load(const char* pdb, const char* exe, const char* sympath, TextBuffer& out);
 
-  // Appends the whole symbol file to `out`. `fileMod` may be null. Throws pdb_exception.
+  // Appends the whole symbol file to `out`, in the PE-only mode what the PE adds to the one that is
+  // there. `fileMod` may be null. Throws pdb_exception; `out` then holds the lines so far.
   void printBreakpadSymbols(TextBuffer& out, FileMod* fileMod);
 
   // Debug identifier: GUID in upper-case digits, age in lower-case ones. Empty in the PE-only mode.
@@ -127,7 +131,7 @@ class PDBParser {
   void printHeader(const DBIHeader* header, TextBuffer& out);
   Modules readModuleList(StreamReader& reader, const DBIHeader& header) const;
   DataPtr<DBIDebugHeader> readDebugHeader(StreamReader& reader, const DBIHeader& header) const;
-
+  // Throws pdb_exception for a PDB with a map of tokens, as managed code has.
   static void refuseTokenMap(const DBIDebugHeader& debugHeader);
 
   // Section headers and address mapping: section_map.cc.
@@ -157,9 +161,6 @@ class PDBParser {
   bool stringizeType(uint32_t type, std::string& output, uint32_t flags, bool info);
   // Where an inlined function is defined: number of the file and line; zeros when no table tells.
   void locateType(uint32_t inlinee, uint32_t& file_id, uint32_t& line_offset) const;
-  // Takes the parameters' size from the public name at the function's offset, null when there is
-  // none. False, and `func` unchanged, when the name does not tell.
-  static bool updateParamSize(FunctionRecord& func, const PublicFunction* global);
 
   // Frame data: frame_data.cc.
   template <typename Record>
@@ -168,6 +169,11 @@ class PDBParser {
   void printFPO(const FPO_DATA& data, TextBuffer& out);
   void printFPO(const FPO_DATA_V2& data, const NameStream& names, TextBuffer& out);
   void printFrameData(const FrameTables& frames, const NameStream& names, TextBuffer& out);
+
+  // The size of parameters: param_sizes.cc.
+  // Takes it from the public name at the function's offset, null when there is none. False, and
+  // `func` unchanged, when the name does not tell.
+  static bool updateParamSize(FunctionRecord& func, const PublicFunction* global);
   // Takes each function's size of parameters from the frame data of exactly its code, or else from
   // its public name, and marks the public functions that a function covers.
   void settleParamSizes(Functions& functions, Globals& globals, const FrameTables& frames) const;
@@ -241,8 +247,10 @@ class PDBParser {
   uint32_t m_PESize = 0;  // SizeOfImage
 };
 
-// The debug identifier of a PDB. False, silently, for every file that load() refuses; a damaged
-// image beside an intact PDB is enough for that.
+// The debug identifier of a PDB. False for every file that load() refuses or answers by an
+// exception of the standard library; a damaged image beside an intact PDB is enough for that.
+// Warnings are written to standard error as by load(), and what ends the process there ends it
+// here.
 bool pdb_debug_id(const char* file, std::string& id);
 
 }  // namespace google_breakpad

@@ -149,7 +149,9 @@ class StreamReader {
     return DataPtr<T>(at, false);
   }
 
-  // Takes a NUL-terminated string with its terminator. Throws like read.
+  // Takes a NUL-terminated string with its terminator. Throws like read. A string that crosses more
+  // than one end of a run is measured wrong: it comes out cut, or with what follows it in the
+  // stream, but always terminated.
   DataPtr<char> readString();
 
   // Moves forward to the next multiple of `alignment` (a power of two) of the stream offset.
