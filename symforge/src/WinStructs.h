@@ -1,4 +1,5 @@
-// The published records of a PE image that the converter reads, under their published names.
+// The published records of a PE image that the converter reads, under their published names: see
+// "PE Format" in Microsoft's documentation of Windows. Unwind data are in unwind_codes.h.
 
 #pragma once
 

@@ -6,6 +6,11 @@ namespace google_breakpad {
 
 namespace {
 
+// What a machine frame counts as, in bytes. It is more than the five words, six with an error code,
+// that the processor pushes; the rules of existing symbol files are made with these numbers.
+constexpr uint32_t kMachineFrame = 80;
+constexpr uint32_t kMachineFrameWithErrorCode = 88;
+
 int32_t plus(int32_t sum, uint32_t bytes) {
   return static_cast<int32_t>(static_cast<uint32_t>(sum) + bytes);
 }
@@ -66,8 +71,8 @@ unsigned UnwindFrame::apply(const UnwindCode* code, unsigned slotsLeft) {
     case UWOP_SAVE_XMM128_FAR:
       return 3;
     case UWOP_PUSH_MACHFRAME:
-      rip_offset = plus(rip_offset, 80);
-      stack_size = plus(stack_size, info == 0 ? 80 : 88);
+      rip_offset = plus(rip_offset, kMachineFrame);
+      stack_size = plus(stack_size, info == 0 ? kMachineFrame : kMachineFrameWithErrorCode);
       return 1;
     default:  // the old XMM saves count as one slot here
       return 1;

@@ -8,6 +8,8 @@
 //   slots, in reverse order of the prolog; operations take one to three of them
 //   when the flags say chained: fill to an even number of slots, then the entry of another function
 //     whose prolog comes in front of this one's
+//
+// Published as "x64 exception handling" in Microsoft's documentation of its compilers.
 
 #pragma once
 
