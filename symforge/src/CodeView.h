@@ -1,5 +1,6 @@
 // CodeView records: symbols and C13 subsections of module streams, public symbols, type records.
-// Laid onto the mapped file as they are. The facts are those of the published CodeView format.
+// Laid onto the mapped file as they are. Published as the CodeView format, mostly under these
+// names; LLVM's documentation has it as "CodeView Symbol Records" and "CodeView Type Records".
 
 #pragma once
 
@@ -186,7 +187,12 @@ enum Enum : uint16_t {
 };
 }  // namespace LEAF
 
+// The fixed parts of the leaves, which follow the TypeRecord.
 struct LeafModifier {
+  static constexpr uint16_t kConst = 1;
+  static constexpr uint16_t kVolatile = 2;
+  static constexpr uint16_t kUnaligned = 4;
+
   le_uint32 type;
   le_uint16 attr;
 };
@@ -230,12 +236,40 @@ struct LeafFuncID {
 struct LeafArgList {
   le_uint32 count;
 };
+// Of LF_CLASS and LF_STRUCTURE; the name follows, `size` being taken for its short form of 2 bytes.
+struct LeafClass {
+  le_uint16 count;
+  le_uint16 property;
+  le_uint32 field;
+  le_uint32 derived;
+  le_uint32 vshape;
+  le_uint16 size;
+};
+// The name follows, as behind a LeafClass.
+struct LeafUnion {
+  le_uint16 count;
+  le_uint16 property;
+  le_uint32 field;
+  le_uint16 size;
+};
+// The name follows.
+struct LeafEnum {
+  le_uint16 count;
+  le_uint16 property;
+  le_uint32 utype;
+  le_uint32 field;
+};
+// The name follows.
+struct LeafAlias {
+  le_uint32 utype;
+};
 struct LeafIndex {
   le_uint16 pad0;
   le_uint32 index;
 };
 static_assert(sizeof(LeafModifier) == 6 && sizeof(LeafPointer) == 8 && sizeof(LeafArray) == 8);
 static_assert(sizeof(LeafProc) == 12 && sizeof(LeafMFunc) == 24 && sizeof(LeafFuncID) == 8);
-static_assert(sizeof(LeafIndex) == 6);
+static_assert(sizeof(LeafIndex) == 6 && sizeof(LeafArgList) == 4 && sizeof(LeafClass) == 18);
+static_assert(sizeof(LeafUnion) == 10 && sizeof(LeafEnum) == 12 && sizeof(LeafAlias) == 4);
 
 }  // namespace google_breakpad

@@ -257,13 +257,13 @@ void TypeNames::renderModifier(const TypeInfo& info, uint32_t flags) {
   render(modifier.type, 0, m_types);
   if ((flags & ~uint32_t{IsTopLevel}) != 0) return;
   switch (modifier.attr) {
-    case 1:
+    case LeafModifier::kConst:
       *m_output += " const";
       break;
-    case 2:
+    case LeafModifier::kVolatile:
       *m_output += " volatile";
       break;
-    case 4:
+    case LeafModifier::kUnaligned:
       *m_output += " unaligned";
       break;
     default:

@@ -12,7 +12,7 @@ constexpr uint32_t kNoName = 0xFFFFFFFF;
 // What is kept of a leaf's record.
 struct LeafShape {
   bool kept = false;
-  uint32_t data = 0;        // bytes of the fixed part
+  uint32_t data = 0;        // bytes of the fixed part; 0 where the name alone is of use
   uint32_t name = kNoName;  // offset of the name in the leaf's fields
 };
 
@@ -36,13 +36,13 @@ constexpr LeafShape shapeOf(uint16_t leaf) {
       return {true, sizeof(LeafArray)};
     case LEAF::LF_CLASS:
     case LEAF::LF_STRUCTURE:
-      return {true, 0, 18};
+      return {true, 0, sizeof(LeafClass)};
     case LEAF::LF_UNION:
-      return {true, 0, 10};
+      return {true, 0, sizeof(LeafUnion)};
     case LEAF::LF_ENUM:
-      return {true, 0, 12};
+      return {true, 0, sizeof(LeafEnum)};
     case LEAF::LF_ALIAS:
-      return {true, 0, 4};
+      return {true, 0, sizeof(LeafAlias)};
     case LEAF::LF_FUNC_ID:
       return {true, sizeof(LeafFuncID), sizeof(LeafFuncID)};
     default:
