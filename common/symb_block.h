@@ -1,11 +1,26 @@
-// What the operations on SYMB blocks share: unaligned access and the one test of whether something
-// lies inside the block. Internal to the library.
+// What the operations on SYMB blocks share: how a block begins and what its version says, unaligned
+// access, and the one test of whether something lies inside the block. Internal to the library.
 
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <string_view>
+
+constexpr std::string_view kSymbMagic = "SYMB";
+
+// Whether a block of unknown size begins with the magic. Nothing behind a NUL is looked at.
+inline bool symb_has_magic(const char* block) {
+  return std::strncmp(block, kSymbMagic.data(), kSymbMagic.size()) == 0;
+}
+
+// The version that is written, and what a version says of the layout.
+constexpr uint32_t kSymbVersion = 3;
+// The header is a symb_header_v2, or else a symb_header_v1.
+inline bool symb_has_sections(uint32_t version) { return version >= 2; }
+// Functions are symb_func_inline, or else symb_func.
+inline bool symb_has_inlines(uint32_t version) { return version > 2; }
 
 // A number or record at any address: files from elsewhere need not keep the alignment.
 template <typename T>

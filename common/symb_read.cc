@@ -23,8 +23,8 @@ class Printer {
 
   bool print() {
     header_ = {};
-    const bool has_v2 = symb_load<symb_header_metadata>(block_).version >= 2;
-    std::memcpy(&header_, block_, has_v2 ? sizeof(symb_header_v2) : sizeof(symb_header_v1));
+    const bool has_sections = symb_has_sections(symb_load<symb_header_metadata>(block_).version);
+    std::memcpy(&header_, block_, has_sections ? sizeof(symb_header_v2) : sizeof(symb_header_v1));
     return identity() && sections() && files() && symbols() && stack_win() && stack_cfi();
   }
 
@@ -154,7 +154,7 @@ bool Printer::files() {
 }
 
 bool Printer::symbols() {
-  const bool has_inline = header_.v1.md.version > 2;
+  const bool has_inline = symb_has_inlines(header_.v1.md.version);
   const char* function;
   const char* public_function;
   if (!records(header_.v1.functions, header_.v1.function_count,
@@ -411,8 +411,7 @@ bool Printer::delta_rule(const symb_cfi_delta_rule& rule) {
 }  // namespace
 
 bool symb_read(char* in_buffer, size_t in_buffer_size, TextBuffer& out) {
-  constexpr std::string_view kMagic = "SYMB";
-  if (!std::string_view(in_buffer, in_buffer_size).starts_with(kMagic)) return false;
+  if (!std::string_view(in_buffer, in_buffer_size).starts_with(kSymbMagic)) return false;
   if (!symb_relocate(reinterpret_cast<uint64_t>(in_buffer), in_buffer_size)) return false;
   const size_t before = out.size();
   if (Printer(in_buffer, in_buffer_size, out).print()) return true;

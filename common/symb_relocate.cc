@@ -38,7 +38,7 @@ class Relocation {
   bool run() {
     if (size_ < sizeof(symb_header_v1)) return false;
     version_ = load<uint32_t>(offsetof(symb_header_metadata, version));
-    if (version_ >= 2 && size_ < sizeof(symb_header_v2)) return false;
+    if (symb_has_sections(version_) && size_ < sizeof(symb_header_v2)) return false;
     return header() && table(kFiles) && functions() && table(kPublics) && frame_info_roots() &&
            table(kInitialRules) && table(kDeltaRules);
   }
@@ -107,7 +107,7 @@ bool Relocation::header() {
                              kInitialRules.offset_field, kDeltaRules.offset_field}) {
     if (!turn_if_set(field)) return false;
   }
-  return version_ < 2 || turn_if_set(offsetof(symb_header_v2, sections));
+  return !symb_has_sections(version_) || turn_if_set(offsetof(symb_header_v2, sections));
 }
 
 bool Relocation::table(const Table& table) {
@@ -126,7 +126,8 @@ bool Relocation::functions() {
   const uint64_t turned = reference(offsetof(symb_header_v1, functions));
   const uint64_t count = reference(offsetof(symb_header_v1, function_count));
   if (turned == 0 || count == 0) return true;
-  const size_t record_size = version_ > 2 ? sizeof(symb_func_inline) : sizeof(symb_func);
+  const size_t record_size =
+      symb_has_inlines(version_) ? sizeof(symb_func_inline) : sizeof(symb_func);
   uint64_t at;
   if (!records(turned, count, record_size, &at)) return false;
   for (uint64_t i = 0; i < count; ++i, at += record_size) {
@@ -141,7 +142,7 @@ bool Relocation::function(uint64_t at) {
       !turn_if_set(at + offsetof(symb_func, lines))) {
     return false;
   }
-  return version_ <= 2 || inline_names(at);
+  return !symb_has_inlines(version_) || inline_names(at);
 }
 
 bool Relocation::inline_names(uint64_t at) {

@@ -128,9 +128,10 @@ bool Validator::run() {
 bool Validator::header() {
   if (size_ < sizeof(symb_header_metadata)) return false;
   const auto metadata = load<symb_header_metadata>(0);
-  if (std::string_view(metadata.magic, sizeof(metadata.magic)) != "SYMB") return false;
-  if (metadata.version < 1 || metadata.version > 3) return false;
-  const size_t header_size = metadata.version == 1 ? sizeof(symb_header_v1) : sizeof(symb_header);
+  if (std::string_view(metadata.magic, sizeof(metadata.magic)) != kSymbMagic) return false;
+  if (metadata.version < 1 || metadata.version > kSymbVersion) return false;
+  const size_t header_size =
+      symb_has_sections(metadata.version) ? sizeof(symb_header_v2) : sizeof(symb_header_v1);
   if (size_ < header_size) return false;
   std::memcpy(&header_, block_, header_size);
   return claimed_.claim(0, header_size) &&
@@ -160,8 +161,8 @@ bool Validator::files() {
 }
 
 bool Validator::functions() {
-  return header_.v1.md.version > 2 ? function_table<symb_func_inline>()
-                                   : function_table<symb_func>();
+  return symb_has_inlines(header_.v1.md.version) ? function_table<symb_func_inline>()
+                                                 : function_table<symb_func>();
 }
 
 template <typename Function>

@@ -11,6 +11,7 @@
 
 #include "common/page_block.h"
 #include "common/symb.h"
+#include "common/symb_block.h"
 #include "common/symb_identity.h"
 #include "common/symb_strings.h"
 #include "common/text_buffer.h"
@@ -165,8 +166,8 @@ char* ImageWriter::write(char* file_base) {
   file_base_ = file_ptr_ = file_base;
   header_ = reserve<symb_header_v2>(1);
   symb_header_v1& header = header_->v1;
-  std::memcpy(header.md.magic, "SYMB", sizeof(header.md.magic));
-  header.md.version = 3;
+  std::memcpy(header.md.magic, kSymbMagic.data(), sizeof(header.md.magic));
+  header.md.version = kSymbVersion;
   header.string_table = position();
   header.string_table_size = padded_string_table(strings_);
   strings_.write(reserve<char>(header.string_table_size));
@@ -340,7 +341,7 @@ bool symb_write(TextBuffer text, char** out_buffer, size_t* out_buffer_size) {
   sym_info info;
   char* const symbol_data = text.data();
   if (!symb_writer::sym_info_parse(symbol_data, info)) return false;
-  Module module("foo");
+  Module module(/*name=*/"");  // nothing shows it
   module.LoadMapInPlace(symbol_data, std::strlen(symbol_data) + 1);
   if (info.os.empty() || info.arch.empty()) return false;
 

@@ -1,7 +1,6 @@
 #include "google_breakpad/processor/basic_source_line_resolver.h"
 
-#include <cstring>
-
+#include "common/symb_block.h"
 #include "processor/basic_source_line_resolver_module.h"
 #include "processor/module_factory.h"
 #include "processor/text_module_loader.h"
@@ -29,7 +28,7 @@ bool BasicSourceLineResolver::Module::LoadMapInPlace(char* memory_buffer,
 
 bool BasicSourceLineResolver::Module::Load(char* buffer, size_t size, TextStore::Place strings) {
   // The magic decides whatever the size says: hosts rely on it.
-  if (buffer != nullptr && strncmp(buffer, "SYMB", 4) == 0) return LoadMapFromMemoryB(buffer, size);
+  if (buffer != nullptr && symb_has_magic(buffer)) return LoadMapFromMemoryB(buffer, size);
   TextModuleLoader(this, TextModuleLoader::Readers::kQuickAndExact, strings).Load(buffer, size);
   return true;
 }

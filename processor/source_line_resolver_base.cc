@@ -9,6 +9,7 @@
 
 #include "common/page_block.h"
 #include "common/symb.h"
+#include "common/symb_block.h"
 #include "processor/cfi_frame_info.h"
 #include "processor/logging.h"
 #include "processor/module_factory.h"
@@ -102,7 +103,7 @@ bool SourceLineResolverBase::MayLoad(const CodeModule* module) const {
 // memory.
 bool SourceLineResolverBase::LoadOwnedBuffer(const CodeModule* module, char* buffer, size_t size) {
   std::unique_ptr<char[]> owned(buffer);
-  const bool is_symb = strncmp(buffer, "SYMB", 4) == 0;
+  const bool is_symb = symb_has_magic(buffer);
   const bool loaded = LoadModuleUsingMemoryBuffer(module, buffer, size);
   if (loaded && (is_symb || !ShouldDeleteMemoryBufferAfterLoadModule())) {
     memory_buffers_->emplace(module->debug_identifier(), owned.release());
