@@ -1,6 +1,7 @@
 // The stream of one module: a signature, CodeView symbols, old line data that nobody reads, and the
 // C13 subsections.
 
+#include "common/loop_watch.h"
 #include "symforge/src/PDBParser.h"
 
 namespace google_breakpad {
@@ -8,22 +9,6 @@ namespace google_breakpad {
 namespace {
 
 constexpr uint32_t kModuleSignature = 4;
-
-// Watches a walk that may jump backwards. It is endless as soon as it comes to one place twice; the
-// place to compare with moves on at every power of two of jumps, so that it gets into any loop.
-class LoopWatch {
- public:
-  bool entersLoop(uint32_t offset) {
-    if (m_jumps != 0 && offset == m_mark) return true;
-    ++m_jumps;
-    if ((m_jumps & (m_jumps - 1)) == 0) m_mark = offset;
-    return false;
-  }
-
- private:
-  uint64_t m_jumps = 0;
-  uint32_t m_mark = 0;
-};
 
 [[noreturn]] void refuseSubsection() { throw pdb_exception("Invalid subsection header detected"); }
 
@@ -41,14 +26,14 @@ void PDBParser::readModule(const DBIModuleInfo* module, int32_t sig, const Modul
   StreamReader reader = openModule(module);
   reader.seek(module->cbSyms + module->cbOldLines);
   const uint32_t endOffset = reader.getOffset() + module->cbLines;
-  LoopWatch watch;
+  LoopWatch<uint32_t> jumps;  // backwards, by sizes that wrap
   while (reader.getOffset() < endOffset) {
     const DataPtr<SubsectionHeader> header = reader.read<SubsectionHeader>();
     if (header->sig <= 0) continue;  // its payload is read as further headers
     const uint32_t payload = reader.getOffset();
     const uint32_t end = payload + header->size;
     if (!reader.isValidOffset(end)) refuseSubsection();
-    if (end < payload && watch.entersLoop(end)) refuseSubsection();
+    if (end < payload && jumps.again(end)) refuseSubsection();
     if (header->sig == sig) cb(reader, sig, end);
     reader.seek(end);
     reader.align(4);

@@ -6,6 +6,7 @@
 #include <cassert>
 #include <cstdio>
 
+#include "common/loop_watch.h"
 #include "symforge/src/PDBParser.h"
 #include "symforge/src/unwind_codes.h"
 
@@ -51,14 +52,12 @@ class UnwindLinks {
   }
 
   // Sums up an info and those that it is chained to. False when that never ends: a circle goes on
-  // as it did once each of its infos was added twice. (The info to meet again is renewed after 1,
-  // 2, 4, ... links, which catches a circle of any length.)
+  // as it did once each of its infos was added twice.
   bool sumUpChain(const UnwindInfo* info, UnwindFrame& frame) {
-    const UnwindInfo* met = nullptr;
+    LoopWatch<const UnwindInfo*> chain;
     int rounds = 0;
-    for (uint64_t links = 1; info != nullptr; ++links) {
-      if (info == met && ++rounds == 2) return false;
-      if ((links & (links - 1)) == 0) met = info;
+    while (info != nullptr) {
+      if (chain.again(info) && ++rounds == 2) return false;
       if (!frame.add(*info) || m_left-- == 0) return false;
       info = info->chained() ? follow(*info) : nullptr;
     }
