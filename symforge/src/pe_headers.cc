@@ -27,27 +27,19 @@ bool readRecord(std::FILE* file, Record& record) {
   return std::fread(&record, sizeof(record), 1, file) == 1;
 }
 
-[[noreturn]] void refuseClr() {
-  throw pdb_exception("The image is a CLR assembly, which is not supported");
-}
-
-template <typename OptionalHeader>
-bool hasClrHeader(const OptionalHeader& header) {
-  return header.DataDirectory[IMAGE_DIRECTORY_ENTRY_COM_DESCRIPTOR].VirtualAddress != 0;
-}
+[[noreturn]] void refuseClr() { throw pdb_exception(kClrNotSupported); }
 
 // Bytes of the image in memory.
 uint32_t imageSize(const IMAGE_NT_HEADERS64& headers) {
   switch (headers.OptionalHeader.Magic) {
-    case IMAGE_NT_OPTIONAL_HDR64_MAGIC: {
-      const bool isXbox = headers.FileHeader.Machine == IMAGE_FILE_MACHINE_PPC64;
-      if (!isXbox && hasClrHeader(headers.OptionalHeader)) refuseClr();
+    case IMAGE_NT_OPTIONAL_HDR64_MAGIC:
+      if (isClrAssembly(headers)) refuseClr();
       return headers.OptionalHeader.SizeOfImage;
-    }
     case IMAGE_NT_OPTIONAL_HDR32_MAGIC: {
-      const auto& headers32 = reinterpret_cast<const IMAGE_NT_HEADERS32&>(headers);
-      if (hasClrHeader(headers32.OptionalHeader)) refuseClr();
-      return headers32.OptionalHeader.SizeOfImage;
+      const auto& header32 = reinterpret_cast<const IMAGE_NT_HEADERS32&>(headers).OptionalHeader;
+      const auto& clr = header32.DataDirectory[IMAGE_DIRECTORY_ENTRY_COM_DESCRIPTOR];
+      if (clr.VirtualAddress != 0) refuseClr();
+      return header32.SizeOfImage;
     }
     default:
       throw pdb_exception("Unknown image format");

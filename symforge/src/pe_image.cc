@@ -70,6 +70,12 @@ const uint8_t* PeImage::bytesAt(uint32_t rva, size_t size) const {
   return at != nullptr && bytesLeft(at) >= size ? at : nullptr;
 }
 
+bool isClrAssembly(const IMAGE_NT_HEADERS64& headers) {
+  return headers.FileHeader.Machine != IMAGE_FILE_MACHINE_PPC64 &&
+         headers.OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_COM_DESCRIPTOR]
+                 .VirtualAddress != 0;
+}
+
 bool pe64_debug_id(const char* path, std::string& debug_id, std::string& debug_file) {
   MMapWrapper mapping;
   if (path == nullptr || !mapping.Map(path)) return false;

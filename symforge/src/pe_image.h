@@ -16,6 +16,12 @@ namespace google_breakpad {
 // are untouched then. Never throws but for memory.
 bool pe64_debug_id(const char* path, std::string& debug_id, std::string& debug_file);
 
+// Managed code is refused: its symbols are not those of machine code.
+inline constexpr char kClrNotSupported[] = "The image is a CLR assembly, which is not supported";
+
+// Whether a PE32+ image is one of managed code. Images for the Xbox 360 count as none.
+bool isClrAssembly(const IMAGE_NT_HEADERS64& headers);
+
 // A mapped PE32+ image. Valid while the mapping is; reads nothing outside of the file and the zeros
 // behind it. RVAs are bytes from the image's base.
 class PeImage {

@@ -145,10 +145,8 @@ bool hasUnwindData(const PeImage& image) {
     std::fputs("Not a PE32+ image\n", stderr);
     return false;
   }
-  const IMAGE_NT_HEADERS64& headers = *image.ntHeaders();
-  const auto& clr = headers.OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_COM_DESCRIPTOR];
-  if (headers.FileHeader.Machine != IMAGE_FILE_MACHINE_PPC64 && clr.VirtualAddress != 0) {
-    std::fputs("The image is a CLR assembly, which is not supported", stderr);
+  if (isClrAssembly(*image.ntHeaders())) {
+    std::fputs(kClrNotSupported, stderr);  // without a line end, as it always was
     return false;
   }
   return true;
