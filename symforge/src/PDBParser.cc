@@ -26,10 +26,6 @@ const char* architecture(uint16_t machine) {
   }
 }
 
-std::string_view lastComponent(std::string_view path) {
-  return path.substr(path.rfind('/') + 1);  // npos + 1 is 0
-}
-
 void replaceExtension(std::string& path, const char* extension) {
   path.erase(path.size() - kExtensionLength);
   path += extension;
@@ -60,6 +56,10 @@ void PDBParser::loadPdb(const char* pdb, const char* sympath) {
   bool loaded;
   readRootStream(sympath, &loaded);
   if (!loaded) throw pdb_exception("Failed to read PDB Root Stream");
+}
+
+std::string_view PDBParser::lastComponent(std::string_view path) {
+  return path.substr(path.rfind('/') + 1);  // npos + 1 is 0
 }
 
 void PDBParser::printHeader(const DBIHeader* header, TextBuffer& out) {

@@ -118,6 +118,7 @@ class PDBParser {
   void loadPdb(const char* pdb, const char* sympath);
   void findSymbolFileOfPe(const char* exe, const char* sympath, TextBuffer& out);
   void readPeHeaders(const char* filename);
+  static std::string_view lastComponent(std::string_view path);
   // Fills m_streams, m_debug_id and m_nameIndices, and makes the folders of this PDB below
   // `sympath` unless it is null. `*res` tells of every failure that does not throw.
   void readRootStream(const char* sympath, bool* res);

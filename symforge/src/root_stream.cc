@@ -36,8 +36,6 @@ void refuseNoPageSize(uint32_t pageSize) {
   std::abort();
 }
 
-std::string baseName(const std::string& path) { return path.substr(path.rfind('/') + 1); }
-
 // Makes a folder unless something of that name is there. Several processes may fill one tree, so
 // one that another process makes in between is as good; a link that leads nowhere is not.
 void makeFolder(const std::string& path, const char* step) {
@@ -50,9 +48,9 @@ void makeFolder(const std::string& path, const char* step) {
 }
 
 // The folders of a PDB in a symbol tree: ROOT/NAME/IDENTIFIER.
-void makeTreeFolders(const char* root, const std::string& name, const std::string& id) {
+void makeTreeFolders(const char* root, std::string_view name, const std::string& id) {
   if (access(root, F_OK) != 0) mkdir(root, kFolderMode);
-  const std::string folder = std::string(root) + "/" + name;
+  const std::string folder = std::string(root).append("/").append(name);
   makeFolder(folder, "mkdir1");
   makeFolder(folder + "/" + id, "mkdir2");
   // The name of the symbol file is made by exchanging an extension: there must be one.
@@ -97,7 +95,7 @@ void PDBParser::readRootStream(const char* sympath, bool* res) {
   const DataPtr<DBIHeader> dbi = debugInfo.read<DBIHeader>();
   const DataPtr<NameIndexHeader> names = info.read<NameIndexHeader>();
   m_debug_id = formatDebugId(names->guid, dbi->age);
-  if (sympath != nullptr) makeTreeFolders(sympath, baseName(m_pdb_file), m_debug_id);
+  if (sympath != nullptr) makeTreeFolders(sympath, lastComponent(m_pdb_file), m_debug_id);
   *res = readNamedStreams(info, names->names);
 }
 
