@@ -23,11 +23,7 @@ class LittleEndian {
 
 using le_uint16 = LittleEndian<uint16_t>;
 using le_uint32 = LittleEndian<uint32_t>;
-using le_uint64 = LittleEndian<uint64_t>;
 using le_int16 = LittleEndian<int16_t>;
 using le_int32 = LittleEndian<int32_t>;
-using le_int64 = LittleEndian<int64_t>;
-using le_float = LittleEndian<float>;
-using le_double = LittleEndian<double>;
 
-static_assert(sizeof(le_uint64) == 8 && alignof(le_uint64) == 1);
+static_assert(sizeof(le_uint32) == 4 && alignof(le_uint32) == 1);

@@ -1,5 +1,6 @@
 // From a SYMB block back to text: the block is relocated, then its tables are printed in order.
 
+#include <cstring>
 #include <sstream>
 #include <string_view>
 #include <vector>

@@ -1,5 +1,6 @@
 // The full check of a SYMB block that came from outside: see symb_validate in common/symb.h.
 
+#include <cstring>
 #include <string_view>
 #include <vector>
 

@@ -6,7 +6,8 @@
 #include <cstring>
 #include <iostream>
 #include <memory>
-#include <string_view>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "common/page_block.h"

@@ -9,8 +9,6 @@
 
 #pragma once
 
-#include <cstddef>
-
 namespace google_breakpad {
 
 // One pointer's place in the ring.

@@ -3,7 +3,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <string>
 
 #include "processor/symbol_parse_helper.h"
 #include "processor/windows_frame_info.h"

@@ -1,8 +1,8 @@
 // Lookups on a module that was loaded from text. They read the containers and nothing else, so any
 // number of threads may look up at once.
 
-#include <algorithm>
 #include <memory>
+#include <span>
 
 #include "processor/basic_source_line_resolver_module.h"
 #include "processor/cfi_frame_info.h"

@@ -17,7 +17,6 @@
 
 #include <cstddef>
 #include <string>
-#include <string_view>
 
 #include "processor/basic_source_line_resolver_module.h"
 #include "processor/function_records.h"

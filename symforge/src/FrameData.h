@@ -42,7 +42,6 @@ class FrameDataMap {
 
   typename Entries::const_iterator begin() const { return m_entries.begin(); }
   typename Entries::const_iterator end() const { return m_entries.end(); }
-  size_t size() const { return m_entries.size(); }
 
  private:
   static std::pair<uint32_t, uint32_t> keyOf(const DataPtr<Record>& entry) {

@@ -11,8 +11,8 @@
 
 namespace google_breakpad {
 
-// What a module's symbols and lines say of one function, thunk or public symbol. In file order of
-// the fields' sources; `operator<` is the order of the output.
+// What a module's symbols and lines say of one function, thunk or public symbol. `operator<` is the
+// order of the output; sortFunctions() brings it about by smaller keys.
 struct FunctionRecord {
   // `segment` of a record that is dropped: records are never erased.
   static constexpr uint32_t kDropped = 0xFFFFFFFF;
@@ -26,10 +26,10 @@ struct FunctionRecord {
   uint32_t offset = 0;           // RVA; the symbol's raw offset where segment is 0
   uint32_t pre_omap_offset = 0;  // section-relative, before any mapping
   uint32_t fileIndex = 0;        // number of the source file; 0: none
-  uint32_t length = 0;
-  uint32_t lineOffset = 0;  // section-relative start of the accepted block of lines
-  uint32_t typeIndex = 0;   // 0: none
-  uint32_t paramSize = 0;
+  uint32_t length = 0;           // bytes of code
+  uint32_t lineOffset = 0;       // section-relative start of the accepted block of lines
+  uint32_t typeIndex = 0;        // 0: none
+  uint32_t paramSize = 0;        // bytes of parameters on the stack
   // The function's inline sites: a stretch of PDBParser's list of all of them, and the stream where
   // they stand. None are kept when one of them has no name.
   uint32_t firstInline = 0;

@@ -1,5 +1,7 @@
 #include "symforge/src/InlineTree.h"
 
+#include <string_view>
+
 namespace google_breakpad {
 
 void InlineTree::clear() {

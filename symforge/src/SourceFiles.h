@@ -3,7 +3,6 @@
 
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -45,7 +44,6 @@ class SrcFileIndex {
   // Brings the entries into the order of their offsets and drops repeated ones.
   void seal();
 
-  bool empty() const { return m_entries.empty(); }
   // The file's position in UniqueSrcFiles. False when the module has no file at that offset.
   bool find(uint32_t offset, uint32_t& file) const;
 

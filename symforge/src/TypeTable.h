@@ -69,8 +69,7 @@ class TypeTable {
   // The 16 bits at an offset of the stream. Throws like a read.
   uint16_t wordAt(uint32_t offset) const;
 
-  // Index of the first record, and the number of indices from there that were walked.
-  uint32_t min() const { return m_min; }
+  // The number of indices that were walked, from the first one on.
   size_t size() const { return m_offsets.size(); }
 
  private:

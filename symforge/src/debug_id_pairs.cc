@@ -4,8 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstdio>
+#include <string_view>
 #include <vector>
 
 #include "common/text_buffer.h"

@@ -32,9 +32,6 @@ void PDBParser::readFPO(uint32_t fpoStream, FrameDataMap<Record>& fpoData) {
   fpoData.seal();
 }
 
-template void PDBParser::readFPO(uint32_t fpoStream, FrameDataMap<FPO_DATA>& fpoData);
-template void PDBParser::readFPO(uint32_t fpoStream, FrameDataMap<FPO_DATA_V2>& fpoData);
-
 void PDBParser::readFrameData(const DBIDebugHeader& debugHeader, FrameTables& frames) {
   if (debugHeader.FPO != kNoStream) readFPO(debugHeader.FPO, frames.v1);
   if (debugHeader.newFPO != kNoStream) readFPO(debugHeader.newFPO, frames.v2);

@@ -1,7 +1,6 @@
 #include "symforge/src/pe_image.h"
 
 #include <algorithm>
-#include <cstring>
 
 #include "symforge/src/debug_id.h"
 

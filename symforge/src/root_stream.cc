@@ -10,6 +10,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
+#include <string_view>
+#include <utility>
 
 #include "symforge/src/PDBParser.h"
 #include "symforge/src/debug_id.h"

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cassert>
 #include <cstdio>
+#include <string_view>
 
 #include "common/loop_watch.h"
 #include "symforge/src/PDBParser.h"
