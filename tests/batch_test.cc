@@ -200,6 +200,20 @@ TEST(BatchTest, GoesOnBehindAChildKilledByASignal) {
   EXPECT_EQ(converted.at("b.pdb/5F0000024000000"), "link " + id);
 }
 
+// Closed standard streams and ignored signals: pairing reads identifiers through a pipe of its own,
+// and children are waited for.
+TEST(BatchTest, PairsWhateverItsParentLeftIt) {
+  for (const std::string parent : {">&- 2>&- ", "<&- 2>&- ", "env --ignore-signal=CHLD "}) {
+    const TemporaryDirectory temp;
+    Inputs in(temp);
+    in.pair(1, "a.pdb", "b.exe");
+    const std::string tree = temp.folder("tree");
+    const std::string batch = parent + SYMFORGE_PROGRAM " -r " + temp / "in" + " " + tree;
+    EXPECT_EQ(std::system(batch.c_str()), 0) << parent;
+    EXPECT_EQ(list_tree(tree).count("a.pdb/5F0000014000000"), 1u) << parent;
+  }
+}
+
 TEST(BatchTest, HandsItsOptionsOn) {
   const TemporaryDirectory temp;
   Inputs in(temp);

@@ -21,6 +21,15 @@ struct Options {
   const char* pdb_path = nullptr;  // the input, with -r a folder as a rule
 };
 
+// Fills standard streams that the parent has closed, so that no file opened later takes the place
+// of one and gets what is meant for it. What cannot be written stays reported: the streams are
+// filled the wrong way round, so that each read from or write to them fails.
+void fill_standard_streams() {
+  for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (fcntl(fd, F_GETFD) == -1) open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+  }
+}
+
 // Makes this process the kernel's first choice when memory runs out.
 void bump_oom_adj() {
   const int fd = open("/proc/self/oom_score_adj", O_WRONLY | O_CLOEXEC);
@@ -129,11 +138,14 @@ int run_single(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  fill_standard_streams();
   bump_oom_adj();
   openlog("symforge", LOG_PERROR, LOG_USER);
   command = argv[0];
   // A file size limit then shows as a failed write, which is reported and leaves no partial file.
   signal(SIGXFSZ, SIG_IGN);
+  // A parent that ignores the ends of its children hands that on, and a batch could wait for none.
+  signal(SIGCHLD, SIG_DFL);
 
   Options options;
   if (const int status = take_options(argc, argv, options); status != kGoOn) return status;
