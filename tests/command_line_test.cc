@@ -249,6 +249,9 @@ TEST_F(ImageTest, JoinsTheSymbolFileInTheTreeOnce) {
     EXPECT_EQ(list_tree(tree_), before);
   };
   refused("PE file without matching pdb or sym file");
+  const std::string unreadable = temp_.folder("tree/engine64.pdb/" + id_ + "/engine64.sym");
+  refused("failed to open sym file");
+  std::filesystem::remove(unreadable);
   ASSERT_EQ(run({kData + "/engine64.pdb", "-e", "/no/where", tree_}).status, 0);
   EXPECT_EQ(run({"-e", exe_, "-s", tree_}).status, 0);
   const std::string whole = run({"-e", exe_, kData + "/engine64.pdb"}).out;

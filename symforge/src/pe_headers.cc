@@ -59,8 +59,8 @@ bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 TextBuffer readWhole(const std::string& path, const char* failure) {
   TextBuffer content;
   const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!file.is_open()) throw pdb_exception(failure);
-  read_file(file.get(), content);
+  // What is read in part would be written back in part, over the whole file.
+  if (!file.is_open() || !read_file(file.get(), content)) throw pdb_exception(failure);
   return content;
 }
 
