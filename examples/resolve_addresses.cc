@@ -225,7 +225,7 @@ class Symbols {
 };
 
 std::optional<uint64_t> parse_address(std::string_view text) {
-  if (text.starts_with("0x") || text.starts_with("0X")) text.remove_prefix(2);
+  if (text.substr(0, 2) == "0x" || text.substr(0, 2) == "0X") text.remove_prefix(2);
   uint64_t address = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), address, 16);
   if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
