@@ -13,8 +13,9 @@ need() {
   fi
   echo "Installing: ${missing[*]}" >&2
   export DEBIAN_FRONTEND=noninteractive
-  apt-get update -qq >&2
-  apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+  # Some other repository of the machine may be out of reach: whether these packages are is install's word.
+  apt-get update -qq -o Acquire::Retries=3 >&2 || echo "The package lists could not all be renewed." >&2
+  apt-get install -y -qq -o Acquire::Retries=3 --no-install-recommends "${missing[@]}" >/dev/null
 }
 
 BUILD_PACKAGES=(g++ cmake ninja-build libc6-dev)
