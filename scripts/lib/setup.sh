@@ -1,4 +1,16 @@
-# Sourced by the scripts beside it: installs Debian packages that are missing.
+# Sourced by the scripts in the folder above, right after they have gone to the root of the repository:
+# installs Debian packages that are missing, builds, and reads what the caller said.
+
+caller_folder=$OLDPWD
+
+# from_caller PATH: a path as the caller meant it, made absolute.
+from_caller() { (cd "$caller_folder" && realpath -m "$1"); }
+
+# usage: prints the comment at the head of the running script and ends it.
+usage() {
+  sed -n '2,/^[^#]/s/^# \{0,1\}//p' "scripts/${0##*/}" >&2
+  exit 2
+}
 
 # need PACKAGE...: when something is missing, root installs it; anybody else is told what to install.
 need() {
