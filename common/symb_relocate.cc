@@ -1,3 +1,6 @@
+// Turning the references of a SYMB block into addresses: its tables in their order, frame info
+// ranges from the outside in.
+
 #include <fcntl.h>
 #include <sys/stat.h>
 

@@ -19,16 +19,22 @@ namespace google_breakpad {
 
 class TypeNames {
  public:
-  enum Flags : uint32_t { IsUnderlying = 1, IsTopLevel = 2 };
+  enum Flags : uint32_t {
+    // A function shows its result and a "(*)" in front of its parameters, and modifiers are left
+    // out. The symbol file has no use for it.
+    IsUnderlying = 1,
+    // The text stands for itself, as in a symbol file. It changes nothing.
+    IsTopLevel = 2,
+  };
 
   // `types` and `ids` must outlive this; they may be loaded later.
   TypeNames(const TypeTable& types, const TypeTable& ids) : m_types(types), m_ids(ids) {}
   TypeNames(const TypeNames&) = delete;
   TypeNames& operator=(const TypeNames&) = delete;
 
-  // Appends the text of `type` to `output`; `info` selects the id records. True when what was
-  // rendered is a function type. A pointer of an unknown kind is reported to standard error each
-  // time that it is rendered.
+  // Appends the text of `type` to `output`; `flags` are Flags, `info` selects the id records. True
+  // when what was rendered is a function type. A pointer of an unknown kind is reported to standard
+  // error each time that it is rendered.
   //
   // Throws pdb_exception for types that contain themselves, for more than kMaxDepth nested records,
   // and for a text out of all proportion.

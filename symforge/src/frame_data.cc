@@ -1,3 +1,5 @@
+// Frame data of 32-bit code, in its two forms: read into tables, printed as STACK WIN lines.
+
 #include <algorithm>
 
 #include "symforge/src/PDBParser.h"

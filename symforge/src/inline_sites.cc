@@ -1,3 +1,6 @@
+// Inline sites: where inlined functions are defined, by the modules' inlinee lines, and the I lines
+// of a function, for which its inline-site symbols are read a second time.
+
 #include "symforge/src/PDBParser.h"
 #include "symforge/src/binary_annotations.h"
 

@@ -1,3 +1,5 @@
+// The global string table: one piece of memory, and a bit for each offset that a bucket names.
+
 #include <algorithm>
 #include <cstdio>
 #include <cstring>

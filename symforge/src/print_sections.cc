@@ -1,3 +1,5 @@
+// INFO SECTION lines.
+
 #include "symforge/src/PDBParser.h"
 
 namespace google_breakpad {

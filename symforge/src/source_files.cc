@@ -1,3 +1,5 @@
+// Source files: from the modules' file checksums to FILE lines.
+
 #include "symforge/src/SourceFiles.h"
 
 #include <algorithm>

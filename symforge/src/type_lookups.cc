@@ -1,3 +1,5 @@
+// What the parser asks of the type and id records: that they are there, names, places of inlinees.
+
 #include "symforge/src/PDBParser.h"
 
 namespace google_breakpad {

@@ -86,11 +86,14 @@ class UnwindLinks {
   uint64_t m_left;
 };
 
+constexpr int32_t kReturnAddress = 8;  // bytes
+
 int32_t minus(int32_t from, int32_t what) {
   return static_cast<int32_t>(static_cast<uint32_t>(from) - static_cast<uint32_t>(what));
 }
 
 // Without a frame register everything is found from the stack pointer at the end of the prolog.
+// `size`: bytes of the frame from there to its top, with the return address.
 void printFromStackPointer(const UnwindFrame& frame, int32_t size, LineWriter& line) {
   line.str(" .cfa: $rsp ").dec_signed(size).str(" +");
   for (const NamedRegister& reg : kPrinted)
@@ -120,7 +123,7 @@ void printFrame(const IMAGE_RUNTIME_FUNCTION_ENTRY& entry, const UnwindInfo& top
   lines.str("STACK CFI INIT ").hex(begin).chr(' ').hex(uint32_t{entry.EndAddress - begin});
   lines.str(" .cfa: $rsp .ra: .cfa ").dec_signed(frame.rip_offset).str(" - ^\n");
   lines.str("STACK CFI ").hex(begin);
-  const int32_t size = minus(frame.stack_size, -8);
+  const int32_t size = minus(frame.stack_size, -kReturnAddress);
   if (top.frame_register() == 0)
     printFromStackPointer(frame, size, lines);
   else
