@@ -1,4 +1,6 @@
-// linked_ptr: shared ownership without a count and without an allocation.
+// linked_ptr: shared ownership without a count and without an allocation. For entries of the
+// address containers, which copy theirs, that are objects of their own; the resolver's entries are
+// values.
 //
 // All linked_ptrs to one object form a ring, a circular singly-linked list that runs through the
 // pointers themselves; the last one to leave the ring deletes the object. Copying and leaving walk

@@ -1,7 +1,10 @@
+// The quick readers: one look at each byte of a line, and nothing is copied or changed.
+
 #include <cstring>
 
 #include "processor/number_cursor.h"
 #include "processor/symbol_lines.h"
+#include "processor/windows_frame_info.h"
 
 namespace google_breakpad {
 
@@ -105,7 +108,7 @@ bool QuickStackWin(const char* line, const char* end, StackWinFields* fields) {
   fields->type = static_cast<int>(type);
   fields->allocates_base_pointer = false;
   fields->program_string = {};
-  if (static_cast<unsigned>(fields->type) >= 5) return false;
+  if (static_cast<unsigned>(fields->type) >= WindowsFrameInfo::STACK_INFO_LAST) return false;
   if (!blank_and_hex(cursor, &has_program_string)) return false;
   if (has_program_string != 0) return rest_of_line(cursor, end, &fields->program_string);
   uint64_t allocates = 0;
