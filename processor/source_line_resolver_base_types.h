@@ -31,12 +31,13 @@ struct SourceLineResolverBase::Function {
   bool is_multiple;        // stands for several symbols that were folded into one
 };
 
+// One range of code of an inline site.
 struct SourceLineResolverBase::InlineFunction {
-  MemAddr function_address;
+  MemAddr function_address;  // the range's first address, despite its name
   MemAddr code_size;
-  int file_id;
-  int source_line;
-  MemAddr caller;
+  int file_id;      // the number of a FILE line
+  int source_line;  // in the inlined function
+  MemAddr caller;   // how deep the site is nested, 0 for the outermost
   const char* name;
 };
 

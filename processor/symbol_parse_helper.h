@@ -10,7 +10,8 @@
 //   address size line_number source_file
 //   I address size line_number source_file caller name
 //
-// Addresses, sizes and `caller` are hexadecimal, the rest is decimal.
+// `id`, `line_number` and `source_file` are decimal, all other numbers hexadecimal. Sizes are in
+// bytes; `caller` is how deep the site is nested, 0 for the outermost.
 
 #pragma once
 

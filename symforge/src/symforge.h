@@ -17,13 +17,14 @@
 extern bool do_inline;
 
 // Converts one input. The first bytes of `pdb_path` decide what it is: a text symbol file
-// ("MODULE"), a SYMB image ("SYMB"), or else a PDB, for which `exe_path` may name the PE. With
-// `pdb_path` null the PE `exe_path` is joined with the symbol file that stands in the tree for it.
-// `sym_path` is the root of the symbol tree, or null for standard output.
+// ("MODULE"), of which what stands before its first byte 0xFF is taken, a SYMB image ("SYMB"), or
+// else a PDB, for which `exe_path` may name the PE. With `pdb_path` null the PE `exe_path` is
+// joined with the symbol file that stands in the tree for it. `sym_path` is the root of the symbol
+// tree, or null for standard output.
 //
 // False: the input could not be converted, and a message was logged. A result that could not be
 // written is logged but is no failure of the conversion: true. Errors of the standard library
-// (bad_alloc, range checks) are not caught and end the process.
+// (bad_alloc, range checks) are not caught and end the process; see PDBParser for what else does.
 bool symforge(const char* pdb_path, const char* exe_path, const char* sym_path, bool binary_output);
 
 // Writes a finished symbol text to its place. Text goes out whole; the identity of the file and the
