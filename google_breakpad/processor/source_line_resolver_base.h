@@ -67,7 +67,7 @@ class SourceLineResolverBase : public SourceLineResolverInterface {
   bool LoadOwnedBuffer(const CodeModule* module, char* buffer, size_t size);
   Module* ModuleOf(const StackFrame* frame) const;
 
-  // All three are keyed by the debug identifier of the code module.
+  // All owned. The first three are keyed by the debug identifier of the code module.
   ModuleMap* modules_;
   ModuleSet* corrupt_modules_;
   MemoryMap* memory_buffers_;  // arrays that modules still refer to
