@@ -1,8 +1,9 @@
 // NameStream: the global string table of a PDB, its stream named /NAMES.
 //
 // The stream is a 12-byte header (signature, version, size of the string area), the string area,
-// a bucket count and the buckets. Each bucket is the offset in the string area of one
-// NUL-terminated string, or 0 when it is free. A name exists only when a bucket holds its offset.
+// a bucket count and the buckets, a uint32 each. Each bucket is the offset in the string area of
+// one NUL-terminated string, or 0 when it is free. A name exists only when a bucket holds its
+// offset.
 
 #pragma once
 

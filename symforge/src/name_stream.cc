@@ -1,6 +1,7 @@
 // The global string table: one piece of memory, and a bit for each offset that a bucket names.
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 
@@ -14,6 +15,7 @@ namespace {
 constexpr uint32_t kNamesSignature = 0xEFFEEFFE;
 constexpr uint32_t kNamesVersion = 1;
 constexpr uint32_t kStringArea = sizeof(NameStreamHeader);
+constexpr int64_t kWord = sizeof(le_uint32);
 
 [[noreturn]] void refuse() { throw pdb_exception("Invalid name stream"); }
 
@@ -33,8 +35,10 @@ bool isContiguous(const std::vector<uint32_t>& pages) {
 
 void NameStream::load(const StreamPair& stream, const MsfFile& file) {
   gather(stream, file);
-  if (wordAt(0) != kNamesSignature || wordAt(4) != kNamesVersion) refuse();
-  const int32_t area = static_cast<int32_t>(wordAt(8));
+  if (wordAt(offsetof(NameStreamHeader, sig)) != kNamesSignature ||
+      wordAt(offsetof(NameStreamHeader, version)) != kNamesVersion)
+    refuse();
+  const int32_t area = static_cast<int32_t>(wordAt(offsetof(NameStreamHeader, offset)));
   index(int64_t{kStringArea} + area);
 }
 
@@ -61,7 +65,7 @@ void NameStream::gather(const StreamPair& stream, const MsfFile& file) {
 }
 
 uint32_t NameStream::wordAt(int64_t offset) const {
-  if (offset < 0 || offset + 4 > int64_t{m_size}) refuse();
+  if (offset < 0 || offset + kWord > int64_t{m_size}) refuse();
   le_uint32 word;
   std::memcpy(&word, m_bytes + offset, sizeof(word));
   return word;
@@ -71,10 +75,10 @@ uint32_t NameStream::wordAt(int64_t offset) const {
 void NameStream::index(int64_t buckets) {
   const uint32_t count = wordAt(buckets);
   if (count == 0) return;
-  wordAt(buckets + int64_t{4} * count);  // the last one: they all lie in the stream
+  wordAt(buckets + kWord * count);  // the last one: they all lie in the stream
   m_named.resize(m_size);
   for (uint32_t i = 0; i < count; ++i) {
-    const uint32_t offset = wordAt(buckets + 4 + int64_t{4} * i);
+    const uint32_t offset = wordAt(buckets + kWord + kWord * i);
     if (offset == 0) continue;
     if (offset < m_size)
       m_named[offset] = true;

@@ -60,19 +60,28 @@ void makeTreeFolders(const char* root, std::string_view name, const std::string&
   assert(name.find('.') != std::string::npos);
 }
 
+// The sets in the table of named streams: a word count, and that many words of bits.
+constexpr uint32_t kWordBytes = sizeof(le_uint32);
+constexpr uint32_t kWordBits = 32;
+
+// The stream offset behind the set that begins at `set`. It wraps.
+uint32_t behindSet(uint32_t set, uint32_t words) { return set + kWordBytes + words * kWordBytes; }
+
 // The bits that tell which slots of the table of named streams hold an entry. The words that count
 // are those that `slots` fills whole, but at least one; the slots behind them are tested on what
 // follows in the stream.
 class PresentBits {
  public:
   PresentBits(StreamReader& reader, uint32_t slots)
-      : m_words(slots / 32 == 0 ? 1 : slots / 32), m_bits(reader.read<le_uint32>(m_words * 4)) {
-    if (slots > m_words * 32) m_next = *reader.read<le_uint32>();
+      : m_words(slots / kWordBits == 0 ? 1 : slots / kWordBits),
+        m_bits(reader.read<le_uint32>(m_words * kWordBytes)) {
+    if (slots > m_words * kWordBits) m_next = *reader.read<le_uint32>();
   }
 
   bool operator[](uint32_t slot) const {
-    const uint32_t word = slot / 32 < m_words ? uint32_t{m_bits.data[slot / 32]} : m_next;
-    return (word >> (slot % 32) & 1) != 0;
+    const uint32_t at = slot / kWordBits;
+    const uint32_t word = at < m_words ? uint32_t{m_bits.data[at]} : m_next;
+    return (word >> (slot % kWordBits) & 1) != 0;
   }
 
  private:
@@ -104,7 +113,7 @@ void PDBParser::readRootStream(const char* sympath, bool* res) {
 
 // `names` stands on the name buffer, which has `size` bytes; the table lies behind it: its size,
 // the number of slots, the set of present slots, the set of deleted slots, and for each present
-// slot an entry. A set is a word count and that many words.
+// slot an entry.
 bool PDBParser::readNamedStreams(StreamReader& names, uint32_t size) {
   const uint32_t nameStart = names.getOffset();
   StreamReader table(m_streams[Streams], m_file);
@@ -113,17 +122,17 @@ bool PDBParser::readNamedStreams(StreamReader& names, uint32_t size) {
   const uint32_t slots = *table.read<le_uint32>();
   const uint32_t presentSet = table.getOffset();
   const uint32_t presentWords = *table.read<le_uint32>();
-  if (slots >> 5 > presentWords) {
+  if (slots / kWordBits > presentWords) {
     std::fputs("Invalid name index\n", stderr);
     return false;
   }
   const PresentBits present(table, slots);
-  table.seek(presentSet + presentWords * 4 + 4);
+  table.seek(behindSet(presentSet, presentWords));
   const uint32_t deletedSet = table.getOffset();
   const uint32_t deletedWords = *table.read<le_uint32>();
   if (deletedWords != 0)
     std::fputs("Warning: deleted names bitset is not empty, unsupported\n", stderr);
-  table.seek(deletedSet + deletedWords * 4 + 4);
+  table.seek(behindSet(deletedSet, deletedWords));
 
   for (uint32_t slot = 0; slot < slots; ++slot) {
     if (!present[slot]) continue;
