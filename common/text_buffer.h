@@ -4,7 +4,7 @@
 // text lies on pages that move instead of being copied when it grows, so that the peak of memory is
 // the text itself.
 //
-// Writers of lines reserve once for a whole line and then append without checks:
+// Writers of lines reserve once for a whole line and then append without growing:
 //
 //   LineWriter line(text, name.size() + 40);
 //   line.str("FUNC ").hex(segment).chr(':').hex(offset).chr(' ').str(name).chr('\n');
@@ -100,8 +100,7 @@ inline char* put_hex(char* at, uint32_t number) {
 
 // Writes one line, or one short record, into a TextBuffer. `room` is an upper bound of the bytes
 // that will be written: a number takes at most 20, so callers count 20 a number and the length of
-// each text. The bound is asserted when the writer is destroyed, so a wrong bound shows in the
-// first test.
+// each text. Every write asserts that it stays inside, so a wrong bound shows in the first test.
 class LineWriter {
  public:
   LineWriter(TextBuffer& text, size_t room)
