@@ -8,10 +8,11 @@
 // Addresses: functions, lines, initial rules and the fallback of the frame info search compare the
 // low 32 bits of the address, everything else the whole 64-bit address.
 
-#include <algorithm>
 #include <memory>
-#include <string>
+#include <memory_resource>
+#include <vector>
 
+#include "common/loop_watch.h"
 #include "common/preorder_ranges.h"
 #include "common/symb.h"
 #include "common/symb_block.h"
@@ -117,13 +118,11 @@ uint64_t position_at_or_above(const char* table, uint64_t count, uint64_t value)
 }
 
 // The narrowest range that holds `address` among those inside the given record, or null. A record
-// that is met twice on the way down would be met for ever: a damaged block, nothing is found. (The
-// record to meet again is renewed after 1, 2, 4, ... steps, which catches a circle of any length.)
+// that is met twice on the way down would be met for ever: a damaged block, nothing is found.
 const char* SymbNestedWFIFind(const char* base, uint64_t address, const char* nested_wfi) {
   constexpr size_t kRecord = sizeof(symb_nested_window_frame_info);
   const char* found = nullptr;
-  const char* met = nullptr;
-  for (uint64_t steps = 0;; ++steps) {
+  for (LoopWatch<const char*> watch;;) {
     const auto owner = symb_load<symb_nested_window_frame_info>(found ? found : nested_wfi);
     if (owner.map == 0 || owner.map_count == 0) return found;
     const char* const array = base + owner.map;
@@ -133,8 +132,7 @@ const char* SymbNestedWFIFind(const char* base, uint64_t address, const char* ne
     if (position >= owner.map_count) return found;
     const char* const candidate = array + position * kRecord;
     if (address < symb_load<symb_nested_window_frame_info>(candidate).base) return found;
-    if (candidate == met) return nullptr;
-    if ((steps & (steps - 1)) == 0) met = candidate;
+    if (watch.again(candidate)) return nullptr;
     found = candidate;
   }
 }
@@ -324,7 +322,7 @@ bool BasicSourceLineResolver::Module::LoadMapFromMemoryB(char* memory_buffer,
 void BasicSourceLineResolver::Module::LookupAddressB(StackFrame* frame) const {
   if (!symb_loaded_) return;
   const Tables tables(symb_base_);
-  if (tables.version() > 2) {
+  if (symb_has_inlines(tables.version())) {
     LookupAddressBInline(frame);
     return;
   }
