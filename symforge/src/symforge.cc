@@ -6,12 +6,13 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <utility>
 
 #include "common/symb.h"
+#include "common/symb_block.h"
 #include "common/text_buffer.h"
 #include "symforge/src/PDBParser.h"
 #include "symforge/src/file_io.h"
@@ -36,7 +37,7 @@ InputKind read_input(const char* path, TextBuffer& content) {
   if (!input.is_open() || !read_file(input.get(), content, kMagicBytes)) return InputKind::kPdb;
 
   const bool text = content.view().starts_with("MODULE");
-  if (!text && !content.view().starts_with("SYMB")) return InputKind::kPdb;
+  if (!text && !content.view().starts_with(kSymbMagic)) return InputKind::kPdb;
   if (!read_file(input.get(), content)) return InputKind::kUnreadable;
   return text ? InputKind::kText : InputKind::kSymb;
 }
