@@ -28,10 +28,10 @@ bool has_empty_range(std::string_view line) {
 
 // Whether a line of an image's text may change once more: an empty range is not read again, nor is
 // a line record or an inline record with a negative number, which is what is left of the number of
-// a line or a file beyond 31 bits; a carriage return that stood inside of the first line stands at
-// its end now, where it is cut, even if nothing else is left of the name.
+// a line or a file beyond 31 bits; what stood behind a carriage return inside of the first line has
+// been read as a line of its own and may be cut where that line is written as the first one.
 bool may_change_again(std::string_view line) {
-  if (line.starts_with("MODULE ") || line.starts_with("INFO ")) return line.ends_with('\r');
+  if (line.starts_with("MODULE ") || line.starts_with("INFO ")) return line.find('\r') != line.npos;
   const bool record = line.starts_with("I ") || line.starts_with("FILE ") ||
                       line.find_first_of("0123456789abcdef") == 0;
   return has_empty_range(line) || (record && line.find(" -") != line.npos);
