@@ -342,7 +342,7 @@ bool symb_write(TextBuffer text, char** out_buffer, size_t* out_buffer_size) {
   sym_info info;
   char* const symbol_data = text.data();
   if (!symb_writer::sym_info_parse(symbol_data, info)) return false;
-  Module module(/*name=*/"");  // nothing shows it
+  Module module("foo");  // a name that goes nowhere: no resolver knows the module
   module.LoadMapInPlace(symbol_data, std::strlen(symbol_data) + 1);
   if (info.os.empty() || info.arch.empty()) return false;
 
