@@ -12,11 +12,13 @@
 #include <stdexcept>
 #include <string>
 
+#include "base/text_buffer.h"
 #include "bench/pdb_generator.h"
 #include "builders/bytes.h"
-#include "common/symb.h"
-#include "common/text_buffer.h"
+#include "common/symb_text.h"
 #include "symforge/src/PDBParser.h"
+
+using symforge_internal::TextBuffer;
 
 namespace {
 
@@ -45,7 +47,7 @@ class Input {
 
   TextBuffer& text() {
     if (text_.empty()) {
-      google_breakpad::PDBParser parser(true);
+      symforge_internal::PDBParser parser(true);
       parser.load(pdb().c_str(), nullptr, nullptr, text_);
       parser.printBreakpadSymbols(text_, nullptr);
     }
@@ -84,7 +86,7 @@ void count_bytes(benchmark::State& state, size_t bytes) {
 void Open(benchmark::State& state) {
   const std::string path = input(state).pdb();
   for ([[maybe_unused]] auto _ : state) {
-    google_breakpad::PDBParser parser(true);
+    symforge_internal::PDBParser parser(true);
     TextBuffer text;
     parser.load(path.c_str(), nullptr, nullptr, text);
     benchmark::DoNotOptimize(parser.debug_id().data());
@@ -94,7 +96,7 @@ void Open(benchmark::State& state) {
 void PdbToText(benchmark::State& state) {
   Input& from = input(state);
   for ([[maybe_unused]] auto _ : state) {
-    google_breakpad::PDBParser parser(true);
+    symforge_internal::PDBParser parser(true);
     TextBuffer text;
     parser.load(from.pdb().c_str(), nullptr, nullptr, text);
     parser.printBreakpadSymbols(text, nullptr);

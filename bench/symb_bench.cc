@@ -12,11 +12,13 @@
 #include <random>
 #include <vector>
 
+#include "base/text_buffer.h"
 #include "builders/symbol_text.h"
-#include "common/symb.h"
-#include "common/text_buffer.h"
+#include "common/symb_text.h"
 #include "google_breakpad/processor/basic_source_line_resolver.h"
 #include "google_breakpad/processor/stack_frame.h"
+
+using symforge_internal::TextBuffer;
 
 namespace {
 

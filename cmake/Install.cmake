@@ -8,17 +8,23 @@
 #   share/...                                       manual page, documents, completion for bash
 include(CMakePackageConfigHelpers)
 
-# The rooms of the repository are libraries of their own; hosts get one.
+# The modules of the repository are libraries of their own; hosts get one.
 add_library(symforge_resolver STATIC)
-foreach(room IN ITEMS symb_format resolver symb_writer)
-  target_sources(symforge_resolver PRIVATE $<TARGET_OBJECTS:${room}>)
+foreach(module IN ITEMS base symb processor symb_writer)
+  target_sources(symforge_resolver PRIVATE $<TARGET_OBJECTS:symforge_${module}>)
 endforeach()
 set_target_properties(symforge_resolver PROPERTIES
   OUTPUT_NAME symforge-resolver EXPORT_NAME resolver LINKER_LANGUAGE CXX)
 target_compile_features(symforge_resolver INTERFACE cxx_std_17)
 set(header_root ${CMAKE_INSTALL_INCLUDEDIR}/symforge)
+# A host that takes this project in sees the same headers as one that uses an installation.
+set(build_headers ${PROJECT_BINARY_DIR}/include)
+file(MAKE_DIRECTORY ${build_headers}/google_breakpad ${build_headers}/common)
+file(CREATE_LINK ${PROJECT_SOURCE_DIR}/google_breakpad/processor
+  ${build_headers}/google_breakpad/processor SYMBOLIC)
+file(CREATE_LINK ${PROJECT_SOURCE_DIR}/common/symb.h ${build_headers}/common/symb.h SYMBOLIC)
 target_include_directories(symforge_resolver INTERFACE
-  $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}> $<INSTALL_INTERFACE:${header_root}>)
+  $<BUILD_INTERFACE:${build_headers}> $<INSTALL_INTERFACE:${header_root}>)
 add_library(symforge::resolver ALIAS symforge_resolver)
 
 if(NOT SYMFORGE_INSTALL)

@@ -20,9 +20,6 @@
 #include <cstdint>
 #include <iosfwd>
 
-// A growing text. Internal to the project (common/text_buffer.h): a host uses the forms without it.
-class TextBuffer;
-
 // ---- Records ------------------------------------------------------------------------------------
 
 struct symb_header_metadata {
@@ -215,8 +212,7 @@ static_assert(sizeof(symb_cfi_delta_rule) == 16 && offsetof(symb_cfi_delta_rule,
 // others read. Failure is false, without a message unless one is named; memory that is not to be
 // had is std::bad_alloc.
 
-// Makes the SYMB image of a text symbol file. (Built into the library `symb_writer`, as it parses
-// text with the resolver's module; everything else here is in `symb_format`.)
+// Makes the SYMB image of a text symbol file.
 //
 // `symbol_data` is the NUL-terminated text; it is not changed. On true, *out_buffer is a new block
 // of exactly *out_buffer_size bytes that the caller releases with delete[]. On false, both are as
@@ -225,11 +221,7 @@ static_assert(sizeof(symb_cfi_delta_rule) == 16 && offsetof(symb_cfi_delta_rule,
 //
 // Addresses and sizes are cut to 32 bits. An image of a text whose ranges all end at or below 4 GiB
 // passes symb_validate(); beyond that the cut may leave a table out of order.
-//
-// The second form takes the text over, and so needs no copy of it: what stands before the first NUL
-// in it is used.
 bool symb_write(const char* symbol_data, char** out_buffer, size_t* out_buffer_size);
-bool symb_write(TextBuffer symbol_data, char** out_buffer, size_t* out_buffer_size);
 
 // Makes the text symbol file of a SYMB block and appends it to `out`.
 //
@@ -237,9 +229,6 @@ bool symb_write(TextBuffer symbol_data, char** out_buffer, size_t* out_buffer_si
 // given to nothing else afterwards. False, with `out` as it was, if the block does not begin with
 // "SYMB", or if what has to be printed lies outside it in part: tables, strings without an end in
 // the block, frame info whose arrays contain themselves. Nothing outside the block is ever read.
-//
-// The second form hands the finished text to the stream in one piece.
-bool symb_read(char* in_buffer, size_t in_buffer_size, TextBuffer& out);
 bool symb_read(char* in_buffer, size_t in_buffer_size, std::stringstream& out);
 
 // Turns every reference of the block into the address that it stands for, in place. `base` is the

@@ -7,6 +7,8 @@
 #include <cstring>
 #include <string_view>
 
+namespace symforge_internal {
+
 constexpr std::string_view kSymbMagic = "SYMB";
 
 // Whether a block of unknown size begins with the magic. Nothing behind a NUL is looked at.
@@ -38,3 +40,5 @@ inline void symb_store(char* at, T value) {
 inline bool symb_holds(uint64_t size, uint64_t offset, uint64_t count, uint64_t record_size) {
   return offset <= size && count <= (size - offset) / record_size;
 }
+
+}  // namespace symforge_internal

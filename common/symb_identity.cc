@@ -4,7 +4,7 @@
 #include <cstring>
 #include <string_view>
 
-namespace symb_writer {
+namespace symforge_internal {
 
 namespace {
 
@@ -43,7 +43,7 @@ bool parse_section(char** rest, symb_section* section) {
 }
 
 // False if the line is none of the header.
-bool parse_line(std::string_view line, sym_info& info) {
+bool parse_line(std::string_view line, SymbHeaderLines& info) {
   const bool module = line.starts_with("MODULE ");
   if (!module && !line.starts_with("INFO ")) return false;
   const bool code_id = line.starts_with("INFO CODE_ID ");
@@ -68,7 +68,7 @@ bool parse_line(std::string_view line, sym_info& info) {
 
 }  // namespace
 
-bool sym_info_parse(const char* sym_data, sym_info& info) {
+bool sym_info_parse(const char* sym_data, SymbHeaderLines& info) {
   while (const char* end = std::strchr(sym_data, '\n')) {
     const std::string_view line(sym_data, static_cast<size_t>(end - sym_data));
     if (line.size() < kLineBuffer && !parse_line(line, info)) break;
@@ -77,4 +77,4 @@ bool sym_info_parse(const char* sym_data, sym_info& info) {
   return !info.debug_id.empty() && !info.debug_file.empty();
 }
 
-}  // namespace symb_writer
+}  // namespace symforge_internal

@@ -9,9 +9,9 @@
 
 #include "common/symb.h"
 
-namespace symb_writer {
+namespace symforge_internal {
 
-struct sym_info {
+struct SymbHeaderLines {
   std::string os;
   std::string arch;
   std::string debug_id;
@@ -23,6 +23,6 @@ struct sym_info {
 
 // Fills `info` from a NUL-terminated text. Only lines that end with a line feed count; one of 4096
 // bytes or more is stepped over. True if there is a debug identifier and a debug file name.
-bool sym_info_parse(const char* sym_data, sym_info& info);
+bool sym_info_parse(const char* sym_data, SymbHeaderLines& info);
 
-}  // namespace symb_writer
+}  // namespace symforge_internal

@@ -5,10 +5,12 @@
 #include <string_view>
 #include <vector>
 
+#include "base/text_buffer.h"
 #include "common/symb.h"
 #include "common/symb_block.h"
-#include "common/text_buffer.h"
+#include "common/symb_text.h"
 
+namespace symforge_internal {
 namespace {
 
 // Room for the numbers of a line, with the blanks between them and its longest keyword.
@@ -420,9 +422,11 @@ bool symb_read(char* in_buffer, size_t in_buffer_size, TextBuffer& out) {
   return false;
 }
 
+}  // namespace symforge_internal
+
 bool symb_read(char* in_buffer, size_t in_buffer_size, std::stringstream& out) {
-  TextBuffer text;
-  if (!symb_read(in_buffer, in_buffer_size, text)) return false;
+  symforge_internal::TextBuffer text;
+  if (!symforge_internal::symb_read(in_buffer, in_buffer_size, text)) return false;
   out.write(text.view().data(), static_cast<std::streamsize>(text.size()));
   return true;
 }

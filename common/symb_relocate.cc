@@ -9,6 +9,7 @@
 #include "common/symb.h"
 #include "common/symb_block.h"
 
+namespace symforge_internal {
 namespace {
 
 // A header table each of whose records has one reference.
@@ -219,8 +220,11 @@ bool Relocation::relocate_window_frame_info(uint64_t at) {
 }
 
 }  // namespace
+}  // namespace symforge_internal
 
-bool symb_relocate(uint64_t base, uint64_t size) { return Relocation(base, size).run(); }
+bool symb_relocate(uint64_t base, uint64_t size) {
+  return symforge_internal::Relocation(base, size).run();
+}
 
 void symb_touch(int fd) {
   const timespec times[2] = {{0, UTIME_NOW}, {0, UTIME_OMIT}};

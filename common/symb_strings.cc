@@ -6,6 +6,8 @@
 #include <stdexcept>
 #include <utility>
 
+namespace symforge_internal {
+
 namespace {
 
 constexpr uint64_t kHashBits = 0xFFFFFFFF00000000;
@@ -135,3 +137,5 @@ void SymbStrings::write(char* table) const {
     table += text.size() + 1;
   }
 }
+
+}  // namespace symforge_internal

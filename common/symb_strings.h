@@ -17,6 +17,8 @@
 #include <string_view>
 #include <vector>
 
+namespace symforge_internal {
+
 class SymbStrings {
  public:
   // No string may hold a NUL byte.
@@ -48,3 +50,5 @@ class SymbStrings {
   uint64_t table_bytes_ = 0;
   size_t next_reference_ = 0;
 };
+
+}  // namespace symforge_internal

@@ -4,10 +4,11 @@
 #include <string_view>
 #include <vector>
 
-#include "common/preorder_ranges.h"
+#include "base/nested_range_stack.h"
 #include "common/symb.h"
 #include "common/symb_block.h"
 
+namespace symforge_internal {
 namespace {
 
 constexpr uint64_t kAlignment = 8;              // of every table
@@ -191,10 +192,10 @@ bool Validator::lines(uint64_t offset, uint32_t count) {
 // The sites have to nest as the lookup wants to find them. An empty site, or one that repeats the
 // range before it, is what no writer writes.
 bool Validator::inlines(uint64_t offset, uint32_t count) {
-  PreorderRanges nesting;
+  NestedRangeStack nesting;
   return records<symb_inline>(offset, count, [&](const symb_inline& site) {
     return string(site.name) && uint64_t{site.address} + site.size <= kAddressLimit &&
-           nesting.add(site.address, site.size) == PreorderRanges::Place::kInside;
+           nesting.add(site.address, site.size) == NestedRangeStack::Place::kInside;
   });
 }
 
@@ -282,10 +283,13 @@ bool Validator::rules() {
 }
 
 }  // namespace
+}  // namespace symforge_internal
 
-bool symb_validate(uint64_t base, uint64_t size) { return Validator(base, size).run(); }
+bool symb_validate(uint64_t base, uint64_t size) {
+  return symforge_internal::Validator(base, size).run();
+}
 
 bool valicate_window_frame_info(uint64_t parent, uint64_t base, uint64_t size,
                                 uint64_t strtbl_end) {
-  return Validator(base, size).run_frame_info(parent - base, strtbl_end);
+  return symforge_internal::Validator(base, size).run_frame_info(parent - base, strtbl_end);
 }

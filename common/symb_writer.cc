@@ -10,25 +10,27 @@
 #include <utility>
 #include <vector>
 
-#include "common/page_block.h"
+#include "base/huge_page_block.h"
 #include "common/symb.h"
 #include "common/symb_block.h"
 #include "common/symb_identity.h"
 #include "common/symb_strings.h"
-#include "common/text_buffer.h"
+#include "common/symb_text.h"
 #include "google_breakpad/processor/basic_source_line_resolver.h"
 #include "processor/basic_source_line_resolver_module.h"
 
+namespace symforge_internal {
 namespace {
 
 using google_breakpad::BasicSourceLineResolver;
 using google_breakpad::StackWinRecord;
-using symb_writer::sym_info;
 using Module = BasicSourceLineResolver::Module;
 using StackWinRange = Module::StackWinMap::Range;
 using StackWinRanges = StackWinRange::AddressToRangeMap;
 
-bool has_code_id(const sym_info& info) { return !info.code_id.empty() && !info.code_file.empty(); }
+bool has_code_id(const SymbHeaderLines& info) {
+  return !info.code_id.empty() && !info.code_file.empty();
+}
 
 // Calls `visit(high, range, record)` for each range of a STACK WIN tree, a range before those that
 // it contains. `enter(owner_record, ranges)` comes before the ranges directly inside one and gives
@@ -63,7 +65,7 @@ void walk_stack_win(Record* root, const StackWinRanges& top, Enter enter, Visit 
 // each reference its string.
 class ImageWriter {
  public:
-  ImageWriter(const sym_info& info, const Module& module) : info_(info), module_(module) {}
+  ImageWriter(const SymbHeaderLines& info, const Module& module) : info_(info), module_(module) {}
 
   // The exact size of the image in bytes.
   uint64_t measure();
@@ -98,7 +100,7 @@ class ImageWriter {
     return records;
   }
 
-  const sym_info& info_;
+  const SymbHeaderLines& info_;
   const Module& module_;
   SymbStrings strings_;
   char* file_base_ = nullptr;
@@ -332,16 +334,10 @@ void ImageWriter::write_sections() {
 
 }  // namespace
 
-bool symb_write(const char* symbol_data, char** out_buffer, size_t* out_buffer_size) {
-  TextBuffer text;
-  text.append(symbol_data);
-  return symb_write(std::move(text), out_buffer, out_buffer_size);
-}
-
 bool symb_write(TextBuffer text, char** out_buffer, size_t* out_buffer_size) {
-  sym_info info;
+  SymbHeaderLines info;
   char* const symbol_data = text.data();
-  if (!symb_writer::sym_info_parse(symbol_data, info)) return false;
+  if (!sym_info_parse(symbol_data, info)) return false;
   Module module("foo");  // a name that goes nowhere: no resolver knows the module
   module.LoadMapInPlace(symbol_data, std::strlen(symbol_data) + 1);
   if (info.os.empty() || info.arch.empty()) return false;
@@ -358,4 +354,12 @@ bool symb_write(TextBuffer text, char** out_buffer, size_t* out_buffer_size) {
   *out_buffer = file_buffer.release();
   *out_buffer_size = file_size;
   return true;
+}
+
+}  // namespace symforge_internal
+
+bool symb_write(const char* symbol_data, char** out_buffer, size_t* out_buffer_size) {
+  symforge_internal::TextBuffer text;
+  text.append(symbol_data);
+  return symforge_internal::symb_write(std::move(text), out_buffer, out_buffer_size);
 }

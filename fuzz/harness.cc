@@ -62,7 +62,7 @@ End run_to_its_end(const std::function<void()>& conversion) {
   }
   try {
     conversion();
-  } catch (const google_breakpad::pdb_exception&) {
+  } catch (const symforge_internal::pdb_exception&) {
     return End::kThrew;
   } catch (const std::out_of_range&) {
     return End::kThrew;

@@ -3,13 +3,15 @@
 #include <memory>
 #include <string>
 
-#include "common/text_buffer.h"
+#include "base/text_buffer.h"
 #include "fuzz/harness.h"
 #include "symforge/src/PDBParser.h"
 #include "tests/support/memory_file.h"
 
+using symforge_internal::TextBuffer;
+
 using fuzzing::End;
-using google_breakpad::PDBParser;
+using symforge_internal::PDBParser;
 
 namespace {
 
@@ -38,7 +40,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzzing::require(debug_id == without_inlines, "one identifier");
   std::string alone;
   fuzzing::require(
-      google_breakpad::pdb_debug_id(pdb.path(), alone) == !debug_id.empty() && alone == debug_id,
+      symforge_internal::pdb_debug_id(pdb.path(), alone) == !debug_id.empty() && alone == debug_id,
       "the identifier without the conversion");
   return 0;
 }

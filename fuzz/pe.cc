@@ -2,14 +2,14 @@
 
 #include <string>
 
+#include "base/text_buffer.h"
 #include "builders/pdb_builder.h"
-#include "common/text_buffer.h"
 #include "fuzz/harness.h"
 #include "symforge/src/PDBParser.h"
-#include "symforge/src/pe_image.h"
+#include "symforge/src/pe/pe_image.h"
 #include "tests/support/memory_file.h"
 
-using namespace google_breakpad;
+using namespace symforge_internal;
 
 namespace {
 

@@ -5,10 +5,13 @@
 #include <set>
 #include <string_view>
 
+#include "base/text_buffer.h"
 #include "common/symb.h"
-#include "common/text_buffer.h"
+#include "common/symb_text.h"
 #include "fuzz/harness.h"
 #include "tests/support/symbols.h"
+
+using symforge_internal::TextBuffer;
 
 namespace {
 

@@ -7,10 +7,12 @@
 
 #include <cassert>
 
-#include "processor/block_map.h"
+#include "base/block_map.h"
 #include "processor/logging.h"
 
 namespace google_breakpad {
+
+using symforge_internal::BlockMap;
 
 template <typename AddressType, typename EntryType>
 class AddressMap {

@@ -7,6 +7,8 @@
 
 namespace google_breakpad {
 
+using symforge_internal::symb_has_magic;
+
 BasicSourceLineResolver::BasicSourceLineResolver()
     : SourceLineResolverBase(new BasicModuleFactory) {}
 
@@ -18,15 +20,16 @@ SourceLineResolverBase::Module* BasicModuleFactory::CreateModule(const std::stri
 
 bool BasicSourceLineResolver::Module::LoadMapFromMemory(char* memory_buffer,
                                                         size_t memory_buffer_size) {
-  return Load(memory_buffer, memory_buffer_size, TextStore::Place::kArena);
+  return Load(memory_buffer, memory_buffer_size, StringStorage::Place::kArena);
 }
 
 bool BasicSourceLineResolver::Module::LoadMapInPlace(char* memory_buffer,
                                                      size_t memory_buffer_size) {
-  return Load(memory_buffer, memory_buffer_size, TextStore::Place::kText);
+  return Load(memory_buffer, memory_buffer_size, StringStorage::Place::kText);
 }
 
-bool BasicSourceLineResolver::Module::Load(char* buffer, size_t size, TextStore::Place strings) {
+bool BasicSourceLineResolver::Module::Load(char* buffer, size_t size,
+                                           StringStorage::Place strings) {
   // The magic decides whatever the size says: hosts rely on it.
   if (buffer != nullptr && symb_has_magic(buffer)) return LoadMapFromMemoryB(buffer, size);
   TextModuleLoader(this, TextModuleLoader::Readers::kQuickAndExact, strings).Load(buffer, size);

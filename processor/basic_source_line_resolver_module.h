@@ -15,17 +15,20 @@
 #include <span>
 #include <string>
 
+#include "base/arena.h"
+#include "base/block_map.h"
 #include "google_breakpad/processor/basic_source_line_resolver.h"
 #include "processor/address_map.h"
-#include "processor/arena.h"
-#include "processor/block_map.h"
 #include "processor/contained_range_map.h"
 #include "processor/range_map.h"
 #include "processor/source_line_resolver_base_types.h"
-#include "processor/text_store.h"
+#include "processor/string_storage.h"
 #include "processor/windows_frame_info.h"
 
 namespace google_breakpad {
+
+using symforge_internal::Arena;
+using symforge_internal::BlockMap;
 
 struct BasicSourceLineResolver::InlineFunction : SourceLineResolverBase::InlineFunction {};
 
@@ -98,7 +101,7 @@ class BasicSourceLineResolver::Module : public SourceLineResolverBase::Module {
  private:
   friend class TextModuleLoader;
 
-  bool Load(char* buffer, size_t size, TextStore::Place strings);
+  bool Load(char* buffer, size_t size, StringStorage::Place strings);
 
   bool symb_loaded_ = false;
   const char* symb_base_ = nullptr;  // not owned

@@ -31,10 +31,12 @@
 #include <utility>
 #include <vector>
 
-#include "processor/block_map.h"
+#include "base/block_map.h"
 #include "processor/logging.h"
 
 namespace google_breakpad {
+
+using symforge_internal::BlockMap;
 
 template <typename AddressType, typename EntryType>
 class ContainedRangeMap;

@@ -10,10 +10,12 @@
 
 #include <cassert>
 
-#include "processor/block_map.h"
+#include "base/block_map.h"
 #include "processor/logging.h"
 
 namespace google_breakpad {
+
+using symforge_internal::BlockMap;
 
 // How a new range that overlaps stored ones is treated.
 enum class MergeRangeStrategy {

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <memory>
 
-#include "common/page_block.h"
+#include "base/huge_page_block.h"
 #include "common/symb.h"
 #include "common/symb_block.h"
 #include "processor/cfi_frame_info.h"
@@ -16,6 +16,9 @@
 #include "processor/source_line_resolver_base_types.h"
 
 namespace google_breakpad {
+
+using symforge_internal::prefer_huge_pages;
+using symforge_internal::symb_has_magic;
 
 namespace {
 

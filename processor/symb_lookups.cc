@@ -12,8 +12,8 @@
 #include <memory_resource>
 #include <vector>
 
-#include "common/loop_watch.h"
-#include "common/preorder_ranges.h"
+#include "base/cycle_detector.h"
+#include "base/nested_range_stack.h"
 #include "common/symb.h"
 #include "common/symb_block.h"
 #include "google_breakpad/processor/code_module.h"
@@ -23,6 +23,11 @@
 #include "processor/contained_range_map.h"
 
 namespace google_breakpad {
+
+using symforge_internal::CycleDetector;
+using symforge_internal::NestedRangeStack;
+using symforge_internal::symb_has_inlines;
+using symforge_internal::symb_load;
 
 namespace {
 
@@ -122,7 +127,7 @@ uint64_t position_at_or_above(const char* table, uint64_t count, uint64_t value)
 const char* SymbNestedWFIFind(const char* base, uint64_t address, const char* nested_wfi) {
   constexpr size_t kRecord = sizeof(symb_nested_window_frame_info);
   const char* found = nullptr;
-  for (LoopWatch<const char*> watch;;) {
+  for (CycleDetector<const char*> watch;;) {
     const auto owner = symb_load<symb_nested_window_frame_info>(found ? found : nested_wfi);
     if (owner.map == 0 || owner.map_count == 0) return found;
     const char* const array = base + owner.map;
@@ -227,17 +232,18 @@ std::vector<const char*> inline_stack_by_tree(const char* sites, uint32_t count,
 }
 
 // The same without a tree. In a table in pre-order the tree would store every site, inside exactly
-// those before it that hold it whole (see PreorderRanges); so the sites around an address are those
-// whose own range holds it, and the table's order is theirs. False if the table is not like that.
+// those before it that hold it whole (see NestedRangeStack); so the sites around an address are
+// those whose own range holds it, and the table's order is theirs. False if the table is not like
+// that.
 bool inline_stack_in_order(const char* sites, uint32_t count, uint64_t address,
                            std::pmr::vector<const char*>& stack) {
-  PreorderRanges nesting;
+  NestedRangeStack nesting;
   for (uint32_t i = 0; i < count; ++i) {
     const char* record = sites + i * sizeof(symb_inline);
     const auto site = symb_load<symb_inline>(record);
-    const PreorderRanges::Place place = nesting.add(site.address, site.size);
-    if (place == PreorderRanges::Place::kOutOfOrder) return false;
-    if (place == PreorderRanges::Place::kInside && address - site.address < site.size) {
+    const NestedRangeStack::Place place = nesting.add(site.address, site.size);
+    if (place == NestedRangeStack::Place::kOutOfOrder) return false;
+    if (place == NestedRangeStack::Place::kInside && address - site.address < site.size) {
       stack.push_back(record);
     }
   }

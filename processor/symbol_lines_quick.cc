@@ -2,11 +2,13 @@
 
 #include <cstring>
 
-#include "processor/number_cursor.h"
+#include "base/number_cursor.h"
 #include "processor/symbol_lines.h"
 #include "processor/windows_frame_info.h"
 
 namespace google_breakpad {
+
+using symforge_internal::NumberCursor;
 
 namespace {
 

@@ -8,6 +8,8 @@
 
 namespace google_breakpad {
 
+using symforge_internal::Arena;
+
 namespace {
 
 constexpr int kMaxErrorsPrinted = 10;

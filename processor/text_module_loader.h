@@ -19,9 +19,9 @@
 #include <string>
 
 #include "processor/basic_source_line_resolver_module.h"
-#include "processor/function_records.h"
+#include "processor/record_gatherers.h"
+#include "processor/string_storage.h"
 #include "processor/symbol_lines.h"
-#include "processor/text_store.h"
 
 namespace google_breakpad {
 
@@ -35,7 +35,7 @@ class TextModuleLoader {
 
   // `module` must outlive the loader, and the text the module if the strings stay in the text.
   explicit TextModuleLoader(Module* module, Readers readers = Readers::kQuickAndExact,
-                            TextStore::Place strings = TextStore::Place::kArena)
+                            StringStorage::Place strings = StringStorage::Place::kArena)
       : module_(*module),
         quick_(readers == Readers::kQuickAndExact),
         strings_(module_.arena_, strings) {}
@@ -66,7 +66,7 @@ class TextModuleLoader {
 
   Module& module_;
   const bool quick_;
-  TextStore strings_;
+  StringStorage strings_;
   char* end_ = nullptr;           // of the text; a NUL stands there
   char* next_newline_ = nullptr;  // the first line feed at or behind the last line asked about
   int line_number_ = 0;

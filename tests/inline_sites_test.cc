@@ -8,11 +8,14 @@
 #include <vector>
 
 #include "processor/contained_range_map.h"
-#include "symforge/src/InlineTree.h"
-#include "symforge/src/binary_annotations.h"
+#include "symforge/src/emit/inline_tree.h"
+#include "symforge/src/pdb/binary_annotations.h"
 #include "tests/pdb_text.h"
 
-namespace google_breakpad {
+namespace symforge_internal {
+
+using google_breakpad::ContainedRange;
+using google_breakpad::ContainedRangeMap;
 namespace {
 
 using builders::Annotations;
@@ -122,7 +125,7 @@ TEST(InlineSitesTest, SaysNothingWhenOneInlineeHasNoName) {
 
 // ---- The nesting
 
-// The walk over the map that RangeNesting stands for, as (base, high, position).
+// The walk over the map that NestedRangeSet stands for, as (base, high, position).
 using Visit = std::function<void(uint32_t base, uint32_t high, uint32_t position)>;
 void walk(const ContainedRange<uint32_t, uint32_t>& range, const Visit& visit) {
   if (range.Map() == nullptr) return;
@@ -134,7 +137,7 @@ void walk(const ContainedRange<uint32_t, uint32_t>& range, const Visit& visit) {
 
 TEST(RangeNestingTest, KeepsWhatAContainedRangeMapKeeps) {
   std::mt19937 random(20240229);
-  RangeNesting nesting;
+  NestedRangeSet nesting;
   for (int round = 0; round < 4000; ++round) {
     const uint32_t span = 2 + random() % (round % 3 == 0 ? 12 : 200);
     const uint32_t origin = round % 2 == 0 ? 0 : 0xFFFFFFFF - 2 * span;
@@ -169,4 +172,4 @@ TEST(InlineSitesTest, SurvivesNestingWithoutEnd) {
 }
 
 }  // namespace
-}  // namespace google_breakpad
+}  // namespace symforge_internal

@@ -133,9 +133,9 @@ TEST(PublicSymbolsTest, KeepsFunctionsThatNoModuleHas) {
 }
 
 // Where records stand is told by their file index.
-google_breakpad::FunctionRecord recordAt(uint32_t segment, uint32_t offset, uint32_t type,
-                                         uint32_t origin) {
-  google_breakpad::FunctionRecord record;
+symforge_internal::FunctionRecord recordAt(uint32_t segment, uint32_t offset, uint32_t type,
+                                           uint32_t origin) {
+  symforge_internal::FunctionRecord record;
   record.segment = segment;
   record.offset = offset;
   record.typeIndex = type;
@@ -143,7 +143,7 @@ google_breakpad::FunctionRecord recordAt(uint32_t segment, uint32_t offset, uint
   return record;
 }
 
-void expectSameOrder(const google_breakpad::Functions& a, const google_breakpad::Functions& b) {
+void expectSameOrder(const symforge_internal::Functions& a, const symforge_internal::Functions& b) {
   ASSERT_EQ(a.size(), b.size());
   for (size_t i = 0; i < a.size(); ++i)
     ASSERT_EQ(a[i].fileIndex, b[i].fileIndex) << i << " of " << a.size();
@@ -160,12 +160,12 @@ TEST(FunctionListTest, KeepsOneRecordAnAddress) {
       {{false, false, true}, 2},
   };
   for (const auto& [has_lines, kept] : cases) {
-    google_breakpad::Functions list;
+    symforge_internal::Functions list;
     for (uint32_t i = 0; i < has_lines.size(); ++i) {
       list.push_back(recordAt(1, 0, i, i));
       if (has_lines[i]) list[i].lines = {kLines, false};
     }
-    google_breakpad::dropDuplicates(list);
+    symforge_internal::dropDuplicates(list);
     for (const auto& f : list) EXPECT_EQ(f.dropped(), f.fileIndex != kept) << kept;
   }
 }
@@ -174,13 +174,13 @@ TEST(FunctionListTest, KeepsOneRecordAnAddress) {
 TEST(FunctionListTest, SortsLikeAPlainSortOfTheRecords) {
   std::mt19937 random(4);
   for (const uint32_t size : {0, 1, 2, 15, 17, 100, 5000}) {
-    google_breakpad::Functions list, plain;
+    symforge_internal::Functions list, plain;
     for (uint32_t i = 0; i < size; ++i) {
       const auto key = static_cast<uint32_t>(random());
       for (auto* functions : {&list, &plain})
         functions->push_back(recordAt(key % 3, key / 3 % 40, key / 120 % 2, i));
     }
-    google_breakpad::sortFunctions(list);
+    symforge_internal::sortFunctions(list);
     std::sort(plain.begin(), plain.end());
     expectSameOrder(list, plain);
   }
@@ -191,8 +191,8 @@ TEST(FunctionListTest, SortsLikeAPlainSortOfTheRecords) {
 TEST(FunctionListTest, MergesInTheOrderOfAHashTable) {
   constexpr uint32_t kSize = 600;
   std::mt19937 random(5);
-  google_breakpad::Functions list, plain;
-  google_breakpad::Globals globals;
+  symforge_internal::Functions list, plain;
+  symforge_internal::PublicFunctions globals;
   std::unordered_map<uint32_t, uint32_t> table;
   for (uint32_t i = 0; i < kSize; ++i) {
     for (auto* functions : {&list, &plain}) functions->push_back(recordAt(0, i / 2, 0, 1));
@@ -201,7 +201,7 @@ TEST(FunctionListTest, MergesInTheOrderOfAHashTable) {
     table.emplace(offset, i);
   }
   for (const auto& entry : table) plain.push_back(recordAt(0, entry.first, 0, 0));
-  google_breakpad::mergeGlobals(list, globals);
+  symforge_internal::mergeGlobals(list, globals);
   std::sort(plain.begin(), plain.end());
   expectSameOrder(list, plain);
 }

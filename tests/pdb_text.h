@@ -32,12 +32,12 @@ inline Conversion convertAlone(const std::string& bytes) {
   const MemoryFile file(bytes);
   Conversion result;
   try {
-    TextBuffer text;
-    google_breakpad::PDBParser parser(/*with_inlines=*/true);
+    symforge_internal::TextBuffer text;
+    symforge_internal::PDBParser parser(/*with_inlines=*/true);
     parser.load(file.path(), nullptr, nullptr, text);
     parser.printBreakpadSymbols(text, nullptr);
     result.text = text.view();
-  } catch (const google_breakpad::pdb_exception& e) {
+  } catch (const symforge_internal::pdb_exception& e) {
     result.failure = e.what();
   }
   return result;

@@ -1,6 +1,6 @@
 // A PE image's identity, and where its RVAs lie in the file.
 
-#include "symforge/src/pe_image.h"
+#include "symforge/src/pe/pe_image.h"
 
 #include <gtest/gtest.h>
 
@@ -10,7 +10,7 @@
 #include "builders/pe_builder.h"
 #include "tests/support/memory_file.h"
 
-namespace google_breakpad {
+namespace symforge_internal {
 namespace {
 
 using builders::Bytes;
@@ -95,4 +95,4 @@ TEST(PeImageTest, FindsAnRvaInTheFilesPartOfTheFirstSectionThatHoldsIt) {
 }
 
 }  // namespace
-}  // namespace google_breakpad
+}  // namespace symforge_internal

@@ -9,10 +9,10 @@
 #include <string>
 #include <vector>
 
-#include "common/little_endian.h"
+#include "base/little_endian.h"
 #include "tests/support/memory_file.h"
 
-namespace google_breakpad {
+namespace symforge_internal {
 namespace {
 
 constexpr uint32_t kPage = 16;
@@ -137,4 +137,4 @@ TEST_F(StreamReaderTest, RefusesAHugeReadAtOnce) {
 }
 
 }  // namespace
-}  // namespace google_breakpad
+}  // namespace symforge_internal

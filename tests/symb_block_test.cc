@@ -7,13 +7,16 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "base/text_buffer.h"
 #include "builders/bytes.h"
 #include "builders/guarded_block.h"
 #include "builders/symb_builder.h"
 #include "common/symb.h"
-#include "common/text_buffer.h"
+#include "common/symb_text.h"
 #include "tests/support/data.h"
 #include "tests/support/lines.h"
+
+using symforge_internal::TextBuffer;
 
 using namespace builders;
 using test_support::lines_without;

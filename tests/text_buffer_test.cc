@@ -1,4 +1,4 @@
-#include "common/text_buffer.h"
+#include "base/text_buffer.h"
 
 #include <gtest/gtest.h>
 
@@ -6,6 +6,9 @@
 #include <cstdio>
 
 #include <string>
+
+using symforge_internal::LineWriter;
+using symforge_internal::TextBuffer;
 
 namespace {
 

@@ -1,6 +1,6 @@
 // Type and id records: which of them a stream has, and their text.
 
-#include "symforge/src/TypeNames.h"
+#include "symforge/src/pdb/type_names.h"
 
 #include <gtest/gtest.h>
 
@@ -14,7 +14,7 @@
 #include "builders/msf_builder.h"
 #include "tests/support/memory_file.h"
 
-namespace google_breakpad {
+namespace symforge_internal {
 namespace {
 
 using builders::Bytes;
@@ -275,4 +275,4 @@ TEST(TypeTableTest, ReadsAcrossPageSeams) {
 }
 
 }  // namespace
-}  // namespace google_breakpad
+}  // namespace symforge_internal

@@ -1,6 +1,6 @@
 // Unwind data of x64 images as STACK CFI lines.
 
-#include "symforge/src/unwind_cfi.h"
+#include "symforge/src/pe/unwind_cfi.h"
 
 #include <gtest/gtest.h>
 
@@ -11,7 +11,7 @@
 #include "builders/pe_builder.h"
 #include "tests/support/memory_file.h"
 
-namespace google_breakpad {
+namespace symforge_internal {
 namespace {
 
 using namespace builders;
@@ -157,4 +157,4 @@ TEST(UnwindCfiTest, GivesUpWhereLinksAreLost) {
 }
 
 }  // namespace
-}  // namespace google_breakpad
+}  // namespace symforge_internal

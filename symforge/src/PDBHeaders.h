@@ -8,9 +8,9 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "common/little_endian.h"
+#include "base/little_endian.h"
 
-namespace google_breakpad {
+namespace symforge_internal {
 
 // A stream number that says "no such stream".
 constexpr uint16_t kNoStream = 0xFFFF;
@@ -178,4 +178,4 @@ struct FPO_DATA_V2 {
 };
 static_assert(sizeof(FPO_DATA_V2) == 32 && offsetof(FPO_DATA_V2, cbProlog) == 24);
 
-}  // namespace google_breakpad
+}  // namespace symforge_internal

@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <string_view>
 
-namespace google_breakpad {
+namespace symforge_internal {
 
 namespace {
 
@@ -106,7 +106,7 @@ void PDBParser::printBreakpadSymbols(TextBuffer& out, FileMod* fileMod) {
   loadTypeStream(IPIStream, typeinfomap, /*required=*/false);
   refuseTokenMap(*debugHeader);
 
-  Globals globals;
+  PublicFunctions globals;
   getGlobalFunctions(header->symRecordStream, sections, globals);
   Functions functions;
   for (const Module& module : modules) getModuleFunctions(module.info.data, functions);
@@ -144,4 +144,4 @@ void PDBParser::resolveModules(const Modules& modules, const UniqueSrcFiles& uni
   }
 }
 
-}  // namespace google_breakpad
+}  // namespace symforge_internal

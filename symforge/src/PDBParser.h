@@ -31,24 +31,24 @@
 #include <string_view>
 #include <vector>
 
-#include "common/text_buffer.h"
-#include "symforge/src/CodeView.h"
-#include "symforge/src/FrameData.h"
-#include "symforge/src/FunctionRecord.h"
-#include "symforge/src/Globals.h"
-#include "symforge/src/InlineTree.h"
-#include "symforge/src/InlineeLines.h"
-#include "symforge/src/NameStream.h"
+#include "base/text_buffer.h"
 #include "symforge/src/PDBHeaders.h"
-#include "symforge/src/SourceFiles.h"
 #include "symforge/src/StreamReader.h"
-#include "symforge/src/TypeNames.h"
-#include "symforge/src/TypeTable.h"
 #include "symforge/src/WinStructs.h"
-#include "symforge/src/binary_annotations.h"
-#include "symforge/src/function_list.h"
+#include "symforge/src/emit/function_list.h"
+#include "symforge/src/emit/function_record.h"
+#include "symforge/src/emit/inline_tree.h"
+#include "symforge/src/pdb/binary_annotations.h"
+#include "symforge/src/pdb/codeview.h"
+#include "symforge/src/pdb/frame_data.h"
+#include "symforge/src/pdb/inlinee_lines.h"
+#include "symforge/src/pdb/name_stream.h"
+#include "symforge/src/pdb/public_functions.h"
+#include "symforge/src/pdb/source_files.h"
+#include "symforge/src/pdb/type_names.h"
+#include "symforge/src/pdb/type_table.h"
 
-namespace google_breakpad {
+namespace symforge_internal {
 
 // The opening of an inline site, undecoded.
 struct InlineFunctionRecord {
@@ -177,7 +177,8 @@ class PDBParser {
   static bool updateParamSize(FunctionRecord& func, const PublicFunction* global);
   // Takes each function's size of parameters from the frame data of exactly its code, or else from
   // its public name, and marks the public functions that a function covers.
-  void settleParamSizes(Functions& functions, Globals& globals, const FrameTables& frames) const;
+  void settleParamSizes(Functions& functions, PublicFunctions& globals,
+                        const FrameTables& frames) const;
 
   // Module streams. A reader behind the signature of a module's stream; throws pdb_exception for
   // another signature.
@@ -193,7 +194,8 @@ class PDBParser {
                               uint32_t offset) const;
   FunctionRecord& readProcedure(StreamReader& reader, Functions& funcs) const;
   void readThunk(StreamReader& reader, Functions& funcs) const;
-  void getGlobalFunctions(uint16_t symRecStream, const SectionHeaders& headers, Globals& globals);
+  void getGlobalFunctions(uint16_t symRecStream, const SectionHeaders& headers,
+                          PublicFunctions& globals);
   void resolveFunctionLines(const DBIModuleInfo* module, Functions& funcs, FunctionIndex& index,
                             const UniqueSrcFiles& unique, const SrcFileIndex& fileIndex);
   void resolveInlineFunctions(const DBIModuleInfo* module, const UniqueSrcFiles& unique,
@@ -254,4 +256,4 @@ class PDBParser {
 // here.
 bool pdb_debug_id(const char* file, std::string& id);
 
-}  // namespace google_breakpad
+}  // namespace symforge_internal

@@ -9,7 +9,7 @@
 #include <cstring>
 #include <new>
 
-namespace google_breakpad {
+namespace symforge_internal {
 
 namespace {
 
@@ -145,4 +145,4 @@ uint32_t StreamReader::measureString() {
   return length;
 }
 
-}  // namespace google_breakpad
+}  // namespace symforge_internal

@@ -22,7 +22,7 @@
 #include <utility>
 #include <vector>
 
-namespace google_breakpad {
+namespace symforge_internal {
 
 // A file that cannot be converted. The text is what the user is shown.
 class pdb_exception : public std::runtime_error {
@@ -188,4 +188,4 @@ class StreamReader {
   uint32_t m_runStart = 0;
 };
 
-}  // namespace google_breakpad
+}  // namespace symforge_internal

@@ -6,10 +6,10 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "common/little_endian.h"
+#include "base/little_endian.h"
 #include "symforge/src/PDBHeaders.h"
 
-namespace google_breakpad {
+namespace symforge_internal {
 
 constexpr uint16_t IMAGE_DOS_SIGNATURE = 0x5A4D;
 constexpr uint16_t IMAGE_FILE_MACHINE_I386 = 0x14C;
@@ -129,4 +129,4 @@ struct CV_INFO_PDB70 {
 static_assert(sizeof(CV_INFO_PDB70) == 24);
 constexpr uint32_t kCvSignatureRSDS = 0x53445352;
 
-}  // namespace google_breakpad
+}  // namespace symforge_internal

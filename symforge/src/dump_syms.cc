@@ -7,8 +7,8 @@
 
 #include <cstdio>
 
-#include "symforge/src/batch.h"
-#include "symforge/src/symforge.h"
+#include "symforge/src/driver/batch.h"
+#include "symforge/src/driver/convert.h"
 #include "version.h"
 
 namespace {

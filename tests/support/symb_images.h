@@ -7,8 +7,9 @@
 #include <string>
 #include <string_view>
 
+#include "base/text_buffer.h"
 #include "common/symb.h"
-#include "common/text_buffer.h"
+#include "common/symb_text.h"
 
 namespace test_support {
 
@@ -27,7 +28,7 @@ inline bool is_valid(const std::string& image) {
 
 // The text of an image; none if it cannot be read.
 inline std::optional<std::string> text_of(std::string image) {
-  TextBuffer text;
+  symforge_internal::TextBuffer text;
   if (!symb_read(image.data(), image.size(), text)) return std::nullopt;
   return std::string(text.view());
 }

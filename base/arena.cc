@@ -1,0 +1,27 @@
+#include "base/arena.h"
+
+#include <algorithm>
+
+namespace symforge_internal {
+
+// Blocks double from 4 KiB up to the unit of huge pages, so that a small module stays small. What
+// takes a good part of the next block gets one of its own, and the one being filled stays in use.
+void* Arena::allocate_in_new_block(size_t bytes) {
+  constexpr size_t kFirst = 4 * 1024;
+  const size_t next = std::clamp(size_ * 2, kFirst, HugePageBlock::kUnit);
+  if (bytes > next / 4) {
+    small_blocks_.emplace_back(new char[bytes]);
+    return small_blocks_.back().get();
+  }
+  if (next == HugePageBlock::kUnit) {
+    block_ = page_blocks_.emplace_back(next).data();
+  } else {
+    small_blocks_.emplace_back(new char[next]);
+    block_ = small_blocks_.back().get();
+  }
+  size_ = next;
+  used_ = bytes;
+  return block_;
+}
+
+}  // namespace symforge_internal

@@ -1,0 +1,67 @@
+// NumberCursor: reads the fields of a line in its common shape, numbers of plain digits with single
+// blanks between them.
+//
+// Everything that is not of that shape (signs, "0x", runs of blanks, numbers long enough to reach a
+// limit) makes it stop with false, so that the exact parsers decide. The text must end with a byte
+// that is no digit; a NUL does.
+
+#pragma once
+
+#include <array>
+#include <cstdint>
+
+namespace symforge_internal {
+
+class NumberCursor {
+ public:
+  explicit NumberCursor(const char* at) : at_(at) {}
+  const char* at() const { return at_; }
+
+  // A hexadecimal number of at most 15 digits: far from the limits of all types that lines use.
+  bool hex(uint64_t* value) {
+    const char* const begin = at_;
+    uint64_t number = 0;
+    for (uint8_t digit = digit_of(*at_); digit < 16; digit = digit_of(*++at_)) {
+      number = number << 4 | digit;
+    }
+    *value = number;
+    return at_ != begin && at_ - begin <= 15;
+  }
+
+  // A decimal number of at most 18 digits.
+  bool decimal(long* value) {
+    const char* const begin = at_;
+    uint64_t number = 0;
+    for (; static_cast<unsigned char>(*at_ - '0') < 10; ++at_) {
+      number = number * 10 + static_cast<unsigned char>(*at_ - '0');
+    }
+    *value = static_cast<long>(number);
+    return at_ != begin && at_ - begin <= 18;
+  }
+
+  bool chr(char expected) {
+    if (*at_ != expected) return false;
+    ++at_;
+    return true;
+  }
+  bool blank() { return chr(' '); }
+
+ private:
+  static constexpr std::array<uint8_t, 256> make_digits() {
+    std::array<uint8_t, 256> digits{};
+    for (int c = 0; c < 256; ++c) digits[c] = 0xff;
+    for (int i = 0; i < 10; ++i) digits['0' + i] = static_cast<uint8_t>(i);
+    for (int i = 0; i < 6; ++i) {
+      digits['a' + i] = digits['A' + i] = static_cast<uint8_t>(10 + i);
+    }
+    return digits;
+  }
+  static uint8_t digit_of(char c) {
+    static constexpr std::array<uint8_t, 256> kDigits = make_digits();
+    return kDigits[static_cast<unsigned char>(c)];
+  }
+
+  const char* at_;
+};
+
+}  // namespace symforge_internal

@@ -1,0 +1,56 @@
+// OpenAddressingIndex: a hash table from 32-bit keys to positions in a vector of its user's, in one
+// block of memory: 8 bytes a slot, at most two thirds of them in use.
+
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+namespace symforge_internal {
+
+class OpenAddressingIndex {
+ public:
+  // The position stored under `key` plus 1; 0 when there is none.
+  uint32_t find(uint32_t key) const {
+    return m_slots.empty() ? 0 : m_slots[slotOf(m_slots, key)].place;
+  }
+
+  // The number under `key`, 0 in a new entry, to be set to the position plus 1 before the next
+  // call. Valid until then.
+  uint32_t& operator[](uint32_t key) {
+    if ((m_used + 1) * 3 > m_slots.size() * 2) grow();
+    Slot& slot = m_slots[slotOf(m_slots, key)];
+    if (slot.place == 0) {
+      slot.key = key;
+      ++m_used;
+    }
+    return slot.place;
+  }
+
+ private:
+  struct Slot {
+    uint32_t key = 0;
+    uint32_t place = 0;
+  };
+
+  // Where the key stands, or the free slot where it would.
+  static size_t slotOf(const std::vector<Slot>& slots, uint32_t key) {
+    const size_t mask = slots.size() - 1;
+    size_t at = (key * uint64_t{0x9E3779B97F4A7C15} >> 32) & mask;
+    while (slots[at].place != 0 && slots[at].key != key) at = (at + 1) & mask;
+    return at;
+  }
+
+  void grow() {
+    std::vector<Slot> larger(m_slots.empty() ? 64 : m_slots.size() * 2);
+    for (const Slot& slot : m_slots)
+      if (slot.place != 0) larger[slotOf(larger, slot.key)] = slot;
+    m_slots.swap(larger);
+  }
+
+  std::vector<Slot> m_slots;  // a power of two of them
+  size_t m_used = 0;
+};
+
+}  // namespace symforge_internal

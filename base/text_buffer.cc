@@ -1,0 +1,64 @@
+#include "base/text_buffer.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <new>
+#include <utility>
+
+namespace symforge_internal {
+
+TextBuffer::~TextBuffer() {
+  if (pages_.data() == nullptr) std::free(data_);
+}
+
+TextBuffer::TextBuffer(TextBuffer&& other) noexcept
+    : data_(std::exchange(other.data_, nullptr)),
+      size_(std::exchange(other.size_, 0)),
+      capacity_(std::exchange(other.capacity_, 0)),
+      pages_(std::move(other.pages_)) {}
+
+TextBuffer& TextBuffer::operator=(TextBuffer&& other) noexcept {
+  std::swap(data_, other.data_);
+  std::swap(size_, other.size_);
+  std::swap(capacity_, other.capacity_);
+  std::swap(pages_, other.pages_);
+  return *this;
+}
+
+const char* TextBuffer::c_str() { return data(); }
+
+char* TextBuffer::data() {
+  *prepare(1) = '\0';
+  return data_;
+}
+
+void TextBuffer::grow(size_t bytes) {
+  constexpr size_t kFirstBlock = 64 * 1024;
+  constexpr size_t kLargeBlock = HugePageBlock::kUnit;
+  if (bytes > SIZE_MAX / 2 - size_) throw std::bad_alloc();
+  const size_t usual = capacity_ == 0 ? kFirstBlock : capacity_ + capacity_ / 2;
+  const size_t capacity = std::max(usual, size_ + bytes);
+  if (capacity < kLargeBlock) {
+    char* data = static_cast<char*>(std::realloc(data_, capacity));
+    if (data == nullptr) throw std::bad_alloc();
+    data_ = data;
+    capacity_ = capacity;
+  } else {
+    grow_pages((capacity + HugePageBlock::kUnit - 1) / HugePageBlock::kUnit * HugePageBlock::kUnit);
+  }
+}
+
+void TextBuffer::grow_pages(size_t capacity) {
+  if (pages_.data() == nullptr) {
+    HugePageBlock pages(capacity);
+    if (size_ != 0) std::memcpy(pages.data(), data_, size_);
+    std::free(data_);
+    pages_ = std::move(pages);
+  } else {
+    pages_.enlarge(capacity);
+  }
+  data_ = pages_.data();
+  capacity_ = capacity;
+}
+
+}  // namespace symforge_internal

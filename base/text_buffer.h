@@ -1,0 +1,155 @@
+// TextBuffer: the growing character buffer in which a symbol file's text is made.
+//
+// One conversion fills one buffer; the text is handed on as a view and is never copied. A large
+// text lies on pages that move instead of being copied when it grows, so that the peak of memory is
+// the text itself.
+//
+// Writers of lines reserve once for a whole line and then append without growing:
+//
+//   LineWriter line(text, name.size() + 40);
+//   line.str("FUNC ").hex(segment).chr(':').hex(offset).chr(' ').str(name).chr('\n');
+//
+// (the LineWriter commits what was written when it is destroyed).
+
+#pragma once
+
+#include <cassert>
+#include <charconv>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <string_view>
+
+#include "base/huge_page_block.h"
+
+namespace symforge_internal {
+
+class TextBuffer {
+ public:
+  TextBuffer() = default;
+  ~TextBuffer();
+  TextBuffer(TextBuffer&& other) noexcept;
+  TextBuffer& operator=(TextBuffer&& other) noexcept;
+  TextBuffer(const TextBuffer&) = delete;
+  TextBuffer& operator=(const TextBuffer&) = delete;
+
+  // The text so far. The byte behind it is NUL whenever the text was reached through c_str();
+  // view() alone does not place it.
+  std::string_view view() const { return {data_, size_}; }
+  size_t size() const { return size_; }
+  bool empty() const { return size_ == 0; }
+
+  // The text as a NUL-terminated string. Valid until the next append.
+  const char* c_str();
+
+  // The text as a writable, NUL-terminated block of size() bytes and the terminator; valid until
+  // the next append. For parsers that split their input in place.
+  char* data();
+
+  void append(std::string_view text) {
+    char* to = prepare(text.size());
+    if (!text.empty()) std::memcpy(to, text.data(), text.size());
+    size_ += text.size();
+  }
+
+  // Cuts the text back to `size` bytes, which must not be more than there are.
+  void truncate(size_t size) {
+    assert(size <= size_);
+    size_ = size;
+  }
+
+  // Room for `bytes` more, without making them part of the text. The pointer is valid until the
+  // next call that grows the buffer. Throws std::bad_alloc.
+  char* prepare(size_t bytes) {
+    if (capacity_ - size_ < bytes) grow(bytes);
+    return data_ + size_;
+  }
+
+  // Makes the first `bytes` bytes behind the text, written through prepare(), part of it.
+  void commit(size_t bytes) {
+    assert(bytes <= capacity_ - size_);
+    size_ += bytes;
+  }
+
+ private:
+  void grow(size_t bytes);
+  void grow_pages(size_t capacity);
+
+  char* data_ = nullptr;  // from malloc, or the data of `pages_` once that is in use
+  size_t size_ = 0;
+  size_t capacity_ = 0;
+  HugePageBlock pages_;
+};
+
+// Writes a number in lower-case hexadecimal without padding and returns the end of it. Eight bytes
+// are written whatever the number; those behind the end are zeros, to be written over.
+//
+// All digits are made at once: the nibbles are spread over the bytes of a word, each in a byte's
+// low half, and those above 9 moved on to the letters. Addresses are half of what a symbol file is
+// made of; this takes a third of the time of std::to_chars.
+inline char* put_hex(char* at, uint32_t number) {
+  uint64_t word = number;
+  word = (word | word << 16) & 0x0000FFFF0000FFFF;
+  word = (word | word << 8) & 0x00FF00FF00FF00FF;
+  word = (word | word << 4) & 0x0F0F0F0F0F0F0F0F;
+  const uint64_t letters = (word + 0x0606060606060606) >> 4 & 0x0101010101010101;
+  word = __builtin_bswap64(word + 0x3030303030303030 + letters * ('a' - '0' - 10));
+  const unsigned digits = (35 - static_cast<unsigned>(__builtin_clz(number | 1))) / 4;
+  word >>= 64 - 8 * digits;
+  std::memcpy(at, &word, sizeof(word));
+  return at + digits;
+}
+
+// Writes one line, or one short record, into a TextBuffer. `room` is an upper bound of the bytes
+// that will be written: a number takes at most 20, so callers count 20 a number and the length of
+// each text. Every write asserts that it stays inside, so a wrong bound shows in the first test.
+class LineWriter {
+ public:
+  LineWriter(TextBuffer& text, size_t room)
+      : text_(text), begin_(text.prepare(room)), at_(begin_), end_(begin_ + room) {}
+  ~LineWriter() { text_.commit(static_cast<size_t>(at_ - begin_)); }
+  LineWriter(const LineWriter&) = delete;
+  LineWriter& operator=(const LineWriter&) = delete;
+
+  LineWriter& chr(char c) {
+    assert(at_ < end_);
+    *at_++ = c;
+    return *this;
+  }
+  LineWriter& str(std::string_view text) {
+    assert(text.size() <= static_cast<size_t>(end_ - at_));
+    if (!text.empty()) std::memcpy(at_, text.data(), text.size());
+    at_ += text.size();
+    return *this;
+  }
+  // Lower-case hexadecimal without prefix or padding.
+  LineWriter& hex(uint64_t number) {
+    if (number > UINT32_MAX || end_ - at_ < 8) return number_in_base(number, 16);
+    at_ = put_hex(at_, static_cast<uint32_t>(number));
+    return *this;
+  }
+  LineWriter& dec(uint64_t number) {
+    if (number > UINT32_MAX) return number_in_base(number, 10);
+    return number_in_base(static_cast<uint32_t>(number), 10);
+  }
+  LineWriter& dec_signed(int64_t number) {
+    if (number < 0) return number_in_base(number, 10);
+    return dec(static_cast<uint64_t>(number));
+  }
+
+ private:
+  template <typename Number>
+  LineWriter& number_in_base(Number number, int base) {
+    const std::to_chars_result result = std::to_chars(at_, end_, number, base);
+    assert(result.ec == std::errc());
+    at_ = result.ptr;
+    return *this;
+  }
+
+  TextBuffer& text_;
+  char* begin_;
+  char* at_;
+  char* end_;
+};
+
+}  // namespace symforge_internal

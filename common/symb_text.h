@@ -1,0 +1,19 @@
+// Conversions between SYMB and the text of a symbol file in a TextBuffer: symb_read() and
+// symb_write() of symb.h without a copy of the text. Internal to the project.
+
+#pragma once
+
+#include <cstddef>
+
+#include "base/text_buffer.h"
+
+namespace symforge_internal {
+
+// symb_write() that takes ownership of the text and parses it in place. The text ends at its first
+// NUL, if there is one.
+bool symb_write(TextBuffer symbol_data, char** out_buffer, size_t* out_buffer_size);
+
+// symb_read() that appends to `out`. On false, `out` is unchanged.
+bool symb_read(char* in_buffer, size_t in_buffer_size, TextBuffer& out);
+
+}  // namespace symforge_internal

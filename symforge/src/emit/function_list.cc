@@ -1,0 +1,121 @@
+#include "symforge/src/emit/function_list.h"
+
+#include <algorithm>
+#include <unordered_map>
+#include <utility>
+
+namespace symforge_internal {
+
+namespace {
+
+constexpr uint64_t startOf(uint32_t segment, uint32_t offset) {
+  return uint64_t{segment} << 32 | offset;
+}
+
+// What a record is sorted by, and where it stood. std::sort makes its moves by the results of
+// comparisons alone, so sorting these, a fifth of a record's size, brings equal keys into the same
+// order as sorting the records would.
+struct SortKey {
+  uint64_t start;
+  uint32_t typeIndex;
+  uint32_t position;
+
+  bool operator<(const SortKey& other) const {
+    return start != other.start ? start < other.start : typeIndex < other.typeIndex;
+  }
+};
+
+// Moves each record to its place, following the cycles of the permutation: every record is moved
+// once, and there is no second list.
+void permute(Functions& functions, std::vector<SortKey>& order) {
+  for (uint32_t start = 0; start < order.size(); ++start) {
+    if (order[start].position == start) continue;
+    FunctionRecord displaced = std::move(functions[start]);
+    uint32_t to = start;
+    for (;;) {
+      const uint32_t from = std::exchange(order[to].position, to);
+      if (from == start) break;
+      functions[to] = std::move(functions[from]);
+      to = from;
+    }
+    functions[to] = std::move(displaced);
+  }
+}
+
+// Public functions join the list in the order of a hash table. That order shows only where the two
+// sorts leave a choice, between two records with equal keys; public functions have distinct
+// offsets, and a function at the same place covers them unless it has no section.
+bool orderShows(const Functions& functions, const std::vector<PublicFunction>& symbols) {
+  const auto lacksSection = [](const auto& record) { return record.segment == 0; };
+  return std::any_of(functions.begin(), functions.end(), lacksSection) &&
+         std::any_of(symbols.begin(), symbols.end(), lacksSection);
+}
+
+// Positions by offset. What counts is the table's order of iteration, which follows from the order
+// of the insertions.
+std::unordered_map<uint32_t, uint32_t> hashOrder(const std::vector<PublicFunction>& symbols) {
+  std::unordered_map<uint32_t, uint32_t> order;
+  for (const PublicFunction& symbol : symbols)
+    order.emplace(symbol.offset, static_cast<uint32_t>(order.size()));
+  return order;
+}
+
+}  // namespace
+
+void sortFunctions(Functions& functions) {
+  std::vector<SortKey> order;
+  order.reserve(functions.size());
+  for (const FunctionRecord& f : functions)
+    order.push_back(
+        {startOf(f.segment, f.offset), f.typeIndex, static_cast<uint32_t>(order.size())});
+  std::sort(order.begin(), order.end());
+  permute(functions, order);
+}
+
+void dropDuplicates(Functions& functions) {
+  if (functions.empty()) return;
+  FunctionRecord* kept = &functions.front();
+  for (size_t i = 1; i < functions.size(); ++i) {
+    FunctionRecord& next = functions[i];
+    const bool sameStart = kept->segment == next.segment && kept->offset == next.offset;
+    if (sameStart && (kept->lines.data != nullptr || next.lines.data == nullptr)) {
+      next.segment = FunctionRecord::kDropped;
+      continue;
+    }
+    if (sameStart) kept->segment = FunctionRecord::kDropped;
+    kept = &next;
+  }
+}
+
+void mergeGlobals(Functions& functions, PublicFunctions& globals) {
+  std::vector<PublicFunction>& symbols = globals.symbols();
+  const auto append = [&](PublicFunction& symbol) {
+    if (symbol.covered) return;
+    FunctionRecord& func = functions.emplace_back();
+    func.name = std::move(symbol.name);
+    func.segment = symbol.segment;
+    func.offset = symbol.offset;
+  };
+  if (orderShows(functions, symbols)) {
+    for (const auto& entry : hashOrder(symbols)) append(symbols[entry.second]);
+  } else {
+    for (PublicFunction& symbol : symbols) append(symbol);
+  }
+  sortFunctions(functions);
+}
+
+FunctionIndex::FunctionIndex(const Functions& functions) {
+  m_starts.reserve(functions.size());
+  for (const FunctionRecord& f : functions) m_starts.push_back(startOf(f.segment, f.offset));
+}
+
+size_t FunctionIndex::lowerBound(uint32_t segment, uint32_t offset) {
+  const uint64_t start = startOf(segment, offset);
+  const size_t next = m_last + 1;
+  if (next < m_starts.size() && m_starts[m_last] < start && start <= m_starts[next])
+    return m_last = next;
+  const auto found = std::lower_bound(m_starts.begin(), m_starts.end() - 1, start);
+  return m_last = static_cast<size_t>(found - m_starts.begin());
+}
+
+}  // namespace symforge_internal

@@ -1,0 +1,40 @@
+// The list of all functions: its order, records at one address, public functions that join it.
+
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "symforge/src/emit/function_record.h"
+#include "symforge/src/pdb/public_functions.h"
+
+namespace symforge_internal {
+
+// Sorts by FunctionRecord::operator<. Records with equal keys come out in the order in which
+// std::sort leaves this sequence; that order shows in the output.
+void sortFunctions(Functions& functions);
+
+// Drops all but one of the records at each address of a sorted list: the first with lines stays, or
+// else the first.
+void dropDuplicates(Functions& functions);
+
+// Appends the public functions that no function covers, and sorts the list again. The names move
+// out of `globals`.
+void mergeGlobals(Functions& functions, PublicFunctions& globals);
+
+// Finds functions by their start. The list that it was made of must be sorted, not empty when it is
+// asked, and its records must keep section and offset.
+class FunctionIndex {
+ public:
+  explicit FunctionIndex(const Functions& functions);
+
+  // Position of the first function at or behind an address, or of the last function of all.
+  size_t lowerBound(uint32_t segment, uint32_t offset);
+
+ private:
+  std::vector<uint64_t> m_starts;  // segment above offset
+  size_t m_last = 0;               // the answer before: blocks of lines mostly come in order
+};
+
+}  // namespace symforge_internal

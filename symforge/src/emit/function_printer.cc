@@ -1,0 +1,140 @@
+// FUNC, line and PUBLIC records. The line records of a function take their section from the FUNC
+// line above them, so the order of everything here matters.
+
+#include <charconv>
+#include <cstring>
+#include <iterator>
+#include <string>
+#include <string_view>
+
+#include "symforge/src/PDBParser.h"
+
+namespace symforge_internal {
+
+namespace {
+
+// Four numbers of eight digits and what stands around them.
+constexpr size_t kRecordRoom = 64;
+// " file\n", which ends every line of a block, with some room for copying all of it at once.
+constexpr size_t kEndingRoom = 16;
+// "address size line file\n" with numbers of 8, 8 and 8 digits and such an end.
+constexpr size_t kLineRoom = 8 + 1 + 8 + 1 + 8 + kEndingRoom;
+constexpr uint32_t kLineNumberMask = 0x00FFFFFF;
+
+void eraseFromTheEnd(std::string& text, std::string_view part) {
+  for (size_t at = text.rfind(part); at != std::string::npos; at = text.rfind(part))
+    text.erase(at, part.size());
+}
+
+// Whether there is anything to take out: most names have nothing, and one quick scan tells.
+bool needsCleaning(std::string_view name) {
+  const char* at = name.data();
+  const char* const end = at + name.size();
+  while ((at = static_cast<const char*>(memmem(at, static_cast<size_t>(end - at), "__", 2)))) {
+    const std::string_view rest(at, static_cast<size_t>(end - at));
+    if (rest.starts_with("__ptr64") || rest.starts_with("__cdecl")) return true;
+    ++at;
+  }
+  return false;
+}
+
+// The name without what only the Windows compiler says. The blank behind "__cdecl" stays.
+std::string_view cleanName(std::string_view name, std::string& storage) {
+  if (!needsCleaning(name)) return name;
+  storage = name;
+  eraseFromTheEnd(storage, " __ptr64");
+  eraseFromTheEnd(storage, "__cdecl");
+  return storage;
+}
+
+void printFunction(const FunctionRecord& func, std::string_view name, std::string_view parameters,
+                   TextBuffer& out) {
+  LineWriter line(out, kRecordRoom + name.size() + parameters.size());
+  line.str("FUNC ").hex(func.segment).chr(':').hex(func.offset).chr(' ').hex(func.length);
+  line.chr(' ').hex(func.paramSize).chr(' ').str(name).str(parameters).chr('\n');
+}
+
+void printPublic(const FunctionRecord& func, TextBuffer& out) {
+  const std::string_view name = func.name.data;
+  LineWriter line(out, kRecordRoom + name.size());
+  line.str("PUBLIC ").hex(func.offset).chr(' ').hex(func.paramSize).chr(' ').str(name).chr('\n');
+}
+
+// By how many bytes a block of lines is moved down: when its last line begins behind the function's
+// end, by the distance, rounded up to a multiple of 16.
+uint32_t adjustment(uint32_t lastOffset, uint32_t length) {
+  if (lastOffset <= length) return 0;
+  return (lastOffset - length + 15) & ~uint32_t{15};
+}
+
+}  // namespace
+
+// Sizes are the distances to the next line; unsorted lines give large ones.
+void PDBParser::printLines(const FunctionRecord& func, TextBuffer& out) const {
+  const uint32_t count = func.lineCount & ~FunctionRecord::kHasLines;
+  if (count == 0) return;
+  const CV_Line* lines = func.lines.data;
+  const uint32_t adjust = adjustment(lines[count - 1].offset, func.length);
+  const uint32_t end = adjust + func.length;
+  const uint32_t base = func.segment == 0 ? 0 : sectionBase(func.segment);
+  const uint32_t start = base + func.pre_omap_offset - adjust;
+  const bool mapped = func.segment != 0 && !omap_from.empty();
+
+  char ending[kEndingRoom] = {' '};
+  char* const endingEnd = std::to_chars(ending + 1, std::end(ending), func.fileIndex).ptr;
+  *endingEnd = '\n';
+  const ptrdiff_t endingSize = endingEnd + 1 - ending;
+
+  // Most of a symbol file is written by this loop, so it keeps its place in a register.
+  char* const begin = out.prepare(kLineRoom * count);
+  char* at = begin;
+  for (uint32_t i = 0; i < count; ++i) {
+    const uint32_t offset = lines[i].offset;
+    const uint32_t next = i + 1 == count ? end : uint32_t{lines[i + 1].offset};
+    const uint32_t rva = start + offset;
+    at = put_hex(at, mapped ? throughOmap(rva) : rva);
+    *at++ = ' ';
+    at = put_hex(at, next - offset);
+    *at++ = ' ';
+    at = std::to_chars(at, at + 8, lines[i].flags & kLineNumberMask).ptr;
+    std::memcpy(at, ending, sizeof(ending));
+    at += endingSize;
+  }
+  out.commit(static_cast<size_t>(at - begin));
+}
+
+void PDBParser::printTypedFunction(const FunctionRecord& func, std::string& name,
+                                   std::string& parameters, TextBuffer& out) {
+  parameters.clear();
+  stringizeType(func.typeIndex, parameters, IsTopLevel, false);
+  printFunction(func, cleanName(func.name.data, name), parameters, out);
+  if (func.hasLines()) printLines(func, out);
+}
+
+// Functions without a type print as they stand: no clean-up, no parameters, no lines.
+void PDBParser::printFunctions(const Functions& funcs, TextBuffer& out) {
+  // Names, lines and types lie all over the mapping: they are asked for a few functions ahead.
+  constexpr size_t kAhead = 8;
+  std::string name;
+  std::string parameters;
+  for (size_t i = 0; i < funcs.size(); ++i) {
+    if (i + 2 * kAhead < funcs.size()) typemap.prefetchIndex(funcs[i + 2 * kAhead].typeIndex);
+    if (i + kAhead < funcs.size()) {
+      typemap.prefetchRecord(funcs[i + kAhead].typeIndex);
+      __builtin_prefetch(funcs[i + kAhead].name.data);
+      __builtin_prefetch(funcs[i + kAhead].name.data + 64);
+      __builtin_prefetch(funcs[i + kAhead].lines.data);
+    }
+    const FunctionRecord& func = funcs[i];
+    if (func.dropped()) continue;
+    if (func.typeIndex != 0)
+      printTypedFunction(func, name, parameters, out);
+    else if (func.length != 0)
+      printFunction(func, func.name.data, {}, out);
+    else
+      printPublic(func, out);
+    if (do_inline) dumpInlineFunctionMap(func, out);
+  }
+}
+
+}  // namespace symforge_internal

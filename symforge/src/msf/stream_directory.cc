@@ -1,0 +1,142 @@
+#include "symforge/src/msf/stream_directory.h"
+
+#include <cassert>
+#include <cstdio>
+#include <cstring>
+
+#include "symforge/src/PDBHeaders.h"
+
+namespace symforge_internal {
+
+namespace {
+
+constexpr uint32_t kWord = sizeof(uint32_t);
+// The size of a deleted stream: it has no bytes and no pages.
+constexpr uint32_t kDeletedStream = 0xFFFFFFFF;
+
+uint32_t dividedUp(uint32_t number, uint32_t by) { return number / by + (number % by != 0); }
+
+class DirectoryReader {
+ public:
+  DirectoryReader(const MsfFile& file, uint32_t directorySize)
+      : m_file(file),
+        m_items(file.pageSize / kWord),
+        m_indexPages(dividedUp(dividedUp(directorySize, file.pageSize) * kWord, file.pageSize)) {}
+
+  bool read(std::vector<StreamPair>& streams) {
+    return checkIndexPages() && openDirectory() && readSizes(streams) && readPages(streams);
+  }
+
+ private:
+  bool checkIndexPages() const;
+  bool openDirectory();
+  bool readSizes(std::vector<StreamPair>& streams);
+  bool readPages(std::vector<StreamPair>& streams);
+
+  bool wordAt(uint64_t position, uint32_t& word) const;
+  bool indexPage(uint32_t number, uint32_t& page) const;
+  bool directoryPage(uint32_t number, uint32_t& page) const;
+  bool take(uint32_t& word) { return wordAt(m_start + uint64_t{kWord} * m_position++, word); }
+  // The page is at its end. Tested for equality: pages of one word never get there, and are read on
+  // in what follows them.
+  bool atPageEnd() const { return m_position == m_items; }
+  bool nextPage(uint32_t& page);
+
+  const MsfFile& m_file;
+  const uint32_t m_items;       // words in a page
+  const uint32_t m_indexPages;  // number of them
+  uint32_t m_streamCount = 0;
+  uint32_t m_page = 0;      // which of the directory's pages is read
+  uint64_t m_start = 0;     // its place in the file
+  uint32_t m_position = 0;  // words behind its start
+};
+
+// A word that begins in the file, and may end in the zeros behind it.
+bool DirectoryReader::wordAt(uint64_t position, uint32_t& word) const {
+  if (position >= m_file.length) return false;
+  le_uint32 bytes;
+  std::memcpy(&bytes, m_file.base + position, sizeof(bytes));
+  word = bytes;
+  return true;
+}
+
+bool DirectoryReader::indexPage(uint32_t number, uint32_t& page) const {
+  return wordAt(sizeof(PDBHeader) + uint64_t{kWord} * number, page);
+}
+
+// The number in the file of the directory's page `number`. The index pages are taken whole: what
+// they hold behind the last page that the directory's size needs can be asked for as well.
+bool DirectoryReader::directoryPage(uint32_t number, uint32_t& page) const {
+  assert(number < uint64_t{m_indexPages} * m_items);
+  uint32_t index;
+  if (!indexPage(number / m_items, index)) return false;
+  const uint64_t start = uint64_t{index} * m_file.pageSize;
+  return wordAt(start + uint64_t{kWord} * (number % m_items), page);
+}
+
+bool DirectoryReader::checkIndexPages() const {
+  for (uint32_t i = 0; i < m_indexPages; ++i) {
+    uint32_t page;
+    if (!indexPage(i, page)) return false;
+    const size_t start = size_t{page} * m_file.pageSize;
+    if (start < m_file.length) continue;
+    std::fprintf(stderr, "[%u] Root index: %u * %u: %zu >= %zu\n", i, page, m_file.pageSize, start,
+                 m_file.length);
+    return false;
+  }
+  return true;
+}
+
+bool DirectoryReader::openDirectory() {
+  uint32_t page;
+  if (!directoryPage(0, page)) return false;
+  m_start = uint64_t{page} * m_file.pageSize;
+  return take(m_streamCount) && uint64_t{m_streamCount} * kWord < m_file.length;
+}
+
+bool DirectoryReader::nextPage(uint32_t& page) {
+  m_position = 0;
+  return directoryPage(++m_page, page);
+}
+
+bool DirectoryReader::readSizes(std::vector<StreamPair>& streams) {
+  streams.reserve(m_streamCount);
+  for (uint32_t i = 0; i < m_streamCount; ++i) {
+    uint32_t size;
+    if (!take(size)) return false;
+    streams.emplace_back(size == kDeletedStream ? 0 : size);
+    if (!atPageEnd()) continue;
+    uint32_t page;
+    if (!nextPage(page)) return false;
+    m_start = uint64_t{page} * m_file.pageSize;
+  }
+  return true;
+}
+
+bool DirectoryReader::readPages(std::vector<StreamPair>& streams) {
+  for (StreamPair& stream : streams) {
+    const uint32_t count = dividedUp(stream.size, m_file.pageSize);
+    // The list grows with the words that are there; the size alone may be a damaged number.
+    const size_t left = m_file.length / kWord;
+    stream.pageIndices.reserve(count < left ? count : left);
+    for (uint32_t i = 0; i < count; ++i) {
+      uint32_t number;
+      if (!take(number)) return false;
+      stream.pageIndices.push_back(number);
+      if (!atPageEnd()) continue;
+      uint32_t page;
+      if (!nextPage(page)) return false;
+      m_start = m_file.pageSize * page;  // positions wrap at 4 GiB from here on
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+bool readStreamDirectory(const MsfFile& file, uint32_t directorySize,
+                         std::vector<StreamPair>& streams) {
+  return DirectoryReader(file, directorySize).read(streams);
+}
+
+}  // namespace symforge_internal

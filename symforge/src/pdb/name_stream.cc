@@ -1,0 +1,114 @@
+// The global string table: one piece of memory, and a bit for each offset that a bucket names.
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdio>
+#include <cstring>
+
+#include "symforge/src/PDBParser.h"
+#include "symforge/src/pdb/name_stream.h"
+
+namespace symforge_internal {
+
+namespace {
+
+constexpr uint32_t kNamesSignature = 0xEFFEEFFE;
+constexpr uint32_t kNamesVersion = 1;
+constexpr uint32_t kStringArea = sizeof(NameStreamHeader);
+constexpr int64_t kWord = sizeof(le_uint32);
+
+[[noreturn]] void refuse() { throw pdb_exception("Invalid name stream"); }
+
+// The page begins in the file and ends in what may be read behind it.
+bool isReadable(uint64_t page, const MsfFile& file) {
+  const uint64_t start = page * file.pageSize;
+  return start < file.length && start + file.pageSize <= file.length + MMapWrapper::kGuardBytes;
+}
+
+bool isContiguous(const std::vector<uint32_t>& pages) {
+  for (size_t i = 1; i < pages.size(); ++i)
+    if (pages[i] != pages[0] + i) return false;
+  return true;
+}
+
+}  // namespace
+
+void NameStream::load(const StreamPair& stream, const MsfFile& file) {
+  gather(stream, file);
+  if (wordAt(offsetof(NameStreamHeader, sig)) != kNamesSignature ||
+      wordAt(offsetof(NameStreamHeader, version)) != kNamesVersion)
+    refuse();
+  const int32_t area = static_cast<int32_t>(wordAt(offsetof(NameStreamHeader, offset)));
+  index(int64_t{kStringArea} + area);
+}
+
+// Makes the stream one piece of memory: its place in the mapping when its pages follow each other
+// there, else a copy. A stream without pages fails the range check.
+void NameStream::gather(const StreamPair& stream, const MsfFile& file) {
+  const std::vector<uint32_t>& pages = stream.pageIndices;
+  const uint64_t pageSize = file.pageSize;
+  const size_t last = pages.size() - 1;
+  const uint64_t lastPage = pages[last];
+  const uint64_t lastBytes = std::min(stream.size - last * pageSize, pageSize);
+  for (const uint32_t page : pages)
+    if (!isReadable(page, file)) refuse();
+  m_size = stream.size;
+  if (isContiguous(pages)) {
+    m_bytes = reinterpret_cast<const char*>(file.base + pages[0] * pageSize);
+    return;
+  }
+  m_copy.reset(new char[m_size]);
+  for (size_t i = 0; i < last; ++i)
+    std::memcpy(m_copy.get() + i * pageSize, file.base + pages[i] * pageSize, pageSize);
+  std::memcpy(m_copy.get() + last * pageSize, file.base + lastPage * pageSize, lastBytes);
+  m_bytes = m_copy.get();
+}
+
+uint32_t NameStream::wordAt(int64_t offset) const {
+  if (offset < 0 || offset + kWord > int64_t{m_size}) refuse();
+  le_uint32 word;
+  std::memcpy(&word, m_bytes + offset, sizeof(word));
+  return word;
+}
+
+// Notes which offsets have a name. `buckets`: stream offset of the bucket count.
+void NameStream::index(int64_t buckets) {
+  const uint32_t count = wordAt(buckets);
+  if (count == 0) return;
+  wordAt(buckets + kWord * count);  // the last one: they all lie in the stream
+  m_named.resize(m_size);
+  for (uint32_t i = 0; i < count; ++i) {
+    const uint32_t offset = wordAt(buckets + kWord + kWord * i);
+    if (offset == 0) continue;
+    if (offset < m_size)
+      m_named[offset] = true;
+    else
+      m_namedBeyond.insert(offset);
+  }
+}
+
+bool NameStream::find(uint32_t offset, std::string_view& name) const {
+  if (offset >= m_named.size()) {
+    if (m_namedBeyond.count(offset) != 0) refuse();
+    return false;
+  }
+  if (!m_named[offset]) return false;
+  const uint64_t start = uint64_t{kStringArea} + offset;
+  if (start >= m_size) refuse();
+  const char* text = m_bytes + start;
+  const void* nul = std::memchr(text, '\0', m_size - start);
+  if (nul == nullptr) refuse();
+  name = std::string_view(text, static_cast<size_t>(static_cast<const char*>(nul) - text));
+  return true;
+}
+
+void PDBParser::loadNameStream(NameStream& names) {
+  const auto stream = m_nameIndices.find("/NAMES");
+  if (stream == m_nameIndices.end()) {
+    std::fprintf(stderr, "Warning: Could not find /NAMES stream: %s\n", m_pdb_file.c_str());
+    return;
+  }
+  names.load(getStream(static_cast<size_t>(stream->second)), m_file);
+}
+
+}  // namespace symforge_internal

@@ -1,0 +1,44 @@
+// NameStream: the global string table of a PDB, its stream named /NAMES.
+//
+// The stream is a 12-byte header (signature, version, size of the string area), the string area,
+// a bucket count and the buckets, a uint32 each. Each bucket is the offset in the string area of
+// one NUL-terminated string, or 0 when it is free. A name exists only when a bucket holds its
+// offset.
+
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string_view>
+#include <unordered_set>
+#include <vector>
+
+#include "symforge/src/StreamReader.h"
+
+namespace symforge_internal {
+
+// Names by their offset in the string area. An empty NameStream is valid: no name can be found. Its
+// views are valid as long as it and the mapping are.
+class NameStream {
+ public:
+  // Reads the whole stream. Throws pdb_exception for a bad header and for buckets or pages that lie
+  // outside of the stream or the file. To be called once.
+  void load(const StreamPair& stream, const MsfFile& file);
+
+  // The name at `offset`. False when there is none. Throws pdb_exception when a bucket names the
+  // offset but the bytes there are not a string of the stream.
+  bool find(uint32_t offset, std::string_view& name) const;
+
+ private:
+  void gather(const StreamPair& stream, const MsfFile& file);
+  uint32_t wordAt(int64_t offset) const;
+  void index(int64_t buckets);
+
+  const char* m_bytes = nullptr;  // the whole stream: in the mapping, or m_copy
+  uint32_t m_size = 0;            // bytes
+  std::unique_ptr<char[]> m_copy;
+  std::vector<bool> m_named;                   // by offset: whether a bucket holds it
+  std::unordered_set<uint32_t> m_namedBeyond;  // offsets in buckets that no string can have
+};
+
+}  // namespace symforge_internal

@@ -1,0 +1,240 @@
+#include "symforge/src/pdb/type_table.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace symforge_internal {
+
+namespace {
+
+constexpr uint32_t kNoName = 0xFFFFFFFF;
+
+// What is kept of a leaf's record.
+struct LeafShape {
+  bool kept = false;
+  uint32_t data = 0;        // bytes of the fixed part; 0 where the name alone is of use
+  uint32_t name = kNoName;  // offset of the name in the leaf's fields
+};
+
+// The names of classes and unions are looked for behind the short form of the size field, also when
+// the record uses a longer one: such a name begins inside the size.
+constexpr LeafShape shapeOf(uint16_t leaf) {
+  switch (leaf) {
+    case LEAF::LF_MODIFIER:
+      return {true, sizeof(LeafModifier)};
+    case LEAF::LF_POINTER:
+      return {true, sizeof(LeafPointer)};
+    case LEAF::LF_PROCEDURE:
+      return {true, sizeof(LeafProc)};
+    case LEAF::LF_MFUNCTION:
+      return {true, sizeof(LeafMFunc)};
+    case LEAF::LF_ARGLIST:
+      return {true, sizeof(LeafArgList)};  // and its indices
+    case LEAF::LF_INDEX:
+      return {true, sizeof(LeafIndex)};
+    case LEAF::LF_ARRAY:
+      return {true, sizeof(LeafArray)};
+    case LEAF::LF_CLASS:
+    case LEAF::LF_STRUCTURE:
+      return {true, 0, sizeof(LeafClass)};
+    case LEAF::LF_UNION:
+      return {true, 0, sizeof(LeafUnion)};
+    case LEAF::LF_ENUM:
+      return {true, 0, sizeof(LeafEnum)};
+    case LEAF::LF_ALIAS:
+      return {true, 0, sizeof(LeafAlias)};
+    case LEAF::LF_FUNC_ID:
+      return {true, sizeof(LeafFuncID), sizeof(LeafFuncID)};
+    default:
+      return {leaf >= LEAF::LF_CHAR && leaf <= LEAF::LF_LAST_NUMERIC};
+  }
+}
+
+bool isNumeric(uint16_t leaf) { return leaf >= LEAF::LF_CHAR; }
+
+// A read of no bytes takes one.
+uint32_t bytesRead(uint32_t size) { return size == 0 ? 1 : size; }
+
+// Bytes of an argument list of `count` types; 32 bits wide, it wraps.
+uint32_t argumentListBytes(uint32_t count) { return bytesRead(count * 4 + sizeof(LeafArgList)); }
+
+// Bytes of a number, all that the record has behind the leaf; wraps for a record of one byte.
+uint32_t numericBytes(uint16_t length) {
+  return bytesRead(uint32_t{length} - sizeof(TypeRecord::leafType));
+}
+
+// Whether the `count` bytes in front of a multiple of 4 are there for alignment only.
+bool isFill(const uint8_t* bytes, uint32_t count) {
+  bool zero = true;
+  bool pads = true;
+  for (uint32_t i = 0; i < count; ++i) {
+    zero = zero && bytes[i] == 0;
+    pads = pads && bytes[i] == 0xF0 + (count - i);
+  }
+  return zero || pads;
+}
+
+}  // namespace
+
+void TypeTable::load(const StreamPair& stream, const MsfFile& file) {
+  m_stream = &stream;
+  m_file = &file;
+  StreamReader reader(stream, file);
+  const DataPtr<TypeInfoHeader> header = reader.read<TypeInfoHeader>();
+  m_min = header->min;
+  const uint32_t max = header->max;
+  if (m_min >= max) return;
+  // The header's word is good for no more records than the file can hold.
+  const size_t most = std::min<size_t>(max - m_min, file.length / sizeof(TypeRecord));
+  m_offsets.reserve(most);
+  m_functions.reserve(most);
+
+  // Each record tells where the next one is, so that the processor sees no further by itself than
+  // a page goes.
+  constexpr size_t kReadAhead = 1024;
+  uint32_t next = reader.getOffset();
+  for (uint32_t index = m_min; index != max; ++index) {
+    next = skipFill(reader, next);
+    const Head head = headAt(next);
+    __builtin_prefetch(m_runs.back().data + (next - m_runs.back().start) + kReadAhead);
+    // All further indices would find this same record, and so nothing.
+    if (head.length == 0 || head.leaf == 0) break;
+    addRecord(next, head);
+    next += sizeof(head.length) + head.length;
+  }
+}
+
+// Judges a record as if it were decoded, and indexes it.
+void TypeTable::addRecord(uint32_t offset, const Head& head) {
+  const bool kept = shapeOf(head.leaf).kept;
+  TypeInfo info;
+  if (kept && !decodeInRun(m_runs.back(), offset, head, info)) decodeAcrossRuns(offset, info);
+  if (head.leaf == LEAF::LF_POINTER) {
+    const auto* pointer = reinterpret_cast<const LeafPointer*>(info.data.data);
+    if (pointer->mode() > LeafPointer::kLastMode) m_hasUnknownPointers = true;
+  }
+  m_offsets.push_back(kept ? offset : 0);
+  m_functions.push_back(head.leaf == LEAF::LF_PROCEDURE || head.leaf == LEAF::LF_MFUNCTION ||
+                        head.leaf == LEAF::LF_FUNC_ID);
+}
+
+// From the end of a record to the start of the next, which lies in the last of the runs then.
+uint32_t TypeTable::skipFill(StreamReader& reader, uint32_t offset) {
+  enterRunOf(reader, offset);
+  const uint32_t count = (0 - offset) % 4;
+  if (count == 0) return offset;
+  const Run& run = m_runs.back();
+  const bool fill =
+      run.bytesAt(offset) >= count
+          ? isFill(run.at(offset), count)
+          : isFill(StreamReader(*m_stream, *m_file, offset).read<uint8_t>(count).data, count);
+  if (!fill) return offset;
+  enterRunOf(reader, offset + count);
+  return offset + count;
+}
+
+// Makes the last of the runs one that holds the offset.
+void TypeTable::enterRunOf(StreamReader& reader, uint32_t offset) {
+  if (!m_runs.empty() && m_runs.back().bytesAt(offset) != 0) return;
+  reader.seek(offset);
+  Run run{offset, reader.available(), 0, reader.getData()};
+  const void* nul = memrchr(run.data, '\0', run.size);
+  if (nul != nullptr) run.terminated = static_cast<const uint8_t*>(nul) - run.data + 1;
+  m_runs.push_back(run);
+}
+
+TypeTable::Head TypeTable::headAt(uint32_t offset) const {
+  const Run& run = m_runs.back();
+  if (run.bytesAt(offset) >= sizeof(TypeRecord)) return headIn(run, offset);
+  StreamReader reader(*m_stream, *m_file, offset);
+  const DataPtr<TypeRecord> record = reader.read<TypeRecord>();
+  return {record->length, record->leafType};
+}
+
+TypeTable::Head TypeTable::headIn(const Run& run, uint32_t offset) {
+  const auto* record = reinterpret_cast<const TypeRecord*>(run.at(offset));
+  return {record->length, record->leafType};
+}
+
+bool TypeTable::find(uint32_t type, TypeInfo& info) const {
+  const uint32_t place = type - m_min;
+  if (place >= m_offsets.size() || m_offsets[place] == 0) return false;
+  const uint32_t offset = m_offsets[place];
+  const Run& run = runOf(offset);
+  if (run.bytesAt(offset) < sizeof(TypeRecord) ||
+      !decodeInRun(run, offset, headIn(run, offset), info))
+    decodeAcrossRuns(offset, info);
+  return true;
+}
+
+// A run that holds the offset, or any other when the offset lies in front of what its run is known
+// from.
+const TypeTable::Run& TypeTable::runOf(uint32_t offset) const {
+  if (m_runs[m_lastRun].bytesAt(offset) == 0) {
+    const auto above = std::upper_bound(m_runs.begin(), m_runs.end(), offset,
+                                        [](uint32_t at, const Run& run) { return at < run.start; });
+    m_lastRun = above == m_runs.begin() ? 0 : static_cast<size_t>(above - m_runs.begin()) - 1;
+  }
+  return m_runs[m_lastRun];
+}
+
+// Decodes a record in place. False, with `info` undefined, when some part of it is not in the run
+// for certain.
+bool TypeTable::decodeInRun(const Run& run, uint32_t offset, const Head& head,
+                            TypeInfo& info) const {
+  const uint32_t payload = offset + sizeof(TypeRecord);
+  const LeafShape shape = shapeOf(head.leaf);
+  const size_t left = run.bytesAt(payload);
+  uint32_t bytes = shape.data;
+  if (head.leaf == LEAF::LF_ARGLIST) {
+    if (left < sizeof(LeafArgList)) return false;
+    bytes = argumentListBytes(reinterpret_cast<const LeafArgList*>(run.at(payload))->count);
+  } else if (isNumeric(head.leaf)) {
+    bytes = numericBytes(head.length);
+  }
+  if (bytes > left) return false;
+  info.data = DataPtr<unsigned char>(run.at(payload), false);
+  info.readable = left;
+  info.type = LEAF::Enum(head.leaf);
+  info.offset = payload;
+  if (shape.name == kNoName) return true;
+
+  const uint32_t name = payload + shape.name;
+  if (run.bytesAt(name) == 0 || name - run.start >= run.terminated) return false;
+  info.name = DataPtr<char>(run.at(name), false);
+  return true;
+}
+
+// Decodes a record with the reads that it is defined by: across a page seam their success depends
+// on where each begins.
+void TypeTable::decodeAcrossRuns(uint32_t offset, TypeInfo& info) const {
+  StreamReader reader(*m_stream, *m_file, offset);
+  const DataPtr<TypeRecord> record = reader.read<TypeRecord>();
+  const LeafShape shape = shapeOf(record->leafType);
+  const uint32_t payload = reader.getOffset();
+  info.type = LEAF::Enum(uint16_t{record->leafType});
+  info.offset = payload;
+
+  uint32_t bytes = shape.data;
+  if (info.type == LEAF::LF_ARGLIST)
+    bytes = argumentListBytes(StreamReader(*m_stream, *m_file, payload).read<le_uint32>().data[0]);
+  else if (isNumeric(info.type))
+    bytes = numericBytes(record->length);
+  if (bytes != 0) {
+    info.data = reader.read<unsigned char>(bytes);
+    info.readable = bytes + (info.data.isAllocated ? StreamReader::kCopySlack : reader.available());
+  }
+  if (shape.name == kNoName) return;
+  // A name right behind the fixed part is read from where that ended.
+  if (shape.name != shape.data) reader.seek(payload + shape.name);
+  info.name = reader.readString();
+}
+
+uint16_t TypeTable::wordAt(uint32_t offset) const {
+  const Run& run = runOf(offset);
+  if (run.bytesAt(offset) >= sizeof(le_uint16))
+    return *reinterpret_cast<const le_uint16*>(run.at(offset));
+  return *StreamReader(*m_stream, *m_file, offset).read<le_uint16>();
+}
+
+}  // namespace symforge_internal

@@ -1,0 +1,113 @@
+// TypeTable: the type or id records of a PDB, by type index.
+//
+// Such a stream is a 56-byte header and records numbered without gaps from the header's `min`:
+//
+//   uint16 length (bytes behind this field), uint16 leaf, the leaf's fields, fill
+//
+// What lies between the end of a record and the next multiple of 4 is skipped when it is fill (all
+// zero, or the pad bytes F3 F2 F1, each telling how far the multiple of 4 is); otherwise the next
+// record starts right there. Linkers leave some id records unpadded.
+//
+// Loading walks all records once and keeps 4 bytes for each, the offset of its record in the
+// stream, and a bit. Names are not looked at: that a name has its terminator follows from where the
+// last NUL of the pages around it lies. A record is decoded when somebody asks for it.
+
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "symforge/src/StreamReader.h"
+#include "symforge/src/pdb/codeview.h"
+
+namespace symforge_internal {
+
+// A decoded record: the leaf's fixed part and the name, null where the leaf has none.
+struct TypeInfo {
+  DataPtr<unsigned char> data;
+  // Bytes that may be read at `data`: at least the fixed part, more where the file goes on.
+  size_t readable = 0;
+  DataPtr<char> name;  // NUL-terminated
+  LEAF::Enum type = LEAF::Enum(0);
+  uint32_t offset = 0;  // of the leaf's fields in the stream
+};
+
+class TypeTable {
+ public:
+  // Indexes a stream that has bytes. `stream` and `file` must outlive the table. Throws
+  // pdb_recoverable_exception when the records, or what is kept of them, run off the stream's
+  // pages. To be called once.
+  void load(const StreamPair& stream, const MsfFile& file);
+
+  // Decodes the record of an index. False when there is none, or none of a kind that has a text.
+  bool find(uint32_t type, TypeInfo& info) const;
+
+  // Whether the index is that of a function: LF_PROCEDURE, LF_MFUNCTION or LF_FUNC_ID. Index 0 is
+  // "no type", also in a table that begins with it. Touches no record.
+  bool isFunction(uint32_t type) const {
+    const uint32_t place = type - m_min;
+    return type != 0 && place < m_functions.size() && m_functions[place];
+  }
+
+  // Ask for the memory that find() will look at, without waiting for it: first for the index, then,
+  // some hundred nanoseconds later, for the record.
+  void prefetchIndex(uint32_t type) const {
+    const uint32_t place = type - m_min;
+    if (place < m_offsets.size()) __builtin_prefetch(&m_offsets[place]);
+  }
+  void prefetchRecord(uint32_t type) const {
+    const uint32_t place = type - m_min;
+    if (place >= m_offsets.size()) return;
+    const Run& run = m_runs[m_lastRun];
+    if (run.bytesAt(m_offsets[place]) != 0) __builtin_prefetch(run.at(m_offsets[place]));
+  }
+
+  // Whether some pointer record is of an unknown kind, so that rendering it would warn.
+  bool hasUnknownPointers() const { return m_hasUnknownPointers; }
+
+  // The 16 bits at an offset of the stream. Throws like a read.
+  uint16_t wordAt(uint32_t offset) const;
+
+  // The number of indices that were walked, from the first one on.
+  size_t size() const { return m_offsets.size(); }
+
+ private:
+  // A stretch of the stream whose pages are consecutive in the file.
+  struct Run {
+    uint32_t start = 0;     // offset in the stream
+    size_t size = 0;        // bytes
+    size_t terminated = 0;  // bytes up to the last NUL, that included
+    const uint8_t* data = nullptr;
+
+    // Bytes from `offset` to the end; 0 for an offset that lies elsewhere.
+    size_t bytesAt(uint32_t offset) const {
+      return offset >= start && offset - start < size ? size - (offset - start) : 0;
+    }
+    const uint8_t* at(uint32_t offset) const { return data + (offset - start); }
+  };
+  struct Head {
+    uint16_t length;
+    uint16_t leaf;
+  };
+
+  void addRecord(uint32_t offset, const Head& head);
+  uint32_t skipFill(StreamReader& reader, uint32_t offset);
+  void enterRunOf(StreamReader& reader, uint32_t offset);
+  Head headAt(uint32_t offset) const;
+  static Head headIn(const Run& run, uint32_t offset);
+  const Run& runOf(uint32_t offset) const;
+  bool decodeInRun(const Run& run, uint32_t offset, const Head& head, TypeInfo& info) const;
+  void decodeAcrossRuns(uint32_t offset, TypeInfo& info) const;
+
+  const StreamPair* m_stream = nullptr;
+  const MsfFile* m_file = nullptr;
+  uint32_t m_min = 0;
+  bool m_hasUnknownPointers = false;
+  std::vector<uint32_t> m_offsets;  // of each record in the stream; 0: no text
+  std::vector<bool> m_functions;
+  std::vector<Run> m_runs;  // in the order of the stream
+  mutable size_t m_lastRun = 0;
+};
+
+}  // namespace symforge_internal

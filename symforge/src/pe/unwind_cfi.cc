@@ -1,0 +1,205 @@
+#include "symforge/src/pe/unwind_cfi.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cassert>
+#include <cstdio>
+#include <string_view>
+
+#include "base/cycle_detector.h"
+#include "symforge/src/PDBParser.h"
+#include "symforge/src/pe/unwind_codes.h"
+
+namespace symforge_internal {
+
+namespace {
+
+struct NamedRegister {
+  uint8_t number;
+  std::string_view name;
+};
+
+// In the order of the output.
+constexpr NamedRegister kPrinted[] = {
+    {kRbp, "$rbp"}, {kR12, "$r12"}, {kR13, "$r13"}, {kR14, "$r14"}, {kR15, "$r15"},
+    {kRbx, "$rbx"}, {kRdi, "$rdi"}, {kRsi, "$rsi"}, {kRsp, "$rsp"},
+};
+
+// The way from function entries to their unwind data. Links are bounded for the image as a whole,
+// far above what linkers make (Windows itself follows 32 at most), so that those end that lead
+// round in a circle, and chains that many entries share to keep a reader busy.
+class UnwindLinks {
+ public:
+  UnwindLinks(const PeImage& image, size_t entries)
+      : m_image(image), m_left(kFewestLinks + kLinksPerEntry * uint64_t{entries}) {}
+
+  // From an entry to the address of its unwind data: bit 0 says that another entry stands in
+  // between. False when the links lead nowhere.
+  bool resolveEntry(uint32_t& rva) {
+    while ((rva & 1) != 0) {
+      const auto* entry = m_image.recordAt<IMAGE_RUNTIME_FUNCTION_ENTRY>(rva ^ 1);
+      if (entry == nullptr || m_left-- == 0) return false;
+      rva = entry->UnwindInfoAddress;
+    }
+    return true;
+  }
+
+  // Null when there is none; so for an info whose slots leave the file.
+  const UnwindInfo* find(uint32_t rva) const {
+    const auto* info = m_image.recordAt<UnwindInfo>(rva);
+    const bool whole = info != nullptr && bytesLeft(*info) >= info->size();
+    return whole ? info : nullptr;
+  }
+
+  // Sums up an info and those that it is chained to. False when that never ends: a circle goes on
+  // as it did once each of its infos was added twice.
+  bool sumUpChain(const UnwindInfo* info, UnwindFrame& frame) {
+    CycleDetector<const UnwindInfo*> chain;
+    int rounds = 0;
+    while (info != nullptr) {
+      if (chain.again(info) && ++rounds == 2) return false;
+      if (!frame.add(*info) || m_left-- == 0) return false;
+      info = info->chained() ? follow(*info) : nullptr;
+    }
+    return true;
+  }
+
+ private:
+  static constexpr uint64_t kFewestLinks = uint64_t{1} << 20;
+  static constexpr uint64_t kLinksPerEntry = 32;
+
+  size_t bytesLeft(const UnwindInfo& info) const {
+    return m_image.bytesLeft(&info.version_and_flags);
+  }
+
+  // The info that a chained one leads to, or null. Its address is not tested for bit 0.
+  const UnwindInfo* follow(const UnwindInfo& info) const {
+    const size_t link = info.chainOffset();
+    if (bytesLeft(info) < link + sizeof(IMAGE_RUNTIME_FUNCTION_ENTRY)) return nullptr;
+    const auto* entry =
+        reinterpret_cast<const IMAGE_RUNTIME_FUNCTION_ENTRY*>(&info.version_and_flags + link);
+    return find(entry->UnwindInfoAddress);
+  }
+
+  const PeImage& m_image;
+  uint64_t m_left;
+};
+
+constexpr int32_t kReturnAddress = 8;  // bytes
+
+int32_t minus(int32_t from, int32_t what) {
+  return static_cast<int32_t>(static_cast<uint32_t>(from) - static_cast<uint32_t>(what));
+}
+
+// Without a frame register everything is found from the stack pointer at the end of the prolog.
+// `size`: bytes of the frame from there to its top, with the return address.
+void printFromStackPointer(const UnwindFrame& frame, int32_t size, LineWriter& line) {
+  line.str(" .cfa: $rsp ").dec_signed(size).str(" +");
+  for (const NamedRegister& reg : kPrinted)
+    if (frame.saved.has(reg.number))
+      line.chr(' ').str(reg.name).str(": $rsp ").dec_signed(frame.saved[reg.number]).str(" + ^");
+}
+
+// The frame register is taken for rbp, whichever it is.
+void printFromFramePointer(const UnwindFrame& frame, int32_t size, const UnwindInfo& top,
+                           LineWriter& line) {
+  const int32_t cfa = minus(minus(size, 16 * top.frame_offset()), frame.fp_offset);
+  line.str(" .cfa: $rbp ").dec_signed(cfa).str(" +");
+  for (const NamedRegister& reg : kPrinted)
+    if (frame.saved.has(reg.number)) {
+      const int32_t offset = minus(size, frame.saved[reg.number]);
+      line.chr(' ').str(reg.name).str(": .cfa ").dec_signed(offset).str(" - ^");
+    }
+}
+
+void printFrame(const IMAGE_RUNTIME_FUNCTION_ENTRY& entry, const UnwindInfo& top,
+                const UnwindFrame& frame, TextBuffer& out) {
+  constexpr size_t kRoom = 512;
+  const int32_t fp_offset = frame.fp_offset;
+  if (top.frame_register() != 0) assert(fp_offset != INT32_MAX);
+  const uint32_t begin = entry.BeginAddress;
+  LineWriter lines(out, kRoom);
+  lines.str("STACK CFI INIT ").hex(begin).chr(' ').hex(uint32_t{entry.EndAddress - begin});
+  lines.str(" .cfa: $rsp .ra: .cfa ").dec_signed(frame.rip_offset).str(" - ^\n");
+  lines.str("STACK CFI ").hex(begin);
+  const int32_t size = minus(frame.stack_size, -kReturnAddress);
+  if (top.frame_register() == 0)
+    printFromStackPointer(frame, size, lines);
+  else
+    printFromFramePointer(frame, size, top, lines);
+  lines.chr('\n');
+}
+
+// False when the way to the unwind data, or through it, is lost.
+bool printEntry(UnwindLinks& links, const IMAGE_RUNTIME_FUNCTION_ENTRY& entry, TextBuffer& out) {
+  uint32_t rva = entry.UnwindInfoAddress;
+  if (!links.resolveEntry(rva)) return false;
+  const UnwindInfo* top = links.find(rva);
+  if (top == nullptr) return true;  // a function without lines
+  UnwindFrame frame;
+  if (!links.sumUpChain(top, frame)) return false;
+  printFrame(entry, *top, frame, out);
+  return true;
+}
+
+// Whether the image is one whose exception directory has the x64 form; tells why not.
+bool hasUnwindData(const PeImage& image) {
+  if (!image.isPe32Plus()) {
+    std::fputs("Not a PE32+ image\n", stderr);
+    return false;
+  }
+  if (isClrAssembly(*image.ntHeaders())) {
+    std::fputs(kClrNotSupported, stderr);  // without a line end, as it always was
+    return false;
+  }
+  return true;
+}
+
+// Prints the entries, up to the end of the file.
+void printEntries(const PeImage& image, const uint8_t* table, size_t count, TextBuffer& out) {
+  const auto* entries = reinterpret_cast<const IMAGE_RUNTIME_FUNCTION_ENTRY*>(table);
+  const size_t present = image.bytesLeft(table) / sizeof(*entries);
+  UnwindLinks links(image, std::min(count, present));
+  for (size_t i = 0; i < count; ++i) {
+    if (i == present) {
+      std::fputs("Failed to find function entries\n", stderr);
+      return;
+    }
+    if (!printEntry(links, entries[i], out)) {
+      std::fputs("Failed to find chained function\n", stderr);
+      return;
+    }
+  }
+}
+
+}  // namespace
+
+void printUnwindData(const PeImage& image, TextBuffer& out) {
+  if (!image.hasDosHeader()) throw pdb_exception("Invalid PE header detected");
+  if (image.ntHeaders() == nullptr) throw pdb_exception("Error reading PE NT header");
+  if (!hasUnwindData(image)) return;
+  const IMAGE_DATA_DIRECTORY& directory =
+      image.ntHeaders()->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_EXCEPTION];
+  const uint8_t* table = image.ImageRvaToVa(directory.VirtualAddress);
+  if (table == nullptr) {
+    std::fputs("Failed to find function entries\n", stderr);
+    return;
+  }
+  printEntries(image, table, directory.Size / sizeof(IMAGE_RUNTIME_FUNCTION_ENTRY), out);
+}
+
+void PDBParser::PrintFrameDataUsingEXE(TextBuffer& out) {
+  if (m_code_file.empty()) return;
+  const char* path = m_code_file.c_str();
+  MMapWrapper mapping;
+  if (!mapping.Map(path)) {
+    const bool opens = access(path, R_OK) == 0;
+    std::fprintf(stderr, opens ? "failed to mmap file %s\n" : "failed to open/stat file %s\n",
+                 path);
+    return;
+  }
+  printUnwindData(PeImage(mapping), out);
+}
+
+}  // namespace symforge_internal
