@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "base/mapped_file.h"
 #include "builders/codeview_builder.h"
 #include "builders/msf_builder.h"
 #include "tests/support/memory_file.h"
@@ -61,7 +62,7 @@ class Types {
 
  private:
   MMapWrapper mapping_;
-  MsfFile msf_;
+  MsfPages msf_;
   std::vector<StreamPair> streams_;
   TypeTable types_;
   TypeTable ids_;

@@ -52,7 +52,7 @@ void PDBParser::load(const char* pdb, const char* exe, const char* sympath, Text
 
 void PDBParser::loadPdb(const char* pdb, const char* sympath) {
   m_pdb_file = pdb;
-  if (!m_mapping.Map(pdb)) throw pdb_exception("Failed to load PDB file");
+  if (!m_file.Map(pdb)) throw pdb_exception("Failed to load PDB file");
   bool loaded;
   readRootStream(sympath, &loaded);
   if (!loaded) throw pdb_exception("Failed to read PDB Root Stream");
@@ -86,7 +86,7 @@ void PDBParser::printBreakpadSymbols(TextBuffer& out, FileMod* fileMod) {
     return;
   }
 
-  StreamReader reader(debugInfoStream(), m_file);
+  StreamReader reader(debugInfoStream(), m_file.pages());
   const DataPtr<DBIHeader> header = reader.read<DBIHeader>();
   printHeader(header.data, out);
   Modules modules = readModuleList(reader, *header);

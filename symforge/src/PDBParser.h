@@ -38,6 +38,7 @@
 #include "symforge/src/emit/function_list.h"
 #include "symforge/src/emit/function_record.h"
 #include "symforge/src/emit/inline_tree.h"
+#include "symforge/src/msf/msf_file.h"
 #include "symforge/src/pdb/binary_annotations.h"
 #include "symforge/src/pdb/codeview.h"
 #include "symforge/src/pdb/frame_data.h"
@@ -90,7 +91,7 @@ class PDBParser {
   const std::string& debug_id() const { return m_debug_id; }
 
   // Releases the mapping of the PDB.
-  void close() { m_mapping.Unmap(); }
+  void close() { m_file.close(); }
 
  private:
   enum KnownStreams {
@@ -119,12 +120,12 @@ class PDBParser {
   void findSymbolFileOfPe(const char* exe, const char* sympath, TextBuffer& out);
   void readPeHeaders(const char* filename);
   static std::string_view lastComponent(std::string_view path);
-  // Fills m_streams, m_debug_id and m_nameIndices, and makes the folders of this PDB below
+  // Fills m_file, m_debug_id and m_nameIndices, and makes the folders of this PDB below
   // `sympath` unless it is null. `*res` tells of every failure that does not throw.
   void readRootStream(const char* sympath, bool* res);
   bool readNamedStreams(StreamReader& names, uint32_t size);
   // Throws std::out_of_range for a stream that does not exist.
-  const StreamPair& getStream(size_t number) const { return m_streams.at(number); }
+  const StreamPair& getStream(size_t number) const { return m_file.getStream(number); }
   void loadNameStream(NameStream& names);
 
   // The DBI stream: dbi_stream.cc. To be called in this order.
@@ -223,7 +224,7 @@ class PDBParser {
   void PrintFrameDataUsingEXE(TextBuffer& out);
 
   const bool do_inline;
-  std::vector<StreamPair> m_streams;
+  MsfFile m_file;
   std::map<std::string, int> m_nameIndices;  // named streams
   SectionHeaders sections;                   // of the final image
   SectionHeaders omap_sections;              // before a rewrite of the image; empty: none
@@ -240,8 +241,6 @@ class PDBParser {
   static constexpr uint32_t kSiteEnd = 0;
   std::optional<StreamReader> m_siteReader;  // of the stream that the last function came from
   uint32_t m_siteStream = 0;
-  MMapWrapper m_mapping;
-  MsfFile m_file;
   std::string m_code_file;  // path of the PE that was opened
   std::string m_pdb_file;   // path as given; empty selects the PE-only mode
   std::string m_debug_id;

@@ -21,9 +21,9 @@ bool repeats(const Record& record, const Record& last) {
 // that ends inside a record gives that record too, with what its last page holds behind the end.
 template <typename Record>
 void PDBParser::readFPO(uint32_t fpoStream, FrameDataMap<Record>& fpoData) {
-  const StreamPair& stream = m_streams.at(fpoStream);
-  StreamReader reader(stream, m_file);
-  fpoData.reserve(std::min<size_t>(stream.size, m_file.length) / sizeof(Record) + 1);
+  const StreamPair& stream = getStream(fpoStream);
+  StreamReader reader(stream, m_file.pages());
+  fpoData.reserve(std::min<size_t>(stream.size, m_file.pages().length) / sizeof(Record) + 1);
   Record last{};
   while (reader.getOffset() < stream.size) {
     DataPtr<Record> record = reader.read<Record>();

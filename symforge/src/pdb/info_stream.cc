@@ -6,7 +6,6 @@
 
 #include <cassert>
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -15,7 +14,6 @@
 #include <utility>
 
 #include "symforge/src/PDBParser.h"
-#include "symforge/src/msf/stream_directory.h"
 #include "symforge/src/pdb/debug_id.h"
 #include "symforge/src/utils.h"
 
@@ -24,20 +22,6 @@ namespace symforge_internal {
 namespace {
 
 constexpr mode_t kFolderMode = 0777;
-
-bool hasValidSignature(const MMapWrapper& mapping) {
-  static_assert(MMapWrapper::kGuardBytes >= sizeof(PDBHeader));
-  if (std::memcmp(mapping.base(), validSignature, sizeof(PDBHeader::signature)) == 0) return true;
-  std::fputs("Input file has an invalid signature\n", stderr);
-  return false;
-}
-
-// A page size of 0 ends the process like the division that it leads to.
-void refuseNoPageSize(uint32_t pageSize) {
-  if (pageSize != 0) return;
-  std::raise(SIGFPE);
-  std::abort();
-}
 
 // Makes a folder unless something of that name is there. Several processes may fill one tree, so
 // one that another process makes in between is as good; a link that leads nowhere is not.
@@ -93,17 +77,11 @@ class PresentBits {
 }  // namespace
 
 void PDBParser::readRootStream(const char* sympath, bool* res) {
-  *res = hasValidSignature(m_mapping);
+  *res = m_file.readDirectory();
   if (!*res) return;
 
-  const PDBHeader* header = reinterpret_cast<const PDBHeader*>(m_mapping.base());
-  m_file = {m_mapping.base(), m_mapping.length(), header->pageSize};
-  refuseNoPageSize(m_file.pageSize);
-  *res = readStreamDirectory(m_file, header->directorySize, m_streams);
-  if (!*res) return;
-
-  StreamReader info(m_streams[Streams], m_file);
-  StreamReader debugInfo(debugInfoStream(), m_file);
+  StreamReader info(m_file.streams()[Streams], m_file.pages());
+  StreamReader debugInfo(debugInfoStream(), m_file.pages());
   const DataPtr<DBIHeader> dbi = debugInfo.read<DBIHeader>();
   const DataPtr<NameIndexHeader> names = info.read<NameIndexHeader>();
   m_debug_id = formatDebugId(names->guid, dbi->age);
@@ -116,7 +94,7 @@ void PDBParser::readRootStream(const char* sympath, bool* res) {
 // slot an entry.
 bool PDBParser::readNamedStreams(StreamReader& names, uint32_t size) {
   const uint32_t nameStart = names.getOffset();
-  StreamReader table(m_streams[Streams], m_file);
+  StreamReader table(m_file.streams()[Streams], m_file.pages());
   table.seek(nameStart + size);
   table.read<le_uint32>();
   const uint32_t slots = *table.read<le_uint32>();

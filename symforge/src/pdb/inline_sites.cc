@@ -51,7 +51,7 @@ InlineFunctionRecord PDBParser::readInlineSite(StreamReader& reader, uint32_t si
 // Functions of one module stand together in the list, and so share a reader.
 StreamReader& PDBParser::siteReader(uint32_t stream) {
   if (!m_siteReader || m_siteStream != stream) {
-    m_siteReader.emplace(getStream(stream), m_file);
+    m_siteReader.emplace(getStream(stream), m_file.pages());
     m_siteStream = stream;
   }
   return *m_siteReader;

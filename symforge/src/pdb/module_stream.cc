@@ -16,7 +16,7 @@ constexpr uint32_t kModuleSignature = 4;
 
 // A negative stream number becomes a huge index.
 StreamReader PDBParser::openModule(const DBIModuleInfo* module) const {
-  StreamReader reader(getStream(static_cast<size_t>(int64_t{module->stream})), m_file);
+  StreamReader reader(getStream(static_cast<size_t>(int64_t{module->stream})), m_file.pages());
   if (*reader.read<le_uint32>() != kModuleSignature)
     throw pdb_exception("Invalid module stream signature");
   return reader;

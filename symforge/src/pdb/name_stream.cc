@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/mapped_file.h"
 #include "symforge/src/PDBParser.h"
 #include "symforge/src/pdb/name_stream.h"
 
@@ -20,7 +21,7 @@ constexpr int64_t kWord = sizeof(le_uint32);
 [[noreturn]] void refuse() { throw pdb_exception("Invalid name stream"); }
 
 // The page begins in the file and ends in what may be read behind it.
-bool isReadable(uint64_t page, const MsfFile& file) {
+bool isReadable(uint64_t page, const MsfPages& file) {
   const uint64_t start = page * file.pageSize;
   return start < file.length && start + file.pageSize <= file.length + MMapWrapper::kGuardBytes;
 }
@@ -33,7 +34,7 @@ bool isContiguous(const std::vector<uint32_t>& pages) {
 
 }  // namespace
 
-void NameStream::load(const StreamPair& stream, const MsfFile& file) {
+void NameStream::load(const StreamPair& stream, const MsfPages& file) {
   gather(stream, file);
   if (wordAt(offsetof(NameStreamHeader, sig)) != kNamesSignature ||
       wordAt(offsetof(NameStreamHeader, version)) != kNamesVersion)
@@ -44,7 +45,7 @@ void NameStream::load(const StreamPair& stream, const MsfFile& file) {
 
 // Makes the stream one piece of memory: its place in the mapping when its pages follow each other
 // there, else a copy. A stream without pages fails the range check.
-void NameStream::gather(const StreamPair& stream, const MsfFile& file) {
+void NameStream::gather(const StreamPair& stream, const MsfPages& file) {
   const std::vector<uint32_t>& pages = stream.pageIndices;
   const uint64_t pageSize = file.pageSize;
   const size_t last = pages.size() - 1;
@@ -108,7 +109,7 @@ void PDBParser::loadNameStream(NameStream& names) {
     std::fprintf(stderr, "Warning: Could not find /NAMES stream: %s\n", m_pdb_file.c_str());
     return;
   }
-  names.load(getStream(static_cast<size_t>(stream->second)), m_file);
+  names.load(getStream(static_cast<size_t>(stream->second)), m_file.pages());
 }
 
 }  // namespace symforge_internal

@@ -18,7 +18,7 @@ void PDBParser::getGlobalFunctions(uint16_t symRecStream, const SectionHeaders& 
                                    PublicFunctions& globals) {
   const StreamPair& stream = getStream(symRecStream);
   if (stream.size == 0) return;
-  StreamReader reader(stream, m_file);
+  StreamReader reader(stream, m_file.pages());
   while (reader.getOffset() < stream.size) {
     const uint32_t length = *reader.read<le_uint16>();
     if (length < sizeof(GlobalRecord)) {

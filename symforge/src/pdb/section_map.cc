@@ -9,7 +9,7 @@ namespace symforge_internal {
 
 void PDBParser::readSectionHeaders(uint32_t headerStream, SectionHeaders& headers) {
   const StreamPair& stream = getStream(headerStream);
-  StreamReader reader(stream, m_file);
+  StreamReader reader(stream, m_file.pages());
   while (reader.getOffset() < stream.size) headers.push_back(*reader.read<IMAGE_SECTION_HEADER>());
 }
 
@@ -30,7 +30,7 @@ void PDBParser::readOMAPData(uint32_t orig_section_idx, uint32_t omap_to_id,
 void PDBParser::readOMAPDataDirection(uint32_t omap_stream_id, std::vector<OmapEntry>& omap_data) {
   const StreamPair& stream = getStream(omap_stream_id);
   if (stream.size == 0) return;
-  StreamReader reader(stream, m_file);
+  StreamReader reader(stream, m_file.pages());
   omap_data.reserve(stream.size / sizeof(OmapEntry));
   while (reader.getOffset() < stream.size) omap_data.push_back(*reader.read<OmapEntry>());
 

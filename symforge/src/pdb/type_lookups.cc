@@ -5,12 +5,12 @@
 namespace symforge_internal {
 
 void PDBParser::loadTypeStream(KnownStreams type_stream_id, TypeTable& map, bool required) {
-  const StreamPair& stream = m_streams.at(type_stream_id);
+  const StreamPair& stream = getStream(type_stream_id);
   if (stream.size == 0) {
     if (required) throw pdb_exception("Invalid type info stream");
     return;
   }
-  map.load(stream, m_file);
+  map.load(stream, m_file.pages());
 }
 
 bool PDBParser::stringizeType(uint32_t type, std::string& output, uint32_t flags, bool info) {

@@ -76,7 +76,7 @@ bool isFill(const uint8_t* bytes, uint32_t count) {
 
 }  // namespace
 
-void TypeTable::load(const StreamPair& stream, const MsfFile& file) {
+void TypeTable::load(const StreamPair& stream, const MsfPages& file) {
   m_stream = &stream;
   m_file = &file;
   StreamReader reader(stream, file);

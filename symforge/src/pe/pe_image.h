@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string>
 
-#include "symforge/src/StreamReader.h"
+#include "base/mapped_file.h"
 #include "symforge/src/WinStructs.h"
 
 namespace symforge_internal {
