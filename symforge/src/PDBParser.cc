@@ -91,10 +91,10 @@ void PDBParser::printBreakpadSymbols(TextBuffer& out, FileMod* fileMod) {
   printHeader(header.data, out);
   Modules modules = readModuleList(reader, *header);
   const DataPtr<DBIDebugHeader> debugHeader = readDebugHeader(reader, *header);
-  readSections(*debugHeader);
-  printSections(sections, out);
-  readOMAPData(debugHeader->sectionHdrOriginal, debugHeader->omapToSource,
-               debugHeader->omapFromSource);
+  m_sections.readSections(m_file, debugHeader->sectionHdr);
+  m_sections.printSections(out);
+  m_sections.readOMAPData(m_file, debugHeader->sectionHdrOriginal, debugHeader->omapToSource,
+                          debugHeader->omapFromSource);
 
   UniqueSrcFiles unique;
   gatherFiles(modules, unique);
@@ -107,7 +107,7 @@ void PDBParser::printBreakpadSymbols(TextBuffer& out, FileMod* fileMod) {
   refuseTokenMap(*debugHeader);
 
   PublicFunctions globals;
-  getGlobalFunctions(header->symRecordStream, sections, globals);
+  getGlobalFunctions(header->symRecordStream, globals);
   Functions functions;
   for (const Module& module : modules) getModuleFunctions(module.info.data, functions);
   sortFunctions(functions);

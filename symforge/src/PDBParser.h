@@ -34,7 +34,6 @@
 #include "base/text_buffer.h"
 #include "symforge/src/PDBHeaders.h"
 #include "symforge/src/StreamReader.h"
-#include "symforge/src/WinStructs.h"
 #include "symforge/src/emit/function_list.h"
 #include "symforge/src/emit/function_record.h"
 #include "symforge/src/emit/inline_tree.h"
@@ -45,6 +44,7 @@
 #include "symforge/src/pdb/inlinee_lines.h"
 #include "symforge/src/pdb/name_stream.h"
 #include "symforge/src/pdb/public_functions.h"
+#include "symforge/src/pdb/section_map.h"
 #include "symforge/src/pdb/source_files.h"
 #include "symforge/src/pdb/type_names.h"
 #include "symforge/src/pdb/type_table.h"
@@ -57,8 +57,6 @@ struct InlineFunctionRecord {
   DataPtr<unsigned char> binary_annotations;
   uint32_t binary_annotations_len = 0;  // bytes, padding included
 };
-
-using SectionHeaders = std::vector<IMAGE_SECTION_HEADER>;
 
 // Replaces a source file's name in FILE lines: gets the name and its length in bytes (no terminator
 // is promised), and gives a NUL-terminated one that lives until the next call.
@@ -136,24 +134,6 @@ class PDBParser {
   // Throws pdb_exception for a PDB with a map of tokens, as managed code has.
   static void refuseTokenMap(const DBIDebugHeader& debugHeader);
 
-  // Section headers and address mapping: section_map.cc.
-  void readSections(const DBIDebugHeader& debugHeader);
-  void readSectionHeaders(uint32_t headerStream, SectionHeaders& headers);
-  void readOMAPData(uint32_t orig_section_idx, uint32_t omap_to_id, uint32_t omap_from_id);
-  void readOMAPDataDirection(uint32_t omap_stream_id, std::vector<OmapEntry>& omap_data);
-  // RVA of `address` bytes into section `section` (from 1); with section 0 `address` itself.
-  // Throws std::out_of_range for a section that does not exist.
-  uint32_t mapAddressOmap(uint32_t address, uint32_t section) const {
-    return section == 0 ? address : toFinalImage(address + sectionBase(section));
-  }
-  // The two halves of mapAddressOmap: the RVA where a section begins, in the image as it was
-  // linked, and the way from there to an RVA of the final image.
-  uint32_t sectionBase(uint32_t section) const {
-    return (omap_sections.empty() ? sections : omap_sections).at(section - 1).VirtualAddress;
-  }
-  uint32_t toFinalImage(uint32_t rva) const { return omap_from.empty() ? rva : throughOmap(rva); }
-  uint32_t throughOmap(uint32_t rva) const;
-
   // Types: type_lookups.cc.
   using StringizeFlags = TypeNames::Flags;
   static constexpr StringizeFlags IsTopLevel = StringizeFlags::IsTopLevel;
@@ -195,8 +175,7 @@ class PDBParser {
                               uint32_t offset) const;
   FunctionRecord& readProcedure(StreamReader& reader, Functions& funcs) const;
   void readThunk(StreamReader& reader, Functions& funcs) const;
-  void getGlobalFunctions(uint16_t symRecStream, const SectionHeaders& headers,
-                          PublicFunctions& globals);
+  void getGlobalFunctions(uint16_t symRecStream, PublicFunctions& globals);
   void resolveFunctionLines(const DBIModuleInfo* module, Functions& funcs, FunctionIndex& index,
                             const UniqueSrcFiles& unique, const SrcFileIndex& fileIndex);
   void resolveInlineFunctions(const DBIModuleInfo* module, const UniqueSrcFiles& unique,
@@ -206,7 +185,6 @@ class PDBParser {
   void resolveModules(const Modules& modules, const UniqueSrcFiles& unique, Functions& functions);
 
   // Output.
-  void printSections(const SectionHeaders& headers, TextBuffer& out);
   void printFiles(const Modules& modules, UniqueSrcFiles& unique, const NameStream& names,
                   FileMod* fileMod, TextBuffer& out);
   void printFunctions(const Functions& funcs, TextBuffer& out);
@@ -226,11 +204,9 @@ class PDBParser {
   const bool do_inline;
   MsfFile m_file;
   std::map<std::string, int> m_nameIndices;  // named streams
-  SectionHeaders sections;                   // of the final image
-  SectionHeaders omap_sections;              // before a rewrite of the image; empty: none
-  std::vector<OmapEntry> omap_from;          // in file order
-  TypeTable typemap;                         // type records
-  TypeTable typeinfomap;                     // id records
+  SectionMap m_sections;
+  TypeTable typemap;      // type records
+  TypeTable typeinfomap;  // id records
   TypeNames m_typeNames{typemap, typeinfomap};
   InlineeLineMap inlineeLineMap;
   InlineTree m_inlineTree;  // of the function that is being printed

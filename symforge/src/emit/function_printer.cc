@@ -76,9 +76,9 @@ void PDBParser::printLines(const FunctionRecord& func, TextBuffer& out) const {
   const CV_Line* lines = func.lines.data;
   const uint32_t adjust = adjustment(lines[count - 1].offset, func.length);
   const uint32_t end = adjust + func.length;
-  const uint32_t base = func.segment == 0 ? 0 : sectionBase(func.segment);
+  const uint32_t base = func.segment == 0 ? 0 : m_sections.sectionBase(func.segment);
   const uint32_t start = base + func.pre_omap_offset - adjust;
-  const bool mapped = func.segment != 0 && !omap_from.empty();
+  const bool mapped = func.segment != 0 && m_sections.isRewritten();
 
   char ending[kEndingRoom] = {' '};
   char* const endingEnd = std::to_chars(ending + 1, std::end(ending), func.fileIndex).ptr;
@@ -92,7 +92,7 @@ void PDBParser::printLines(const FunctionRecord& func, TextBuffer& out) const {
     const uint32_t offset = lines[i].offset;
     const uint32_t next = i + 1 == count ? end : uint32_t{lines[i + 1].offset};
     const uint32_t rva = start + offset;
-    at = put_hex(at, mapped ? throughOmap(rva) : rva);
+    at = put_hex(at, mapped ? m_sections.finalRva(rva) : rva);
     *at++ = ' ';
     at = put_hex(at, next - offset);
     *at++ = ' ';

@@ -35,7 +35,7 @@ bool PDBParser::updateParamSize(FunctionRecord& func, const PublicFunction* glob
 void PDBParser::settleParamSizes(Functions& functions, PublicFunctions& globals,
                                  const FrameTables& frames) const {
   for (FunctionRecord& func : functions) {
-    if (func.segment == 0 || func.segment > sections.size()) continue;  // dropped ones as well
+    if (func.segment == 0 || func.segment > m_sections.count()) continue;  // dropped ones as well
     PublicFunction* global = globals.find(func.offset);
     if (const FPO_DATA_V2* data = frames.v2.find(func.offset, func.length))
       func.paramSize = data->cbParams;

@@ -42,7 +42,7 @@ void PDBParser::resolveFunctionLines(const DBIModuleInfo* module, Functions& fun
   readModule(module, kLinesSubsection, [&](StreamReader& reader, int32_t, uint32_t) {
     if (funcs.empty()) return;
     const DataPtr<CV_LineSection> section = reader.read<CV_LineSection>();
-    const uint32_t address = mapAddressOmap(section->off, section->sec);
+    const uint32_t address = m_sections.mapAddressOmap(section->off, section->sec);
     FunctionRecord& function = funcs[index.lowerBound(section->sec, address)];
     if (keepsItsLines(function, address)) return;
     takeLines(reader, unique, fileIndex, section->off, function);

@@ -11,7 +11,7 @@ FunctionRecord& PDBParser::addFunction(Functions& funcs, DataPtr<char>&& name, u
   FunctionRecord& func = funcs.emplace_back();
   func.name = std::move(name);
   func.segment = segment;
-  func.offset = mapAddressOmap(offset, segment);
+  func.offset = m_sections.mapAddressOmap(offset, segment);
   func.pre_omap_offset = offset;
   return func;
 }

@@ -14,8 +14,7 @@ constexpr uint32_t kFunctionFlag = 2;
 
 // A record of exactly the fixed part's length has a name of one byte that belongs to the next
 // record: the walk goes on one byte off from there.
-void PDBParser::getGlobalFunctions(uint16_t symRecStream, const SectionHeaders& headers,
-                                   PublicFunctions& globals) {
+void PDBParser::getGlobalFunctions(uint16_t symRecStream, PublicFunctions& globals) {
   const StreamPair& stream = getStream(symRecStream);
   if (stream.size == 0) return;
   StreamReader reader(stream, m_file.pages());
@@ -28,9 +27,9 @@ void PDBParser::getGlobalFunctions(uint16_t symRecStream, const SectionHeaders& 
     const DataPtr<GlobalRecord> record = reader.read<GlobalRecord>();
     DataPtr<char> name = reader.read<char>(length - sizeof(GlobalRecord));
     undname(name);  // also for what is dropped: the first record is what loads the library
-    if (record->symType != kFunctionFlag || record->segment > headers.size()) continue;
+    if (record->symType != kFunctionFlag || record->segment > m_sections.count()) continue;
     const bool decorated = name.data[0] == '@' || name.data[0] == '_';
-    globals.insert({std::move(name), mapAddressOmap(record->offset, record->segment),
+    globals.insert({std::move(name), m_sections.mapAddressOmap(record->offset, record->segment),
                     record->segment, decorated, /*covered=*/false});
   }
 }
