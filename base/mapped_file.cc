@@ -28,15 +28,17 @@ void* mapWithGuard(int fd, size_t length) {
 bool MMapWrapper::Map(const char* path) {
   const int fd = open(path, O_RDONLY | O_CLOEXEC);
   if (fd < 0) return false;
-  struct stat status;
-  void* base = nullptr;
-  // A mapping of no bytes is refused by the system; so is one of a folder.
-  if (fstat(fd, &status) == 0 && status.st_size > 0) {
-    m_length = static_cast<size_t>(status.st_size);
-    base = mapWithGuard(fd, m_length);
-  }
+  const bool mapped = Map(fd);
   close(fd);
-  m_base = static_cast<const uint8_t*>(base);
+  return mapped;
+}
+
+bool MMapWrapper::Map(int fd) {
+  struct stat status;
+  // A mapping of no bytes is refused by the system; so is one of a folder.
+  if (fstat(fd, &status) != 0 || status.st_size <= 0) return false;
+  m_length = static_cast<size_t>(status.st_size);
+  m_base = static_cast<const uint8_t*>(mapWithGuard(fd, m_length));
   return m_base != nullptr;
 }
 

@@ -21,6 +21,8 @@ class MMapWrapper {
   // Maps the file. False when it cannot be opened or mapped; an empty file is one such. To be
   // called once.
   bool Map(const char* path);
+  // The same for an open file, which is not closed.
+  bool Map(int fd);
   void Unmap();
 
   bool Valid() const { return m_base != nullptr; }

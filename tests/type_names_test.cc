@@ -54,7 +54,7 @@ class Types {
 
   std::string text(uint32_t type, uint32_t flags = TypeNames::IsTopLevel, bool info = false) {
     std::string output;
-    is_function_ = names_.append(type, output, flags, info);
+    is_function_ = names_.stringizeType(type, output, flags, info);
     return output;
   }
   bool is_function() const { return is_function_; }

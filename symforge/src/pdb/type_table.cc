@@ -237,4 +237,13 @@ uint16_t TypeTable::wordAt(uint32_t offset) const {
   return *StreamReader(*m_stream, *m_file, offset).read<le_uint16>();
 }
 
+void loadTypeStream(const MsfFile& file, uint32_t stream, TypeTable& table, bool required) {
+  const StreamPair& pair = file.getStream(stream);
+  if (pair.size == 0) {
+    if (required) throw pdb_exception("Invalid type info stream");
+    return;
+  }
+  table.load(pair, file.pages());
+}
+
 }  // namespace symforge_internal

@@ -18,7 +18,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "symforge/src/StreamReader.h"
+#include "symforge/src/msf/msf_file.h"
 #include "symforge/src/pdb/codeview.h"
 
 namespace symforge_internal {
@@ -109,5 +109,9 @@ class TypeTable {
   std::vector<Run> m_runs;  // in the order of the stream
   mutable size_t m_lastRun = 0;
 };
+
+// Loads a type stream of a PDB into `table`. A stream without bytes leaves it empty; when it is
+// `required` that throws pdb_exception. Throws std::out_of_range for a stream that does not exist.
+void loadTypeStream(const MsfFile& file, uint32_t stream, TypeTable& table, bool required);
 
 }  // namespace symforge_internal
