@@ -41,4 +41,8 @@ inline bool symb_holds(uint64_t size, uint64_t offset, uint64_t count, uint64_t 
   return offset <= size && count <= (size - offset) / record_size;
 }
 
+// Whether symb_relocate() succeeds on a copy of the block. The block is only read; memory is an
+// eighth of its size.
+bool symb_references_are_valid(const char* block, uint64_t size);
+
 }  // namespace symforge_internal
