@@ -260,16 +260,11 @@ bool Printer::enter_map(const symb_nested_window_frame_info& owner) {
 
 bool Printer::outputWindowFrameInfo(const symb_nested_window_frame_info& range) {
   const symb_window_frame_info& info = range.wfi;
-  StackWinFields fields = {};
+  StackWinFields fields;
   fields.type = info.type;
   fields.rva = range.base;
   fields.code_size = range.address + 1 - range.base;
-  fields.prolog_size = info.prolog_size;
-  fields.epilog_size = info.epilog_size;
-  fields.parameter_size = info.parameter_size;
-  fields.saved_register_size = info.saved_register_size;
-  fields.local_size = info.local_size;
-  fields.max_stack_size = info.max_stack_size;
+  static_cast<google_breakpad::StackWinSizes&>(fields) = symb_sizes(info);
   fields.allocates_base_pointer = info.allocates_base_pointer != 0;
   fields.has_program = info.program_string != 0;
   if (fields.has_program && !string(info.program_string, &fields.program_string)) return false;

@@ -1,4 +1,5 @@
-// The lines of a text symbol file: the fields of each kind of line and how it is written.
+// The lines of a text symbol file: the fields of each kind of line, how it is written and how it is
+// read.
 //
 // append_line() appends one line, with its line feed, to a text. Numbers come out in the form that
 // the kind prescribes (hexadecimal in lower case without prefix or padding, or decimal); strings
@@ -7,6 +8,13 @@
 //
 // Addresses are relative to the image, sizes are in bytes. Strings are views that the caller keeps
 // alive for the call.
+//
+// parse() reads a line by the full grammar; it may split the line in place. quick_parse() reads a
+// line of the shape that symbol writers produce, without changing it, and is false for everything
+// else, valid or not: where it is true, parse() is true with the same fields. `line` begins with
+// the prefix of its kind; `end` is the end of the line, where a line end or NUL is stored. parse()
+// puts a NUL there. Strings are views into the line and live as long as the buffer does, or are
+// views of a constant. On false, fields may have been set. Nothing is logged.
 //
 // To add a kind of line: its fields and declarations here, its functions in symbol_text.cc.
 
@@ -19,6 +27,7 @@
 #include <string_view>
 
 #include "base/text_buffer.h"
+#include "google_breakpad/processor/windows_frame_info.h"
 
 namespace symforge_internal {
 
@@ -105,20 +114,13 @@ struct PublicFields {
 // STACK WIN type rva code_size prolog_size epilog_size parameter_size saved_register_size
 // local_size
 //   max_stack_size, then "1" program_string or "0" allocates_base_pointer
-struct StackWinFields {
-  int type;
-  uint64_t rva;
-  uint64_t code_size;
-  uint32_t prolog_size;
-  uint32_t epilog_size;
-  uint32_t parameter_size;
-  uint32_t saved_register_size;
-  uint32_t local_size;
-  uint32_t max_stack_size;
-  bool has_program;
-  bool allocates_base_pointer;      // meaningful without a program
-  std::string_view program_string;  // may be empty with a program, too
-  bool operator==(const StackWinFields&) const = default;
+struct StackWinFields : google_breakpad::StackWinSizes {
+  int type = 0;  // 0 to 4; lines of other types are not read
+  uint64_t rva = 0;
+  uint64_t code_size = 0;
+  bool has_program = false;
+  bool allocates_base_pointer = false;  // meaningful without a program
+  std::string_view program_string;      // may be empty with a program, too
 };
 // STACK CFI INIT address size rules, or STACK CFI address rules, which has no size.
 struct StackCFIFields {
@@ -158,5 +160,33 @@ inline void append_line(TextBuffer& out, const LineFields& fields) {
 constexpr size_t kCfiPrefixBytes = 64;
 LineWriter& put_cfi_init(LineWriter& line, uint64_t address, uint64_t size);
 LineWriter& put_cfi_delta(LineWriter& line, uint64_t address);
+
+bool quick_parse(const char* line, const char* end, FileFields* fields);
+bool quick_parse(const char* line, const char* end, FunctionFields* fields);
+bool quick_parse(const char* line, const char* end, PublicFields* fields);
+bool quick_parse(const char* line, const char* end, InlineFields* fields);
+bool quick_parse(const char* line, const char* end, StackWinFields* fields);
+bool quick_parse(const char* line, const char* end, StackCFIFields* fields);
+// Finds the end of its line, which it stores in `*end`.
+bool quick_parse(const char* line, const char** end, LineFields* fields);
+
+bool parse(char* line, char* end, FileFields* fields);
+bool parse(char* line, char* end, FunctionFields* fields);
+bool parse(char* line, char* end, LineFields* fields);
+bool parse(char* line, char* end, PublicFields* fields);
+// Refuses missing fields and numbers out of range only: what is no number counts as 0, and
+// characters after a number are ignored.
+bool parse(char* line, char* end, InlineFields* fields);
+
+// Splits a line that begins with "STACK " at its platform word, which becomes NUL-terminated; the
+// rest of the line, which may be empty, begins one byte after it.
+void split_stack_line(char* line, char* end, char** platform, char** stack_info);
+// These two read what follows the platform word. The words of a STACK WIN line are not checked for
+// trailing characters: what is no number counts as 0.
+bool parse(char* stack_info, char* end, StackWinFields* fields);
+bool parse(char* stack_info, char* end, StackCFIFields* fields);
+
+// Whether a number may end at `after_number`: before a blank, a line end or the end of the text.
+bool is_valid_after_number(const char* after_number);
 
 }  // namespace symforge_internal
