@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <string_view>
 
@@ -32,12 +33,29 @@ void replaceExtension(std::string& path, const char* extension) {
 }
 
 // The name of the PE that belongs to a PDB: the first that exists of the two that it can have, or
-// else the second. A name that is too short for an extension throws std::out_of_range.
+// else the second. Empty for a path that is too short for an extension.
 std::string peBeside(const char* pdb) {
   std::string path = pdb;
+  if (path.size() < kExtensionLength) return {};
   replaceExtension(path, "exe");
   if (access(path.c_str(), F_OK) != 0) replaceExtension(path, "dll");
   return path;
+}
+
+// A name as it is read back from a MODULE or INFO CODE_ID line: without blanks around it and
+// without carriage returns at its end.
+std::string nameOnLine(std::string_view name) {
+  name = name.substr(0, name.find_last_not_of('\r') + 1);
+  const size_t begin = std::min(name.find_first_not_of(' '), name.size());
+  return std::string(name.substr(begin, name.find_last_not_of(' ') + 1 - begin));
+}
+
+// Time stamp and size of an image, in upper case. A short time stamp is padded with blanks, not
+// with zeros.
+std::string codeIdentifier(uint32_t timeStamp, uint32_t size) {
+  char text[32];
+  std::snprintf(text, sizeof(text), "%8X%X", timeStamp, size);
+  return text;
 }
 
 }  // namespace
@@ -70,13 +88,21 @@ void PDBParser::printHeader(const DBIHeader* header, TextBuffer& out) {
     line.str(m_debug_id).chr(' ').str(name).chr('\n');
   }
   if (!m_foundPE) return;
-  // In upper case, and a short time stamp is padded with blanks, not with zeros.
-  char identity[32];
-  const int length = std::snprintf(identity, sizeof(identity), "%8X%X", m_PETimeStamp, m_PESize);
   const std::string_view name = lastComponent(m_code_file);
   LineWriter line(out, 64 + name.size());
-  line.str("INFO CODE_ID ").str({identity, static_cast<size_t>(length)}).chr(' ');
+  line.str("INFO CODE_ID ").str(codeIdentifier(m_PETimeStamp, m_PESize)).chr(' ');
   line.str(name).chr('\n');
+}
+
+sym_info PDBParser::identity() const {
+  sym_info info;
+  info.debug_id = m_debug_id;
+  info.debug_file = nameOnLine(lastComponent(m_pdb_file));
+  if (m_foundPE) {
+    info.code_id = nameOnLine(codeIdentifier(m_PETimeStamp, m_PESize));
+    info.code_file = nameOnLine(lastComponent(m_code_file));
+  }
+  return info;
 }
 
 void PDBParser::printBreakpadSymbols(TextBuffer& out, FileMod* fileMod) {

@@ -47,6 +47,7 @@
 #include "symforge/src/pdb/source_files.h"
 #include "symforge/src/pdb/type_names.h"
 #include "symforge/src/pdb/type_table.h"
+#include "symforge/src/utils.h"
 
 namespace symforge_internal {
 
@@ -88,6 +89,10 @@ class PDBParser {
 
   // Debug identifier: GUID in upper-case digits, age in lower-case ones. Empty in the PE-only mode.
   const std::string& debug_id() const { return m_debug_id; }
+
+  // Who the symbol file of the PDB belongs to, from the PDB and the image themselves and not from
+  // lines of the text. `os` and `arch` stay empty. After load() of a PDB.
+  sym_info identity() const;
 
   // Releases the mapping of the PDB.
   void close() { m_mapping.Unmap(); }

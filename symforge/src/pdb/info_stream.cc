@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cassert>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -14,6 +13,7 @@
 #include <string_view>
 #include <utility>
 
+#include "base/printable.h"
 #include "symforge/src/PDBParser.h"
 #include "symforge/src/msf/stream_directory.h"
 #include "symforge/src/pdb/debug_id.h"
@@ -39,25 +39,18 @@ void refuseNoPageSize(uint32_t pageSize) {
   std::abort();
 }
 
-// Makes a folder unless something of that name is there. Several processes may fill one tree, so
-// one that another process makes in between is as good; a link that leads nowhere is not.
-void makeFolder(const std::string& path, const char* step) {
-  const auto exists = [&path] { return access(path.c_str(), F_OK) == 0; };
-  if (exists() || mkdir(path.c_str(), kFolderMode) == 0) return;
-  const int error = errno;
-  if (error == EEXIST && exists()) return;
-  std::fprintf(stderr, "%s %s: %s\n", step, path.c_str(), std::strerror(error));
-  std::exit(-1);
-}
-
 // The folders of a PDB in a symbol tree: ROOT/NAME/IDENTIFIER.
 void makeTreeFolders(const char* root, std::string_view name, const std::string& id) {
   if (access(root, F_OK) != 0) mkdir(root, kFolderMode);
-  const std::string folder = std::string(root).append("/").append(name);
-  makeFolder(folder, "mkdir1");
-  makeFolder(folder + "/" + id, "mkdir2");
-  // The name of the symbol file is made by exchanging an extension: there must be one.
-  assert(name.find('.') != std::string::npos);
+  const TreeFolders made = make_tree_folders(root, name, id, kFolderMode);
+  if (made == TreeFolders::kMade) return;
+  const int error = errno;
+  const bool first = made == TreeFolders::kNoFileFolder;
+  std::string folder = std::string(root).append("/").append(name);
+  if (!first) folder.append("/").append(id);
+  std::fprintf(stderr, "%s %s: %s\n", first ? "mkdir1" : "mkdir2", printable(folder).c_str(),
+               std::strerror(error));
+  std::exit(-1);
 }
 
 // The sets in the table of named streams: a word count, and that many words of bits.

@@ -2,6 +2,7 @@
 // without a PDB, the symbol file in the tree that its debug record leads to.
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -25,6 +26,20 @@ constexpr std::string_view kCodeId = "INFO CODE_ID";
 template <typename Record>
 bool readRecord(std::FILE* file, Record& record) {
   return std::fread(&record, sizeof(record), 1, file) == 1;
+}
+
+// Null for what cannot be opened, and for FIFOs and devices, which would block or have side
+// effects.
+std::FILE* openFile(const char* path) {
+  const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (fd == -1) return nullptr;
+  struct stat status;
+  std::FILE* file = nullptr;
+  const bool readable =
+      fstat(fd, &status) == 0 && (S_ISREG(status.st_mode) || S_ISDIR(status.st_mode));
+  if (readable) file = fdopen(fd, "rb");
+  if (file == nullptr) close(fd);
+  return file;
 }
 
 [[noreturn]] void refuseClr() { throw pdb_exception(kClrNotSupported); }
@@ -51,8 +66,6 @@ void keepLastComponent(std::string& path) {
   path.erase(0, path.rfind('/') + 1);
   path.erase(0, path.rfind('\\') + 1);
 }
-
-bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
 [[noreturn]] void refuseSecondPe() { throw pdb_exception("exe/dll already exists"); }
 
@@ -85,8 +98,7 @@ void copySymb(const std::string& path, TextBuffer& out) {
 
 // A file that cannot be opened is no error: the symbol file then lacks what the PE would give.
 void PDBParser::readPeHeaders(const char* filename) {
-  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(filename, "rb"),
-                                                             std::fclose);
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(openFile(filename), std::fclose);
   if (file == nullptr) return;
   m_code_file = filename;
   IMAGE_DOS_HEADER dos;
@@ -110,19 +122,17 @@ void PDBParser::findSymbolFileOfPe(const char* exe, const char* sympath, TextBuf
     throw pdb_exception("PE with empty debug file name or id");
   keepLastComponent(debug_file);
 
-  std::string path;
   const auto inTree = [&](bool binary) {
-    return sympath != nullptr &&
-           synthesize_sym_path(sympath, debug_file.c_str(), debug_id.c_str(), binary,
-                               /*create=*/false, path) &&
-           exists(path);
+    return sympath == nullptr ? std::string()
+                              : existing_tree_path(sympath, debug_file, debug_id, binary);
   };
-  if (inTree(/*binary=*/false))
+  if (const std::string path = inTree(/*binary=*/false); !path.empty()) {
     copyText(path, out);
-  else if (inTree(/*binary=*/true))
-    copySymb(path, out);
-  else
+  } else if (const std::string image = inTree(/*binary=*/true); !image.empty()) {
+    copySymb(image, out);
+  } else {
     throw pdb_exception("PE file without matching pdb or sym file");
+  }
 }
 
 }  // namespace symforge_internal
