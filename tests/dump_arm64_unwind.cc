@@ -49,7 +49,7 @@ void printEffect(const Arm64Effect& effect) {
 
 void printSequence(const Arm64Sequence& sequence) {
   for (size_t i = 0; i < sequence.effects.size(); ++i) {
-    if (i == sequence.instructions) std::printf(" |");  // end_c
+    if (i == sequence.instructions && sequence.has_end_c) std::printf(" |");
     printEffect(sequence.effects[i]);
   }
 }

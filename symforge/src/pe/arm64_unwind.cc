@@ -98,7 +98,7 @@ class Arm64UnwindPrinter {
       if (status != Arm64Status::kOk) break;
       if (entry_.epilogStart() < done) return Arm64Status::kMalformed;
       done = entry_.epilogEnd();
-      rows += entry_.epilog().instructions + 2;
+      rows += entry_.epilogEnd() - entry_.epilogStart() + 1;
       if (entry_.decodedCodes() > most_codes_) break;
     }
     report_.limit_reached = entry_.decodedCodes() > most_codes_ || rows > rows_left_;
@@ -140,7 +140,7 @@ class Arm64UnwindPrinter {
     frame_.reset();
     size_t i = epilog.effects.size();
     while (i > epilog.instructions) frame_.add(epilog.effects[--i]);
-    epilog_rows_.push_back(frame_.rules());
+    if (!epilog.has_end_c) epilog_rows_.push_back(frame_.rules());
     while (i > 0) {
       frame_.add(epilog.effects[--i]);
       epilog_rows_.push_back(frame_.rules());

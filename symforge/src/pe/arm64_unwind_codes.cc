@@ -112,7 +112,8 @@ Arm64Effect saveAny(uint32_t code) {
   const bool pre_indexed = (code >> 13 & 1) != 0;
   const auto file = static_cast<File>(code >> 6 & 3);
   const uint32_t unit = pair || pre_indexed || file == File::kQ ? 16 : 8;
-  const uint32_t bytes = (code & 0x3F) * unit;
+  // What is pre-indexed moves the stack pointer by one unit at least.
+  const uint32_t bytes = ((code & 0x3F) + (pre_indexed ? 1 : 0)) * unit;
   return save(file, code >> 8 & 0x1F, pair, pre_indexed ? 0 : bytes, pre_indexed ? bytes : 0);
 }
 
@@ -126,15 +127,33 @@ struct CodeKind {
 };
 
 constexpr CodeKind kCodes[] = {
-    {0x00, 1, allocS},   {0x20, 1, saveR19R20X}, {0x40, 1, saveFpLr},  {0x80, 1, saveFpLrX},
-    {0xC0, 2, allocM},   {0xC8, 2, saveRegP},    {0xCC, 2, saveRegPX}, {0xD0, 2, saveReg},
-    {0xD4, 2, saveRegX}, {0xD6, 2, saveLrPair},  {0xD8, 2, saveFRegP}, {0xDA, 2, saveFRegPX},
-    {0xDC, 2, saveFReg}, {0xDE, 2, saveFRegX},   {0xDF, 2, nullptr},  // allocates a multiple of the
-                                                                      // vector length
-    {0xE0, 4, allocL},   {0xE1, 1, setFp},       {0xE2, 2, addFp},     {0xE3, 1, nop},
-    {0xE4, 1, end},      {0xE5, 1, endC},        {0xE6, 1, saveNext},  {0xE7, 3, saveAny},
+    {0x00, 1, allocS},
+    {0x20, 1, saveR19R20X},
+    {0x40, 1, saveFpLr},
+    {0x80, 1, saveFpLrX},
+    {0xC0, 2, allocM},
+    {0xC8, 2, saveRegP},
+    {0xCC, 2, saveRegPX},
+    {0xD0, 2, saveReg},
+    {0xD4, 2, saveRegX},
+    {0xD6, 2, saveLrPair},
+    {0xD8, 2, saveFRegP},
+    {0xDA, 2, saveFRegPX},
+    {0xDC, 2, saveFReg},
+    {0xDE, 2, saveFRegX},
+    {0xDF, 2, nullptr},  // allocates a multiple of the
+                         // vector length
+    {0xE0, 4, allocL},
+    {0xE1, 1, setFp},
+    {0xE2, 2, addFp},
+    {0xE3, 1, nop},
+    {0xE4, 1, end},
+    {0xE5, 1, endC},
+    {0xE6, 1, saveNext},
+    {0xE7, 3, saveAny},
     {0xE8, 1, nullptr},  // custom stack layouts, then reserved codes
-    {0xFC, 1, signLr},   {0xFD, 1, nullptr},
+    {0xFC, 1, signLr},
+    {0xFD, 1, nullptr},
 };
 
 constexpr uint8_t kSaveAny = 0xE7;
@@ -193,7 +212,6 @@ bool resolveSaveNext(std::span<Arm64Effect> run, const Arm64Effect& pair) {
 
 Arm64Status decodeArm64Codes(std::span<const uint8_t> codes, size_t index, Arm64Sequence& out) {
   out.clear();
-  bool own = true;        // no end_c so far
   size_t next_begin = 0;  // the first effect of the current run of save_next
   for (;;) {
     Arm64Effect effect;
@@ -207,9 +225,9 @@ Arm64Status decodeArm64Codes(std::span<const uint8_t> codes, size_t index, Arm64
     if (!resolveSaveNext(run, effect) || !hasValidRegisters(effect)) return Arm64Status::kMalformed;
     const bool ends = effect.kind == Kind::kEnd || effect.kind == Kind::kEndOfPart;
     if (!ends) out.effects.push_back(effect);
-    if (ends && own) out.instructions = out.effects.size();
+    if (ends && !out.has_end_c) out.instructions = out.effects.size();
     if (effect.kind == Kind::kEnd) return Arm64Status::kOk;
-    if (ends) own = false;
+    if (ends) out.has_end_c = true;
     next_begin = out.effects.size();
   }
 }

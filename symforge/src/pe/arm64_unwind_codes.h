@@ -43,16 +43,21 @@ struct Arm64Effect {
   bool operator==(const Arm64Effect&) const = default;
 };
 
-// The codes from one index on. A sequence without `end_c` has as many effects as instructions.
+// The codes from one index on. A sequence that ends in `end` has as many effects as instructions.
 // After an `end_c`, the effects of the parts of the function that ran earlier follow: they have no
 // instructions here.
 struct Arm64Sequence {
   std::vector<Arm64Effect> effects;
   size_t instructions = 0;
+  bool has_end_c = false;
+
+  // Instructions of an epilog: `end` implies a return or a jump, `end_c` implies none.
+  size_t epilogInstructions() const { return instructions + (has_end_c ? 0 : 1); }
 
   void clear() {
     effects.clear();
     instructions = 0;
+    has_end_c = false;
   }
 };
 

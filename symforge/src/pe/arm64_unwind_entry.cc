@@ -87,7 +87,7 @@ Arm64Status Arm64UnwindEntry::selectEpilog(size_t index) {
     if (status != Arm64Status::kOk) return status;
     epilog_codes_ = code_index;
   }
-  const uint32_t instructions = instructionsOf(epilog_) + 1;
+  const uint32_t instructions = epilogInstructions();
   if (instructions > length_) return Arm64Status::kMalformed;
   epilog_start_ = scoped ? scopes_[index].start() : length_ - instructions;
   const bool inside = epilog_start_ >= prolog_.instructions && epilogEnd() <= length_;

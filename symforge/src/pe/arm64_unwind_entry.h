@@ -31,9 +31,9 @@ class Arm64UnwindEntry {
   // does not overlap the prolog. Throws std::bad_alloc.
   Arm64Status selectEpilog(size_t index);
 
-  // The selected epilog. Its last instruction, a return or a jump, follows those of the sequence.
+  // The selected epilog, with the return or jump that ends it.
   uint32_t epilogStart() const { return epilog_start_; }
-  uint32_t epilogEnd() const { return epilog_start_ + instructionsOf(epilog_) + 1; }
+  uint32_t epilogEnd() const { return epilog_start_ + epilogInstructions(); }
   const Arm64Sequence& epilog() const { return epilog_; }
   // A number for the codes of the selected epilog: the same for epilogs with the same sequence.
   size_t epilogCodes() const { return epilog_codes_; }
@@ -44,8 +44,8 @@ class Arm64UnwindEntry {
  private:
   static constexpr size_t kNoCodes = SIZE_MAX;
 
-  static uint32_t instructionsOf(const Arm64Sequence& sequence) {
-    return static_cast<uint32_t>(sequence.instructions);
+  uint32_t epilogInstructions() const {
+    return static_cast<uint32_t>(epilog_.epilogInstructions());
   }
   Arm64Status readPacked(const Arm64RuntimeFunction& entry);
   Arm64Status readRecord(uint32_t rva);
