@@ -91,9 +91,9 @@ void CfiWriter::change(uint32_t address, const CfiRules& rules) {
   next_ = rules;
 }
 
-void CfiWriter::finish() {
+void CfiWriter::finish(Rest rest) {
   writePending();
-  writeLeaves(UINT64_MAX);
+  if (rest == Rest::kLeaves) writeLeaves(UINT64_MAX);
 }
 
 // Writes a range for each part of a function that is above done_ and below `end`.

@@ -65,8 +65,11 @@ class CfiWriter {
   // for one address count. Addresses at or beyond the range's end are ignored.
   void change(uint32_t address, const CfiRules& rules);
 
+  // What the code of functions above the last claimed range is. kUnknown: entries are missing.
+  enum class Rest : uint8_t { kLeaves, kUnknown };
+
   // Writes what is pending, and the leaf ranges that follow the last claimed range.
-  void finish();
+  void finish(Rest rest = Rest::kLeaves);
 
  private:
   void writeLeaves(uint64_t end);
