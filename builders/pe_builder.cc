@@ -101,6 +101,11 @@ PeBuilder& PeBuilder::function_entry(const FunctionEntry& entry) {
   return directory(3, kFunctionsRva, static_cast<uint32_t>(functions_.size()));
 }
 
+PeBuilder& PeBuilder::arm64_entry(uint32_t begin, uint32_t unwind_data) {
+  functions_.u32(begin).u32(unwind_data);
+  return directory(3, kFunctionsRva, static_cast<uint32_t>(functions_.size()));
+}
+
 // All sections, each with its place in the file.
 std::vector<PeBuilder::Content> PeBuilder::contents() const {
   PeBuilder all = *this;

@@ -83,6 +83,8 @@ class PeBuilder {
   // A function with unwind info of its own, and any entry.
   PeBuilder& function(uint32_t begin, uint32_t end, const UnwindInfo& info);
   PeBuilder& function_entry(const FunctionEntry& entry);
+  // An entry of an ARM64 image: the function's RVA, and packed data or the RVA of a record.
+  PeBuilder& arm64_entry(uint32_t begin, uint32_t unwind_data);
 
   std::string build() const;
 

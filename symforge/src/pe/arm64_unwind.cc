@@ -12,69 +12,81 @@ namespace {
 
 using google_breakpad::PeImage;
 
-// Limits for one image: a fixed part, and one in proportion to the file.
-constexpr uint64_t kFewestCodes = uint64_t{1} << 20;
-constexpr uint64_t kCodesPerFileByte = 2;
-constexpr uint64_t kFewestRows = uint64_t{1} << 16;
-constexpr uint64_t kFileBytesPerRow = kArm64InstructionBytes;
-
 // Bytes from the headers, which are at the begin of a file, to its end.
 uint64_t fileBytes(const PeImage& image) {
   return image.bytesLeft(reinterpret_cast<const uint8_t*>(image.ntHeaders()));
 }
 
-class Arm64UnwindPrinter {
+class Arm64UnwindWriter {
  public:
-  Arm64UnwindPrinter(const PeImage& image, std::span<const Arm64RuntimeFunction> table,
-                     std::span<const CodeRange> functions, TextBuffer& out)
+  Arm64UnwindWriter(const PeImage& image, std::span<const Arm64RuntimeFunction> table,
+                    std::span<const CodeRange> functions, TextBuffer& out)
       : table_(table),
         functions_(functions),
         entry_(image),
         cfi_(out, arm64Cfi(), functions),
         image_end_(image.ntHeaders()->OptionalHeader.SizeOfImage),
-        most_codes_(kFewestCodes + kCodesPerFileByte * fileBytes(image)),
-        rows_left_(kFewestRows + fileBytes(image) / kFileBytesPerRow) {}
+        most_codes_(kFewestArm64Codes + kArm64CodesPerFileByte * fileBytes(image)),
+        rows_left_(kFewestArm64Rows + fileBytes(image) / kFileBytesPerArm64Row) {}
 
-  Arm64UnwindReport print() {
-    for (size_t i = 0; i < table_.size(); ++i) {
-      if (table_[i].BeginAddress == 0 && table_[i].UnwindData == 0) continue;
-      printEntry(i);
+  Arm64UnwindReport write(bool truncated) {
+    report_.truncated = truncated;
+    const std::vector<uint32_t> order = entriesByAddress();
+    for (size_t i = 0; i < order.size(); ++i) {
+      const bool has_next = i + 1 < order.size();
+      const uint32_t next = has_next ? table_[order[i + 1]].BeginAddress : UINT32_MAX;
+      writeEntry(table_[order[i]], next);
     }
-    cfi_.finish();
+    cfi_.finish(truncated ? CfiWriter::Rest::kUnknown : CfiWriter::Rest::kLeaves);
     return report_;
   }
 
  private:
-  void printEntry(size_t index) {
-    const uint32_t begin = table_[index].BeginAddress;
-    Arm64Status status = Arm64Status::kMalformed;
-    if (!report_.limit_reached) status = check(table_[index]);
+  // Indexes into the table, which ascends in all but damaged files. Padding is left out.
+  std::vector<uint32_t> entriesByAddress() const {
+    std::vector<uint32_t> order;
+    order.reserve(table_.size());
+    for (size_t i = 0; i < table_.size(); ++i) {
+      if (table_[i].BeginAddress != 0 || table_[i].UnwindData != 0)
+        order.push_back(static_cast<uint32_t>(i));
+    }
+    const auto beginsBelow = [this](uint32_t a, uint32_t b) {
+      return table_[a].BeginAddress < table_[b].BeginAddress;
+    };
+    if (!std::is_sorted(order.begin(), order.end(), beginsBelow))
+      std::stable_sort(order.begin(), order.end(), beginsBelow);
+    return order;
+  }
+
+  // `next`: the begin of the entry that follows.
+  void writeEntry(const Arm64RuntimeFunction& entry, uint32_t next) {
+    ++report_.entries;
+    const uint32_t begin = entry.BeginAddress;
+    if (report_.limit_reached) {
+      claimUndescribed(begin, /*size=*/0, next);
+      return;
+    }
+    Arm64Status status = check(entry);
     const uint64_t size = uint64_t{entry_.length()} * kArm64InstructionBytes;
     if (status == Arm64Status::kOk && begin + size > image_end_) status = Arm64Status::kMalformed;
     if (report_.limit_reached || status != Arm64Status::kOk) {
-      leaveOut(index, status);
+      if (status == Arm64Status::kMalformed) ++report_.damaged;
+      if (status == Arm64Status::kUnsupported) ++report_.unsupported;
+      claimUndescribed(begin, size, next);
     } else if (!cfi_.claim({begin, static_cast<uint32_t>(size)})) {
       ++report_.overlapping;
     } else {
-      ++report_.described;
       writeProlog(begin);
       for (size_t i = 0; i < entry_.epilogCount(); ++i) writeEpilog(begin, i);
     }
   }
 
   // The code of an entry without rules is no leaf function: it is claimed, as far as it is known.
-  void leaveOut(size_t index, Arm64Status status) {
-    if (status == Arm64Status::kUnsupported) {
-      ++report_.unsupported;
-    } else if (!report_.limit_reached) {
-      ++report_.malformed;
-    }
-    const uint32_t begin = table_[index].BeginAddress;
-    const bool has_length = !report_.limit_reached && entry_.length() != 0;
-    uint64_t end = begin + uint64_t{entry_.length()} * kArm64InstructionBytes;
-    if (!has_length || end > image_end_) end = endOfFunction(begin);
-    const bool has_next = index + 1 < table_.size() && table_[index + 1].BeginAddress > begin;
-    if (has_next) end = std::min<uint64_t>(end, table_[index + 1].BeginAddress);
+  // `size` 0: unknown.
+  void claimUndescribed(uint32_t begin, uint64_t size, uint32_t next) {
+    uint64_t end = begin + size;
+    if (size == 0 || end > image_end_) end = endOfFunction(begin);
+    if (next > begin) end = std::min<uint64_t>(end, next);
     cfi_.claim({begin, static_cast<uint32_t>(end - begin)});
   }
 
@@ -163,17 +175,14 @@ class Arm64UnwindPrinter {
 
 }  // namespace
 
-Arm64UnwindReport printArm64Unwind(const PeImage& image, uint32_t table, uint32_t table_bytes,
-                                   std::span<const CodeRange> functions, TextBuffer& out) {
-  const uint8_t* bytes = table_bytes == 0 ? nullptr : image.bytesAt(table, table_bytes);
-  if (bytes == nullptr && table_bytes != 0) {
-    Arm64UnwindReport report;
-    report.table_cut_short = true;
-    return report;
-  }
-  const std::span entries(reinterpret_cast<const Arm64RuntimeFunction*>(bytes),
-                          table_bytes / sizeof(Arm64RuntimeFunction));
-  return Arm64UnwindPrinter(image, entries, functions, out).print();
+Arm64UnwindReport writeArm64UnwindRules(const PeImage& image, uint32_t table, uint32_t table_bytes,
+                                        std::span<const CodeRange> functions, TextBuffer& out) {
+  const size_t count = table_bytes / sizeof(Arm64RuntimeFunction);
+  const uint8_t* bytes = count == 0 ? nullptr : image.ImageRvaToVa(table);
+  const size_t present =
+      bytes == nullptr ? 0 : std::min(count, image.bytesLeft(bytes) / sizeof(Arm64RuntimeFunction));
+  const std::span entries(reinterpret_cast<const Arm64RuntimeFunction*>(bytes), present);
+  return Arm64UnwindWriter(image, entries, functions, out).write(present < count);
 }
 
 }  // namespace symforge_internal

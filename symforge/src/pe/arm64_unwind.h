@@ -13,26 +13,35 @@
 
 namespace symforge_internal {
 
-// What became of the entries of a table. Entries that consist of zeros are fill and are not
-// counted.
+// What became of the entries of a table. Entries that consist of zeros are padding.
 struct Arm64UnwindReport {
-  size_t described = 0;          // have rules
-  size_t malformed = 0;          // records that are cut short or contradict themselves: no rules
-  size_t overlapping = 0;        // begin inside of or below an earlier entry: no rules
-  size_t unsupported = 0;        // custom stack layouts, reserved or vector-length codes: no rules
-  bool table_cut_short = false;  // the table leaves the file: no rules at all
-  bool limit_reached = false;    // the entries ask for more than any compiler makes; see below
+  size_t entries = 0;      // all but padding
+  size_t damaged = 0;      // entries without rules: records are cut short or contradict themselves
+  size_t overlapping = 0;  // entries without rules: they begin inside of an earlier one
+  size_t unsupported = 0;  // entries without rules: custom stack layouts, reserved codes, sizes
+                           // that depend on the length of vector registers
+  // The table leaves the file. Code above the last entry has no rules then.
+  bool truncated = false;
+  // Entries ask for more codes or rows than any compiler makes: see below.
+  bool limit_reached = false;
 };
 
-// Appends the rules of the `table_bytes` bytes of entries at RVA `table`, and those of a leaf
-// function for all code of `functions` that no entry covers. `functions` ascend by begin.
+// Limits for one image: a fixed part, and one in proportion to the bytes of the file. Each row
+// belongs to an instruction, and each code either to one or to a byte of a record.
+inline constexpr uint64_t kFewestArm64Codes = uint64_t{1} << 20;
+inline constexpr uint64_t kArm64CodesPerFileByte = 2;
+inline constexpr uint64_t kFewestArm64Rows = uint64_t{1} << 16;
+inline constexpr uint64_t kFileBytesPerArm64Row = 4;
+
+// Appends the rules of the entries in the `table_bytes` bytes at RVA `table`, by ascending address,
+// and those of leaf functions.
 //
-// Reads nothing outside of the image. Time and text are bounded: the codes that are decoded and the
-// rows that are written are limited in proportion to the size of the file (each row belongs to an
-// instruction that takes 4 bytes of it). Entries from the limit on have no rules. Throws
-// std::bad_alloc.
-Arm64UnwindReport printArm64Unwind(const google_breakpad::PeImage& image, uint32_t table,
-                                   uint32_t table_bytes, std::span<const CodeRange> functions,
-                                   TextBuffer& out);
+// `image` must have the NT headers of a PE32+ image. `functions` are the ranges of the image's
+// functions, ascending by begin. An entry without rules still covers its code: that is no leaf
+// function. Nothing outside of the image is read. From the first entry beyond a limit on, entries
+// have no rules. Prints no messages. Throws std::bad_alloc.
+Arm64UnwindReport writeArm64UnwindRules(const google_breakpad::PeImage& image, uint32_t table,
+                                        uint32_t table_bytes, std::span<const CodeRange> functions,
+                                        TextBuffer& out);
 
 }  // namespace symforge_internal
