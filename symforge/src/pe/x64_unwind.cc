@@ -213,16 +213,21 @@ class X64UnwindWriter {
 
 }  // namespace
 
+X64UnwindReport writeX64UnwindRules(const PeImage& image, uint32_t table, uint32_t table_bytes,
+                                    std::span<const CodeRange> functions, TextBuffer& out) {
+  const size_t count = table_bytes / sizeof(Entry);
+  const uint8_t* bytes = count == 0 ? nullptr : image.ImageRvaToVa(table);
+  const size_t present =
+      bytes == nullptr ? 0 : std::min(count, image.bytesLeft(bytes) / sizeof(Entry));
+  const std::span<const Entry> entries(reinterpret_cast<const Entry*>(bytes), present);
+  return X64UnwindWriter(image, entries, functions, out).write(present < count);
+}
+
 X64UnwindReport writeX64UnwindRules(const PeImage& image, std::span<const CodeRange> functions,
                                     TextBuffer& out) {
   const IMAGE_DATA_DIRECTORY& directory =
       image.ntHeaders()->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_EXCEPTION];
-  const size_t count = directory.Size / sizeof(Entry);
-  const uint8_t* table = count == 0 ? nullptr : image.ImageRvaToVa(directory.VirtualAddress);
-  const size_t present =
-      table == nullptr ? 0 : std::min(count, image.bytesLeft(table) / sizeof(Entry));
-  const std::span<const Entry> entries(reinterpret_cast<const Entry*>(table), present);
-  return X64UnwindWriter(image, entries, functions, out).write(present < count);
+  return writeX64UnwindRules(image, directory.VirtualAddress, directory.Size, functions, out);
 }
 
 }  // namespace symforge_internal

@@ -42,11 +42,17 @@ struct X64UnwindReport {
   bool truncated = false;
 };
 
-// Appends the rules of all entries, by ascending address, and those of leaf functions.
+// Appends the rules of the entries in the `table_bytes` bytes at RVA `table`, by ascending address,
+// and those of leaf functions.
 //
 // `image` must have the NT headers of a PE32+ image for x64. `functions` are the ranges of the
 // image's functions, ascending by begin. An entry without rules still covers its code: that is no
 // leaf function. Prints no messages. Throws std::bad_alloc.
+X64UnwindReport writeX64UnwindRules(const google_breakpad::PeImage& image, uint32_t table,
+                                    uint32_t table_bytes, std::span<const CodeRange> functions,
+                                    TextBuffer& out);
+
+// The same for the table in the image's exception directory.
 X64UnwindReport writeX64UnwindRules(const google_breakpad::PeImage& image,
                                     std::span<const CodeRange> functions, TextBuffer& out);
 
