@@ -31,6 +31,7 @@ inline constexpr uint8_t kAllocSmall = 2;
 inline constexpr uint8_t kSetFpreg = 3;
 inline constexpr uint8_t kSaveNonvol = 4;
 inline constexpr uint8_t kSaveNonvolFar = 5;
+inline constexpr uint8_t kEpilog = 6;  // version 2
 inline constexpr uint8_t kSaveXmm128 = 8;
 inline constexpr uint8_t kSaveXmm128Far = 9;
 inline constexpr uint8_t kPushMachframe = 10;
@@ -54,6 +55,7 @@ struct UnwindInfo {
   uint8_t frame_offset = 0;  // in units of 16 bytes
   std::vector<uint16_t> slots = {};
   FunctionEntry chained = {};
+  uint8_t version = 1;
 
   std::string bytes() const;
 };
