@@ -498,5 +498,23 @@ TEST(Arm64UnwindTest, BoundsSharedRecords) {
   EXPECT_LT(many_rows.text.size(), 10u << 20);
 }
 
+// What compilers and the assembler make is understood. scripts/check_against_llvm compares it.
+TEST(Arm64UnwindTest, ReadsTheFixtures) {
+  const struct {
+    const char* name;
+    size_t entries;
+    size_t unsupported;
+  } cases[] = {
+      {"frames_o0", 28, 0}, {"frames_o2", 19, 0}, {"frames_signed", 19, 0}, {"codes", 33, 5}};
+  for (const auto& c : cases) {
+    const std::string path = std::string(SYMFORGE_FIXTURES "/arm64/") + c.name + ".dll";
+    const Arm64UnwindReport report = written(read_file(path)).report;
+    EXPECT_EQ(report.entries, c.entries) << path;
+    EXPECT_EQ(report.unsupported, c.unsupported) << path;
+    EXPECT_EQ(report.damaged + report.overlapping, 0u) << path;
+    EXPECT_FALSE(report.truncated || report.limit_reached) << path;
+  }
+}
+
 }  // namespace
 }  // namespace symforge_internal
