@@ -250,44 +250,51 @@ TEST(X64UnwindTest, KnowsNoLeavesAfterAnExceptionDirectoryThatLeavesTheFile) {
   EXPECT_EQ(lost.lines, "");
 }
 
+struct Prolog {
+  Slots slots;
+  uint8_t frame_register = 0;
+  uint8_t frame_offset = 0;
+};
+
+// push rbx; push rbp; push r13; sub rsp, 32; mov [rsp + 64], rsi
+const Prolog kPushes = {{unwind_slot(8, kSaveNonvol, kRsi), 8, unwind_slot(7, kAllocSmall, 3),
+                         unwind_slot(4, kPushNonvol, kR13), unwind_slot(2, kPushNonvol, kRbp),
+                         kPushRbx}};
+const std::string kPops = "\x41\x5D\x5D\x5B";  // pop r13; pop rbp; pop rbx
+
+// The rows of an epilog that takes kPushes back: where the pops begin and the epilog ends.
+std::string rowsOfPops(uint32_t pops, uint32_t end) {
+  char rows[400];
+  std::snprintf(rows, sizeof(rows),
+                "%x .cfa: $rsp 32 + $rsi: $rsi\n%x .cfa: $rsp 24 + $r13: $r13\n"
+                "%x .cfa: $rsp 16 + $rbp: $rbp\n%x .cfa: $rsp 8 + $rbx: $rbx\n"
+                "%x .cfa: $rsp 64 + $rbx: .cfa 16 - ^ $rbp: .cfa 24 - ^ $rsi: .cfa 0 - ^ "
+                "$r13: .cfa 32 - ^\n",
+                pops, pops + 2, pops + 3, pops + 4, end);
+  return rows;
+}
+
+// push rbp; sub rsp, 48; the frame register is set to 16 bytes above the stack pointer
+Prolog prologWithFrame(uint8_t reg) {
+  return {{unwind_slot(8, kSetFpreg, 0), unwind_slot(4, kAllocSmall, 5),
+           unwind_slot(1, kPushNonvol, kRbp)},
+          reg,
+          1};
+}
+
+// The rows of its epilog, with where it pops rbp.
+std::string rowsWithFrame(uint32_t pop, const char* reg) {
+  char rows[200];
+  std::snprintf(rows, sizeof(rows),
+                "%x .cfa: $rsp 16 +\n%x .cfa: $rsp 8 + $rbp: $rbp\n"
+                "%x .cfa: $%s 48 + $rbp: .cfa 16 - ^\n",
+                pop, pop + 1, pop + 2, reg);
+  return rows;
+}
+
 // Version 2 lists epilogs in front of the prolog's operations. Each case has one at 0x1020 of a
 // function that ends at 0x1040.
 TEST(X64UnwindTest, WritesTheRowsOfAnEpilogThatTheDataList) {
-  struct Prolog {
-    Slots slots;
-    uint8_t frame_register = 0;
-    uint8_t frame_offset = 0;
-  };
-  // push rbx; push rbp; push r13; sub rsp, 32; mov [rsp + 64], rsi
-  const Prolog pushes = {{unwind_slot(8, kSaveNonvol, kRsi), 8, unwind_slot(7, kAllocSmall, 3),
-                          unwind_slot(4, kPushNonvol, kR13), unwind_slot(2, kPushNonvol, kRbp),
-                          kPushRbx}};
-  const std::string pops = "\x41\x5D\x5D\x5B";  // pop r13; pop rbp; pop rbx
-  const auto at = [](uint32_t pops_begin, uint32_t end) {
-    char rows[400];
-    std::snprintf(rows, sizeof(rows),
-                  "%x .cfa: $rsp 32 + $rsi: $rsi\n%x .cfa: $rsp 24 + $r13: $r13\n"
-                  "%x .cfa: $rsp 16 + $rbp: $rbp\n%x .cfa: $rsp 8 + $rbx: $rbx\n"
-                  "%x .cfa: $rsp 64 + $rbx: .cfa 16 - ^ $rbp: .cfa 24 - ^ $rsi: .cfa 0 - ^ "
-                  "$r13: .cfa 32 - ^\n",
-                  pops_begin, pops_begin + 2, pops_begin + 3, pops_begin + 4, end);
-    return std::string(rows);
-  };
-  // push rbp; sub rsp, 48; the frame register 16 bytes above
-  const auto frame = [](uint8_t reg) {
-    return Prolog{{unwind_slot(8, kSetFpreg, 0), unwind_slot(4, kAllocSmall, 5),
-                   unwind_slot(1, kPushNonvol, kRbp)},
-                  reg,
-                  1};
-  };
-  const auto with_frame = [](uint32_t pop, const std::string& reg) {
-    char rows[200];
-    std::snprintf(rows, sizeof(rows),
-                  "%x .cfa: $rsp 16 +\n%x .cfa: $rsp 8 + $rbp: $rbp\n"
-                  "%x .cfa: $%s 48 + $rbp: .cfa 16 - ^\n",
-                  pop, pop + 1, pop + 2, reg.c_str());
-    return std::string(rows);
-  };
   const struct {
     Prolog prolog;
     std::string code;
@@ -295,26 +302,28 @@ TEST(X64UnwindTest, WritesTheRowsOfAnEpilogThatTheDataList) {
     std::string rows;  // none: the code is not that epilog
   } cases[] = {
       // The ways out. The size counts the last instruction's first byte, all of it, or none.
-      {pushes, pops + "\xC3", 5, at(0x1020, 0x1025)},
-      {pushes, pops + "\xC3", 4, at(0x1020, 0x1025)},
-      {pushes,
-       pops + "\xC2\x08"
-              "A",
-       5, at(0x1020, 0x1027)},
-      {pushes, pops + "\xF3\xC3", 6, at(0x1020, 0x1026)},
-      {pushes, pops + "\xEB\x10", 5, at(0x1020, 0x1026)},
-      {pushes, pops + "\xE9\x10\x10\x10\x10", 5, at(0x1020, 0x1029)},
-      {pushes, pops + "\xFF\x25\x10\x10\x10\x10", 5, at(0x1020, 0x102A)},
-      {pushes, pops + "\x48\xFF\xE0", 5, at(0x1020, 0x1027)},
-      {pushes, pops + "\x41\xFF\x64\x24\x10", 9, at(0x1020, 0x1029)},
-      {pushes, pops + "\xFF\xA4\xC8\x10\x10\x10\x10", 5, at(0x1020, 0x102B)},
+      {kPushes, kPops + "\xC3", 5, rowsOfPops(0x1020, 0x1025)},
+      {kPushes, kPops + "\xC3", 4, rowsOfPops(0x1020, 0x1025)},
+      {kPushes,
+       kPops + "\xC2\x08"
+               "A",
+       5, rowsOfPops(0x1020, 0x1027)},
+      {kPushes, kPops + "\xF3\xC3", 6, rowsOfPops(0x1020, 0x1026)},
+      {kPushes, kPops + "\xEB\x10", 5, rowsOfPops(0x1020, 0x1026)},
+      {kPushes, kPops + "\xE9\x10\x10\x10\x10", 5, rowsOfPops(0x1020, 0x1029)},
+      {kPushes, kPops + "\xFF\x25\x10\x10\x10\x10", 5, rowsOfPops(0x1020, 0x102A)},
+      {kPushes, kPops + "\x48\xFF\xE0", 5, rowsOfPops(0x1020, 0x1027)},
+      {kPushes, kPops + "\x41\xFF\x64\x24\x10", 9, rowsOfPops(0x1020, 0x1029)},
+      {kPushes, kPops + "\xFF\xA4\xC8\x10\x10\x10\x10", 5, rowsOfPops(0x1020, 0x102B)},
       // The stack is freed first.
-      {pushes, "\x48\x83\xC4\x20" + pops + "\xC3", 9, at(0x1024, 0x1029)},
-      {pushes, std::string("\x48\x81\xC4\x20\0\0\0", 7) + pops + "\xC3", 12, at(0x1027, 0x102C)},
-      {frame(kRbp), "\x48\x8D\x65\x20\x5D\xC3", 6, with_frame(0x1024, "rbp")},
-      {frame(kRbp), std::string("\x48\x8D\xA5\x20\0\0\0\x5D\xC3", 9), 9, with_frame(0x1027, "rbp")},
-      {frame(12), "\x49\x8D\x64\x24\x20\x5D\xC3", 7, with_frame(0x1025, "r12")},
-      {frame(kRbp), "\x5D\xC3", 2, with_frame(0x1020, "rbp")},
+      {kPushes, "\x48\x83\xC4\x20" + kPops + "\xC3", 9, rowsOfPops(0x1024, 0x1029)},
+      {kPushes, std::string("\x48\x81\xC4\x20\0\0\0", 7) + kPops + "\xC3", 12,
+       rowsOfPops(0x1027, 0x102C)},
+      {prologWithFrame(kRbp), "\x48\x8D\x65\x20\x5D\xC3", 6, rowsWithFrame(0x1024, "rbp")},
+      {prologWithFrame(kRbp), std::string("\x48\x8D\xA5\x20\0\0\0\x5D\xC3", 9), 9,
+       rowsWithFrame(0x1027, "rbp")},
+      {prologWithFrame(12), "\x49\x8D\x64\x24\x20\x5D\xC3", 7, rowsWithFrame(0x1025, "r12")},
+      {prologWithFrame(kRbp), "\x5D\xC3", 2, rowsWithFrame(0x1020, "rbp")},
       {{{unwind_slot(4, kSetFpreg, 0), unwind_slot(1, kPushNonvol, kRbp)}, kRbp},
        "\x48\x89\xEC\x5D\xC3",
        5,
@@ -335,19 +344,19 @@ TEST(X64UnwindTest, WritesTheRowsOfAnEpilogThatTheDataList) {
        1,
        "1020 .cfa: $rsp 8 +\n1021 .cfa: $rsp 48 +\n"},
       // What does not take back exactly what the prolog did, or has another size.
-      {pushes, pops + "\xC3", 3, ""},
-      {pushes, pops + "\xC3", 6, ""},
-      {pushes, pops + "\xCC", 4, ""},
-      {pushes, pops + "\xFF\xD0", 5, ""},
-      {pushes, "\x5D\x41\x5D\x5B\xC3", 5, ""},
-      {pushes, "\x5D\x5B\xC3", 3, ""},
-      {pushes, pops + "\x59\xC3", 6, ""},
-      {pushes, pops + "\x5C\xC3", 6, ""},
-      {pushes, "\x48\x83\xC4\x28" + pops + "\xC3", 9, ""},
-      {pushes, "\x48\x8D\x65\x20" + pops + "\xC3", 9, ""},
-      {frame(kRbp), "\x48\x8D\x65\x28\x5D\xC3", 6, ""},
-      {frame(kR13), "\x48\x8D\x65\x20\x5D\xC3", 6, ""},
-      {pushes, std::string(28, '\x90') + pops, 32, ""},
+      {kPushes, kPops + "\xC3", 3, ""},
+      {kPushes, kPops + "\xC3", 6, ""},
+      {kPushes, kPops + "\xCC", 4, ""},
+      {kPushes, kPops + "\xFF\xD0", 5, ""},
+      {kPushes, "\x5D\x41\x5D\x5B\xC3", 5, ""},
+      {kPushes, "\x5D\x5B\xC3", 3, ""},
+      {kPushes, kPops + "\x59\xC3", 6, ""},
+      {kPushes, kPops + "\x5C\xC3", 6, ""},
+      {kPushes, "\x48\x83\xC4\x28" + kPops + "\xC3", 9, ""},
+      {kPushes, "\x48\x8D\x65\x20" + kPops + "\xC3", 9, ""},
+      {prologWithFrame(kRbp), "\x48\x8D\x65\x28\x5D\xC3", 6, ""},
+      {prologWithFrame(kR13), "\x48\x8D\x65\x20\x5D\xC3", 6, ""},
+      {kPushes, std::string(28, '\x90') + kPops, 32, ""},
       {{{unwind_slot(0, kPushMachframe, 0)}}, "\xC3", 1, ""},
   };
   for (const auto& c : cases) {
@@ -389,6 +398,7 @@ TEST(X64UnwindTest, FindsEpilogsByTheirDistanceFromTheEnd) {
       {{unwind_slot(1, kEpilog, 0)}, ""},
       {{unwind_slot(1, kEpilog, 1)}, "103f .cfa: $rsp 8 +\n"},
       {{unwind_slot(1, kEpilog, 1), listed(0)}, "103f .cfa: $rsp 8 +\n"},
+      {{unwind_slot(1, kEpilog, 1), 0}, "103f .cfa: $rsp 8 +\n"},
       {{unwind_slot(1, kEpilog, 0), listed(0x30), listed(0x38), listed(0)},
        ret(0x1008) + ret(0x1010)},
       {{unwind_slot(1, kEpilog, 1), listed(0x38)}, ret(0x1008) + "103f .cfa: $rsp 8 +\n"},

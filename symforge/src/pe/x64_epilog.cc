@@ -39,25 +39,38 @@ size_t modrmSize(std::span<const uint8_t> code) {
   return size <= code.size() ? size : 0;
 }
 
+// The size of a jump through a register or memory, with a prefix or without, or 0.
+size_t indirectJumpSize(std::span<const uint8_t> code) {
+  const size_t prefix = (code[0] & 0xF0) == 0x40 ? 1 : 0;
+  if (code.size() < prefix + 2 || code[prefix] != 0xFF) return 0;
+  if ((code[prefix + 1] >> 3 & 7) != 4) return 0;
+  const size_t operand = modrmSize(code.subspan(prefix + 1));
+  return operand == 0 ? 0 : prefix + 1 + operand;
+}
+
 // The size of a return or of a jump out of the function, or 0 for any other instruction.
 size_t exitSize(std::span<const uint8_t> code) {
-  const auto at = [code](size_t i) { return i < code.size() ? code[i] : uint8_t{0}; };
+  if (code.empty()) return 0;
   size_t size = 0;
-  if (at(0) == 0xC3) {  // ret
-    size = 1;
-  } else if (at(0) == 0xC2) {  // ret N
-    size = 3;
-  } else if ((at(0) == 0xF3 || at(0) == 0xF2) && at(1) == 0xC3) {  // rep ret, bnd ret
-    size = 2;
-  } else if (at(0) == 0xEB) {  // jmp, 8-bit offset
-    size = 2;
-  } else if (at(0) == 0xE9) {  // jmp, 32-bit offset
-    size = 5;
-  } else {  // jmp through a register or memory, with a prefix or without
-    const size_t prefix = (at(0) & 0xF0) == 0x40 ? 1 : 0;
-    if (at(prefix) != 0xFF || (at(prefix + 1) >> 3 & 7) != 4) return 0;
-    const size_t operand = modrmSize(code.subspan(prefix + 1));
-    size = operand == 0 ? 0 : prefix + 1 + operand;
+  switch (code[0]) {
+    case 0xC3:  // ret
+      size = 1;
+      break;
+    case 0xC2:  // ret N
+      size = 3;
+      break;
+    case 0xF2:  // bnd ret
+    case 0xF3:  // rep ret
+      size = code.size() > 1 && code[1] == 0xC3 ? 2 : 0;
+      break;
+    case 0xEB:  // jmp, offset of 8 bits
+      size = 2;
+      break;
+    case 0xE9:  // jmp, offset of 32 bits
+      size = 5;
+      break;
+    default:
+      size = indirectJumpSize(code);
   }
   return size <= code.size() ? size : 0;
 }
@@ -99,9 +112,9 @@ void X64Epilog::readFrameRegister(std::span<const uint8_t> code, const CfiRules&
   const unsigned reg = (code[2] >> 3 & 7U) | (rex_r ? 8U : 0U);
   const unsigned rm = (code[2] & 7U) | (rex_b ? 8U : 0U);
   const unsigned frame_register = body.cfaRegister();
-  if (code[1] == 0x8B && mod == 3 && reg == kRsp && rm == frame_register) {
-    release(3, body.cfaOffset());
-  } else if (code[1] == 0x89 && mod == 3 && rm == kRsp && reg == frame_register) {
+  const bool from_reg = code[1] == 0x89 && rm == kRsp && reg == frame_register;
+  const bool from_rm = code[1] == 0x8B && reg == kRsp && rm == frame_register;
+  if (mod == 3 && (from_reg || from_rm)) {
     release(3, body.cfaOffset());
   } else if (code[1] == 0x8D && reg == kRsp && rm == frame_register) {
     const size_t offset = (rm & 7) == 4 ? 4 : 3;  // such a base register takes one more byte

@@ -96,6 +96,8 @@ size_t X64Prolog::decodeEpilogs(std::span<const UnwindCode> slots) {
       epilogs_[epilog_count_++] = static_cast<uint16_t>(distance);
     }
   }
+  // They come in pairs. A last one without a second can be filled up by a slot of zeros.
+  if (used % 2 != 0 && used < slots.size() && slots[used].frame_offset == 0) ++used;
   return used;
 }
 

@@ -86,6 +86,7 @@ class X64UnwindWriter {
       : image_(image),
         entries_(entries),
         cfi_(out, {kRegisterNames, X64Frame().rules()}, functions),
+        lookup_cost_(1 + image.ntHeaders()->FileHeader.NumberOfSections / 64),
         slots_left_(kFewestUnwindSlots + kUnwindSlotsPerEntry * entries.size()) {}
 
   X64UnwindReport write(bool truncated) {
@@ -100,6 +101,13 @@ class X64UnwindWriter {
   }
 
  private:
+  // Takes work from what is left for the image. False when that is not enough.
+  bool charge(uint64_t slots) {
+    const bool enough = slots <= slots_left_;
+    slots_left_ = enough ? slots_left_ - slots : 0;
+    return enough;
+  }
+
   static bool beginsBelow(const Entry& a, const Entry& b) {
     return a.BeginAddress < b.BeginAddress;
   }
@@ -138,17 +146,15 @@ class X64UnwindWriter {
   // Sets frame_ to what the code of `entry` begins with, prolog_ to what it does, and body_ to the
   // result of both.
   Status replayChain(const Entry& entry) {
-    if (slots_left_ < kMostUnwindLinks) return Status::kDamaged;
+    if (slots_left_ == 0) return Status::kDamaged;
     const bool whole = chain_.follow(image_, entry);
-    slots_left_ -= std::min(chain_.links(), kMostUnwindLinks);
+    charge(chain_.links() * lookup_cost_);
     if (!whole) return Status::kDamaged;
     const auto records = chain_.records();
     frame_ = X64Frame();
     body_ = frame_;
     for (size_t i = records.size(); i-- > 0;) {
-      const uint64_t slots = records[i]->count_of_codes;
-      if (slots > slots_left_) return Status::kDamaged;
-      slots_left_ -= slots;
+      if (!charge(records[i]->count_of_codes)) return Status::kDamaged;
       const Status status = prolog_.decode(*records[i]);
       if (status != Status::kOk) return status;
       frame_ = body_;
@@ -186,12 +192,12 @@ class X64UnwindWriter {
 
   // False when the code is not the epilog that it is said to be.
   bool writeEpilog(uint32_t address) {
+    if (!charge(lookup_cost_)) return false;
     const uint8_t* code = image_.ImageRvaToVa(address);
     if (code == nullptr) return false;
     const size_t size = std::min<size_t>(range_.end() - address, image_.bytesLeft(code));
     if (!epilog_.read({code, size}, prolog_.epilogSize(), body_)) return false;
-    if (epilog_.popCount() > slots_left_) return false;
-    slots_left_ -= epilog_.popCount();
+    if (!charge(epilog_.popCount())) return false;
     epilog_.writeRows(address, body_, cfi_);
     return true;
   }
@@ -200,6 +206,7 @@ class X64UnwindWriter {
   std::span<const Entry> entries_;
   CfiWriter cfi_;
   X64UnwindReport report_;
+  uint64_t lookup_cost_;  // of an RVA: the image searches its sections, of which Windows loads 96
   uint64_t slots_left_;
 
   // Of the entry at hand.

@@ -26,8 +26,9 @@ namespace symforge_internal {
 // Windows follows this many links from an entry, too.
 inline constexpr size_t kMostUnwindLinks = 32;
 
-// Slots of unwind data that are read for one image, entry by entry: chains that many entries share
-// must not make the text larger than any compiler's image of that size would.
+// The slots of unwind data that are read for one image, one entry after the other. Compilers need
+// 5 for an entry on average. The limit keeps chains that many entries share from making endless
+// work and text; entries without a slot left count as damaged. Links and epilogs count as slots.
 inline constexpr uint64_t kUnwindSlotsPerEntry = 32;
 inline constexpr uint64_t kFewestUnwindSlots = 1 << 16;
 
