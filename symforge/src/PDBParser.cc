@@ -1,5 +1,6 @@
 #include "symforge/src/PDBParser.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <optional>
@@ -76,6 +77,14 @@ void resolveModules(const ModuleStreams& modules, const SectionMap& sections,
   }
 }
 
+// A name as it is read back from a MODULE or INFO CODE_ID line: without blanks around it and
+// without carriage returns at its end.
+std::string nameOnLine(std::string_view name) {
+  name = name.substr(0, name.find_last_not_of('\r') + 1);
+  const size_t begin = std::min(name.find_first_not_of(' '), name.size());
+  return std::string(name.substr(begin, name.find_last_not_of(' ') + 1 - begin));
+}
+
 }  // namespace
 
 struct PDBParser::Rep {
@@ -118,7 +127,7 @@ bool PDBParser::readRootStream(const char* sympath) {
   const DbiStream& dbi = m_rep->dbi.emplace(file);
   m_rep->debugId = info.readDebugId(dbi.header().age);
   if (sympath != nullptr) {
-    make_tree_folders(sympath, last_component(m_rep->pdbFile), m_rep->debugId);
+    make_folders_or_exit(sympath, last_component(m_rep->pdbFile), m_rep->debugId);
   }
   return info.readNamedStreams();
 }
@@ -131,6 +140,18 @@ void PDBParser::printHeader(TextBuffer& out) const {
     line.str(m_rep->debugId).chr(' ').str(name).chr('\n');
   }
   m_rep->codeFile.printCodeId(out);
+}
+
+sym_info PDBParser::identity() const {
+  sym_info info;
+  info.debug_id = m_rep->debugId;
+  info.debug_file = nameOnLine(last_component(m_rep->pdbFile));
+  const CodeFile& image = m_rep->codeFile;
+  if (image.found()) {
+    info.code_id = nameOnLine(image.identifier());
+    info.code_file = nameOnLine(last_component(image.path()));
+  }
+  return info;
 }
 
 void PDBParser::printBreakpadSymbols(TextBuffer& out, FileMod* fileMod) {

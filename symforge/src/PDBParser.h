@@ -25,6 +25,7 @@
 #include "base/text_buffer.h"
 #include "symforge/src/pdb/file_mod.h"
 #include "symforge/src/pdb_exception.h"
+#include "symforge/src/utils.h"
 
 namespace symforge_internal {
 
@@ -49,6 +50,10 @@ class PDBParser {
 
   // Debug identifier: GUID in upper-case digits, age in lower-case ones. Empty in the PE-only mode.
   const std::string& debug_id() const;
+
+  // Who the symbol file of the PDB belongs to, from the PDB and the image themselves and not from
+  // lines of the text. `os` and `arch` stay empty. After load() of a PDB.
+  sym_info identity() const;
 
   // Releases the mapping of the PDB.
   void close();

@@ -11,8 +11,7 @@
 namespace symforge_internal {
 
 // The path of the PE that belongs to a PDB: of the PDB's path with the extension exe or dll the
-// first that exists, or else the second. Throws std::out_of_range for a path that is too short for
-// an extension.
+// first that exists, or else the second. Empty for a path that is too short for an extension.
 std::string siblingPePath(const char* pdb);
 
 class CodeFile {
@@ -24,6 +23,13 @@ class CodeFile {
 
   // Whether there is an image.
   bool found() const { return m_found; }
+
+  // The path as given to readPeHeaders().
+  const std::string& path() const { return m_path; }
+
+  // Time stamp and size of the image in upper-case hexadecimal digits. A short time stamp is padded
+  // with blanks, not with zeros.
+  std::string identifier() const;
 
   // Appends the INFO CODE_ID line; nothing without an image.
   void printCodeId(TextBuffer& out) const;
