@@ -2,6 +2,7 @@
 
 #include <execinfo.h>
 #include <unistd.h>
+#include <unwind.h>
 
 #include <cstdlib>
 #include <exception>
@@ -11,6 +12,8 @@
 #include "base/printable.h"
 #include "symforge/src/PDBParser.h"
 #include "symforge/src/driver/messages.h"
+#include "symforge/src/driver/sandbox.h"
+#include "symforge/src/driver/sandbox_rights.h"
 #include "symforge/src/driver/symbol_text.h"
 #include "symforge/src/driver/write_result.h"
 
@@ -20,14 +23,28 @@ namespace symforge_internal {
 
 namespace {
 
-// The innermost frames of the call stack, a line each.
+constexpr int kMaxFrames = 20;
+
+struct Frames {
+  void* addresses[kMaxFrames];
+  int count = 0;
+};
+
+_Unwind_Reason_Code add_frame(_Unwind_Context* context, void* argument) {
+  auto& frames = *static_cast<Frames*>(argument);
+  if (frames.count == kMaxFrames) return _URC_END_OF_STACK;
+  frames.addresses[frames.count++] = reinterpret_cast<void*>(_Unwind_GetIP(context));
+  return _URC_NO_REASON;
+}
+
+// The innermost frames of the call stack, a line each. Walks the stack like backtrace(), which
+// would load a library first: a conversion in its sandbox cannot.
 std::string backtrace_text() {
-  constexpr int kMaxFrames = 20;
-  void* frames[kMaxFrames];
-  const int count = backtrace(frames, kMaxFrames);
-  char** const names = backtrace_symbols(frames, count);
+  Frames frames;
+  _Unwind_Backtrace(add_frame, &frames);
+  char** const names = backtrace_symbols(frames.addresses, frames.count);
   std::string text;
-  for (int i = 0; names != nullptr && i < count; ++i) {
+  for (int i = 0; names != nullptr && i < frames.count; ++i) {
     text.append("\t").append(names[i]).append("\n");
   }
   std::free(names);
@@ -38,7 +55,11 @@ std::string backtrace_text() {
 bool convert_to_result(const ConversionInput& input, const ConversionOptions& options,
                        bool& written) {
   OpenedInput opened(input);
-  if (!opened.open()) return false;
+  if (!opened.open(options)) return false;
+  if (options.sandbox) {
+    prepare_for_sandbox(opened, options);
+    enter_sandbox(sandbox_rights(opened, options));
+  }
   SymbolText result;
   if (!text_of(opened, options, result)) return false;
   written = write_result(std::move(result), options);
