@@ -4,6 +4,7 @@
 #include <unistd.h>
 #include <unwind.h>
 
+#include <cstdint>
 #include <cstdlib>
 #include <exception>
 #include <new>
@@ -11,6 +12,7 @@
 
 #include "base/printable.h"
 #include "symforge/src/PDBParser.h"
+#include "symforge/src/driver/held_warnings.h"
 #include "symforge/src/driver/messages.h"
 #include "symforge/src/driver/sandbox.h"
 #include "symforge/src/driver/sandbox_rights.h"
@@ -32,8 +34,9 @@ struct Frames {
 
 _Unwind_Reason_Code add_frame(_Unwind_Context* context, void* argument) {
   auto& frames = *static_cast<Frames*>(argument);
-  if (frames.count == kMaxFrames) return _URC_END_OF_STACK;
-  frames.addresses[frames.count++] = reinterpret_cast<void*>(_Unwind_GetIP(context));
+  const uintptr_t address = _Unwind_GetIP(context);
+  if (frames.count == kMaxFrames || address == 0) return _URC_END_OF_STACK;
+  frames.addresses[frames.count++] = reinterpret_cast<void*>(address);
   return _URC_NO_REASON;
 }
 
@@ -66,17 +69,30 @@ bool convert_to_result(const ConversionInput& input, const ConversionOptions& op
   return true;
 }
 
+// One line for a conversion that failed, with the last warning, which often is the reason.
+void report_failure(const char* what, const HeldWarnings& warnings) {
+  const std::string reason = warnings.last();
+  if (reason.empty()) {
+    report("%s", printable(what).c_str());
+  } else {
+    report("%s (%s)", printable(what).c_str(), printable(reason).c_str());
+  }
+}
+
 // Every exception ends here: files decide which are thrown.
 bool convert_standard(const ConversionInput& input, const ConversionOptions& options) {
+  HeldWarnings warnings;
   try {
     bool written = false;
-    return convert_to_result(input, options, written) && written;
+    const bool converted = convert_to_result(input, options, written) && written;
+    if (converted) warnings.pass_on();
+    return converted;
   } catch (const pdb_exception& e) {
-    report("%s", printable(e.what()).c_str());
+    report_failure(e.what(), warnings);
   } catch (const std::bad_alloc&) {
     report("not enough memory");
   } catch (const std::exception& e) {
-    report("damaged file: %s", printable(e.what()).c_str());
+    report_failure((std::string("damaged file: ") + e.what()).c_str(), warnings);
   }
   return false;
 }

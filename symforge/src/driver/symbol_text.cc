@@ -3,6 +3,7 @@
 #include <fcntl.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <utility>
 
@@ -20,6 +21,14 @@ namespace symforge_internal {
 
 namespace {
 
+// Reports a failure of the input itself, which messages of standard mode name anyway. `reason` may
+// be null.
+void report_about(std::string what, const char* path, const char* reason) {
+  if (!standard_messages()) what.append(" ").append(printable(path));
+  if (reason != nullptr) what.append(": ").append(reason);
+  report("%s", what.c_str());
+}
+
 // A text symbol file is taken up to the first byte that no such file can hold.
 void take_text(TextBuffer content, SymbolText& result) {
   constexpr int kEndOfText = 0xFF;
@@ -31,7 +40,7 @@ void take_text(TextBuffer content, SymbolText& result) {
 
 bool text_of_symb(TextBuffer image, const char* path, SymbolText& result) {
   if (symb_read(image.data(), image.size(), result.text)) return true;
-  report("failed to parse symb file %s", printable(path).c_str());
+  report_about("failed to parse symb file", path, nullptr);
   return false;
 }
 
@@ -74,7 +83,10 @@ void standard_text_of(const OpenedInput& opened, SymbolText& result) {
     return;
   }
   const std::string* image = find_image(opened.image_candidates(), debug_id);
-  if (image == nullptr) report("no image found: no code identifier and no unwind rules of one");
+  // As a warning: a conversion that fails has nothing but its failure to report.
+  if (image == nullptr) {
+    std::fputs("no image found: no code identifier and no unwind rules of one\n", stderr);
+  }
   standard_text_of_pdb(input.pdb, image != nullptr ? image->c_str() : nullptr, result);
 }
 
@@ -87,6 +99,10 @@ bool OpenedInput::open(const ConversionOptions& options) {
     return true;
   }
   const FileDescriptor file(::open(input_.pdb, O_RDONLY | O_CLOEXEC));
+  if (!file.is_open() && options.standard) {
+    report("%s", strerror(errno));
+    return false;
+  }
   const bool opened = file.is_open() && read_file(file.get(), content_, kMagicBytes);
   const bool text = opened && content_.view().starts_with("MODULE");
   if (!text && !(opened && content_.view().starts_with(kSymbMagic))) {
@@ -96,7 +112,7 @@ bool OpenedInput::open(const ConversionOptions& options) {
   }
   kind_ = text ? Kind::kText : Kind::kSymb;
   if (read_file(file.get(), content_)) return true;
-  report("failed to read %s: %s", printable(input_.pdb).c_str(), strerror(errno));
+  report_about("failed to read", input_.pdb, strerror(errno));
   return false;
 }
 

@@ -47,7 +47,8 @@ void undname(DataPtr<char>& mangled) {
   static const demangle win_undname = demangler().function;
   if (win_undname == nullptr) {
     if (demangler().failure.empty()) return;
-    std::fprintf(stderr, "dlopen: %s\n", demangler().failure.c_str());
+    // Not to the stream `stderr`, which can lead to a buffer that is lost at the exit.
+    dprintf(STDERR_FILENO, "dlopen: %s\n", demangler().failure.c_str());
     std::exit(1);
   }
   const int length = static_cast<int>(std::strlen(mangled.data));
