@@ -61,7 +61,7 @@ endif()
 
 include(CheckPIESupported)
 check_pie_supported()
-target_link_options(symforge_options INTERFACE -Wl,-z,relro,-z,now)
+target_link_options(symforge_options INTERFACE -Wl,-z,relro,-z,now -Wl,--build-id)
 
 find_program(CCACHE_PROGRAM ccache)
 if(CCACHE_PROGRAM AND NOT CMAKE_CXX_COMPILER_LAUNCHER)

@@ -1,6 +1,6 @@
 """Runs clang-tidy over sources, as many at once as there are processors, for scripts/lint.
 
-What passed without a warning is remembered as build/lint/NAME: the hash of the tool, its settings and the
+What passed without a warning is remembered as build/lint/passed/NAME: the hash of the tool, its settings and the
 compiler's flags, then the hash of each file that the source is made of. Nothing is run while all agree.
 """
 
@@ -34,7 +34,7 @@ def parse_arguments():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--tidy", required=True)
     parser.add_argument("--build", type=pathlib.Path, required=True)
-    parser.add_argument("--cache", type=pathlib.Path, required=True)
+    parser.add_argument("--folder", type=pathlib.Path, required=True, help="for results")
     parser.add_argument("--count", action="store_true", help="print the number of warnings of each check alone")
     parser.add_argument("files", nargs="+")
     return parser.parse_args()
@@ -42,12 +42,17 @@ def parse_arguments():
 
 class Linter:
     def __init__(self, arguments):
-        self.tidy, self.build, self.cache = arguments.tidy, arguments.build, arguments.cache
-        self.cache.mkdir(parents=True, exist_ok=True)
+        self.tidy, self.folder = arguments.tidy, arguments.folder
+        (self.folder / "passed").mkdir(parents=True, exist_ok=True)
         version = subprocess.run([self.tidy, "--version"], check=True, capture_output=True).stdout
         settings = sorted(ROOT.glob("**/.clang-tidy"))
         self.tool_hash = hashlib.sha256(version + "".join(map(hash_of, settings)).encode()).hexdigest()
-        commands = json.loads((self.build / "compile_commands.json").read_text())
+        commands = json.loads((arguments.build / "compile_commands.json").read_text())
+        for command in commands:
+            # The precompiled headers are those of another compiler.
+            command["command"] = re.sub(r" -fpch-preprocess| -Winvalid-pch| -include \S*/cmake_pch\.hxx", "",
+                                        command["command"])
+        (self.folder / "compile_commands.json").write_text(json.dumps(commands))
         self.commands = {command["file"]: command for command in commands}
 
     def key(self, source):
@@ -55,7 +60,7 @@ class Linter:
         return hashlib.sha256((self.tool_hash + flags).encode()).hexdigest()
 
     def record(self, source):
-        return self.cache / os.path.relpath(source, ROOT).replace("/", "_")
+        return self.folder / "passed" / os.path.relpath(source, ROOT).replace("/", "_")
 
     def passed_before(self, source):
         try:
@@ -75,9 +80,7 @@ class Linter:
 
     def lint(self, source):
         """The findings in one source, as text."""
-        # The compiler's own flags and precompiled headers mean nothing to clang-tidy.
-        result = subprocess.run([self.tidy, "-p", self.build, "--quiet", "--extra-arg=-Wno-unknown-warning-option",
-                                 "--extra-arg=-Wno-ignored-optimization-argument", source],
+        result = subprocess.run([self.tidy, "-p", self.folder, "--quiet", source],
                                 capture_output=True, text=True, check=False)
         if result.returncode == 0 and not WARNING.search(result.stdout):
             lines = [f"{hash_of(path)} {path}" for path in self.dependencies(source)]
