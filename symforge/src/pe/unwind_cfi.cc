@@ -1,14 +1,13 @@
 #include "symforge/src/pe/unwind_cfi.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cassert>
 #include <cstdio>
 #include <string_view>
 
 #include "base/cycle_detector.h"
-#include "symforge/src/PDBParser.h"
+#include "common/symbol_text.h"
+#include "symforge/src/pdb_exception.h"
 #include "symforge/src/pe/unwind_codes.h"
 
 namespace symforge_internal {
@@ -120,9 +119,9 @@ void printFrame(const IMAGE_RUNTIME_FUNCTION_ENTRY& entry, const UnwindInfo& top
   if (top.frame_register() != 0) assert(fp_offset != INT32_MAX);
   const uint32_t begin = entry.BeginAddress;
   LineWriter lines(out, kRoom);
-  lines.str("STACK CFI INIT ").hex(begin).chr(' ').hex(uint32_t{entry.EndAddress - begin});
+  put_cfi_init(lines, begin, uint32_t{entry.EndAddress - begin});
   lines.str(" .cfa: $rsp .ra: .cfa ").dec_signed(frame.rip_offset).str(" - ^\n");
-  lines.str("STACK CFI ").hex(begin);
+  put_cfi_delta(lines, begin);
   const int32_t size = minus(frame.stack_size, -kReturnAddress);
   if (top.frame_register() == 0)
     printFromStackPointer(frame, size, lines);
@@ -187,19 +186,6 @@ void printUnwindData(const PeImage& image, TextBuffer& out) {
     return;
   }
   printEntries(image, table, directory.Size / sizeof(IMAGE_RUNTIME_FUNCTION_ENTRY), out);
-}
-
-void PDBParser::PrintFrameDataUsingEXE(TextBuffer& out) {
-  if (m_code_file.empty()) return;
-  const char* path = m_code_file.c_str();
-  MMapWrapper mapping;
-  if (!mapping.Map(path)) {
-    const bool opens = access(path, R_OK) == 0;
-    std::fprintf(stderr, opens ? "failed to mmap file %s\n" : "failed to open/stat file %s\n",
-                 path);
-    return;
-  }
-  printUnwindData(PeImage(mapping), out);
 }
 
 }  // namespace symforge_internal
