@@ -2,6 +2,7 @@
 // address in both. Prints one line for each.
 
 #include <common/symb.h>
+#include <common/symforge_version.h>
 #include <google_breakpad/processor/basic_source_line_resolver.h>
 
 #include <cstdio>
@@ -11,6 +12,8 @@
 #include "../support/code_module.h"
 
 using test_support::TestModule;
+
+static_assert(SYMFORGE_VERSION >= 15004);
 
 namespace {
 
