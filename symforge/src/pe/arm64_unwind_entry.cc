@@ -6,7 +6,7 @@ namespace symforge_internal {
 
 // A search for an RVA runs over the sections, of which Windows loads 96 at most.
 Arm64UnwindEntry::Arm64UnwindEntry(const PeImage& image)
-    : image_(image), lookup_cost_(1 + image.ntHeaders()->FileHeader.NumberOfSections / 64) {}
+    : image_(image), lookup_cost_(1 + image.ntHeaders()->FileHeader.NumberOfSections / 16) {}
 
 Arm64Status Arm64UnwindEntry::read(const Arm64RuntimeFunction& entry) {
   length_ = 0;
