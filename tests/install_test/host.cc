@@ -1,5 +1,5 @@
-// A host of the installed library: makes a SYMB block of a text, checks it, and asks about an
-// address in both. Prints one line for each.
+// A host of the library: makes a SYMB block of a text, checks it, and asks about an address in
+// both. Prints one line for each. Has classes of its own with the names of internal ones.
 
 #include <common/symb.h>
 #include <common/symforge_version.h>
@@ -10,6 +10,11 @@
 #include <string>
 
 #include "../support/code_module.h"
+#include "own_names.h"
+
+#if __has_include("base/text_buffer.h") || __has_include(<base/text_buffer.h>)
+#error "the library's include path holds internal headers"
+#endif
 
 using test_support::TestModule;
 
@@ -37,6 +42,7 @@ void print_answer(google_breakpad::BasicSourceLineResolver& resolver, const Test
 }  // namespace
 
 int main() {
+  if (!own_names_work()) return 1;
   const TestModule module(kBase);
   google_breakpad::BasicSourceLineResolver text_resolver;
   if (!text_resolver.LoadModuleUsingMapBuffer(&module, kText)) return 1;
@@ -50,4 +56,5 @@ int main() {
   google_breakpad::BasicSourceLineResolver symb_resolver;
   if (!symb_resolver.LoadModuleUsingMemoryBuffer(&module, image, size)) return 1;
   print_answer(symb_resolver, module);
+  return own_names_work() ? 0 : 1;
 }
