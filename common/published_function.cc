@@ -9,6 +9,10 @@ namespace {
 
 uint64_t end_of(const symb_line& line) { return uint64_t{line.address} + line.size; }
 
+bool ends_at(const PublishedFunction::Call& call, uint64_t address) {
+  return !call.ranges.empty() && call.ranges.back().address + call.ranges.back().size == address;
+}
+
 }  // namespace
 
 bool PublishedFunction::convert(const symb_func& function, std::span<const symb_line> lines,
@@ -78,11 +82,9 @@ bool PublishedFunction::add_part(uint64_t begin, uint64_t end, uint32_t line, ui
   }
   uint32_t parent = kNone;
   for (Open& open : open_) {
-    const uint32_t call = call_of(open, parent, place);
+    const uint32_t call = call_of(open, parent, place, begin, line);
     auto& ranges = calls_[call].ranges;
-    const bool goes_on = !ranges.empty() && ranges.back().address + ranges.back().size == begin &&
-                         (parent != kNone || nodes_[call].last_line == line);
-    if (goes_on) {
+    if (ends_at(calls_[call], begin)) {
       ranges.back().size += end - begin;
     } else {
       ranges.push_back({begin, end - begin});
@@ -112,13 +114,22 @@ void PublishedFunction::add_record(uint64_t begin, uint64_t end, Place place, bo
   last_is_inlined_ = is_inlined;
 }
 
-uint32_t PublishedFunction::call_of(Open& open, uint32_t parent, Place place) {
-  if (open.call != kNone && open.parent == parent && open.place == place) return open.call;
+// The call with this callee and place inside `parent`. Where a line of the function ends between
+// two of its ranges that touch, they are two calls, since lookups return where the line begins.
+uint32_t PublishedFunction::call_of(Open& open, uint32_t parent, Place place, uint64_t begin,
+                                    uint32_t line) {
+  const auto continues = [&](uint32_t call) {
+    return parent != kNone || nodes_[call].last_line == line || !ends_at(calls_[call], begin);
+  };
+  if (open.call != kNone && open.parent == parent && open.place == place && continues(open.call)) {
+    return open.call;
+  }
   const uint64_t name = sites_[open.site].name;
   const auto [found, is_new] =
       index_.try_emplace({parent, name, place}, static_cast<uint32_t>(calls_.size()));
+  if (!is_new && !continues(found->second)) found->second = static_cast<uint32_t>(calls_.size());
   const uint32_t call = found->second;
-  if (is_new) {
+  if (call == calls_.size()) {
     const uint32_t depth = parent == kNone ? 0 : calls_[parent].depth + 1;
     calls_.push_back({depth, place.line, place.file, name, {}});
     nodes_.emplace_back().parent = parent;

@@ -71,7 +71,7 @@ class PublishedFunction {
   void open_sites(uint64_t at);
   bool add_part(uint64_t begin, uint64_t end, uint32_t line, uint64_t* budget);
   void add_record(uint64_t begin, uint64_t end, Place place, bool is_inlined);
-  uint32_t call_of(Open& open, uint32_t parent, Place place);
+  uint32_t call_of(Open& open, uint32_t parent, Place place, uint64_t begin, uint32_t line);
   void order_calls();
 
   std::span<const symb_line> lines_;
