@@ -162,6 +162,14 @@ void append_line(TextBuffer& out, const InlineOriginFields& fields) {
   line.str(kInlineOrigin).dec_signed(fields.index).chr(' ').str(fields.name).chr('\n');
 }
 
+bool parse(char* line, char* end, InlineOriginFields* fields) {
+  *end = '\0';
+  std::vector<char*> tokens;
+  if (!Tokenize(line + kInlineOrigin.size(), kWhitespace, 2, &tokens)) return false;
+  fields->name = tokens[1];
+  return parse_count(tokens[0], 10, &fields->index);
+}
+
 // ---- FUNC ---------------------------------------------------------------------------------------
 
 void append_line(TextBuffer& out, const FunctionFields& fields, std::string_view parameters) {
@@ -282,6 +290,32 @@ void append_line(TextBuffer& out, const InlineCallFields& fields) {
     line.chr(' ').hex_fields(range.address, range.size);
   }
   line.chr('\n');
+}
+
+bool parse(const char* line, const char* end, InlineCallFields* fields,
+           std::vector<InlineCallFields::Range>* ranges) {
+  ranges->clear();
+  NumberCursor cursor(line + kInlineCall.size());
+  const auto skip_blanks = [&cursor] {
+    const char* const begin = cursor.at();
+    while (cursor.blank()) continue;
+    return cursor.at() != begin;
+  };
+  skip_blanks();
+  long depth = 0;
+  for (long* number : {&depth, &fields->call_line, &fields->call_file, &fields->origin}) {
+    if (!cursor.decimal(number) || !skip_blanks()) return false;
+  }
+  if (depth > kMaxInlineDepth) return false;
+  fields->depth = static_cast<uint32_t>(depth);
+  while (cursor.at() < end) {
+    InlineCallFields::Range range;
+    if (!cursor.hex(&range.address) || !skip_blanks() || !cursor.hex(&range.size)) return false;
+    if (!skip_blanks() && cursor.at() != end) return false;
+    ranges->push_back(range);
+  }
+  fields->ranges = *ranges;
+  return !ranges->empty();
 }
 
 // ---- PUBLIC -------------------------------------------------------------------------------------

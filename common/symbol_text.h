@@ -25,6 +25,7 @@
 #include <optional>
 #include <span>
 #include <string_view>
+#include <vector>
 
 #include "base/text_buffer.h"
 #include "google_breakpad/processor/windows_frame_info.h"
@@ -91,6 +92,7 @@ struct InlineFields {
   bool operator==(const InlineFields&) const = default;
 };
 // INLINE depth call_line call_file origin [address size]+
+constexpr uint32_t kMaxInlineDepth = 1000;  // a line with a greater depth is not read
 struct InlineCallFields {
   struct Range {
     uint64_t address;
@@ -177,6 +179,12 @@ bool parse(char* line, char* end, PublicFields* fields);
 // Refuses missing fields and numbers out of range only: what is no number counts as 0, and
 // characters after a number are ignored.
 bool parse(char* line, char* end, InlineFields* fields);
+
+bool parse(char* line, char* end, InlineOriginFields* fields);
+// `ranges` is cleared and then holds the ranges that fields->ranges refers to. Numbers are digits
+// alone, of at most 18 decimal or 15 hexadecimal places. The line is not changed.
+bool parse(const char* line, const char* end, InlineCallFields* fields,
+           std::vector<InlineCallFields::Range>* ranges);
 
 // Splits a line that begins with "STACK " at its platform word, which becomes NUL-terminated; the
 // rest of the line, which may be empty, begins one byte after it.
