@@ -5,6 +5,7 @@
 namespace google_breakpad {
 
 using symforge_internal::Arena;
+using symforge_internal::NestedRangeStack;
 
 void LineGatherer::Store(const Line& line) {
   const MemAddr high = line.address + line.size - 1;
@@ -57,26 +58,18 @@ void LineGatherer::Clear() {
 void InlineGatherer::Store(const InlineFunction& site, std::string_view name) {
   const Site new_site{site, name};
   if (site.code_size == 0 || new_site.high() < site.function_address) return;
-  if (!ordered_ || !StoreInOrder(new_site)) StoreOutOfOrder(new_site);
-}
-
-// False if the site does not come in the order of nesting, so that the tree has to decide.
-bool InlineGatherer::StoreInOrder(const Site& site) {
-  const MemAddr base = site.record.function_address, high = site.high();
-  if (base < position_) return false;
-  position_ = base;
-  while (!open_.empty() && sites_[open_.back()].high() < base) open_.pop_back();
-  if (!open_.empty()) {
-    const Site& around = sites_[open_.back()];
-    if (high > around.high()) {
-      // Cuts the open site in part, or lies around it, if they begin together.
-      return around.record.function_address != base;
+  if (ordered_) {
+    switch (nesting_.add(site.function_address, site.code_size)) {
+      case NestedRangeStack::Place::kInside:
+        sites_.push_back(new_site);
+        return;
+      case NestedRangeStack::Place::kNothing:
+        return;
+      case NestedRangeStack::Place::kOutOfOrder:
+        break;
     }
-    if (high == around.high() && base == around.record.function_address) return true;  // again
   }
-  open_.push_back(static_cast<uint32_t>(sites_.size()));
-  sites_.push_back(site);
-  return true;
+  StoreOutOfOrder(new_site);
 }
 
 void InlineGatherer::StoreOutOfOrder(const Site& site) {
@@ -132,8 +125,7 @@ void InlineGatherer::MoveTo(StringStorage& store, BasicSourceLineResolver::Funct
 
 void InlineGatherer::Clear() {
   sites_.clear();
-  open_.clear();
-  position_ = 0;
+  nesting_.clear();
   if (!ordered_) by_range_.Clear();
   ordered_ = true;
 }

@@ -1,5 +1,5 @@
 // The records of a PDB's container: the MSF file header, the PDB info stream, the DBI stream, frame
-// data. Laid onto the mapped file as they are; see CodeView.h for what type and module streams
+// data. Laid onto the mapped file as they are; see codeview.h for what type and module streams
 // hold. Published, under partly other names, in LLVM's documentation, "The PDB File Format" (with
 // "The MSF File Format" and "The PDB DBI Stream").
 
