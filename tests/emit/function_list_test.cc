@@ -66,7 +66,7 @@ TEST(FunctionListTest, SortsLikeAPlainSortOfTheRecords) {
   }
 }
 
-// Where a function without a section stands at a public one's offset, the order of a hash table
+// Where a function without a section is at a public one's RVA, the order of a hash table
 // decides which comes first.
 TEST(FunctionListTest, MergesInTheOrderOfAHashTable) {
   constexpr uint32_t kSize = 600;

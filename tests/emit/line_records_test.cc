@@ -29,11 +29,11 @@ TEST(LineRecordsTest, GivesABlockToTheFunctionAtOrBehindItsStart) {
       {"exact", {{1, 0x20, {{0, 1}}}}, "g 1020 8 1 1"},
       {"in front of all", {{1, 1, {{0, 1}}}}, "f 1010 8 1 1"},
       {"inside f", {{1, 0x14, {{0, 1}}}}, "g 1020 8 1 1"},
-      {"behind all", {{1, 99, {{0, 1}}}}, "g 1020 8 1 1"},
+      {"after all", {{1, 99, {{0, 1}}}}, "g 1020 8 1 1"},
       {"no section", {{0, 99, {{0, 1}}}}, "f 1010 8 1 1"},
       {"the first stays", {{1, 0x10, {{0, 1}}}, {1, 0x10, {{0, 2}}}}, "f 1010 8 1 1"},
       {"one from 0 does not stay", {{1, 0, {{0, 1}}}, {1, 0x10, {{0, 2}}}}, "f 1010 8 2 1"},
-      {"an unknown file leaves room",
+      {"an unknown file leaves the function free",
        {{1, 0x10, {{0, 1}}, true}, {1, 0x10, {{0, 2}}}},
        "f 1010 8 2 1"},
       {"without lines", {{1, 0x10, {}}, {1, 0x10, {{0, 2}}}}, ""},
@@ -41,8 +41,8 @@ TEST(LineRecordsTest, GivesABlockToTheFunctionAtOrBehindItsStart) {
        {{1, 0x10, {{4, 0x80000005}, {4, 6}, {0, 0xFF000007}}}},
        "f 1014 0 5 1 1014 fffffffc 6 1 1010 8 7 1"},
       // 0x15 too far: moved down by 0x20
-      {"last line behind the end", {{1, 0x10, {{0, 1}, {0x1D, 2}}}}, "f ff0 1d 1 1 100d b 2 1"},
-      {"last line at a multiple of 16 behind the end", {{1, 0x10, {{0x18, 2}}}}, "f 1018 0 2 1"},
+      {"last line after the end", {{1, 0x10, {{0, 1}, {0x1D, 2}}}}, "f ff0 1d 1 1 100d b 2 1"},
+      {"last line at a multiple of 16 after the end", {{1, 0x10, {{0x18, 2}}}}, "f 1018 0 2 1"},
   };
   const auto linesOf = [](const std::function<void(ModuleBuilder&, uint32_t file)>& change) {
     const std::string found = recordsOf([&](SmallPdb& pdb, ModuleBuilder& module, uint32_t file) {

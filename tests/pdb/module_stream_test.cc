@@ -27,7 +27,7 @@ TEST(ModuleStreamTest, WalksSubsections) {
       {"kind 0", {0, 999}, found},
       {"a negative kind", {0x800000F2, 999}, found},
       {"an end beyond the pages", {0xF3, 5000}, invalid},
-      {"an end in the last page, behind the stream", {0xF3, 3000}, "FUNC 1:1000 4 0 f()\n"},
+      {"an end in the last page, after the stream", {0xF3, 3000}, "FUNC 1:1000 4 0 f()\n"},
       {"a walk that comes back to where it was", {0xF3, 0xFFFFFFF8}, invalid},
   };
   const auto recordsWith = [](const std::function<void(ModuleBuilder&)>& change) {

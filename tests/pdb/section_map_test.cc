@@ -22,7 +22,8 @@ Record recordOf(const std::string& bytes) {
 }
 
 IMAGE_SECTION_HEADER sectionAt(uint32_t rva) {
-  return recordOf<IMAGE_SECTION_HEADER>(builders::section_header({.name = ".text", .address = rva}));
+  return recordOf<IMAGE_SECTION_HEADER>(
+      builders::section_header({.name = ".text", .address = rva}));
 }
 
 OmapEntry entry(uint32_t first, uint32_t second) {

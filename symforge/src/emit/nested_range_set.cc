@@ -66,16 +66,16 @@ void NestedRangeSet::dropRefused(const std::vector<AddressRange>& ranges) {
   m_order.resize(kept);
 }
 
-// A kept range cuts this one at its end when it begins behind this one's base, and at its base when
+// A kept range cuts this one at its end when it begins after this one's base, and at its base when
 // it ends inside. Of the kept ranges around the base, which nest, the last in order is the
 // innermost and ends first.
 bool NestedRangeSet::crossesKept(const AddressRange& range) const {
   const auto placeOf = [this](auto found) { return static_cast<size_t>(found - m_bases.begin()); };
   const auto same = std::lower_bound(m_bases.begin(), m_bases.end(), range.base);
-  const auto behind = std::upper_bound(same, m_bases.end(), range.base);
-  const auto after = std::upper_bound(behind, m_bases.end(), range.high);
+  const auto above = std::upper_bound(same, m_bases.end(), range.base);
+  const auto after = std::upper_bound(above, m_bases.end(), range.high);
   const uint64_t end = uint64_t{range.high} + 1;
-  if (highestIn(placeOf(behind), placeOf(after)) > end) return true;
+  if (highestIn(placeOf(above), placeOf(after)) > end) return true;
   const uint64_t around = lastReaching(placeOf(same), range.base);
   return around != 0 && around < end;
 }

@@ -5,8 +5,8 @@
 // come to this: a range is refused when it equals one that was kept, or cuts one in part; so what
 // is kept nests, whatever the order, and a walk that visits a range before the ranges inside it,
 // and disjoint ones by address, goes by (base ascending, end descending). A function can have many
-// thousands of ranges, nested as deep: here each costs a logarithm of their number, there is one
-// block of memory for each purpose, used again for the next function, and nothing recurs.
+// thousands of ranges, nested as deep: O(log n) per range, no recursion, buffers reused across
+// functions.
 
 #pragma once
 
@@ -40,7 +40,7 @@ class NestedRangeSet {
   std::vector<uint32_t> m_open;    // ends of the ranges around the present one
   std::vector<uint32_t> m_bases;   // by place
   std::vector<uint32_t> m_places;  // by position of the range
-  // The ends of the ranges that were kept so far, plus 1, as a tournament: places are the leaves,
+  // The ends of the ranges that were kept so far, plus 1, as a max segment tree over m_order:
   // each inner node holds the larger of its two children, the root is node 1. 0: none.
   std::vector<uint64_t> m_ends;
   size_t m_leaves = 0;
