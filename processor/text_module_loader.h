@@ -16,8 +16,11 @@
 
 #pragma once
 
+#include <array>
 #include <cstddef>
+#include <deque>
 #include <string>
+#include <vector>
 
 #include "common/symbol_text.h"
 #include "processor/basic_source_line_resolver_module.h"
@@ -62,6 +65,7 @@ class TextModuleLoader {
   void StoreStackCFI(const symforge_internal::StackCFIFields& fields);
 
   void FinishFunction();
+  void FinishStackWin();
   void LogParseError(const std::string& message, int line_number, int* num_errors);
   void LineError(const char* message) { LogParseError(message, line_number_, &num_errors_); }
 
@@ -77,6 +81,12 @@ class TextModuleLoader {
   bool cur_func_stored_ = false;  // the module's container took it
   LineGatherer lines_;
   InlineGatherer inlines_;
+  // STACK WIN ranges of one type in the order of their lines.
+  struct StackWinRanges {
+    std::vector<Module::StackWinMap::Extent> extents;
+    std::deque<StackWinRecord> records;
+  };
+  std::array<StackWinRanges, WindowsFrameInfo::STACK_INFO_LAST> stack_win_;
   Function* spare_func_ = nullptr;  // the record of a refused function, to be used again
   std::string last_program_;
   const char* last_program_kept_ = "";
