@@ -112,7 +112,8 @@ int main(int argc, char** argv) {
   seed("pdb_to_text", "x86", pdb32());
   seed("pe", "pe32_plus", image(true));
   seed("pe", "pe32", image(false));
-  for (const char* text : {"rich.sym", "rich_shuffled.sym", "round_trip.sym"}) {
+  for (const char* text : {"rich.sym", "rich_shuffled.sym", "round_trip.sym", "published_linux.sym",
+                           "published_mac.sym"}) {
     for (const char* target : {"text_load_lookup", "round_trip", "lookup_agreement"}) {
       seed(target, text, test_support::test_data(text));
     }
