@@ -3,6 +3,7 @@
 
 #include <cstring>
 #include <sstream>
+#include <string>
 #include <string_view>
 #include <unordered_map>
 #include <unordered_set>
@@ -33,6 +34,7 @@ class Printer {
 
   // The published form. Only files that lines or calls refer to are written.
   bool print_standard() {
+    is_standard_ = true;
     load_header();
     TextBuffer functions;
     if (!identity() || !standard_functions(functions) || !standard_files() || !standard_origins()) {
@@ -93,7 +95,7 @@ class Printer {
   bool enter_map(const symb_nested_window_frame_info& owner);
   bool outputWindowFrameInfo(const symb_nested_window_frame_info& range);
   bool stack_cfi();
-  bool initial_rule(const symb_cfi_rule& rule);
+  bool initial_rule(const symb_cfi_rule& rule, const char* changes);
   bool delta_rule(const symb_cfi_delta_rule& rule);
 
   // The part of an array of frame info ranges that is still to be printed.
@@ -110,6 +112,7 @@ class Printer {
   std::vector<Array> path_;  // from a root to the current range
 
   // For the published form.
+  bool is_standard_ = false;
   PublishedFunction published_;
   uint64_t parts_left_ = 0;
   std::unordered_set<int32_t> used_files_;
@@ -409,10 +412,13 @@ bool Printer::stack_cfi() {
   const char* const deltas_end = delta + header.cfi_delta_rule_count * sizeof(symb_cfi_delta_rule);
   for (uint64_t i = 0; i < header.cfi_initial_rule_count; ++i, initial += sizeof(symb_cfi_rule)) {
     const auto rule = symb_load<symb_cfi_rule>(initial);
-    if (!initial_rule(rule)) return false;
     while (delta != deltas_end && delta_address(delta) < rule.base) {
       delta += sizeof(symb_cfi_delta_rule);
     }
+    const bool joins_first =
+        is_standard_ && delta != deltas_end && rule.size != 0 && delta_address(delta) == rule.base;
+    if (!initial_rule(rule, joins_first ? delta : nullptr)) return false;
+    if (joins_first) delta += sizeof(symb_cfi_delta_rule);
     for (; delta != deltas_end && delta_address(delta) < rule.base + rule.size;
          delta += sizeof(symb_cfi_delta_rule)) {
       if (!delta_rule(symb_load<symb_cfi_delta_rule>(delta))) return false;
@@ -421,9 +427,17 @@ bool Printer::stack_cfi() {
   return true;
 }
 
-bool Printer::initial_rule(const symb_cfi_rule& rule) {
+// The published form has no changes at the start of a range: they join the initial rules.
+bool Printer::initial_rule(const symb_cfi_rule& rule, const char* changes) {
   StackCFIFields fields = {true, rule.base, rule.size, {}};
   if (!string(rule.rule, &fields.rules)) return false;
+  std::string joined;
+  if (changes != nullptr) {
+    std::string_view changed_rules;
+    if (!string(symb_load<symb_cfi_delta_rule>(changes).rule, &changed_rules)) return false;
+    joined = join_cfi_rules(fields.rules, changed_rules);
+    fields.rules = joined;
+  }
   append_line(text_, fields);
   return true;
 }

@@ -1,9 +1,12 @@
 #include "common/symbol_text.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "base/number_cursor.h"
@@ -458,6 +461,34 @@ bool parse(char* stack_info, char* end, StackCFIFields* fields) {
   fields->size = strtoul(size, nullptr, 16);
   fields->rules = rules;
   return true;
+}
+
+std::string join_cfi_rules(std::string_view rules, std::string_view changes) {
+  // A rule is a word that ends in a colon and the words up to the next such word.
+  std::vector<std::pair<std::string_view, std::string>> joined;
+  std::unordered_map<std::string_view, size_t> index;
+  for (std::string_view rest : {rules, changes}) {
+    size_t current = joined.size();
+    while (true) {
+      rest.remove_prefix(std::min(rest.find_first_not_of(' '), rest.size()));
+      if (rest.empty()) break;
+      const std::string_view word = rest.substr(0, rest.find(' '));
+      rest.remove_prefix(word.size());
+      if (word.ends_with(':')) {
+        const auto [found, is_new] = index.try_emplace(word, joined.size());
+        if (is_new) joined.emplace_back();
+        current = found->second;
+        joined[current] = {word, {}};
+      } else if (current < joined.size()) {
+        joined[current].second.append(" ").append(word);
+      }
+    }
+  }
+  std::string text;
+  for (const auto& [name, rule] : joined) {
+    text.append(text.empty() ? "" : " ").append(name).append(rule);
+  }
+  return text;
 }
 
 }  // namespace symforge_internal

@@ -24,6 +24,7 @@
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -193,6 +194,10 @@ void split_stack_line(char* line, char* end, char** platform, char** stack_info)
 // trailing characters: what is no number counts as 0.
 bool parse(char* stack_info, char* end, StackWinFields* fields);
 bool parse(char* stack_info, char* end, StackCFIFields* fields);
+
+// The rules of a STACK CFI INIT line after the changes of a STACK CFI line at its address: a
+// register of which both have a rule keeps that of `changes`.
+std::string join_cfi_rules(std::string_view rules, std::string_view changes);
 
 // Whether a number may end at `after_number`: before a blank, a line end or the end of the text.
 bool is_valid_after_number(const char* after_number);
