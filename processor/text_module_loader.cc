@@ -53,6 +53,7 @@ void TextModuleLoader::Load(char* buffer, size_t size) {
   }
   FinishFunction();
   NameSites();
+  FinishStackWin();
   module_.is_corrupt_ = num_errors_ > 0;
 }
 
@@ -314,10 +315,22 @@ void TextModuleLoader::StoreStackWin(const StackWinFields& fields) {
     last_program_ = fields.program_string;
     last_program_kept_ = strings_.keep(fields.program_string);
   }
-  const StackWinRecord record = {fields, fields.program_string.empty() ? "" : last_program_kept_,
-                                 static_cast<int8_t>(fields.type), fields.allocates_base_pointer};
-  module_.windows_frame_info_[static_cast<size_t>(fields.type)].StoreRange(
-      fields.rva, fields.code_size, record);
+  const MemAddr high = fields.rva + fields.code_size - 1;
+  if (fields.code_size == 0 || high < fields.rva) return;
+  StackWinRanges& ranges = stack_win_[static_cast<size_t>(fields.type)];
+  ranges.extents.push_back({fields.rva, high});
+  ranges.records.push_back({fields, fields.program_string.empty() ? "" : last_program_kept_,
+                            static_cast<int8_t>(fields.type), fields.allocates_base_pointer});
+}
+
+// Decides which of the STACK WIN ranges the module keeps.
+void TextModuleLoader::FinishStackWin() {
+  for (size_t type = 0; type < stack_win_.size(); ++type) {
+    StackWinRanges ranges = std::move(stack_win_[type]);
+    if (ranges.extents.empty()) continue;
+    module_.windows_frame_info_[type].StoreRanges(
+        ranges.extents, [&](size_t i) -> const StackWinRecord& { return ranges.records[i]; });
+  }
 }
 
 void TextModuleLoader::StoreStackCFI(const StackCFIFields& fields) {

@@ -16,7 +16,9 @@
 
 #pragma once
 
+#include <array>
 #include <cstddef>
+#include <deque>
 #include <string>
 #include <vector>
 
@@ -68,6 +70,7 @@ class TextModuleLoader {
   void FinishFunction();
   void StoreInlineCalls();
   void NameSites();
+  void FinishStackWin();
   void LogParseError(const std::string& message, int line_number, int* num_errors);
   void LineError(const char* message) { LogParseError(message, line_number_, &num_errors_); }
 
@@ -84,6 +87,12 @@ class TextModuleLoader {
   LineGatherer lines_;
   InlineGatherer inlines_;
   InlineCallGatherer calls_;
+  // STACK WIN ranges of one type in the order of their lines.
+  struct StackWinRanges {
+    std::vector<Module::StackWinMap::Extent> extents;
+    std::deque<StackWinRecord> records;
+  };
+  std::array<StackWinRanges, WindowsFrameInfo::STACK_INFO_LAST> stack_win_;
   Function* spare_func_ = nullptr;  // the record of a refused function, to be used again
   // INLINE_ORIGIN lines by number, and the sites whose origin was not known when their function
   // ended: published files have the lines before the functions, but any order is accepted.

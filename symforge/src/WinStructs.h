@@ -16,6 +16,7 @@ constexpr uint16_t IMAGE_FILE_MACHINE_I386 = 0x14C;
 constexpr uint16_t IMAGE_FILE_MACHINE_ARM = 0x1C4;
 constexpr uint16_t IMAGE_FILE_MACHINE_PPC64 = 0x1F2;  // Xbox 360 images carry this number
 constexpr uint16_t IMAGE_FILE_MACHINE_AMD64 = 0x8664;
+constexpr uint16_t IMAGE_FILE_MACHINE_ARM64 = 0xAA64;
 constexpr uint16_t IMAGE_NT_OPTIONAL_HDR32_MAGIC = 0x10B;
 constexpr uint16_t IMAGE_NT_OPTIONAL_HDR64_MAGIC = 0x20B;
 constexpr uint32_t IMAGE_DEBUG_TYPE_CODEVIEW = 2;
@@ -23,6 +24,7 @@ constexpr uint32_t IMAGE_DEBUG_TYPE_CODEVIEW = 2;
 enum DataDirectoryIndex {
   IMAGE_DIRECTORY_ENTRY_EXCEPTION = 3,
   IMAGE_DIRECTORY_ENTRY_DEBUG = 6,
+  IMAGE_DIRECTORY_ENTRY_LOAD_CONFIG = 10,
   IMAGE_DIRECTORY_ENTRY_COM_DESCRIPTOR = 14,  // the CLR header
 };
 
@@ -65,12 +67,16 @@ static_assert(offsetof(IMAGE_OPTIONAL_HEADER, DataDirectory) == 96);
 
 struct IMAGE_OPTIONAL_HEADER64 {
   le_uint16 Magic;
-  uint8_t unused1[54];
+  uint8_t unused1[22];
+  LittleEndian<uint64_t> ImageBase;
+  uint8_t unused3[24];
   le_uint32 SizeOfImage;
   uint8_t unused2[52];
   IMAGE_DATA_DIRECTORY DataDirectory[16];
 };
 static_assert(sizeof(IMAGE_OPTIONAL_HEADER64) == 240);
+static_assert(offsetof(IMAGE_OPTIONAL_HEADER64, ImageBase) == 24);
+static_assert(offsetof(IMAGE_OPTIONAL_HEADER64, SizeOfImage) == 56);
 static_assert(offsetof(IMAGE_OPTIONAL_HEADER64, DataDirectory) == 112);
 
 struct IMAGE_NT_HEADERS32 {

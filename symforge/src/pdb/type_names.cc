@@ -7,6 +7,8 @@
 #include <cstring>
 #include <utility>
 
+#include "symforge/src/pdb/leaf_traits.h"
+
 namespace symforge_internal {
 
 namespace {
@@ -17,7 +19,7 @@ constexpr size_t kBlocks = 64;
 constexpr size_t kBlockBytes = 64 * 1024;
 constexpr size_t kLongestRemembered = kBlockBytes / 16;
 
-// Indices of arrays below this are not types: the array's size stands behind them.
+// Indices of arrays below this are not types: the array's size follows them.
 constexpr uint32_t kFirstArrayIndexType = 0x8000;
 
 using PrimitiveNames = std::array<std::string_view, 256>;
@@ -79,7 +81,7 @@ const Record& recordOf(const TypeInfo& info) {
   return *reinterpret_cast<const Record*>(info.data.data);
 }
 
-// Rendering recurs as deep as types nest: what needs room on the stack keeps out of its frames.
+// Rendering recurs as deep as types nest: what needs stack space is kept out of its frames.
 template <typename Number>
 [[gnu::noinline]] void appendDecimal(Number number, std::string& output) {
   char digits[24];
@@ -141,7 +143,7 @@ Number numberOf(const TypeInfo& info) {
 
 }  // namespace
 
-bool TypeNames::append(uint32_t type, std::string& output, uint32_t flags, bool info) {
+bool TypeNames::stringizeType(uint32_t type, std::string& output, uint32_t flags, bool info) {
   m_output = &output;
   m_textStart = output.size();
   m_depth = 0;
@@ -174,42 +176,42 @@ void TypeNames::limitEffort() {
 }
 
 bool TypeNames::renderRecord(const TypeInfo& info, uint32_t flags, const TypeTable& table) {
-  switch (info.type) {
-    case LEAF::LF_ARGLIST:
-      renderArguments(info, flags);
-      return false;
-    case LEAF::LF_PROCEDURE:
-      renderProcedure(info, flags);
-      return true;
-    case LEAF::LF_MFUNCTION:
-      renderMemberFunction(info, flags);
-      return true;
-    case LEAF::LF_MODIFIER:
-      renderModifier(info, flags);
-      return false;
-    case LEAF::LF_POINTER:
-      renderPointer(info, flags);
-      return false;
-    case LEAF::LF_INDEX:
-      render(recordOf<LeafIndex>(info).index, flags, m_types);
-      return false;
-    case LEAF::LF_ARRAY:
-      renderArray(info, table);
-      return false;
-    case LEAF::LF_CLASS:
-    case LEAF::LF_STRUCTURE:
-    case LEAF::LF_UNION:
-    case LEAF::LF_ENUM:
-    case LEAF::LF_ALIAS:
+  const LeafTraits& traits = traitsOf(info.type);
+  switch (traits.text) {
+    case LeafText::kNone:
+      break;
+    case LeafText::kName:
       *m_output += info.name.data;
-      return false;
-    case LEAF::LF_FUNC_ID:
+      break;
+    case LeafText::kArguments:
+      renderArguments(info, flags);
+      break;
+    case LeafText::kProcedure:
+      renderProcedure(info, flags);
+      break;
+    case LeafText::kMemberFunction:
+      renderMemberFunction(info, flags);
+      break;
+    case LeafText::kModifier:
+      renderModifier(info, flags);
+      break;
+    case LeafText::kPointer:
+      renderPointer(info, flags);
+      break;
+    case LeafText::kIndex:
+      render(recordOf<LeafIndex>(info).index, flags, m_types);
+      break;
+    case LeafText::kArray:
+      renderArray(info, table);
+      break;
+    case LeafText::kFunctionId:
       renderFunctionId(info);
-      return true;
-    default:
+      break;
+    case LeafText::kNumber:
       renderNumber(info, *m_output);
-      return false;
+      break;
   }
+  return traits.isFunction;
 }
 
 void TypeNames::renderFunctionId(const TypeInfo& info) {
@@ -300,9 +302,8 @@ void TypeNames::renderArray(const TypeInfo& info, const TypeTable& table) {
 }
 
 void TypeNames::renderArgumentList(uint32_t type) {
-  const uint32_t place = m_rememberedIndex.find(type);
-  if (place != 0) {
-    *m_output += m_remembered[place - 1];
+  if (const std::string_view* text = m_remembered.find(type)) {
+    *m_output += *text;
     return;
   }
   const size_t start = m_output->size();
@@ -312,7 +313,7 @@ void TypeNames::renderArgumentList(uint32_t type) {
 }
 
 void TypeNames::remember(uint32_t type, std::string_view text) {
-  if (text.size() > kLongestRemembered || m_remembered.size() == kMostRemembered) return;
+  if (text.size() > kLongestRemembered || m_remembered.values().size() == kMostRemembered) return;
   if (m_blocks.empty() || kBlockBytes - m_blockUsed < text.size()) {
     if (m_blocks.size() == kBlocks) return;
     m_blocks.push_back(std::make_unique_for_overwrite<char[]>(kBlockBytes));
@@ -321,8 +322,7 @@ void TypeNames::remember(uint32_t type, std::string_view text) {
   char* copy = m_blocks.back().get() + m_blockUsed;
   std::memcpy(copy, text.data(), text.size());
   m_blockUsed += text.size();
-  m_remembered.emplace_back(copy, text.size());
-  m_rememberedIndex[type] = static_cast<uint32_t>(m_remembered.size());
+  m_remembered.insert(type, {copy, text.size()});
 }
 
 }  // namespace symforge_internal

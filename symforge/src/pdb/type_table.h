@@ -2,7 +2,7 @@
 //
 // Such a stream is a 56-byte header and records numbered without gaps from the header's `min`:
 //
-//   uint16 length (bytes behind this field), uint16 leaf, the leaf's fields, fill
+//   uint16 length (bytes after this field), uint16 leaf, the leaf's fields, fill
 //
 // What lies between the end of a record and the next multiple of 4 is skipped when it is fill (all
 // zero, or the pad bytes F3 F2 F1, each telling how far the multiple of 4 is); otherwise the next
@@ -18,8 +18,8 @@
 #include <cstdint>
 #include <vector>
 
-#include "symforge/src/StreamReader.h"
-#include "symforge/src/pdb/codeview.h"
+#include "symforge/src/msf/msf_file.h"
+#include "symforge/src/pdb/leaf_traits.h"
 
 namespace symforge_internal {
 
@@ -38,13 +38,13 @@ class TypeTable {
   // Indexes a stream that has bytes. `stream` and `file` must outlive the table. Throws
   // pdb_recoverable_exception when the records, or what is kept of them, run off the stream's
   // pages. To be called once.
-  void load(const StreamPair& stream, const MsfFile& file);
+  void load(const StreamPair& stream, const MsfPages& file);
 
   // Decodes the record of an index. False when there is none, or none of a kind that has a text.
   bool find(uint32_t type, TypeInfo& info) const;
 
   // Whether the index is that of a function: LF_PROCEDURE, LF_MFUNCTION or LF_FUNC_ID. Index 0 is
-  // "no type", also in a table that begins with it. Touches no record.
+  // "no type", also in a table that begins with it. Reads no record.
   bool isFunction(uint32_t type) const {
     const uint32_t place = type - m_min;
     return type != 0 && place < m_functions.size() && m_functions[place];
@@ -86,22 +86,23 @@ class TypeTable {
     }
     const uint8_t* at(uint32_t offset) const { return data + (offset - start); }
   };
-  struct Head {
+  struct RecordHeader {
     uint16_t length;
     uint16_t leaf;
   };
 
-  void addRecord(uint32_t offset, const Head& head);
+  void addRecord(uint32_t offset, const RecordHeader& head);
   uint32_t skipFill(StreamReader& reader, uint32_t offset);
   void enterRunOf(StreamReader& reader, uint32_t offset);
-  Head headAt(uint32_t offset) const;
-  static Head headIn(const Run& run, uint32_t offset);
+  RecordHeader headAt(uint32_t offset) const;
+  static RecordHeader headIn(const Run& run, uint32_t offset);
   const Run& runOf(uint32_t offset) const;
-  bool decodeInRun(const Run& run, uint32_t offset, const Head& head, TypeInfo& info) const;
+  bool decodeInRun(const Run& run, uint32_t offset, const RecordHeader& head,
+                   const LeafTraits& traits, TypeInfo& info) const;
   void decodeAcrossRuns(uint32_t offset, TypeInfo& info) const;
 
   const StreamPair* m_stream = nullptr;
-  const MsfFile* m_file = nullptr;
+  const MsfPages* m_file = nullptr;
   uint32_t m_min = 0;
   bool m_hasUnknownPointers = false;
   std::vector<uint32_t> m_offsets;  // of each record in the stream; 0: no text
@@ -109,5 +110,9 @@ class TypeTable {
   std::vector<Run> m_runs;  // in the order of the stream
   mutable size_t m_lastRun = 0;
 };
+
+// Loads a type stream of a PDB into `table`. A stream without bytes leaves it empty; when it is
+// `required` that throws pdb_exception. Throws std::out_of_range for a stream that does not exist.
+void loadTypeStream(const MsfFile& file, uint32_t stream, TypeTable& table, bool required);
 
 }  // namespace symforge_internal
