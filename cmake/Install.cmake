@@ -35,7 +35,8 @@ if(NOT SYMFORGE_INSTALL)
   return()
 endif()
 
-set(contact "The symforge developers <symforge@localhost>")
+# (there is no public address yet)
+set(contact "The symforge developers <symforge@symforge.invalid>")
 
 # compressed(FILE OUTPUT): makes OUTPUT in the build folder, by gzip without a name or a time in it.
 function(compressed file output)

@@ -138,7 +138,8 @@ int main(int argc, char** argv) {
   seed("pe", "pe32", image(false));
   seed("unwind_rules", "x64", image(true));
   seed("unwind_rules", "arm64", arm64_image());
-  for (const char* text : {"rich.sym", "rich_shuffled.sym", "round_trip.sym"}) {
+  for (const char* text : {"rich.sym", "rich_shuffled.sym", "round_trip.sym", "published_linux.sym",
+                           "published_mac.sym"}) {
     for (const char* target : {"text_load_lookup", "round_trip", "lookup_agreement"}) {
       seed(target, text, test_support::test_data(text));
     }

@@ -3,10 +3,10 @@
 #include <charconv>
 #include <string_view>
 
-#include "common/text_buffer.h"
+#include "base/text_buffer.h"
 #include "fuzz/harness.h"
 #include "symforge/src/pe/unwind_rules.h"
-#include "symforge/src/pe_image.h"
+#include "symforge/src/pe/pe_image.h"
 #include "tests/support/memory_file.h"
 
 using namespace symforge_internal;

@@ -30,6 +30,8 @@ class LineGatherer {
   // Copies the lines in ascending order into `arena` and makes them the function's.
   void MoveTo(Arena& arena, BasicSourceLineResolver::Function* function);
   void Clear();
+  // The stored lines in ascending order, until the next Store, MoveTo or Clear.
+  const std::vector<Line>& Sorted();
 
  private:
   void StoreOutOfOrder(const Line& line);
@@ -58,15 +60,13 @@ class InlineGatherer {
     MemAddr high() const { return record.function_address + record.code_size - 1; }
   };
 
-  void StoreOutOfOrder(const Site& site);
   void SortByNesting();
 
   std::vector<Site> sites_;
   // While `ordered_`: sites_ is in the order of nesting.
   bool ordered_ = true;
   symforge_internal::NestedRangeStack nesting_;
-  // Otherwise: the sites that are stored, as indices into sites_.
-  ContainedRangeMap<MemAddr, uint32_t> by_range_;
+  // Otherwise: which of sites_ are stored is decided when the function is over.
   std::vector<InlineFunction> final_;
 };
 
