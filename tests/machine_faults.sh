@@ -136,10 +136,10 @@ standard_full_disk() {
   mount -t tmpfs -o size=16k none "$tree" || return 1
   convert --standard "$scratch/big.sym" "$tree"
   local status=$?
-  [ $status -eq 1 ] && one_line && said 'No space left on device' && no_strays
+  [ "$status" -eq 1 ] && one_line && said 'No space left on device' && no_strays
   local result=$?
   umount "$tree"
-  return $result
+  return "$result"
 }
 report "standard mode, full disk" standard_full_disk
 
