@@ -57,9 +57,9 @@ void Arm64Frame::add(const Arm64Effect& effect) {
   }
 }
 
-// The first place of a register counts: it was saved there before it was used. Registers that a
-// function may overwrite have no rules; of d8 to d15 a function keeps the low 8 bytes, also when it
-// saves all 16.
+// The first place of a register is used: it was saved there before it was changed. Registers that a
+// function may overwrite have no rules. Of d8 to d15 a function preserves the low 8 bytes, even
+// when it saves all 16.
 void Arm64Frame::place(Arm64Effect::File file, uint8_t reg, int64_t distance) {
   if (file == Arm64Effect::File::kX) {
     if (reg < 19) return;

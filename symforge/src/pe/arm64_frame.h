@@ -1,4 +1,4 @@
-// What ARM64 unwind codes amount to: the CFI rules at one instruction.
+// The CFI rules at one instruction, from ARM64 unwind codes.
 
 #pragma once
 
@@ -16,16 +16,16 @@ const CfiMachine& arm64Cfi();
 // That is the order in which a prolog runs, and the opposite of an epilog's.
 //
 // Everything is placed by its distance from the canonical frame address, which the codes fix: the
-// stack pointer moves by known sizes in prologs and epilogs. A function that moves it elsewhere has
-// x29 for it.
+// stack pointer moves by known sizes in prologs and epilogs. A function that moves it elsewhere
+// uses x29 instead.
 class Arm64Frame {
  public:
   Arm64Frame() { reset(); }
 
-  // Back to the rules at a function's entry.
+  // Resets to the rules at a function's entry.
   void reset();
 
-  // After the instruction that `effect` describes.
+  // Applies the instruction that `effect` describes.
   void add(const Arm64Effect& effect);
 
   const CfiRules& rules() const { return rules_; }

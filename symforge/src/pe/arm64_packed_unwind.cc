@@ -2,9 +2,10 @@
 //
 //   CR 2     pacibsp
 //   RegI     stp x19,x20,[sp,#-saved]!; stp x21,x22,[sp,#16] ...
-//   CR 1     str lr, after the integer registers; in one stp with the last one if that has no
-//   partner RegF     stp d8,d9 ... H        four stp of x0 to x7 CR 2, 3  stp
-//   x29,lr,[sp,#-locals]!; mov x29,sp           locals up to 512 bytes
+//   CR 1     str lr, after the integer registers; paired with the last of an odd number
+//   RegF     stp d8,d9 ...
+//   H        four stp of x0 to x7
+//   CR 2, 3  stp x29,lr,[sp,#-locals]!; mov x29,sp            locals up to 512 bytes
 //            sub sp,sp,#locals; stp x29,lr,[sp]; mov x29,sp   above, in two steps from 4080 on
 //   CR 0, 1  sub sp,sp,#locals                                likewise
 //
@@ -63,7 +64,7 @@ class PackedProlog {
     return out_.back();
   }
 
-  // Stores one or two registers in the next place of the save area.
+  // Stores one or two registers at the next place of the save area.
   void save(File file, uint8_t first, uint8_t second = Arm64Effect::kNoRegister) {
     Arm64Effect& effect = add(Kind::kSave);
     effect.file = file;
@@ -139,7 +140,7 @@ class PackedProlog {
   uint32_t used_ = 0;  // bytes of the save area
 };
 
-// False when the word contradicts itself.
+// False if the word is inconsistent.
 bool measure(Arm64PackedUnwind packed, Areas& areas) {
   if (packed.regI() > kMostRegI) return false;
   areas.integers = packed.regI() * 8 + (packed.cr() == kLinkOnly ? 8 : 0);

@@ -1,4 +1,4 @@
-// Packed ARM64 unwind entries: one word that stands for a canonical prolog and epilog.
+// Packed ARM64 unwind entries: one word that selects a canonical prolog and epilog.
 
 #pragma once
 

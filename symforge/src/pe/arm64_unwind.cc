@@ -10,7 +10,7 @@ namespace symforge_internal {
 
 namespace {
 
-// Bytes from the headers, which are at the begin of a file, to its end.
+// Bytes from the headers, which are at the start of the file, to its end.
 uint64_t fileBytes(const PeImage& image) {
   return image.bytesLeft(reinterpret_cast<const uint8_t*>(image.ntHeaders()));
 }
@@ -40,7 +40,7 @@ class Arm64UnwindWriter {
   }
 
  private:
-  // Indexes into the table, which ascends in all but damaged files. Padding is left out.
+  // Indexes into the table, which ascends except in damaged files. Padding is omitted.
   std::vector<uint32_t> entriesByAddress() const {
     std::vector<uint32_t> order;
     order.reserve(table_.size());
@@ -79,8 +79,8 @@ class Arm64UnwindWriter {
     }
   }
 
-  // The code of an entry without rules is no leaf function: it is claimed, as far as it is known.
-  // `size` 0: unknown.
+  // The code of an entry without rules is not a leaf function: it is claimed, as far as it is
+  // known. `size` 0: unknown.
   void claimUndescribed(uint32_t begin, uint64_t size, uint32_t next) {
     uint64_t end = begin + size;
     if (size == 0 || end > image_end_) end = endOfFunction(begin);
@@ -98,7 +98,7 @@ class Arm64UnwindWriter {
                   : uint64_t{rva} + kArm64InstructionBytes;
   }
 
-  // Reads the entry and all that belongs to it, so that nothing is written of one that is wrong.
+  // Reads the whole entry first, so that nothing is written of a damaged one.
   Arm64Status check(const Arm64RuntimeFunction& record) {
     Arm64Status status = entry_.read(record);
     uint64_t rows = status == Arm64Status::kOk ? entry_.prolog().instructions + 1 : 0;
@@ -167,7 +167,7 @@ class Arm64UnwindWriter {
   Arm64Frame frame_;
   CfiRules body_;
   std::vector<CfiRules> epilog_rows_;
-  size_t rows_of_ = SIZE_MAX;  // the codes that they were made of
+  size_t rows_of_ = SIZE_MAX;  // the codes that they were made from
   Arm64UnwindReport report_;
 };
 

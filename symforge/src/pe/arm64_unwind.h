@@ -13,16 +13,16 @@
 
 namespace symforge_internal {
 
-// What became of the entries of a table. Entries that consist of zeros are padding.
+// Counts the entries of a table by result. Entries that consist of zeros are padding.
 struct Arm64UnwindReport {
   size_t entries = 0;      // all but padding
-  size_t damaged = 0;      // entries without rules: records are cut short or contradict themselves
-  size_t overlapping = 0;  // entries without rules: they begin inside of an earlier one
+  size_t damaged = 0;      // entries without rules: truncated or inconsistent records
+  size_t overlapping = 0;  // entries without rules: they begin inside an earlier one
   size_t unsupported = 0;  // entries without rules: custom stack layouts, reserved codes, sizes
                            // that depend on the length of vector registers
   // The table leaves the file. Code above the last entry has no rules then.
   bool truncated = false;
-  // Entries ask for more codes or rows than any compiler makes: see below.
+  // Entries have more codes or rows than the limits below.
   bool limit_reached = false;
 };
 
@@ -37,8 +37,8 @@ inline constexpr uint64_t kFileBytesPerArm64Row = 4;
 // and those of leaf functions.
 //
 // `image` must have the NT headers of a PE32+ image. `functions` are the ranges of the image's
-// functions, ascending by begin. An entry without rules still covers its code: that is no leaf
-// function. Nothing outside of the image is read. From the first entry beyond a limit on, entries
+// functions, ascending by begin. An entry without rules still covers its code, which is not a
+// leaf function. Nothing outside the image is read. From the first entry beyond a limit on, entries
 // have no rules. Prints no messages. Throws std::bad_alloc.
 Arm64UnwindReport writeArm64UnwindRules(const PeImage& image, uint32_t table, uint32_t table_bytes,
                                         std::span<const CodeRange> functions, TextBuffer& out);

@@ -112,7 +112,7 @@ Arm64Effect saveAny(uint32_t code) {
   const bool pre_indexed = (code >> 13 & 1) != 0;
   const auto file = static_cast<File>(code >> 6 & 3);
   const uint32_t unit = pair || pre_indexed || file == File::kQ ? 16 : 8;
-  // What is pre-indexed moves the stack pointer by one unit at least.
+  // A pre-indexed store moves the stack pointer by at least one unit.
   const uint32_t bytes = ((code & 0x3F) + (pre_indexed ? 1 : 0)) * unit;
   return save(file, code >> 8 & 0x1F, pair, pre_indexed ? 0 : bytes, pre_indexed ? bytes : 0);
 }
@@ -165,7 +165,7 @@ const CodeKind& kindOf(uint8_t first) {
   return *(next - 1);
 }
 
-// Takes the code at `index` and moves on to the next one.
+// Decodes the code at `index` and moves `index` to the next one.
 Arm64Status decodeOne(std::span<const uint8_t> codes, size_t& index, Arm64Effect& out) {
   if (index >= codes.size()) return Arm64Status::kMalformed;
   const uint8_t first = codes[index];
@@ -188,7 +188,7 @@ bool hasValidRegisters(const Arm64Effect& effect) {
          (single || (effect.second <= last && effect.first < effect.second));
 }
 
-// Whether save_next may continue it: a pair of neighbours other than the frame pointer's.
+// Whether save_next can continue it: a pair of adjacent registers other than the frame pointer's.
 bool canBeContinued(const Arm64Effect& effect) {
   return effect.kind == Kind::kSave && effect.second == effect.first + 1 &&
          !(effect.file == File::kX && effect.first >= kFramePointer);

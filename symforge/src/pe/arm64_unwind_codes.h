@@ -12,7 +12,7 @@ namespace symforge_internal {
 
 enum class Arm64Status : uint8_t {
   kOk,
-  kMalformed,    // contradicts the format
+  kMalformed,    // violates the format
   kUnsupported,  // custom stack layouts, reserved codes, sizes that depend on the vector length
 };
 
@@ -24,7 +24,7 @@ struct Arm64Effect {
     kAllocate,   // sp -= allocated
     kSave,       // sp -= allocated, then the registers are stored at sp + offset
     kSetFrame,   // x29 = sp + offset
-    kSaveNext,   // inside of the decoder only
+    kSaveNext,   // inside the decoder only
     kEnd,        // likewise
     kEndOfPart,  // likewise
   };

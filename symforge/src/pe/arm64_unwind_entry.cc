@@ -4,7 +4,7 @@
 
 namespace symforge_internal {
 
-// A search for an RVA runs over the sections, of which Windows loads 96 at most.
+// A search for an RVA visits the sections, of which Windows loads at most 96.
 Arm64UnwindEntry::Arm64UnwindEntry(const PeImage& image)
     : image_(image), lookup_cost_(1 + image.ntHeaders()->FileHeader.NumberOfSections / 16) {}
 
@@ -62,7 +62,7 @@ Arm64Status Arm64UnwindEntry::readRecord(uint32_t rva) {
   single_epilog_ = header->hasSingleEpilog();
   single_codes_ = epilogs;
   const size_t scopes = single_epilog_ ? 0 : epilogs;
-  // Each epilog has an instruction at least.
+  // Each epilog has at least one instruction.
   if (scopes > length_) return Arm64Status::kMalformed;
   const size_t codes_at = head_bytes + scopes * sizeof(Arm64EpilogScope);
   if (left < codes_at + code_words * 4) return Arm64Status::kMalformed;

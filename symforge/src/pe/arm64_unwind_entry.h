@@ -12,8 +12,8 @@
 
 namespace symforge_internal {
 
-// Reads entries of one image, one after the other, with memory that is used again. The image must
-// have NT headers and outlive it. Nothing outside of the image is read. Offsets and lengths are in
+// Reads entries of one image, one after the other, and reuses its memory. The image must have NT
+// headers and outlive it. Nothing outside the image is read. Offsets and lengths are in
 // instructions.
 class Arm64UnwindEntry {
  public:
@@ -28,7 +28,7 @@ class Arm64UnwindEntry {
 
   size_t epilogCount() const { return epilog_count_; }
 
-  // Selects an epilog, in the order of the record; checks that it is inside of the function and
+  // Selects an epilog, in the order of the record; checks that it is inside the function and
   // does not overlap the prolog. Throws std::bad_alloc.
   Arm64Status selectEpilog(size_t index);
 

@@ -18,7 +18,7 @@ inline constexpr uint32_t kArm64InstructionBytes = 4;
 struct Arm64RuntimeFunction {
   enum Flag : uint32_t {
     kUnpacked = 0,
-    kPackedFunction = 1,  // one prolog at the begin, one epilog at the end
+    kPackedFunction = 1,  // one prolog at the start, one epilog at the end
     kPackedFragment = 2,  // neither
     kReserved = 3,
   };
@@ -50,7 +50,7 @@ struct Arm64XdataHeader {
 
   uint32_t length() const { return word & 0x3FFFF; }
   uint32_t version() const { return word >> 18 & 3; }
-  // One epilog, at the function's end, and no scopes. epilogCount() is the index of its codes.
+  // One epilog at the function's end, and no scopes. epilogCount() is the index of its codes.
   bool hasSingleEpilog() const { return (word >> 21 & 1) != 0; }
   uint32_t epilogCount() const { return word >> 22 & 0x1F; }
   uint32_t codeWords() const { return word >> 27; }
@@ -69,7 +69,7 @@ static_assert(sizeof(Arm64XdataExtension) == 4 && alignof(Arm64XdataExtension) =
 struct Arm64EpilogScope {
   le_uint32 word;
 
-  uint32_t start() const { return word & 0x3FFFF; }      // from the function's begin
+  uint32_t start() const { return word & 0x3FFFF; }      // from the function's start
   uint32_t reserved() const { return word >> 18 & 15; }  // 0 in all records known today
   uint32_t codeIndex() const { return word >> 22; }      // bytes
 };

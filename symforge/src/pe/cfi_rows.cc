@@ -13,7 +13,7 @@ namespace {
 constexpr size_t kLongestRule = 40;
 constexpr size_t kLongestLine = 64 + (CfiRules::kRegisters + 3) * kLongestRule;
 
-// Code has addresses of 32 bits.
+// Addresses of code have 32 bits.
 constexpr uint64_t kAddressSpace = uint64_t{1} << 32;
 
 void writeCfa(LineWriter& line, const CfiMachine& machine, const CfiRules& rules) {

@@ -1,7 +1,7 @@
 // The unwind rules of an image as STACK CFI lines, in the published text format.
 //
 //   STACK CFI INIT ADDRESS SIZE RULES    rules at the first byte of a range
-//   STACK CFI ADDRESS RULES              what changes there, ascending, inside of the range
+//   STACK CFI ADDRESS RULES              what changes there, ascending, inside the range
 //
 // Ranges ascend and do not overlap. The ranges of unwind entries come from the caller. Between
 // them, code of functions that no entry covers belongs to leaf functions by the ABIs of x86-64 and

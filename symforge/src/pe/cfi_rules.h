@@ -1,4 +1,4 @@
-// CfiRules: how to get from a frame to its caller's at one address of the code.
+// CfiRules: how to recover the caller's frame at one address of the code.
 //
 // The canonical frame address (CFA) is the value of the stack pointer in the caller's frame. It is
 // a register plus an offset; everything that the function saved is at a fixed distance from it.
@@ -12,7 +12,7 @@
 
 namespace symforge_internal {
 
-// A value type without memory of its own. Registers are numbers below kRegisters, given by the
+// A value type without memory of its own. Registers are numbers below kRegisters, defined by the
 // machine's table of names (CfiMachine). Offsets and distances are in bytes; distances count from
 // the CFA downwards and can be negative: a function may save registers in its caller's frame.
 class CfiRules {
@@ -47,7 +47,7 @@ class CfiRules {
     saved_ |= uint32_t{1} << reg;
     distances_[reg] = distance;
   }
-  // The register itself holds the caller's value, as it does when nothing was said about it.
+  // The register itself has the caller's value, which is also the initial state.
   void restore(uint8_t reg) {
     assert(reg < kRegisters);
     saved_ &= ~(uint32_t{1} << reg);

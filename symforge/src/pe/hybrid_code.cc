@@ -7,7 +7,7 @@ namespace symforge_internal {
 
 namespace {
 
-// IMAGE_LOAD_CONFIG_DIRECTORY64, as far as it is needed. An image may have less of it.
+// IMAGE_LOAD_CONFIG_DIRECTORY64, as far as it is needed. An image can have a shorter one.
 struct LoadConfig {
   le_uint32 Size;  // bytes of the record in this image
   uint8_t unused[196];
@@ -35,7 +35,7 @@ struct CodeMapEntry {
 };
 static_assert(sizeof(CodeMapEntry) == 8);
 
-// False: not a map of code.
+// False if the record is not a map of code.
 bool readCodeMap(const PeImage& image, const ChpeMetadata& metadata, HybridCode& code) {
   const uint64_t size = uint64_t{metadata.CodeMapCount} * sizeof(CodeMapEntry);
   const uint8_t* bytes = image.bytesAt(metadata.CodeMap, size);

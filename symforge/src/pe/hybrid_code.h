@@ -1,5 +1,5 @@
 // ARM64EC and ARM64X images: code for x64 and for ARM64 in one image. Their load configuration
-// leads to metadata (CHPE, "compiled hybrid portable executable") with a map of the code and a
+// refers to metadata (CHPE, "compiled hybrid portable executable") with a map of the code and a
 // second table of unwind data.
 
 #pragma once
@@ -24,7 +24,7 @@ struct HybridCode {
 enum class HybridStatus : uint8_t {
   kNone,     // an image for one machine
   kHybrid,   // the map was read
-  kDamaged,  // there is metadata that makes no sense: nothing is known about the code
+  kDamaged,  // the metadata are inconsistent: nothing is known about the code
 };
 
 // `image` must have the NT headers of a PE32+ image. `code` is filled after kHybrid only. Nothing

@@ -16,7 +16,7 @@ namespace symforge_internal {
 namespace {
 
 constexpr uint32_t kMaxDebugEntries = 64;      // linkers write fewer than ten
-constexpr size_t kLongestPdbName = 32 * 1024;  // bytes, the longest path that Windows has
+constexpr size_t kLongestPdbName = 32 * 1024;  // bytes, the longest path of Windows
 
 int open_regular(const char* path) {
   const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
@@ -35,11 +35,11 @@ class ImageFile {
   // False without an image: no MZ header, or optional header of another kind than PE32 and PE32+.
   bool read_headers();
 
-  // The record that `directory` leads to.
+  // The record that `directory` refers to.
   std::optional<ImageIdentity> read_identity() const;
 
  private:
-  // Whole records at a file position. False when the file ends before they do.
+  // Reads records at a file position. False if the file ends within them.
   template <typename Record>
   bool read(uint64_t position, Record* records, size_t count = 1) const {
     const size_t size = count * sizeof(Record);
@@ -49,7 +49,7 @@ class ImageFile {
 
   bool read_directory(uint64_t optional_header);
   void read_sections(uint64_t position, size_t count);
-  // Moves from an RVA to a file position. False for an RVA that no section's part of the file has.
+  // Converts an RVA to a file position. False for an RVA that no section has in the file.
   bool position_of(uint32_t rva, uint64_t& position) const;
   bool find_codeview(uint64_t& position) const;
   std::string read_name(uint64_t position) const;
@@ -86,7 +86,7 @@ bool ImageFile::read_directory(uint64_t optional_header) {
   return read(optional_header + directories + kEntry, &directory_);
 }
 
-// Those headers that are there; at most 65535.
+// The section headers in the file; at most 65535.
 void ImageFile::read_sections(uint64_t position, size_t count) {
   sections_.resize(count);
   const ssize_t got = pread(file_.get(), sections_.data(), count * sizeof(IMAGE_SECTION_HEADER),

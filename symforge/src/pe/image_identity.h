@@ -1,4 +1,4 @@
-// Which PDB a PE image was made with, for images of either width.
+// Which PDB a PE image was linked with, for 32-bit and 64-bit images.
 
 #pragma once
 
@@ -7,7 +7,7 @@
 
 namespace symforge_internal {
 
-// What the CodeView record of an image says about its PDB.
+// The PDB of an image, from its CodeView record.
 struct ImageIdentity {
   std::string debug_id;    // in the form of a PDB's identifier
   std::string debug_file;  // the path of the PDB as the linker wrote it
@@ -18,8 +18,8 @@ struct ImageIdentity {
 bool begins_like_image(const char* path);
 
 // The identity of a PE32 or PE32+ image, whatever its name. Empty, without a message, for every
-// file that is no image or has no such record. Reads headers and the record alone, through
-// positions that are checked by the system; nothing of the file is mapped. Throws only bad_alloc.
+// file that is not an image or has no such record. Reads only headers and the record, with read
+// calls at file positions; nothing is mapped. Throws only bad_alloc.
 std::optional<ImageIdentity> pe_debug_id(const char* path);
 
 }  // namespace symforge_internal

@@ -8,7 +8,7 @@ namespace symforge_internal {
 
 namespace {
 
-// The entry that leads to the CodeView record, or null: none, or a directory that leaves the file.
+// The entry of the CodeView record, or null: none, or a directory that leaves the file.
 const IMAGE_DEBUG_DIRECTORY* findCodeViewEntry(const PeImage& image) {
   const IMAGE_DATA_DIRECTORY& directory =
       image.ntHeaders()->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_DEBUG];
@@ -40,7 +40,7 @@ PeImage::PeImage(const MMapWrapper& mapping) : m_base(mapping.base()), m_length(
                                     (m_length - sections) / sizeof(IMAGE_SECTION_HEADER));
 }
 
-// A file that is shorter than the header goes on in zeros.
+// In a file that is shorter than the header, zeros follow.
 bool PeImage::hasDosSignature() const {
   return reinterpret_cast<const IMAGE_DOS_HEADER*>(m_base)->e_magic == IMAGE_DOS_SIGNATURE;
 }
@@ -54,8 +54,8 @@ bool PeImage::isPe32Plus() const {
          m_headers->OptionalHeader.Magic == IMAGE_NT_OPTIONAL_HDR64_MAGIC;
 }
 
-// The bound is a section's size in the file: what lies in the zero-filled tail that only memory has
-// is nowhere. Sums are wider than the fields and do not wrap.
+// A section is bounded by its size in the file: its zero-filled tail in memory has no bytes here.
+// Sums are wider than the fields and do not wrap.
 const uint8_t* PeImage::ImageRvaToVa(uint32_t rva) const {
   for (size_t i = 0; i < m_sectionCount; ++i) {
     const IMAGE_SECTION_HEADER& section = m_sections[i];
@@ -89,7 +89,7 @@ bool pe64_debug_id(const char* path, std::string& debug_id, std::string& debug_f
   if (record == nullptr || record->CvSignature != kCvSignatureRSDS) return false;
 
   debug_id = formatDebugId(record->Signature, record->Age);
-  // A name that the file cuts short ends in the zeros after the file.
+  // A truncated name ends in the zeros after the file.
   debug_file = reinterpret_cast<const char*>(record + 1);
   return true;
 }

@@ -23,7 +23,7 @@ constexpr std::string_view kCodeId = "INFO CODE_ID";
 TextBuffer readWhole(const std::string& path, const char* failure) {
   TextBuffer content;
   const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  // What is read in part would be written back in part, over the whole file.
+  // A file that is read in part would be replaced by that part.
   if (!file.is_open() || !read_file(file.get(), content)) throw pdb_exception(failure);
   return content;
 }

@@ -25,16 +25,16 @@ constexpr NamedRegister kPrinted[] = {
     {kRbx, "$rbx"}, {kRdi, "$rdi"}, {kRsi, "$rsi"}, {kRsp, "$rsp"},
 };
 
-// The way from function entries to their unwind data. Links are bounded for the image as a whole,
-// far above what linkers make (Windows itself follows 32 at most), so that those end that lead
-// round in a circle, and chains that many entries share to keep a reader busy.
+// Follows links from function entries to their unwind data. The number of links is limited for the
+// image as a whole, far above what linkers write (Windows follows at most 32). This ends cycles,
+// and long chains that many entries share.
 class UnwindLinks {
  public:
   UnwindLinks(const PeImage& image, size_t entries)
       : m_image(image), m_left(kFewestLinks + kLinksPerEntry * uint64_t{entries}) {}
 
-  // From an entry to the address of its unwind data: bit 0 says that another entry stands in
-  // between. False when the links lead nowhere.
+  // From an entry to the address of its unwind data. Bit 0 set: the address is that of another
+  // entry. False for dangling links.
   bool resolveEntry(uint32_t& rva) {
     while ((rva & 1) != 0) {
       const auto* entry = m_image.recordAt<IMAGE_RUNTIME_FUNCTION_ENTRY>(rva ^ 1);
@@ -44,15 +44,15 @@ class UnwindLinks {
     return true;
   }
 
-  // Null when there is none; so for an info whose slots leave the file.
+  // Null when there is none, or when its slots leave the file.
   const UnwindInfo* find(uint32_t rva) const {
     const auto* info = m_image.recordAt<UnwindInfo>(rva);
     const bool whole = info != nullptr && bytesLeft(*info) >= info->size();
     return whole ? info : nullptr;
   }
 
-  // Sums up an info and those that it is chained to. False when that never ends: a circle goes on
-  // as it did once each of its infos was added twice.
+  // Accumulates an info and those that it is chained to. False for a cycle, which repeats itself
+  // once each of its infos was added twice.
   bool sumUpChain(const UnwindInfo* info, UnwindFrame& frame) {
     CycleDetector<const UnwindInfo*> chain;
     int rounds = 0;
@@ -72,7 +72,7 @@ class UnwindLinks {
     return m_image.bytesLeft(&info.version_and_flags);
   }
 
-  // The info that a chained one leads to, or null. Its address is not tested for bit 0.
+  // The info that a chained one refers to, or null. Bit 0 of its address is not tested.
   const UnwindInfo* follow(const UnwindInfo& info) const {
     const size_t link = info.chainOffset();
     if (bytesLeft(info) < link + sizeof(IMAGE_RUNTIME_FUNCTION_ENTRY)) return nullptr;
@@ -91,7 +91,7 @@ int32_t minus(int32_t from, int32_t what) {
   return static_cast<int32_t>(static_cast<uint32_t>(from) - static_cast<uint32_t>(what));
 }
 
-// Without a frame register everything is found from the stack pointer at the end of the prolog.
+// Without a frame register all places are relative to the stack pointer at the end of the prolog.
 // `size`: bytes of the frame from there to its top, with the return address.
 void printFromStackPointer(const UnwindFrame& frame, int32_t size, LineWriter& line) {
   line.str(" .cfa: $rsp ").dec_signed(size).str(" +");
@@ -100,7 +100,7 @@ void printFromStackPointer(const UnwindFrame& frame, int32_t size, LineWriter& l
       line.chr(' ').str(reg.name).str(": $rsp ").dec_signed(frame.saved[reg.number]).str(" + ^");
 }
 
-// The frame register is taken for rbp, whichever it is.
+// The rules name rbp, whichever register is the frame register.
 void printFromFramePointer(const UnwindFrame& frame, int32_t size, const UnwindInfo& top,
                            LineWriter& line) {
   const int32_t cfa = minus(minus(size, 16 * top.frame_offset()), frame.fp_offset);
@@ -130,7 +130,7 @@ void printFrame(const IMAGE_RUNTIME_FUNCTION_ENTRY& entry, const UnwindInfo& top
   lines.chr('\n');
 }
 
-// False when the way to the unwind data, or through it, is lost.
+// False for links or unwind data that cannot be followed to their end.
 bool printEntry(UnwindLinks& links, const IMAGE_RUNTIME_FUNCTION_ENTRY& entry, TextBuffer& out) {
   uint32_t rva = entry.UnwindInfoAddress;
   if (!links.resolveEntry(rva)) return false;
@@ -142,7 +142,7 @@ bool printEntry(UnwindLinks& links, const IMAGE_RUNTIME_FUNCTION_ENTRY& entry, T
   return true;
 }
 
-// Whether the image is one whose exception directory has the x64 form; tells why not.
+// True if the image has x64 exception data; otherwise prints the reason.
 bool hasUnwindData(const PeImage& image) {
   if (!image.isPe32Plus()) {
     std::fputs("Not a PE32+ image\n", stderr);

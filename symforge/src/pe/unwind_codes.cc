@@ -6,8 +6,8 @@ namespace symforge_internal {
 
 namespace {
 
-// What a machine frame counts as, in bytes. It is more than the five words, six with an error code,
-// that the processor pushes; the rules of existing symbol files are made with these numbers.
+// The size that is used for a machine frame, in bytes. It is more than the five words, six with an
+// error code, that the processor pushes; existing symbol files have rules with these numbers.
 constexpr uint32_t kMachineFrame = 80;
 constexpr uint32_t kMachineFrameWithErrorCode = 88;
 
@@ -15,8 +15,8 @@ int32_t plus(int32_t sum, uint32_t bytes) {
   return static_cast<int32_t>(static_cast<uint32_t>(sum) + bytes);
 }
 
-// The number in the slots behind an operation: one slot counts in units of 8 bytes, two are the
-// bytes themselves.
+// The number in the slots after an operation: one slot is in units of 8 bytes, two slots are in
+// bytes.
 uint32_t scaledNumber(const UnwindCode* code) { return uint32_t{code[1].frame_offset} * 8; }
 uint32_t wideNumber(const UnwindCode* code) {
   return uint32_t{code[1].frame_offset} | uint32_t{code[2].frame_offset} << 16;
@@ -24,9 +24,9 @@ uint32_t wideNumber(const UnwindCode* code) {
 
 }  // namespace
 
-// The counter has 8 bits. Operations that reach behind 255 slots wrap it, and the walk begins anew
-// near the front; when that has happened often enough to have come from every such beginning twice,
-// it goes on for ever.
+// The index has 8 bits. Operations that extend past 255 slots wrap it, and the walk continues near
+// the front. After so many wraps that each such start must have occurred twice, the walk is
+// endless.
 bool UnwindFrame::add(const UnwindInfo& info) {
   constexpr int kMostWraps = 4;
   const auto* codes = reinterpret_cast<const UnwindCode*>(&info + 1);
@@ -39,8 +39,8 @@ bool UnwindFrame::add(const UnwindInfo& info) {
   return true;
 }
 
-// Does the operation in `code`, one of `slotsLeft` slots, and returns the number of slots that it
-// takes. Of an operation that is cut short nothing is done.
+// Applies the operation in `code`, one of `slotsLeft` slots, and returns the number of its slots.
+// A truncated operation has no effect.
 unsigned UnwindFrame::apply(const UnwindCode* code, unsigned slotsLeft) {
   const uint8_t info = code->operation_info();
   switch (code->unwind_operation_code()) {

@@ -1,13 +1,13 @@
-// The x64 unwind data of a PE image: what a function's prolog did, as a list of 16-bit slots, and
-// what that comes to at the prolog's end.
+// The x64 unwind data of a PE image: the operations of a function's prolog, as a list of 16-bit
+// slots, and the frame that they build.
 //
 //   uint8  version (3 bits), flags (5 bits)
 //   uint8  bytes of prolog
 //   uint8  number of slots
 //   uint8  frame register (4 bits), frame offset in units of 16 bytes (4 bits)
-//   slots, in reverse order of the prolog; operations take one to three of them
-//   when the flags say chained: fill to an even number of slots, then the entry of another function
-//     whose prolog comes in front of this one's
+//   slots, in reverse order of the prolog; an operation takes one to three of them
+//   if the chained flag is set: padding to an even number of slots, then the entry of another
+//     function whose prolog runs before this one
 //
 // Published as "x64 exception handling" in Microsoft's documentation of its compilers.
 
@@ -37,7 +37,7 @@ enum UnwindOperationCodes : uint8_t {
   UWOP_PUSH_MACHFRAME = 10,
 };
 
-// A slot: an operation, or a number that belongs to the operation in front of it.
+// A slot: an operation, or a number that belongs to the preceding operation.
 struct UnwindCode {
   le_uint16 frame_offset;  // the slot as a number
 
@@ -59,7 +59,7 @@ struct UnwindInfo {
   int32_t frame_offset() const { return frame >> 4; }  // in units of 16 bytes
   // Bytes of head and slots.
   size_t size() const { return sizeof(*this) + count_of_codes * sizeof(UnwindCode); }
-  // Bytes from the start to the function entry that a chained info ends in.
+  // Bytes from the start to the function entry at the end of a chained info.
   size_t chainOffset() const {
     return sizeof(*this) + ((count_of_codes + 1U) & 0x1FE) * sizeof(UnwindCode);
   }
@@ -79,19 +79,19 @@ enum UnwindRegister : uint8_t {
   kR15 = 15,
 };
 
-// Whether a callee may overwrite the register, so that nobody asks where it was saved.
+// Whether a callee can overwrite the register, so that it needs no rule.
 constexpr bool isVolatile(uint8_t reg) {
   constexpr uint16_t kVolatile = 0x0F07;  // rax rcx rdx r8 r9 r10 r11
   return (kVolatile >> reg & 1) != 0;
 }
 
-// Where each saved register lies, in bytes above the stack pointer at the end of the prolog.
+// Where each saved register is stored, in bytes above the stack pointer at the end of the prolog.
 class SavedRegisters {
  public:
   bool has(uint8_t reg) const { return (m_present >> reg & 1) != 0; }
   int32_t operator[](uint8_t reg) const { return m_offsets[reg]; }
 
-  // Like a map's insert: `second` is false when the register was there, and it stays as it was.
+  // Like a map's insert: `second` is false when the register has a place, which is kept.
   std::pair<uint8_t, bool> insert(uint8_t reg, int32_t offset) {
     if (has(reg)) return {reg, false};
     m_present = static_cast<uint16_t>(m_present | 1U << reg);
@@ -105,7 +105,7 @@ class SavedRegisters {
   std::array<int32_t, 16> m_offsets{};
 };
 
-// The frame at the end of a function's prolog, summed up over the infos of a chain. Sums are 32
+// The frame at the end of a function's prolog, accumulated over the infos of a chain. Sums are 32
 // bits wide and wrap.
 struct UnwindFrame {
   static constexpr int32_t kNoFramePointer = std::numeric_limits<int32_t>::max();
@@ -115,8 +115,8 @@ struct UnwindFrame {
   int32_t fp_offset = kNoFramePointer;  // stack_size where the frame register was set
   SavedRegisters saved;
 
-  // Adds the operations of one info, whose slots must follow it. False for slots whose walk never
-  // ends. A register that is pushed twice fails an assertion.
+  // Adds the operations of one info, whose slots must follow it. False if walking the slots would
+  // never end. A register that is pushed twice fails an assertion.
   bool add(const UnwindInfo& info);
 
  private:

@@ -76,7 +76,7 @@ class UnwindRules {
     }
   }
 
-  // Whether there are entries of this kind in the file that all begin in `ranges`.
+  // Whether the file has entries of this kind and all of them begin in `ranges`.
   template <typename Entry>
   bool beginsIn(const IMAGE_DATA_DIRECTORY& table, std::span<const CodeRange> ranges) const {
     const uint8_t* bytes = image_.bytesAt(table.VirtualAddress, table.Size);

@@ -1,4 +1,4 @@
-// The unwind rules of an image, whatever machine it is for.
+// The unwind rules of an image for any machine.
 
 #pragma once
 
@@ -16,17 +16,17 @@ namespace symforge_internal {
 //
 //   x64      the exception directory (x64_unwind.h)
 //   ARM64    likewise (arm64_unwind.h)
-//   ARM64EC  images whose header says x64 and whose metadata has a map of the code: each kind of
-//   ARM64X   code by its own table; the header of an ARM64X image says ARM64
+//   ARM64EC  header of x64, with a code map in the metadata: each kind of code by its own table
+//   ARM64X   likewise, with a header of ARM64
 //   x86      nothing: the PDB has STACK WIN records
 //   others   nothing, and a message
 //
-// A table of a hybrid image is used only when all its entries begin in code that the map gives to
-// its machine.
+// A table of a hybrid image is used only when all its entries begin in code that the map assigns
+// to the table's machine.
 //
-// `functions` are the ranges of the image's functions, ascending by begin. Returns what is to be
-// said about the image, one text for each kind of fault, without line ends. Nothing outside of the
-// image is read. Throws std::bad_alloc.
+// `functions` are the ranges of the image's functions, ascending by begin. Returns messages
+// about the image, one for each kind of fault, without line ends. Nothing outside the image is
+// read. Throws std::bad_alloc.
 std::vector<std::string> writeUnwindRules(const PeImage& image,
                                           std::span<const CodeRange> functions, TextBuffer& out);
 

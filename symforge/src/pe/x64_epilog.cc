@@ -18,7 +18,7 @@ int32_t signed32(std::span<const uint8_t> bytes) {
                               uint32_t{bytes[2]} << 16 | uint32_t{bytes[3]} << 24);
 }
 
-// The size of a ModRM byte with what belongs to it, or 0 when it is cut short.
+// The size of a ModRM byte and its operands, or 0 if it is truncated.
 size_t modrmSize(std::span<const uint8_t> code) {
   if (code.empty()) return 0;
   const unsigned mod = code[0] >> 6;
@@ -129,7 +129,7 @@ void X64Epilog::release(size_t size, int64_t depth) {
   released_depth_ = depth;
 }
 
-// False for more pops than any epilog has.
+// False if there are more pops than any epilog has.
 bool X64Epilog::readPops(std::span<const uint8_t> code) {
   while (true) {
     const size_t prefix = !code.empty() && (code[0] & 0xF0) == 0x40 ? 1 : 0;
@@ -142,7 +142,7 @@ bool X64Epilog::readPops(std::span<const uint8_t> code) {
   }
 }
 
-// Whether each pop takes back what the prolog pushed there, and nothing that it pushed is left.
+// Whether each pop restores what the prolog pushed there, and everything pushed is popped.
 bool X64Epilog::matches(const X64Frame& body) const {
   int64_t depth = depthBeforePops();
   if (release_size_ != 0 && released_depth_ != depth) return false;

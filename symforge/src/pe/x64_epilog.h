@@ -5,7 +5,7 @@
 //   ret                 or a jump to another function
 //
 // Version 2 unwind data list where epilogs are, but not what they consist of. The code is read and
-// compared with what the prolog did.
+// compared with the prolog.
 
 #pragma once
 
@@ -21,12 +21,12 @@ namespace symforge_internal {
 
 class X64Epilog {
  public:
-  // Reads the epilog at the begin of `code`. False when the instructions are others, do not take
-  // back exactly what `body`, the frame after the prolog, has built, or when the last of them is
-  // not the one that `size`, the epilog's size by the unwind data, ends in or with.
+  // Reads the epilog at the start of `code`. False if the instructions are different ones, if they
+  // do not undo exactly the frame after the prolog (`body`), or if the last of them does not
+  // contain the end of the epilog by the unwind data (`size`).
   bool read(std::span<const uint8_t> code, uint32_t size, const X64Frame& body);
 
-  // Bytes of all its instructions. Valid after read() returned true, as all below.
+  // Bytes of all its instructions. Valid after read() returned true, like everything below.
   uint32_t size() const { return size_; }
 
   size_t popCount() const { return pop_count_; }
@@ -35,7 +35,7 @@ class X64Epilog {
   void writeRows(uint32_t address, const X64Frame& body, CfiWriter& cfi) const;
 
  private:
-  // Far more than there are registers; volatile ones may be popped to free stack.
+  // Far more than the number of registers: volatile ones can be popped to free stack.
   static constexpr size_t kMostPops = 32;
 
   struct Pop {

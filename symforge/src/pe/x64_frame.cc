@@ -38,7 +38,7 @@ size_t slotsOf(uint8_t code, uint8_t info) {
   }
 }
 
-// The number that belongs to an operation, in bytes. One slot holds it in units of 8 bytes.
+// The operand of an operation, in bytes. A single slot has it in units of 8 bytes.
 uint32_t operandOf(std::span<const UnwindCode> slots) {
   if (slots.size() == 2) return uint32_t{slots[1].frame_offset} * 8;
   if (slots.size() == 3) {
@@ -94,12 +94,12 @@ size_t X64Prolog::decodeEpilogs(std::span<const UnwindCode> slots) {
       epilogs_[epilog_count_++] = static_cast<uint16_t>(distance);
     }
   }
-  // They come in pairs. A last one without a second can be filled up by a slot of zeros.
+  // They come in pairs. A slot of zeros can complete the last pair.
   if (used % 2 != 0 && used < slots.size() && slots[used].frame_offset == 0) ++used;
   return used;
 }
 
-// The slots describe the prolog from its end to its begin.
+// The slots describe the prolog from its end to its start.
 bool X64Prolog::decodeOperations(std::span<const UnwindCode> slots) {
   while (!slots.empty()) {
     X64Operation operation;
@@ -175,7 +175,7 @@ void X64Frame::push(uint8_t reg) {
   pushed_ |= uint32_t{1} << reg;
 }
 
-// The first place where a register was saved holds the caller's value.
+// The first place where a register was saved has the caller's value.
 void X64Frame::save(uint8_t reg, int64_t distance) {
   if (!isVolatile(reg) && reg != kRsp && !rules_.isSaved(reg)) rules_.save(reg, distance);
 }
@@ -193,7 +193,7 @@ bool X64Frame::setFrameRegister(const X64Prolog& prolog) {
   return true;
 }
 
-// Only as the first operation of all, in place of the call that other functions begin with. The
+// Only as the very first operation, in place of the call that starts other functions. The
 // caller's stack pointer is not the top of the frame but stored in it.
 bool X64Frame::pushMachineFrame(uint8_t info) {
   if (depth_ != kWord || hasFrameRegister() || rules_.savedMask() != 0) return false;

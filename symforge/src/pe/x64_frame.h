@@ -12,9 +12,9 @@
 
 namespace symforge_internal {
 
-// What one instruction of a prolog did.
+// One instruction of a prolog.
 struct X64Operation {
-  uint8_t prolog_offset = 0;  // bytes from the begin of the code to the instruction's end
+  uint8_t prolog_offset = 0;  // bytes from the start of the code to the instruction's end
   uint8_t code = 0;           // UnwindOperationCodes
   uint8_t info = 0;
   uint32_t bytes = 0;  // size of an allocation, place of a saved register
@@ -27,12 +27,12 @@ class X64Prolog {
 
   enum class Status : uint8_t { kOk, kUnknownVersion, kDamaged };
 
-  // `info` and its slots must be in the file. Without kOk the object must not be used further.
+  // `info` and its slots must be in the file. Use the object only after kOk.
   Status decode(const UnwindInfo& info);
 
-  // In the order of execution. prolog_offset does not descend: by the format it never does, and one
-  // that did counts as its predecessor's. Operations after the prolog's size count as done at its
-  // end.
+  // In the order of execution. prolog_offset does not descend: a smaller one, which the format
+  // excludes, is replaced by its predecessor's. Operations past the prolog's size take effect at
+  // its end.
   std::span<const X64Operation> operations() const {
     return {operations_.data() + first_, kMostSlots - first_};
   }
@@ -40,8 +40,8 @@ class X64Prolog {
   uint8_t frameRegister() const { return frame_register_; }
   uint32_t frameOffset() const { return frame_offset_; }  // bytes
 
-  // The epilogs that a version 2 record lists: their size in bytes, and the distance of each from
-  // the end of the code to its begin.
+  // The epilogs that a version 2 record lists: their size in bytes, and for each the distance
+  // from its start to the end of the code.
   uint32_t epilogSize() const { return epilog_size_; }
   std::span<const uint16_t> epilogs() const { return {epilogs_.data(), epilog_count_}; }
 
@@ -60,7 +60,7 @@ class X64Prolog {
   uint8_t size_ = 0;
 };
 
-// The frame of a function while its prologs are carried out, as rules of the caller's values.
+// The frame of a function while its prologs are applied, as rules for the caller's values.
 class X64Frame {
  public:
   // At the function's first instruction: the return address is on top of the stack.
@@ -73,12 +73,12 @@ class X64Frame {
   // A bit for each nonvolatile register that was saved by a push.
   uint32_t pushedMask() const { return pushed_; }
 
-  // Must come before the operations of each prolog: places of saved registers refer to the stack
+  // Must precede the operations of each prolog: places of saved registers refer to the stack
   // pointer after all of a prolog's allocations, or where it set the frame register.
   void begin(const X64Prolog& prolog);
 
-  // Carries out the next operation of the prolog. False for one that cannot be where it is: the
-  // frame has an unknown form from there on.
+  // Applies the next operation of the prolog. False for one that is invalid at its place; the frame
+  // is unknown from there on.
   bool apply(const X64Prolog& prolog, const X64Operation& operation);
 
   // begin() and all operations.

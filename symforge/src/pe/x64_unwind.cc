@@ -21,10 +21,10 @@ constexpr std::array<std::string_view, 16> kRegisterNames = {
     "$rax", "$rcx", "$rdx", "$rbx", "$rsp", "$rbp", "$rsi", "$rdi",
     "$r8",  "$r9",  "$r10", "$r11", "$r12", "$r13", "$r14", "$r15"};
 
-// The records that an entry leads to: its own first, then those that it is chained to.
+// The records of an entry: its own first, then those that it is chained to.
 class UnwindChain {
  public:
-  // False for links that lead out of the file or are too many.
+  // False for links that leave the file and for too many links.
   bool follow(const PeImage& image, const Entry& entry) {
     size_ = 0;
     links_ = 0;
@@ -98,7 +98,7 @@ class X64UnwindWriter {
   }
 
  private:
-  // Takes work from what is left for the image. False when that is not enough.
+  // Takes slots from the image's limit. False if fewer are left.
   bool charge(uint64_t slots) {
     const bool enough = slots <= slots_left_;
     slots_left_ = enough ? slots_left_ - slots : 0;
@@ -140,8 +140,8 @@ class X64UnwindWriter {
     if (status == Status::kOk) writeRows();
   }
 
-  // Sets frame_ to what the code of `entry` begins with, prolog_ to what it does, and body_ to the
-  // result of both.
+  // Sets frame_ to the frame at the start of `entry`'s code, prolog_ to its operations, and body_
+  // to the frame after them.
   Status replayChain(const Entry& entry) {
     if (slots_left_ == 0) return Status::kDamaged;
     const bool whole = chain_.follow(image_, entry);
@@ -175,7 +175,7 @@ class X64UnwindWriter {
     const auto epilogs = prolog_.epilogs();
     std::copy(epilogs.begin(), epilogs.end(), distances.begin());
     std::sort(distances.begin(), distances.begin() + epilogs.size(), std::greater<>());
-    uint64_t done = uint64_t{range_.begin} + prolog_.size();  // where the next may begin
+    uint64_t done = uint64_t{range_.begin} + prolog_.size();  // where the next one can begin
     for (size_t i = 0; i < epilogs.size(); ++i) {
       const uint64_t address = range_.end() - distances[i];
       if (distances[i] <= range_.size && address >= done &&
@@ -187,7 +187,7 @@ class X64UnwindWriter {
     }
   }
 
-  // False when the code is not the epilog that it is said to be.
+  // False if the code is not an epilog.
   bool writeEpilog(uint32_t address) {
     if (!charge(lookup_cost_)) return false;
     const uint8_t* code = image_.ImageRvaToVa(address);
@@ -206,7 +206,7 @@ class X64UnwindWriter {
   uint64_t lookup_cost_;  // of an RVA: the image searches its sections, of which Windows loads 96
   uint64_t slots_left_;
 
-  // Of the entry at hand.
+  // Of the current entry.
   CodeRange range_;
   UnwindChain chain_;
   X64Prolog prolog_;
