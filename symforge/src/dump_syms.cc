@@ -27,11 +27,11 @@ namespace {
 struct Options {
   bool recursive = false;
   std::optional<bool> sync;  // empty: the mode decides
-  ConversionInput input;     // with -r its `pdb` is a folder as a rule
+  ConversionInput input;     // with -r, `pdb` is usually a folder
   ConversionOptions conversion;
 };
 
-// Long options without a letter of their own.
+// Long options without a short form.
 enum LongOption { kHelp = 256, kStandard, kSync, kNoSync, kNoSandbox };
 
 constexpr option kLongOptions[] = {
@@ -49,9 +49,9 @@ constexpr option kLongOptions[] = {
     {nullptr, 0, nullptr, 0},
 };
 
-// Fills standard streams that the parent has closed, so that no file opened later takes the place
-// of one and gets what is meant for it. What cannot be written stays reported: the streams are
-// filled the wrong way round, so that each read from or write to them fails.
+// Opens /dev/null in the place of standard streams that the parent has closed, so that no file
+// opened later gets their numbers. The mode is the wrong one for each stream, so that reads and
+// writes still fail and are reported.
 void fill_standard_streams() {
   for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     if (fcntl(fd, F_GETFD) == -1) open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);
@@ -111,7 +111,7 @@ int usage_error() {
 
 constexpr int kGoOn = -1;  // no exit status yet
 
-// Takes one option. The program's exit status, or kGoOn.
+// Applies one option. Returns the program's exit status, or kGoOn.
 int take_option(int letter, Options& options) {
   switch (letter) {
     case 'b':
@@ -153,7 +153,7 @@ int take_option(int letter, Options& options) {
   }
 }
 
-// Takes the options in the order given. The program's exit status, or kGoOn.
+// Applies the options in the order given. Returns the program's exit status, or kGoOn.
 int take_options(int argc, char** argv, Options& options) {
   for (int letter; (letter = getopt_long(argc, argv, "be:hrs:vi", kLongOptions, nullptr)) != -1;) {
     if (const int status = take_option(letter, options); status != kGoOn) return status;
@@ -162,7 +162,7 @@ int take_options(int argc, char** argv, Options& options) {
   return kGoOn;
 }
 
-// Takes the one or two arguments after the options; more are ignored.
+// Reads the one or two arguments after the options; more are ignored.
 int take_arguments(int argc, char** argv, Options& options) {
   const char*& tree = options.conversion.tree;
   if (optind < argc) options.input.pdb = argv[optind];
@@ -215,12 +215,13 @@ int run_single(const Options& options) {
 int main(int argc, char** argv) {
   fill_standard_streams();
   bump_oom_adj();
-  // Connected now: a conversion in its sandbox cannot.
+  // Connect now: a sandboxed conversion cannot.
   openlog("symforge", LOG_PERROR | LOG_NDELAY, LOG_USER);
   command = argv[0];
-  // A file size limit then shows as a failed write, which is reported and leaves no partial file.
+  // With this, exceeding a file size limit is a failed write, which is reported and leaves no
+  // partial file.
   signal(SIGXFSZ, SIG_IGN);
-  // A parent that ignores the ends of its children hands that on, and a batch could wait for none.
+  // A parent that ignores SIGCHLD passes that on, and a batch could then not wait for its children.
   signal(SIGCHLD, SIG_DFL);
 
   symforge_internal::install_last_message();
@@ -229,7 +230,7 @@ int main(int argc, char** argv) {
   if (const int status = take_options(argc, argv, options); status != kGoOn) return status;
   if (options.conversion.standard) {
     symforge_internal::select_standard_messages(true);
-    signal(SIGPIPE, SIG_IGN);  // a reader that leaves is a failed write
+    signal(SIGPIPE, SIG_IGN);  // a closed pipe is a failed write
   }
   if (const int status = take_arguments(argc, argv, options); status != kGoOn) return status;
   return options.recursive ? run_batch(options) : run_single(options);

@@ -16,7 +16,7 @@ constexpr size_t kLongestIdentityLine = 4095;  // bytes without the line feed
 constexpr std::string_view kModule = "MODULE ";
 constexpr std::string_view kCodeId = "INFO CODE_ID ";
 
-// Takes the next word of `line`; a run of blanks is one separator. False when none is left.
+// Removes the next word from `line`; a run of blanks is one separator. False when none is left.
 bool take_word(std::string_view& line, std::string_view& word) {
   const size_t begin = line.find_first_not_of(' ');
   if (begin == std::string_view::npos) return false;
@@ -26,7 +26,7 @@ bool take_word(std::string_view& line, std::string_view& word) {
   return true;
 }
 
-// Takes the next word into `field`, which stays as it is when no word is left.
+// Removes the next word into `field`, which is unchanged when no word is left.
 bool take_field(std::string_view& line, std::string& field) {
   std::string_view word;
   if (!take_word(line, word)) return false;
@@ -55,8 +55,8 @@ void parse_code_id(std::string_view line, sym_info& info) {
   if (take_field(line, info.code_id)) info.code_file = without_outer_blanks(line);
 }
 
-// Takes the next line that ends in a line feed off `text`, without the line feed. A text without
-// an INFO CODE_ID line is scanned to its end, so lines of no interest cost one memchr each.
+// Removes the next line that ends in a line feed from `text`, without the line feed. A text without
+// an INFO CODE_ID line is scanned to its end, so other lines cost one memchr each.
 bool take_line(std::string_view& text, std::string_view& line) {
   const size_t end = text.find('\n');
   if (end == std::string_view::npos) return false;
@@ -109,10 +109,10 @@ namespace symforge_internal {
 
 namespace {
 
-// Whether a folder, a file or a link to one of them has this name; not so a link to nowhere.
+// Whether a folder, a file or a link to one of them has this name; false for a dangling link.
 bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
-// Makes one folder, or accepts what has its name already.
+// Makes one folder. An existing entry of its name is accepted.
 bool ensure_directory(const std::string& path, mode_t mode) {
   if (mkdir(path.c_str(), mode) == 0) return true;
   const int error = errno;
@@ -121,10 +121,10 @@ bool ensure_directory(const std::string& path, mode_t mode) {
   return false;
 }
 
-// Whether a link has the form that links from code identifiers have: to an entry beside it.
+// Whether a link has the form of links from code identifiers: to an entry of the same folder.
 bool leads_to_sibling(const std::string& link) { return is_tree_component(link_target(link)); }
 
-// Makes the folder of an identifier. A link to a sibling in its place is taken away.
+// Makes the folder of an identifier. A link to a sibling in its place is removed.
 bool ensure_own_directory(const std::string& path, mode_t mode) {
   if (mkdir(path.c_str(), mode) == 0) return true;
   if (errno != EEXIST) return false;

@@ -6,7 +6,7 @@
 //   ROOT/a.pdb/ID/a.symb        the same as a SYMB image
 //   ROOT/a.pdb/CODE_ID -> ID    from the code identifier of the build's PE
 //
-// None of these operations logs; what a false result means to the user is the caller's to say.
+// None of these operations logs; the caller reports a false result.
 
 #pragma once
 
@@ -15,7 +15,7 @@
 #include <string>
 #include <string_view>
 
-// Who a symbol file belongs to, as its text says. All strings are empty at first.
+// A symbol file's identity, from its MODULE and INFO CODE_ID lines. All strings are empty at first.
 struct sym_info {
   std::string os;          // MODULE, word 2
   std::string arch;        // MODULE, word 3
@@ -25,25 +25,26 @@ struct sym_info {
   std::string code_file;   // INFO CODE_ID, the rest of the line; may hold blanks
 };
 
-// Fills `info` from a NUL-terminated symbol text. The last MODULE line counts, wherever it stands
-// before the first INFO CODE_ID line, which ends the scan; a last line without a line feed is not
-// looked at. True when debug_id and debug_file are both known. A MODULE or INFO CODE_ID line of
-// 4096 bytes or more (without its line feed) makes the text invalid.
+// Fills `info` from a NUL-terminated symbol text. The last MODULE line before the first INFO
+// CODE_ID line is used, which ends the scan; a last line without a line feed is ignored. True when
+// debug_id and debug_file are both known. A MODULE or INFO CODE_ID line of 4096 bytes or more
+// (without its line feed) makes the text invalid.
 bool sym_info_parse(const char* data, sym_info& info);
 
-// Puts the path of a symbol file into `path`. `create` makes the two folders on the way (not the
-// root) with mode 0700; false when that fails or when debug_file or debug_id would lead out of its
-// folder. Without `create` nothing is touched and the result is true.
+// Puts the path of a symbol file into `path`. `create` makes the two folders below the root with
+// mode 0700; false when that fails or when debug_file or debug_id would leave its folder. Without
+// `create` nothing is changed and the result is true.
 bool synthesize_sym_path(const char* sym_path, const char* debug_file, const char* debug_id,
                          bool binary, bool create, std::string& path);
 
-// Raises a string in place but for its first character, and returns it. Null is returned as it is.
+// Converts a string to upper case in place, except its first character, and returns it. Null is
+// returned unchanged.
 char* strupper(char* str);
 
 namespace symforge_internal {
 
 // Whether `name` can be one component of a path inside the tree: not empty, no separator in it,
-// neither "." nor "..". Identities come from files that nobody vouches for.
+// neither "." nor "..". Identities come from untrusted files.
 bool is_tree_component(std::string_view name);
 
 // The path of a symbol file, from a root, a debug file name and a debug identifier. Pure.
@@ -51,7 +52,7 @@ std::string tree_path(std::string_view root, std::string_view debug_file, std::s
                       bool binary);
 
 // The path of the symbol file of that identity when it exists in the tree, else empty. Nothing
-// outside of the identity's own folder is reached: neither by names that are no tree component nor
+// outside the identity's own folder is reached: neither by names that are not tree components nor
 // by a symbolic link in the place of the identifier's folder.
 std::string existing_tree_path(std::string_view root, std::string_view debug_file,
                                std::string_view debug_id, bool binary);
@@ -65,14 +66,14 @@ enum class TreeFolders {
   kNoIdFolder,    // ROOT/DEBUG_FILE/DEBUG_ID could not be made
 };
 
-// Makes the folders of an identity, with `mode` less the umask, unless something of their names is
-// there already (a plain file too: what is to be made in it then fails). Several processes may
-// fill one tree: a folder that another process makes at the same moment is as good.
+// Makes the folders of an identity, with `mode` less the umask, unless entries of their names exist
+// (also a plain file: creating files in it then fails). Several processes may fill one tree: a
+// folder that another process makes at the same time is used.
 //
 // The folder of a debug file may be a symbolic link to another folder. The folder of an identifier
 // must not: a link there was made from the code identifier of another module, which would receive
-// what belongs to this one. Such a link (its target is a sibling) is replaced by a folder; any
-// other link is a failure. On failure `errno` says why.
+// the files of this one. Such a link (its target is a sibling) is replaced by a folder; any other
+// link is a failure. On failure `errno` says why.
 TreeFolders make_tree_folders(const std::string& root, std::string_view debug_file,
                               std::string_view debug_id, mode_t mode);
 

@@ -51,8 +51,8 @@ std::vector<const char*> arguments_of(const ConversionInput& input,
   return args;
 }
 
-// The child: becomes a conversion of one input, with an empty environment. It runs the very file
-// that this process runs, whatever now has its name or is found under it.
+// In the child: executes a conversion of one input, with an empty environment. It runs the file
+// that this process runs, even if the name of that file now belongs to another one.
 [[noreturn]] void execute(const ConversionInput& input, const ConversionOptions& options) {
   redirect_output();
   if (input.name() == nullptr) {
@@ -70,7 +70,7 @@ void report_signal(const char* path, int signal) {
     report("%s: ended by signal: %s", printable(path).c_str(), strsignal(signal));
     return;
   }
-  char message[128];  // a longer one is cut
+  char message[128];  // a longer one is truncated
   snprintf(message, sizeof message, "%s [%s] was terminated by signal: %s",
            printable(command).c_str(), printable(path).c_str(), strsignal(signal));
   report("%s", message);
@@ -104,7 +104,7 @@ bool convert_in_child(const ConversionInput& input, const ConversionOptions& opt
 
 namespace {
 
-// One run over what a walk found.
+// One run over the result of a walk.
 class Batch {
  public:
   Batch(const ConversionOptions& options, BatchInput& found)
@@ -128,7 +128,7 @@ class Batch {
     ++(converted ? successes_ : failures_);
   }
 
-  // With its PDB; without one alone, if that is wanted.
+  // Converts an image with its PDB, or alone if it has none and that is requested.
   void convert_image(const std::string& exe, bool alone) {
     std::string pdb;
     switch (matcher_.exe_pdb_match(exe, pdb)) {
@@ -137,7 +137,7 @@ class Batch {
         found_.pdbs.erase(pdb);
         return;
       case PdbMatcher::Match::kTaken:
-        // A copy of an image adds nothing; default mode has it refused by the conversion.
+        // A copy of an image adds nothing. In default mode its conversion fails.
         if (options_.standard) return;
         break;
       case PdbMatcher::Match::kNone:

@@ -55,7 +55,7 @@ bool BatchWalk::enter(unsigned long device, unsigned long inode) {
   return !standard_ || entered_.emplace(device, inode).second;
 }
 
-// Adds the entries in the folder's order, so that the first is visited next.
+// Adds the entries so that the folder's first one is visited next.
 bool BatchWalk::visit_folder(const std::string& path) {
   const std::unique_ptr<DIR, DirectoryCloser> directory(opendir(path.c_str()));
   if (!directory) return failed("Failed to opendir", path);
@@ -65,7 +65,7 @@ bool BatchWalk::visit_folder(const std::string& path) {
     pending_.push_back(path + "/" + entry->d_name);
   }
   const auto first = pending_.begin() + static_cast<std::ptrdiff_t>(before);
-  // In standard mode the order decides which of several paths to a folder is taken.
+  // In standard mode the order decides which of several paths to a folder is used.
   if (standard_) std::sort(first, pending_.end());
   std::reverse(first, pending_.end());
   return true;

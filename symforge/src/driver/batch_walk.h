@@ -9,7 +9,8 @@
 
 namespace symforge_internal {
 
-// What a walk found to convert. Paths in byte-wise order, which is the order of conversion.
+// The result of a walk: the files to convert. Paths in byte-wise order, which is the order of
+// conversion.
 struct BatchInput {
   std::set<std::string> pdbs;  // *.pdb
   std::set<std::string> pes;   // *.exe, *.dll
@@ -19,18 +20,18 @@ struct BatchInput {
 };
 
 // Collects the files of a folder and its subfolders, or one file, by their extensions in any case.
-// Names that begin with a dot are passed over, symbolic links are followed, and only regular files
-// count. One folder is open at any moment, however deep they are nested.
+// Names that begin with a dot are skipped, symbolic links are followed, and all but regular files
+// are ignored. At most one folder is open at any time.
 class BatchWalk {
  public:
-  // `standard`: paths that cannot be read are reported and stepped over, and a folder that several
-  // paths lead to is entered once. Otherwise the first path that cannot be read ends the walk.
+  // `standard`: paths that cannot be read are reported and skipped, and a folder with several paths
+  // is entered once. Otherwise the first path that cannot be read ends the walk.
   BatchWalk(bool standard, BatchInput& found) : standard_(standard), found_(found) {}
 
   // False when the walk ended early.
   bool run(const char* path);
 
-  // How many paths could not be read.
+  // The number of paths that could not be read.
   size_t failures() const { return failures_; }
 
  private:

@@ -8,7 +8,7 @@ namespace symforge_internal {
 
 void end_with_parent(pid_t parent) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
-  // A parent that ended before that call sends no signal.
+  // A parent that has ended before that call sends no signal.
   if (getppid() != parent) _exit(1);
 }
 

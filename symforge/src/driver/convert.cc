@@ -40,8 +40,8 @@ _Unwind_Reason_Code add_frame(_Unwind_Context* context, void* argument) {
   return _URC_NO_REASON;
 }
 
-// The innermost frames of the call stack, a line each. Walks the stack like backtrace(), which
-// would load a library first: a conversion in its sandbox cannot.
+// The innermost frames of the call stack, a line each. Does not use backtrace(), which loads a
+// library: a sandboxed conversion cannot.
 std::string backtrace_text() {
   Frames frames;
   _Unwind_Backtrace(add_frame, &frames);
@@ -54,7 +54,7 @@ std::string backtrace_text() {
   return text;
 }
 
-// True when the input became text; whether that was written is `written`.
+// True if the input was converted to text; `written`: whether that was written.
 bool convert_to_result(const ConversionInput& input, const ConversionOptions& options,
                        bool& written) {
   OpenedInput opened(input);
@@ -69,7 +69,7 @@ bool convert_to_result(const ConversionInput& input, const ConversionOptions& op
   return true;
 }
 
-// One line for a conversion that failed, with the last warning, which often is the reason.
+// One line for a conversion that failed, with the last warning, which is often the reason.
 void report_failure(const char* what, const HeldWarnings& warnings) {
   const std::string reason = warnings.last();
   if (reason.empty()) {
@@ -79,7 +79,7 @@ void report_failure(const char* what, const HeldWarnings& warnings) {
   }
 }
 
-// Every exception ends here: files decide which are thrown.
+// Catches every exception: damaged files can cause any of them.
 bool convert_standard(const ConversionInput& input, const ConversionOptions& options) {
   HeldWarnings warnings;
   try {
@@ -99,7 +99,7 @@ bool convert_standard(const ConversionInput& input, const ConversionOptions& opt
 
 bool convert_default(const ConversionInput& input, const ConversionOptions& options) {
   try {
-    bool written;  // what could not be written is no failure here
+    bool written;  // a result that could not be written is not a failure here
     return convert_to_result(input, options, written);
   } catch (const pdb_exception& e) {
     report("Failed to convert symbol file %s.\nException caught: %s\nBacktrace:\n%s",

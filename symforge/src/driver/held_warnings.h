@@ -1,6 +1,6 @@
-// Standard mode: what the readers of PDBs and images write to standard error is held back until it
-// is known how the conversion ends. A conversion that succeeds passes it on, line by line in the
-// form of messages.h. One that fails says everything in one line.
+// HeldWarnings: in standard mode, what the readers of PDBs and images write to standard error is
+// held until the conversion has ended. If it succeeded, each line is reported in the form of
+// messages.h. If it failed, a single line reports the failure.
 //
 // Not for use by several threads at once.
 
@@ -13,18 +13,17 @@ namespace symforge_internal {
 
 class HeldWarnings {
  public:
-  // From here on `stderr` leads into this object. Where that is not possible nothing is held.
+  // From here on `stderr` writes to this object. Where that is not possible nothing is held.
   HeldWarnings();
-  // Leads `stderr` back. What was not passed on is dropped.
+  // Restores `stderr`. Lines that were not passed on are dropped.
   ~HeldWarnings();
   HeldWarnings(const HeldWarnings&) = delete;
   HeldWarnings& operator=(const HeldWarnings&) = delete;
 
-  // Reports each line that is held. At most kMaxBytes are held; a last line says when there was
-  // more.
+  // Reports each held line. At most kMaxBytes are held; if there was more, a last line says so.
   void pass_on();
 
-  // The last line that is held, or nothing.
+  // The last held line, or an empty string.
   std::string last() const;
 
   static constexpr size_t kMaxBytes = 64 * 1024;
@@ -34,7 +33,7 @@ class HeldWarnings {
 
   FILE* const original_;
   FILE* stream_ = nullptr;
-  std::string text_;  // of complete calls, and so of complete lines as a rule
+  std::string text_;  // of complete calls, so usually complete lines
   bool cut_ = false;
 };
 

@@ -1,4 +1,4 @@
-// Finding the PE image of a PDB that is converted without one being named.
+// Finding the PE image of a PDB when none was named.
 
 #pragma once
 
@@ -11,9 +11,9 @@ namespace symforge_internal {
 // of the PDB's path are replaced by "exe" and "dll".
 std::vector<std::string> default_images(const std::string& pdb);
 
-// Standard mode: the files in the PDB's folder that begin like an image and have the same stem, in
-// any case: for a.pdb those with the names "a", "a.exe", "a.node", "a.x.dll". In the order of
-// their names; at most kMaxImageCandidates.
+// Standard mode: the files in the PDB's folder that begin like an image and have the same stem
+// (compared without case): for a.pdb those with the names "a", "a.exe", "a.node", "a.x.dll". In the
+// order of their names; at most kMaxImageCandidates.
 inline constexpr size_t kMaxImageCandidates = 256;
 std::vector<std::string> files_of_same_stem(const std::string& pdb);
 

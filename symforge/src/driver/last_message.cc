@@ -66,13 +66,13 @@ void on_fatal_signal(int number) {
     put_line("ended by an exception");
     _exit(1);
   }
-  // The library's own handler says which exception it is, and aborts.
+  // The library's own handler prints which exception it is, and aborts.
   std::set_terminate(nullptr);
   std::get_terminate()();
   std::abort();
 }
 
-// In standard mode one line says everything; in default mode `report` does, like the library.
+// In standard mode prints the one line; in default mode calls `report`, like the library.
 template <typename Report>
 [[noreturn]] void fail_check(const char* check, Report report) {
   if (standard_messages()) {
@@ -83,7 +83,7 @@ template <typename Report>
   std::abort();
 }
 
-// A stack that has overflowed holds no handler.
+// A handler cannot run on a stack that has overflowed.
 void install_signal_stack() {
   alignas(16) static char stack[64 * 1024];
   stack_t description = {};

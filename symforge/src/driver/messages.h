@@ -14,12 +14,12 @@
 
 namespace symforge_internal {
 
-// Selects the form of the messages. Default mode is selected when this is never called.
+// Selects the form of the messages; default mode at first.
 void select_standard_messages(bool standard);
 bool standard_messages();
 
-// Names the input that later messages of standard mode, and the last message before a fatal signal
-// ends the process, are about. Null or never called: none. The name is copied.
+// Sets the input that is named in later messages of standard mode and in the last message before a
+// fatal signal. Null, as at first: none. The name is copied.
 void set_message_input(const char* name);
 
 // "symforge: INPUT: ", or "symforge: " without an input, with control characters escaped. Safe to

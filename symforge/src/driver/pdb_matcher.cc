@@ -29,12 +29,12 @@ std::string read_id(const std::string& pdb) {
   return id;
 }
 
-// The child: writes one line per PDB, its identifier or nothing, until it is through or a PDB ends
-// it. What the reader of a PDB says goes nowhere: the file's own conversion says it again.
+// In the child: writes one line per PDB, its identifier or nothing, until all are done or a PDB
+// ends the process. Warnings are discarded: the PDB's conversion repeats them.
 [[noreturn]] void report_ids(const Paths& pdbs, size_t first, int to, bool sandbox) {
   const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
   if (null != -1) dup2(null, STDERR_FILENO);
-  // Links lead the walk of a batch anywhere, so any file can be an input.
+  // The walk of a batch follows links, so any file can be an input.
   if (sandbox) enter_sandbox({.readable = {"/"}, .writable = {}});
   for (size_t i = first; i < pdbs.size(); ++i) {
     if (!write_file(to, read_id(pdbs[i]).append("\n"))) break;
@@ -42,8 +42,8 @@ std::string read_id(const std::string& pdb) {
   _exit(0);
 }
 
-// Reads the identifiers of pdbs[first...] in a child process, appending to `ids` as many as the
-// child came to report. False when no child could be had.
+// Reads the identifiers of pdbs[first...] in a child process, and appends to `ids` as many as the
+// child reported. False if there is no child.
 bool read_ids_in_child(const Paths& pdbs, size_t first, bool sandbox,
                        std::vector<std::string>& ids) {
   int ends[2];
@@ -77,9 +77,9 @@ std::vector<std::string> read_all_ids(const Paths& pdbs, bool sandbox) {
   ids.reserve(pdbs.size());
   while (ids.size() < pdbs.size()) {
     if (!read_ids_in_child(pdbs, ids.size(), sandbox, ids)) {
-      ids.push_back(read_id(pdbs[ids.size()]));  // at our own risk: wrong pairs would be worse
+      ids.push_back(read_id(pdbs[ids.size()]));  // fork failed: read it here rather than mispair
     } else if (ids.size() < pdbs.size()) {
-      ids.emplace_back();  // the PDB that ended the child before the list was through
+      ids.emplace_back();  // the PDB that ended the child
     }
   }
   return ids;
@@ -91,7 +91,7 @@ bool read_image_id(const std::string& exe, bool any_width, std::string& id) {
     if (identity) id = std::move(identity->debug_id);
     return identity.has_value();
   }
-  std::string linked_pdb_name;  // not looked at: files may have been renamed
+  std::string linked_pdb_name;  // unused: files can have been renamed
   return pe64_debug_id(exe.c_str(), id, linked_pdb_name);
 }
 

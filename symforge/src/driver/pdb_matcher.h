@@ -1,4 +1,5 @@
-// Which PDB belongs to which PE: the debug identifiers of a batch's PDBs, each read once.
+// PdbMatcher: finds the PDB of a PE by debug identifier; reads the identifiers of a batch's PDBs
+// once.
 
 #pragma once
 
@@ -11,19 +12,19 @@
 
 namespace symforge_internal {
 
-// The PDBs of a batch by debug identifier. The identifiers are read when the first one is asked
-// for, all at once, in a child process: a PDB that is damaged enough to end the process that reads
-// it just has no identifier, and neither has one that cannot be read. Nothing is logged.
+// The PDBs of a batch by debug identifier. All identifiers are read at the first search, in a child
+// process. A PDB that cannot be read, or is so damaged that it ends the process that reads it, has
+// no identifier. Nothing is logged.
 class PdbMatcher {
  public:
-  // `pdbs` must not change before the first question. In standard mode 32-bit images have an
-  // identifier too. With the option `sandbox` the child process can read files and nothing else.
+  // `pdbs` must not change before the first search. In standard mode 32-bit images also have an
+  // identifier. With the option `sandbox` the child process can read files and nothing else.
   PdbMatcher(const std::set<std::string>& pdbs, const ConversionOptions& options)
       : pdbs_(pdbs), any_width_(options.standard), sandbox_(options.sandbox) {}
 
   enum class Match {
     kFound,
-    kTaken,  // all PDBs of the identifier were taken before
+    kTaken,  // all PDBs of the identifier have been taken
     kNone,   // there is no such PDB, or the image has no identifier
   };
 

@@ -30,13 +30,13 @@ namespace {
 
 // ---- Landlock -----------------------------------------------------------------------------------
 //
-// Each version of the interface knows more rights; a right that is not handled is not restricted.
-// Declared here in full, as the system's header may be older than the kernel.
+// Each version of the interface adds rights; a right that is not handled is not restricted. The
+// interface is declared here in full, as the system's header can be older than the kernel.
 
 constexpr uint64_t kReadFile = LANDLOCK_ACCESS_FS_READ_FILE;
 constexpr uint64_t kWriteFile = LANDLOCK_ACCESS_FS_WRITE_FILE;
-// kTruncate and REMOVE_DIR do no harm in a folder whose files can be replaced anyway; with the
-// latter the system gives its usual reason when a file is renamed over a folder.
+// kTruncate and REMOVE_DIR are harmless in a folder whose files can be replaced anyway. With the
+// latter, renaming a file over a folder fails with the usual error.
 constexpr uint64_t kTruncate = uint64_t{1} << 14;
 constexpr uint64_t kInTree = kReadFile | kWriteFile | LANDLOCK_ACCESS_FS_READ_DIR |
                              LANDLOCK_ACCESS_FS_REMOVE_DIR | LANDLOCK_ACCESS_FS_REMOVE_FILE |
@@ -46,10 +46,10 @@ constexpr uint64_t kInTree = kReadFile | kWriteFile | LANDLOCK_ACCESS_FS_READ_DI
 struct RulesetAttributes {
   uint64_t file_system;  // version 1: 13 rights, 2: 14, 3: 15, 5: 16
   uint64_t network;      // version 4: to bind and to connect TCP sockets
-  uint64_t scope;        // version 6: abstract sockets and signals outside of the sandbox
+  uint64_t scope;        // version 6: abstract sockets and signals outside the sandbox
 };
 
-// The attributes that a version knows, and their size for it.
+// The attributes of a version, and their size.
 RulesetAttributes attributes_of(int version, size_t& size) {
   constexpr int kRights[] = {0, 13, 14, 15, 15, 16};
   const int rights = kRights[version < 5 ? version : 5];
@@ -98,7 +98,7 @@ void restrict_file_system(const SandboxRights& rights) {
 
 // ---- seccomp ------------------------------------------------------------------------------------
 
-// Whatever its arguments are.
+// Allows a call with any arguments.
 constexpr int kAllowed[] = {
     SCMP_SYS(access),          SCMP_SYS(brk),          SCMP_SYS(clock_gettime),
     SCMP_SYS(close),           SCMP_SYS(exit),         SCMP_SYS(exit_group),
@@ -173,7 +173,7 @@ class Filter {
   }
 
   scmp_filter_ctx context_;
-  bool whole_ = true;  // false: a rule could not be added, the filter would refuse too much
+  bool whole_ = true;  // false: a rule could not be added; the filter would deny too much
 };
 
 }  // namespace

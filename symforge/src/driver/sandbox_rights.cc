@@ -18,12 +18,12 @@ namespace {
 
 using Kind = OpenedInput::Kind;
 
-// What follows the last separator of a path, of either kind.
+// The part of a path after its last separator, of either kind.
 std::string last_component(std::string_view path) {
   return std::string(path.substr(path.find_last_of("/\\") + 1));  // npos + 1 is 0
 }
 
-// The debug file name in a SYMB image, or nothing where there is none.
+// The debug file name in a SYMB image, or an empty string.
 std::string name_in_symb(std::string_view image) {
   constexpr size_t kReference = offsetof(symb_header_v1, debug_file);
   if (image.size() < sizeof(symb_header_v1)) return {};
@@ -33,8 +33,8 @@ std::string name_in_symb(std::string_view image) {
   return std::string(rest.substr(0, rest.find('\0')));
 }
 
-// The debug file name that decides on the place in the tree. It comes from the file: it can be
-// wrong or missing, but is then no tree component or without a folder of its own.
+// The debug file name that decides the place in the tree. It comes from the file and can be wrong
+// or missing; then it is not a tree component or has no folder in the tree.
 std::string debug_file_of(const OpenedInput& opened) {
   const std::string_view content = opened.content().view();
   switch (opened.kind()) {

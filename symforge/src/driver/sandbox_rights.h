@@ -8,12 +8,12 @@
 
 namespace symforge_internal {
 
-// The inputs can be read and the tree can be written. A debug file's folder in the tree that is a
-// link to a folder elsewhere can be written too.
+// The inputs can be read and the tree can be written, also a debug file's folder in the tree that
+// is a link to a folder elsewhere.
 SandboxRights sandbox_rights(const OpenedInput& opened, const ConversionOptions& options);
 
-// Opens and loads what a conversion in its sandbox cannot: the demangling library, and the time
-// zone for messages to the system log. To be called before enter_sandbox().
+// Opens and loads what a sandboxed conversion cannot: the demangling library, and the time zone for
+// messages to the system log. Call it before enter_sandbox().
 void prepare_for_sandbox(const OpenedInput& opened, const ConversionOptions& options);
 
 }  // namespace symforge_internal

@@ -29,7 +29,7 @@ void report_about(std::string what, const char* path, const char* reason) {
   report("%s", what.c_str());
 }
 
-// A text symbol file is taken up to the first byte that no such file can hold.
+// A text symbol file is used up to the first byte that such a file cannot contain.
 void take_text(TextBuffer content, SymbolText& result) {
   constexpr int kEndOfText = 0xFF;
   if (const void* end = std::memchr(content.data(), kEndOfText, content.size())) {
@@ -55,7 +55,7 @@ void text_of_pdb(const ConversionInput& input, const ConversionOptions& options,
 // The published text of a PDB, with complete content. `image`: the PE image that belongs to it, or
 // null. Makes no folders.
 void standard_text_of_pdb(const char* pdb, const char* image, SymbolText& result) {
-  // An image path that cannot be opened keeps the parser from looking for one by its name.
+  // A path that cannot be opened keeps the parser from searching for an image by name.
   text_of_pdb({.pdb = pdb, .exe = image != nullptr ? image : ""}, {.standard = true}, result);
 }
 
@@ -67,7 +67,7 @@ std::string debug_id_of(const char* pdb) {
   return parser.debug_id();
 }
 
-// The image that the option names, which must have the identifier.
+// Checks that the image of option -e has the identifier, and returns its path.
 const char* check_image(const char* image, const std::string& debug_id) {
   const std::optional<ImageIdentity> identity = pe_debug_id(image);
   if (!identity) throw pdb_exception("the image has no debug identifier or cannot be read");
@@ -83,7 +83,7 @@ void standard_text_of(const OpenedInput& opened, SymbolText& result) {
     return;
   }
   const std::string* image = find_image(opened.image_candidates(), debug_id);
-  // As a warning: a conversion that fails has nothing but its failure to report.
+  // A warning, so that it is not reported when the conversion fails.
   if (image == nullptr) {
     std::fputs("no image found: no code identifier and no unwind rules of one\n", stderr);
   }

@@ -16,8 +16,8 @@ namespace symforge_internal {
 // PE images are left to their parser, which maps them.
 class OpenedInput {
  public:
-  // What an input is goes by its first bytes. One that cannot be read counts as a PDB: the parser
-  // is the one that reports it.
+  // Decided by the first bytes. An input that cannot be read counts as a PDB: the parser reports
+  // the failure.
   enum class Kind { kText, kSymb, kPdb, kPeAlone };
 
   explicit OpenedInput(const ConversionInput& input) : input_(input) {}
@@ -30,8 +30,8 @@ class OpenedInput {
   TextBuffer& content() { return content_; }
   const TextBuffer& content() const { return content_; }
 
-  // Of a PDB: the files that may be its image; which one is decided by their content. In default
-  // mode the parser looks for them itself, in the same places.
+  // Of a PDB: the files that can be its image, to be selected by content. In default mode the
+  // parser searches for them itself, in the same places.
   const std::vector<std::string>& image_candidates() const { return image_candidates_; }
 
  private:
@@ -44,12 +44,12 @@ class OpenedInput {
 // The text of a symbol file.
 struct SymbolText {
   TextBuffer text;
-  // Who it belongs to, when its source says so itself. Otherwise the lines of the text decide.
+  // Its identity, if the source states it. Otherwise it is read from the text.
   std::optional<sym_info> identity;
 };
 
-// Brings the input to text, and takes its content. False, and reported, for a SYMB image that is
-// damaged. PDBs and PE images throw what PDBParser throws.
+// Converts the input to text; consumes its content. False, and reported, for a damaged SYMB image.
+// PDBs and PE images throw what PDBParser throws.
 bool text_of(OpenedInput& opened, const ConversionOptions& options, SymbolText& result);
 
 }  // namespace symforge_internal

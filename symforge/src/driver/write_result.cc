@@ -18,10 +18,10 @@ namespace symforge_internal {
 
 namespace {
 
-// What a conversion writes: the text itself, or the SYMB image made of it, which may not exist.
+// The output of a conversion: the text, or the SYMB image made of it, if one can be made.
 struct Output {
   std::string_view bytes;
-  TextBuffer text;  // either of them holds `bytes`
+  TextBuffer text;  // one of them owns `bytes`
   std::unique_ptr<char[]> image;
   bool complete = true;  // false: no image could be made, the output is empty
 };
@@ -79,7 +79,7 @@ bool replace_target(const std::string& target, std::string_view content,
   return true;
 }
 
-// In standard mode a link that is there with the right target counts as made.
+// In standard mode an existing link with the right target counts as made.
 bool link_code_id(const sym_info& info, const ConversionOptions& options) {
   if (pdb_create_codeid_link(info, options.tree)) return true;
   if (!options.standard) return false;
@@ -90,8 +90,8 @@ bool link_code_id(const sym_info& info, const ConversionOptions& options) {
   return false;
 }
 
-// The entries of the folders that lead to the target, and the link of the code identifier. All of
-// it at the end: file systems with a journal write it at once then.
+// Syncs the folders above the target, and the link of the code identifier. All at the end: file
+// systems with a journal then write them together.
 bool sync_folders(const sym_info& info, const ConversionOptions& options) {
   const std::string root = options.tree;
   const std::string folder = root + "/" + info.debug_file;
@@ -128,7 +128,8 @@ bool write_result(SymbolText result, const ConversionOptions& options) {
   }
 
   if (!make_folders(info, options)) return false;
-  // Made before the temporary file is: a text that the image writer dies of leaves none behind.
+  // Make the output before the temporary file, which would remain if the image writer ended the
+  // process.
   const Output output = make_output(std::move(result.text), options.binary);
   if (!output.complete && options.standard) {
     report("no SYMB image can be made of the text");
