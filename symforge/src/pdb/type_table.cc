@@ -45,8 +45,45 @@ constexpr LeafShape shapeOf(uint16_t leaf) {
       return {true, 0, sizeof(LeafAlias)};
     case LEAF::LF_FUNC_ID:
       return {true, sizeof(LeafFuncID), sizeof(LeafFuncID)};
+    case LEAF::LF_MFUNC_ID:
+      return {true, sizeof(LeafMFuncID), sizeof(LeafMFuncID)};
+    case LEAF::LF_STRING_ID:
+      return {true, sizeof(LeafStringID), sizeof(LeafStringID)};
+    case LEAF::LF_SUBSTR_LIST:
+      return {true, sizeof(LeafArgList)};  // and its indices
     default:
       return {leaf >= LEAF::LF_CHAR && leaf <= LEAF::LF_LAST_NUMERIC};
+  }
+}
+
+// Leaves that only the standard format shows.
+bool isStandardOnly(uint16_t leaf) {
+  return leaf == LEAF::LF_MFUNC_ID || leaf == LEAF::LF_STRING_ID || leaf == LEAF::LF_SUBSTR_LIST;
+}
+
+bool hasIndices(uint16_t leaf) { return leaf == LEAF::LF_ARGLIST || leaf == LEAF::LF_SUBSTR_LIST; }
+
+bool hasSizeBeforeName(uint16_t leaf) {
+  return leaf == LEAF::LF_CLASS || leaf == LEAF::LF_STRUCTURE || leaf == LEAF::LF_UNION;
+}
+
+// Bytes by which a number that begins with `word` is longer than the short form, which is the word
+// itself.
+uint32_t extraNumberBytes(uint16_t word) {
+  switch (word) {
+    case LEAF::LF_CHAR:
+      return 1;
+    case LEAF::LF_SHORT:
+    case LEAF::LF_USHORT:
+      return 2;
+    case LEAF::LF_LONG:
+    case LEAF::LF_ULONG:
+      return 4;
+    case LEAF::LF_QUADWORD:
+    case LEAF::LF_UQUADWORD:
+      return 8;
+    default:
+      return 0;
   }
 }
 
@@ -104,9 +141,18 @@ void TypeTable::load(const StreamPair& stream, const MsfFile& file) {
   }
 }
 
+bool TypeTable::keeps(uint16_t leaf) const {
+  return shapeOf(leaf).kept && (m_dialect == TypeDialect::kStandard || !isStandardOnly(leaf));
+}
+
+uint32_t TypeTable::nameOffset(uint16_t leaf, uint32_t payload, uint32_t shortForm) const {
+  if (m_dialect == TypeDialect::kDefault || !hasSizeBeforeName(leaf)) return shortForm;
+  return shortForm + extraNumberBytes(wordAt(payload + shortForm - sizeof(le_uint16)));
+}
+
 // Judges a record as if it were decoded, and indexes it.
 void TypeTable::addRecord(uint32_t offset, const Head& head) {
-  const bool kept = shapeOf(head.leaf).kept;
+  const bool kept = keeps(head.leaf);
   TypeInfo info;
   if (kept && !decodeInRun(m_runs.back(), offset, head, info)) decodeAcrossRuns(offset, info);
   if (head.leaf == LEAF::LF_POINTER) {
@@ -186,7 +232,7 @@ bool TypeTable::decodeInRun(const Run& run, uint32_t offset, const Head& head,
   const LeafShape shape = shapeOf(head.leaf);
   const size_t left = run.bytesAt(payload);
   uint32_t bytes = shape.data;
-  if (head.leaf == LEAF::LF_ARGLIST) {
+  if (hasIndices(head.leaf)) {
     if (left < sizeof(LeafArgList)) return false;
     bytes = argumentListBytes(reinterpret_cast<const LeafArgList*>(run.at(payload))->count);
   } else if (isNumeric(head.leaf)) {
@@ -199,7 +245,8 @@ bool TypeTable::decodeInRun(const Run& run, uint32_t offset, const Head& head,
   info.offset = payload;
   if (shape.name == kNoName) return true;
 
-  const uint32_t name = payload + shape.name;
+  if (hasSizeBeforeName(head.leaf) && left < shape.name) return false;
+  const uint32_t name = payload + nameOffset(head.leaf, payload, shape.name);
   if (run.bytesAt(name) == 0 || name - run.start >= run.terminated) return false;
   info.name = DataPtr<char>(run.at(name), false);
   return true;
@@ -216,7 +263,7 @@ void TypeTable::decodeAcrossRuns(uint32_t offset, TypeInfo& info) const {
   info.offset = payload;
 
   uint32_t bytes = shape.data;
-  if (info.type == LEAF::LF_ARGLIST)
+  if (hasIndices(info.type))
     bytes = argumentListBytes(StreamReader(*m_stream, *m_file, payload).read<le_uint32>().data[0]);
   else if (isNumeric(info.type))
     bytes = numericBytes(record->length);
@@ -226,7 +273,8 @@ void TypeTable::decodeAcrossRuns(uint32_t offset, TypeInfo& info) const {
   }
   if (shape.name == kNoName) return;
   // A name right behind the fixed part is read from where that ended.
-  if (shape.name != shape.data) reader.seek(payload + shape.name);
+  const uint32_t name = nameOffset(info.type, payload, shape.name);
+  if (name != shape.data) reader.seek(payload + name);
   info.name = reader.readString();
 }
 
