@@ -10,6 +10,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "symforge/src/emit/function_list.h"
 #include "tests/pdb_text.h"
 
 namespace test_support {
@@ -133,11 +134,11 @@ TEST(PublicSymbolsTest, KeepsFunctionsThatNoModuleHas) {
 }
 
 // Where records stand is told by their file index.
-symforge_internal::FunctionRecord recordAt(uint32_t segment, uint32_t offset, uint32_t type,
+symforge_internal::FunctionRecord recordAt(uint32_t segment, uint32_t rva, uint32_t type,
                                            uint32_t origin) {
   symforge_internal::FunctionRecord record;
   record.segment = segment;
-  record.offset = offset;
+  record.rva = rva;
   record.typeIndex = type;
   record.fileIndex = origin;
   return record;

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "base/little_endian.h"
+#include "base/mapped_file.h"
 #include "tests/support/memory_file.h"
 
 namespace symforge_internal {
@@ -42,7 +43,7 @@ class StreamReaderTest : public testing::Test {
 
  private:
   std::optional<MMapWrapper> m_mapping;
-  MsfFile m_file;
+  MsfPages m_file;
   StreamPair m_stream{0};
 };
 

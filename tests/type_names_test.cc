@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "base/mapped_file.h"
 #include "builders/codeview_builder.h"
 #include "builders/msf_builder.h"
 #include "tests/support/memory_file.h"
@@ -53,7 +54,7 @@ class Types {
 
   std::string text(uint32_t type, uint32_t flags = TypeNames::IsTopLevel, bool info = false) {
     std::string output;
-    is_function_ = names_.append(type, output, flags, info);
+    is_function_ = names_.stringizeType(type, output, flags, info);
     return output;
   }
   bool is_function() const { return is_function_; }
@@ -61,7 +62,7 @@ class Types {
 
  private:
   MMapWrapper mapping_;
-  MsfFile msf_;
+  MsfPages msf_;
   std::vector<StreamPair> streams_;
   TypeTable types_;
   TypeTable ids_;

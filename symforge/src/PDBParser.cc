@@ -1,15 +1,39 @@
 #include "symforge/src/PDBParser.h"
 
-#include <unistd.h>
-
+#include <cstdint>
 #include <cstdio>
+#include <optional>
 #include <string_view>
+
+#include "base/path_names.h"
+#include "symforge/src/driver/tree_folders.h"
+#include "symforge/src/emit/function_list.h"
+#include "symforge/src/emit/function_printer.h"
+#include "symforge/src/emit/inline_sites.h"
+#include "symforge/src/emit/line_records.h"
+#include "symforge/src/emit/module_functions.h"
+#include "symforge/src/emit/param_sizes.h"
+#include "symforge/src/msf/msf_file.h"
+#include "symforge/src/pdb/dbi_stream.h"
+#include "symforge/src/pdb/frame_tables.h"
+#include "symforge/src/pdb/info_stream.h"
+#include "symforge/src/pdb/inlinee_lines.h"
+#include "symforge/src/pdb/name_stream.h"
+#include "symforge/src/pdb/public_functions.h"
+#include "symforge/src/pdb/section_map.h"
+#include "symforge/src/pdb/source_files.h"
+#include "symforge/src/pdb/type_names.h"
+#include "symforge/src/pdb/type_table.h"
+#include "symforge/src/pe/code_file.h"
+#include "symforge/src/pe/symbol_file_of_pe.h"
 
 namespace symforge_internal {
 
 namespace {
 
-constexpr size_t kExtensionLength = 3;
+// Numbers of streams.
+constexpr uint32_t kTypeInfoStream = 2;  // type records
+constexpr uint32_t kIPIStream = 4;       // id records
 
 const char* architecture(uint16_t machine) {
   switch (machine) {
@@ -26,122 +50,156 @@ const char* architecture(uint16_t machine) {
   }
 }
 
-void replaceExtension(std::string& path, const char* extension) {
-  path.erase(path.size() - kExtensionLength);
-  path += extension;
+void loadNameStream(const MsfFile& file, const InfoStream& info, const std::string& pdb,
+                    NameStream& names) {
+  size_t number;
+  if (!info.findStream("/NAMES", number)) {
+    std::fprintf(stderr, "Warning: Could not find /NAMES stream: %s\n", pdb.c_str());
+    return;
+  }
+  names.load(file.getStream(number), file.pages());
 }
 
-// The name of the PE that belongs to a PDB: the first that exists of the two that it can have, or
-// else the second. A name that is too short for an extension throws std::out_of_range.
-std::string peBeside(const char* pdb) {
-  std::string path = pdb;
-  replaceExtension(path, "exe");
-  if (access(path.c_str(), F_OK) != 0) replaceExtension(path, "dll");
-  return path;
+// Adds its lines and inlinees to each module. A module whose streams end too early loses what is
+// left of them, silently.
+void resolveModules(ModuleStreams& modules, const SectionMap& sections, const SourceFiles& files,
+                    Functions& functions, InlineeLines* inlinees) {
+  FunctionIndex index(functions);
+  for (size_t i = 0; i < modules.size(); ++i) {
+    ModuleStream& module = modules[i];
+    try {
+      if (inlinees != nullptr) module.noteSubsections();
+      resolveFunctionLines(module, i, sections, files, functions, index);
+      if (inlinees != nullptr) inlinees->resolveInlineFunctions(module, i, files);
+    } catch (const pdb_recoverable_exception&) {
+      // What this module has left is lost; the others go on.
+    }
+    module.forgetSubsections();
+  }
 }
 
 }  // namespace
 
+struct PDBParser::Rep {
+  explicit Rep(bool with_inlines) : do_inline(with_inlines) {}
+
+  const bool do_inline;
+  MsfFile file;
+  std::optional<InfoStream> info;
+  std::optional<DbiStream> dbi;
+  CodeFile codeFile;
+  std::string pdbFile;  // path as given; empty selects the PE-only mode
+  std::string debugId;
+};
+
+PDBParser::PDBParser(bool with_inlines) : m_rep(new Rep(with_inlines)) {}
+
+PDBParser::~PDBParser() = default;
+
+const std::string& PDBParser::debug_id() const { return m_rep->debugId; }
+
+void PDBParser::close() { m_rep->file.close(); }
+
 void PDBParser::load(const char* pdb, const char* exe, const char* sympath, TextBuffer& out) {
-  if (pdb != nullptr)
-    loadPdb(pdb, sympath);
-  else
+  if (pdb != nullptr) {
+    m_rep->pdbFile = pdb;
+    if (!m_rep->file.Map(pdb)) throw pdb_exception("Failed to load PDB file");
+    if (!readRootStream(sympath)) throw pdb_exception("Failed to read PDB Root Stream");
+  } else {
     findSymbolFileOfPe(exe, sympath, out);
-  readPeHeaders(exe != nullptr ? exe : peBeside(pdb).c_str());
-}
-
-void PDBParser::loadPdb(const char* pdb, const char* sympath) {
-  m_pdb_file = pdb;
-  if (!m_mapping.Map(pdb)) throw pdb_exception("Failed to load PDB file");
-  bool loaded;
-  readRootStream(sympath, &loaded);
-  if (!loaded) throw pdb_exception("Failed to read PDB Root Stream");
-}
-
-std::string_view PDBParser::lastComponent(std::string_view path) {
-  return path.substr(path.rfind('/') + 1);  // npos + 1 is 0
-}
-
-void PDBParser::printHeader(const DBIHeader* header, TextBuffer& out) {
-  if (header != nullptr) {
-    const std::string_view name = lastComponent(m_pdb_file);
-    LineWriter line(out, 64 + m_debug_id.size() + name.size());
-    line.str("MODULE windows ").str(architecture(header->machine)).chr(' ');
-    line.str(m_debug_id).chr(' ').str(name).chr('\n');
   }
-  if (!m_foundPE) return;
-  // In upper case, and a short time stamp is padded with blanks, not with zeros.
-  char identity[32];
-  const int length = std::snprintf(identity, sizeof(identity), "%8X%X", m_PETimeStamp, m_PESize);
-  const std::string_view name = lastComponent(m_code_file);
-  LineWriter line(out, 64 + name.size());
-  line.str("INFO CODE_ID ").str({identity, static_cast<size_t>(length)}).chr(' ');
-  line.str(name).chr('\n');
+  m_rep->codeFile.readPeHeaders(exe != nullptr ? exe : siblingPePath(pdb).c_str());
+}
+
+// Opens the streams that identify the PDB, and makes its folders below `sympath` unless it is null.
+// False for every failure that does not throw.
+bool PDBParser::readRootStream(const char* sympath) {
+  MsfFile& file = m_rep->file;
+  if (!file.readDirectory()) return false;
+  InfoStream& info = m_rep->info.emplace(file.streams()[InfoStream::kStream], file.pages());
+  const DbiStream& dbi = m_rep->dbi.emplace(file);
+  m_rep->debugId = info.readDebugId(dbi.header().age);
+  if (sympath != nullptr) {
+    make_tree_folders(sympath, last_component(m_rep->pdbFile), m_rep->debugId);
+  }
+  return info.readNamedStreams();
+}
+
+void PDBParser::printHeader(TextBuffer& out) const {
+  if (m_rep->dbi) {
+    const std::string_view name = last_component(m_rep->pdbFile);
+    LineWriter line(out, 64 + m_rep->debugId.size() + name.size());
+    line.str("MODULE windows ").str(architecture(m_rep->dbi->header().machine)).chr(' ');
+    line.str(m_rep->debugId).chr(' ').str(name).chr('\n');
+  }
+  m_rep->codeFile.printCodeId(out);
 }
 
 void PDBParser::printBreakpadSymbols(TextBuffer& out, FileMod* fileMod) {
-  if (m_pdb_file.empty()) {
-    printHeader(nullptr, out);
-    PrintFrameDataUsingEXE(out);
+  const MsfFile& file = m_rep->file;
+  const CodeFile& codeFile = m_rep->codeFile;
+  printHeader(out);
+  if (!m_rep->dbi) {
+    codeFile.PrintFrameDataUsingEXE(out);
     return;
   }
 
-  StreamReader reader(debugInfoStream(), m_file);
-  const DataPtr<DBIHeader> header = reader.read<DBIHeader>();
-  printHeader(header.data, out);
-  Modules modules = readModuleList(reader, *header);
-  const DataPtr<DBIDebugHeader> debugHeader = readDebugHeader(reader, *header);
-  readSections(*debugHeader);
-  printSections(sections, out);
-  readOMAPData(debugHeader->sectionHdrOriginal, debugHeader->omapToSource,
-               debugHeader->omapFromSource);
+  DbiStream& dbi = *m_rep->dbi;
+  ModuleStreams modules = dbi.readModuleList();
+  const DataPtr<DBIDebugHeader> debugHeader = dbi.readDebugHeader();
+  SectionMap sections;
+  sections.readSections(file, debugHeader->sectionHdr);
+  sections.printSections(out);
+  sections.readOMAPData(file, debugHeader->sectionHdrOriginal, debugHeader->omapToSource,
+                        debugHeader->omapFromSource);
 
-  UniqueSrcFiles unique;
-  gatherFiles(modules, unique);
+  SourceFiles files;
+  files.gatherFiles(modules);
   NameStream names;
-  loadNameStream(names);
-  printFiles(modules, unique, names, fileMod, out);
+  loadNameStream(file, *m_rep->info, m_rep->pdbFile, names);
+  files.printFiles(names, fileMod, out);
 
-  loadTypeStream(TypeInfoStream, typemap, /*required=*/true);
-  loadTypeStream(IPIStream, typeinfomap, /*required=*/false);
+  TypeTable types;
+  TypeTable ids;
+  loadTypeStream(file, kTypeInfoStream, types, /*required=*/true);
+  loadTypeStream(file, kIPIStream, ids, /*required=*/false);
   refuseTokenMap(*debugHeader);
 
+  TypeNames typeNames(types, ids);
+  InlineeLines inlinees;
+  InlineSites allSites(file, inlinees, typeNames);
+  InlineSites* const sites = m_rep->do_inline ? &allSites : nullptr;
   PublicFunctions globals;
-  getGlobalFunctions(header->symRecordStream, sections, globals);
+  globals.getGlobalFunctions(file, dbi.header().symRecordStream, sections);
   Functions functions;
-  for (const Module& module : modules) getModuleFunctions(module.info.data, functions);
+  for (const ModuleStream& module : modules) {
+    getModuleFunctions(module, sections, sites, functions);
+  }
   sortFunctions(functions);
-  resolveModules(modules, unique, functions);
+  resolveModules(modules, sections, files, functions, m_rep->do_inline ? &inlinees : nullptr);
 
   FrameTables frames;
-  readFrameData(*debugHeader, frames);
+  frames.readFrameData(file, *debugHeader);
   dropDuplicates(functions);
-  settleParamSizes(functions, globals, frames);
+  resolveParamSizes(functions, globals, frames, sections.count());
   mergeGlobals(functions, globals);
-  printFunctions(functions, out);
+  FunctionPrinter(sections, typeNames, sites).printFunctions(functions, out);
 
-  printFrameData(frames, names, out);
-  if (header->machine == IMAGE_FILE_MACHINE_AMD64) PrintFrameDataUsingEXE(out);
+  frames.printFrameData(names, out);
+  if (dbi.header().machine == IMAGE_FILE_MACHINE_AMD64) codeFile.PrintFrameDataUsingEXE(out);
 }
 
-// The one use that is made of this number. Both 0 and "no such stream" pass.
-void PDBParser::refuseTokenMap(const DBIDebugHeader& debugHeader) {
-  const uint16_t map = debugHeader.tokenRidMap;
-  if (map != 0 && map != kNoStream) throw pdb_exception("Implement me...");
-}
-
-void PDBParser::resolveModules(const Modules& modules, const UniqueSrcFiles& unique,
-                               Functions& functions) {
-  FunctionIndex index(functions);
-  for (const Module& module : modules) {
-    const DBIModuleInfo* info = module.info.data;
-    try {
-      resolveFunctionLines(info, functions, index, unique, module.srcIndex);
-      if (do_inline) resolveInlineFunctions(info, unique, module.srcIndex);
-    } catch (const pdb_recoverable_exception&) {
-      // What this module has left is lost; the others go on.
-    }
+bool pdb_debug_id(const char* file, std::string& id) {
+  PDBParser parser(/*with_inlines=*/false);
+  TextBuffer unused;
+  try {
+    parser.load(file, nullptr, nullptr, unused);
+  } catch (...) {
+    return false;
   }
+  if (parser.debug_id().empty()) return false;
+  id = parser.debug_id();
+  return true;
 }
 
 }  // namespace symforge_internal

@@ -1,13 +1,10 @@
 #include "symforge/src/StreamReader.h"
 
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cassert>
 #include <cstring>
 #include <new>
+
+#include "base/mapped_file.h"
 
 namespace symforge_internal {
 
@@ -15,42 +12,7 @@ namespace {
 
 constexpr char kOutsideOfPages[] = "Requesting offset outside of page range";
 
-// Reserves zeroed bytes for file and guard, then lays the file over their front: what the file does
-// not cover stays zero, wherever its last byte lies in a page of the machine's.
-void* mapWithGuard(int fd, size_t length) {
-  const size_t reserved = length + MMapWrapper::kGuardBytes;
-  void* base =
-      mmap(nullptr, reserved, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-  if (base == MAP_FAILED) return nullptr;
-  if (mmap(base, length, PROT_READ, MAP_PRIVATE | MAP_FIXED, fd, 0) == MAP_FAILED) {
-    munmap(base, reserved);
-    return nullptr;
-  }
-  return base;
-}
-
 }  // namespace
-
-bool MMapWrapper::Map(const char* path) {
-  const int fd = open(path, O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
-  struct stat status;
-  void* base = nullptr;
-  // A mapping of no bytes is refused by the system; so is one of a folder.
-  if (fstat(fd, &status) == 0 && status.st_size > 0) {
-    m_length = static_cast<size_t>(status.st_size);
-    base = mapWithGuard(fd, m_length);
-  }
-  close(fd);
-  m_base = static_cast<const uint8_t*>(base);
-  return m_base != nullptr;
-}
-
-void MMapWrapper::Unmap() {
-  if (m_base == nullptr) return;
-  munmap(const_cast<uint8_t*>(m_base), m_length + kGuardBytes);
-  m_base = nullptr;
-}
 
 // File positions are 32-bit products here: they wrap in files above 4 GiB, and the assertion is
 // what ends the process when a run then ends before it begins.

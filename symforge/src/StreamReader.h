@@ -1,5 +1,5 @@
-// Reading an MSF file: the mapping, a stream's page list, a cursor over one stream, and the handle
-// to what a read returns. Every read of a PDB goes through here.
+// Reading a stream of an MSF file: its page list, a cursor over it, and the handle to what a read
+// returns. Every read of a PDB goes through here.
 //
 // An MSF file is cut into pages; a stream is a list of page numbers that need not be adjacent. A
 // read returns a pointer into the mapping as long as the bytes lie in physically consecutive pages
@@ -18,53 +18,16 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
-#include <stdexcept>
 #include <utility>
 #include <vector>
 
+#include "symforge/src/pdb_exception.h"
+
 namespace symforge_internal {
 
-// A file that cannot be converted. The text is what the user is shown.
-class pdb_exception : public std::runtime_error {
- public:
-  explicit pdb_exception(const char* message) : std::runtime_error(message) {}
-};
-
-// A read ran off a stream's pages. While a module's lines and inline data are read, only that
-// module's data is lost; everywhere else this is a pdb_exception like any other.
-class pdb_recoverable_exception : public pdb_exception {
- public:
-  explicit pdb_recoverable_exception(const char* message) : pdb_exception(message) {}
-};
-
-// A read-only private mapping of a whole file with kGuardBytes zeroed bytes behind it.
-class MMapWrapper {
- public:
-  // Bytes behind the file's last that are readable and zero.
-  static constexpr size_t kGuardBytes = 64 * 1024;
-
-  MMapWrapper() = default;
-  ~MMapWrapper() { Unmap(); }
-  MMapWrapper(const MMapWrapper&) = delete;
-  MMapWrapper& operator=(const MMapWrapper&) = delete;
-
-  // Maps the file. False when it cannot be opened or mapped; an empty file is one such. To be
-  // called once.
-  bool Map(const char* path);
-  void Unmap();
-
-  bool Valid() const { return m_base != nullptr; }
-  const uint8_t* base() const { return m_base; }
-  size_t length() const { return m_length; }  // bytes of the file, without the guard
-
- private:
-  size_t m_length = 0;
-  const uint8_t* m_base = nullptr;
-};
-
-// What a reader needs to know of the file: its first byte, its length and its page size, both in
-// bytes.
-struct MsfFile {
+// The mapped file as a reader sees it: its first byte, its length and its page size, both in bytes.
+// Bytes after its last one, MMapWrapper::kGuardBytes of them, are readable and zero.
+struct MsfPages {
   const uint8_t* base = nullptr;
   size_t length = 0;
   uint32_t pageSize = 0;
@@ -118,7 +81,7 @@ class StreamReader {
 
   // Throws pdb_recoverable_exception when the stream has no page at `offset`; so always on an empty
   // one.
-  StreamReader(const StreamPair& stream, const MsfFile& file, uint32_t offset = 0)
+  StreamReader(const StreamPair& stream, const MsfPages& file, uint32_t offset = 0)
       : m_stream(stream), m_file(file) {
     seek(offset);
   }
@@ -177,7 +140,7 @@ class StreamReader {
   uint32_t measureString();
 
   const StreamPair& m_stream;
-  const MsfFile& m_file;
+  const MsfPages& m_file;
   const uint8_t* m_data = nullptr;        // at the position
   const uint8_t* m_seqPageEnd = nullptr;  // one past the run
   uint32_t m_offset = 0;                  // position in the stream

@@ -8,9 +8,7 @@ namespace symforge_internal {
 
 namespace {
 
-constexpr uint64_t startOf(uint32_t segment, uint32_t offset) {
-  return uint64_t{segment} << 32 | offset;
-}
+constexpr uint64_t startOf(uint32_t segment, uint32_t rva) { return uint64_t{segment} << 32 | rva; }
 
 // What a record is sorted by, and where it stood. std::sort makes its moves by the results of
 // comparisons alone, so sorting these, a fifth of a record's size, brings equal keys into the same
@@ -51,12 +49,12 @@ bool orderShows(const Functions& functions, const std::vector<PublicFunction>& s
          std::any_of(symbols.begin(), symbols.end(), lacksSection);
 }
 
-// Positions by offset. What counts is the table's order of iteration, which follows from the order
+// Positions by RVA. What counts is the table's order of iteration, which follows from the order
 // of the insertions.
 std::unordered_map<uint32_t, uint32_t> hashOrder(const std::vector<PublicFunction>& symbols) {
   std::unordered_map<uint32_t, uint32_t> order;
   for (const PublicFunction& symbol : symbols)
-    order.emplace(symbol.offset, static_cast<uint32_t>(order.size()));
+    order.emplace(symbol.rva, static_cast<uint32_t>(order.size()));
   return order;
 }
 
@@ -66,8 +64,7 @@ void sortFunctions(Functions& functions) {
   std::vector<SortKey> order;
   order.reserve(functions.size());
   for (const FunctionRecord& f : functions)
-    order.push_back(
-        {startOf(f.segment, f.offset), f.typeIndex, static_cast<uint32_t>(order.size())});
+    order.push_back({startOf(f.segment, f.rva), f.typeIndex, static_cast<uint32_t>(order.size())});
   std::sort(order.begin(), order.end());
   permute(functions, order);
 }
@@ -77,7 +74,7 @@ void dropDuplicates(Functions& functions) {
   FunctionRecord* kept = &functions.front();
   for (size_t i = 1; i < functions.size(); ++i) {
     FunctionRecord& next = functions[i];
-    const bool sameStart = kept->segment == next.segment && kept->offset == next.offset;
+    const bool sameStart = kept->segment == next.segment && kept->rva == next.rva;
     if (sameStart && (kept->lines.data != nullptr || next.lines.data == nullptr)) {
       next.segment = FunctionRecord::kDropped;
       continue;
@@ -94,7 +91,7 @@ void mergeGlobals(Functions& functions, PublicFunctions& globals) {
     FunctionRecord& func = functions.emplace_back();
     func.name = std::move(symbol.name);
     func.segment = symbol.segment;
-    func.offset = symbol.offset;
+    func.rva = symbol.rva;
   };
   if (orderShows(functions, symbols)) {
     for (const auto& entry : hashOrder(symbols)) append(symbols[entry.second]);
@@ -106,11 +103,11 @@ void mergeGlobals(Functions& functions, PublicFunctions& globals) {
 
 FunctionIndex::FunctionIndex(const Functions& functions) {
   m_starts.reserve(functions.size());
-  for (const FunctionRecord& f : functions) m_starts.push_back(startOf(f.segment, f.offset));
+  for (const FunctionRecord& f : functions) m_starts.push_back(startOf(f.segment, f.rva));
 }
 
-size_t FunctionIndex::lowerBound(uint32_t segment, uint32_t offset) {
-  const uint64_t start = startOf(segment, offset);
+size_t FunctionIndex::lowerBound(uint32_t segment, uint32_t rva) {
+  const uint64_t start = startOf(segment, rva);
   const size_t next = m_last + 1;
   if (next < m_starts.size() && m_starts[m_last] < start && start <= m_starts[next])
     return m_last = next;

@@ -24,16 +24,16 @@ void dropDuplicates(Functions& functions);
 void mergeGlobals(Functions& functions, PublicFunctions& globals);
 
 // Finds functions by their start. The list that it was made of must be sorted, not empty when it is
-// asked, and its records must keep section and offset.
+// asked, and its records must keep section and RVA.
 class FunctionIndex {
  public:
   explicit FunctionIndex(const Functions& functions);
 
   // Position of the first function at or behind an address, or of the last function of all.
-  size_t lowerBound(uint32_t segment, uint32_t offset);
+  size_t lowerBound(uint32_t segment, uint32_t rva);
 
  private:
-  std::vector<uint64_t> m_starts;  // segment above offset
+  std::vector<uint64_t> m_starts;  // segment above RVA
   size_t m_last = 0;               // the answer before: blocks of lines mostly come in order
 };
 

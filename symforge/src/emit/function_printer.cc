@@ -1,24 +1,20 @@
-// FUNC, line and PUBLIC records. The line records of a function take their section from the FUNC
-// line above them, so the order of everything here matters.
+#include "symforge/src/emit/function_printer.h"
 
 #include <charconv>
 #include <cstring>
 #include <iterator>
-#include <string>
 #include <string_view>
-
-#include "symforge/src/PDBParser.h"
 
 namespace symforge_internal {
 
 namespace {
 
-// Four numbers of eight digits and what stands around them.
-constexpr size_t kRecordRoom = 64;
-// " file\n", which ends every line of a block, with some room for copying all of it at once.
-constexpr size_t kEndingRoom = 16;
+// Four numbers of eight digits and what is around them.
+constexpr size_t kMaxNumbersBytes = 64;
+// " file\n", which ends every line of a block, padded so that all of it is copied at once.
+constexpr size_t kMaxEndingBytes = 16;
 // "address size line file\n" with numbers of 8, 8 and 8 digits and such an end.
-constexpr size_t kLineRoom = 8 + 1 + 8 + 1 + 8 + kEndingRoom;
+constexpr size_t kMaxLineBytes = 8 + 1 + 8 + 1 + 8 + kMaxEndingBytes;
 constexpr uint32_t kLineNumberMask = 0x00FFFFFF;
 
 void eraseFromTheEnd(std::string& text, std::string_view part) {
@@ -26,7 +22,7 @@ void eraseFromTheEnd(std::string& text, std::string_view part) {
     text.erase(at, part.size());
 }
 
-// Whether there is anything to take out: most names have nothing, and one quick scan tells.
+// Whether there is anything to take out: most names have nothing, and one quick scan shows it.
 bool needsCleaning(std::string_view name) {
   const char* at = name.data();
   const char* const end = at + name.size();
@@ -38,7 +34,7 @@ bool needsCleaning(std::string_view name) {
   return false;
 }
 
-// The name without what only the Windows compiler says. The blank behind "__cdecl" stays.
+// The name without what only the Windows compiler says. The blank after "__cdecl" is kept.
 std::string_view cleanName(std::string_view name, std::string& storage) {
   if (!needsCleaning(name)) return name;
   storage = name;
@@ -49,18 +45,18 @@ std::string_view cleanName(std::string_view name, std::string& storage) {
 
 void printFunction(const FunctionRecord& func, std::string_view name, std::string_view parameters,
                    TextBuffer& out) {
-  LineWriter line(out, kRecordRoom + name.size() + parameters.size());
-  line.str("FUNC ").hex(func.segment).chr(':').hex(func.offset).chr(' ').hex(func.length);
+  LineWriter line(out, kMaxNumbersBytes + name.size() + parameters.size());
+  line.str("FUNC ").hex(func.segment).chr(':').hex(func.rva).chr(' ').hex(func.length);
   line.chr(' ').hex(func.paramSize).chr(' ').str(name).str(parameters).chr('\n');
 }
 
 void printPublic(const FunctionRecord& func, TextBuffer& out) {
   const std::string_view name = func.name.data;
-  LineWriter line(out, kRecordRoom + name.size());
-  line.str("PUBLIC ").hex(func.offset).chr(' ').hex(func.paramSize).chr(' ').str(name).chr('\n');
+  LineWriter line(out, kMaxNumbersBytes + name.size());
+  line.str("PUBLIC ").hex(func.rva).chr(' ').hex(func.paramSize).chr(' ').str(name).chr('\n');
 }
 
-// By how many bytes a block of lines is moved down: when its last line begins behind the function's
+// By how many bytes a block of lines is moved down: when its last line begins after the function's
 // end, by the distance, rounded up to a multiple of 16.
 uint32_t adjustment(uint32_t lastOffset, uint32_t length) {
   if (lastOffset <= length) return 0;
@@ -70,29 +66,29 @@ uint32_t adjustment(uint32_t lastOffset, uint32_t length) {
 }  // namespace
 
 // Sizes are the distances to the next line; unsorted lines give large ones.
-void PDBParser::printLines(const FunctionRecord& func, TextBuffer& out) const {
+void FunctionPrinter::printLines(const FunctionRecord& func, TextBuffer& out) const {
   const uint32_t count = func.lineCount & ~FunctionRecord::kHasLines;
   if (count == 0) return;
   const CV_Line* lines = func.lines.data;
   const uint32_t adjust = adjustment(lines[count - 1].offset, func.length);
   const uint32_t end = adjust + func.length;
-  const uint32_t base = func.segment == 0 ? 0 : sectionBase(func.segment);
+  const uint32_t base = func.segment == 0 ? 0 : m_sections.sectionBase(func.segment);
   const uint32_t start = base + func.pre_omap_offset - adjust;
-  const bool mapped = func.segment != 0 && !omap_from.empty();
+  const bool mapped = func.segment != 0 && m_sections.isRewritten();
 
-  char ending[kEndingRoom] = {' '};
+  char ending[kMaxEndingBytes] = {' '};
   char* const endingEnd = std::to_chars(ending + 1, std::end(ending), func.fileIndex).ptr;
   *endingEnd = '\n';
   const ptrdiff_t endingSize = endingEnd + 1 - ending;
 
   // Most of a symbol file is written by this loop, so it keeps its place in a register.
-  char* const begin = out.prepare(kLineRoom * count);
+  char* const begin = out.prepare(kMaxLineBytes * count);
   char* at = begin;
   for (uint32_t i = 0; i < count; ++i) {
     const uint32_t offset = lines[i].offset;
     const uint32_t next = i + 1 == count ? end : uint32_t{lines[i + 1].offset};
     const uint32_t rva = start + offset;
-    at = put_hex(at, mapped ? throughOmap(rva) : rva);
+    at = put_hex(at, mapped ? m_sections.finalRva(rva) : rva);
     *at++ = ' ';
     at = put_hex(at, next - offset);
     *at++ = ' ';
@@ -103,37 +99,41 @@ void PDBParser::printLines(const FunctionRecord& func, TextBuffer& out) const {
   out.commit(static_cast<size_t>(at - begin));
 }
 
-void PDBParser::printTypedFunction(const FunctionRecord& func, std::string& name,
-                                   std::string& parameters, TextBuffer& out) {
-  parameters.clear();
-  stringizeType(func.typeIndex, parameters, IsTopLevel, false);
-  printFunction(func, cleanName(func.name.data, name), parameters, out);
+void FunctionPrinter::printTypedFunction(const FunctionRecord& func, TextBuffer& out) {
+  m_parameters.clear();
+  m_typeNames.stringizeType(func.typeIndex, m_parameters, TypeNames::IsTopLevel, false);
+  printFunction(func, cleanName(func.name.data, m_name), m_parameters, out);
   if (func.hasLines()) printLines(func, out);
 }
 
-// Functions without a type print as they stand: no clean-up, no parameters, no lines.
-void PDBParser::printFunctions(const Functions& funcs, TextBuffer& out) {
-  // Names, lines and types lie all over the mapping: they are asked for a few functions ahead.
+// Names, lines and types are scattered over the mapping: they are prefetched a few functions ahead.
+void FunctionPrinter::prefetch(const Functions& functions, size_t i) const {
   constexpr size_t kAhead = 8;
-  std::string name;
-  std::string parameters;
-  for (size_t i = 0; i < funcs.size(); ++i) {
-    if (i + 2 * kAhead < funcs.size()) typemap.prefetchIndex(funcs[i + 2 * kAhead].typeIndex);
-    if (i + kAhead < funcs.size()) {
-      typemap.prefetchRecord(funcs[i + kAhead].typeIndex);
-      __builtin_prefetch(funcs[i + kAhead].name.data);
-      __builtin_prefetch(funcs[i + kAhead].name.data + 64);
-      __builtin_prefetch(funcs[i + kAhead].lines.data);
-    }
-    const FunctionRecord& func = funcs[i];
+  if (i + 2 * kAhead < functions.size()) {
+    m_typeNames.prefetchIndex(functions[i + 2 * kAhead].typeIndex);
+  }
+  if (i + kAhead < functions.size()) {
+    const FunctionRecord& next = functions[i + kAhead];
+    m_typeNames.prefetchRecord(next.typeIndex);
+    __builtin_prefetch(next.name.data);
+    __builtin_prefetch(next.name.data + 64);
+    __builtin_prefetch(next.lines.data);
+  }
+}
+
+void FunctionPrinter::printFunctions(const Functions& functions, TextBuffer& out) {
+  for (size_t i = 0; i < functions.size(); ++i) {
+    prefetch(functions, i);
+    const FunctionRecord& func = functions[i];
     if (func.dropped()) continue;
-    if (func.typeIndex != 0)
-      printTypedFunction(func, name, parameters, out);
-    else if (func.length != 0)
+    if (func.typeIndex != 0) {
+      printTypedFunction(func, out);
+    } else if (func.length != 0) {
       printFunction(func, func.name.data, {}, out);
-    else
+    } else {
       printPublic(func, out);
-    if (do_inline) dumpInlineFunctionMap(func, out);
+    }
+    if (m_sites != nullptr) m_sites->dumpInlineFunctionMap(func, out);
   }
 }
 

@@ -23,15 +23,15 @@ struct FunctionRecord {
   DataPtr<CV_Line> lines;
   uint32_t lineCount = 0;        // number of lines, and kHasLines
   uint32_t segment = 0;          // section number from 1; 0: none
-  uint32_t offset = 0;           // RVA; the symbol's raw offset where segment is 0
+  uint32_t rva = 0;              // the symbol's raw offset where segment is 0
   uint32_t pre_omap_offset = 0;  // section-relative, before any mapping
   uint32_t fileIndex = 0;        // number of the source file; 0: none
   uint32_t length = 0;           // bytes of code
   uint32_t lineOffset = 0;       // section-relative start of the accepted block of lines
   uint32_t typeIndex = 0;        // 0: none
   uint32_t paramSize = 0;        // bytes of parameters on the stack
-  // The function's inline sites: a stretch of PDBParser's list of all of them, and the stream where
-  // they stand. None are kept when one of them has no name.
+  // The function's inline sites: a range of the list in InlineSites, and the stream where their
+  // symbols are. None are kept when one of them has no name.
   uint32_t firstInline = 0;
   uint32_t inlineCount = 0;
   uint16_t inlineStream = 0;
@@ -42,7 +42,7 @@ struct FunctionRecord {
 
   bool operator<(const FunctionRecord& other) const {
     if (segment != other.segment) return segment < other.segment;
-    if (offset != other.offset) return offset < other.offset;
+    if (rva != other.rva) return rva < other.rva;
     return typeIndex < other.typeIndex;
   }
 };

@@ -1,16 +1,14 @@
-// The size of a function's parameters on the stack.
+#include "symforge/src/emit/param_sizes.h"
 
 #include <cstdlib>
 #include <cstring>
-
-#include "symforge/src/PDBParser.h"
 
 namespace symforge_internal {
 
 namespace {
 
 // A decorated name ends in '@' and the bytes of its parameters: _name@12 is __stdcall; of
-// @name@12, which is __fastcall, two of them are in registers. False for a name that does not tell.
+// @name@12, which is __fastcall, two of them are in registers. False for a name without them.
 bool parameterBytes(const char* name, uint32_t& bytes) {
   const char* at = std::strrchr(name, '@');
   if (at == nullptr || at == name) return false;
@@ -27,22 +25,17 @@ bool parameterBytes(const char* name, uint32_t& bytes) {
 
 }  // namespace
 
-bool PDBParser::updateParamSize(FunctionRecord& func, const PublicFunction* global) {
+bool updateParamSize(FunctionRecord& func, const PublicFunction* global) {
   return global != nullptr && global->decorated &&
          parameterBytes(global->name.data, func.paramSize);
 }
 
-void PDBParser::settleParamSizes(Functions& functions, PublicFunctions& globals,
-                                 const FrameTables& frames) const {
+void resolveParamSizes(Functions& functions, PublicFunctions& globals, const FrameTables& frames,
+                       size_t sectionCount) {
   for (FunctionRecord& func : functions) {
-    if (func.segment == 0 || func.segment > sections.size()) continue;  // dropped ones as well
-    PublicFunction* global = globals.find(func.offset);
-    if (const FPO_DATA_V2* data = frames.v2.find(func.offset, func.length))
-      func.paramSize = data->cbParams;
-    else if (const FPO_DATA* old = frames.v1.find(func.offset, func.length))
-      func.paramSize = old->cdwParams * 4;
-    else
-      updateParamSize(func, global);
+    if (func.segment == 0 || func.segment > sectionCount) continue;  // dropped ones as well
+    PublicFunction* global = globals.find(func.rva);
+    if (!frames.findParamSize(func.rva, func.length, func.paramSize)) updateParamSize(func, global);
     if (global != nullptr) global->covered = true;
   }
 }

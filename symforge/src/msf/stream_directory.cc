@@ -18,7 +18,7 @@ uint32_t dividedUp(uint32_t number, uint32_t by) { return number / by + (number 
 
 class DirectoryReader {
  public:
-  DirectoryReader(const MsfFile& file, uint32_t directorySize)
+  DirectoryReader(const MsfPages& file, uint32_t directorySize)
       : m_file(file),
         m_items(file.pageSize / kWord),
         m_indexPages(dividedUp(dividedUp(directorySize, file.pageSize) * kWord, file.pageSize)) {}
@@ -42,7 +42,7 @@ class DirectoryReader {
   bool atPageEnd() const { return m_position == m_items; }
   bool nextPage(uint32_t& page);
 
-  const MsfFile& m_file;
+  const MsfPages& m_file;
   const uint32_t m_items;       // words in a page
   const uint32_t m_indexPages;  // number of them
   uint32_t m_streamCount = 0;
@@ -134,7 +134,7 @@ bool DirectoryReader::readPages(std::vector<StreamPair>& streams) {
 
 }  // namespace
 
-bool readStreamDirectory(const MsfFile& file, uint32_t directorySize,
+bool readStreamDirectory(const MsfPages& file, uint32_t directorySize,
                          std::vector<StreamPair>& streams) {
   return DirectoryReader(file, directorySize).read(streams);
 }

@@ -19,7 +19,7 @@ namespace symforge_internal {
 // lies outside the file; for an index page there is a message on standard error, otherwise none.
 // Page numbers of streams are not judged here. A directory that wants more pages than its index
 // pages can list fails an assertion.
-bool readStreamDirectory(const MsfFile& file, uint32_t directorySize,
+bool readStreamDirectory(const MsfPages& file, uint32_t directorySize,
                          std::vector<StreamPair>& streams);
 
 }  // namespace symforge_internal

@@ -1,38 +1,52 @@
-// The DBI stream: the machine, the list of modules, and at its end the numbers of other streams.
+#include "symforge/src/pdb/dbi_stream.h"
 
-#include "symforge/src/PDBParser.h"
+#include <utility>
 
 namespace symforge_internal {
 
-const StreamPair& PDBParser::debugInfoStream() const {
-  const StreamPair& stream = getStream(DebugInfo);
+namespace {
+
+const StreamPair& debugInfoStream(const MsfFile& file) {
+  const StreamPair& stream = file.getStream(DbiStream::kStream);
   if (stream.size == 0) throw pdb_exception("Invalid DebugInfo stream");
   return stream;
 }
 
-// `reader` stands behind the header, and is left behind the last module. The list is taken to end
-// with the first record that begins at or beyond its end.
-PDBParser::Modules PDBParser::readModuleList(StreamReader& reader, const DBIHeader& header) const {
-  Modules modules;
-  const uint32_t endOffset = header.moduleSize + reader.getOffset();
-  while (reader.getOffset() < endOffset) {
-    DataPtr<DBIModuleInfo> info = reader.read<DBIModuleInfo>();
-    reader.readString();  // module name
-    reader.readString();  // object file
-    if (static_cast<uint16_t>(info->stream) != kNoStream)
-      modules.push_back({std::move(info), SrcFileIndex()});
-    reader.align(4);
+}  // namespace
+
+DbiStream::DbiStream(const MsfFile& file)
+    : m_file(file),
+      m_reader(debugInfoStream(file), file.pages()),
+      m_header(m_reader.read<DBIHeader>()) {}
+
+// The list ends with the first record that begins at or beyond its end.
+ModuleStreams DbiStream::readModuleList() {
+  ModuleStreams modules;
+  const uint32_t endOffset = m_header->moduleSize + m_reader.getOffset();
+  while (m_reader.getOffset() < endOffset) {
+    DataPtr<DBIModuleInfo> info = m_reader.read<DBIModuleInfo>();
+    m_reader.readString();  // module name
+    m_reader.readString();  // object file
+    if (static_cast<uint16_t>(info->stream) != kNoStream) {
+      modules.emplace_back(m_file, std::move(info));
+    }
+    m_reader.align(4);
   }
   return modules;
 }
 
-// `reader` stands behind the module list. The size of the debug header that `header` gives is not
-// looked at, and mfcIndex is no size.
-DataPtr<DBIDebugHeader> PDBParser::readDebugHeader(StreamReader& reader,
-                                                   const DBIHeader& header) const {
-  reader.seek(reader.getOffset() + header.secConSize + header.secMapSize + header.fileInfoSize +
-              header.srcModuleSize + header.ecInfoSize);
-  return reader.read<DBIDebugHeader>();
+// The size of the debug header in the DBI header is not used, and mfcIndex is no size.
+DataPtr<DBIDebugHeader> DbiStream::readDebugHeader() {
+  const DBIHeader& header = *m_header;
+  m_reader.seek(m_reader.getOffset() + header.secConSize + header.secMapSize + header.fileInfoSize +
+                header.srcModuleSize + header.ecInfoSize);
+  return m_reader.read<DBIDebugHeader>();
+}
+
+// The number has no other use here. Both 0 and "no such stream" pass.
+void refuseTokenMap(const DBIDebugHeader& debugHeader) {
+  const uint16_t map = debugHeader.tokenRidMap;
+  if (map != 0 && map != kNoStream) throw pdb_exception("Implement me...");
 }
 
 }  // namespace symforge_internal

@@ -1,21 +1,9 @@
-// What names a PDB and its parts: the stream directory, the debug identifier, the table of named
-// streams.
+#include "symforge/src/pdb/info_stream.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cassert>
-#include <cerrno>
-#include <csignal>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <string>
-#include <string_view>
 #include <utility>
 
-#include "symforge/src/PDBParser.h"
-#include "symforge/src/msf/stream_directory.h"
+#include "symforge/src/PDBHeaders.h"
 #include "symforge/src/pdb/debug_id.h"
 #include "symforge/src/utils.h"
 
@@ -23,52 +11,15 @@ namespace symforge_internal {
 
 namespace {
 
-constexpr mode_t kFolderMode = 0777;
-
-bool hasValidSignature(const MMapWrapper& mapping) {
-  static_assert(MMapWrapper::kGuardBytes >= sizeof(PDBHeader));
-  if (std::memcmp(mapping.base(), validSignature, sizeof(PDBHeader::signature)) == 0) return true;
-  std::fputs("Input file has an invalid signature\n", stderr);
-  return false;
-}
-
-// A page size of 0 ends the process like the division that it leads to.
-void refuseNoPageSize(uint32_t pageSize) {
-  if (pageSize != 0) return;
-  std::raise(SIGFPE);
-  std::abort();
-}
-
-// Makes a folder unless something of that name is there. Several processes may fill one tree, so
-// one that another process makes in between is as good; a link that leads nowhere is not.
-void makeFolder(const std::string& path, const char* step) {
-  const auto exists = [&path] { return access(path.c_str(), F_OK) == 0; };
-  if (exists() || mkdir(path.c_str(), kFolderMode) == 0) return;
-  const int error = errno;
-  if (error == EEXIST && exists()) return;
-  std::fprintf(stderr, "%s %s: %s\n", step, path.c_str(), std::strerror(error));
-  std::exit(-1);
-}
-
-// The folders of a PDB in a symbol tree: ROOT/NAME/IDENTIFIER.
-void makeTreeFolders(const char* root, std::string_view name, const std::string& id) {
-  if (access(root, F_OK) != 0) mkdir(root, kFolderMode);
-  const std::string folder = std::string(root).append("/").append(name);
-  makeFolder(folder, "mkdir1");
-  makeFolder(folder + "/" + id, "mkdir2");
-  // The name of the symbol file is made by exchanging an extension: there must be one.
-  assert(name.find('.') != std::string::npos);
-}
-
 // The sets in the table of named streams: a word count, and that many words of bits.
 constexpr uint32_t kWordBytes = sizeof(le_uint32);
 constexpr uint32_t kWordBits = 32;
 
-// The stream offset behind the set that begins at `set`. It wraps.
-uint32_t behindSet(uint32_t set, uint32_t words) { return set + kWordBytes + words * kWordBytes; }
+// The stream offset after the set that begins at `set`. It wraps.
+uint32_t endOfSet(uint32_t set, uint32_t words) { return set + kWordBytes + words * kWordBytes; }
 
-// The bits that tell which slots of the table of named streams hold an entry. The words that count
-// are those that `slots` fills whole, but at least one; the slots behind them are tested on what
+// The bits that say which slots of the table of named streams hold an entry. The words that count
+// are those that `slots` fills whole, but at least one; the slots after them are tested on what
 // follows in the stream.
 class PresentBits {
  public:
@@ -92,32 +43,22 @@ class PresentBits {
 
 }  // namespace
 
-void PDBParser::readRootStream(const char* sympath, bool* res) {
-  *res = hasValidSignature(m_mapping);
-  if (!*res) return;
+InfoStream::InfoStream(const StreamPair& stream, const MsfPages& pages)
+    : m_stream(stream), m_pages(pages), m_reader(stream, pages) {}
 
-  const PDBHeader* header = reinterpret_cast<const PDBHeader*>(m_mapping.base());
-  m_file = {m_mapping.base(), m_mapping.length(), header->pageSize};
-  refuseNoPageSize(m_file.pageSize);
-  *res = readStreamDirectory(m_file, header->directorySize, m_streams);
-  if (!*res) return;
-
-  StreamReader info(m_streams[Streams], m_file);
-  StreamReader debugInfo(debugInfoStream(), m_file);
-  const DataPtr<DBIHeader> dbi = debugInfo.read<DBIHeader>();
-  const DataPtr<NameIndexHeader> names = info.read<NameIndexHeader>();
-  m_debug_id = formatDebugId(names->guid, dbi->age);
-  if (sympath != nullptr) makeTreeFolders(sympath, lastComponent(m_pdb_file), m_debug_id);
-  *res = readNamedStreams(info, names->names);
+std::string InfoStream::readDebugId(uint32_t age) {
+  const DataPtr<NameIndexHeader> header = m_reader.read<NameIndexHeader>();
+  m_nameBytes = header->names;
+  return formatDebugId(header->guid, age);
 }
 
-// `names` stands on the name buffer, which has `size` bytes; the table lies behind it: its size,
-// the number of slots, the set of present slots, the set of deleted slots, and for each present
-// slot an entry.
-bool PDBParser::readNamedStreams(StreamReader& names, uint32_t size) {
-  const uint32_t nameStart = names.getOffset();
-  StreamReader table(m_streams[Streams], m_file);
-  table.seek(nameStart + size);
+// The table follows the name buffer: its size, the number of slots, the set of present slots, the
+// set of deleted slots, and for each present slot an entry. Of entries of one name the first
+// counts.
+bool InfoStream::readNamedStreams() {
+  const uint32_t nameStart = m_reader.getOffset();
+  StreamReader table(m_stream, m_pages);
+  table.seek(nameStart + m_nameBytes);
   table.read<le_uint32>();
   const uint32_t slots = *table.read<le_uint32>();
   const uint32_t presentSet = table.getOffset();
@@ -127,34 +68,28 @@ bool PDBParser::readNamedStreams(StreamReader& names, uint32_t size) {
     return false;
   }
   const PresentBits present(table, slots);
-  table.seek(behindSet(presentSet, presentWords));
+  table.seek(endOfSet(presentSet, presentWords));
   const uint32_t deletedSet = table.getOffset();
   const uint32_t deletedWords = *table.read<le_uint32>();
   if (deletedWords != 0)
     std::fputs("Warning: deleted names bitset is not empty, unsupported\n", stderr);
-  table.seek(behindSet(deletedSet, deletedWords));
+  table.seek(endOfSet(deletedSet, deletedWords));
 
   for (uint32_t slot = 0; slot < slots; ++slot) {
     if (!present[slot]) continue;
     const DataPtr<StringVal> entry = table.read<StringVal>();
-    names.seek(nameStart + entry->id);
-    std::string name = names.readString().data;  // a copy: the mapping is not to be written to
+    m_reader.seek(nameStart + entry->id);
+    std::string name = m_reader.readString().data;  // a copy: the mapping is not to be written to
     strupper(name.data());
     m_nameIndices.emplace(std::move(name), static_cast<int>(uint32_t{entry->stream}));
   }
   return true;
 }
 
-bool pdb_debug_id(const char* file, std::string& id) {
-  PDBParser parser(/*with_inlines=*/false);
-  TextBuffer unused;
-  try {
-    parser.load(file, nullptr, nullptr, unused);
-  } catch (...) {
-    return false;
-  }
-  if (parser.debug_id().empty()) return false;
-  id = parser.debug_id();
+bool InfoStream::findStream(const std::string& name, size_t& number) const {
+  const auto found = m_nameIndices.find(name);
+  if (found == m_nameIndices.end()) return false;
+  number = static_cast<size_t>(found->second);
   return true;
 }
 

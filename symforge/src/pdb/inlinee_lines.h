@@ -1,41 +1,34 @@
-// Where inlined functions are defined: source file and line by item identifier, for all modules of
-// a PDB.
+// InlineeLines: where inlined functions are defined, by item identifier (inlinee), for all modules
+// of a PDB.
 
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
-#include <vector>
 
-#include "base/open_addressing_index.h"
+#include "base/first_wins_map.h"
+#include "symforge/src/pdb/module_stream.h"
+#include "symforge/src/pdb/source_files.h"
 
 namespace symforge_internal {
 
-struct InlineeLine {
-  uint32_t file_id = 0;  // number of FILE lines
-  uint32_t offset = 0;   // source line
-};
-
-class InlineeLineMap {
+class InlineeLines {
  public:
-  bool contains(uint32_t inlinee) const { return m_index.find(inlinee) != 0; }
+  // Adds the inlinee lines of a module, which is at position `index` of the list that `sources` was
+  // gathered from. An existing entry is kept. Throws pdb_exception for a table of an unknown kind
+  // and what ModuleStream::readModule() throws; the entries up to there stay.
+  void resolveInlineFunctions(const ModuleStream& module, size_t index, const SourceFiles& sources);
 
-  // The first entry of an inlinee stays.
-  void insert(uint32_t inlinee, const InlineeLine& line) {
-    uint32_t& place = m_index[inlinee];
-    if (place != 0) return;
-    m_lines.push_back(line);
-    place = static_cast<uint32_t>(m_lines.size());
-  }
-
-  // Null for an inlinee without an entry. Valid until the next insert.
-  const InlineeLine* find(uint32_t inlinee) const {
-    const uint32_t place = m_index.find(inlinee);
-    return place == 0 ? nullptr : &m_lines[place - 1];
-  }
+  // Number of the file and source line of an inlinee; zeros when no table has it.
+  void locateType(uint32_t inlinee, uint32_t& file_id, uint32_t& line) const;
 
  private:
-  OpenAddressingIndex m_index;
-  std::vector<InlineeLine> m_lines;
+  struct Line {
+    uint32_t file_id = 0;  // number of FILE lines
+    uint32_t line = 0;
+  };
+
+  FirstWinsMap<Line> m_lines;
 };
 
 }  // namespace symforge_internal

@@ -1,8 +1,6 @@
-// The stream of one module: a signature, CodeView symbols, old line data that nobody reads, and the
-// C13 subsections.
+#include "symforge/src/pdb/module_stream.h"
 
 #include "base/cycle_detector.h"
-#include "symforge/src/PDBParser.h"
 
 namespace symforge_internal {
 
@@ -10,34 +8,69 @@ namespace {
 
 constexpr uint32_t kModuleSignature = 4;
 
-[[noreturn]] void refuseSubsection() { throw pdb_exception("Invalid subsection header detected"); }
+[[noreturn]] void throwInvalidSubsection() {
+  throw pdb_exception("Invalid subsection header detected");
+}
 
 }  // namespace
 
-// A negative stream number becomes a huge index.
-StreamReader PDBParser::openModule(const DBIModuleInfo* module) const {
-  StreamReader reader(getStream(static_cast<size_t>(int64_t{module->stream})), m_file);
-  if (*reader.read<le_uint32>() != kModuleSignature)
+// A reader after the signature. A negative stream number becomes a huge index.
+StreamReader ModuleStream::openModule() const {
+  const auto number = static_cast<size_t>(int64_t{m_info->stream});
+  StreamReader reader(m_file->getStream(number), m_file->pages());
+  if (*reader.read<le_uint32>() != kModuleSignature) {
     throw pdb_exception("Invalid module stream signature");
+  }
   return reader;
 }
 
-void PDBParser::readModule(const DBIModuleInfo* module, int32_t sig, const ModuleReadCB& cb) {
-  StreamReader reader = openModule(module);
-  reader.seek(module->cbSyms + module->cbOldLines);
-  const uint32_t endOffset = reader.getOffset() + module->cbLines;
+// Calls visit(reader, kind, end) for each subsection, with the reader at the payload.
+template <typename Visitor>
+void ModuleStream::walk(Visitor&& visit) const {
+  StreamReader reader = openModule();
+  reader.seek(m_info->cbSyms + m_info->cbOldLines);
+  const uint32_t endOffset = reader.getOffset() + m_info->cbLines;
   CycleDetector<uint32_t> jumps;  // backwards, by sizes that wrap
   while (reader.getOffset() < endOffset) {
     const DataPtr<SubsectionHeader> header = reader.read<SubsectionHeader>();
     if (header->sig <= 0) continue;  // its payload is read as further headers
     const uint32_t payload = reader.getOffset();
     const uint32_t end = payload + header->size;
-    if (!reader.isValidOffset(end)) refuseSubsection();
-    if (end < payload && jumps.again(end)) refuseSubsection();
-    if (header->sig == sig) cb(reader, sig, end);
+    if (!reader.isValidOffset(end)) throwInvalidSubsection();
+    if (end < payload && jumps.again(end)) throwInvalidSubsection();
+    visit(reader, header->sig, end);
     reader.seek(end);
     reader.align(4);
   }
+}
+
+void ModuleStream::readModule(int32_t kind, const ModuleReadCB& visit) const {
+  if (m_subsections.empty()) {
+    walk([&](StreamReader& reader, int32_t found, uint32_t end) {
+      if (found == kind) visit(reader, end);
+    });
+    return;
+  }
+  StreamReader reader = openModule();
+  for (const Subsection& subsection : m_subsections) {
+    if (subsection.kind != kind) continue;
+    // The header is read again: reading across a page seam depends on where a read begins.
+    reader.seek(subsection.header);
+    reader.read<SubsectionHeader>();
+    visit(reader, subsection.end);
+  }
+}
+
+void ModuleStream::noteSubsections() {
+  forgetSubsections();
+  std::vector<Subsection> found;
+  bool tooMany = false;
+  walk([&](StreamReader& reader, int32_t kind, uint32_t end) {
+    tooMany = tooMany || found.size() == kMaxNoted;
+    const auto header = static_cast<uint32_t>(reader.getOffset() - sizeof(SubsectionHeader));
+    if (!tooMany) found.push_back({kind, header, end});
+  });
+  if (!tooMany) m_subsections = std::move(found);
 }
 
 }  // namespace symforge_internal

@@ -1,12 +1,11 @@
-// The global string table: one piece of memory, and a bit for each offset that a bucket names.
+#include "symforge/src/pdb/name_stream.h"
 
 #include <algorithm>
 #include <cstddef>
-#include <cstdio>
 #include <cstring>
 
-#include "symforge/src/PDBParser.h"
-#include "symforge/src/pdb/name_stream.h"
+#include "base/mapped_file.h"
+#include "symforge/src/PDBHeaders.h"
 
 namespace symforge_internal {
 
@@ -17,10 +16,10 @@ constexpr uint32_t kNamesVersion = 1;
 constexpr uint32_t kStringArea = sizeof(NameStreamHeader);
 constexpr int64_t kWord = sizeof(le_uint32);
 
-[[noreturn]] void refuse() { throw pdb_exception("Invalid name stream"); }
+[[noreturn]] void throwInvalid() { throw pdb_exception("Invalid name stream"); }
 
 // The page begins in the file and ends in what may be read behind it.
-bool isReadable(uint64_t page, const MsfFile& file) {
+bool isReadable(uint64_t page, const MsfPages& file) {
   const uint64_t start = page * file.pageSize;
   return start < file.length && start + file.pageSize <= file.length + MMapWrapper::kGuardBytes;
 }
@@ -33,25 +32,25 @@ bool isContiguous(const std::vector<uint32_t>& pages) {
 
 }  // namespace
 
-void NameStream::load(const StreamPair& stream, const MsfFile& file) {
+void NameStream::load(const StreamPair& stream, const MsfPages& file) {
   gather(stream, file);
   if (wordAt(offsetof(NameStreamHeader, sig)) != kNamesSignature ||
       wordAt(offsetof(NameStreamHeader, version)) != kNamesVersion)
-    refuse();
+    throwInvalid();
   const int32_t area = static_cast<int32_t>(wordAt(offsetof(NameStreamHeader, offset)));
   index(int64_t{kStringArea} + area);
 }
 
 // Makes the stream one piece of memory: its place in the mapping when its pages follow each other
 // there, else a copy. A stream without pages fails the range check.
-void NameStream::gather(const StreamPair& stream, const MsfFile& file) {
+void NameStream::gather(const StreamPair& stream, const MsfPages& file) {
   const std::vector<uint32_t>& pages = stream.pageIndices;
   const uint64_t pageSize = file.pageSize;
   const size_t last = pages.size() - 1;
   const uint64_t lastPage = pages[last];
   const uint64_t lastBytes = std::min(stream.size - last * pageSize, pageSize);
   for (const uint32_t page : pages)
-    if (!isReadable(page, file)) refuse();
+    if (!isReadable(page, file)) throwInvalid();
   m_size = stream.size;
   if (isContiguous(pages)) {
     m_bytes = reinterpret_cast<const char*>(file.base + pages[0] * pageSize);
@@ -65,7 +64,7 @@ void NameStream::gather(const StreamPair& stream, const MsfFile& file) {
 }
 
 uint32_t NameStream::wordAt(int64_t offset) const {
-  if (offset < 0 || offset + kWord > int64_t{m_size}) refuse();
+  if (offset < 0 || offset + kWord > int64_t{m_size}) throwInvalid();
   le_uint32 word;
   std::memcpy(&word, m_bytes + offset, sizeof(word));
   return word;
@@ -89,26 +88,17 @@ void NameStream::index(int64_t buckets) {
 
 bool NameStream::find(uint32_t offset, std::string_view& name) const {
   if (offset >= m_named.size()) {
-    if (m_namedBeyond.count(offset) != 0) refuse();
+    if (m_namedBeyond.count(offset) != 0) throwInvalid();
     return false;
   }
   if (!m_named[offset]) return false;
   const uint64_t start = uint64_t{kStringArea} + offset;
-  if (start >= m_size) refuse();
+  if (start >= m_size) throwInvalid();
   const char* text = m_bytes + start;
   const void* nul = std::memchr(text, '\0', m_size - start);
-  if (nul == nullptr) refuse();
+  if (nul == nullptr) throwInvalid();
   name = std::string_view(text, static_cast<size_t>(static_cast<const char*>(nul) - text));
   return true;
-}
-
-void PDBParser::loadNameStream(NameStream& names) {
-  const auto stream = m_nameIndices.find("/NAMES");
-  if (stream == m_nameIndices.end()) {
-    std::fprintf(stderr, "Warning: Could not find /NAMES stream: %s\n", m_pdb_file.c_str());
-    return;
-  }
-  names.load(getStream(static_cast<size_t>(stream->second)), m_file);
 }
 
 }  // namespace symforge_internal

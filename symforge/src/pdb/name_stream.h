@@ -23,14 +23,14 @@ class NameStream {
  public:
   // Reads the whole stream. Throws pdb_exception for a bad header and for buckets or pages that lie
   // outside of the stream or the file. To be called once.
-  void load(const StreamPair& stream, const MsfFile& file);
+  void load(const StreamPair& stream, const MsfPages& file);
 
   // The name at `offset`. False when there is none. Throws pdb_exception when a bucket names the
   // offset but the bytes there are not a string of the stream.
   bool find(uint32_t offset, std::string_view& name) const;
 
  private:
-  void gather(const StreamPair& stream, const MsfFile& file);
+  void gather(const StreamPair& stream, const MsfPages& file);
   uint32_t wordAt(int64_t offset) const;
   void index(int64_t buckets);
 

@@ -6,41 +6,41 @@
 #include <utility>
 #include <vector>
 
-#include "base/open_addressing_index.h"
-#include "symforge/src/StreamReader.h"
+#include "base/first_wins_map.h"
+#include "symforge/src/pdb/section_map.h"
 
 namespace symforge_internal {
 
 struct PublicFunction {
   DataPtr<char> name;      // up to its first NUL; demangled when a demangler was there
-  uint32_t offset = 0;     // RVA; the raw offset where segment is 0
+  uint32_t rva = 0;        // the raw offset where segment is 0
   uint16_t segment = 0;    // section number from 1; 0: none
-  bool decorated = false;  // the name begins like one that tells the size of the parameters
-  bool covered = false;    // a function of some module stands for it
+  bool decorated = false;  // the name begins like one that carries the size of the parameters
+  bool covered = false;    // a function of some module has this address
 };
 
 class PublicFunctions {
  public:
-  // The first symbol of an offset stays.
+  // Adds the public functions of the symbol record stream, with RVAs from `sections`; those in a
+  // section that the image does not have are dropped. Names may refer to the mapping. Throws
+  // std::out_of_range for a stream that does not exist, pdb_recoverable_exception for one that ends
+  // too early.
+  void getGlobalFunctions(const MsfFile& file, uint16_t symRecStream, const SectionMap& sections);
+
+  // An existing symbol at the RVA is kept.
   void insert(PublicFunction&& symbol) {
-    uint32_t& place = m_index[symbol.offset];
-    if (place != 0) return;
-    m_symbols.push_back(std::move(symbol));
-    place = static_cast<uint32_t>(m_symbols.size());
+    const uint32_t rva = symbol.rva;
+    m_symbols.insert(rva, std::move(symbol));
   }
 
-  // Null when no public function has that offset. Valid until the next insert.
-  PublicFunction* find(uint32_t offset) {
-    const uint32_t place = m_index.find(offset);
-    return place == 0 ? nullptr : &m_symbols[place - 1];
-  }
+  // Null when no public function has that RVA. Valid until the next insert.
+  PublicFunction* find(uint32_t rva) { return m_symbols.find(rva); }
 
   // All of them, in the order in which they came.
-  std::vector<PublicFunction>& symbols() { return m_symbols; }
+  std::vector<PublicFunction>& symbols() { return m_symbols.values(); }
 
  private:
-  std::vector<PublicFunction> m_symbols;
-  OpenAddressingIndex m_index;  // by offset
+  FirstWinsMap<PublicFunction> m_symbols;  // by RVA
 };
 
 }  // namespace symforge_internal

@@ -1,57 +1,57 @@
-// The numbers of source files. Modules name a file by the offset of its entry in their own file
-// checksums; the symbol file names it by a number that is good for the whole PDB.
+// SourceFiles: the numbers of source files. A module names a file by the offset of its entry in the
+// module's file checksums; the symbol file names it by a number that is valid for the whole PDB.
 
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
-#include "base/open_addressing_index.h"
+#include "base/first_wins_map.h"
+#include "base/sealed_map.h"
+#include "base/text_buffer.h"
+#include "symforge/src/pdb/file_mod.h"
+#include "symforge/src/pdb/module_stream.h"
+#include "symforge/src/pdb/name_stream.h"
 
 namespace symforge_internal {
 
-// A source file of the whole PDB.
-struct UniqueSrc {
-  uint32_t id = 0;       // its number in FILE lines, from 1
-  uint32_t name = 0;     // offset of its path in the /NAMES string area
-  bool visited = false;  // the FILE lines have dealt with it
-};
-
-// All source files, one for each distinct name, in the order of their first appearance.
-class UniqueSrcFiles {
+class SourceFiles {
  public:
-  // Position of the file named `name`, which gets the number `id` if it is new.
-  uint32_t add(uint32_t name, uint32_t id);
+  // Reads the file checksums of all modules. A module with a negative stream number is reported to
+  // standard error and has no files. Throws what ModuleStream::readModule() throws. To be called
+  // once.
+  void gatherFiles(const ModuleStreams& modules);
 
-  UniqueSrc& operator[](uint32_t position) { return m_files[position]; }
-  const UniqueSrc& operator[](uint32_t position) const { return m_files[position]; }
+  // The number of the file whose entry is at `offset` in the checksums of the module at position
+  // `module` of the list. False when there is no entry.
+  bool find(size_t module, uint32_t offset, uint32_t& number) const;
+
+  // Appends a FILE line for each file that has a name. `fileMod` may be null. Throws what
+  // NameStream::find() throws. To be called once.
+  void printFiles(const NameStream& names, FileMod* fileMod, TextBuffer& out);
 
  private:
-  std::vector<UniqueSrc> m_files;
-  OpenAddressingIndex m_index;  // by name
-};
-
-// The files of one module by the offset of their entry in its file checksums; the first entry of an
-// offset stays. Filled first, then sealed, then read.
-class SrcFileIndex {
- public:
+  // A source file of the whole PDB.
+  struct UniqueSrc {
+    uint32_t id = 0;       // its number in FILE lines, from 1
+    uint32_t name = 0;     // offset of its path in the /NAMES string area
+    bool visited = false;  // the FILE lines have dealt with it
+  };
   struct Entry {
     uint32_t offset = 0;
-    uint32_t file = 0;  // position in UniqueSrcFiles
+    uint32_t file = 0;  // position in m_unique
   };
+  struct OffsetOf {
+    uint32_t operator()(const Entry& entry) const { return entry.offset; }
+  };
+  using SrcFileIndex = SealedMap<Entry, OffsetOf>;
 
-  void add(uint32_t offset, uint32_t file) { m_entries.push_back({offset, file}); }
-  // Brings the entries into the order of their offsets and drops repeated ones.
-  void seal();
+  void getModuleFiles(const ModuleStream& module, SrcFileIndex& fileIndices);
 
-  // The file's position in UniqueSrcFiles. False when the module has no file at that offset.
-  bool find(uint32_t offset, uint32_t& file) const;
-
-  std::vector<Entry>::const_iterator begin() const { return m_entries.begin(); }
-  std::vector<Entry>::const_iterator end() const { return m_entries.end(); }
-
- private:
-  std::vector<Entry> m_entries;
+  FirstWinsMap<UniqueSrc> m_unique;     // by name
+  std::vector<SrcFileIndex> m_modules;  // by position in the list of modules
+  uint32_t m_nextId = 1;
 };
 
 }  // namespace symforge_internal

@@ -176,7 +176,7 @@ Number numberOf(const TypeInfo& info) {
 
 }  // namespace
 
-bool TypeNames::append(uint32_t type, std::string& output, uint32_t flags, bool info) {
+bool TypeNames::stringizeType(uint32_t type, std::string& output, uint32_t flags, bool info) {
   m_output = &output;
   m_textStart = output.size();
   m_depth = 0;
@@ -341,9 +341,8 @@ void TypeNames::renderArray(const TypeInfo& info, const TypeTable& table) {
 }
 
 void TypeNames::renderArgumentList(uint32_t type) {
-  const uint32_t place = m_rememberedIndex.find(type);
-  if (place != 0) {
-    *m_output += m_remembered[place - 1];
+  if (const std::string_view* text = m_remembered.find(type)) {
+    *m_output += *text;
     return;
   }
   const size_t start = m_output->size();
@@ -353,7 +352,7 @@ void TypeNames::renderArgumentList(uint32_t type) {
 }
 
 void TypeNames::remember(uint32_t type, std::string_view text) {
-  if (text.size() > kLongestRemembered || m_remembered.size() == kMostRemembered) return;
+  if (text.size() > kLongestRemembered || m_remembered.values().size() == kMostRemembered) return;
   if (m_blocks.empty() || kBlockBytes - m_blockUsed < text.size()) {
     if (m_blocks.size() == kBlocks) return;
     m_blocks.push_back(std::make_unique_for_overwrite<char[]>(kBlockBytes));
@@ -362,8 +361,7 @@ void TypeNames::remember(uint32_t type, std::string_view text) {
   char* copy = m_blocks.back().get() + m_blockUsed;
   std::memcpy(copy, text.data(), text.size());
   m_blockUsed += text.size();
-  m_remembered.emplace_back(copy, text.size());
-  m_rememberedIndex[type] = static_cast<uint32_t>(m_remembered.size());
+  m_remembered.insert(type, {copy, text.size()});
 }
 
 }  // namespace symforge_internal

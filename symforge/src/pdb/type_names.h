@@ -12,7 +12,7 @@
 #include <string_view>
 #include <vector>
 
-#include "base/open_addressing_index.h"
+#include "base/first_wins_map.h"
 #include "symforge/src/pdb/type_table.h"
 
 namespace symforge_internal {
@@ -42,7 +42,16 @@ class TypeNames {
   //
   // Throws pdb_exception for types that contain themselves, for more than kMaxDepth nested records,
   // and for a text out of all proportion.
-  bool append(uint32_t type, std::string& output, uint32_t flags, bool info);
+  bool stringizeType(uint32_t type, std::string& output, uint32_t flags, bool info);
+
+  // Whether some text of these records would be reported to standard error. While it is false,
+  // isFunctionId() gives the result of stringizeType() for an id without rendering it.
+  bool mayWarn() const { return m_types.hasUnknownPointers() || m_ids.hasUnknownPointers(); }
+  bool isFunctionId(uint32_t id) const { return m_ids.isFunction(id); }
+
+  // See TypeTable: prefetch what the text of a type record needs.
+  void prefetchIndex(uint32_t type) const { m_types.prefetchIndex(type); }
+  void prefetchRecord(uint32_t type) const { m_types.prefetchRecord(type); }
 
   // Far beyond what compilers write, and within the stack also where sanitizers widen every frame.
   static constexpr uint32_t kMaxDepth = 2048;
@@ -74,10 +83,9 @@ class TypeNames {
   uint32_t m_visits = 0;
   uint64_t m_warnings = 0;  // of all texts so far
 
-  // Argument lists that were rendered without a warning: functions share them.
-  OpenAddressingIndex m_rememberedIndex;
-  std::vector<std::string_view> m_remembered;
-  std::vector<std::unique_ptr<char[]>> m_blocks;  // what m_remembered looks at
+  // Argument lists that were rendered without a warning, by type: functions share them.
+  FirstWinsMap<std::string_view> m_remembered;
+  std::vector<std::unique_ptr<char[]>> m_blocks;  // what m_remembered refers to
   size_t m_blockUsed = 0;                         // bytes of the last of them
 };
 

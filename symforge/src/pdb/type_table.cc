@@ -113,7 +113,7 @@ bool isFill(const uint8_t* bytes, uint32_t count) {
 
 }  // namespace
 
-void TypeTable::load(const StreamPair& stream, const MsfFile& file) {
+void TypeTable::load(const StreamPair& stream, const MsfPages& file) {
   m_stream = &stream;
   m_file = &file;
   StreamReader reader(stream, file);
@@ -283,6 +283,15 @@ uint16_t TypeTable::wordAt(uint32_t offset) const {
   if (run.bytesAt(offset) >= sizeof(le_uint16))
     return *reinterpret_cast<const le_uint16*>(run.at(offset));
   return *StreamReader(*m_stream, *m_file, offset).read<le_uint16>();
+}
+
+void loadTypeStream(const MsfFile& file, uint32_t stream, TypeTable& table, bool required) {
+  const StreamPair& pair = file.getStream(stream);
+  if (pair.size == 0) {
+    if (required) throw pdb_exception("Invalid type info stream");
+    return;
+  }
+  table.load(pair, file.pages());
 }
 
 }  // namespace symforge_internal

@@ -18,7 +18,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "symforge/src/StreamReader.h"
+#include "symforge/src/msf/msf_file.h"
 #include "symforge/src/pdb/codeview.h"
 
 namespace symforge_internal {
@@ -46,7 +46,7 @@ class TypeTable {
   // Indexes a stream that has bytes. `stream` and `file` must outlive the table. Throws
   // pdb_recoverable_exception when the records, or what is kept of them, run off the stream's
   // pages. To be called once.
-  void load(const StreamPair& stream, const MsfFile& file);
+  void load(const StreamPair& stream, const MsfPages& file);
 
   // Decodes the record of an index. False when there is none, or none of a kind that has a text.
   bool find(uint32_t type, TypeInfo& info) const;
@@ -114,7 +114,7 @@ class TypeTable {
 
   TypeDialect m_dialect;
   const StreamPair* m_stream = nullptr;
-  const MsfFile* m_file = nullptr;
+  const MsfPages* m_file = nullptr;
   uint32_t m_min = 0;
   bool m_hasUnknownPointers = false;
   std::vector<uint32_t> m_offsets;  // of each record in the stream; 0: no text
@@ -122,5 +122,9 @@ class TypeTable {
   std::vector<Run> m_runs;  // in the order of the stream
   mutable size_t m_lastRun = 0;
 };
+
+// Loads a type stream of a PDB into `table`. A stream without bytes leaves it empty; when it is
+// `required` that throws pdb_exception. Throws std::out_of_range for a stream that does not exist.
+void loadTypeStream(const MsfFile& file, uint32_t stream, TypeTable& table, bool required);
 
 }  // namespace symforge_internal

@@ -1,44 +1,40 @@
-// The two ways in which a PE takes part in a conversion: its identity for INFO CODE_ID, and,
-// without a PDB, the symbol file in the tree that its debug record leads to.
+#include "symforge/src/pe/code_file.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdio>
-#include <memory>
-#include <string>
 #include <string_view>
 
 #include "base/file_io.h"
-#include "common/symb_text.h"
-#include "symforge/src/PDBParser.h"
+#include "base/path_names.h"
+#include "symforge/src/pdb_exception.h"
 #include "symforge/src/pe/pe_image.h"
-#include "symforge/src/utils.h"
+#include "symforge/src/pe/unwind_cfi.h"
 
 namespace symforge_internal {
 
 namespace {
 
-constexpr std::string_view kCodeId = "INFO CODE_ID";
+constexpr size_t kExtensionLength = 3;
 
-// Reads one record at the file's position. False when the file ends before it does.
-template <typename Record>
-bool readRecord(std::FILE* file, Record& record) {
-  return std::fread(&record, sizeof(record), 1, file) == 1;
+void replaceExtension(std::string& path, const char* extension) {
+  path.erase(path.size() - kExtensionLength);
+  path += extension;
 }
 
-[[noreturn]] void refuseClr() { throw pdb_exception(kClrNotSupported); }
+[[noreturn]] void throwClr() { throw pdb_exception(kClrNotSupported); }
 
 // Bytes of the image in memory.
 uint32_t imageSize(const IMAGE_NT_HEADERS64& headers) {
   switch (headers.OptionalHeader.Magic) {
     case IMAGE_NT_OPTIONAL_HDR64_MAGIC:
-      if (isClrAssembly(headers)) refuseClr();
+      if (isClrAssembly(headers)) throwClr();
       return headers.OptionalHeader.SizeOfImage;
     case IMAGE_NT_OPTIONAL_HDR32_MAGIC: {
       const auto& header32 = reinterpret_cast<const IMAGE_NT_HEADERS32&>(headers).OptionalHeader;
       const auto& clr = header32.DataDirectory[IMAGE_DIRECTORY_ENTRY_COM_DESCRIPTOR];
-      if (clr.VirtualAddress != 0) refuseClr();
+      if (clr.VirtualAddress != 0) throwClr();
       return header32.SizeOfImage;
     }
     default:
@@ -46,83 +42,44 @@ uint32_t imageSize(const IMAGE_NT_HEADERS64& headers) {
   }
 }
 
-// Keeps what stands behind the last separator, of either kind.
-void keepLastComponent(std::string& path) {
-  path.erase(0, path.rfind('/') + 1);
-  path.erase(0, path.rfind('\\') + 1);
-}
-
-bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
-
-[[noreturn]] void refuseSecondPe() { throw pdb_exception("exe/dll already exists"); }
-
-TextBuffer readWhole(const std::string& path, const char* failure) {
-  TextBuffer content;
-  const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  // What is read in part would be written back in part, over the whole file.
-  if (!file.is_open() || !read_file(file.get(), content)) throw pdb_exception(failure);
-  return content;
-}
-
-void copyText(const std::string& path, TextBuffer& out) {
-  const TextBuffer text = readWhole(path, "failed to open sym file");
-  const std::string_view rest = text.view();
-  const bool named =
-      rest.starts_with(kCodeId) || rest.find("\nINFO CODE_ID") != std::string_view::npos;
-  if (named) refuseSecondPe();
-  out.append(rest);
-  if (!rest.empty() && rest.back() != '\n') out.append("\n");
-}
-
-void copySymb(const std::string& path, TextBuffer& out) {
-  TextBuffer image = readWhole(path, "failed to open binary sym file");
-  if (!symb_read(image.data(), image.size(), out))
-    throw pdb_exception("failed to parse binary sym file");
-  if (out.view().find(kCodeId) != std::string_view::npos) refuseSecondPe();
-}
-
 }  // namespace
 
-// A file that cannot be opened is no error: the symbol file then lacks what the PE would give.
-void PDBParser::readPeHeaders(const char* filename) {
-  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(filename, "rb"),
-                                                             std::fclose);
-  if (file == nullptr) return;
-  m_code_file = filename;
-  IMAGE_DOS_HEADER dos;
-  if (!readRecord(file.get(), dos)) throw pdb_exception("Error reading PE header");
-  if (dos.e_magic != IMAGE_DOS_SIGNATURE) throw pdb_exception("Invalid PE header detected");
-  // A 32-bit image has smaller headers, but as many bytes have to be there.
-  IMAGE_NT_HEADERS64 headers;
-  std::fseek(file.get(), uint32_t{dos.e_lfanew}, SEEK_SET);
-  if (!readRecord(file.get(), headers)) throw pdb_exception("Error reading PE NT header");
-  m_PETimeStamp = headers.FileHeader.TimeDateStamp;
-  m_PESize = imageSize(headers);
-  m_foundPE = true;
+std::string siblingPePath(const char* pdb) {
+  std::string path = pdb;
+  replaceExtension(path, "exe");
+  if (access(path.c_str(), F_OK) != 0) replaceExtension(path, "dll");
+  return path;
 }
 
-void PDBParser::findSymbolFileOfPe(const char* exe, const char* sympath, TextBuffer& out) {
-  std::string debug_id;
-  std::string debug_file;
-  if (exe == nullptr || !pe64_debug_id(exe, debug_id, debug_file))
-    throw pdb_exception("Not a valid 64bit PE");
-  if (debug_file.empty() || debug_id.empty())
-    throw pdb_exception("PE with empty debug file name or id");
-  keepLastComponent(debug_file);
+void CodeFile::readPeHeaders(const char* path) {
+  const FileDescriptor file(open(path, O_RDONLY | O_CLOEXEC));
+  if (!file.is_open()) return;
+  m_path = path;
+  if (!m_mapping.Map(file.get()) || m_mapping.length() < sizeof(IMAGE_DOS_HEADER)) {
+    throw pdb_exception("Error reading PE header");
+  }
+  const PeImage image(m_mapping);
+  if (!image.hasDosSignature()) throw pdb_exception("Invalid PE header detected");
+  // A 32-bit image has smaller headers, but as many bytes have to be there.
+  if (image.ntHeaders() == nullptr) throw pdb_exception("Error reading PE NT header");
+  m_timeStamp = image.ntHeaders()->FileHeader.TimeDateStamp;
+  m_imageSize = imageSize(*image.ntHeaders());
+  m_found = true;
+}
 
-  std::string path;
-  const auto inTree = [&](bool binary) {
-    return sympath != nullptr &&
-           synthesize_sym_path(sympath, debug_file.c_str(), debug_id.c_str(), binary,
-                               /*create=*/false, path) &&
-           exists(path);
-  };
-  if (inTree(/*binary=*/false))
-    copyText(path, out);
-  else if (inTree(/*binary=*/true))
-    copySymb(path, out);
-  else
-    throw pdb_exception("PE file without matching pdb or sym file");
+// In upper case, and a short time stamp is padded with blanks, not with zeros.
+void CodeFile::printCodeId(TextBuffer& out) const {
+  if (!m_found) return;
+  char identity[32];
+  const int length = std::snprintf(identity, sizeof(identity), "%8X%X", m_timeStamp, m_imageSize);
+  const std::string_view name = last_component(m_path);
+  LineWriter line(out, 64 + name.size());
+  line.str("INFO CODE_ID ").str({identity, static_cast<size_t>(length)}).chr(' ');
+  line.str(name).chr('\n');
+}
+
+void CodeFile::PrintFrameDataUsingEXE(TextBuffer& out) const {
+  if (m_found) printUnwindData(PeImage(m_mapping), out);
 }
 
 }  // namespace symforge_internal

@@ -27,7 +27,7 @@ const IMAGE_DEBUG_DIRECTORY* findCodeViewEntry(const PeImage& image) {
 }  // namespace
 
 PeImage::PeImage(const MMapWrapper& mapping) : m_base(mapping.base()), m_length(mapping.length()) {
-  if (!hasDosHeader()) return;
+  if (!hasDosSignature()) return;
   const uint64_t headers = reinterpret_cast<const IMAGE_DOS_HEADER*>(m_base)->e_lfanew;
   if (headers + sizeof(IMAGE_NT_HEADERS64) > m_length) return;
   m_headers = reinterpret_cast<const IMAGE_NT_HEADERS64*>(m_base + headers);
@@ -41,9 +41,12 @@ PeImage::PeImage(const MMapWrapper& mapping) : m_base(mapping.base()), m_length(
 }
 
 // A file that is shorter than the header goes on in zeros.
+bool PeImage::hasDosSignature() const {
+  return reinterpret_cast<const IMAGE_DOS_HEADER*>(m_base)->e_magic == IMAGE_DOS_SIGNATURE;
+}
+
 bool PeImage::hasDosHeader() const {
-  const auto* dos = reinterpret_cast<const IMAGE_DOS_HEADER*>(m_base);
-  return dos->e_magic == IMAGE_DOS_SIGNATURE && dos->e_lfanew != 0;
+  return hasDosSignature() && reinterpret_cast<const IMAGE_DOS_HEADER*>(m_base)->e_lfanew != 0;
 }
 
 bool PeImage::isPe32Plus() const {
@@ -79,7 +82,7 @@ bool pe64_debug_id(const char* path, std::string& debug_id, std::string& debug_f
   MMapWrapper mapping;
   if (path == nullptr || !mapping.Map(path)) return false;
   const PeImage image(mapping);
-  if (image.ntHeaders() == nullptr || !image.isPe32Plus()) return false;
+  if (!image.hasDosHeader() || image.ntHeaders() == nullptr || !image.isPe32Plus()) return false;
   const IMAGE_DEBUG_DIRECTORY* entry = findCodeViewEntry(image);
   if (entry == nullptr) return false;
   const auto* record = image.recordAt<CV_INFO_PDB70>(entry->AddressOfRawData);

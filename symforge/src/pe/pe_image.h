@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string>
 
-#include "symforge/src/StreamReader.h"
+#include "base/mapped_file.h"
 #include "symforge/src/WinStructs.h"
 
 namespace symforge_internal {
@@ -29,10 +29,12 @@ class PeImage {
   // `mapping` must be a mapped file, of any kind.
   explicit PeImage(const MMapWrapper& mapping);
 
-  // The DOS header checks alone: the signature, and an offset of the NT headers that is not 0.
+  // The DOS header checks alone: the signature; and also an offset of the NT headers that is not 0.
+  bool hasDosSignature() const;
   bool hasDosHeader() const;
 
-  // The NT headers, or null: no DOS header, or NT headers that leave the file.
+  // The NT headers, or null: no DOS signature, or NT headers that leave the file. A PE32 image has
+  // smaller ones, of which as many bytes must be in the file.
   const IMAGE_NT_HEADERS64* ntHeaders() const { return m_headers; }
 
   // Whether the NT headers, which must be there, are those of a PE32+ image.

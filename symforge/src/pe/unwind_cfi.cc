@@ -1,14 +1,12 @@
 #include "symforge/src/pe/unwind_cfi.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cassert>
 #include <cstdio>
 #include <string_view>
 
 #include "base/cycle_detector.h"
-#include "symforge/src/PDBParser.h"
+#include "symforge/src/pdb_exception.h"
 #include "symforge/src/pe/unwind_codes.h"
 
 namespace symforge_internal {
@@ -187,19 +185,6 @@ void printUnwindData(const PeImage& image, TextBuffer& out) {
     return;
   }
   printEntries(image, table, directory.Size / sizeof(IMAGE_RUNTIME_FUNCTION_ENTRY), out);
-}
-
-void PDBParser::PrintFrameDataUsingEXE(TextBuffer& out) {
-  if (m_code_file.empty()) return;
-  const char* path = m_code_file.c_str();
-  MMapWrapper mapping;
-  if (!mapping.Map(path)) {
-    const bool opens = access(path, R_OK) == 0;
-    std::fprintf(stderr, opens ? "failed to mmap file %s\n" : "failed to open/stat file %s\n",
-                 path);
-    return;
-  }
-  printUnwindData(PeImage(mapping), out);
 }
 
 }  // namespace symforge_internal

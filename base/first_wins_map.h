@@ -1,0 +1,46 @@
+// FirstWinsMap: values by a 32-bit key. The first value of a key is kept, and values stay in the
+// order in which they were added.
+
+#pragma once
+
+#include <cstdint>
+#include <utility>
+#include <vector>
+
+#include "base/open_addressing_index.h"
+
+namespace symforge_internal {
+
+template <typename T>
+class FirstWinsMap {
+ public:
+  // Adds `value` under a new key; an existing entry is kept, and `value` then not moved from.
+  // Returns the position of the key's entry in values().
+  uint32_t insert(uint32_t key, T&& value) {
+    uint32_t& number = m_index[key];
+    if (number == 0) {
+      m_values.push_back(std::move(value));
+      number = static_cast<uint32_t>(m_values.size());
+    }
+    return number - 1;
+  }
+
+  bool contains(uint32_t key) const { return m_index.find(key) != 0; }
+
+  // Null when there is no entry. Valid until the next insert.
+  const T* find(uint32_t key) const {
+    const uint32_t number = m_index.find(key);
+    return number == 0 ? nullptr : &m_values[number - 1];
+  }
+  T* find(uint32_t key) { return const_cast<T*>(std::as_const(*this).find(key)); }
+
+  // All values, in the order of their insertion.
+  const std::vector<T>& values() const { return m_values; }
+  std::vector<T>& values() { return m_values; }
+
+ private:
+  std::vector<T> m_values;
+  OpenAddressingIndex m_index;
+};
+
+}  // namespace symforge_internal

@@ -1,0 +1,51 @@
+#include "base/mapped_file.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace symforge_internal {
+
+namespace {
+
+// Reserves zeroed bytes for file and guard, then lays the file over their front: what the file does
+// not cover stays zero, wherever its last byte lies in a page of the machine's.
+void* mapWithGuard(int fd, size_t length) {
+  const size_t reserved = length + MMapWrapper::kGuardBytes;
+  void* base =
+      mmap(nullptr, reserved, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  if (base == MAP_FAILED) return nullptr;
+  if (mmap(base, length, PROT_READ, MAP_PRIVATE | MAP_FIXED, fd, 0) == MAP_FAILED) {
+    munmap(base, reserved);
+    return nullptr;
+  }
+  return base;
+}
+
+}  // namespace
+
+bool MMapWrapper::Map(const char* path) {
+  const int fd = open(path, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  const bool mapped = Map(fd);
+  close(fd);
+  return mapped;
+}
+
+bool MMapWrapper::Map(int fd) {
+  struct stat status;
+  // A mapping of no bytes is refused by the system; so is one of a folder.
+  if (fstat(fd, &status) != 0 || status.st_size <= 0) return false;
+  m_length = static_cast<size_t>(status.st_size);
+  m_base = static_cast<const uint8_t*>(mapWithGuard(fd, m_length));
+  return m_base != nullptr;
+}
+
+void MMapWrapper::Unmap() {
+  if (m_base == nullptr) return;
+  munmap(const_cast<uint8_t*>(m_base), m_length + kGuardBytes);
+  m_base = nullptr;
+}
+
+}  // namespace symforge_internal

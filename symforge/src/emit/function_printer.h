@@ -1,0 +1,40 @@
+// FunctionPrinter: FUNC, line and PUBLIC records. The line records of a function take their section
+// from the FUNC line above them, so the order of everything here matters.
+
+#pragma once
+
+#include <string>
+
+#include "base/text_buffer.h"
+#include "symforge/src/emit/function_record.h"
+#include "symforge/src/emit/inline_sites.h"
+#include "symforge/src/pdb/section_map.h"
+#include "symforge/src/pdb/type_names.h"
+
+namespace symforge_internal {
+
+class FunctionPrinter {
+ public:
+  // All must outlive this. `sites` null: no I lines.
+  FunctionPrinter(const SectionMap& sections, TypeNames& names, InlineSites* sites)
+      : m_sections(sections), m_typeNames(names), m_sites(sites) {}
+
+  // Appends the records of all functions that are not dropped, in the order of the list. Functions
+  // without a type are printed as they are: no clean-up, no parameters, no lines. Throws
+  // pdb_exception for names that cannot be rendered and damaged inline sites, std::out_of_range for
+  // lines of a section that does not exist.
+  void printFunctions(const Functions& functions, TextBuffer& out);
+
+ private:
+  void prefetch(const Functions& functions, size_t i) const;
+  void printTypedFunction(const FunctionRecord& func, TextBuffer& out);
+  void printLines(const FunctionRecord& func, TextBuffer& out) const;
+
+  const SectionMap& m_sections;
+  TypeNames& m_typeNames;
+  InlineSites* const m_sites;
+  std::string m_name;  // buffers of the function that is being printed
+  std::string m_parameters;
+};
+
+}  // namespace symforge_internal

@@ -1,0 +1,19 @@
+// A module's symbols: procedures and thunks become functions, inline sites are noted with theirs.
+
+#pragma once
+
+#include "symforge/src/emit/function_record.h"
+#include "symforge/src/emit/inline_sites.h"
+#include "symforge/src/pdb/module_stream.h"
+#include "symforge/src/pdb/section_map.h"
+
+namespace symforge_internal {
+
+// Appends the functions of a module to `functions`, in the order of its symbols, and notes their
+// inline sites in `sites`; null: inline sites are skipped. Throws what
+// ModuleStream::forEachSymbol() throws, std::out_of_range for a section that does not exist. An
+// inline site that follows no procedure fails an assertion.
+void getModuleFunctions(const ModuleStream& module, const SectionMap& sections, InlineSites* sites,
+                        Functions& functions);
+
+}  // namespace symforge_internal

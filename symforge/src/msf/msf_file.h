@@ -1,0 +1,47 @@
+// MsfFile: an MSF 7.00 file, the container of a PDB: its mapping and its numbered streams.
+//
+//   MsfFile file;
+//   if (!file.Map("a.pdb") || !file.readDirectory()) ...
+//   StreamReader reader(file.getStream(3), file.pages());
+
+#pragma once
+
+#include <cstddef>
+#include <vector>
+
+#include "base/mapped_file.h"
+#include "symforge/src/StreamReader.h"
+
+namespace symforge_internal {
+
+// Used by one thread; to be opened once. Readers and what they return without a copy are valid
+// until close() or the end of the object.
+class MsfFile {
+ public:
+  MsfFile() = default;
+  MsfFile(const MsfFile&) = delete;
+  MsfFile& operator=(const MsfFile&) = delete;
+
+  // Maps the file. False when it cannot be opened or mapped, also for an empty one.
+  bool Map(const char* path) { return m_mapping.Map(path); }
+
+  // Checks the signature of the mapped file and decodes its stream directory. False for a file of
+  // another format, reported to standard error, and for a damaged directory; see
+  // readStreamDirectory(). A page size of 0 ends the process by SIGFPE.
+  bool readDirectory();
+
+  // Releases the mapping.
+  void close() { m_mapping.Unmap(); }
+
+  // Throws std::out_of_range for a stream that does not exist.
+  const StreamPair& getStream(size_t number) const { return m_streams.at(number); }
+  const std::vector<StreamPair>& streams() const { return m_streams; }
+  const MsfPages& pages() const { return m_pages; }
+
+ private:
+  MMapWrapper m_mapping;
+  MsfPages m_pages;
+  std::vector<StreamPair> m_streams;
+};
+
+}  // namespace symforge_internal

@@ -1,0 +1,89 @@
+// ModuleStream: the stream of one module (compiland): a signature, CodeView symbols, old line data,
+// which is skipped, and C13 subsections (lines, file checksums, inlinee lines).
+//
+//   module.forEachSymbol([](const SymbolHeader& symbol, StreamReader& body, uint32_t offset)
+//   {...}); module.readModule(kLinesSubsection, [](StreamReader& payload, uint32_t end) {...});
+
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <utility>
+#include <vector>
+
+#include "symforge/src/PDBHeaders.h"
+#include "symforge/src/msf/msf_file.h"
+#include "symforge/src/pdb/codeview.h"
+
+namespace symforge_internal {
+
+// Visitor of a subsection: the reader is at the first payload byte, `end` is the stream offset one
+// past the last. It may leave the reader anywhere.
+using ModuleReadCB = std::function<void(StreamReader& payload, uint32_t end)>;
+
+// Offsets are bytes from the start of the module's stream. Every operation opens the stream anew
+// and throws std::out_of_range when it does not exist, pdb_exception for a wrong signature or
+// damage, pdb_recoverable_exception when the pages end too early.
+class ModuleStream {
+ public:
+  // `info`: the module's record in the DBI stream. `file` must outlive this.
+  ModuleStream(const MsfFile& file, DataPtr<DBIModuleInfo>&& info)
+      : m_file(&file), m_info(std::move(info)) {}
+
+  // A negative number is damage: it names no stream.
+  bool hasStream() const { return m_info->stream >= 0; }
+  uint16_t streamNumber() const { return static_cast<uint16_t>(m_info->stream); }
+
+  // Calls visit(const SymbolHeader&, StreamReader& body, uint32_t offset) for each symbol record,
+  // in stream order: `body` is at the byte after the header, the header is at `offset`. Stops at a
+  // symbol of kind 0.
+  template <typename Visitor>
+  void forEachSymbol(Visitor&& visit) const {
+    StreamReader reader = openModule();
+    // cbSyms counts the signature too, so the limit is 4 bytes past the symbols; in sound files a
+    // symbol of kind 0 or the last one ends the walk.
+    const uint32_t end = m_info->cbSyms + reader.getOffset();
+    while (reader.getOffset() < end) {
+      const uint32_t offset = reader.getOffset();
+      const DataPtr<SymbolHeader> header = reader.read<SymbolHeader>();
+      if (header->type == S_NONE) return;
+      const uint32_t next = reader.getOffset() - sizeof(SymbolHeader::type) + header->size;
+      visit(*header, reader, offset);
+      if (next >= end) return;
+      reader.seek(next);
+    }
+  }
+
+  // Calls `visit` for each subsection of a kind, in stream order. Throws pdb_exception for a
+  // subsection that leaves the stream's pages, and for a walk that runs in a cycle; the subsections
+  // before the damage have been visited then.
+  void readModule(int32_t kind, const ModuleReadCB& visit) const;
+
+  // Walks all subsections and notes where they are, so that readModule() finds those of a kind
+  // without a walk. Throws like readModule(). Nothing is noted for more than kMaxNoted subsections.
+  void noteSubsections();
+  void forgetSubsections() { m_subsections = {}; }
+
+  // Bounds the memory for damaged files; one module has some ten thousand functions at most.
+  static constexpr size_t kMaxNoted = size_t{1} << 20;
+
+ private:
+  struct Subsection {
+    int32_t kind;
+    uint32_t header;  // offset
+    uint32_t end;
+  };
+
+  StreamReader openModule() const;
+  template <typename Visitor>
+  void walk(Visitor&& visit) const;
+
+  const MsfFile* m_file;
+  DataPtr<DBIModuleInfo> m_info;
+  std::vector<Subsection> m_subsections;  // empty: not noted
+};
+
+// The modules of a PDB that have a stream, in the order of the DBI stream.
+using ModuleStreams = std::vector<ModuleStream>;
+
+}  // namespace symforge_internal

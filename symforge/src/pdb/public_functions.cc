@@ -1,0 +1,38 @@
+#include "symforge/src/pdb/public_functions.h"
+
+#include "symforge/src/pdb/codeview.h"
+#include "symforge/src/pdb/undname.h"
+
+namespace symforge_internal {
+
+namespace {
+
+constexpr uint32_t kFunctionFlag = 2;
+
+}  // namespace
+
+// A record is a 16-bit length and that many bytes; those long enough for a public symbol are read
+// as one, whatever their kind. A record of exactly the fixed part's length has a name of one byte
+// that belongs to the next record: the walk goes on one byte off from there.
+void PublicFunctions::getGlobalFunctions(const MsfFile& file, uint16_t symRecStream,
+                                         const SectionMap& sections) {
+  const StreamPair& stream = file.getStream(symRecStream);
+  if (stream.size == 0) return;
+  StreamReader reader(stream, file.pages());
+  while (reader.getOffset() < stream.size) {
+    const uint32_t length = *reader.read<le_uint16>();
+    if (length < sizeof(GlobalRecord)) {
+      reader.seek(reader.getOffset() + length);
+      continue;
+    }
+    const DataPtr<GlobalRecord> record = reader.read<GlobalRecord>();
+    DataPtr<char> name = reader.read<char>(length - sizeof(GlobalRecord));
+    undname(name);  // also for what is dropped: the first record is what loads the library
+    if (record->symType != kFunctionFlag || record->segment > sections.count()) continue;
+    const bool decorated = name.data[0] == '@' || name.data[0] == '_';
+    insert({std::move(name), sections.mapAddressOmap(record->offset, record->segment),
+            record->segment, decorated, /*covered=*/false});
+  }
+}
+
+}  // namespace symforge_internal
