@@ -52,6 +52,16 @@ class TextBuffer {
     size_ += text.size();
   }
 
+  // Inserts at `at`, which must not be beyond the end; what follows is moved once.
+  void insert(size_t at, std::string_view text) {
+    assert(at <= size_);
+    prepare(text.size());
+    if (text.empty()) return;
+    std::memmove(data_ + at + text.size(), data_ + at, size_ - at);
+    std::memcpy(data_ + at, text.data(), text.size());
+    size_ += text.size();
+  }
+
   // Cuts the text back to `size` bytes, which must not be more than there are.
   void truncate(size_t size) {
     assert(size <= size_);

@@ -26,14 +26,11 @@
 #include "symforge/src/pdb/type_table.h"
 #include "symforge/src/pe/code_file.h"
 #include "symforge/src/pe/symbol_file_of_pe.h"
+#include "symforge/src/standard/standard_printer.h"
 
 namespace symforge_internal {
 
 namespace {
-
-// Numbers of streams.
-constexpr uint32_t kTypeInfoStream = 2;  // type records
-constexpr uint32_t kIPIStream = 4;       // id records
 
 const char* architecture(uint16_t machine) {
   switch (machine) {
@@ -48,16 +45,6 @@ const char* architecture(uint16_t machine) {
     default:
       return "unknown";
   }
-}
-
-void loadNameStream(const MsfFile& file, const InfoStream& info, const std::string& pdb,
-                    NameStream& names) {
-  size_t number;
-  if (!info.findStream("/NAMES", number)) {
-    std::fprintf(stderr, "Warning: Could not find /NAMES stream: %s\n", pdb.c_str());
-    return;
-  }
-  names.load(file.getStream(number), file.pages());
 }
 
 // Adds its lines and inlinees to each module. A module whose streams end too early loses what is
@@ -187,6 +174,14 @@ void PDBParser::printBreakpadSymbols(TextBuffer& out, FileMod* fileMod) {
 
   frames.printFrameData(names, out);
   if (dbi.header().machine == IMAGE_FILE_MACHINE_AMD64) codeFile.PrintFrameDataUsingEXE(out);
+}
+
+void PDBParser::printStandardSymbols(TextBuffer& out, StandardCounts& counts) {
+  if (!m_rep->dbi) throw pdb_exception("There is no PDB");
+  StandardPrinter({m_rep->file, *m_rep->info, *m_rep->dbi, m_rep->codeFile, m_rep->pdbFile,
+                   m_rep->debugId, m_rep->do_inline},
+                  counts)
+      .print(out);
 }
 
 bool pdb_debug_id(const char* file, std::string& id) {

@@ -16,6 +16,7 @@ constexpr uint16_t IMAGE_FILE_MACHINE_I386 = 0x14C;
 constexpr uint16_t IMAGE_FILE_MACHINE_ARM = 0x1C4;
 constexpr uint16_t IMAGE_FILE_MACHINE_PPC64 = 0x1F2;  // Xbox 360 images carry this number
 constexpr uint16_t IMAGE_FILE_MACHINE_AMD64 = 0x8664;
+constexpr uint16_t IMAGE_FILE_MACHINE_ARM64 = 0xAA64;
 constexpr uint16_t IMAGE_NT_OPTIONAL_HDR32_MAGIC = 0x10B;
 constexpr uint16_t IMAGE_NT_OPTIONAL_HDR64_MAGIC = 0x20B;
 constexpr uint32_t IMAGE_DEBUG_TYPE_CODEVIEW = 2;

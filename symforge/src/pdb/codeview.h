@@ -109,6 +109,8 @@ enum SubsectionKind : int32_t {
   kLinesSubsection = 0xF2,
   kFileChecksumsSubsection = 0xF4,
   kInlineeLinesSubsection = 0xF6,
+  kImportsSubsection = 0xF7,  // items of other modules
+  kExportsSubsection = 0xF8,  // items for other modules
 };
 
 // Fixed head of an entry of the file checksums; `len` bytes of checksum follow, then padding to a
@@ -150,6 +152,20 @@ struct CV_TagInlineeSourceLine {
   le_uint32 source_line;
 };
 static_assert(sizeof(CV_TagInlineeSourceLine) == 12);
+
+// Head of the items that are imported from one module; `count` of their numbers there follow.
+struct CV_CrossScopeImports {
+  le_uint32 module;  // offset of its name in the /NAMES string area
+  le_uint32 count;
+};
+static_assert(sizeof(CV_CrossScopeImports) == 8);
+
+// An exported item: its number for other modules and its index in the PDB.
+struct CV_CrossScopeExport {
+  le_uint32 local;
+  le_uint32 global;
+};
+static_assert(sizeof(CV_CrossScopeExport) == 8);
 
 // ---- Types
 

@@ -161,7 +161,8 @@ void TypeTable::addRecord(uint32_t offset, const Head& head) {
   }
   m_offsets.push_back(kept ? offset : 0);
   m_functions.push_back(head.leaf == LEAF::LF_PROCEDURE || head.leaf == LEAF::LF_MFUNCTION ||
-                        head.leaf == LEAF::LF_FUNC_ID);
+                        head.leaf == LEAF::LF_FUNC_ID ||
+                        (kept && head.leaf == LEAF::LF_MFUNC_ID));
 }
 
 // From the end of a record to the start of the next, which lies in the last of the runs then.

@@ -123,6 +123,10 @@ class TypeTable {
   mutable size_t m_lastRun = 0;
 };
 
+// Numbers of the type streams.
+constexpr uint32_t kTypeInfoStream = 2;  // type records
+constexpr uint32_t kIPIStream = 4;       // id records
+
 // Loads a type stream of a PDB into `table`. A stream without bytes leaves it empty; when it is
 // `required` that throws pdb_exception. Throws std::out_of_range for a stream that does not exist.
 void loadTypeStream(const MsfFile& file, uint32_t stream, TypeTable& table, bool required);

@@ -68,10 +68,15 @@ void CodeFile::readPeHeaders(const char* path) {
 }
 
 // In upper case, and a short time stamp is padded with blanks, not with zeros.
-void CodeFile::printCodeId(TextBuffer& out) const {
+void CodeFile::printCodeId(TextBuffer& out) const { printCodeId(/*zeros=*/false, out); }
+
+void CodeFile::printStandardCodeId(TextBuffer& out) const { printCodeId(/*zeros=*/true, out); }
+
+void CodeFile::printCodeId(bool zeros, TextBuffer& out) const {
   if (!m_found) return;
   char identity[32];
-  const int length = std::snprintf(identity, sizeof(identity), "%8X%X", m_timeStamp, m_imageSize);
+  const int length = std::snprintf(identity, sizeof(identity), zeros ? "%08X%X" : "%8X%X",
+                                   m_timeStamp, m_imageSize);
   const std::string_view name = last_component(m_path);
   LineWriter line(out, 64 + name.size());
   line.str("INFO CODE_ID ").str({identity, static_cast<size_t>(length)}).chr(' ');

@@ -27,12 +27,16 @@ class CodeFile {
 
   // Appends the INFO CODE_ID line; nothing without an image.
   void printCodeId(TextBuffer& out) const;
+  // The same in the standard format, which pads a short time stamp with zeros.
+  void printStandardCodeId(TextBuffer& out) const;
 
   // Appends the unwind data of an x64 image as STACK CFI lines; nothing without an image. See
   // printUnwindData() for other images.
   void PrintFrameDataUsingEXE(TextBuffer& out) const;
 
  private:
+  void printCodeId(bool zeros, TextBuffer& out) const;
+
   MMapWrapper m_mapping;
   std::string m_path;
   bool m_found = false;

@@ -12,7 +12,7 @@ constexpr uint32_t kNoFile = 0;
 
 // Where code was written.
 struct SourcePlace {
-  uint32_t file = kNoFile;  // number of a source file
+  uint32_t file = kNoFile;  // as returned by FileNumbers::find()
   uint32_t line = 0;
 
   bool known() const { return file != kNoFile; }

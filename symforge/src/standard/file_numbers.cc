@@ -1,24 +1,23 @@
 #include "symforge/src/standard/file_numbers.h"
 
-#include <string_view>
-
 namespace symforge_internal {
 
 uint32_t FileNumbers::lookUp(size_t module, uint32_t offset) const {
-  uint32_t file = kNoFile;
-  uint32_t nameOffset = 0;
+  uint32_t position;
+  if (!m_sources.findPosition(module, offset, position)) return kNoFile;
+  return nameOf(position + 1).empty() ? kNoFile : position + 1;
+}
+
+std::string_view FileNumbers::nameOf(uint32_t file) const {
   std::string_view name;
-  if (!m_sources.find(module, offset, file) || !m_sources.nameOf(file, nameOffset)) return kNoFile;
-  return m_names.find(nameOffset, name) && !name.empty() ? file : kNoFile;
+  m_names.find(m_sources.nameOffset(file - 1), name);
+  return name;
 }
 
 void FileNumbers::print(TextBuffer& out) const {
   constexpr size_t kNumbers = 32;
   for (size_t i = 0; i < m_used.size(); ++i) {
-    uint32_t nameOffset = 0;
-    std::string_view name;
-    m_sources.nameOf(m_used[i], nameOffset);
-    m_names.find(nameOffset, name);
+    const std::string_view name = nameOf(m_used[i]);
     LineWriter line(out, kNumbers + name.size());
     line.str("FILE ").dec(i + 1).chr(' ').str(name).chr('\n');
   }

@@ -3,7 +3,9 @@
 
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <string_view>
 #include <vector>
 
 #include "base/text_buffer.h"
@@ -48,6 +50,7 @@ class FileNumbers {
 
  private:
   uint32_t lookUp(size_t module, uint32_t offset) const;
+  std::string_view nameOf(uint32_t file) const;
 
   const SourceFiles& m_sources;
   const NameStream& m_names;

@@ -109,7 +109,7 @@ void FunctionNames::appendString(uint32_t id, std::string& output, uint32_t dept
 }
 
 void FunctionNames::appendType(uint32_t type, std::string& output) {
-  m_typeNames.append(type, output, TypeNames::IsTopLevel, false);
+  m_typeNames.stringizeType(type, output, TypeNames::IsTopLevel, false);
 }
 
 }  // namespace symforge_internal
