@@ -1,16 +1,51 @@
 #include "base/file_io.h"
 
+#include <fcntl.h>
+#include <limits.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
+#include <ctime>
 
 namespace symforge_internal {
 
 namespace {
 
 constexpr size_t kBlock = 64 * 1024;
+
+constexpr char kNameCharacters[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
+
+// Fills `to` with characters that other processes do not choose at the same time.
+void fill_random(char* to, size_t size) {
+  for (size_t i = 0; i < size; ++i) {
+    unsigned char byte;
+    if (getrandom(&byte, 1, GRND_NONBLOCK) != 1) {
+      timespec now = {};
+      clock_gettime(CLOCK_MONOTONIC, &now);
+      byte =
+          static_cast<unsigned char>(static_cast<long>(getpid()) * 31 + now.tv_nsec + now.tv_sec);
+    }
+    to[i] = kNameCharacters[byte % (sizeof kNameCharacters - 1)];
+  }
+}
+
+// Makes a new file whose name is `name` and six characters, which are appended to it.
+int create_beside(std::string& name, mode_t mode) {
+  constexpr size_t kSuffix = 6;
+  constexpr int kAttempts = 1000;  // names are long enough for one, were it not for old files
+  const size_t length = name.size();
+  name.resize(length + kSuffix);
+  for (int i = 0; i < kAttempts; ++i) {
+    fill_random(name.data() + length, kSuffix);
+    const int fd = open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+    if (fd != -1 || errno != EEXIST) return fd;
+  }
+  return -1;
+}
 
 // How much to ask for: what is left of a regular file and one byte, so that the read that meets
 // the end needs no growth; a block of anything else.
@@ -54,6 +89,37 @@ bool write_file(int fd, std::string_view content) {
     content.remove_prefix(static_cast<size_t>(written));
   }
   return true;
+}
+
+const char* replace_file(const std::string& target, std::string_view content,
+                         const ReplaceOptions& options) {
+  std::string name = target;
+  FileDescriptor file(create_beside(name, options.mode));
+  if (!file.is_open()) return "failed to mkstemp";
+  const auto give_up = [&name](const char* step) {
+    const int error = errno;
+    unlink(name.c_str());
+    errno = error;
+    return step;
+  };
+  if (!write_file(file.get(), content)) return give_up("failed to write");
+  if (options.sync && fdatasync(file.get()) != 0) return give_up("failed to write");
+  if (!file.close()) return give_up("failed to write");
+  if (rename(name.c_str(), target.c_str()) != 0) return give_up("failed to rename");
+  if (options.sync && !sync_folder(target.substr(0, target.rfind('/') + 1)))
+    return "failed to sync";
+  return nullptr;
+}
+
+bool sync_folder(const std::string& path) {
+  const FileDescriptor folder(open(path.empty() ? "." : path.c_str(), O_RDONLY | O_CLOEXEC));
+  return folder.is_open() && fsync(folder.get()) == 0;
+}
+
+std::string link_target(const std::string& link) {
+  char target[PATH_MAX];
+  const ssize_t length = readlink(link.c_str(), target, sizeof target);
+  return length <= 0 ? std::string() : std::string(target, static_cast<size_t>(length));
 }
 
 }  // namespace symforge_internal

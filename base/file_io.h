@@ -2,6 +2,9 @@
 
 #pragma once
 
+#include <sys/types.h>
+
+#include <string>
 #include <string_view>
 
 #include "base/text_buffer.h"
@@ -33,5 +36,25 @@ bool read_file(int fd, TextBuffer& content, size_t limit = SIZE_MAX);
 
 // Writes all of `content`, in one write where the system takes it.
 bool write_file(int fd, std::string_view content);
+
+struct ReplaceOptions {
+  mode_t mode = 0600;  // of the new file, less the umask
+  // The content reaches the disk before it gets its name, and the name before the return: after a
+  // loss of power the old file is there or the whole new one.
+  bool sync = false;
+};
+
+// Puts `content` in the place of the file `target` in one step: it is written to a new file beside
+// the target (its name and six more characters), which is renamed only when it is complete.
+// Null, or which step failed: "failed to mkstemp", "failed to write", "failed to rename", "failed
+// to sync". The new file is then removed and, but for the last, the target is as it was.
+const char* replace_file(const std::string& target, std::string_view content,
+                         const ReplaceOptions& options);
+
+// Writes the entries of a folder to the disk.
+bool sync_folder(const std::string& path);
+
+// What a symbolic link holds. Empty when there is no such link.
+std::string link_target(const std::string& link);
 
 }  // namespace symforge_internal

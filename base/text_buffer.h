@@ -146,6 +146,19 @@ class LineWriter {
     if (number < 0) return number_in_base(number, 10);
     return dec(static_cast<uint64_t>(number));
   }
+  // Numbers with one blank between them.
+  template <typename... Numbers>
+  LineWriter& hex_fields(uint64_t first, Numbers... rest) {
+    hex(first);
+    (chr(' ').hex(rest), ...);
+    return *this;
+  }
+  template <typename... Numbers>
+  LineWriter& dec_fields(int64_t first, Numbers... rest) {
+    dec_signed(first);
+    (chr(' ').dec_signed(rest), ...);
+    return *this;
+  }
 
  private:
   template <typename Number>

@@ -26,11 +26,11 @@ uint16_t unwind_slot(uint8_t prolog_offset, uint8_t operation, uint8_t info) {
   return static_cast<uint16_t>(prolog_offset | (operation & 15) << 8 | info << 12);
 }
 
-// Version 1 in 3 bits and flags in 5; prologue size; number of slots; frame register and offset in
+// Version in 3 bits and flags in 5; prologue size; number of slots; frame register and offset in
 // 4 bits each; slots, padded to an even number; the chained entry.
 std::string UnwindInfo::bytes() const {
   Bytes bytes;
-  bytes.u8(static_cast<uint8_t>(1 | flags << 3)).u8(prolog_size);
+  bytes.u8(static_cast<uint8_t>((version & 7) | flags << 3)).u8(prolog_size);
   bytes.u8(static_cast<uint8_t>(slots.size()));
   bytes.u8(static_cast<uint8_t>((frame_register & 15) | frame_offset << 4));
   for (const uint16_t slot : slots) bytes.u16(slot);
@@ -98,6 +98,11 @@ PeBuilder& PeBuilder::function(uint32_t begin, uint32_t end, const UnwindInfo& i
 
 PeBuilder& PeBuilder::function_entry(const FunctionEntry& entry) {
   append_entry(functions_, entry);
+  return directory(3, kFunctionsRva, static_cast<uint32_t>(functions_.size()));
+}
+
+PeBuilder& PeBuilder::arm64_entry(uint32_t begin, uint32_t unwind_data) {
+  functions_.u32(begin).u32(unwind_data);
   return directory(3, kFunctionsRva, static_cast<uint32_t>(functions_.size()));
 }
 

@@ -31,6 +31,7 @@ inline constexpr uint8_t kAllocSmall = 2;
 inline constexpr uint8_t kSetFpreg = 3;
 inline constexpr uint8_t kSaveNonvol = 4;
 inline constexpr uint8_t kSaveNonvolFar = 5;
+inline constexpr uint8_t kEpilog = 6;  // version 2
 inline constexpr uint8_t kSaveXmm128 = 8;
 inline constexpr uint8_t kSaveXmm128Far = 9;
 inline constexpr uint8_t kPushMachframe = 10;
@@ -54,6 +55,7 @@ struct UnwindInfo {
   uint8_t frame_offset = 0;  // in units of 16 bytes
   std::vector<uint16_t> slots = {};
   FunctionEntry chained = {};
+  uint8_t version = 1;
 
   std::string bytes() const;
 };
@@ -83,6 +85,8 @@ class PeBuilder {
   // A function with unwind info of its own, and any entry.
   PeBuilder& function(uint32_t begin, uint32_t end, const UnwindInfo& info);
   PeBuilder& function_entry(const FunctionEntry& entry);
+  // An entry of an ARM64 image: the function's RVA, and packed data or the RVA of a record.
+  PeBuilder& arm64_entry(uint32_t begin, uint32_t unwind_data);
 
   std::string build() const;
 

@@ -10,7 +10,7 @@ include(CMakePackageConfigHelpers)
 
 # The modules of the repository are libraries of their own; hosts get one.
 add_library(symforge_resolver STATIC)
-foreach(module IN ITEMS base symb processor symb_writer)
+foreach(module IN ITEMS base tokenize symbol_text symb processor symb_writer)
   target_sources(symforge_resolver PRIVATE $<TARGET_OBJECTS:symforge_${module}>)
 endforeach()
 set_target_properties(symforge_resolver PROPERTIES

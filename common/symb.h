@@ -225,10 +225,10 @@ bool symb_write(const char* symbol_data, char** out_buffer, size_t* out_buffer_s
 
 // Makes the text symbol file of a SYMB block and appends it to `out`.
 //
-// The block must be writable; it is used up: its references have become pointers, and it can be
-// given to nothing else afterwards. False, with `out` as it was, if the block does not begin with
-// "SYMB", or if what has to be printed lies outside it in part: tables, strings without an end in
-// the block, frame info whose arrays contain themselves. Nothing outside the block is ever read.
+// The block is only read, and stays usable. False, with `out` as it was, if the block does not
+// begin with "SYMB", or if what has to be printed lies outside it in part: tables, strings without
+// an end in the block, frame info whose arrays contain themselves. Nothing outside the block is
+// ever read.
 bool symb_read(char* in_buffer, size_t in_buffer_size, std::stringstream& out);
 
 // Turns every reference of the block into the address that it stands for, in place. `base` is the

@@ -7,6 +7,9 @@
 #include <cstring>
 #include <string_view>
 
+#include "common/symb.h"
+#include "google_breakpad/processor/windows_frame_info.h"
+
 namespace symforge_internal {
 
 constexpr std::string_view kSymbMagic = "SYMB";
@@ -40,5 +43,24 @@ inline void symb_store(char* at, T value) {
 inline bool symb_holds(uint64_t size, uint64_t offset, uint64_t count, uint64_t record_size) {
   return offset <= size && count <= (size - offset) / record_size;
 }
+
+// The sizes of a STACK WIN record to and from the image, where four of them have 16 bits.
+inline google_breakpad::StackWinSizes symb_sizes(const symb_window_frame_info& record) {
+  return {record.prolog_size,         record.epilog_size, record.parameter_size,
+          record.saved_register_size, record.local_size,  record.max_stack_size};
+}
+inline void symb_set_sizes(const google_breakpad::StackWinSizes& sizes,
+                           symb_window_frame_info* record) {
+  record->prolog_size = static_cast<uint16_t>(sizes.prolog_size);
+  record->epilog_size = static_cast<uint16_t>(sizes.epilog_size);
+  record->parameter_size = static_cast<uint16_t>(sizes.parameter_size);
+  record->saved_register_size = static_cast<uint16_t>(sizes.saved_register_size);
+  record->local_size = sizes.local_size;
+  record->max_stack_size = sizes.max_stack_size;
+}
+
+// Whether symb_relocate() succeeds on a copy of the block. The block is only read; memory is an
+// eighth of its size.
+bool symb_references_are_valid(const char* block, uint64_t size);
 
 }  // namespace symforge_internal

@@ -1,4 +1,5 @@
-// From a SYMB block back to text: the block is relocated, then its tables are printed in order.
+// From a SYMB block back to text: the references are checked, then the tables are printed in order.
+// The block is only read.
 
 #include <cstring>
 #include <sstream>
@@ -9,16 +10,14 @@
 #include "common/symb.h"
 #include "common/symb_block.h"
 #include "common/symb_text.h"
+#include "common/symbol_text.h"
 
 namespace symforge_internal {
 namespace {
 
-// Room for the numbers of a line, with the blanks between them and its longest keyword.
-constexpr size_t kNumbersRoom = 256;
-
-// Prints a relocated block. Every view into the block is taken through records() or string(), so
-// that what lies outside makes the printer fail and is never read. Tables may stand at any address,
-// so records are copied out of the block one by one.
+// Prints a block. Every view into the block is taken through records() or string(), so that what
+// lies outside makes the printer fail and is never read. Tables may begin at any address, so
+// records are copied out of the block one by one.
 class Printer {
  public:
   Printer(const char* block, uint64_t size, TextBuffer& text)
@@ -32,17 +31,14 @@ class Printer {
   }
 
  private:
-  // The records that a relocated reference leads to. The result for no records is valid for
-  // nothing.
-  bool records(uint64_t reference, uint64_t count, size_t record_size, const char** first) const {
-    const uint64_t offset = reference - reinterpret_cast<uint64_t>(block_);
-    if (count != 0 && !symb_holds(size_, offset, count, record_size)) return false;
+  // The records of a table. `*first` is null when `count` is 0.
+  bool records(uint64_t offset, uint64_t count, size_t record_size, const char** first) const {
+    if (count != 0 && (offset == 0 || !symb_holds(size_, offset, count, record_size))) return false;
     *first = count != 0 ? block_ + offset : nullptr;
     return true;
   }
 
-  bool string(uint64_t reference, std::string_view* text) const {
-    const uint64_t offset = reference - reinterpret_cast<uint64_t>(block_);
+  bool string(uint64_t offset, std::string_view* text) const {
     if (offset >= size_) return false;
     const char* begin = block_ + offset;
     const void* end = std::memchr(begin, '\0', size_ - offset);
@@ -93,31 +89,19 @@ class Printer {
 
 bool Printer::identity() {
   const symb_header_v1& header = header_.v1;
-  std::string_view os, arch, debug_id, debug_file;
-  if (!string(header.os, &os) || !string(header.arch, &arch) ||
-      !string(header.debug_id, &debug_id) || !string(header.debug_file, &debug_file)) {
+  ModuleFields module;
+  if (!string(header.os, &module.os) || !string(header.arch, &module.arch) ||
+      !string(header.debug_id, &module.debug_id) ||
+      !string(header.debug_file, &module.debug_file)) {
     return false;
   }
-  LineWriter(text_, os.size() + arch.size() + debug_id.size() + debug_file.size() + kNumbersRoom)
-      .str("MODULE ")
-      .str(os)
-      .chr(' ')
-      .str(arch)
-      .chr(' ')
-      .str(debug_id)
-      .chr(' ')
-      .str(debug_file)
-      .chr('\n');
-
+  append_line(text_, module);
   if (header.code_id == 0 || header.code_file == 0) return true;
-  std::string_view code_id, code_file;
-  if (!string(header.code_id, &code_id) || !string(header.code_file, &code_file)) return false;
-  LineWriter(text_, code_id.size() + code_file.size() + kNumbersRoom)
-      .str("INFO CODE_ID ")
-      .str(code_id)
-      .chr(' ')
-      .str(code_file)
-      .chr('\n');
+  CodeIdFields code;
+  if (!string(header.code_id, &code.code_id) || !string(header.code_file, &code.code_file)) {
+    return false;
+  }
+  append_line(text_, code);
   return true;
 }
 
@@ -126,14 +110,7 @@ bool Printer::sections() {
   if (!records(header_.sections, header_.section_count, sizeof(symb_section), &at)) return false;
   for (uint64_t i = 0; i < header_.section_count; ++i, at += sizeof(symb_section)) {
     const auto section = symb_load<symb_section>(at);
-    LineWriter(text_, kNumbersRoom)
-        .str("INFO SECTION ")
-        .hex(i)
-        .str(" virtaddr ")
-        .hex(section.virtaddr)
-        .str(" rawsize ")
-        .hex(section.rawsize)
-        .chr('\n');
+    append_line(text_, SectionFields{i, section.virtaddr, section.rawsize, {}});
   }
   return true;
 }
@@ -146,12 +123,7 @@ bool Printer::files() {
     const auto file = symb_load<symb_file>(at);
     std::string_view name;
     if (!string(file.name, &name)) return false;
-    LineWriter(text_, name.size() + kNumbersRoom)
-        .str("FILE ")
-        .dec_signed(file.index)
-        .chr(' ')
-        .str(name)
-        .chr('\n');
+    append_line(text_, FileFields{file.index, name});
   }
   return true;
 }
@@ -198,32 +170,18 @@ bool Printer::merged(const char* function, const char* public_function) {
 }
 
 bool Printer::outputPublicFunction(const symb_public& symbol) {
-  std::string_view name;
-  if (!string(symbol.name, &name)) return false;
-  LineWriter(text_, name.size() + kNumbersRoom)
-      .str("PUBLIC ")
-      .hex(symbol.address)
-      .chr(' ')
-      .hex(static_cast<uint32_t>(symbol.parameter_size))
-      .chr(' ')
-      .str(name)
-      .chr('\n');
+  PublicFields fields = {false, symbol.address, static_cast<uint32_t>(symbol.parameter_size), {}};
+  if (!string(symbol.name, &fields.name)) return false;
+  append_line(text_, fields);
   return true;
 }
 
 bool Printer::function_line(const symb_func& function) {
-  std::string_view name;
-  if (!string(function.name, &name)) return false;
-  LineWriter(text_, name.size() + kNumbersRoom)
-      .str("FUNC ")
-      .hex(function.address)
-      .chr(' ')
-      .hex(function.size)
-      .chr(' ')
-      .hex(static_cast<uint32_t>(function.parameter_size))
-      .chr(' ')
-      .str(name)
-      .chr('\n');
+  FunctionFields fields = {
+      false, {}, function.address, function.size, static_cast<uint32_t>(function.parameter_size),
+      {}};
+  if (!string(function.name, &fields.name)) return false;
+  append_line(text_, fields);
   return true;
 }
 
@@ -235,15 +193,7 @@ bool Printer::lines(const symb_func& function) {
   }
   for (uint32_t i = 0; i < function.line_count; ++i, at += sizeof(symb_line)) {
     const auto line = symb_load<symb_line>(at);
-    LineWriter(text_, kNumbersRoom)
-        .hex(line.address)
-        .chr(' ')
-        .hex(line.size)
-        .chr(' ')
-        .dec_signed(line.line)
-        .chr(' ')
-        .dec_signed(line.source_file_id)
-        .chr('\n');
+    append_line(text_, LineFields{line.address, line.size, line.line, line.source_file_id});
   }
   return true;
 }
@@ -265,22 +215,10 @@ bool Printer::outputFunctionInline(const symb_func_inline& function) {
   if (!records(function.inlines, function.inline_count, sizeof(symb_inline), &at)) return false;
   for (uint32_t i = 0; i < function.inline_count; ++i, at += sizeof(symb_inline)) {
     const auto site = symb_load<symb_inline>(at);
-    std::string_view name;
-    if (!string(site.name, &name)) return false;
-    LineWriter(text_, name.size() + kNumbersRoom)
-        .str("I ")
-        .hex(site.address)
-        .chr(' ')
-        .hex(site.size)
-        .chr(' ')
-        .dec_signed(site.line)
-        .chr(' ')
-        .dec_signed(site.source_file_id)
-        .chr(' ')
-        .hex(site.caller)
-        .chr(' ')
-        .str(name)
-        .chr('\n');
+    InlineFields fields = {site.address,        site.size,   site.line,
+                           site.source_file_id, site.caller, {}};
+    if (!string(site.name, &fields.name)) return false;
+    append_line(text_, fields);
   }
   return true;
 }
@@ -322,34 +260,15 @@ bool Printer::enter_map(const symb_nested_window_frame_info& owner) {
 
 bool Printer::outputWindowFrameInfo(const symb_nested_window_frame_info& range) {
   const symb_window_frame_info& info = range.wfi;
-  std::string_view program;
-  if (info.program_string != 0 && !string(info.program_string, &program)) return false;
-  LineWriter line(text_, program.size() + kNumbersRoom);
-  line.str("STACK WIN ")
-      .hex(static_cast<uint32_t>(info.type))
-      .chr(' ')
-      .hex(range.base)
-      .chr(' ')
-      .hex(range.address + 1 - range.base)
-      .chr(' ')
-      .hex(info.prolog_size)
-      .chr(' ')
-      .hex(info.epilog_size)
-      .chr(' ')
-      .hex(info.parameter_size)
-      .chr(' ')
-      .hex(info.saved_register_size)
-      .chr(' ')
-      .hex(info.local_size)
-      .chr(' ')
-      .hex(info.max_stack_size)
-      .chr(' ');
-  if (info.program_string != 0) {
-    line.str("1 ").str(program);
-  } else {
-    line.str("0 ").chr(info.allocates_base_pointer != 0 ? '1' : '0');
-  }
-  line.chr('\n');
+  StackWinFields fields;
+  fields.type = info.type;
+  fields.rva = range.base;
+  fields.code_size = range.address + 1 - range.base;
+  static_cast<google_breakpad::StackWinSizes&>(fields) = symb_sizes(info);
+  fields.allocates_base_pointer = info.allocates_base_pointer != 0;
+  fields.has_program = info.program_string != 0;
+  if (fields.has_program && !string(info.program_string, &fields.program_string)) return false;
+  append_line(text_, fields);
   return true;
 }
 
@@ -386,38 +305,26 @@ bool Printer::stack_cfi() {
 }
 
 bool Printer::initial_rule(const symb_cfi_rule& rule) {
-  std::string_view text;
-  if (!string(rule.rule, &text)) return false;
-  LineWriter(text_, text.size() + kNumbersRoom)
-      .str("STACK CFI INIT ")
-      .hex(rule.base)
-      .chr(' ')
-      .hex(rule.size)
-      .chr(' ')
-      .str(text)
-      .chr('\n');
+  StackCFIFields fields = {true, rule.base, rule.size, {}};
+  if (!string(rule.rule, &fields.rules)) return false;
+  append_line(text_, fields);
   return true;
 }
 
 bool Printer::delta_rule(const symb_cfi_delta_rule& rule) {
-  std::string_view text;
-  if (!string(rule.rule, &text)) return false;
-  LineWriter(text_, text.size() + kNumbersRoom)
-      .str("STACK CFI ")
-      .hex(rule.address)
-      .chr(' ')
-      .str(text)
-      .chr('\n');
+  StackCFIFields fields = {false, rule.address, 0, {}};
+  if (!string(rule.rule, &fields.rules)) return false;
+  append_line(text_, fields);
   return true;
 }
 
 }  // namespace
 
-bool symb_read(char* in_buffer, size_t in_buffer_size, TextBuffer& out) {
-  if (!std::string_view(in_buffer, in_buffer_size).starts_with(kSymbMagic)) return false;
-  if (!symb_relocate(reinterpret_cast<uint64_t>(in_buffer), in_buffer_size)) return false;
+bool symb_read(const char* block, size_t size, TextBuffer& out) {
+  if (!std::string_view(block, size).starts_with(kSymbMagic)) return false;
+  if (!symb_references_are_valid(block, size)) return false;
   const size_t before = out.size();
-  if (Printer(in_buffer, in_buffer_size, out).print()) return true;
+  if (Printer(block, size, out).print()) return true;
   out.truncate(before);
   return false;
 }

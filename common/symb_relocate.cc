@@ -1,9 +1,10 @@
-// Turning the references of a SYMB block into addresses: its tables in their order, frame info
-// ranges from the outside in.
+// The references of a SYMB block: turning them into addresses, or checking that this is possible.
+// Tables are visited in their order, frame info ranges from the outside in.
 
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <cstddef>
 #include <vector>
 
 #include "common/symb.h"
@@ -32,41 +33,107 @@ constexpr Table kDeltaRules = {offsetof(symb_header_v1, cfi_delta_rules),
                                offsetof(symb_header_v1, cfi_delta_rule_count),
                                sizeof(symb_cfi_delta_rule), offsetof(symb_cfi_delta_rule, rule)};
 
-// One walk over a block. The order of the steps decides how far a block is turned when it fails.
-// Positions are offsets from the start of the block throughout.
+// Relocates each reference: adds the address of the block in place.
+//
+// A reference that was relocated lies beyond the size of the block, so one that is met again, as a
+// part of another record, is refused.
 class Relocation {
  public:
-  Relocation(uint64_t base, uint64_t size)
-      : block_(reinterpret_cast<char*>(base)), base_(base), size_(size) {}
+  Relocation(char* block, uint64_t /*size*/)
+      : block_(block), base_(reinterpret_cast<uint64_t>(block)) {}
+
+  bool take(uint64_t at, uint64_t value) {
+    symb_store(block_ + at, value + base_);
+    return true;
+  }
+  // The offset that the reference at `at` held before it was taken.
+  uint64_t offset(uint64_t at) const { return symb_load<uint64_t>(block_ + at) - base_; }
+  bool is_taken(uint64_t /*at*/, size_t /*bytes*/) const { return false; }
+
+ private:
+  char* block_;
+  uint64_t base_;
+};
+
+// Leaves the block as it is and notes which of its bytes are references, so that it refuses what a
+// relocation would refuse.
+class ReferenceCheck {
+ public:
+  // One bit for each byte, and room for reading two bytes at the last one.
+  ReferenceCheck(const char* block, uint64_t size) : block_(block), taken_(size / 8 + 2) {
+    for (const size_t count :
+         {offsetof(symb_header_v1, file_count), offsetof(symb_header_v1, function_count),
+          offsetof(symb_header_v1, public_function_count),
+          offsetof(symb_header_v1, windows_frame_info_count),
+          offsetof(symb_header_v1, cfi_initial_rule_count),
+          offsetof(symb_header_v1, cfi_delta_rule_count)}) {
+      taken_[count / 8] = 0xff;
+    }
+  }
+
+  bool take(uint64_t at, uint64_t /*value*/) {
+    if (is_taken(at, sizeof(uint64_t))) return false;
+    char* const bits = reinterpret_cast<char*>(&taken_[at / 8]);
+    symb_store(bits, static_cast<uint16_t>(symb_load<uint16_t>(bits) | mask(at, 8)));
+    return true;
+  }
+  uint64_t offset(uint64_t at) const { return symb_load<uint64_t>(block_ + at); }
+  bool is_taken(uint64_t at, size_t bytes) const {
+    const char* const bits = reinterpret_cast<const char*>(&taken_[at / 8]);
+    return (symb_load<uint16_t>(bits) & mask(at, bytes)) != 0;
+  }
+
+ private:
+  static uint16_t mask(uint64_t at, size_t bytes) {
+    return static_cast<uint16_t>(((1u << bytes) - 1) << at % 8);
+  }
+
+  const char* block_;
+  std::vector<uint8_t> taken_;
+};
+
+// One walk over the references of a block, each of which is given to `Action`. The order of the
+// steps decides how far a block is relocated when it fails. Positions are offsets from the start of
+// the block.
+template <typename Action>
+class ReferenceWalk {
+ public:
+  // `block` holds at least a symb_header_v1.
+  ReferenceWalk(const char* block, uint64_t size, Action& action)
+      : block_(block),
+        size_(size),
+        action_(action),
+        version_(symb_load<uint32_t>(block + offsetof(symb_header_metadata, version))) {}
 
   bool run() {
-    if (size_ < sizeof(symb_header_v1)) return false;
-    version_ = load<uint32_t>(offsetof(symb_header_metadata, version));
     if (symb_has_sections(version_) && size_ < sizeof(symb_header_v2)) return false;
     return header() && table(kFiles) && functions() && table(kPublics) && frame_info_roots() &&
            table(kInitialRules) && table(kDeltaRules);
   }
 
  private:
+  // Reads a number that must not share bytes with a reference that was taken.
   template <typename T>
-  T load(uint64_t at) const {
-    return symb_load<T>(block_ + at);
+  bool number(uint64_t at, T* value) const {
+    *value = symb_load<T>(block_ + at);
+    return !action_.is_taken(at, sizeof(T));
   }
-  uint64_t reference(uint64_t at) const { return load<uint64_t>(at); }
+  // The field at `at`, before or after it was taken.
+  uint64_t field(uint64_t at) const { return symb_load<uint64_t>(block_ + at); }
 
-  // The field at `at` must lie inside the block. A value equal to the size passes.
-  bool turn(uint64_t at) {
-    const uint64_t value = reference(at);
-    if (value > size_) return false;
-    symb_store(block_ + at, value + base_);
-    return true;
+  // The reference at `at` must lie inside the block. A value equal to the size passes.
+  bool take(uint64_t at) {
+    const uint64_t value = field(at);
+    return value <= size_ && action_.take(at, value);
   }
-  bool turn_if_set(uint64_t at) { return reference(at) == 0 || turn(at); }
+  bool take_if_set(uint64_t at) { return field(at) == 0 || take(at); }
 
-  // Where a turned reference leads, if that many records lie there inside the block.
-  bool records(uint64_t turned, uint64_t count, size_t record_size, uint64_t* at) const {
-    *at = turned - base_;
-    return symb_holds(size_, *at, count, record_size);
+  // Where the reference at `at`, which was taken, leads, if that many records lie there inside the
+  // block. A reference of 0 leads nowhere.
+  bool records(uint64_t at, uint64_t count, size_t record_size, uint64_t* first) const {
+    if (field(at) == 0) return false;
+    *first = action_.offset(at);
+    return symb_holds(size_, *first, count, record_size);
   }
 
   bool header();
@@ -75,7 +142,7 @@ class Relocation {
   bool function(uint64_t at);
   bool inline_names(uint64_t at);
   bool frame_info_roots();
-  bool relocate_window_frame_info(uint64_t at);
+  bool window_frame_info(uint64_t at);
   bool enter_map(uint64_t owner);
   bool ranges_entered();
 
@@ -85,94 +152,100 @@ class Relocation {
     uint64_t end;
   };
 
-  char* block_;
-  uint64_t base_;
+  const char* block_;
   uint64_t size_;
-  uint32_t version_ = 0;
+  Action& action_;
+  uint32_t version_;
   std::vector<Array> path_;
   uint64_t ranges_visited_ = 0;
 };
 
-bool Relocation::header() {
+template <typename Action>
+bool ReferenceWalk<Action>::header() {
   for (const size_t field :
        {offsetof(symb_header_v1, os), offsetof(symb_header_v1, arch),
         offsetof(symb_header_v1, debug_id), offsetof(symb_header_v1, debug_file)}) {
-    if (!turn(field)) return false;
+    if (!take(field)) return false;
   }
   // One of the two alone stays a raw offset.
   constexpr size_t kCodeId = offsetof(symb_header_v1, code_id);
   constexpr size_t kCodeFile = offsetof(symb_header_v1, code_file);
-  if (reference(kCodeId) != 0 && reference(kCodeFile) != 0 && !(turn(kCodeId) && turn(kCodeFile))) {
+  if (field(kCodeId) != 0 && field(kCodeFile) != 0 && !(take(kCodeId) && take(kCodeFile))) {
     return false;
   }
   for (const size_t field : {offsetof(symb_header_v1, string_table), kFiles.offset_field,
                              offsetof(symb_header_v1, functions), kPublics.offset_field,
                              offsetof(symb_header_v1, windows_frame_info),
                              kInitialRules.offset_field, kDeltaRules.offset_field}) {
-    if (!turn_if_set(field)) return false;
+    if (!take_if_set(field)) return false;
   }
-  return !symb_has_sections(version_) || turn_if_set(offsetof(symb_header_v2, sections));
+  return !symb_has_sections(version_) || take_if_set(offsetof(symb_header_v2, sections));
 }
 
-bool Relocation::table(const Table& table) {
-  const uint64_t turned = reference(table.offset_field);
-  const uint64_t count = reference(table.count_field);
-  if (turned == 0 || count == 0) return true;
+template <typename Action>
+bool ReferenceWalk<Action>::table(const Table& table) {
+  const uint64_t count = field(table.count_field);
+  if (field(table.offset_field) == 0 || count == 0) return true;
   uint64_t at;
-  if (!records(turned, count, table.record_size, &at)) return false;
+  if (!records(table.offset_field, count, table.record_size, &at)) return false;
   for (uint64_t i = 0; i < count; ++i, at += table.record_size) {
-    if (!turn(at + table.reference)) return false;
+    if (!take(at + table.reference)) return false;
   }
   return true;
 }
 
-bool Relocation::functions() {
-  const uint64_t turned = reference(offsetof(symb_header_v1, functions));
-  const uint64_t count = reference(offsetof(symb_header_v1, function_count));
-  if (turned == 0 || count == 0) return true;
+template <typename Action>
+bool ReferenceWalk<Action>::functions() {
+  constexpr size_t kFunctions = offsetof(symb_header_v1, functions);
+  const uint64_t count = field(offsetof(symb_header_v1, function_count));
+  if (field(kFunctions) == 0 || count == 0) return true;
   const size_t record_size =
       symb_has_inlines(version_) ? sizeof(symb_func_inline) : sizeof(symb_func);
   uint64_t at;
-  if (!records(turned, count, record_size, &at)) return false;
+  if (!records(kFunctions, count, record_size, &at)) return false;
   for (uint64_t i = 0; i < count; ++i, at += record_size) {
     if (!function(at)) return false;
   }
   return true;
 }
 
-bool Relocation::function(uint64_t at) {
-  if (!turn(at + offsetof(symb_func, name))) return false;
-  if (load<uint32_t>(at + offsetof(symb_func, line_count)) != 0 &&
-      !turn_if_set(at + offsetof(symb_func, lines))) {
+template <typename Action>
+bool ReferenceWalk<Action>::function(uint64_t at) {
+  uint32_t line_count;
+  if (!take(at + offsetof(symb_func, name)) ||
+      !number(at + offsetof(symb_func, line_count), &line_count) ||
+      (line_count != 0 && !take_if_set(at + offsetof(symb_func, lines)))) {
     return false;
   }
   return !symb_has_inlines(version_) || inline_names(at);
 }
 
-bool Relocation::inline_names(uint64_t at) {
-  const uint32_t count = load<uint32_t>(at + offsetof(symb_func_inline, inline_count));
+template <typename Action>
+bool ReferenceWalk<Action>::inline_names(uint64_t at) {
+  uint32_t count;
+  if (!number(at + offsetof(symb_func_inline, inline_count), &count)) return false;
   if (count == 0) return true;
   constexpr size_t kInlines = offsetof(symb_func_inline, inlines);
-  if (!turn_if_set(at + kInlines)) return false;
   uint64_t site;
-  if (!records(reference(at + kInlines), count, sizeof(symb_inline), &site)) return false;
+  if (!take_if_set(at + kInlines) || !records(at + kInlines, count, sizeof(symb_inline), &site)) {
+    return false;
+  }
   for (uint32_t i = 0; i < count; ++i, site += sizeof(symb_inline)) {
-    if (!turn(site + offsetof(symb_inline, name))) return false;
+    if (!take(site + offsetof(symb_inline, name))) return false;
   }
   return true;
 }
 
 // Roots are walked by their count alone; a table that is not there cannot hold them.
-bool Relocation::frame_info_roots() {
+template <typename Action>
+bool ReferenceWalk<Action>::frame_info_roots() {
   constexpr size_t kRecord = sizeof(symb_nested_window_frame_info);
-  const uint64_t count = reference(offsetof(symb_header_v1, windows_frame_info_count));
+  const uint64_t count = field(offsetof(symb_header_v1, windows_frame_info_count));
   if (count == 0) return true;
   uint64_t root;
-  if (!records(reference(offsetof(symb_header_v1, windows_frame_info)), count, kRecord, &root)) {
-    return false;
-  }
+  if (!records(offsetof(symb_header_v1, windows_frame_info), count, kRecord, &root)) return false;
   for (uint64_t i = 0; i < count; ++i, root += kRecord) {
-    if (reference(root + offsetof(symb_nested_window_frame_info, map)) != 0 &&
+    if (field(root + offsetof(symb_nested_window_frame_info, map)) != 0 &&
         !(enter_map(root) && ranges_entered())) {
       return false;
     }
@@ -180,23 +253,28 @@ bool Relocation::frame_info_roots() {
   return true;
 }
 
-// Turns the `map` of a range or root and puts its array on the path.
-bool Relocation::enter_map(uint64_t owner) {
+// Takes the `map` of a range or root and puts its array on the path.
+template <typename Action>
+bool ReferenceWalk<Action>::enter_map(uint64_t owner) {
   constexpr size_t kMap = offsetof(symb_nested_window_frame_info, map);
   constexpr size_t kRecord = sizeof(symb_nested_window_frame_info);
-  if (!turn(owner + kMap)) return false;
-  const uint64_t count = reference(owner + offsetof(symb_nested_window_frame_info, map_count));
+  uint64_t count;
   uint64_t first;
-  if (!records(reference(owner + kMap), count, kRecord, &first)) return false;
+  if (!take(owner + kMap) ||
+      !number(owner + offsetof(symb_nested_window_frame_info, map_count), &count) ||
+      !records(owner + kMap, count, kRecord, &first)) {
+    return false;
+  }
   path_.push_back({first, first + count * kRecord});
   return true;
 }
 
-// Turns the ranges of the arrays on the path, each range before those that it contains, without
+// Visits the ranges of the arrays on the path, each range before those that it contains, without
 // recursion: nesting is as deep as the file wants it to be. An array that contains itself ends the
-// walk, since a reference that was turned lies beyond the size; arrays that many ranges share could
-// still make it very long, so it visits no more ranges than the block has bytes.
-bool Relocation::ranges_entered() {
+// walk, since no reference is taken twice; arrays that many ranges share could still make it very
+// long, so it visits no more ranges than the block has bytes.
+template <typename Action>
+bool ReferenceWalk<Action>::ranges_entered() {
   while (!path_.empty()) {
     Array& array = path_.back();
     if (array.next == array.end) {
@@ -205,25 +283,37 @@ bool Relocation::ranges_entered() {
     }
     const uint64_t range = array.next;
     array.next += sizeof(symb_nested_window_frame_info);
-    if (++ranges_visited_ > size_ || !relocate_window_frame_info(range)) return false;
+    if (++ranges_visited_ > size_ || !window_frame_info(range)) return false;
   }
   return true;
 }
 
-bool Relocation::relocate_window_frame_info(uint64_t at) {
-  if (!turn_if_set(at + offsetof(symb_nested_window_frame_info, wfi.program_string))) return false;
-  if (reference(at + offsetof(symb_nested_window_frame_info, map)) == 0 ||
-      reference(at + offsetof(symb_nested_window_frame_info, map_count)) == 0) {
+template <typename Action>
+bool ReferenceWalk<Action>::window_frame_info(uint64_t at) {
+  if (!take_if_set(at + offsetof(symb_nested_window_frame_info, wfi.program_string))) return false;
+  if (field(at + offsetof(symb_nested_window_frame_info, map)) == 0 ||
+      field(at + offsetof(symb_nested_window_frame_info, map_count)) == 0) {
     return true;
   }
   return enter_map(at);
 }
 
 }  // namespace
+
+bool symb_references_are_valid(const char* block, uint64_t size) {
+  if (size < sizeof(symb_header_v1)) return false;
+  ReferenceCheck check(block, size);
+  return ReferenceWalk<ReferenceCheck>(block, size, check).run();
+}
+
 }  // namespace symforge_internal
 
 bool symb_relocate(uint64_t base, uint64_t size) {
-  return symforge_internal::Relocation(base, size).run();
+  using symforge_internal::Relocation;
+  if (size < sizeof(symb_header_v1)) return false;
+  char* const block = reinterpret_cast<char*>(base);
+  Relocation relocation(block, size);
+  return symforge_internal::ReferenceWalk<Relocation>(block, size, relocation).run();
 }
 
 void symb_touch(int fd) {

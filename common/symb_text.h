@@ -13,7 +13,7 @@ namespace symforge_internal {
 // NUL, if there is one.
 bool symb_write(TextBuffer symbol_data, char** out_buffer, size_t* out_buffer_size);
 
-// symb_read() that appends to `out`. On false, `out` is unchanged.
-bool symb_read(char* in_buffer, size_t in_buffer_size, TextBuffer& out);
+// symb_read() that appends to `out`. The block is only read. On false, `out` is unchanged.
+bool symb_read(const char* block, size_t size, TextBuffer& out);
 
 }  // namespace symforge_internal

@@ -292,12 +292,7 @@ void ImageWriter::populateWindowsFrameInfo(uint64_t addr, const StackWinRange& r
   symb_window_frame_info& wfi = f_nested_wfi->wfi;
   wfi.type = info.type;
   wfi.valid = google_breakpad::WindowsFrameInfo::VALID_ALL;
-  wfi.prolog_size = static_cast<uint16_t>(info.prolog_size);
-  wfi.epilog_size = static_cast<uint16_t>(info.epilog_size);
-  wfi.parameter_size = static_cast<uint16_t>(info.parameter_size);
-  wfi.saved_register_size = static_cast<uint16_t>(info.saved_register_size);
-  wfi.local_size = info.local_size;
-  wfi.max_stack_size = info.max_stack_size;
+  symb_set_sizes(info, &wfi);
   wfi.allocates_base_pointer = info.allocates_base_pointer ? 1 : 0;
   if (*info.program_string != '\0') wfi.program_string = strings_.next();
   f_nested_wfi->base = static_cast<uint32_t>(range.Base());

@@ -46,15 +46,8 @@ struct BasicSourceLineResolver::Function : SourceLineResolverBase::Function {
   uint32_t inline_count_ = 0;
 };
 
-// What a STACK WIN line tells about its range. All fields hold values
-// (WindowsFrameInfo::VALID_ALL).
-struct StackWinRecord {
-  uint32_t prolog_size;
-  uint32_t epilog_size;
-  uint32_t parameter_size;
-  uint32_t saved_register_size;
-  uint32_t local_size;
-  uint32_t max_stack_size;
+// A STACK WIN line without its range. All fields hold values (WindowsFrameInfo::VALID_ALL).
+struct StackWinRecord : StackWinSizes {
   const char* program_string;  // empty if there is none
   int8_t type;                 // a WindowsFrameInfo::StackInfoTypes value
   bool allocates_base_pointer;

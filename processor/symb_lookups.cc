@@ -305,12 +305,7 @@ std::unique_ptr<WindowsFrameInfo> frame_info_of(const Tables& tables, const char
   auto info = std::make_unique<WindowsFrameInfo>();
   info->type_ = static_cast<WindowsFrameInfo::StackInfoTypes>(found.type);
   info->valid = found.valid;
-  info->prolog_size = found.prolog_size;
-  info->epilog_size = found.epilog_size;
-  info->parameter_size = found.parameter_size;
-  info->saved_register_size = found.saved_register_size;
-  info->local_size = found.local_size;
-  info->max_stack_size = found.max_stack_size;
+  static_cast<StackWinSizes&>(*info) = symforge_internal::symb_sizes(found);
   info->allocates_base_pointer = found.allocates_base_pointer != 0;
   if (found.program_string != 0) info->program_string = tables.at(found.program_string);
   return info;

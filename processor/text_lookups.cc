@@ -56,14 +56,9 @@ struct NearestFunction {
 };
 
 void copy_record(const StackWinRecord& record, WindowsFrameInfo* info) {
+  static_cast<StackWinSizes&>(*info) = record;
   info->type_ = static_cast<WindowsFrameInfo::StackInfoTypes>(record.type);
   info->valid = WindowsFrameInfo::VALID_ALL;
-  info->prolog_size = record.prolog_size;
-  info->epilog_size = record.epilog_size;
-  info->parameter_size = record.parameter_size;
-  info->saved_register_size = record.saved_register_size;
-  info->local_size = record.local_size;
-  info->max_stack_size = record.max_stack_size;
   info->allocates_base_pointer = record.allocates_base_pointer;
   info->program_string = record.program_string;
 }

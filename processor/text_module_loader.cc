@@ -9,6 +9,13 @@
 namespace google_breakpad {
 
 using symforge_internal::Arena;
+using symforge_internal::FileFields;
+using symforge_internal::FunctionFields;
+using symforge_internal::InlineFields;
+using symforge_internal::LineFields;
+using symforge_internal::PublicFields;
+using symforge_internal::StackCFIFields;
+using symforge_internal::StackWinFields;
 
 namespace {
 
@@ -117,11 +124,11 @@ char* TextModuleLoader::LoadOtherLine(char* line) {
 char* TextModuleLoader::LoadLineRecord(char* line) {
   LineFields fields;
   const char* quick_end = nullptr;
-  const bool quick = quick_ && cur_func_ != nullptr && QuickLine(line, &quick_end, &fields);
+  const bool quick = quick_ && cur_func_ != nullptr && quick_parse(line, &quick_end, &fields);
   char* end = quick ? line + (quick_end - line) : LineEnd(line);
   if (cur_func_ == nullptr) {
     LineError("Found source line data without a function");
-  } else if (quick || ReadLine(line, end, &fields)) {
+  } else if (quick || parse(line, end, &fields)) {
     lines_.Store({fields.address, fields.size, static_cast<int32_t>(fields.source_file),
                   static_cast<int32_t>(fields.line_number)});
   } else {
@@ -132,7 +139,7 @@ char* TextModuleLoader::LoadLineRecord(char* line) {
 
 bool TextModuleLoader::ParseFile(char* line, char* end) {
   FileFields fields;
-  if (!(quick_ && QuickFile(line, end, &fields)) && !ReadFile(line, end, &fields)) return false;
+  if (!(quick_ && quick_parse(line, end, &fields)) && !parse(line, end, &fields)) return false;
   const int index = static_cast<int>(fields.index);
   if (module_.files_.find(index) == module_.files_.end()) {
     module_.files_.insert(index, strings_.keep(fields.name));
@@ -143,7 +150,7 @@ bool TextModuleLoader::ParseFile(char* line, char* end) {
 bool TextModuleLoader::ParseFunction(char* line, char* end) {
   FinishFunction();
   FunctionFields fields;
-  if (!(quick_ && QuickFunction(line, end, &fields)) && !ReadFunction(line, end, &fields)) {
+  if (!(quick_ && quick_parse(line, end, &fields)) && !parse(line, end, &fields)) {
     return false;
   }
   Arena& arena = module_.arena_;
@@ -152,7 +159,7 @@ bool TextModuleLoader::ParseFunction(char* line, char* end) {
   cur_func_ = new (memory) Function;
   cur_func_->address = fields.address;
   cur_func_->size = fields.size;
-  cur_func_->section = fields.section;
+  cur_func_->section = fields.section.value_or(0);
   cur_func_->parameter_size = static_cast<int32_t>(fields.stack_param_size);
   cur_func_->is_multiple = fields.is_multiple;
   cur_func_stored_ = module_.functions_.StoreRange(fields.address, fields.size, cur_func_);
@@ -176,7 +183,7 @@ void TextModuleLoader::FinishFunction() {
 
 bool TextModuleLoader::ParsePublicSymbol(char* line, char* end) {
   PublicFields fields;
-  if (!(quick_ && QuickPublic(line, end, &fields)) && !ReadPublic(line, end, &fields)) return false;
+  if (!(quick_ && quick_parse(line, end, &fields)) && !parse(line, end, &fields)) return false;
   // Several symbols at address 0 would clash with each other, and none of them is of use.
   if (fields.address == 0) return true;
   return module_.public_symbols_.Store(
@@ -186,7 +193,7 @@ bool TextModuleLoader::ParsePublicSymbol(char* line, char* end) {
 
 bool TextModuleLoader::ParseInlineFunction(char* line, char* end) {
   InlineFields fields;
-  if (!(quick_ && QuickInline(line, end, &fields)) && !ReadInline(line, end, &fields)) return false;
+  if (!(quick_ && quick_parse(line, end, &fields)) && !parse(line, end, &fields)) return false;
   BasicSourceLineResolver::InlineFunction site;
   site.function_address = fields.address;
   site.code_size = fields.size;
@@ -201,24 +208,24 @@ bool TextModuleLoader::ParseInlineFunction(char* line, char* end) {
 bool TextModuleLoader::ParseStackInfo(char* line, char* end) {
   StackWinFields win;
   StackCFIFields cfi;
-  if (quick_ && QuickStackCFI(line, end, &cfi)) {
+  if (quick_ && quick_parse(line, end, &cfi)) {
     StoreStackCFI(cfi);
     return true;
   }
-  if (quick_ && QuickStackWin(line, end, &win)) {
+  if (quick_ && quick_parse(line, end, &win)) {
     StoreStackWin(win);
     return true;
   }
   char* platform = nullptr;
   char* stack_info = nullptr;
-  SplitStackLine(line, end, &platform, &stack_info);
+  symforge_internal::split_stack_line(line, end, &platform, &stack_info);
   if (strcmp(platform, "WIN") == 0) {
-    if (!ReadStackWin(stack_info, end, &win)) return false;
+    if (!parse(stack_info, end, &win)) return false;
     StoreStackWin(win);
     return true;
   }
   if (strcmp(platform, "CFI") == 0) {
-    if (!ReadStackCFI(stack_info, end, &cfi)) return false;
+    if (!parse(stack_info, end, &cfi)) return false;
     StoreStackCFI(cfi);
     return true;
   }
@@ -231,15 +238,8 @@ void TextModuleLoader::StoreStackWin(const StackWinFields& fields) {
     last_program_ = fields.program_string;
     last_program_kept_ = strings_.keep(fields.program_string);
   }
-  const StackWinRecord record = {fields.prolog_size,
-                                 fields.epilog_size,
-                                 fields.parameter_size,
-                                 fields.saved_register_size,
-                                 fields.local_size,
-                                 fields.max_stack_size,
-                                 fields.program_string.empty() ? "" : last_program_kept_,
-                                 static_cast<int8_t>(fields.type),
-                                 fields.allocates_base_pointer};
+  const StackWinRecord record = {fields, fields.program_string.empty() ? "" : last_program_kept_,
+                                 static_cast<int8_t>(fields.type), fields.allocates_base_pointer};
   module_.windows_frame_info_[static_cast<size_t>(fields.type)].StoreRange(
       fields.rva, fields.code_size, record);
 }

@@ -2,7 +2,8 @@
 //
 // One pass over the text, line by line, in time linear in its length. Line ends are runs of
 // carriage returns and line feeds, so empty lines do not exist and are not counted. Each line is
-// read by the quick reader of its kind or, if that declines, by the exact one (symbol_lines.h).
+// read by the quick reader of its kind or, if that declines, by the exact one
+// (common/symbol_text.h).
 //
 // Lines that do not parse are counted, the first 10 of them are logged, and they are skipped. What
 // a container refuses (a second function at one address, a line that overlaps another) is dropped
@@ -18,10 +19,10 @@
 #include <cstddef>
 #include <string>
 
+#include "common/symbol_text.h"
 #include "processor/basic_source_line_resolver_module.h"
 #include "processor/record_gatherers.h"
 #include "processor/string_storage.h"
-#include "processor/symbol_lines.h"
 
 namespace google_breakpad {
 
@@ -57,8 +58,8 @@ class TextModuleLoader {
   bool ParsePublicSymbol(char* line, char* end);
   bool ParseInlineFunction(char* line, char* end);
   bool ParseStackInfo(char* line, char* end);
-  void StoreStackWin(const StackWinFields& fields);
-  void StoreStackCFI(const StackCFIFields& fields);
+  void StoreStackWin(const symforge_internal::StackWinFields& fields);
+  void StoreStackCFI(const symforge_internal::StackCFIFields& fields);
 
   void FinishFunction();
   void LogParseError(const std::string& message, int line_number, int* num_errors);

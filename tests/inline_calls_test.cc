@@ -51,7 +51,7 @@ std::string text(const InlineCalls& calls) {
   for (const InlinedCall& call : calls.calls()) {
     add("%u %u:%u %u", call.depth, call.caller.file, call.caller.line, call.origin);
     for (uint32_t i = 0; i < call.rangeCount; ++i) {
-      const CodeRange& range = calls.ranges()[call.firstRange + i];
+      const InlineRange& range = calls.ranges()[call.firstRange + i];
       add(" %x-%x", range.start, range.end);
     }
     text += "; ";
@@ -173,7 +173,7 @@ TEST(InlineCalls, NestForAnyRows) {
         if (call.depth != depth) continue;
         ASSERT_NE(call.rangeCount, 0u);
         for (uint32_t i = 0; i < call.rangeCount; ++i) {
-          const CodeRange& range = calls.ranges()[call.firstRange + i];
+          const InlineRange& range = calls.ranges()[call.firstRange + i];
           ASSERT_LT(range.start, range.end);
           ASSERT_LE(range.end, kSize);
           for (uint32_t at = range.start; at < range.end; ++at) {

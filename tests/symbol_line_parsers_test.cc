@@ -9,16 +9,25 @@
 #include <random>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
+#include "common/symbol_text.h"
 #include "processor/cfi_frame_info.h"
-#include "processor/symbol_lines.h"
 #include "processor/symbol_parse_helper.h"
 #include "processor/windows_frame_info.h"
 #include "tests/support/data.h"
 
 namespace google_breakpad {
 namespace {
+
+using symforge_internal::FileFields;
+using symforge_internal::FunctionFields;
+using symforge_internal::InlineFields;
+using symforge_internal::LineFields;
+using symforge_internal::PublicFields;
+using symforge_internal::StackCFIFields;
+using symforge_internal::StackWinFields;
 
 using Helper = SymbolParseHelper;
 using test_support::test_cases;
@@ -42,10 +51,11 @@ std::string file(char* line) {
 
 std::string function(char* line) {
   FunctionFields f{};
+  uint32_t section = 0;
   char* name = nullptr;
-  const bool good = Helper::ParseFunction(line, &f.is_multiple, &f.section, &f.address, &f.size,
+  const bool good = Helper::ParseFunction(line, &f.is_multiple, &section, &f.address, &f.size,
                                           &f.stack_param_size, &name);
-  return joined(good, f.is_multiple, f.section, f.address, f.size, f.stack_param_size, name);
+  return joined(good, f.is_multiple, section, f.address, f.size, f.stack_param_size, name);
 }
 
 std::string public_symbol(char* line) {
@@ -105,46 +115,59 @@ TEST(SymbolLineParsers, AcceptAndRefuse) {
   }
 }
 
-template <typename Fields>
-bool read_stack(char* line, char* end, const char* platform, bool (*read)(char*, char*, Fields*),
-                Fields* fields) {
-  char* word = nullptr;
-  char* rest = nullptr;
-  SplitStackLine(line, end, &word, &rest);
-  return strcmp(word, platform) == 0 && read(rest, end, fields);
-}
-bool read_win(char* line, char* end, StackWinFields* fields) {
-  return read_stack(line, end, "WIN", ReadStackWin, fields);
-}
-bool read_cfi(char* line, char* end, StackCFIFields* fields) {
-  return read_stack(line, end, "CFI", ReadStackCFI, fields);
-}
-bool quick_line(const char* line, const char* end, LineFields* fields) {
-  const char* line_end = nullptr;
-  return QuickLine(line, &line_end, fields) && line_end == end;
+bool operator==(const StackWinFields& a, const StackWinFields& b) {
+  const auto members = [](const StackWinFields& f) {
+    return std::tie(f.type, f.rva, f.code_size, f.prolog_size, f.epilog_size, f.parameter_size,
+                    f.saved_register_size, f.local_size, f.max_stack_size, f.has_program,
+                    f.allocates_base_pointer, f.program_string);
+  };
+  return members(a) == members(b);
 }
 
-// 1 if the quick reader took the line; the exact one must then give the same fields.
 template <typename Fields>
-int compare(const std::string& line, bool (*quick)(const char*, const char*, Fields*),
-            bool (*read)(char*, char*, Fields*)) {
+bool quick(const std::string& line, Fields* fields) {
+  return quick_parse(line.c_str(), line.c_str() + line.size(), fields);
+}
+bool quick(const std::string& line, LineFields* fields) {
+  const char* line_end = nullptr;
+  return quick_parse(line.c_str(), &line_end, fields) && line_end == line.c_str() + line.size();
+}
+
+template <typename Fields>
+bool exact(std::string& line, Fields* fields) {
+  return parse(line.data(), line.data() + line.size(), fields);
+}
+template <typename Fields>
+bool exact_stack(std::string& line, const char* platform, Fields* fields) {
+  char* word = nullptr;
+  char* rest = nullptr;
+  char* const end = line.data() + line.size();
+  symforge_internal::split_stack_line(line.data(), end, &word, &rest);
+  return strcmp(word, platform) == 0 && parse(rest, end, fields);
+}
+bool exact(std::string& line, StackWinFields* fields) { return exact_stack(line, "WIN", fields); }
+bool exact(std::string& line, StackCFIFields* fields) { return exact_stack(line, "CFI", fields); }
+
+// 1 if the quick reader accepted the line; the exact one must then read the same fields.
+template <typename Fields>
+int compare(const std::string& line) {
   Fields quick_fields{}, exact_fields{};
-  if (!quick(line.c_str(), line.c_str() + line.size(), &quick_fields)) return 0;
+  if (!quick(line, &quick_fields)) return 0;
   std::string copy = line;
-  EXPECT_TRUE(read(copy.data(), copy.data() + copy.size(), &exact_fields)) << line;
+  EXPECT_TRUE(exact(copy, &exact_fields)) << line;
   EXPECT_TRUE(quick_fields == exact_fields) << line;
   return 1;
 }
 
 int compare_readers(const std::string& line) {
-  if (line.starts_with("FILE ")) return compare(line, QuickFile, ReadFile);
-  if (line.starts_with("FUNC ")) return compare(line, QuickFunction, ReadFunction);
-  if (line.starts_with("PUBLIC ")) return compare(line, QuickPublic, ReadPublic);
-  if (line.starts_with("I ")) return compare(line, QuickInline, ReadInline);
+  if (line.starts_with("FILE ")) return compare<FileFields>(line);
+  if (line.starts_with("FUNC ")) return compare<FunctionFields>(line);
+  if (line.starts_with("PUBLIC ")) return compare<PublicFields>(line);
+  if (line.starts_with("I ")) return compare<InlineFields>(line);
   if (line.starts_with("STACK ")) {
-    return compare(line, QuickStackWin, read_win) + compare(line, QuickStackCFI, read_cfi);
+    return compare<StackWinFields>(line) + compare<StackCFIFields>(line);
   }
-  return compare(line, quick_line, ReadLine);
+  return compare<LineFields>(line);
 }
 
 // What a quick reader takes, the exact one reads alike: over the table, over the common lines, and

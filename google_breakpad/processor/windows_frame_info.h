@@ -8,7 +8,19 @@
 
 namespace google_breakpad {
 
-struct WindowsFrameInfo {
+// The sizes on a STACK WIN line, as they are there: bytes, but in symforge's own lines of
+// STACK_INFO_FPO parameter_size and local_size are in double words, and saved_register_size counts
+// registers.
+struct StackWinSizes {
+  uint32_t prolog_size = 0;
+  uint32_t epilog_size = 0;
+  uint32_t parameter_size = 0;
+  uint32_t saved_register_size = 0;
+  uint32_t local_size = 0;
+  uint32_t max_stack_size = 0;
+};
+
+struct WindowsFrameInfo : StackWinSizes {
   // The kind of the STACK WIN line. Lookups give STACK_INFO_FPO and STACK_INFO_FRAME_DATA, and
   // STACK_INFO_UNKNOWN for a record that comes from no such line.
   enum StackInfoTypes : int {
@@ -40,14 +52,6 @@ struct WindowsFrameInfo {
 
   StackInfoTypes type_ = STACK_INFO_UNKNOWN;
   int valid = VALID_NONE;  // a combination of Validity values
-  // As on the line: bytes, but in symforge's own lines of STACK_INFO_FPO parameter_size and
-  // local_size are in double words, and saved_register_size counts registers.
-  uint32_t prolog_size = 0;
-  uint32_t epilog_size = 0;
-  uint32_t parameter_size = 0;
-  uint32_t saved_register_size = 0;
-  uint32_t local_size = 0;
-  uint32_t max_stack_size = 0;
   // Whether the code uses the base pointer register for its own purposes. Meaningful only without
   // a program string.
   bool allocates_base_pointer = false;

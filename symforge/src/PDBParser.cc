@@ -1,5 +1,6 @@
 #include "symforge/src/PDBParser.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <optional>
@@ -49,20 +50,26 @@ const char* architecture(uint16_t machine) {
 
 // Adds its lines and inlinees to each module. A module whose streams end too early loses what is
 // left of them, silently.
-void resolveModules(ModuleStreams& modules, const SectionMap& sections, const SourceFiles& files,
-                    Functions& functions, InlineeLines* inlinees) {
+void resolveModules(const ModuleStreams& modules, const SectionMap& sections,
+                    const SourceFiles& files, Functions& functions, InlineeLines* inlinees) {
   FunctionIndex index(functions);
   for (size_t i = 0; i < modules.size(); ++i) {
-    ModuleStream& module = modules[i];
+    const ModuleStream& module = modules[i];
     try {
-      if (inlinees != nullptr) module.noteSubsections();
       resolveFunctionLines(module, i, sections, files, functions, index);
       if (inlinees != nullptr) inlinees->resolveInlineFunctions(module, i, files);
     } catch (const pdb_recoverable_exception&) {
       // What this module has left is lost; the others go on.
     }
-    module.forgetSubsections();
   }
+}
+
+// A name as it is read back from a MODULE or INFO CODE_ID line: without blanks around it and
+// without carriage returns at its end.
+std::string nameOnLine(std::string_view name) {
+  name = name.substr(0, name.find_last_not_of('\r') + 1);
+  const size_t begin = std::min(name.find_first_not_of(' '), name.size());
+  return std::string(name.substr(begin, name.find_last_not_of(' ') + 1 - begin));
 }
 
 }  // namespace
@@ -77,6 +84,7 @@ struct PDBParser::Rep {
   CodeFile codeFile;
   std::string pdbFile;  // path as given; empty selects the PE-only mode
   std::string debugId;
+  bool standard = false;  // the text is in the standard format
 };
 
 PDBParser::PDBParser(bool with_inlines) : m_rep(new Rep(with_inlines)) {}
@@ -107,7 +115,7 @@ bool PDBParser::readRootStream(const char* sympath) {
   const DbiStream& dbi = m_rep->dbi.emplace(file);
   m_rep->debugId = info.readDebugId(dbi.header().age);
   if (sympath != nullptr) {
-    make_tree_folders(sympath, last_component(m_rep->pdbFile), m_rep->debugId);
+    make_folders_or_exit(sympath, last_component(m_rep->pdbFile), m_rep->debugId);
   }
   return info.readNamedStreams();
 }
@@ -122,6 +130,18 @@ void PDBParser::printHeader(TextBuffer& out) const {
   m_rep->codeFile.printCodeId(out);
 }
 
+sym_info PDBParser::identity() const {
+  sym_info info;
+  info.debug_id = m_rep->debugId;
+  info.debug_file = nameOnLine(last_component(m_rep->pdbFile));
+  const CodeFile& image = m_rep->codeFile;
+  if (image.found()) {
+    info.code_id = m_rep->standard ? image.standardIdentifier() : nameOnLine(image.identifier());
+    info.code_file = nameOnLine(last_component(image.path()));
+  }
+  return info;
+}
+
 void PDBParser::printBreakpadSymbols(TextBuffer& out, FileMod* fileMod) {
   const MsfFile& file = m_rep->file;
   const CodeFile& codeFile = m_rep->codeFile;
@@ -132,7 +152,7 @@ void PDBParser::printBreakpadSymbols(TextBuffer& out, FileMod* fileMod) {
   }
 
   DbiStream& dbi = *m_rep->dbi;
-  ModuleStreams modules = dbi.readModuleList();
+  const ModuleStreams modules = dbi.readModuleList();
   const DataPtr<DBIDebugHeader> debugHeader = dbi.readDebugHeader();
   SectionMap sections;
   sections.readSections(file, debugHeader->sectionHdr);
@@ -178,6 +198,7 @@ void PDBParser::printBreakpadSymbols(TextBuffer& out, FileMod* fileMod) {
 
 void PDBParser::printStandardSymbols(TextBuffer& out, StandardCounts& counts) {
   if (!m_rep->dbi) throw pdb_exception("There is no PDB");
+  m_rep->standard = true;
   StandardPrinter({m_rep->file, *m_rep->info, *m_rep->dbi, m_rep->codeFile, m_rep->pdbFile,
                    m_rep->debugId, m_rep->do_inline},
                   counts)

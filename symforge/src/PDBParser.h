@@ -26,6 +26,7 @@
 #include "symforge/src/pdb/file_mod.h"
 #include "symforge/src/pdb_exception.h"
 #include "symforge/src/standard/standard_counts.h"
+#include "symforge/src/utils.h"
 
 namespace symforge_internal {
 
@@ -54,6 +55,10 @@ class PDBParser {
 
   // Debug identifier: GUID in upper-case digits, age in lower-case ones. Empty in the PE-only mode.
   const std::string& debug_id() const;
+
+  // Who the symbol file of the PDB belongs to, from the PDB and the image themselves and not from
+  // lines of the text. `os` and `arch` stay empty. After load() of a PDB.
+  sym_info identity() const;
 
   // Releases the mapping of the PDB.
   void close();

@@ -24,6 +24,7 @@ constexpr uint32_t IMAGE_DEBUG_TYPE_CODEVIEW = 2;
 enum DataDirectoryIndex {
   IMAGE_DIRECTORY_ENTRY_EXCEPTION = 3,
   IMAGE_DIRECTORY_ENTRY_DEBUG = 6,
+  IMAGE_DIRECTORY_ENTRY_LOAD_CONFIG = 10,
   IMAGE_DIRECTORY_ENTRY_COM_DESCRIPTOR = 14,  // the CLR header
 };
 
@@ -66,12 +67,16 @@ static_assert(offsetof(IMAGE_OPTIONAL_HEADER, DataDirectory) == 96);
 
 struct IMAGE_OPTIONAL_HEADER64 {
   le_uint16 Magic;
-  uint8_t unused1[54];
+  uint8_t unused1[22];
+  LittleEndian<uint64_t> ImageBase;
+  uint8_t unused3[24];
   le_uint32 SizeOfImage;
   uint8_t unused2[52];
   IMAGE_DATA_DIRECTORY DataDirectory[16];
 };
 static_assert(sizeof(IMAGE_OPTIONAL_HEADER64) == 240);
+static_assert(offsetof(IMAGE_OPTIONAL_HEADER64, ImageBase) == 24);
+static_assert(offsetof(IMAGE_OPTIONAL_HEADER64, SizeOfImage) == 56);
 static_assert(offsetof(IMAGE_OPTIONAL_HEADER64, DataDirectory) == 112);
 
 struct IMAGE_NT_HEADERS32 {

@@ -1,24 +1,52 @@
 // The symforge program: options, their checks, and the choice between one conversion and a batch.
 
 #include <fcntl.h>
+#include <getopt.h>
 #include <signal.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <optional>
 
+#include "base/printable.h"
 #include "symforge/src/driver/batch.h"
+#include "symforge/src/driver/conversion_options.h"
 #include "symforge/src/driver/convert.h"
+#include "symforge/src/driver/last_message.h"
+#include "symforge/src/driver/messages.h"
 #include "version.h"
+
+using symforge_internal::ConversionInput;
+using symforge_internal::ConversionOptions;
+using symforge_internal::printable;
+using symforge_internal::report;
 
 namespace {
 
 struct Options {
   bool recursive = false;
-  bool binary_output = false;
-  const char* exe_path = nullptr;
-  const char* sym_path = nullptr;  // root of the symbol tree
-  const char* pdb_path = nullptr;  // the input, with -r a folder as a rule
+  std::optional<bool> sync;  // empty: the mode decides
+  ConversionInput input;     // with -r its `pdb` is a folder as a rule
+  ConversionOptions conversion;
+};
+
+// Long options without a letter of their own.
+enum LongOption { kHelp = 256, kStandard, kSync, kNoSync, kNoSandbox };
+
+constexpr option kLongOptions[] = {
+    {"help", no_argument, nullptr, kHelp},
+    {"version", no_argument, nullptr, 'v'},
+    {"binary", no_argument, nullptr, 'b'},
+    {"image", required_argument, nullptr, 'e'},
+    {"tree", required_argument, nullptr, 's'},
+    {"recursive", no_argument, nullptr, 'r'},
+    {"no-inlines", no_argument, nullptr, 'i'},
+    {"standard", no_argument, nullptr, kStandard},
+    {"sync", no_argument, nullptr, kSync},
+    {"no-sync", no_argument, nullptr, kNoSync},
+    {"no-sandbox", no_argument, nullptr, kNoSandbox},
+    {nullptr, 0, nullptr, 0},
 };
 
 // Fills standard streams that the parent has closed, so that no file opened later takes the place
@@ -51,88 +79,135 @@ void print_usage(FILE* to) {
           command);
 }
 
+void print_help() {
+  printf(
+      "Usage: %s [options] INPUT [TREE]\n"
+      "       %s [options] -e IMAGE -s TREE\n"
+      "       %s [options] -r FOLDER TREE\n\n"
+      "Makes a Breakpad symbol file of a PDB, a text symbol file or a SYMB file, on standard\n"
+      "output or in the symbol tree TREE.\n\n"
+      "  -e, --image IMAGE   the exe or dll of the PDB\n"
+      "  -s, --tree TREE     root of the symbol tree, the same as a second argument\n"
+      "  -r, --recursive     convert everything in FOLDER\n"
+      "  -b, --binary        write SYMB, the binary format, instead of text\n"
+      "  -i, --no-inlines    no inlined calls\n"
+      "      --standard      the published text format, complete content, strict exit statuses\n"
+      "      --sync          results reach the disk before they replace older ones\n"
+      "                      (with --standard by default)\n"
+      "      --no-sync       leave that to the system (by default without --standard)\n"
+      "      --no-sandbox    keep all rights of the process during a conversion\n"
+      "  -v, --version       print the version\n"
+      "  -h                  print the short usage\n"
+      "      --help          print this text\n\n"
+      "Exit status: 0 success; 1 failure or wrong usage; 2 with --standard -r, some inputs "
+      "failed.\n",
+      command, command, command);
+}
+
 int usage_error() {
   print_usage(stderr);
   return 1;
 }
 
-// `format` takes `argument` when it has a place for one.
-__attribute__((format(printf, 1, 0))) int refuse(const char* format, const char* argument = "") {
-  syslog(LOG_USER | LOG_ERR, format, argument);
-  return 1;
-}
-
 constexpr int kGoOn = -1;  // no exit status yet
+
+// Takes one option. The program's exit status, or kGoOn.
+int take_option(int letter, Options& options) {
+  switch (letter) {
+    case 'b':
+      options.conversion.binary = true;
+      return kGoOn;
+    case 'e':
+      options.input.exe = optarg;
+      return kGoOn;
+    case 'h':
+      print_usage(stdout);
+      return 0;
+    case kHelp:
+      print_help();
+      return 0;
+    case 'i':
+      do_inline = false;
+      return kGoOn;
+    case 'r':
+      options.recursive = true;
+      return kGoOn;
+    case 's':
+      options.conversion.tree = optarg;
+      return kGoOn;
+    case 'v':
+      fputs(SYMFORGE_VERSION "\n", stdout);
+      return 0;
+    case kStandard:
+      options.conversion.standard = true;
+      return kGoOn;
+    case kSync:
+    case kNoSync:
+      options.sync = letter == kSync;
+      return kGoOn;
+    case kNoSandbox:
+      options.conversion.sandbox = false;
+      return kGoOn;
+    default:
+      return usage_error();
+  }
+}
 
 // Takes the options in the order given. The program's exit status, or kGoOn.
 int take_options(int argc, char** argv, Options& options) {
-  for (int letter; (letter = getopt(argc, argv, "be:hrs:vi")) != -1;) {
-    switch (letter) {
-      case 'b':
-        options.binary_output = true;
-        break;
-      case 'e':
-        options.exe_path = optarg;
-        break;
-      case 'h':
-        print_usage(stdout);
-        return 0;
-      case 'i':
-        do_inline = false;
-        break;
-      case 'r':
-        options.recursive = true;
-        break;
-      case 's':
-        options.sym_path = optarg;
-        break;
-      case 'v':
-        fputs(SYMFORGE_VERSION "\n", stdout);
-        return 0;
-      default:
-        return usage_error();
-    }
+  for (int letter; (letter = getopt_long(argc, argv, "be:hrs:vi", kLongOptions, nullptr)) != -1;) {
+    if (const int status = take_option(letter, options); status != kGoOn) return status;
   }
+  options.conversion.sync = options.sync.value_or(options.conversion.standard);
   return kGoOn;
 }
 
-// Takes the one or two arguments behind the options; more are ignored.
+// Takes the one or two arguments after the options; more are ignored.
 int take_arguments(int argc, char** argv, Options& options) {
-  if (optind < argc) options.pdb_path = argv[optind];
+  const char*& tree = options.conversion.tree;
+  if (optind < argc) options.input.pdb = argv[optind];
   if (optind + 1 >= argc) return kGoOn;
-  if (options.sym_path != nullptr) {
-    return refuse("output symbol path is already set in -s option: %s\n", options.sym_path);
+  if (tree != nullptr) {
+    report("output symbol path is already set in -s option: %s", printable(tree).c_str());
+    return 1;
   }
-  options.sym_path = argv[optind + 1];
+  tree = argv[optind + 1];
   return kGoOn;
 }
 
-int check_tree(const char* sym_path) {
-  if (access(sym_path, F_OK) == 0) return kGoOn;
-  return refuse("symbol path doesn't exist: %s\n", sym_path);
+int refuse(const char* message) {
+  report("%s", message);
+  return 1;
+}
+
+int check_tree(const char* tree) {
+  if (access(tree, F_OK) == 0) return kGoOn;
+  report("symbol path doesn't exist: %s", printable(tree).c_str());
+  return 1;
 }
 
 int run_batch(const Options& options) {
-  if (options.exe_path != nullptr) return refuse("options '-e' and '-r' are mutually exclusive\n");
-  if (options.sym_path == nullptr) {
-    return refuse(
-        "option '-r' implies multiple pdb files and the output symbol path must be set\n");
+  const char* tree = options.conversion.tree;
+  if (options.input.exe != nullptr) return refuse("options '-e' and '-r' are mutually exclusive");
+  if (tree == nullptr) {
+    return refuse("option '-r' implies multiple pdb files and the output symbol path must be set");
   }
-  if (options.pdb_path == nullptr) return usage_error();
-  if (const int status = check_tree(options.sym_path); status != kGoOn) return status;
-  return convert_batch(options.pdb_path, options.sym_path, options.binary_output) ? 0 : 1;
+  if (options.input.pdb == nullptr) return usage_error();
+  if (const int status = check_tree(tree); status != kGoOn) return status;
+  return symforge_internal::convert_batch(options.input.pdb, options.conversion);
 }
 
 int run_single(const Options& options) {
-  if (options.pdb_path == nullptr && options.exe_path == nullptr) return usage_error();
-  if (options.pdb_path == nullptr && options.sym_path == nullptr) {
-    return refuse("output symbol path must be set with seperate exe/dll symbol\n");
+  const char* tree = options.conversion.tree;
+  if (options.input.name() == nullptr) return usage_error();
+  if (options.input.pdb == nullptr && tree == nullptr) {
+    return refuse("output symbol path must be set with seperate exe/dll symbol");
   }
-  if (options.sym_path != nullptr) {
-    if (const int status = check_tree(options.sym_path); status != kGoOn) return status;
+  if (tree != nullptr) {
+    if (const int status = check_tree(tree); status != kGoOn) return status;
   }
-  return symforge(options.pdb_path, options.exe_path, options.sym_path, options.binary_output) ? 0
-                                                                                               : 1;
+  symforge_internal::set_message_input(options.input.name());
+  return symforge_internal::convert(options.input, options.conversion) ? 0 : 1;
 }
 
 }  // namespace
@@ -140,15 +215,22 @@ int run_single(const Options& options) {
 int main(int argc, char** argv) {
   fill_standard_streams();
   bump_oom_adj();
-  openlog("symforge", LOG_PERROR, LOG_USER);
+  // Connected now: a conversion in its sandbox cannot.
+  openlog("symforge", LOG_PERROR | LOG_NDELAY, LOG_USER);
   command = argv[0];
   // A file size limit then shows as a failed write, which is reported and leaves no partial file.
   signal(SIGXFSZ, SIG_IGN);
   // A parent that ignores the ends of its children hands that on, and a batch could wait for none.
   signal(SIGCHLD, SIG_DFL);
 
+  symforge_internal::install_last_message();
   Options options;
+  options.conversion.sandbox = true;
   if (const int status = take_options(argc, argv, options); status != kGoOn) return status;
+  if (options.conversion.standard) {
+    symforge_internal::select_standard_messages(true);
+    signal(SIGPIPE, SIG_IGN);  // a reader that leaves is a failed write
+  }
   if (const int status = take_arguments(argc, argv, options); status != kGoOn) return status;
   return options.recursive ? run_batch(options) : run_single(options);
 }

@@ -1,11 +1,14 @@
 #include "symforge/src/utils.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstring>
+
+#include "base/file_io.h"
 
 namespace {
 
@@ -83,24 +86,14 @@ bool sym_info_parse(const char* data, sym_info& info) {
   return is_valid(info);
 }
 
-bool is_tree_component(std::string_view name) {
-  return name != "." && name != ".." && name.find('/') == std::string_view::npos;
-}
-
-bool ensure_directory(const char* path) { return mkdir(path, 0700) == 0 || errno == EEXIST; }
-
 bool synthesize_sym_path(const char* sym_path, const char* debug_file, const char* debug_id,
                          bool binary, bool create, std::string& path) {
-  if (create && !(is_tree_component(debug_file) && is_tree_component(debug_id))) return false;
-
-  path.assign(sym_path).append("/").append(debug_file);
-  if (create && !ensure_directory(path.c_str())) return false;
-  path.append("/").append(debug_id);
-  if (create && !ensure_directory(path.c_str())) return false;
-
-  std::string_view stem(debug_file);
-  if (stem.size() > 4 && stem.ends_with(".pdb")) stem.remove_suffix(4);
-  path.append("/").append(stem).append(binary ? ".symb" : ".sym");
+  using namespace symforge_internal;
+  constexpr mode_t kMode = 0700;
+  if (create && make_tree_folders(sym_path, debug_file, debug_id, kMode) != TreeFolders::kMade) {
+    return false;
+  }
+  path = tree_path(sym_path, debug_file, debug_id, binary);
   return true;
 }
 
@@ -111,3 +104,75 @@ char* strupper(char* str) {
   }
   return str;
 }
+
+namespace symforge_internal {
+
+namespace {
+
+// Whether a folder, a file or a link to one of them has this name; not so a link to nowhere.
+bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+
+// Makes one folder, or accepts what has its name already.
+bool ensure_directory(const std::string& path, mode_t mode) {
+  if (mkdir(path.c_str(), mode) == 0) return true;
+  const int error = errno;
+  if (error == EEXIST && exists(path)) return true;
+  errno = error;
+  return false;
+}
+
+// Whether a link has the form that links from code identifiers have: to an entry beside it.
+bool leads_to_sibling(const std::string& link) { return is_tree_component(link_target(link)); }
+
+// Makes the folder of an identifier. A link to a sibling in its place is taken away.
+bool ensure_own_directory(const std::string& path, mode_t mode) {
+  if (mkdir(path.c_str(), mode) == 0) return true;
+  if (errno != EEXIST) return false;
+  if (!is_link(path)) return true;
+  if (!leads_to_sibling(path) || unlink(path.c_str()) != 0) {
+    errno = ELOOP;
+    return false;
+  }
+  return (mkdir(path.c_str(), mode) == 0 || errno == EEXIST) && !is_link(path);
+}
+
+}  // namespace
+
+bool is_link(const std::string& path) {
+  struct stat status;
+  return lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
+}
+
+bool is_tree_component(std::string_view name) {
+  return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos;
+}
+
+std::string tree_path(std::string_view root, std::string_view debug_file, std::string_view debug_id,
+                      bool binary) {
+  std::string_view stem = debug_file;
+  if (stem.size() > 4 && stem.ends_with(".pdb")) stem.remove_suffix(4);
+  std::string path(root);
+  path.append("/").append(debug_file).append("/").append(debug_id);
+  return path.append("/").append(stem).append(binary ? ".symb" : ".sym");
+}
+
+std::string existing_tree_path(std::string_view root, std::string_view debug_file,
+                               std::string_view debug_id, bool binary) {
+  if (!is_tree_component(debug_file) || !is_tree_component(debug_id)) return {};
+  std::string path = tree_path(root, debug_file, debug_id, binary);
+  if (is_link(path.substr(0, path.rfind('/'))) || !exists(path)) return {};
+  return path;
+}
+
+TreeFolders make_tree_folders(const std::string& root, std::string_view debug_file,
+                              std::string_view debug_id, mode_t mode) {
+  errno = EINVAL;
+  if (!is_tree_component(debug_file)) return TreeFolders::kNoFileFolder;
+  if (!is_tree_component(debug_id)) return TreeFolders::kNoIdFolder;
+  std::string path = std::string(root).append("/").append(debug_file);
+  if (!ensure_directory(path, mode)) return TreeFolders::kNoFileFolder;
+  path.append("/").append(debug_id);
+  return ensure_own_directory(path, mode) ? TreeFolders::kMade : TreeFolders::kNoIdFolder;
+}
+
+}  // namespace symforge_internal

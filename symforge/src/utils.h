@@ -10,6 +10,8 @@
 
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 #include <string_view>
 
@@ -29,19 +31,49 @@ struct sym_info {
 // 4096 bytes or more (without its line feed) makes the text invalid.
 bool sym_info_parse(const char* data, sym_info& info);
 
-// Whether `name` can be one component of a path inside the tree: no separator in it, neither "."
-// nor "..". Identities come from files that nobody vouches for.
-bool is_tree_component(std::string_view name);
-
 // Puts the path of a symbol file into `path`. `create` makes the two folders on the way (not the
-// root); false when that fails or when debug_file or debug_id would lead out of its folder. Without
-// `create` nothing is touched and the result is true.
+// root) with mode 0700; false when that fails or when debug_file or debug_id would lead out of its
+// folder. Without `create` nothing is touched and the result is true.
 bool synthesize_sym_path(const char* sym_path, const char* debug_file, const char* debug_id,
                          bool binary, bool create, std::string& path);
 
-// Makes one folder with mode 0700. True when it is there, whoever made it (also when a plain file
-// has that name: what is to be made in it then fails).
-bool ensure_directory(const char* path);
-
 // Raises a string in place but for its first character, and returns it. Null is returned as it is.
 char* strupper(char* str);
+
+namespace symforge_internal {
+
+// Whether `name` can be one component of a path inside the tree: not empty, no separator in it,
+// neither "." nor "..". Identities come from files that nobody vouches for.
+bool is_tree_component(std::string_view name);
+
+// The path of a symbol file, from a root, a debug file name and a debug identifier. Pure.
+std::string tree_path(std::string_view root, std::string_view debug_file, std::string_view debug_id,
+                      bool binary);
+
+// The path of the symbol file of that identity when it exists in the tree, else empty. Nothing
+// outside of the identity's own folder is reached: neither by names that are no tree component nor
+// by a symbolic link in the place of the identifier's folder.
+std::string existing_tree_path(std::string_view root, std::string_view debug_file,
+                               std::string_view debug_id, bool binary);
+
+// Whether a symbolic link has this name.
+bool is_link(const std::string& path);
+
+enum class TreeFolders {
+  kMade,          // both exist now
+  kNoFileFolder,  // ROOT/DEBUG_FILE could not be made
+  kNoIdFolder,    // ROOT/DEBUG_FILE/DEBUG_ID could not be made
+};
+
+// Makes the folders of an identity, with `mode` less the umask, unless something of their names is
+// there already (a plain file too: what is to be made in it then fails). Several processes may
+// fill one tree: a folder that another process makes at the same moment is as good.
+//
+// The folder of a debug file may be a symbolic link to another folder. The folder of an identifier
+// must not: a link there was made from the code identifier of another module, which would receive
+// what belongs to this one. Such a link (its target is a sibling) is replaced by a folder; any
+// other link is a failure. On failure `errno` says why.
+TreeFolders make_tree_folders(const std::string& root, std::string_view debug_file,
+                              std::string_view debug_id, mode_t mode);
+
+}  // namespace symforge_internal

@@ -1,167 +1,183 @@
 #include "symforge/src/driver/batch.h"
 
-#include <dirent.h>
 #include <fcntl.h>
-#include <strings.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
-#include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <vector>
 
+#include "base/printable.h"
+#include "symforge/src/driver/child_process.h"
 #include "symforge/src/driver/convert.h"
+#include "symforge/src/driver/messages.h"
 #include "symforge/src/driver/pdb_matcher.h"
+#include "symforge/src/pe/image_identity.h"
 
 const char* command = nullptr;
 
-using symforge_internal::PdbMatcher;
+namespace symforge_internal {
 
 namespace {
 
-constexpr int kPriority = LOG_USER | LOG_ERR;
-constexpr size_t kLongestPath = 4095;  // bytes
-
-struct DirectoryCloser {
-  void operator()(DIR* directory) const { closedir(directory); }
-};
-
-void collect(const std::string& path, BatchInput& found) {
-  const size_t dot = path.rfind('.');
-  if (dot == std::string::npos) return;
-  const char* extension = path.c_str() + dot;
-  if (strcasecmp(extension, ".pdb") == 0) {
-    found.pdbs.insert(path);
-  } else if (strcasecmp(extension, ".dll") == 0 || strcasecmp(extension, ".exe") == 0) {
-    found.pes.insert(path);
-  } else if (strcasecmp(extension, ".sym") == 0) {
-    found.syms.insert(path);
-  }
-}
-
-bool stat_failed(const std::string& path) {
-  syslog(kPriority, "Failed to stat %s\n", path.c_str());
-  return false;
-}
-
-// The walk below `path`, which is the one buffer of the whole walk: it is extended on the way down
-// and cut back on the way up, so that a deep tree costs little stack.
-bool walk(std::string& path, BatchInput& found);
-
-bool walk_directory(std::string& path, BatchInput& found) {
-  const std::unique_ptr<DIR, DirectoryCloser> directory(opendir(path.c_str()));
-  if (!directory) {
-    syslog(kPriority, "Failed to opendir %s\n", path.c_str());
-    return false;
-  }
-  const size_t length = path.size();
-  while (const dirent* entry = readdir(directory.get())) {
-    if (entry->d_name[0] == '.') continue;
-    path.append("/").append(entry->d_name);
-    if (path.size() > kLongestPath) {
-      path.resize(kLongestPath);
-      return stat_failed(path);
-    }
-    if (!walk(path, found)) return false;
-    path.resize(length);
-  }
-  return true;
-}
-
-bool walk(std::string& path, BatchInput& found) {
-  struct stat status;
-  if (stat(path.c_str(), &status) != 0) return stat_failed(path);
-  if (S_ISREG(status.st_mode)) collect(path, found);
-  return !S_ISDIR(status.st_mode) || walk_directory(path, found);
-}
+constexpr char kThisProgram[] = "/proc/self/exe";
 
 void redirect_output() {
   const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
   if (null == -1) {
-    syslog(kPriority, "unable to redirect stdout/stderr\n");
+    report("unable to redirect stdout/stderr");
     return;
   }
   for (const int fd : {STDOUT_FILENO, STDIN_FILENO}) {
-    if (dup2(null, fd) == -1) syslog(kPriority, "dup2 failed\n");
+    if (dup2(null, fd) == -1) report("dup2 failed");
   }
 }
 
-// The child: becomes a conversion of one input, with an empty environment.
-[[noreturn]] void execute(const char* pdb_path, const char* exe_path, const char* sym_path,
-                          bool binary_output) {
-  redirect_output();
-  std::vector<const char*> args = {command, "-s", sym_path};
-  if (binary_output) args.push_back("-b");
-  if (exe_path != nullptr) args.insert(args.end(), {"-e", exe_path});
+// The arguments of a child's command line, which ends in a null pointer.
+std::vector<const char*> arguments_of(const ConversionInput& input,
+                                      const ConversionOptions& options) {
+  std::vector<const char*> args = {command, "-s", options.tree};
+  if (options.binary) args.push_back("-b");
+  if (input.exe != nullptr) args.insert(args.end(), {"-e", input.exe});
   if (!do_inline) args.push_back("-i");
-  if (pdb_path != nullptr) args.push_back(pdb_path);
+  if (options.standard) args.push_back("--standard");
+  if (options.sync != options.standard) args.push_back(options.sync ? "--sync" : "--no-sync");
+  if (!options.sandbox) args.push_back("--no-sandbox");
+  if (input.pdb != nullptr) args.push_back(input.pdb);
   args.push_back(nullptr);
-  if (pdb_path == nullptr && exe_path == nullptr) {
-    syslog(kPriority, "No pdb or exe\n");
+  return args;
+}
+
+// The child: becomes a conversion of one input, with an empty environment. It runs the very file
+// that this process runs, whatever now has its name or is found under it.
+[[noreturn]] void execute(const ConversionInput& input, const ConversionOptions& options) {
+  redirect_output();
+  if (input.name() == nullptr) {
+    report("No pdb or exe");
     std::exit(1);
   }
-  execve(command, const_cast<char**>(args.data()), nullptr);
-  syslog(kPriority, "Failed execve: %s\n", strerror(errno));
+  const std::vector<const char*> args = arguments_of(input, options);
+  execve(kThisProgram, const_cast<char**>(args.data()), nullptr);
+  report("Failed execve: %s", strerror(errno));
   std::exit(1);
 }
 
-void log_signal(const char* path, int signal) {
+void report_signal(const char* path, int signal) {
+  if (standard_messages()) {
+    report("%s: ended by signal: %s", printable(path).c_str(), strsignal(signal));
+    return;
+  }
   char message[128];  // a longer one is cut
-  snprintf(message, sizeof message, "%s [%s] was terminated by signal: %s\n", command, path,
-           strsignal(signal));
-  syslog(kPriority, "%s", message);
+  snprintf(message, sizeof message, "%s [%s] was terminated by signal: %s",
+           printable(command).c_str(), printable(path).c_str(), strsignal(signal));
+  report("%s", message);
 }
 
 }  // namespace
 
-bool pdb_file_walk(const char* path, BatchInput& found) {
-  std::string buffer(path);
-  return walk(buffer, found);
-}
-
-bool pdb_execve(const char* pdb_path, const char* exe_path, const char* sym_path,
-                bool binary_output) {
+bool convert_in_child(const ConversionInput& input, const ConversionOptions& options) {
+  const pid_t parent = getpid();
   const pid_t pid = fork();
   if (pid == -1) {
-    syslog(kPriority, "Failed fork: %s\n", strerror(errno));
+    report("Failed fork: %s", strerror(errno));
     return false;
   }
-  if (pid == 0) execute(pdb_path, exe_path, sym_path, binary_output);
+  if (pid == 0) {
+    end_with_parent(parent);
+    execute(input, options);
+  }
 
   int status = 0;
   if (waitpid(pid, &status, 0) == -1) {
-    syslog(kPriority, "Failed waitpid on fork: %s\n", strerror(errno));
+    report("Failed waitpid on fork: %s", strerror(errno));
     return false;
   }
   if (WIFSIGNALED(status)) {
-    log_signal(pdb_path != nullptr ? pdb_path : exe_path, WTERMSIG(status));
+    report_signal(input.name(), WTERMSIG(status));
     return false;
   }
   return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
-bool convert_batch(const char* path, const char* sym_path, bool binary_output) {
-  BatchInput found;
-  if (!pdb_file_walk(path, found)) return false;
+namespace {
 
-  size_t success = 0;
-  for (const std::string& sym : found.syms) {
-    success += pdb_execve(sym.c_str(), nullptr, sym_path, binary_output);
+// One run over what a walk found.
+class Batch {
+ public:
+  Batch(const ConversionOptions& options, BatchInput& found)
+      : options_(options), found_(found), matcher_(found.pdbs, options.standard) {}
+
+  void run() {
+    for (const std::string& sym : found_.syms) convert(sym.c_str(), nullptr);
+    for (const std::string& exe : found_.pes) convert_image(exe, /*alone=*/true);
+    for (const std::string& other : found_.others) {
+      if (begins_like_image(other.c_str())) convert_image(other, /*alone=*/false);
+    }
+    for (const std::string& pdb : found_.pdbs) convert(pdb.c_str(), nullptr);
   }
-  PdbMatcher ids(found.pdbs);
-  for (const std::string& exe : found.pes) {
+
+  size_t successes() const { return successes_; }
+  size_t failures() const { return failures_; }
+
+ private:
+  void convert(const char* pdb, const char* exe) {
+    const bool converted = convert_in_child({.pdb = pdb, .exe = exe}, options_);
+    ++(converted ? successes_ : failures_);
+  }
+
+  // With its PDB; without one alone, if that is wanted.
+  void convert_image(const std::string& exe, bool alone) {
     std::string pdb;
-    const bool paired = ids.exe_pdb_match(exe, pdb);
-    success += pdb_execve(paired ? pdb.c_str() : nullptr, exe.c_str(), sym_path, binary_output);
-    if (paired) found.pdbs.erase(pdb);
+    switch (matcher_.exe_pdb_match(exe, pdb)) {
+      case PdbMatcher::Match::kFound:
+        convert(pdb.c_str(), exe.c_str());
+        found_.pdbs.erase(pdb);
+        return;
+      case PdbMatcher::Match::kTaken:
+        // A copy of an image adds nothing; default mode has it refused by the conversion.
+        if (options_.standard) return;
+        break;
+      case PdbMatcher::Match::kNone:
+        break;
+    }
+    if (alone) convert(nullptr, exe.c_str());
   }
-  for (const std::string& pdb : found.pdbs) {
-    success += pdb_execve(pdb.c_str(), nullptr, sym_path, binary_output);
-  }
-  return success > 0;
+
+  const ConversionOptions& options_;
+  BatchInput& found_;
+  PdbMatcher matcher_;
+  size_t successes_ = 0;
+  size_t failures_ = 0;
+};
+
+int standard_status(size_t successes, size_t failures) {
+  constexpr int kNothingDone = 1;
+  constexpr int kSomeFailed = 2;
+  if (successes == 0) return kNothingDone;
+  return failures == 0 ? 0 : kSomeFailed;
+}
+
+}  // namespace
+
+int convert_batch(const char* path, const ConversionOptions& options) {
+  BatchInput found;
+  BatchWalk walk(options.standard, found);
+  if (!walk.run(path)) return 1;
+  Batch batch(options, found);
+  batch.run();
+  if (!options.standard) return batch.successes() > 0 ? 0 : 1;
+  const size_t failures = walk.failures() + batch.failures();
+  if (batch.successes() == 0 && failures == 0) report("%s: no input", printable(path).c_str());
+  return standard_status(batch.successes(), failures);
+}
+
+}  // namespace symforge_internal
+
+bool pdb_execve(const char* pdb_path, const char* exe_path, const char* sym_path,
+                bool binary_output) {
+  return symforge_internal::convert_in_child({.pdb = pdb_path, .exe = exe_path},
+                                             {.binary = binary_output, .tree = sym_path});
 }

@@ -7,20 +7,11 @@
 #include <set>
 #include <string>
 
-// The path that the child processes are executed from (argv[0]: no search of PATH is made).
+#include "symforge/src/driver/batch_walk.h"
+#include "symforge/src/driver/conversion_options.h"
+
+// The program's name as it was called (argv[0]), which child processes get too.
 extern const char* command;
-
-// What a walk found to convert. Paths in byte-wise order, which is the order of conversion.
-struct BatchInput {
-  std::set<std::string> pdbs;  // *.pdb
-  std::set<std::string> pes;   // *.exe, *.dll
-  std::set<std::string> syms;  // *.sym
-};
-
-// Collects the files of a folder and its subfolders, or one file, by their extensions in any case;
-// names that begin with a dot are passed over, symbolic links are followed. False, and logged, at
-// the first path that cannot be read: `found` is then incomplete.
-bool pdb_file_walk(const char* path, BatchInput& found);
 
 // Converts one input in a child process and waits for its end. Arguments as those of symforge();
 // the child's standard output goes nowhere, its standard error is ours. True when the child ended
@@ -28,7 +19,18 @@ bool pdb_file_walk(const char* path, BatchInput& found);
 bool pdb_execve(const char* pdb_path, const char* exe_path, const char* sym_path,
                 bool binary_output);
 
-// Runs a whole batch: text symbol files first, so that a PE without a PDB finds the symbol file
-// that it belongs to; then PEs, each with the first PDB of its debug identifier that is left; then
-// the PDBs that no PE took. True when at least one conversion succeeded.
-bool convert_batch(const char* path, const char* sym_path, bool binary_output);
+namespace symforge_internal {
+
+// pdb_execve() with all options.
+bool convert_in_child(const ConversionInput& input, const ConversionOptions& options);
+
+// Runs a whole batch over a folder, or one file: text symbol files first, so that a PE without a
+// PDB finds the symbol file that it belongs to; then PEs, each with the first PDB of its debug
+// identifier that is left; then the PDBs that no PE took. Returns the exit status.
+//
+// Default mode: 0 when at least one conversion succeeded; what cannot be walked ends the batch
+// before the first conversion. Standard mode: 0 when everything found was converted, 2 when some
+// of it was, else 1; what cannot be walked is reported and counts as an input that failed.
+int convert_batch(const char* path, const ConversionOptions& options);
+
+}  // namespace symforge_internal

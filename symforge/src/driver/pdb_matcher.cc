@@ -4,12 +4,16 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <optional>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "base/file_io.h"
 #include "base/text_buffer.h"
 #include "symforge/src/PDBParser.h"
+#include "symforge/src/driver/child_process.h"
+#include "symforge/src/pe/image_identity.h"
 #include "symforge/src/pe/pe_image.h"
 
 namespace symforge_internal {
@@ -42,9 +46,13 @@ bool read_ids_in_child(const Paths& pdbs, size_t first, std::vector<std::string>
   if (pipe2(ends, O_CLOEXEC) != 0) return false;
   FileDescriptor from(ends[0]);
   FileDescriptor to(ends[1]);
+  const pid_t parent = getpid();
   const pid_t pid = fork();
   if (pid == -1) return false;
-  if (pid == 0) report_ids(pdbs, first, to.get());
+  if (pid == 0) {
+    end_with_parent(parent);
+    report_ids(pdbs, first, to.get());
+  }
 
   to.close();
   TextBuffer report;
@@ -73,29 +81,39 @@ std::vector<std::string> read_all_ids(const Paths& pdbs) {
   return ids;
 }
 
+bool read_image_id(const std::string& exe, bool any_width, std::string& id) {
+  if (any_width) {
+    std::optional<ImageIdentity> identity = pe_debug_id(exe.c_str());
+    if (identity) id = std::move(identity->debug_id);
+    return identity.has_value();
+  }
+  std::string linked_pdb_name;  // not looked at: files may have been renamed
+  return pe64_debug_id(exe.c_str(), id, linked_pdb_name);
+}
+
 }  // namespace
 
 void PdbMatcher::read_ids() {
   read_ = true;
-  const Paths pdbs(pdbs_.begin(), pdbs_.end());
+  const Paths pdbs(pdbs_.rbegin(), pdbs_.rend());
   const std::vector<std::string> ids = read_all_ids(pdbs);
   for (size_t i = 0; i < pdbs.size(); ++i) {
-    if (!ids[i].empty()) paths_.emplace(ids[i], pdbs[i]);
+    if (!ids[i].empty()) paths_[ids[i]].push_back(pdbs[i]);
   }
 }
 
-bool PdbMatcher::exe_pdb_match(const std::string& exe, std::string& pdb) {
+PdbMatcher::Match PdbMatcher::exe_pdb_match(const std::string& exe, std::string& pdb) {
   std::string id;
-  std::string linked_pdb_name;  // not looked at: files may have been renamed
-  if (pdbs_.empty() || !pe64_debug_id(exe.c_str(), id, linked_pdb_name)) {
-    return false;
-  }
+  const bool no_pdbs = !read_ && pdbs_.empty();
+  if (no_pdbs || !read_image_id(exe, any_width_, id)) return Match::kNone;
   if (!read_) read_ids();
-  const auto first = paths_.lower_bound(id);
-  if (first == paths_.end() || first->first != id) return false;
-  pdb = first->second;
-  paths_.erase(first);
-  return true;
+  const auto found = paths_.find(id);
+  if (found == paths_.end()) return Match::kNone;
+  Paths& left = found->second;
+  if (left.empty()) return Match::kTaken;
+  pdb = std::move(left.back());
+  left.pop_back();
+  return Match::kFound;
 }
 
 }  // namespace symforge_internal

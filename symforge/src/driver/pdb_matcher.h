@@ -5,6 +5,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <vector>
 
 namespace symforge_internal {
 
@@ -13,20 +14,29 @@ namespace symforge_internal {
 // it just has no identifier, and neither has one that cannot be read. Nothing is logged.
 class PdbMatcher {
  public:
-  // `pdbs` must not change before the first question.
-  explicit PdbMatcher(const std::set<std::string>& pdbs) : pdbs_(pdbs) {}
+  // `pdbs` must not change before the first question. `any_width`: 32-bit images have an
+  // identifier too.
+  PdbMatcher(const std::set<std::string>& pdbs, bool any_width)
+      : pdbs_(pdbs), any_width_(any_width) {}
+
+  enum class Match {
+    kFound,
+    kTaken,  // all PDBs of the identifier were taken before
+    kNone,   // there is no such PDB, or the image has no identifier
+  };
 
   // Takes the first PDB, in path order, that has the debug identifier of the image `exe` and was
-  // not taken before. False when there is none, also when the image has no identifier.
-  bool exe_pdb_match(const std::string& exe, std::string& pdb);
+  // not taken before.
+  Match exe_pdb_match(const std::string& exe, std::string& pdb);
 
  private:
   void read_ids();
 
   const std::set<std::string>& pdbs_;
+  const bool any_width_;
   bool read_ = false;
-  // Equal identifiers stand in the order of their insertion, that is of their paths.
-  std::multimap<std::string, std::string> paths_;
+  // By identifier, the paths in descending order.
+  std::map<std::string, std::vector<std::string>> paths_;
 };
 
 }  // namespace symforge_internal

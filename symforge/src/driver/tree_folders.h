@@ -11,6 +11,6 @@ namespace symforge_internal {
 // another process makes them at the same time. A folder that cannot be made ends the process with
 // status 255 and a message on standard error. `name` must have an extension: the name of the symbol
 // file is made by exchanging it.
-void make_tree_folders(const char* root, std::string_view name, const std::string& id);
+void make_folders_or_exit(const char* root, std::string_view name, const std::string& id);
 
 }  // namespace symforge_internal

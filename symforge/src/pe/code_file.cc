@@ -1,6 +1,7 @@
 #include "symforge/src/pe/code_file.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -11,6 +12,7 @@
 #include "symforge/src/pdb_exception.h"
 #include "symforge/src/pe/pe_image.h"
 #include "symforge/src/pe/unwind_cfi.h"
+#include "symforge/src/pe/unwind_rules.h"
 
 namespace symforge_internal {
 
@@ -21,6 +23,18 @@ constexpr size_t kExtensionLength = 3;
 void replaceExtension(std::string& path, const char* extension) {
   path.erase(path.size() - kExtensionLength);
   path += extension;
+}
+
+// A descriptor, or -1 for what cannot be opened and for FIFOs and devices, which would block or
+// have side effects.
+int openImage(const char* path) {
+  const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  struct stat status;
+  if (fd == -1) return -1;
+  const bool known = fstat(fd, &status) == 0;
+  if (known && (S_ISREG(status.st_mode) || S_ISDIR(status.st_mode))) return fd;
+  close(fd);
+  return -1;
 }
 
 [[noreturn]] void throwClr() { throw pdb_exception(kClrNotSupported); }
@@ -46,13 +60,14 @@ uint32_t imageSize(const IMAGE_NT_HEADERS64& headers) {
 
 std::string siblingPePath(const char* pdb) {
   std::string path = pdb;
+  if (path.size() < kExtensionLength) return {};
   replaceExtension(path, "exe");
   if (access(path.c_str(), F_OK) != 0) replaceExtension(path, "dll");
   return path;
 }
 
 void CodeFile::readPeHeaders(const char* path) {
-  const FileDescriptor file(open(path, O_RDONLY | O_CLOEXEC));
+  const FileDescriptor file(openImage(path));
   if (!file.is_open()) return;
   m_path = path;
   if (!m_mapping.Map(file.get()) || m_mapping.length() < sizeof(IMAGE_DOS_HEADER)) {
@@ -67,24 +82,39 @@ void CodeFile::readPeHeaders(const char* path) {
   m_found = true;
 }
 
-// In upper case, and a short time stamp is padded with blanks, not with zeros.
-void CodeFile::printCodeId(TextBuffer& out) const { printCodeId(/*zeros=*/false, out); }
+std::string CodeFile::identifier() const {
+  char text[32];
+  std::snprintf(text, sizeof(text), "%8X%X", m_timeStamp, m_imageSize);
+  return text;
+}
 
-void CodeFile::printStandardCodeId(TextBuffer& out) const { printCodeId(/*zeros=*/true, out); }
+std::string CodeFile::standardIdentifier() const {
+  char text[32];
+  std::snprintf(text, sizeof(text), "%08X%X", m_timeStamp, m_imageSize);
+  return text;
+}
 
-void CodeFile::printCodeId(bool zeros, TextBuffer& out) const {
+void CodeFile::printCodeId(TextBuffer& out) const { printCodeId(identifier(), out); }
+
+void CodeFile::printStandardCodeId(TextBuffer& out) const {
+  printCodeId(standardIdentifier(), out);
+}
+
+void CodeFile::printCodeId(const std::string& identifier, TextBuffer& out) const {
   if (!m_found) return;
-  char identity[32];
-  const int length = std::snprintf(identity, sizeof(identity), zeros ? "%08X%X" : "%8X%X",
-                                   m_timeStamp, m_imageSize);
   const std::string_view name = last_component(m_path);
   LineWriter line(out, 64 + name.size());
-  line.str("INFO CODE_ID ").str({identity, static_cast<size_t>(length)}).chr(' ');
-  line.str(name).chr('\n');
+  line.str("INFO CODE_ID ").str(identifier).chr(' ').str(name).chr('\n');
 }
 
 void CodeFile::PrintFrameDataUsingEXE(TextBuffer& out) const {
   if (m_found) printUnwindData(PeImage(m_mapping), out);
+}
+
+std::vector<std::string> CodeFile::printUnwindRules(std::span<const CodeRange> functions,
+                                                    TextBuffer& out) const {
+  if (!m_found) return {};
+  return writeUnwindRules(PeImage(m_mapping), functions, out);
 }
 
 }  // namespace symforge_internal

@@ -3,16 +3,18 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string>
+#include <vector>
 
 #include "base/mapped_file.h"
 #include "base/text_buffer.h"
+#include "symforge/src/pe/cfi_rows.h"
 
 namespace symforge_internal {
 
 // The path of the PE that belongs to a PDB: of the PDB's path with the extension exe or dll the
-// first that exists, or else the second. Throws std::out_of_range for a path that is too short for
-// an extension.
+// first that exists, or else the second. Empty for a path that is too short for an extension.
 std::string siblingPePath(const char* pdb);
 
 class CodeFile {
@@ -25,17 +27,30 @@ class CodeFile {
   // Whether there is an image.
   bool found() const { return m_found; }
 
+  // The path as given to readPeHeaders().
+  const std::string& path() const { return m_path; }
+
+  // Time stamp and size of the image in upper-case hexadecimal digits. A short time stamp is padded
+  // with blanks, not with zeros.
+  std::string identifier() const;
+
+  // The same as the standard format has it, with zeros in place of the blanks.
+  std::string standardIdentifier() const;
+
   // Appends the INFO CODE_ID line; nothing without an image.
   void printCodeId(TextBuffer& out) const;
-  // The same in the standard format, which pads a short time stamp with zeros.
   void printStandardCodeId(TextBuffer& out) const;
 
   // Appends the unwind data of an x64 image as STACK CFI lines; nothing without an image. See
   // printUnwindData() for other images.
   void PrintFrameDataUsingEXE(TextBuffer& out) const;
+  // Appends the rules of any image as STACK CFI lines; nothing without an image. Returns messages,
+  // see writeUnwindRules().
+  std::vector<std::string> printUnwindRules(std::span<const CodeRange> functions,
+                                            TextBuffer& out) const;
 
  private:
-  void printCodeId(bool zeros, TextBuffer& out) const;
+  void printCodeId(const std::string& identifier, TextBuffer& out) const;
 
   MMapWrapper m_mapping;
   std::string m_path;

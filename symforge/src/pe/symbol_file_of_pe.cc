@@ -1,7 +1,6 @@
 #include "symforge/src/pe/symbol_file_of_pe.h"
 
 #include <fcntl.h>
-#include <unistd.h>
 
 #include <string>
 #include <string_view>
@@ -18,8 +17,6 @@ namespace symforge_internal {
 namespace {
 
 constexpr std::string_view kCodeId = "INFO CODE_ID";
-
-bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
 [[noreturn]] void throwSecondPe() { throw pdb_exception("exe/dll already exists"); }
 
@@ -59,19 +56,17 @@ void findSymbolFileOfPe(const char* exe, const char* sympath, TextBuffer& out) {
     throw pdb_exception("PE with empty debug file name or id");
   debug_file = std::string(last_component(debug_file, kAnySeparators));
 
-  std::string path;
   const auto inTree = [&](bool binary) {
-    return sympath != nullptr &&
-           synthesize_sym_path(sympath, debug_file.c_str(), debug_id.c_str(), binary,
-                               /*create=*/false, path) &&
-           exists(path);
+    return sympath == nullptr ? std::string()
+                              : existing_tree_path(sympath, debug_file, debug_id, binary);
   };
-  if (inTree(/*binary=*/false))
+  if (const std::string path = inTree(/*binary=*/false); !path.empty()) {
     copyText(path, out);
-  else if (inTree(/*binary=*/true))
-    copySymb(path, out);
-  else
+  } else if (const std::string image = inTree(/*binary=*/true); !image.empty()) {
+    copySymb(image, out);
+  } else {
     throw pdb_exception("PE file without matching pdb or sym file");
+  }
 }
 
 }  // namespace symforge_internal

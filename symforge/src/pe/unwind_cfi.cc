@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "base/cycle_detector.h"
+#include "common/symbol_text.h"
 #include "symforge/src/pdb_exception.h"
 #include "symforge/src/pe/unwind_codes.h"
 
@@ -118,9 +119,9 @@ void printFrame(const IMAGE_RUNTIME_FUNCTION_ENTRY& entry, const UnwindInfo& top
   if (top.frame_register() != 0) assert(fp_offset != INT32_MAX);
   const uint32_t begin = entry.BeginAddress;
   LineWriter lines(out, kRoom);
-  lines.str("STACK CFI INIT ").hex(begin).chr(' ').hex(uint32_t{entry.EndAddress - begin});
+  put_cfi_init(lines, begin, uint32_t{entry.EndAddress - begin});
   lines.str(" .cfa: $rsp .ra: .cfa ").dec_signed(frame.rip_offset).str(" - ^\n");
-  lines.str("STACK CFI ").hex(begin);
+  put_cfi_delta(lines, begin);
   const int32_t size = minus(frame.stack_size, -kReturnAddress);
   if (top.frame_register() == 0)
     printFromStackPointer(frame, size, lines);

@@ -207,7 +207,7 @@ void FunctionWriter::writeInlineLines(const PlacedFunction& function, TextBuffer
     line.str("INLINE ").dec(call.depth).chr(' ').dec(call.caller.line).chr(' ');
     line.dec(m_files.number(callFile(call))).chr(' ').dec(m_origins.number(call.origin));
     for (uint32_t i = 0; i < call.rangeCount; ++i) {
-      const CodeRange& range = m_calls.ranges()[call.firstRange + i];
+      const InlineRange& range = m_calls.ranges()[call.firstRange + i];
       line.chr(' ').hex(function.rva + range.start).chr(' ').hex(range.end - range.start);
     }
     line.chr('\n');

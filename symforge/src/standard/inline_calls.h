@@ -26,8 +26,8 @@
 
 namespace symforge_internal {
 
-// A stretch of code in a symbol file; bytes from the start of the function.
-struct CodeRange {
+// A range of an inlined call; bytes from the start of the function.
+struct InlineRange {
   uint32_t start = 0;
   uint32_t end = 0;
 };
@@ -74,7 +74,7 @@ class InlineCalls {
   // A call is followed by the calls inside of it.
   const std::vector<InlinedCall>& calls() const { return m_calls; }
   // Of each call ascending.
-  const std::vector<CodeRange>& ranges() const { return m_ranges; }
+  const std::vector<InlineRange>& ranges() const { return m_ranges; }
   // Where the innermost code was written: ascending, without overlap. Code whose place is not known
   // has no row.
   const std::vector<CodeRow>& lines() const { return m_lines; }
@@ -132,7 +132,7 @@ class InlineCalls {
   std::vector<CodeRow> m_rows;
   std::vector<Piece> m_pieces;  // of each site together
   std::vector<InlinedCall> m_calls;
-  std::vector<CodeRange> m_ranges;
+  std::vector<InlineRange> m_ranges;
   std::vector<CodeRow> m_lines;
 
   // Of the site that is being resolved.

@@ -3,6 +3,8 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
+#include <vector>
 
 namespace symforge_internal {
 
@@ -20,6 +22,8 @@ struct StandardCounts {
   uint64_t damagedBlocks = 0;    // blocks of lines and inline sites that could not be read whole
   uint64_t damagedModules = 0;   // modules that could not be read whole
   uint64_t modulesWithoutFunctions = 0;
+  // What is to be said about the image, without line ends.
+  std::vector<std::string> messages;
 };
 
 }  // namespace symforge_internal

@@ -57,6 +57,18 @@ void StandardPrinter::printHeader(TextBuffer& out) const {
   line.str(m_source.debugId).chr(' ').str(name).chr('\n');
 }
 
+void StandardPrinter::printUnwindRules(const std::vector<PlacedFunction>& functions,
+                                       TextBuffer& out) const {
+  std::vector<CodeRange> ranges;
+  ranges.reserve(functions.size());
+  for (const PlacedFunction& f : functions) {
+    if (f.size != 0) ranges.push_back({f.rva, f.size});
+  }
+  for (const std::string& message : m_source.codeFile.printUnwindRules(ranges, out)) {
+    m_counts.messages.push_back(message);
+  }
+}
+
 // Which files and origins there are is known when all functions are written; their lines are
 // inserted before those of the functions then.
 void StandardPrinter::print(TextBuffer& out) {
@@ -103,9 +115,7 @@ void StandardPrinter::print(TextBuffer& out) {
   origins.print(tables);
   out.insert(start, tables.view());
   frames.printFrameData(strings, out);
-  if (m_source.dbi.header().machine == IMAGE_FILE_MACHINE_AMD64) {
-    m_source.codeFile.PrintFrameDataUsingEXE(out);
-  }
+  printUnwindRules(layout.functions(), out);
 
   m_counts.publics = layout.publics().size();
   m_counts.files = files.count();

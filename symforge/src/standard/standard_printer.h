@@ -4,12 +4,14 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "base/text_buffer.h"
 #include "symforge/src/msf/msf_file.h"
 #include "symforge/src/pdb/dbi_stream.h"
 #include "symforge/src/pdb/info_stream.h"
 #include "symforge/src/pe/code_file.h"
+#include "symforge/src/standard/function_layout.h"
 #include "symforge/src/standard/standard_counts.h"
 
 namespace symforge_internal {
@@ -38,6 +40,7 @@ class StandardPrinter {
 
  private:
   void printHeader(TextBuffer& out) const;
+  void printUnwindRules(const std::vector<PlacedFunction>& functions, TextBuffer& out) const;
 
   const StandardSource m_source;
   StandardCounts& m_counts;

@@ -1,0 +1,235 @@
+"""Plants one-line faults in a copy of the sources, and counts how many the tests find. See
+scripts/mutants."""
+
+import collections
+import hashlib
+import json
+import os
+import random
+import re
+import resource
+import shutil
+import signal
+import subprocess
+import sys
+import time
+
+COPY = os.path.abspath("build/mutants")
+BUILD = os.path.join(COPY, "build/release")
+OTHER_CODE = ("tests/", "builders/", "fuzz/", "bench/", "examples/", "fixtures/", "scripts/")
+PRODUCTS = ("symforge", "libsymforge-resolver.a")
+MEMORY = 8 << 30  # bytes of address space for a test
+SECONDS = 60  # for one test program; a fault can make it endless
+
+# Kinds of faults: what is replaced, and by which texts.
+COMPARISONS = ((r"(?<= )<(?= )", ("<=", ">")), (r"(?<= )>(?= )", (">=", "<")), (r"<=", ("<",)),
+               (r"(?<= )>=", (">",)), (r"==", ("!=",)), (r"!=", ("==",)))
+ARITHMETIC = ((r"(?<= )\+(?= )", ("-",)), (r"(?<= )-(?= )", ("+",)), (r"(?<= )\*(?= )", ("+",)),
+              (r"(?<= )/(?= )", ("*",)), (r"(?<= )%(?= )", ("/",)), (r"(?<= )&(?= )", ("|",)),
+              (r"(?<= )\|(?= )", ("&",)), (r"(?<= )<<(?= )", (">>",)), (r"(?<= )>>(?= )", ("<<",)),
+              (r"\+=", ("-=",)), (r"-=", ("+=",)), (r"\+\+", ("--",)))
+CONSTANTS = ((r"(?<![\w.])(?:0x[0-9A-Fa-f]+|\d+)(?![\w.])", ("+1", "-1")),)
+BOOLEANS = ((r"\btrue\b", ("false",)), (r"\bfalse\b", ("true",)), (r"&&", ("||",)),
+            (r"\|\|", ("&&",)), (r"!(?=[\w(])", ("",)))
+KINDS = (COMPARISONS, ARITHMETIC, CONSTANTS, BOOLEANS)
+NO_FAULT = re.compile(r"^\s*(#|template|using|namespace)|\bstatic_assert\b|\bassert\(|= default")
+
+Fault = collections.namedtuple("Fault", "file number old new")
+
+
+def run(*command, **options):
+    return subprocess.run(command, check=True, **options)
+
+
+def tracked_files():
+    listed = run("git", "ls-files", "-z", "--cached", "--others", "--exclude-standard",
+                 stdout=subprocess.PIPE).stdout.decode()
+    return [path for path in listed.split("\0") if path and os.path.isfile(path)]
+
+
+def update_copy():
+    """Makes the copy equal to the sources; files that are equal keep their time."""
+    files = tracked_files()
+    for folder, folders, names in os.walk(COPY):
+        if folder == COPY and "build" in folders:
+            folders.remove("build")
+        for name in names:
+            path = os.path.join(folder, name)
+            if os.path.relpath(path, COPY) not in files:
+                os.remove(path)
+    for path in files:
+        target = os.path.join(COPY, path)
+        os.makedirs(os.path.dirname(target), exist_ok=True)
+        if not os.path.isfile(target) or read(path) != read(target):
+            shutil.copy(path, target)
+
+
+def read(path):
+    with open(path, "rb") as file:
+        return file.read()
+
+
+def write(path, content):
+    with open(path, "wb") as file:
+        file.write(content)
+
+
+def without_text(source):
+    """The source with blanks in place of comments and of what is in quotes."""
+    pattern = r'//[^\n]*|/\*.*?\*/|"(?:\\.|[^"\\\n])*"|(?<![0-9A-Fa-f])\'(?:\\.|[^\'\\\n])+\''
+    return re.sub(pattern, lambda found: re.sub(r"[^\n]", " ", found[0]), source, flags=re.S)
+
+
+def sites():
+    """Every place of every kind: lists of (file, line number, begin, end, replacements)."""
+    found = [[] for _ in KINDS]
+    sources = [path for path in tracked_files()
+               if path.endswith((".cc", ".h")) and not path.startswith(OTHER_CODE)]
+    for path in sorted(sources):
+        code = without_text(read(path).decode()).split("\n")
+        for number, line in enumerate(code):
+            if NO_FAULT.search(line):
+                continue
+            for kind, places in zip(KINDS, found):
+                for pattern, replacements in kind:
+                    places += [(path, number, *match.span(), replacements)
+                               for match in re.finditer(pattern, line)]
+    return found
+
+
+def draw(rng, places):
+    path, number, begin, end, replacements = rng.choice(rng.choice(places))
+    line = read(path).decode().split("\n")[number]
+    old, new = line[begin:end], rng.choice(replacements)
+    if new in ("+1", "-1"):
+        value = int(old, 0) if old.startswith("0x") or old == "0" else int(old)
+        value = max(value + int(new), 0) if value else 1
+        new = hex(value) if old.startswith("0x") else str(value)
+    return Fault(path, number, line, line[:begin] + new + line[end:])
+
+
+def plant(fault):
+    lines = read(fault.file).decode().split("\n")
+    lines[fault.number] = fault.new
+    write(os.path.join(COPY, fault.file), "\n".join(lines).encode())
+
+
+def remove(fault):
+    write(os.path.join(COPY, fault.file), read(fault.file))
+
+
+def build():
+    return subprocess.run(["cmake", "--build", BUILD, "--", "--quiet"], stdout=subprocess.DEVNULL,
+                          stderr=subprocess.DEVNULL).returncode == 0
+
+
+def products():
+    return [hashlib.sha256(read(os.path.join(BUILD, name))).digest() for name in PRODUCTS]
+
+
+class Tests:
+    """The tests of the copy: GoogleTest programs, each run as a whole, and the rest by ctest. The
+    program named after the file with the fault comes first, then those that have found most."""
+
+    def __init__(self):
+        listed = json.loads(run("ctest", "--test-dir", BUILD, "--show-only=json-v1",
+                                stdout=subprocess.PIPE).stdout)
+        self.programs, self.others = collections.OrderedDict(), []
+        for number, test in enumerate(listed["tests"], 1):
+            command = test["command"]
+            if any(word.startswith("--gtest_filter") for word in command):
+                folders = [p["value"] for p in test["properties"]
+                           if p["name"] == "WORKING_DIRECTORY"]
+                self.programs[command[0]] = folders[0] if folders else BUILD
+            else:
+                self.others.append((test["name"], number))
+        self.found = collections.Counter()
+
+    def order(self, file):
+        stem = os.path.splitext(os.path.basename(file))[0].lower().replace("_", "")
+        return sorted(self.programs, key=lambda program: (
+            os.path.basename(program).replace("_", "") != stem + "test", -self.found[program]))
+
+    def first_failure(self, file):
+        """The name of the test that finds the fault, or None."""
+        for program in self.order(file):
+            if not passes([program, "--gtest_fail_fast", "--gtest_brief=1"],
+                          self.programs[program]):
+                self.found[program] += 1
+                return os.path.basename(program)
+        for name, number in self.others:
+            if not passes(["ctest", "--test-dir", BUILD, "-I", f"{number},{number}"], BUILD, 300):
+                return name
+        return None
+
+
+def passes(command, folder, seconds=SECONDS):
+    """Runs a test in a process group of its own, which ends with it."""
+    process = subprocess.Popen(
+        command, cwd=folder, start_new_session=True, stdin=subprocess.DEVNULL,
+        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    resource.prlimit(process.pid, resource.RLIMIT_AS, (MEMORY, MEMORY))
+    try:
+        return process.wait(seconds) == 0
+    except subprocess.TimeoutExpired:
+        return False
+    finally:
+        try:
+            os.killpg(process.pid, signal.SIGKILL)
+        except ProcessLookupError:
+            pass
+        process.wait()
+
+
+def describe(fault):
+    return (f"{fault.file}:{fault.number + 1}\n    - {fault.old.strip()}\n"
+            f"    + {fault.new.strip()}")
+
+
+def prepare():
+    """Builds the copy without a fault; every test has to pass."""
+    update_copy()
+    if not os.path.isfile(os.path.join(BUILD, "build.ninja")):
+        run("cmake", "--preset", "release", cwd=COPY, stdout=subprocess.DEVNULL)
+    run("cmake", "--build", BUILD, "--", "--quiet")
+    tests = Tests()
+    failed = tests.first_failure("")
+    if failed:
+        sys.exit(f"{failed} fails without a fault")
+    return tests
+
+
+def main():
+    count, seed = int(sys.argv[1]), int(sys.argv[2])
+    resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
+    tests, places, rng = prepare(), sites(), random.Random(seed)
+    sound, drawn, missed, done = products(), set(), [], 0
+    while done < count:
+        fault = draw(rng, places)
+        if fault in drawn or fault.old == fault.new:
+            continue
+        drawn.add(fault)
+        begin = time.monotonic()
+        plant(fault)
+        try:
+            # A fault that does not compile, or leaves the same program, is not one.
+            if not build() or products() == sound:
+                continue
+            finder = tests.first_failure(fault.file)
+        finally:
+            remove(fault)
+        done += 1
+        if not finder:
+            missed.append(fault)
+        said = f"found by {finder}" if finder else "NOT FOUND"
+        print(f"{done}. {said} in {time.monotonic() - begin:.0f} s: {describe(fault)}", flush=True)
+    if missed:
+        print("\nNot found:")
+        for fault in missed:
+            print("  " + describe(fault))
+    found = count - len(missed)
+    print(f"\n{found} of {count} found" + (f" ({100 * found / count:.0f} %)" if count else ""))
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,100 @@
+#include "symforge/src/driver/batch_walk.h"
+
+#include <dirent.h>
+#include <strings.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+#include "base/printable.h"
+#include "symforge/src/driver/messages.h"
+
+namespace symforge_internal {
+
+namespace {
+
+constexpr size_t kLongestPath = 4095;  // bytes
+
+struct DirectoryCloser {
+  void operator()(DIR* directory) const { closedir(directory); }
+};
+
+bool has_extension(const std::string& path, const char* extension) {
+  const size_t dot = path.rfind('.');
+  return dot != std::string::npos && strcasecmp(path.c_str() + dot, extension) == 0;
+}
+
+}  // namespace
+
+void BatchWalk::collect(const std::string& path) {
+  if (has_extension(path, ".pdb")) {
+    found_.pdbs.insert(path);
+  } else if (has_extension(path, ".dll") || has_extension(path, ".exe")) {
+    found_.pes.insert(path);
+  } else if (has_extension(path, ".sym")) {
+    found_.syms.insert(path);
+  } else if (standard_) {
+    found_.others.insert(path);
+  }
+}
+
+bool BatchWalk::failed(const char* step, const std::string& path) {
+  ++failures_;
+  if (standard_) {
+    report("%s %s: %s", step, printable(path).c_str(), strerror(errno));
+  } else {
+    report("%s %s", step, printable(path).c_str());
+  }
+  return standard_;
+}
+
+bool BatchWalk::enter(unsigned long device, unsigned long inode) {
+  return !standard_ || entered_.emplace(device, inode).second;
+}
+
+// Adds the entries in the folder's order, so that the first is visited next.
+bool BatchWalk::visit_folder(const std::string& path) {
+  const std::unique_ptr<DIR, DirectoryCloser> directory(opendir(path.c_str()));
+  if (!directory) return failed("Failed to opendir", path);
+  const size_t before = pending_.size();
+  while (const dirent* entry = readdir(directory.get())) {
+    if (entry->d_name[0] == '.') continue;
+    pending_.push_back(path + "/" + entry->d_name);
+  }
+  const auto first = pending_.begin() + static_cast<std::ptrdiff_t>(before);
+  // In standard mode the order decides which of several paths to a folder is taken.
+  if (standard_) std::sort(first, pending_.end());
+  std::reverse(first, pending_.end());
+  return true;
+}
+
+bool BatchWalk::visit(const std::string& path) {
+  struct stat status;
+  if (path.size() > kLongestPath) {
+    errno = ENAMETOOLONG;
+    return failed("Failed to stat", path.substr(0, kLongestPath));
+  }
+  if (stat(path.c_str(), &status) != 0) return failed("Failed to stat", path);
+  if (S_ISREG(status.st_mode)) collect(path);
+  if (!S_ISDIR(status.st_mode) || !enter(status.st_dev, status.st_ino)) return true;
+  return visit_folder(path);
+}
+
+bool BatchWalk::run(const char* path) {
+  pending_.emplace_back(path);
+  while (!pending_.empty()) {
+    const std::string next = std::move(pending_.back());
+    pending_.pop_back();
+    if (!visit(next)) return false;
+  }
+  return true;
+}
+
+}  // namespace symforge_internal
+
+bool pdb_file_walk(const char* path, symforge_internal::BatchInput& found) {
+  return symforge_internal::BatchWalk(/*standard=*/false, found).run(path);
+}

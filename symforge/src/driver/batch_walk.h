@@ -1,0 +1,54 @@
+// Which files a batch converts: the walk over its folder.
+
+#pragma once
+
+#include <cstddef>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace symforge_internal {
+
+// What a walk found to convert. Paths in byte-wise order, which is the order of conversion.
+struct BatchInput {
+  std::set<std::string> pdbs;  // *.pdb
+  std::set<std::string> pes;   // *.exe, *.dll
+  std::set<std::string> syms;  // *.sym
+  // Standard mode alone: files with other names, which may be images.
+  std::set<std::string> others;
+};
+
+// Collects the files of a folder and its subfolders, or one file, by their extensions in any case.
+// Names that begin with a dot are passed over, symbolic links are followed, and only regular files
+// count. One folder is open at any moment, however deep they are nested.
+class BatchWalk {
+ public:
+  // `standard`: paths that cannot be read are reported and stepped over, and a folder that several
+  // paths lead to is entered once. Otherwise the first path that cannot be read ends the walk.
+  BatchWalk(bool standard, BatchInput& found) : standard_(standard), found_(found) {}
+
+  // False when the walk ended early.
+  bool run(const char* path);
+
+  // How many paths could not be read.
+  size_t failures() const { return failures_; }
+
+ private:
+  bool visit(const std::string& path);
+  bool visit_folder(const std::string& path);
+  bool enter(unsigned long device, unsigned long inode);
+  void collect(const std::string& path);
+  bool failed(const char* step, const std::string& path);
+
+  const bool standard_;
+  BatchInput& found_;
+  size_t failures_ = 0;
+  std::vector<std::string> pending_;                           // paths to visit, the next one last
+  std::set<std::pair<unsigned long, unsigned long>> entered_;  // folders by device and inode
+};
+
+}  // namespace symforge_internal
+
+// Collects in default mode. False, and logged, at the first path that cannot be read: `found` is
+// then incomplete.
+bool pdb_file_walk(const char* path, symforge_internal::BatchInput& found);

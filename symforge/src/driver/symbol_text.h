@@ -1,0 +1,55 @@
+// The left half of a conversion: from an input to the text of a symbol file.
+
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "base/text_buffer.h"
+#include "symforge/src/driver/conversion_options.h"
+#include "symforge/src/utils.h"
+
+namespace symforge_internal {
+
+// An input whose kind is known. Text symbol files and SYMB images are read as a whole; PDBs and
+// PE images are left to their parser, which maps them.
+class OpenedInput {
+ public:
+  // What an input is goes by its first bytes. One that cannot be read counts as a PDB: the parser
+  // is the one that reports it.
+  enum class Kind { kText, kSymb, kPdb, kPeAlone };
+
+  explicit OpenedInput(const ConversionInput& input) : input_(input) {}
+
+  // False, and reported, for a text or SYMB file that cannot be read to its end.
+  bool open(const ConversionOptions& options);
+
+  const ConversionInput& input() const { return input_; }
+  Kind kind() const { return kind_; }
+  TextBuffer& content() { return content_; }
+  const TextBuffer& content() const { return content_; }
+
+  // Of a PDB: the files that may be its image; which one is decided by their content. In default
+  // mode the parser looks for them itself, in the same places.
+  const std::vector<std::string>& image_candidates() const { return image_candidates_; }
+
+ private:
+  ConversionInput input_;
+  Kind kind_ = Kind::kPdb;
+  TextBuffer content_;
+  std::vector<std::string> image_candidates_;
+};
+
+// The text of a symbol file.
+struct SymbolText {
+  TextBuffer text;
+  // Who it belongs to, when its source says so itself. Otherwise the lines of the text decide.
+  std::optional<sym_info> identity;
+};
+
+// Brings the input to text, and takes its content. False, and reported, for a SYMB image that is
+// damaged. PDBs and PE images throw what PDBParser throws.
+bool text_of(OpenedInput& opened, const ConversionOptions& options, SymbolText& result);
+
+}  // namespace symforge_internal

@@ -1,0 +1,131 @@
+#include "symforge/src/driver/write_result.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "base/file_io.h"
+#include "base/printable.h"
+#include "common/symb_text.h"
+#include "symforge/src/driver/convert.h"
+#include "symforge/src/driver/messages.h"
+
+namespace symforge_internal {
+
+namespace {
+
+// What a conversion writes: the text itself, or the SYMB image made of it, which may not exist.
+struct Output {
+  std::string_view bytes;
+  TextBuffer text;  // either of them holds `bytes`
+  std::unique_ptr<char[]> image;
+  bool complete = true;  // false: no image could be made, the output is empty
+};
+
+Output make_output(TextBuffer symbol_data, bool binary) {
+  Output output;
+  if (!binary) {
+    output.text = std::move(symbol_data);
+    output.bytes = output.text.view();
+    return output;
+  }
+  char* image = nullptr;
+  size_t size = 0;
+  output.complete = symb_write(std::move(symbol_data), &image, &size);
+  if (output.complete) {
+    output.image.reset(image);
+    output.bytes = {image, size};
+  }
+  return output;
+}
+
+bool write_to_stdout(std::string_view content) {
+  if (write_file(STDOUT_FILENO, content)) return true;
+  report_errno("failed to write");
+  return false;
+}
+
+bool make_folders(const sym_info& info, const ConversionOptions& options) {
+  constexpr mode_t kDefaultMode = 0700;
+  constexpr mode_t kStandardMode = 0777;
+  const mode_t mode = options.standard ? kStandardMode : kDefaultMode;
+  if (make_tree_folders(options.tree, info.debug_file, info.debug_id, mode) == TreeFolders::kMade) {
+    return true;
+  }
+  const int error = errno;
+  const std::string path = printable(info.debug_file + "/" + info.debug_id);
+  if (options.standard) {
+    report("failed to create symbol file path: %s: %s", path.c_str(), strerror(error));
+  } else {
+    report("failed to create symbol file path: %s", path.c_str());
+  }
+  return false;
+}
+
+bool replace_target(const std::string& target, std::string_view content,
+                    const ConversionOptions& options) {
+  constexpr mode_t kDefaultMode = 0600;
+  constexpr mode_t kStandardMode = 0666;
+  const ReplaceOptions how = {.mode = options.standard ? kStandardMode : kDefaultMode,
+                              .sync = options.sync};
+  if (const char* failed = replace_file(target, content, how)) {
+    report_errno(failed);
+    return false;
+  }
+  return true;
+}
+
+// In standard mode a link that is there with the right target counts as made.
+bool link_code_id(const sym_info& info, const ConversionOptions& options) {
+  if (pdb_create_codeid_link(info, options.tree)) return true;
+  if (!options.standard) return false;
+  const int error = errno;
+  const std::string link = code_id_link(info, options.tree);
+  if (link_target(link) == info.debug_id) return true;
+  report("failed to link %s: %s", printable(link).c_str(), strerror(error));
+  return false;
+}
+
+}  // namespace
+
+std::string code_id_link(const sym_info& info, std::string_view tree) {
+  const bool due = !info.code_id.empty() && (string_ends_with(info.code_file, ".exe") ||
+                                             string_ends_with(info.code_file, ".dll"));
+  if (!due) return {};
+  return std::string(tree).append("/").append(info.debug_file).append("/").append(info.code_id);
+}
+
+bool write_result(SymbolText result, const ConversionOptions& options) {
+  sym_info info;
+  if (result.identity) info = *std::move(result.identity);
+  const bool known = result.identity ? !info.debug_id.empty() && !info.debug_file.empty()
+                                     : sym_info_parse(result.text.c_str(), info);
+  if (!known) {
+    report(options.standard ? "the text has no complete MODULE line"
+                            : "failed to extrace debug id from data");
+    return false;
+  }
+  if (options.tree == nullptr) {
+    const Output output = make_output(std::move(result.text), options.binary);
+    if (!output.complete && options.standard) report("no SYMB image can be made of the text");
+    return write_to_stdout(output.bytes) && output.complete;
+  }
+
+  if (!make_folders(info, options)) return false;
+  // Made before the temporary file is: a text that the image writer dies of leaves none behind.
+  const Output output = make_output(std::move(result.text), options.binary);
+  if (!output.complete && options.standard) {
+    report("no SYMB image can be made of the text");
+    return false;
+  }
+  const std::string target =
+      tree_path(options.tree, info.debug_file, info.debug_id, options.binary);
+  if (!replace_target(target, output.bytes, options)) return false;
+  return output.complete && link_code_id(info, options);
+}
+
+}  // namespace symforge_internal

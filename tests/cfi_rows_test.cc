@@ -1,0 +1,169 @@
+// Unwind rules as STACK CFI lines.
+
+#include "symforge/src/pe/cfi_rows.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstdio>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace symforge_internal {
+namespace {
+
+enum Register : uint8_t { kSp, kFp, kLr, kX19 };
+constexpr std::array<std::string_view, 4> kNames = {"sp", "x29", "x30", "x19"};
+
+CfiRules rules(uint8_t cfa_register, int64_t cfa_offset,
+               std::vector<std::pair<uint8_t, int64_t>> saved = {}) {
+  CfiRules made;
+  made.setCfa(cfa_register, cfa_offset);
+  made.setReturnAddressRegister(kLr);
+  for (const auto& [reg, distance] : saved) made.save(reg, distance);
+  return made;
+}
+
+CfiRules withReturnAddressBelow(int64_t distance, CfiRules made) {
+  made.setReturnAddressBelowCfa(distance);
+  return made;
+}
+
+CfiMachine machine() { return {kNames, rules(kSp, 0)}; }
+
+struct Row {
+  uint32_t address;
+  CfiRules rules;
+};
+
+// The lines of one range of 0x20 bytes at 0x1000.
+std::string linesOf(const CfiRules& first, const std::vector<Row>& rows) {
+  TextBuffer out;
+  CfiWriter cfi(out, machine(), {});
+  EXPECT_TRUE(cfi.claim({0x1000, 0x20}));
+  cfi.start(first);
+  for (const Row& row : rows) cfi.change(row.address, row.rules);
+  cfi.finish();
+  return std::string(out.view());
+}
+
+TEST(CfiRowsTest, WritesTheRulesAtTheFirstByte) {
+  const std::string init = "STACK CFI INIT 1000 20 ";
+  EXPECT_EQ(linesOf(rules(kSp, 0), {}), init + ".cfa: sp 0 + .ra: x30\n");
+  // Registers in the machine's order; a negative distance is above the CFA.
+  EXPECT_EQ(linesOf(withReturnAddressBelow(8, rules(kFp, -16, {{kX19, -8}, {kFp, 0}})), {}),
+            init + ".cfa: x29 16 - .ra: .cfa 8 - ^ x29: .cfa 0 - ^ x19: .cfa 8 + ^\n");
+  // Numbers of any width fit.
+  CfiRules widest = withReturnAddressBelow(-INT64_MAX, rules(kX19, -INT64_MAX));
+  for (uint8_t reg = 0; reg < kNames.size(); ++reg) widest.save(reg, INT64_MAX);
+  const std::string below = ": .cfa 9223372036854775807 - ^";
+  EXPECT_EQ(linesOf(widest, {}), init + ".cfa: x19 9223372036854775807 - .ra: .cfa " +
+                                     "9223372036854775807 + ^ sp" + below + " x29" + below +
+                                     " x30" + below + " x19" + below + "\n");
+}
+
+TEST(CfiRowsTest, WritesOnlyWhatChanges) {
+  const CfiRules entry = rules(kSp, 0);
+  const CfiRules pushed = withReturnAddressBelow(8, rules(kSp, 16, {{kFp, 16}}));
+  const std::string init = "STACK CFI INIT 1000 20 .cfa: sp 0 + .ra: x30\n";
+  const std::string push = "STACK CFI 1004 .cfa: sp 16 + .ra: .cfa 8 - ^ x29: .cfa 16 - ^\n";
+  const struct {
+    std::vector<Row> rows;
+    std::string lines;
+  } cases[] = {
+      {{{0x1004, pushed}}, init + push},
+      // The same rules again are no row, also not one after the other in several steps.
+      {{{0x1004, pushed}, {0x1008, pushed}, {0x100C, entry}, {0x100C, pushed}}, init + push},
+      // A register that is saved elsewhere, and one that is no longer saved.
+      {{{0x1004, pushed},
+        {0x1008, withReturnAddressBelow(8, rules(kSp, 16, {{kFp, 8}, {kX19, 32}}))},
+        {0x101F, entry}},
+       init + push +
+           "STACK CFI 1008 x29: .cfa 8 - ^ x19: .cfa 32 - ^\n"
+           "STACK CFI 101f .cfa: sp 0 + .ra: x30 x29: x29 x19: x19\n"},
+      // Several changes at one address are one row; at the first byte they belong to the INIT line.
+      {{{0x1004, rules(kSp, 32)}, {0x1004, pushed}}, init + push},
+      {{{0x1000, rules(kSp, 32)}, {0x1000, rules(kFp, 48)}},
+       "STACK CFI INIT 1000 20 .cfa: x29 48 + .ra: x30\n"},
+      // Nothing takes effect after the range.
+      {{{0x1004, pushed}, {0x1020, entry}, {UINT32_MAX, entry}}, init + push},
+  };
+  for (const auto& c : cases) EXPECT_EQ(linesOf(entry, c.rows), c.lines);
+}
+
+// The ranges of the INIT lines, each as "begin+size " in hexadecimal digits, those of entries with
+// rules of their own in brackets.
+std::string rangesOf(const std::vector<CodeRange>& functions, const std::vector<CodeRange>& entries,
+                     std::vector<bool>* claimed = nullptr) {
+  TextBuffer out;
+  CfiWriter cfi(out, machine(), functions);
+  for (const CodeRange& entry : entries) {
+    const bool taken = cfi.claim(entry);
+    if (taken) cfi.start(rules(kFp, 0));
+    if (claimed != nullptr) claimed->push_back(taken);
+  }
+  cfi.finish();
+  std::string ranges;
+  std::string_view rest = out.view();
+  while (!rest.empty()) {
+    const std::string line(rest.substr(0, rest.find('\n')));
+    rest.remove_prefix(line.size() + 1);
+    char begin[16];
+    char size[16];
+    char reg[8];
+    EXPECT_EQ(std::sscanf(line.c_str(), "STACK CFI INIT %15s %15s .cfa: %7s", begin, size, reg), 3)
+        << line;
+    const std::string range = std::string(begin) + "+" + size;
+    ranges += (std::string(reg) == "sp" ? range : "[" + range + "]") + " ";
+  }
+  return ranges;
+}
+
+TEST(CfiRowsTest, CoversTheRestOfFunctionsAsLeaves) {
+  const struct {
+    std::vector<CodeRange> functions;
+    std::vector<CodeRange> entries;
+    std::string ranges;
+  } cases[] = {
+      {{{0x10, 0x10}, {0x20, 0x10}}, {}, "10+10 20+10 "},
+      {{{0x10, 0x10}, {0x20, 0x10}}, {{0x10, 0x10}}, "[10+10] 20+10 "},
+      {{{0x10, 0x10}},
+       {{0x0, 0x8}, {0x14, 4}, {0x1A, 2}, {0x40, 4}},
+       "[0+8] 10+4 [14+4] 18+2 [1a+2] 1c+4 [40+4] "},
+      // An entry over several functions, and one that begins in the middle of one.
+      {{{0x10, 0x10}, {0x20, 8}, {0x28, 8}, {0x30, 8}}, {{0x18, 0x1C}}, "10+8 [18+1c] 34+4 "},
+      // Functions that overlap, are the same, or have no code.
+      {{{0x10, 0x40}, {0x10, 0x40}, {0x20, 0}, {0x20, 8}, {0x48, 0x10}},
+       {{0x24, 4}, {0x30, 4}},
+       "10+14 [24+4] 28+8 [30+4] 34+1c 50+8 "},
+      // The end of the address space.
+      {{{0xFFFFFFF0, 0x20}, {0xFFFFFFFF, 0xFFFFFFFF}},
+       {{0xFFFFFFF8, 4}},
+       "fffffff0+8 [fffffff8+4] fffffffc+4 "},
+      {{{0xFFFFFFF0, 0x20}}, {{0xFFFFFFF8, 0x20}}, "fffffff0+8 [fffffff8+20] "},
+  };
+  for (const auto& c : cases) EXPECT_EQ(rangesOf(c.functions, c.entries), c.ranges);
+}
+
+TEST(CfiRowsTest, RefusesEntriesThatOverlapAnEarlierOne) {
+  std::vector<bool> claimed;
+  EXPECT_EQ(rangesOf({{0x10, 0x30}},
+                     {{0x18, 8}, {0x1F, 8}, {0x18, 8}, {0x8, 4}, {0x20, 0}, {0x20, 4}}, &claimed),
+            "10+8 [18+8] [20+4] 24+1c ");
+  EXPECT_EQ(claimed, (std::vector<bool>{true, false, false, false, false, true}));
+}
+
+TEST(CfiRowsTest, LeavesARangeWithoutRulesOut) {
+  TextBuffer out;
+  const CodeRange functions[] = {{0x10, 0x20}};
+  CfiWriter cfi(out, machine(), functions);
+  EXPECT_TRUE(cfi.claim({0x18, 8}));
+  cfi.finish();
+  EXPECT_EQ(out.view(),
+            "STACK CFI INIT 10 8 .cfa: sp 0 + .ra: x30\n"
+            "STACK CFI INIT 20 10 .cfa: sp 0 + .ra: x30\n");
+}
+
+}  // namespace
+}  // namespace symforge_internal
