@@ -1,6 +1,19 @@
 #include "symforge/src/standard/file_numbers.h"
 
+#include <charconv>
+
 namespace symforge_internal {
+
+void FileNumbers::add(uint32_t file) {
+  if (file >= m_lines.size()) m_lines.resize(file + file / 2 + 1);
+  m_used.push_back(file);
+  Line& line = m_lines[file];
+  line.number = static_cast<uint32_t>(m_used.size());
+  line.ending[0] = ' ';
+  char* const end = std::to_chars(line.ending + 1, line.ending + kEndingBytes - 1, line.number).ptr;
+  *end = '\n';
+  line.endingSize = static_cast<uint32_t>(end + 1 - line.ending);
+}
 
 uint32_t FileNumbers::lookUp(size_t module, uint32_t offset) const {
   uint32_t position;

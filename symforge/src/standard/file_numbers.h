@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string_view>
 #include <vector>
 
@@ -34,14 +35,18 @@ class FileNumbers {
 
   // The number to print for a source file that find() returned.
   uint32_t number(uint32_t file) {
-    if (file >= m_numbers.size()) m_numbers.resize(file + file / 2 + 1);
-    uint32_t& number = m_numbers[file];
-    if (number == 0) {
-      m_used.push_back(file);
-      number = static_cast<uint32_t>(m_used.size());
-    }
-    return number;
+    if (file >= m_lines.size() || m_lines[file].number == 0) add(file);
+    return m_lines[file].number;
   }
+
+  // Writes " NUMBER\n", the end of a line record, and returns the end of it. kEndingBytes are
+  // written whatever the number.
+  char* appendEnding(uint32_t file, char* at) {
+    if (file >= m_lines.size() || m_lines[file].number == 0) add(file);
+    std::memcpy(at, m_lines[file].ending, kEndingBytes);
+    return at + m_lines[file].endingSize;
+  }
+  static constexpr size_t kEndingBytes = 16;
 
   size_t count() const { return m_used.size(); }
 
@@ -49,13 +54,20 @@ class FileNumbers {
   void print(TextBuffer& out) const;
 
  private:
+  struct Line {
+    uint32_t number = 0;  // 0: not used so far
+    uint32_t endingSize = 0;
+    char ending[kEndingBytes] = {};
+  };
+
+  void add(uint32_t file);
   uint32_t lookUp(size_t module, uint32_t offset) const;
   std::string_view nameOf(uint32_t file) const;
 
   const SourceFiles& m_sources;
   const NameStream& m_names;
-  std::vector<uint32_t> m_numbers;  // by source file; 0: not used so far
-  std::vector<uint32_t> m_used;     // source files by number - 1
+  std::vector<Line> m_lines;     // by source file
+  std::vector<uint32_t> m_used;  // source files by number - 1
   // The last look-up: neighbours mostly ask for the same file.
   size_t m_lastModule = SIZE_MAX;
   uint32_t m_lastOffset = 0;

@@ -2,8 +2,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cstring>
-#include <iterator>
 #include <string_view>
 
 #include "symforge/src/pdb/binary_annotations.h"
@@ -19,28 +17,8 @@ constexpr uint32_t kNoChecksum = 0xFFFFFFFF;
 // Each byte of the file may cut an inlined call once; real files cut far less.
 constexpr uint64_t kLeastBudget = uint64_t{1} << 20;
 
-// " file\n", which ends a line record, padded so that all of it can be copied at once.
-constexpr size_t kEndingBytes = 16;
-constexpr size_t kMaxRecordBytes = 8 + 1 + 8 + 1 + 10 + kEndingBytes;
-
-// The end of a line record; the same for all records of a file.
-class Ending {
- public:
-  void set(uint32_t file) {
-    m_text[0] = ' ';
-    char* const end = std::to_chars(m_text + 1, std::end(m_text), file).ptr;
-    *end = '\n';
-    m_size = static_cast<size_t>(end + 1 - m_text);
-  }
-  char* append(char* at) const {
-    std::memcpy(at, m_text, sizeof(m_text));
-    return at + m_size;
-  }
-
- private:
-  char m_text[kEndingBytes] = {};
-  size_t m_size = 0;
-};
+// "ADDRESS SIZE LINE" and the end of the record.
+constexpr size_t kMaxRecordBytes = 8 + 1 + 8 + 1 + 10 + FileNumbers::kEndingBytes;
 
 }  // namespace
 
@@ -228,19 +206,13 @@ void FunctionWriter::writeLines(const PlacedFunction& function, const std::vecto
                                 TextBuffer& out) {
   char* const begin = out.prepare(kMaxRecordBytes * rows.size());
   char* at = begin;
-  uint32_t file = kNoFile;
-  Ending ending;
   for (const CodeRow& row : rows) {
-    if (row.place.file != file) {
-      file = row.place.file;
-      ending.set(m_files.number(file));
-    }
     at = put_hex(at, function.rva + row.start);
     *at++ = ' ';
     at = put_hex(at, row.end - row.start);
     *at++ = ' ';
     at = std::to_chars(at, at + 10, row.place.line).ptr;
-    at = ending.append(at);
+    at = m_files.appendEnding(row.place.file, at);
   }
   out.commit(static_cast<size_t>(at - begin));
   m_counts.lines += rows.size();

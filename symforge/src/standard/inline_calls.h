@@ -13,8 +13,9 @@
 // of the code around it at the same address: of the function's own lines at depth 0, of the rows of
 // the enclosing site below.
 //
-// The time is n log n for n rows and ranges. Ranges can be more than rows, as each enclosing site
-// cuts the sites inside of it; they are counted against a budget of the whole file.
+// One sweep over the code finds at each address the path of open calls from the function to the
+// innermost one. Its time is that of sorting the rows and of the paths; the steps along them are
+// counted against a budget of the whole file.
 
 #pragma once
 
@@ -47,8 +48,8 @@ class InlineCalls {
   // The most calls inside of each other. Compilers stop inlining long before.
   static constexpr uint32_t kMaxDepth = 256;
 
-  // `maxPieces`: how many ranges all functions together may be cut into; see resolve().
-  explicit InlineCalls(uint64_t maxPieces) : m_budget(maxPieces) {}
+  // `maxSteps`: how many ranges all functions together may be cut into, counted at each depth.
+  explicit InlineCalls(uint64_t maxSteps) : m_budget(maxSteps) {}
 
   // Starts a function of `size` bytes; keeps the memory.
   void begin(uint32_t size);
@@ -87,59 +88,55 @@ class InlineCalls {
     uint32_t parent = kNone;
     uint32_t depth = 0;  // of the call
     uint32_t origin = 0;
-    uint32_t firstChild = kNone;
-    uint32_t lastChild = kNone;
-    uint32_t nextSibling = kNone;
-    uint32_t firstRow = 0;
-    uint32_t rowCount = 0;
-    uint32_t firstPiece = 0;
-    uint32_t pieceCount = 0;
+    uint32_t openRow = kNone;  // the last one that was opened of those of its children
+    uint32_t firstPiece = kNone;
+    uint32_t lastPiece = kNone;
+    uint32_t file = kNoFile;  // of its first code
   };
-  // A row of some child of the site that is being resolved.
-  struct ChildRow {
-    CodeRow row;
+  struct Row {
+    CodeRow code;
     uint32_t site = 0;
-    uint32_t sequence = 0;
+    uint32_t outer = kNone;  // the row that was open among its siblings when it was opened
   };
-  // A part of a site's code, with the place of the call.
+  // A part of a site's code with one call place.
   struct Piece {
-    CodeRow row;
+    uint32_t start = 0;
+    uint32_t end = 0;
+    SourcePlace caller;
+    uint32_t next = kNone;  // of the same site
+  };
+  // A call that is open at the present address.
+  struct OpenCall {
+    uint32_t site = 0;
+    uint32_t file = kNoFile;
     SourcePlace caller;
   };
-  struct ChildPiece {
-    Piece piece;
-    uint32_t site = 0;
-  };
 
-  void makeRootPieces(const std::vector<CodeRow>& ownLines);
-  void resolveChildren(const Site& site);
-  void gatherChildRows(const Site& site);
-  void coverChildRows();
-  void cover(uint32_t start, uint32_t end, const ChildRow& row);
-  void cutPiece(const CodeRow& parent, size_t& next);
-  void addLeaf(uint32_t start, uint32_t end, const SourcePlace& place);
-  void addChildPiece(const ChildRow& row, const CodeRow& parent);
-  void distribute(const Site& site);
+  void sortRows();
+  uint32_t nextStart() const;
+  void openRows(uint32_t at);
+  uint32_t followPath(uint32_t at, uint32_t end, SourcePlace& place);
+  uint32_t innermostRow(Site& site, uint32_t at);
+  void addPiece(const OpenCall& call, uint32_t start, uint32_t end);
+  void addLine(uint32_t start, uint32_t end, const SourcePlace& place);
   void addCalls(const Site& site);
   void addCall(const Site& site, const Piece* first, const Piece* last);
-  void finishLines();
-  void spend(size_t pieces);
+  void spend(size_t steps);
 
   uint64_t m_budget;
   uint32_t m_size = 0;
   std::vector<Site> m_sites;
   std::vector<uint32_t> m_open;  // sites; for one that was left out, the site around it
-  std::vector<CodeRow> m_rows;
-  std::vector<Piece> m_pieces;  // of each site together
+  std::vector<Row> m_rows;
+  std::vector<Piece> m_pieces;
   std::vector<InlinedCall> m_calls;
   std::vector<InlineRange> m_ranges;
   std::vector<CodeRow> m_lines;
 
-  // Of the site that is being resolved.
-  std::vector<ChildRow> m_childRows;
-  std::vector<ChildRow> m_cover;  // the same without overlap
-  std::vector<uint32_t> m_stack;  // positions in m_childRows
-  std::vector<ChildPiece> m_childPieces;
+  // Of the sweep.
+  std::vector<uint64_t> m_order;  // start of a row above its position
+  size_t m_nextRow = 0;           // in m_order
+  std::vector<OpenCall> m_path;
   std::vector<Piece> m_sorted;
 };
 
