@@ -8,6 +8,7 @@ namespace symforge_internal {
 // Modules that share a stream would be read again and again.
 void FunctionCollector::collect(ModuleStreams& modules) {
   m_lines.resize(modules.size());
+  m_nextBlock.resize(modules.size());
   std::vector<bool> seen(size_t{1} << 16);
   for (size_t i = 0; i < modules.size(); ++i) {
     const size_t before = m_functions.size();
@@ -110,11 +111,17 @@ void FunctionCollector::collectLines(const ModuleStream& module, uint32_t number
 std::span<const LineBlock> FunctionCollector::lineBlocks(uint32_t module, uint32_t rva,
                                                          uint64_t end) const {
   const std::vector<LineBlock>& blocks = m_lines[module];
-  const auto before = [](const LineBlock& block, uint64_t wanted) { return block.rva < wanted; };
-  const auto first = std::lower_bound(blocks.begin(), blocks.end(), rva, before);
-  auto last = first;
-  while (last != blocks.end() && last->rva < end) ++last;
-  return {first, last};
+  size_t& next = m_nextBlock[module];
+  const bool isFirst =
+      next < blocks.size() && blocks[next].rva >= rva && (next == 0 || blocks[next - 1].rva < rva);
+  if (!isFirst) {
+    const auto before = [](const LineBlock& block, uint32_t wanted) { return block.rva < wanted; };
+    next = static_cast<size_t>(std::lower_bound(blocks.begin(), blocks.end(), rva, before) -
+                               blocks.begin());
+  }
+  const size_t first = next;
+  while (next < blocks.size() && blocks[next].rva < end) ++next;
+  return {blocks.data() + first, next - first};
 }
 
 }  // namespace symforge_internal

@@ -95,6 +95,8 @@ bool FunctionLayout::choose(Run run, PlacedFunction& placed) const {
     placed.function = run.front().function;
     return false;
   }
+  placed.function = first->function;
+  if (run.size() == 1) return true;
   auto shown = first;
   while (shown != run.end() && (!hasCode(*shown) || blocksAt(shown->function) == 0)) ++shown;
   if (shown == run.end()) shown = first;

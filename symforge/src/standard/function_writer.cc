@@ -1,8 +1,8 @@
 #include "symforge/src/standard/function_writer.h"
 
 #include <algorithm>
-#include <charconv>
 #include <string_view>
+#include <utility>
 
 #include "symforge/src/pdb/binary_annotations.h"
 #include "symforge/src/standard/moved_rows.h"
@@ -145,23 +145,34 @@ void FunctionWriter::openSite(const PlacedFunction& function, uint32_t symbol) {
   DataPtr<uint8_t> annotations;
   if (size != 0) annotations = reader.read<uint8_t>(size);
 
-  const uint32_t origin = m_origins.find(m_sources.items.find(m_function->module, inlinee));
-  if (origin == InlineOrigins::kUnnamed || m_calls.full()) {
+  const Callee& callee = findCallee(inlinee);
+  const bool unnamed = callee.origin == InlineOrigins::kUnnamed;
+  if (unnamed || m_calls.full()) {
     m_calls.openLeftOut();
-    ++(origin == InlineOrigins::kUnnamed ? m_counts.unnamedInlinees : m_counts.tooDeepCalls);
+    ++(unnamed ? m_counts.unnamedInlinees : m_counts.tooDeepCalls);
     return;
   }
-  m_calls.open(origin);
-  AnnotationStart start{kNoChecksum, 0, function.chunk, function.linkedSize};
-  if (const InlineeStart* found = m_inlinees.find(m_function->module, inlinee)) {
-    start.file = found->file;
-    start.line = found->line;
-  }
+  m_calls.open(callee.origin);
+  const AnnotationStart start{callee.file, callee.line, function.chunk, function.linkedSize};
   m_annotationRows.clear();
   if (!appendAnnotationRows(annotations.data, size, start, m_annotationRows)) {
     ++m_counts.damagedBlocks;
   }
   for (const AnnotationRow& row : m_annotationRows) addRow(function, row);
+}
+
+// Functions of one module mostly follow each other, and name the same callees.
+const FunctionWriter::Callee& FunctionWriter::findCallee(uint32_t inlinee) {
+  const uint32_t module = m_function->module;
+  Callee* known = m_callees.find(inlinee);
+  if (known != nullptr && known->module == module) return *known;
+  Callee callee{module, m_origins.find(m_sources.items.find(module, inlinee)), kNoChecksum, 0};
+  if (const InlineeStart* start = m_inlinees.find(module, inlinee)) {
+    callee.file = start->file;
+    callee.line = start->line;
+  }
+  if (known != nullptr) return *known = callee;
+  return m_callees.values()[m_callees.insert(inlinee, std::move(callee))];
 }
 
 void FunctionWriter::addRow(const PlacedFunction& function, const AnnotationRow& row) {
@@ -211,7 +222,7 @@ void FunctionWriter::writeLines(const PlacedFunction& function, const std::vecto
     *at++ = ' ';
     at = put_hex(at, row.end - row.start);
     *at++ = ' ';
-    at = std::to_chars(at, at + 10, row.place.line).ptr;
+    at = put_dec(at, row.place.line);
     at = m_files.appendEnding(row.place.file, at);
   }
   out.commit(static_cast<size_t>(at - begin));

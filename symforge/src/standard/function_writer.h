@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "base/first_wins_map.h"
 #include "base/text_buffer.h"
 #include "symforge/src/standard/annotation_rows.h"
 #include "symforge/src/standard/cross_module_items.h"
@@ -50,6 +51,15 @@ class FunctionWriter {
     uint32_t module = 0;
   };
 
+  // An inlined function as a module names it.
+  struct Callee {
+    uint32_t module = 0;
+    uint32_t origin = InlineOrigins::kUnnamed;
+    uint32_t file = 0;  // offset of the entry in the module's file checksums
+    uint32_t line = 0;
+  };
+
+  const Callee& findCallee(uint32_t inlinee);
   void writeFuncLine(const PlacedFunction& function, TextBuffer& out);
   void readLines(const PlacedFunction& function);
   void readLineBlock(const PlacedFunction& function, const LineBlock& block);
@@ -67,7 +77,8 @@ class FunctionWriter {
   InlineOrigins& m_origins;
   StandardCounts& m_counts;
   ModuleInlinees m_inlinees;
-  ModuleReader m_symbols;  // two readers, as a module's symbols and lines are far apart
+  FirstWinsMap<Callee> m_callees;  // by item: of the module that named it last
+  ModuleReader m_symbols;          // two readers, as a module's symbols and lines are far apart
   ModuleReader m_lines;
 
   // Of the function that is being written.
