@@ -1,7 +1,6 @@
 #include "symforge/src/standard/function_collector.h"
 
 #include <algorithm>
-#include <stdexcept>
 
 namespace symforge_internal {
 
@@ -13,7 +12,7 @@ void FunctionCollector::collect(ModuleStreams& modules) {
   for (size_t i = 0; i < modules.size(); ++i) {
     const size_t before = m_functions.size();
     const uint16_t stream = modules[i].streamNumber();
-    if (modules[i].hasStream() && !seen[stream]) {
+    if (!seen[stream]) {
       seen[stream] = true;
       collectModule(modules[i], static_cast<uint32_t>(i));
     }
@@ -30,8 +29,6 @@ void FunctionCollector::collectModule(ModuleStream& module, uint32_t number) {
     collectLines(module, number);
   } catch (const pdb_exception&) {
     ++m_damaged;
-  } catch (const std::out_of_range&) {
-    ++m_damaged;  // a stream that does not exist
   }
 }
 

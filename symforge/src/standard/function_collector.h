@@ -50,8 +50,9 @@ class FunctionCollector {
   FunctionCollector(const SectionMap& sections, bool withInlines)
       : m_sections(sections), m_withInlines(withInlines) {}
 
-  // Reads all modules. A module whose streams end too early or are damaged loses what is left of
-  // it. Code in sections that the image does not have is left out. To be called once.
+  // Reads all modules, whose streams must exist. A module whose streams end too early or are
+  // damaged loses what is left of it. Code in sections that the image does not have is left out. To
+  // be called once.
   void collect(ModuleStreams& modules);
 
   // In the order of the modules and their symbols.

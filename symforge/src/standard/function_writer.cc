@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "symforge/src/pdb/binary_annotations.h"
+#include "symforge/src/standard/line_name.h"
 #include "symforge/src/standard/moved_rows.h"
 
 namespace symforge_internal {
@@ -52,10 +53,11 @@ void FunctionWriter::writeFuncLine(const PlacedFunction& function, TextBuffer& o
   constexpr size_t kNumbers = 64;
   m_name.clear();
   m_sources.names.appendFunction(m_function->name.data, m_function->typeIndex, m_name);
-  if (m_name.empty()) m_name = "<unnamed function>";
-  LineWriter line(out, kNumbers + m_name.size());
+  std::string_view name = lineName(m_name, m_printableName);
+  if (name.empty()) name = "<unnamed function>";
+  LineWriter line(out, kNumbers + name.size());
   line.str(function.shared ? "FUNC m " : "FUNC ").hex(function.rva).chr(' ').hex(function.size);
-  line.chr(' ').hex(function.paramSize).chr(' ').str(m_name).chr('\n');
+  line.chr(' ').hex(function.paramSize).chr(' ').str(name).chr('\n');
   ++m_counts.functions;
   m_counts.sharedFunctions += function.shared ? 1 : 0;
 }

@@ -84,6 +84,7 @@ class FunctionWriter {
   // Of the function that is being written.
   const CollectedFunction* m_function = nullptr;
   std::string m_name;
+  std::string m_printableName;
   LineTable m_table;
   InlineCalls m_calls;
   std::vector<AnnotationRow> m_annotationRows;

@@ -2,13 +2,16 @@
 
 #include <functional>
 
+#include "symforge/src/standard/line_name.h"
+
 namespace symforge_internal {
 
 uint32_t InlineOrigins::find(uint32_t inlinee) {
   const uint32_t known = m_byInlinee.find(inlinee);
   if (known != 0) return known == kUnnamed ? kUnnamed : known - 1;
   m_name.clear();
-  const uint32_t origin = m_names.appendInlinee(inlinee, m_name) ? add(m_name) : kUnnamed;
+  const uint32_t origin =
+      m_names.appendInlinee(inlinee, m_name) ? add(lineName(m_name, m_printableName)) : kUnnamed;
   m_byInlinee[inlinee] = origin == kUnnamed ? kUnnamed : origin + 1;
   return origin;
 }

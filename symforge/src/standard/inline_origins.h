@@ -40,6 +40,7 @@ class InlineOrigins {
   OpenAddressingIndex m_byInlinee;  // origin + 1, or kUnnamed
   OpenAddressingIndex m_byHash;     // first origin of a hash + 1
   std::string m_name;
+  std::string m_printableName;
   TextBuffer m_texts;  // of all origins, one after the other
   struct Origin {
     size_t end = 0;  // of its text in m_texts

@@ -16,6 +16,7 @@
 #include "symforge/src/standard/function_names.h"
 #include "symforge/src/standard/function_writer.h"
 #include "symforge/src/standard/inline_origins.h"
+#include "symforge/src/standard/line_name.h"
 
 namespace symforge_internal {
 
@@ -40,7 +41,8 @@ const char* architecture(uint16_t machine) {
 
 void printPublic(const PlacedPublic& symbol, TextBuffer& out) {
   constexpr size_t kNumbers = 64;
-  std::string_view name = symbol.name;
+  std::string storage;
+  std::string_view name = lineName(symbol.name, storage);
   if (name.empty()) name = "<unnamed symbol>";
   LineWriter line(out, kNumbers + name.size());
   line.str(symbol.shared ? "PUBLIC m " : "PUBLIC ").hex(symbol.rva).chr(' ');
@@ -51,7 +53,8 @@ void printPublic(const PlacedPublic& symbol, TextBuffer& out) {
 
 void StandardPrinter::printHeader(TextBuffer& out) const {
   constexpr size_t kWords = 64;
-  const std::string_view name = last_component(m_source.pdbFile);
+  std::string storage;
+  const std::string_view name = lineName(last_component(m_source.pdbFile), storage);
   LineWriter line(out, kWords + m_source.debugId.size() + name.size());
   line.str("MODULE windows ").str(architecture(m_source.dbi.header().machine)).chr(' ');
   line.str(m_source.debugId).chr(' ').str(name).chr('\n');
@@ -78,6 +81,9 @@ void StandardPrinter::print(TextBuffer& out) {
   const size_t start = out.size();
 
   ModuleStreams modules = m_source.dbi.readModuleList();
+  m_counts.damagedModules = std::erase_if(modules, [&file](const ModuleStream& module) {
+    return !module.hasStream() || module.streamNumber() >= file.streams().size();
+  });
   const DataPtr<DBIDebugHeader> debugHeader = m_source.dbi.readDebugHeader();
   refuseTokenMap(*debugHeader);
   SectionMap sections;
@@ -120,7 +126,7 @@ void StandardPrinter::print(TextBuffer& out) {
   m_counts.publics = layout.publics().size();
   m_counts.files = files.count();
   m_counts.origins = origins.count();
-  m_counts.damagedModules = collector.damagedModules();
+  m_counts.damagedModules += collector.damagedModules();
   m_counts.modulesWithoutFunctions = collector.modulesWithoutFunctions();
 }
 
