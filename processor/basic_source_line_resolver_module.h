@@ -98,6 +98,7 @@ class BasicSourceLineResolver::Module : public SourceLineResolverBase::Module {
 
   bool symb_loaded_ = false;
   const char* symb_base_ = nullptr;  // not owned
+  size_t symb_size_ = 0;
   std::string name_;
   FileMap files_;
   FunctionMap functions_;
