@@ -26,8 +26,9 @@ class NestedRangeStack {
     kOutOfOrder,  // begins before the last range, or is around it: only a tree can tell
   };
 
-  // `base` + `size` must not wrap.
-  Place add(uint64_t base, uint64_t size) {
+  // `base` + `size` must not wrap. A range equal to the one on top is inside it if its `depth` is
+  // greater by 1.
+  Place add(uint64_t base, uint64_t size, uint64_t depth = 0) {
     if (size == 0) return Place::kNothing;
     if (base < position_) return Place::kOutOfOrder;
     position_ = base;
@@ -36,9 +37,9 @@ class NestedRangeStack {
     if (!around_.empty()) {
       const Range& top = around_.back();
       if (high > top.high) return base == top.base ? Place::kOutOfOrder : Place::kNothing;
-      if (base == top.base && high == top.high) return Place::kNothing;
+      if (base == top.base && high == top.high && depth != top.depth + 1) return Place::kNothing;
     }
-    around_.push_back({base, high});
+    around_.push_back({base, high, depth});
     return Place::kInside;
   }
 
@@ -52,6 +53,7 @@ class NestedRangeStack {
   struct Range {
     uint64_t base;
     uint64_t high;
+    uint64_t depth;
   };
 
   // Real nesting fits in the object itself, so that a lookup allocates nothing here.

@@ -40,13 +40,19 @@ void LineGatherer::StoreOutOfOrder(const Line& line) {
   }
 }
 
+const std::vector<LineGatherer::Line>& LineGatherer::Sorted() {
+  if (ordered_) return lines_;
+  std::vector<Line> sorted;
+  sorted.reserve(lines_.size());
+  for (const auto& [high, range] : by_range_.GetMap()) sorted.push_back(lines_[range.entry()]);
+  lines_ = std::move(sorted);
+  by_range_.Clear();
+  ordered_ = true;
+  return lines_;
+}
+
 void LineGatherer::MoveTo(Arena& arena, BasicSourceLineResolver::Function* function) {
-  if (!ordered_) {
-    std::vector<Line> sorted;
-    sorted.reserve(lines_.size());
-    for (const auto& [high, range] : by_range_.GetMap()) sorted.push_back(lines_[range.entry()]);
-    lines_ = std::move(sorted);
-  }
+  Sorted();
   function->lines_ = arena.copy(lines_.data(), lines_.size());
   function->line_count_ = static_cast<uint32_t>(lines_.size());
   Clear();

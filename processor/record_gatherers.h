@@ -30,6 +30,8 @@ class LineGatherer {
   // Copies the lines in ascending order into `arena` and makes them the function's.
   void MoveTo(Arena& arena, BasicSourceLineResolver::Function* function);
   void Clear();
+  // The stored lines in ascending order, until the next Store, MoveTo or Clear.
+  const std::vector<Line>& Sorted();
 
  private:
   void StoreOutOfOrder(const Line& line);

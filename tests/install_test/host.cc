@@ -2,6 +2,7 @@
 // both. Prints one line for each. Has classes of its own with the names of internal ones.
 
 #include <common/symb.h>
+#include <common/symforge_version.h>
 #include <google_breakpad/processor/basic_source_line_resolver.h>
 
 #include <cstdio>
@@ -16,6 +17,8 @@
 #endif
 
 using test_support::TestModule;
+
+static_assert(SYMFORGE_VERSION >= 15004);
 
 namespace {
 
