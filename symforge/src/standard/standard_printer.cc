@@ -114,7 +114,7 @@ void StandardPrinter::print(TextBuffer& out) {
   CrossModuleItems items(modules, strings);
   FunctionWriter writer({file, modules, sections, collector, items, names}, files, origins,
                         m_counts);
-  for (const PlacedFunction& function : layout.functions()) writer.write(function, out);
+  writer.writeAll(layout.functions(), out);
   for (const PlacedPublic& symbol : layout.publics()) printPublic(symbol, out);
   TextBuffer tables;
   files.print(tables);
