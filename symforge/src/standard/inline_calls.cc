@@ -51,9 +51,10 @@ inline void InlineCalls::spend(size_t steps) {
 
 // By start, and those that start together in the order in which they were added.
 void InlineCalls::sortRows() {
-  m_order.clear();
   m_nextRow = 0;
-  for (const Row& row : m_rows) m_order.push_back(uint64_t{row.code.start} << 32 | m_order.size());
+  m_order.resize(m_rows.size());
+  uint64_t* const order = m_order.data();
+  for (size_t i = 0; i < m_rows.size(); ++i) order[i] = uint64_t{m_rows[i].code.start} << 32 | i;
   std::sort(m_order.begin(), m_order.end());
 }
 
@@ -72,9 +73,9 @@ inline void InlineCalls::openRows(uint32_t at) {
 }
 
 // The row that started last among those of the site's children that are open; kNone without one.
-inline uint32_t InlineCalls::innermostRow(Site& site, uint32_t at) {
-  while (site.openRow != kNone && m_rows[site.openRow].code.end <= at) {
-    site.openRow = m_rows[site.openRow].outer;
+inline uint32_t InlineCalls::innermostRow(Site& site, const Row* rows, uint32_t at) {
+  while (site.openRow != kNone && rows[site.openRow].code.end <= at) {
+    site.openRow = rows[site.openRow].outer;
   }
   return site.openRow;
 }
@@ -82,11 +83,13 @@ inline uint32_t InlineCalls::innermostRow(Site& site, uint32_t at) {
 // Makes m_path the calls around an address, from the function on. `place` is the function's own
 // there and becomes that of the innermost code. Returns up to where, at most `end`, all this is so.
 inline uint32_t InlineCalls::followPath(uint32_t at, uint32_t end, SourcePlace& place) {
+  Site* const sites = m_sites.data();
+  const Row* const rows = m_rows.data();
   m_path.clear();
   for (uint32_t site = 0;;) {
-    const uint32_t number = innermostRow(m_sites[site], at);
+    const uint32_t number = innermostRow(sites[site], rows, at);
     if (number == kNone) break;
-    const Row& row = m_rows[number];
+    const Row& row = rows[number];
     end = std::min(end, row.code.end);
     m_path.push_back({row.site, row.code.place.file, place});
     place = row.code.place;

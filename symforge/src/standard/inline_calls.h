@@ -116,7 +116,7 @@ class InlineCalls {
   uint32_t nextStart() const;
   void openRows(uint32_t at);
   uint32_t followPath(uint32_t at, uint32_t end, SourcePlace& place);
-  uint32_t innermostRow(Site& site, uint32_t at);
+  static uint32_t innermostRow(Site& site, const Row* rows, uint32_t at);
   void addPiece(const OpenCall& call, uint32_t start, uint32_t end);
   void addLine(uint32_t start, uint32_t end, const SourcePlace& place);
   void addCalls(const Site& site);
