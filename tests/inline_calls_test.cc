@@ -1,202 +1,314 @@
-// Inlined calls: ranges, nesting, call places and the lines of the innermost code.
-
-#include "symforge/src/standard/inline_calls.h"
+// Files of the published format: answers from the text, from its SYMB image, from the text that
+// comes back from that image, and from the image of this text.
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <deque>
 #include <random>
+#include <sstream>
 #include <string>
 #include <vector>
 
-#include "symforge/src/StreamReader.h"
+#include "tests/support/data.h"
+#include "tests/support/symb_images.h"
+#include "tests/support/symbols.h"
 
-namespace symforge_internal {
 namespace {
 
-constexpr uint64_t kPlenty = 1 << 20;
+using google_breakpad::StackFrame;
+using symforge_internal::TextDialect;
+using test_support::image_of;
+using test_support::is_valid;
+using test_support::Symbols;
+using test_support::test_data;
+using test_support::text_of;
 
-// A site of the function: rows of {start, end, line} in the file of its origin's number, and the
-// sites inside of it. Origin 0 stands for a site without a name.
-struct Site {
-  uint32_t origin;
-  std::vector<std::vector<uint32_t>> rows;
-  std::vector<Site> inside = {};
+// "function file:line | inline file:line | ...", the innermost inline frame first. With bases:
+// also the first address of the function and of its line.
+std::string described(const StackFrame& frame, bool with_bases = false) {
+  std::ostringstream out;
+  out << frame.function_name;
+  if (frame.source_line != -1) out << ' ' << frame.source_file_name << ':' << frame.source_line;
+  if (with_bases) out << " @" << frame.function_base << ',' << frame.source_line_base;
+  for (const StackFrame::Inline& site : frame.inlines) {
+    out << " | " << site.name << ' ' << site.source_file_name << ':' << site.source_line;
+  }
+  return out.str();
+}
+
+// The forms of one file. Their answers must be the same.
+class Forms {
+ public:
+  explicit Forms(const std::string& text) : text_(text) {
+    const std::string image = image_of(text).value();
+    EXPECT_TRUE(is_valid(image)) << text;
+    back_ = text_of(image, TextDialect::kStandard).value();
+    const std::string second_image = image_of(back_).value();
+    EXPECT_EQ(text_of(second_image, TextDialect::kStandard).value(), back_) << text;
+    forms_.emplace_back(text);
+    forms_.emplace_back(image);
+    forms_.emplace_back(back_);
+    forms_.emplace_back(second_image);
+  }
+
+  std::string answer(uint64_t address) const {
+    const StackFrame frame = forms_[0].frame(address);
+    for (size_t i = 1; i < forms_.size(); ++i) {
+      EXPECT_EQ(described(forms_[i].frame(address), true), described(frame, true))
+          << "form " << i << " at " << std::hex << address << "\n"
+          << text_ << "back:\n"
+          << back_;
+    }
+    return described(frame);
+  }
+  const std::string& back() const { return back_; }
+
+ private:
+  std::string text_;
+  std::string back_;
+  std::deque<Symbols> forms_;
 };
 
-void open(InlineCalls& calls, const Site& site) {
-  if (site.origin == 0) {
-    calls.openLeftOut();
-  } else {
-    calls.open(site.origin);
-    for (const auto& row : site.rows) calls.addRow({row[0], row[1], {site.origin, row[2]}});
-  }
-  for (const Site& inner : site.inside) open(calls, inner);
-  calls.close();
-}
-
-std::vector<CodeRow> own(const std::vector<std::vector<uint32_t>>& rows) {
-  std::vector<CodeRow> lines;
-  for (const auto& row : rows) lines.push_back({row[0], row[1], {1, row[2]}});
-  return lines;
-}
-
-// "depth file:line origin ranges; " of each call, then "| start-end file:line" of each line.
-std::string text(const InlineCalls& calls) {
-  std::string text;
-  const auto add = [&text](const char* format, auto... values) {
-    char piece[96];
-    std::snprintf(piece, sizeof(piece), format, values...);
-    text += piece;
+TEST(InlineCalls, FilesOfOtherSystems) {
+  const std::string kVec = "<alloc::vec::Vec<T> as core::iter::FromIterator<T>>::from_iter";
+  const std::string kIter = " /rustc/library/core/src/iter/mod.rs:";
+  const std::string kIndex = "std::vector<int, std::allocator<int> >::operator[](unsigned long)";
+  const std::string kMain = "server::main /home/u/server/src/main.rs:";
+  const std::string kClosure = "server::run::{{closure}} /home/u/server/src/main.rs:";
+  const std::string kApp = "-[AppDelegate application:didFinish:] /Users/u/App/main.mm:";
+  const std::string kShift = "operator<<(std::ostream&, Point const&) /Users/u/App/main.mm:";
+  const struct {
+    const char* file;
+    std::vector<std::pair<uint64_t, std::string>> answers;
+  } kCases[] = {
+      {"published_linux.sym",
+       {{0x1000, kMain + "10"},
+        {0x100f, kMain + "12 | " + kIndex + " /home/u/server/src/my file.cc:100 | " + kClosure +
+                     "7 | " + kVec + kIter + "40"},
+        {0x1010, kMain + "12 | " + kVec + kIter + "41"},
+        {0x1018, kMain + "13"},
+        {0x1020, kMain + "12 | " + kClosure + "8 | " + kVec + kIter + "40"},
+        {0x1028, "server::main"},
+        {0x1033, kMain + "14 | " + kClosure + "9"},
+        {0x1034, kMain + "15"},
+        {0x104f,
+         "(anonymous namespace)::shared<char const *>(char const *) "
+         "/home/u/server/src/my file.cc:3"},
+        {0x2000, "_start"}}},
+      {"published_mac.sym",
+       {{0x3f00, kApp + "20"},
+        // An origin that no line names.
+        {0x3f04, kApp + "21 | <omitted> /Users/u/App/main.mm:6 | " + kShift + "5"},
+        {0x3f08, kApp + "22"},
+        {0x3f10, kApp + "21 | " + kShift + "5"},
+        {0x4001, "_main"}}},
   };
-  for (const InlinedCall& call : calls.calls()) {
-    add("%u %u:%u %u", call.depth, call.caller.file, call.caller.line, call.origin);
-    for (uint32_t i = 0; i < call.rangeCount; ++i) {
-      const InlineRange& range = calls.ranges()[call.firstRange + i];
-      add(" %x-%x", range.start, range.end);
+  for (const auto& [file, answers] : kCases) {
+    const Forms forms(test_data(file));
+    for (const auto& [address, answer] : answers) {
+      EXPECT_EQ(forms.answer(address), answer) << file << ' ' << std::hex << address;
     }
-    text += "; ";
   }
-  text += "|";
-  for (const CodeRow& row : calls.lines()) {
-    add(" %x-%x %u:%u", row.start, row.end, row.place.file, row.place.line);
+}
+
+// Published text that comes back from SYMB keeps its calls, their places and their ranges.
+TEST(InlineCalls, TextComesBack) {
+  std::string expected = test_data("published_linux.sym");
+  const auto replace = [&expected](const std::string& from, const std::string& to) {
+    const size_t at = expected.find(from);
+    ASSERT_NE(at, std::string::npos) << from;
+    expected.replace(at, from.size(), to);
+  };
+  replace("INFO CODE_ID CD6ADC6E82B2581243FD59DA9C81BD83\n", "");  // needs a name in SYMB
+  replace("FUNC m ", "FUNC ");
+  EXPECT_EQ(Forms(test_data("published_linux.sym")).back(), expected);
+}
+
+TEST(InlineCalls, OddFiles) {
+  const std::string kHead = "MODULE Linux x86_64 0123 a\nFILE 1 a.cc\n";
+  const struct {
+    const char* text;
+    uint64_t address;
+    const char* answer;
+  } kCases[] = {
+      // Origins after their function; the first of two counts; an unknown file.
+      {"FUNC 100 10 0 f\nINLINE 0 5 2 3 100 4\n100 10 6 1\nINLINE_ORIGIN 3 g\nINLINE_ORIGIN 3 h\n",
+       0x100, "f -:5 | g a.cc:6"},
+      // No line record for the callee.
+      {"INLINE_ORIGIN 3 g\nFUNC 100 10 0 f\nINLINE 0 5 1 3 100 4\n108 8 6 1\n", 0x100,
+       "f a.cc:5 | g :0"},
+      // A depth without the depth above it; ranges outside of the function and of the caller.
+      {"INLINE_ORIGIN 3 g\nFUNC 100 10 0 f\nINLINE 1 5 1 3 100 4\n100 10 6 1\n", 0x100, "f a.cc:6"},
+      {"INLINE_ORIGIN 3 g\nFUNC 100 10 0 f\nINLINE 0 5 1 3 f0 20\nINLINE 1 7 1 3 10f 10\n"
+       "100 10 6 1\n",
+       0x10f, "f a.cc:5 | g a.cc:6 | g a.cc:7"},
+      // Of two calls at one depth that overlap the first to begin counts.
+      {"INLINE_ORIGIN 3 g\nINLINE_ORIGIN 4 h\nFUNC 100 10 0 f\nINLINE 0 5 1 3 104 8\n"
+       "INLINE 0 7 1 4 100 8\n100 10 6 1\n",
+       0x106, "f a.cc:7 | h a.cc:6"},
+      // I lines of a function with INLINE lines do not count.
+      {"INLINE_ORIGIN 3 g\nFUNC 100 10 0 f\nINLINE 0 5 1 3 100 8\n100 10 6 1\nI 100 4 9 1 0 i\n",
+       0x100, "f a.cc:5 | g a.cc:6"},
+  };
+  for (const auto& c : kCases) EXPECT_EQ(Forms(kHead + c.text).answer(c.address), c.answer);
+}
+
+// Lookups on text return inline frames for INLINE lines only.
+TEST(InlineCalls, TextWithSiteLinesAnswersNoInlines) {
+  const Symbols text("FILE 1 a.cc\nFUNC 100 10 0 f\n100 10 6 1\nI 100 4 9 1 0 i\n");
+  EXPECT_EQ(described(text.frame(0x100)), "f a.cc:6");
+}
+
+struct Call {
+  int depth;
+  int line, file, origin;
+  std::vector<std::pair<uint64_t, uint64_t>> ranges;  // first address, end
+  bool holds(uint64_t at) const {
+    return std::any_of(ranges.begin(), ranges.end(),
+                       [at](const auto& r) { return r.first <= at && at < r.second; });
+  }
+};
+struct Row {
+  uint64_t begin, end;
+  int line, file;
+};
+
+// A published function, and its answers by the definition of the format.
+class Model {
+ public:
+  Model(std::mt19937& random, uint64_t begin) : random_(random), begin_(begin) {
+    end_ = begin + 1 + pick(60);
+    for (uint64_t at = begin_; at < end_;) {
+      const uint64_t row_end = std::min(end_, at + 1 + pick(8));
+      if (pick(8) != 0) rows_.push_back({at, row_end, number(), number()});
+      at = row_end;
+    }
+    add_calls({{begin_, end_}}, 0);
+  }
+
+  std::string text() const {
+    std::ostringstream out;
+    out << "FUNC " << std::hex << begin_ << ' ' << end_ - begin_ << " 0 f" << begin_ << '\n';
+    for (const Call& call : calls_) {
+      out << std::dec << "INLINE " << call.depth << ' ' << call.line << ' ' << call.file << ' '
+          << call.origin << std::hex;
+      for (const auto& [first, last] : call.ranges) out << ' ' << first << ' ' << last - first;
+      out << '\n';
+    }
+    for (const Row& row : rows_) {
+      out << std::hex << row.begin << ' ' << row.end - row.begin << std::dec << ' ' << row.line
+          << ' ' << row.file << '\n';
+    }
+    return out.str();
+  }
+
+  std::string answer(uint64_t at) const {
+    std::vector<const Call*> chain;
+    for (int depth = 0;; ++depth) {
+      const auto call = std::find_if(calls_.begin(), calls_.end(), [&](const Call& c) {
+        return c.depth == depth && c.holds(at);
+      });
+      if (call == calls_.end()) break;
+      chain.push_back(&*call);
+    }
+    const auto row = std::find_if(rows_.begin(), rows_.end(),
+                                  [at](const Row& r) { return r.begin <= at && at < r.end; });
+    std::string place = row == rows_.end() ? "" : place_of(row->line, row->file);
+    std::string inlines;
+    for (auto call = chain.rbegin(); call != chain.rend(); ++call) {
+      inlines += " | g" + std::to_string((*call)->origin) + " " + (place.empty() ? ":0" : place);
+      place = place_of((*call)->line, (*call)->file);
+    }
+    std::ostringstream out;
+    out << 'f' << std::hex << begin_ << (place.empty() ? "" : " ") << place << inlines;
+    return out.str();
+  }
+
+  uint64_t begin() const { return begin_; }
+  uint64_t end() const { return end_; }
+
+ private:
+  uint64_t pick(uint64_t count) { return random_() % count; }
+  int number() { return static_cast<int>(pick(3)); }
+  static std::string place_of(int line, int file) {
+    return "file " + std::to_string(file) + ":" + std::to_string(line);
+  }
+
+  // Calls inside the given ranges: disjoint, often as large as their caller, often in parts.
+  void add_calls(const std::vector<std::pair<uint64_t, uint64_t>>& around, int depth) {
+    if (depth > 5 || pick(5) == 0) return;
+    std::vector<Call> calls(1 + pick(3));
+    for (Call& call : calls) call = {depth, number(), number(), number(), {}};
+    for (const auto& [first, last] : around) {
+      for (uint64_t at = first; at < last;) {
+        const uint64_t end = pick(3) == 0 ? last : std::min(last, at + 1 + pick(12));
+        if (pick(3) != 0) calls[pick(calls.size())].ranges.push_back({at, end});
+        at = end;
+      }
+    }
+    for (const Call& call : calls) {
+      if (call.ranges.empty()) continue;
+      calls_.push_back(call);
+      add_calls(call.ranges, depth + 1);
+    }
+  }
+
+  std::mt19937& random_;
+  uint64_t begin_;
+  uint64_t end_ = 0;
+  std::vector<Row> rows_;
+  std::vector<Call> calls_;
+};
+
+std::string head() {
+  std::string text = "MODULE mac arm64 0123 a\n";
+  for (int i = 0; i < 3; ++i)
+    text += "FILE " + std::to_string(i) + " file " + std::to_string(i) + "\n";
+  for (int i = 0; i < 3; ++i) {
+    text += "INLINE_ORIGIN " + std::to_string(i) + " g" + std::to_string(i) + "\n";
   }
   return text;
 }
 
-TEST(InlineCalls, FollowFromTheRowsOfTheSites) {
-  const struct {
-    const char* what;
-    std::vector<Site> sites;
-    const char* text;
-  } cases[] = {
-      {"a call of several ranges",
-       {{2, {{0x14, 0x18, 70}, {0x18, 0x1a, 71}, {0x1c, 0x20, 72}}}},
-       "0 1:11 2 14-1a 1c-20; | 0-10 1:10 10-14 1:11 14-18 2:70 18-1a 2:71 1a-1c 1:11 1c-20 2:72 "
-       "20-40 1:12"},
-      {"a call inside of a call",
-       {{2, {{0x10, 0x18, 70}, {0x18, 0x20, 71}}, {{3, {{0x14, 0x1c, 80}}}}}},
-       "0 1:11 2 10-20; 1 2:70 3 14-18; 1 2:71 3 18-1c; | 0-10 1:10 10-14 2:70 14-1c 3:80 "
-       "1c-20 2:71 20-40 1:12"},
-      {"a call from two lines",
-       {{2, {{0xc, 0x14, 70}}}},
-       "0 1:10 2 c-10; 0 1:11 2 10-14; | 0-c 1:10 c-14 2:70 14-20 1:11 20-40 1:12"},
-      {"the inner call has no more than its caller's code",
-       {{2, {{0x10, 0x18, 70}}, {{3, {{0x8, 0x20, 80}}}}}},
-       "0 1:11 2 10-18; 1 2:70 3 10-18; | 0-10 1:10 10-18 3:80 18-20 1:11 20-40 1:12"},
-      {"a caller without code of its own has no calls",
-       {{2, {}, {{3, {{0x10, 0x18, 80}}}}}},
-       "| 0-10 1:10 10-20 1:11 20-40 1:12"},
-      {"siblings share no code: the one that starts last has it",
-       {{2, {{0x10, 0x20, 70}}}, {3, {{0x14, 0x18, 80}}}, {4, {{0x1c, 0x24, 90}}}},
-       "0 1:11 2 10-14 18-1c; 0 1:11 3 14-18; 0 1:11 4 1c-20; 0 1:12 4 20-24; | 0-10 1:10 "
-       "10-14 2:70 14-18 3:80 18-1c 2:70 1c-24 4:90 24-40 1:12"},
-      {"rows out of order",
-       {{2, {{0x18, 0x1c, 71}, {0x10, 0x14, 70}}}},
-       "0 1:11 2 10-14 18-1c; | 0-10 1:10 10-14 2:70 14-18 1:11 18-1c 2:71 1c-20 1:11 20-40 1:12"},
-      {"a site without a name counts as its caller",
-       {{0, {}, {{3, {{0x14, 0x18, 80}}}}}},
-       "0 1:11 3 14-18; | 0-10 1:10 10-14 1:11 14-18 3:80 18-20 1:11 20-40 1:12"},
-      {"rows of size 0 and beyond the function",
-       {{2, {{0x14, 0x14, 70}, {0x3c, 0x80, 71}}}},
-       "0 1:12 2 3c-40; | 0-10 1:10 10-20 1:11 20-3c 1:12 3c-40 2:71"},
-  };
-  InlineCalls calls(kPlenty);
-  for (const auto& test : cases) {
-    calls.begin(0x40);
-    for (const Site& site : test.sites) open(calls, site);
-    calls.close();  // one too many
-    calls.resolve(own({{0, 0x10, 10}, {0x10, 0x20, 11}, {0x20, 0x40, 12}}));
-    EXPECT_EQ(text(calls), test.text) << test.what;
-  }
-}
-
-TEST(InlineCalls, CodeWithoutALineIsACallerToo) {
-  InlineCalls calls(kPlenty);
-  calls.begin(0x20);
-  open(calls, {2, {{0, 0x10, 70}}});
-  calls.resolve(own({{8, 0xc, 5}}));
-  EXPECT_EQ(text(calls), "0 0:0 2 0-8 c-10; 0 1:5 2 8-c; | 0-10 2:70");
-}
-
-TEST(InlineCalls, StopAtTheDeepestCall) {
-  InlineCalls calls(kPlenty);
-  calls.begin(0x20);
-  for (uint32_t i = 0; i < 2 * InlineCalls::kMaxDepth; ++i) {
-    if (calls.full()) {
-      calls.openLeftOut();
-      continue;
-    }
-    calls.open(i);
-    calls.addRow({0, 0x20, {2, i}});
-  }
-  calls.resolve({});
-  ASSERT_EQ(calls.calls().size(), InlineCalls::kMaxDepth);
-  EXPECT_EQ(calls.calls().back().depth, InlineCalls::kMaxDepth - 1);
-}
-
-TEST(InlineCalls, EndWhenTheBudgetIsUsedUp) {
-  InlineCalls calls(64);
-  calls.begin(0x1000);
-  for (uint32_t depth = 0; depth < 16; ++depth) {
-    calls.open(depth);
-    if (depth != 0) calls.addRow({0, 0x1000, {2, depth}});
-    for (uint32_t i = 0; depth == 0 && i < 16; ++i) calls.addRow({8 * i, 8 * i + 4, {2, i}});
-  }
-  EXPECT_THROW(calls.resolve({}), pdb_exception);
-}
-
-// Any rows, however they overlap: what the symbol file demands holds, and the lines cover exactly
-// the code that has a place.
-TEST(InlineCalls, NestForAnyRows) {
+TEST(InlineCalls, AnswersOfGeneratedFiles) {
   std::mt19937 random(7);
-  const auto number = [&random](uint32_t limit) { return static_cast<uint32_t>(random() % limit); };
-  InlineCalls calls(1 << 30);
-  for (int round = 0; round < 300; ++round) {
-    constexpr uint32_t kSize = 64;
-    calls.begin(kSize);
-    const uint32_t sites = number(12);
-    for (uint32_t i = 1; i <= sites; ++i) {
-      calls.open(i);
-      for (uint32_t r = number(4); r != 0; --r) {
-        const uint32_t start = number(kSize);
-        calls.addRow({start, start + number(kSize), {i, number(3)}});
-      }
-      for (uint32_t c = number(3); c != 0; --c) calls.close();
+  for (int round = 0; round < 60; ++round) {
+    std::string text = head();
+    std::vector<Model> models;
+    for (uint64_t begin = 0x1000; models.size() < 20; begin = models.back().end() + random() % 3) {
+      models.emplace_back(random, begin);
+      text += models.back().text();
     }
-    calls.resolve(own({{4, 60, 9}}));
+    const Forms forms(text);
+    for (const Model& model : models) {
+      for (uint64_t at = model.begin(); at < model.end(); ++at) {
+        ASSERT_EQ(forms.answer(at), model.answer(at)) << std::hex << at << "\n" << model.text();
+      }
+    }
+  }
+}
 
-    // The number of calls around each byte, and the innermost of them.
-    std::vector<uint32_t> depths(kSize);
-    std::vector<uint32_t> innermost(kSize, 0);
-    for (uint32_t depth = 0; depth < 12; ++depth) {
-      for (const InlinedCall& call : calls.calls()) {
-        if (call.depth != depth) continue;
-        ASSERT_NE(call.rangeCount, 0u);
-        for (uint32_t i = 0; i < call.rangeCount; ++i) {
-          const InlineRange& range = calls.ranges()[call.firstRange + i];
-          ASSERT_LT(range.start, range.end);
-          ASSERT_LE(range.end, kSize);
-          for (uint32_t at = range.start; at < range.end; ++at) {
-            ASSERT_EQ(depths[at]++, depth);  // not twice in one depth, and inside of a caller
-            innermost[at] = call.origin;
-          }
-        }
+// Whatever the ranges are, the forms agree.
+TEST(InlineCalls, AnswersOfDamagedFiles) {
+  std::mt19937 random(8);
+  for (int round = 0; round < 300; ++round) {
+    std::ostringstream text;
+    text << head() << "FUNC 1010 30 0 f\n";
+    for (int i = 0; i < 12; ++i) {
+      text << "INLINE " << std::dec << random() % 4 << ' ' << random() % 3 << ' ' << random() % 4
+           << ' ' << random() % 4 << std::hex;
+      for (uint32_t n = 1 + random() % 3; n > 0; --n) {
+        text << ' ' << 0x1000 + random() % 0x50 << ' ' << random() % 0x20;
       }
+      text << '\n'
+           << 0x1000 + random() % 0x50 << ' ' << random() % 9 << std::dec << ' ' << random() % 3
+           << ' ' << random() % 4 << '\n';
     }
-    std::vector<uint32_t> written(kSize, 0);
-    uint32_t end = 0;
-    for (const CodeRow& row : calls.lines()) {
-      ASSERT_LE(end, row.start);
-      ASSERT_LT(row.start, row.end);
-      end = row.end;
-      for (uint32_t at = row.start; at < row.end; ++at) written[at] = row.place.file;
-    }
-    for (uint32_t at = 0; at < kSize; ++at) {
-      const bool ownLine = depths[at] == 0 && at >= 4 && at < 60;
-      ASSERT_EQ(written[at], ownLine ? 1 : innermost[at]) << round << " at " << at;
-    }
+    const Forms forms(text.str());
+    for (uint64_t at = 0x1000; at < 0x1050; ++at) forms.answer(at);
+    if (HasFailure()) return;
   }
 }
 
 }  // namespace
-}  // namespace symforge_internal

@@ -15,7 +15,7 @@ namespace symforge_internal {
 
 // Head of every symbol record of a module stream.
 struct SymbolHeader {
-  le_uint16 size;  // bytes behind this field, `type` included
+  le_uint16 size;  // bytes after this field, `type` included
   le_uint16 type;
 };
 static_assert(sizeof(SymbolHeader) == 4);
@@ -88,7 +88,7 @@ struct SepCodeSym {
 };
 static_assert(sizeof(SepCodeSym) == 28 && offsetof(SepCodeSym, sec) == 24);
 
-// A record of the symbol record stream behind its length; the name follows.
+// A record of the symbol record stream after its length; the name follows.
 struct GlobalRecord {
   le_uint16 leafType;
   le_uint32 symType;  // public symbol flags; 2: a function
@@ -192,7 +192,7 @@ struct TypeInfoHeader {
 static_assert(sizeof(TypeInfoHeader) == 56 && offsetof(TypeInfoHeader, max) == 12);
 
 struct TypeRecord {
-  le_uint16 length;  // bytes behind this field
+  le_uint16 length;  // bytes after this field
   le_uint16 leafType;
 };
 static_assert(sizeof(TypeRecord) == 4);
@@ -297,7 +297,7 @@ struct LeafClass {
   le_uint32 vshape;
   le_uint16 size;
 };
-// The name follows, as behind a LeafClass.
+// The name follows, as after a LeafClass.
 struct LeafUnion {
   le_uint16 count;
   le_uint16 property;
