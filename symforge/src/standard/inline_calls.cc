@@ -18,32 +18,6 @@ void InlineCalls::begin(uint32_t size) {
   m_lines.clear();
 }
 
-void InlineCalls::open(uint32_t origin) {
-  const uint32_t parent = m_open.back();
-  Site site;
-  site.parent = parent;
-  site.depth = parent == 0 ? 0 : m_sites[parent].depth + 1;
-  site.origin = origin;
-  m_open.push_back(static_cast<uint32_t>(m_sites.size()));
-  m_sites.push_back(site);
-}
-
-bool InlineCalls::full() const {
-  const uint32_t parent = m_open.back();
-  return parent != 0 && m_sites[parent].depth + 1 == kMaxDepth;
-}
-
-void InlineCalls::openLeftOut() { m_open.push_back(m_open.back()); }
-
-void InlineCalls::addRow(const CodeRow& row) {
-  if (row.start < row.end)
-    m_rows.push_back({row, static_cast<uint32_t>(m_sites.size()) - 1, kNone});
-}
-
-void InlineCalls::close() {
-  if (m_open.size() > 1) m_open.pop_back();
-}
-
 inline void InlineCalls::spend(size_t steps) {
   if (steps > m_budget) throw pdb_exception("Inlined calls are cut into too many ranges");
   m_budget -= steps;
