@@ -253,7 +253,7 @@ bool symb_relocate(uint64_t base, uint64_t size);
 //   - ascending orders, without repetition: files by index, publics and delta rules by address;
 //     functions, the lines of a function, initial rules disjoint and ascending;
 //   - inline sites of a function in pre-order, each wholly inside or wholly behind the one before
-//     it;
+//     it; one with the same range is inside if its `caller` is greater by 1;
 //   - five frame info roots; the ranges of each array disjoint and ascending, inside their
 //     container, of the type of their root;
 //   - no range that ends above 4 GiB.

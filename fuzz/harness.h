@@ -21,7 +21,7 @@ namespace fuzzing {
 enum class End {
   kReturned,
   kThrew,    // pdb_exception or std::out_of_range
-  kAborted,  // the objects on the way are not destroyed
+  kAborted,  // the objects on the way are not destroyed; their mappings end with the next run
 };
 
 // Runs `conversion` and tells how it ended. Not to be nested.
@@ -29,6 +29,11 @@ End run_to_its_end(const std::function<void()>& conversion);
 
 // How many runs were aborted so far. After one, leaks are not looked for any more.
 size_t aborted_runs();
+
+// Runs `call` and demands that it takes no more than `seconds` of this thread's time and at no
+// moment more than `bytes` from the heap. That time is multiplied by 5, as tests run beside each
+// other, and by 100 in builds with a sanitizer.
+void bounded(const char* what, double seconds, size_t bytes, const std::function<void()>& call);
 
 // What a target demands. Ends the process with the condition, which no run takes for documented.
 void require(bool condition, const char* what);

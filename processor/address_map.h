@@ -20,10 +20,12 @@ class AddressMap {
   // Ordered by address; iteration gives (address, entry).
   using AddressToEntryMap = BlockMap<AddressType, EntryType>;
 
-  // False, with a line in the log, if `address` is taken: the first entry stays.
+  // False, with a line in the log (see LogLimit), if `address` is taken: the first entry stays.
   bool Store(const AddressType& address, const EntryType& entry) {
     if (map_.insert(address, entry)) return true;
-    SYMFORGE_LOG(INFO) << "Store failed, address " << HexString(address) << " is already present";
+    if (log_limit_.Admits()) {
+      SYMFORGE_LOG(INFO) << "Store failed, address " << HexString(address) << " is already present";
+    }
     return false;
   }
 
@@ -47,6 +49,7 @@ class AddressMap {
 
  private:
   AddressToEntryMap map_;
+  LogLimit log_limit_;
 };
 
 }  // namespace google_breakpad

@@ -5,7 +5,7 @@
 // strings lie in one arena; entries are plain values and pointers, so that a lookup copies nothing
 // that is shared and several threads may look up at once.
 //
-// A SYMB load notes the address of the block and reads nothing of it. Every lookup tests
+// A SYMB load notes address and size of the block and reads nothing of it. Every lookup tests
 // `symb_loaded_` first and hands over to its counterpart with a B behind its name, which searches
 // the block's tables in place (processor/symb_lookups.cc).
 
@@ -99,6 +99,7 @@ class BasicSourceLineResolver::Module : public SourceLineResolverBase::Module {
 
   bool symb_loaded_ = false;
   const char* symb_base_ = nullptr;  // not owned
+  size_t symb_size_ = 0;
   std::string name_;
   FileMap files_;
   FunctionMap functions_;

@@ -6,7 +6,9 @@
 
 #pragma once
 
+#include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "google_breakpad/processor/cfi_frame_info.h"
 
@@ -36,6 +38,16 @@ class CFIRuleParser {
   Handler* handler_;
   std::string name_;        // of the rule that is being gathered
   std::string expression_;  // its text so far
+};
+
+// Keeps the rule sets that one lookup applies within kMaxRuleCost (common/lookup_limits.h).
+class CFIRuleBudget {
+ public:
+  // False if the text is too much.
+  bool Take(std::string_view text);
+
+ private:
+  uint64_t taken_ = 0;
 };
 
 // Stores the rules in a CFIFrameInfo, which is not owned. A later rule replaces an earlier one.

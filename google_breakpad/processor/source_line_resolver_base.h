@@ -23,10 +23,11 @@ class SourceLineResolverBase : public SourceLineResolverInterface {
   struct InlineFunction;
   struct PublicSymbol;
 
-  // Reads a whole file, whatever it holds, into a new array with one NUL behind its contents, which
-  // the caller deletes (array delete). The size counts that NUL. Marks the file as used: its access
-  // time becomes now. False, with a line in the log, if the file cannot be read; files of 2 GiB and
-  // more cannot. There is nothing to delete then. Several threads may read at once.
+  // Reads a whole regular file, whatever it holds, into a new array with one NUL after its contents,
+  // which the caller deletes (array delete). The size counts that NUL. Marks the file as used: its
+  // access time becomes now. False, with a line in the log, if the file cannot be read, is no
+  // regular file (a FIFO is not opened) or has 2 GiB or more. There is nothing to delete then.
+  // Several threads may read at once.
   static bool ReadSymbolFile(const std::string& map_file, char** symbol_data,
                              size_t* symbol_data_size);
 

@@ -13,6 +13,10 @@
 // FindCFIFrameInfo, HasModule, IsModuleCorrupt) may run in several threads at once as long as
 // nothing loads or unloads. No operation throws, but for std::bad_alloc.
 //
+// Symbol files may come from strangers: LoadModule and LoadModuleUsingMapBuffer take any bytes, and
+// a lookup takes less than 10 ms and 16 MiB. To keep to that, lookups return at most 1 MiB of a
+// name, and nothing where STACK CFI texts or nested STACK WIN ranges are beyond anything real.
+//
 // What a symbol file holds, line by line, stands in docs/symbol-file.md, and what a SYMB block
 // holds in docs/symb-format.md.
 
@@ -36,18 +40,24 @@ class SourceLineResolverInterface {
   // identifier has symbols already. Lines that do not parse are logged (the first 10 of a load),
   // skipped, and mark the module corrupt: that is no failure of the load.
 
-  // From a symbol file. False also if the file cannot be read.
+  // From a symbol file: text or SYMB data. False also if it cannot be read, if it is no regular
+  // file, if it has 2 GiB or more, and, with a line in the log, for SYMB data on which a lookup
+  // would leave the data or cost too much. The check takes about a tenth of the time of reading.
   virtual bool LoadModule(const CodeModule* module, const std::string& map_file) = 0;
 
-  // From the contents of a symbol file in a string, which is not changed.
+  // From the contents of a symbol file in a string, which is not changed. False also for SYMB data
+  // as above.
   virtual bool LoadModuleUsingMapBuffer(const CodeModule* module,
                                         const std::string& map_buffer) = 0;
 
   // From the contents of a symbol file in memory, of `memory_buffer_size` bytes. The buffer stays
   // the caller's. Text is changed by the load, and its last byte is overwritten by a NUL unless it
-  // is one: pass the terminator as part of the size. It may be released after the load. SYMB data
-  // (the first 4 bytes are "SYMB", whatever the size says) is not changed and must outlive the
-  // module's symbols; it is not checked in any way.
+  // is one: pass the terminator as part of the size. It may be released after the load.
+  //
+  // SYMB data (the first 4 bytes are "SYMB") is not changed, must not be changed by others and must
+  // outlive the module's symbols. It is not checked, so that the load of a mapped file costs
+  // nothing: lookups never read past `memory_buffer_size`, but on hostile data they can take long.
+  // Give data from outside to one of the loads above, or ask symb_validate() first.
   virtual bool LoadModuleUsingMemoryBuffer(const CodeModule* module, char* memory_buffer,
                                            size_t memory_buffer_size) = 0;
 

@@ -52,7 +52,8 @@ struct StackFrame {
   FrameTrust trust = FRAME_TRUST_NONE;
 
   // The inline frames at the instruction, the innermost first. Filled for modules that were loaded
-  // from SYMB data of version 3; new ones are appended.
+  // from SYMB data of version 3, or from text for functions with INLINE lines; new ones are
+  // appended.
   std::vector<Inline> inlines;
 };
 
