@@ -63,19 +63,17 @@ void loadNameStream(const MsfFile& file, const InfoStream& info, const std::stri
 
 // Adds its lines and inlinees to each module. A module whose streams end too early loses what is
 // left of them, silently.
-void resolveModules(ModuleStreams& modules, const SectionMap& sections, const SourceFiles& files,
-                    Functions& functions, InlineeLines* inlinees) {
+void resolveModules(const ModuleStreams& modules, const SectionMap& sections,
+                    const SourceFiles& files, Functions& functions, InlineeLines* inlinees) {
   FunctionIndex index(functions);
   for (size_t i = 0; i < modules.size(); ++i) {
-    ModuleStream& module = modules[i];
+    const ModuleStream& module = modules[i];
     try {
-      if (inlinees != nullptr) module.noteSubsections();
       resolveFunctionLines(module, i, sections, files, functions, index);
       if (inlinees != nullptr) inlinees->resolveInlineFunctions(module, i, files);
     } catch (const pdb_recoverable_exception&) {
       // What this module has left is lost; the others go on.
     }
-    module.forgetSubsections();
   }
 }
 
@@ -166,7 +164,7 @@ void PDBParser::printBreakpadSymbols(TextBuffer& out, FileMod* fileMod) {
   }
 
   DbiStream& dbi = *m_rep->dbi;
-  ModuleStreams modules = dbi.readModuleList();
+  const ModuleStreams modules = dbi.readModuleList();
   const DataPtr<DBIDebugHeader> debugHeader = dbi.readDebugHeader();
   SectionMap sections;
   sections.readSections(file, debugHeader->sectionHdr);

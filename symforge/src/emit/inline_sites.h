@@ -40,8 +40,8 @@ class InlineSites {
 
   // `func` is a new function whose symbols are in a stream; its sites follow.
   void beginFunction(uint16_t stream, FunctionRecord& func) const;
-  // Adds the opening of a site whose symbol is at `symbolOffset`, or the end of the last open one.
-  // An inlinee without a name silences all sites of its function.
+  // Adds the opening of a site whose symbol is at `symbolOffset` in the stream, or the end of the
+  // last open one. An inlinee without a name silences all sites of its function.
   void openSite(uint32_t inlinee, uint32_t symbolOffset, FunctionRecord& func);
   void closeSite(FunctionRecord& func);
 

@@ -24,9 +24,7 @@ StreamReader ModuleStream::openModule() const {
   return reader;
 }
 
-// Calls visit(reader, kind, end) for each subsection, with the reader at the payload.
-template <typename Visitor>
-void ModuleStream::walk(Visitor&& visit) const {
+void ModuleStream::readModule(int32_t kind, const ModuleReadCB& visit) const {
   StreamReader reader = openModule();
   reader.seek(m_info->cbSyms + m_info->cbOldLines);
   const uint32_t endOffset = reader.getOffset() + m_info->cbLines;
@@ -38,39 +36,10 @@ void ModuleStream::walk(Visitor&& visit) const {
     const uint32_t end = payload + header->size;
     if (!reader.isValidOffset(end)) throwInvalidSubsection();
     if (end < payload && jumps.again(end)) throwInvalidSubsection();
-    visit(reader, header->sig, end);
+    if (header->sig == kind) visit(reader, end);
     reader.seek(end);
     reader.align(4);
   }
-}
-
-void ModuleStream::readModule(int32_t kind, const ModuleReadCB& visit) const {
-  if (m_subsections.empty()) {
-    walk([&](StreamReader& reader, int32_t found, uint32_t end) {
-      if (found == kind) visit(reader, end);
-    });
-    return;
-  }
-  StreamReader reader = openModule();
-  for (const Subsection& subsection : m_subsections) {
-    if (subsection.kind != kind) continue;
-    // The header is read again: reading across a page seam depends on where a read begins.
-    reader.seek(subsection.header);
-    reader.read<SubsectionHeader>();
-    visit(reader, subsection.end);
-  }
-}
-
-void ModuleStream::noteSubsections() {
-  forgetSubsections();
-  std::vector<Subsection> found;
-  bool tooMany = false;
-  walk([&](StreamReader& reader, int32_t kind, uint32_t end) {
-    tooMany = tooMany || found.size() == kMaxNoted;
-    const auto header = static_cast<uint32_t>(reader.getOffset() - sizeof(SubsectionHeader));
-    if (!tooMany) found.push_back({kind, header, end});
-  });
-  if (!tooMany) m_subsections = std::move(found);
 }
 
 }  // namespace symforge_internal

@@ -35,8 +35,8 @@ class ModuleStream {
   uint16_t streamNumber() const { return static_cast<uint16_t>(m_info->stream); }
 
   // Calls visit(const SymbolHeader&, StreamReader& body, uint32_t offset) for each symbol record,
-  // in stream order: `body` is at the byte after the header, the header is at `offset`. Stops at a
-  // symbol of kind 0.
+  // in stream order: the header is at `offset`, `body` is at the byte after it and may be left
+  // anywhere. Stops at a symbol of kind 0.
   template <typename Visitor>
   void forEachSymbol(Visitor&& visit) const {
     StreamReader reader = openModule();
@@ -44,11 +44,11 @@ class ModuleStream {
     // symbol of kind 0 or the last one ends the walk.
     const uint32_t end = m_info->cbSyms + reader.getOffset();
     while (reader.getOffset() < end) {
-      const uint32_t offset = reader.getOffset();
       const DataPtr<SymbolHeader> header = reader.read<SymbolHeader>();
+      const uint32_t body = reader.getOffset();
+      const uint32_t next = body - sizeof(SymbolHeader::type) + header->size;
       if (header->type == S_NONE) return;
-      const uint32_t next = reader.getOffset() - sizeof(SymbolHeader::type) + header->size;
-      visit(*header, reader, offset);
+      visit(*header, reader, body - uint32_t{sizeof(SymbolHeader)});
       if (next >= end) return;
       reader.seek(next);
     }
@@ -59,28 +59,11 @@ class ModuleStream {
   // before the damage have been visited then.
   void readModule(int32_t kind, const ModuleReadCB& visit) const;
 
-  // Walks all subsections and notes where they are, so that readModule() finds those of a kind
-  // without a walk. Throws like readModule(). Nothing is noted for more than kMaxNoted subsections.
-  void noteSubsections();
-  void forgetSubsections() { m_subsections = {}; }
-
-  // Bounds the memory for damaged files; one module has some ten thousand functions at most.
-  static constexpr size_t kMaxNoted = size_t{1} << 20;
-
  private:
-  struct Subsection {
-    int32_t kind;
-    uint32_t header;  // offset
-    uint32_t end;
-  };
-
   StreamReader openModule() const;
-  template <typename Visitor>
-  void walk(Visitor&& visit) const;
 
   const MsfFile* m_file;
   DataPtr<DBIModuleInfo> m_info;
-  std::vector<Subsection> m_subsections;  // empty: not noted
 };
 
 // The modules of a PDB that have a stream, in the order of the DBI stream.

@@ -7,6 +7,8 @@
 #include <cstring>
 #include <utility>
 
+#include "symforge/src/pdb/leaf_traits.h"
+
 namespace symforge_internal {
 
 namespace {
@@ -174,42 +176,42 @@ void TypeNames::limitEffort() {
 }
 
 bool TypeNames::renderRecord(const TypeInfo& info, uint32_t flags, const TypeTable& table) {
-  switch (info.type) {
-    case LEAF::LF_ARGLIST:
-      renderArguments(info, flags);
-      return false;
-    case LEAF::LF_PROCEDURE:
-      renderProcedure(info, flags);
-      return true;
-    case LEAF::LF_MFUNCTION:
-      renderMemberFunction(info, flags);
-      return true;
-    case LEAF::LF_MODIFIER:
-      renderModifier(info, flags);
-      return false;
-    case LEAF::LF_POINTER:
-      renderPointer(info, flags);
-      return false;
-    case LEAF::LF_INDEX:
-      render(recordOf<LeafIndex>(info).index, flags, m_types);
-      return false;
-    case LEAF::LF_ARRAY:
-      renderArray(info, table);
-      return false;
-    case LEAF::LF_CLASS:
-    case LEAF::LF_STRUCTURE:
-    case LEAF::LF_UNION:
-    case LEAF::LF_ENUM:
-    case LEAF::LF_ALIAS:
+  const LeafTraits& traits = traitsOf(info.type);
+  switch (traits.text) {
+    case LeafText::kNone:
+      break;
+    case LeafText::kName:
       *m_output += info.name.data;
-      return false;
-    case LEAF::LF_FUNC_ID:
+      break;
+    case LeafText::kArguments:
+      renderArguments(info, flags);
+      break;
+    case LeafText::kProcedure:
+      renderProcedure(info, flags);
+      break;
+    case LeafText::kMemberFunction:
+      renderMemberFunction(info, flags);
+      break;
+    case LeafText::kModifier:
+      renderModifier(info, flags);
+      break;
+    case LeafText::kPointer:
+      renderPointer(info, flags);
+      break;
+    case LeafText::kIndex:
+      render(recordOf<LeafIndex>(info).index, flags, m_types);
+      break;
+    case LeafText::kArray:
+      renderArray(info, table);
+      break;
+    case LeafText::kFunctionId:
       renderFunctionId(info);
-      return true;
-    default:
+      break;
+    case LeafText::kNumber:
       renderNumber(info, *m_output);
-      return false;
+      break;
   }
+  return traits.isFunction;
 }
 
 void TypeNames::renderFunctionId(const TypeInfo& info) {

@@ -3,54 +3,11 @@
 #include <algorithm>
 #include <cstring>
 
+#include "symforge/src/pdb/leaf_traits.h"
+
 namespace symforge_internal {
 
 namespace {
-
-constexpr uint32_t kNoName = 0xFFFFFFFF;
-
-// What is kept of a leaf's record.
-struct LeafShape {
-  bool kept = false;
-  uint32_t data = 0;        // bytes of the fixed part; 0 where the name alone is of use
-  uint32_t name = kNoName;  // offset of the name in the leaf's fields
-};
-
-// The names of classes and unions are looked for behind the short form of the size field, also when
-// the record uses a longer one: such a name begins inside the size.
-constexpr LeafShape shapeOf(uint16_t leaf) {
-  switch (leaf) {
-    case LEAF::LF_MODIFIER:
-      return {true, sizeof(LeafModifier)};
-    case LEAF::LF_POINTER:
-      return {true, sizeof(LeafPointer)};
-    case LEAF::LF_PROCEDURE:
-      return {true, sizeof(LeafProc)};
-    case LEAF::LF_MFUNCTION:
-      return {true, sizeof(LeafMFunc)};
-    case LEAF::LF_ARGLIST:
-      return {true, sizeof(LeafArgList)};  // and its indices
-    case LEAF::LF_INDEX:
-      return {true, sizeof(LeafIndex)};
-    case LEAF::LF_ARRAY:
-      return {true, sizeof(LeafArray)};
-    case LEAF::LF_CLASS:
-    case LEAF::LF_STRUCTURE:
-      return {true, 0, sizeof(LeafClass)};
-    case LEAF::LF_UNION:
-      return {true, 0, sizeof(LeafUnion)};
-    case LEAF::LF_ENUM:
-      return {true, 0, sizeof(LeafEnum)};
-    case LEAF::LF_ALIAS:
-      return {true, 0, sizeof(LeafAlias)};
-    case LEAF::LF_FUNC_ID:
-      return {true, sizeof(LeafFuncID), sizeof(LeafFuncID)};
-    default:
-      return {leaf >= LEAF::LF_CHAR && leaf <= LEAF::LF_LAST_NUMERIC};
-  }
-}
-
-bool isNumeric(uint16_t leaf) { return leaf >= LEAF::LF_CHAR; }
 
 // A read of no bytes takes one.
 uint32_t bytesRead(uint32_t size) { return size == 0 ? 1 : size; }
@@ -84,18 +41,17 @@ void TypeTable::load(const StreamPair& stream, const MsfPages& file) {
   m_min = header->min;
   const uint32_t max = header->max;
   if (m_min >= max) return;
-  // The header's word is good for no more records than the file can hold.
+  // Cap the header's count by what the file can hold.
   const size_t most = std::min<size_t>(max - m_min, file.length / sizeof(TypeRecord));
   m_offsets.reserve(most);
   m_functions.reserve(most);
 
-  // Each record tells where the next one is, so that the processor sees no further by itself than
-  // a page goes.
+  // The hardware prefetcher stops at page boundaries; prefetch by hand.
   constexpr size_t kReadAhead = 1024;
   uint32_t next = reader.getOffset();
   for (uint32_t index = m_min; index != max; ++index) {
     next = skipFill(reader, next);
-    const Head head = headAt(next);
+    const RecordHeader head = headAt(next);
     __builtin_prefetch(m_runs.back().data + (next - m_runs.back().start) + kReadAhead);
     // All further indices would find this same record, and so nothing.
     if (head.length == 0 || head.leaf == 0) break;
@@ -104,18 +60,19 @@ void TypeTable::load(const StreamPair& stream, const MsfPages& file) {
   }
 }
 
-// Judges a record as if it were decoded, and indexes it.
-void TypeTable::addRecord(uint32_t offset, const Head& head) {
-  const bool kept = shapeOf(head.leaf).kept;
+// Validates a record by decoding it, then adds it to the index.
+void TypeTable::addRecord(uint32_t offset, const RecordHeader& head) {
+  const LeafTraits& traits = traitsOf(head.leaf);
+  const bool kept = traits.kept();
   TypeInfo info;
-  if (kept && !decodeInRun(m_runs.back(), offset, head, info)) decodeAcrossRuns(offset, info);
+  if (kept && !decodeInRun(m_runs.back(), offset, head, traits, info))
+    decodeAcrossRuns(offset, info);
   if (head.leaf == LEAF::LF_POINTER) {
     const auto* pointer = reinterpret_cast<const LeafPointer*>(info.data.data);
     if (pointer->mode() > LeafPointer::kLastMode) m_hasUnknownPointers = true;
   }
   m_offsets.push_back(kept ? offset : 0);
-  m_functions.push_back(head.leaf == LEAF::LF_PROCEDURE || head.leaf == LEAF::LF_MFUNCTION ||
-                        head.leaf == LEAF::LF_FUNC_ID);
+  m_functions.push_back(traits.isFunction);
 }
 
 // From the end of a record to the start of the next, which lies in the last of the runs then.
@@ -143,7 +100,7 @@ void TypeTable::enterRunOf(StreamReader& reader, uint32_t offset) {
   m_runs.push_back(run);
 }
 
-TypeTable::Head TypeTable::headAt(uint32_t offset) const {
+TypeTable::RecordHeader TypeTable::headAt(uint32_t offset) const {
   const Run& run = m_runs.back();
   if (run.bytesAt(offset) >= sizeof(TypeRecord)) return headIn(run, offset);
   StreamReader reader(*m_stream, *m_file, offset);
@@ -151,7 +108,7 @@ TypeTable::Head TypeTable::headAt(uint32_t offset) const {
   return {record->length, record->leafType};
 }
 
-TypeTable::Head TypeTable::headIn(const Run& run, uint32_t offset) {
+TypeTable::RecordHeader TypeTable::headIn(const Run& run, uint32_t offset) {
   const auto* record = reinterpret_cast<const TypeRecord*>(run.at(offset));
   return {record->length, record->leafType};
 }
@@ -161,9 +118,11 @@ bool TypeTable::find(uint32_t type, TypeInfo& info) const {
   if (place >= m_offsets.size() || m_offsets[place] == 0) return false;
   const uint32_t offset = m_offsets[place];
   const Run& run = runOf(offset);
-  if (run.bytesAt(offset) < sizeof(TypeRecord) ||
-      !decodeInRun(run, offset, headIn(run, offset), info))
-    decodeAcrossRuns(offset, info);
+  if (run.bytesAt(offset) >= sizeof(TypeRecord)) {
+    const RecordHeader head = headIn(run, offset);
+    if (decodeInRun(run, offset, head, traitsOf(head.leaf), info)) return true;
+  }
+  decodeAcrossRuns(offset, info);
   return true;
 }
 
@@ -180,16 +139,15 @@ const TypeTable::Run& TypeTable::runOf(uint32_t offset) const {
 
 // Decodes a record in place. False, with `info` undefined, when some part of it is not in the run
 // for certain.
-bool TypeTable::decodeInRun(const Run& run, uint32_t offset, const Head& head,
-                            TypeInfo& info) const {
+bool TypeTable::decodeInRun(const Run& run, uint32_t offset, const RecordHeader& head,
+                            const LeafTraits& traits, TypeInfo& info) const {
   const uint32_t payload = offset + sizeof(TypeRecord);
-  const LeafShape shape = shapeOf(head.leaf);
   const size_t left = run.bytesAt(payload);
-  uint32_t bytes = shape.data;
-  if (head.leaf == LEAF::LF_ARGLIST) {
+  uint32_t bytes = traits.data;
+  if (traits.text == LeafText::kArguments) {
     if (left < sizeof(LeafArgList)) return false;
     bytes = argumentListBytes(reinterpret_cast<const LeafArgList*>(run.at(payload))->count);
-  } else if (isNumeric(head.leaf)) {
+  } else if (traits.text == LeafText::kNumber) {
     bytes = numericBytes(head.length);
   }
   if (bytes > left) return false;
@@ -197,9 +155,9 @@ bool TypeTable::decodeInRun(const Run& run, uint32_t offset, const Head& head,
   info.readable = left;
   info.type = LEAF::Enum(head.leaf);
   info.offset = payload;
-  if (shape.name == kNoName) return true;
+  if (!traits.hasName()) return true;
 
-  const uint32_t name = payload + shape.name;
+  const uint32_t name = payload + traits.name;
   if (run.bytesAt(name) == 0 || name - run.start >= run.terminated) return false;
   info.name = DataPtr<char>(run.at(name), false);
   return true;
@@ -210,23 +168,23 @@ bool TypeTable::decodeInRun(const Run& run, uint32_t offset, const Head& head,
 void TypeTable::decodeAcrossRuns(uint32_t offset, TypeInfo& info) const {
   StreamReader reader(*m_stream, *m_file, offset);
   const DataPtr<TypeRecord> record = reader.read<TypeRecord>();
-  const LeafShape shape = shapeOf(record->leafType);
+  const LeafTraits& traits = traitsOf(record->leafType);
   const uint32_t payload = reader.getOffset();
   info.type = LEAF::Enum(uint16_t{record->leafType});
   info.offset = payload;
 
-  uint32_t bytes = shape.data;
-  if (info.type == LEAF::LF_ARGLIST)
+  uint32_t bytes = traits.data;
+  if (traits.text == LeafText::kArguments)
     bytes = argumentListBytes(StreamReader(*m_stream, *m_file, payload).read<le_uint32>().data[0]);
-  else if (isNumeric(info.type))
+  else if (traits.text == LeafText::kNumber)
     bytes = numericBytes(record->length);
   if (bytes != 0) {
     info.data = reader.read<unsigned char>(bytes);
     info.readable = bytes + (info.data.isAllocated ? StreamReader::kCopySlack : reader.available());
   }
-  if (shape.name == kNoName) return;
+  if (!traits.hasName()) return;
   // A name right behind the fixed part is read from where that ended.
-  if (shape.name != shape.data) reader.seek(payload + shape.name);
+  if (traits.name != traits.data) reader.seek(payload + traits.name);
   info.name = reader.readString();
 }
 

@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "symforge/src/msf/msf_file.h"
-#include "symforge/src/pdb/codeview.h"
+#include "symforge/src/pdb/leaf_traits.h"
 
 namespace symforge_internal {
 
@@ -86,18 +86,19 @@ class TypeTable {
     }
     const uint8_t* at(uint32_t offset) const { return data + (offset - start); }
   };
-  struct Head {
+  struct RecordHeader {
     uint16_t length;
     uint16_t leaf;
   };
 
-  void addRecord(uint32_t offset, const Head& head);
+  void addRecord(uint32_t offset, const RecordHeader& head);
   uint32_t skipFill(StreamReader& reader, uint32_t offset);
   void enterRunOf(StreamReader& reader, uint32_t offset);
-  Head headAt(uint32_t offset) const;
-  static Head headIn(const Run& run, uint32_t offset);
+  RecordHeader headAt(uint32_t offset) const;
+  static RecordHeader headIn(const Run& run, uint32_t offset);
   const Run& runOf(uint32_t offset) const;
-  bool decodeInRun(const Run& run, uint32_t offset, const Head& head, TypeInfo& info) const;
+  bool decodeInRun(const Run& run, uint32_t offset, const RecordHeader& head,
+                   const LeafTraits& traits, TypeInfo& info) const;
   void decodeAcrossRuns(uint32_t offset, TypeInfo& info) const;
 
   const StreamPair* m_stream = nullptr;
