@@ -14,6 +14,7 @@
 
 #include "base/text_buffer.h"
 #include "builders/symbol_text.h"
+#include "common/symb.h"
 #include "common/symb_text.h"
 #include "google_breakpad/processor/basic_source_line_resolver.h"
 #include "google_breakpad/processor/stack_frame.h"

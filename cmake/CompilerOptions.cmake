@@ -12,12 +12,21 @@ if(NOT DEFINED CMAKE_COMPILE_WARNING_AS_ERROR)
   set(CMAKE_COMPILE_WARNING_AS_ERROR ${PROJECT_IS_TOP_LEVEL})
 endif()
 
-# Assertions and the containers' range checks are part of the program's behaviour:
-# a damaged file ends its own process instead of reading on. So no build type defines NDEBUG.
-set(CMAKE_CXX_FLAGS_RELEASE "-O2")
-set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-O2 -g")
+# Assertions and the containers' range checks are part of the program's behaviour: a damaged file ends
+# its own process instead of being read on. CMake's own build types define NDEBUG: it is removed from
+# them, and refused where it was asked for.
 if(NOT CMAKE_BUILD_TYPE)
   set(CMAKE_BUILD_TYPE Release)
+endif()
+string(REPLACE "-O3 -DNDEBUG" "-O2" CMAKE_CXX_FLAGS_RELEASE "${CMAKE_CXX_FLAGS_RELEASE}")
+foreach(config IN ITEMS RELEASE MINSIZEREL RELWITHDEBINFO)
+  string(REGEX REPLACE " *-DNDEBUG" "" CMAKE_CXX_FLAGS_${config} "${CMAKE_CXX_FLAGS_${config}}")
+endforeach()
+string(TOUPPER "${CMAKE_BUILD_TYPE}" config)
+get_directory_property(definitions COMPILE_DEFINITIONS)
+get_directory_property(options COMPILE_OPTIONS)
+if("${CMAKE_CXX_FLAGS} ${CMAKE_CXX_FLAGS_${config}} ${definitions} ${options}" MATCHES "NDEBUG")
+  message(FATAL_ERROR "symforge relies on its assertions and cannot be built with NDEBUG")
 endif()
 
 add_library(symforge_options INTERFACE)
@@ -25,14 +34,24 @@ target_include_directories(symforge_options INTERFACE ${PROJECT_SOURCE_DIR} ${PR
 target_compile_definitions(symforge_options INTERFACE _GLIBCXX_ASSERTIONS)
 target_compile_options(symforge_options INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual
-  -fstack-protector-strong -fstack-clash-protection)
+  -UNDEBUG  # overrides a definition from elsewhere, such as a host's options
+  # Paths in messages and debug information are relative to the root of the sources.
+  -ffile-prefix-map=${PROJECT_SOURCE_DIR}/= -ffile-prefix-map=${PROJECT_BINARY_DIR}=.
+  -fstack-protector-strong -fstack-clash-protection -fcf-protection=full)
 
 if(SYMFORGE_SANITIZE)
   target_compile_options(symforge_options INTERFACE
     -fsanitize=${SYMFORGE_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   target_link_options(symforge_options INTERFACE -fsanitize=${SYMFORGE_SANITIZE})
-elseif(NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
-  target_compile_definitions(symforge_options INTERFACE _FORTIFY_SOURCE=2)
+  if(NOT SYMFORGE_FUZZERS)
+    # Instrumented code takes several times as long to compile with more optimisation and debug
+    # information. This is enough for stack traces with lines.
+    target_compile_options(symforge_options INTERFACE -Og -g1)
+  endif()
+else()
+  # Some compilers define a lower level themselves.
+  target_compile_options(symforge_options INTERFACE
+    $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE> $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=3>)
 endif()
 
 if(SYMFORGE_FUZZERS)
@@ -42,9 +61,12 @@ endif()
 
 include(CheckPIESupported)
 check_pie_supported()
-target_link_options(symforge_options INTERFACE -Wl,-z,relro,-z,now)
+target_link_options(symforge_options INTERFACE -Wl,-z,relro,-z,now -Wl,--build-id)
 
 find_program(CCACHE_PROGRAM ccache)
 if(CCACHE_PROGRAM AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
-  set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE_PROGRAM})
+  # Precompiled headers can be cached on these conditions alone.
+  set(CMAKE_CXX_COMPILER_LAUNCHER
+    env CCACHE_SLOPPINESS=pch_defines,time_macros ${CCACHE_PROGRAM})
 endif()
+add_compile_options($<$<CXX_COMPILER_ID:GNU>:-fpch-preprocess>)

@@ -32,6 +32,7 @@ _symforge() {
   extended=$(shopt -p extglob)
   shopt -s extglob
   while IFS= read -r file; do
+    # shellcheck disable=SC2053  # a pattern
     [[ ! -d $file && $file == $pattern ]] && COMPREPLY+=("$file")
   done < <(compgen -f -- "$word")
   $extended

@@ -53,7 +53,7 @@ full_disk() {
   fi
   no_strays || result=1
   umount "$tree"
-  return $result
+  return "$result"
 }
 for kilobytes in 4 8 12 16 20 24 28 32 48 64 128; do
   report "disk of $kilobytes KiB" full_disk "size=${kilobytes}k"
@@ -66,7 +66,7 @@ read_only() {
   mount -t tmpfs none "$tree" && convert "$scratch/old.sym" "$tree" && mount -o remount,ro "$tree" || return 1
   convert "$scratch/new.sym" "$tree"
   local status=$?
-  target_is old.sym && said 'failed to mkstemp: 30' && no_strays && [ $status -eq 0 ]
+  target_is old.sym && said 'failed to mkstemp: 30' && no_strays && [ "$status" -eq 0 ]
 }
 report "read-only tree" read_only
 umount "$tree"
@@ -119,9 +119,9 @@ changes() {  # changes INPUT COMMAND...
   wait $! 2>/dev/null
   case $? in 0 | 1 | 134 | 135) ;; *) return 1 ;; esac
   local found
-  for found in $(find "$tree" -type f); do
+  while read -r found; do
     [ -z "$(tail -c 1 "$found")" ] && [ "$(head -c 6 "$found")" = MODULE ] || return 1
-  done
+  done < <(find "$tree" -type f)
   target_is old.sym || target_is big.sym
 }
 for round in $(seq 5); do

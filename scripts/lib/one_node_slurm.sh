@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Sourced: a Slurm cluster of this one machine, for trying the job scripts of docs/scaling.md.
 # Needs root and the packages slurm-wlm and munge. Everything it writes lies in the folder given.
 
@@ -6,7 +7,7 @@ start_slurm() {
   local at=$1 node cpus memory
   node=$(hostname -s)
   cpus=$(nproc)
-  memory=$(($(awk '/MemTotal/ { print $2 }' /proc/meminfo) / 1024 * 9 / 10))
+  memory=$(($(awk '/MemTotal/ { print $2 }' /proc/meminfo) * 9 / 10240))
   mkdir -p "$at/state" "$at/spool"
   chmod 700 "$at"
   /usr/sbin/mungekey --create --keyfile="$at/key"
@@ -40,8 +41,7 @@ END
   /usr/sbin/slurmctld
   /usr/sbin/slurmd
   # Up when the controller answers and the node has registered.
-  local try
-  for try in $(seq 60); do
+  for _ in $(seq 60); do
     sinfo -h -o %T 2>/dev/null | grep -q idle && return 0
     sleep 0.5
   done

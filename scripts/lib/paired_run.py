@@ -210,14 +210,15 @@ class Case:
         if all(ended_by_limit(status) for status in statuses):
             self.limited += 1
             return False
+        if messages[0] != messages[1]:
+            messages = [normalised(text) for text in messages]
         cleaner = self.damaged and is_cleaner(statuses, messages)
         before = len(self.differences)
         if describe_end(statuses[0]) != describe_end(statuses[1]):
             ends = [sign + " " + describe_end(status) for sign, status in zip("-+", statuses)]
             self.differs(arguments, "end", ends, cleaner)
-        old, new = map(normalised, messages)
-        if old != new:
-            self.differs(arguments, "messages", lines_differ(old, new), cleaner)
+        if messages[0] != messages[1]:
+            self.differs(arguments, "messages", lines_differ(*messages), cleaner)
         paths = [self.path(side, output) for side in SIDES]
         outputs = files_differ(*paths)
         if outputs:

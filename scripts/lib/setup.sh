@@ -1,40 +1,71 @@
-# Sourced by the scripts in the folder above, right after they have gone to the root of the repository:
-# installs Debian packages that are missing, builds, and reads what the caller said.
+# Sourced by the scripts in the folder above and by .ci/run, right after they have gone to the root of
+# the repository: prints the usage where -h asks for it, installs missing Debian packages, builds.
+# shellcheck shell=bash disable=SC2034
 
 caller_folder=$OLDPWD
 
 # from_caller PATH: a path as the caller meant it, made absolute.
 from_caller() { (cd "$caller_folder" && realpath -m "$1"); }
 
-# usage: prints the comment at the head of the running script and ends it.
+# usage [STATUS]: prints the comment at the head of the running script and ends it, by default with 2.
 usage() {
-  sed -n '2,/^[^#]/s/^# \{0,1\}//p' "scripts/${0##*/}" >&2
-  exit 2
+  local out=2
+  [ "${1-2}" -ne 0 ] || out=1
+  sed -n '2,/^[^#]/s/^# \{0,1\}//p' "$(from_caller "$0")" >&$out
+  exit "${1-2}"
 }
+case ${1-} in -h | --help) usage 0 ;; esac
 
 # need PACKAGE...: when something is missing, root installs it; anybody else is told what to install.
 need() {
   local missing=() package
+  if ! command -v dpkg-query >/dev/null; then
+    echo "Not a Debian system: what is needed is listed in README.md." >&2
+    return
+  fi
   for package in "$@"; do
     dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' || missing+=("$package")
   done
-  [ ${#missing[@]} -eq 0 ] && return 0
+  [ ${#missing[@]} -eq 0 ] && return
   if [ "$(id -u)" -ne 0 ]; then
     echo "Missing Debian packages. As root: apt-get install -y ${missing[*]}" >&2
     exit 1
   fi
   echo "Installing: ${missing[*]}" >&2
   export DEBIAN_FRONTEND=noninteractive
-  # Some other repository of the machine may be out of reach: whether these packages are is install's word.
+  # A repository that is out of reach matters only if the packages come from it, as the installation shows.
   apt-get update -qq -o Acquire::Retries=3 >&2 || echo "The package lists could not all be renewed." >&2
   apt-get install -y -qq -o Acquire::Retries=3 --no-install-recommends "${missing[@]}" >/dev/null
 }
 
 BUILD_PACKAGES=(g++ cmake ninja-build libc6-dev)
 TEST_PACKAGES=(libgtest-dev libgmock-dev pkgconf binutils)
+CLANG_PACKAGES=(clang libclang-rt-dev)
 
-# build PRESET: configures (once) and builds build/PRESET. Quiet unless it fails.
+# progress: copies the output of ninja or ctest; of the lines that report progress, one in ten seconds.
+progress() {
+  local line last='' next=0
+  local steps='^\[[0-9]+/[0-9]+\]|^ *Start +[0-9]+:|^ *[0-9]+/[0-9]+ Test .* Passed '
+  while IFS= read -r line; do
+    if [[ ! $line =~ $steps ]]; then
+      printf '%s\n' "$line"
+    elif ((SECONDS >= next)); then
+      printf '%s\n' "$line"
+      last='' next=$((SECONDS + 10))
+    else
+      last=$line
+    fi
+  done
+  [ -z "$last" ] || printf '%s\n' "$last"
+}
+
+# with_progress COMMAND...: runs it with its own display of progress on a terminal. Prints on standard error.
+with_progress() {
+  if [ -t 2 ]; then "$@" >&2; else "$@" 2>&1 | progress >&2; fi
+}
+
+# build PRESET: configures (once) and builds build/PRESET.
 build() {
   [ -f "build/$1/build.ninja" ] || cmake --preset "$1" >/dev/null
-  cmake --build --preset "$1" -- --quiet
+  with_progress cmake --build --preset "$1"
 }

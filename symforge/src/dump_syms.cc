@@ -13,6 +13,7 @@
 #include "symforge/src/driver/batch.h"
 #include "symforge/src/driver/conversion_options.h"
 #include "symforge/src/driver/convert.h"
+#include "symforge/src/driver/last_message.h"
 #include "symforge/src/driver/messages.h"
 #include "version.h"
 
@@ -214,14 +215,17 @@ int run_single(const Options& options) {
 int main(int argc, char** argv) {
   fill_standard_streams();
   bump_oom_adj();
-  openlog("symforge", LOG_PERROR, LOG_USER);
+  // Connected now: a conversion in its sandbox cannot.
+  openlog("symforge", LOG_PERROR | LOG_NDELAY, LOG_USER);
   command = argv[0];
   // A file size limit then shows as a failed write, which is reported and leaves no partial file.
   signal(SIGXFSZ, SIG_IGN);
   // A parent that ignores the ends of its children hands that on, and a batch could wait for none.
   signal(SIGCHLD, SIG_DFL);
 
+  symforge_internal::install_last_message();
   Options options;
+  options.conversion.sandbox = true;
   if (const int status = take_options(argc, argv, options); status != kGoOn) return status;
   if (options.conversion.standard) {
     symforge_internal::select_standard_messages(true);

@@ -121,11 +121,6 @@ bool ensure_directory(const std::string& path, mode_t mode) {
   return false;
 }
 
-bool is_link(const std::string& path) {
-  struct stat status;
-  return lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
-}
-
 // Whether a link has the form that links from code identifiers have: to an entry beside it.
 bool leads_to_sibling(const std::string& link) { return is_tree_component(link_target(link)); }
 
@@ -142,6 +137,11 @@ bool ensure_own_directory(const std::string& path, mode_t mode) {
 }
 
 }  // namespace
+
+bool is_link(const std::string& path) {
+  struct stat status;
+  return lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
+}
 
 bool is_tree_component(std::string_view name) {
   return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos;

@@ -56,6 +56,9 @@ std::string tree_path(std::string_view root, std::string_view debug_file, std::s
 std::string existing_tree_path(std::string_view root, std::string_view debug_file,
                                std::string_view debug_id, bool binary);
 
+// Whether a symbolic link has this name.
+bool is_link(const std::string& path);
+
 enum class TreeFolders {
   kMade,          // both exist now
   kNoFileFolder,  // ROOT/DEBUG_FILE could not be made

@@ -18,7 +18,7 @@ struct ConversionOptions {
   bool standard = false;       // the published text format with complete content, strict statuses
   bool binary = false;         // the result is a SYMB image instead of text
   bool sync = false;           // results reach the disk before they replace older ones
-  bool sandbox = true;         // a conversion gives up the rights that it does not need
+  bool sandbox = false;        // the process gives up, for good, what the conversion does not need
   const char* tree = nullptr;  // root of the symbol tree, borrowed; null: standard output
 };
 

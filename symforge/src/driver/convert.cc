@@ -2,7 +2,9 @@
 
 #include <execinfo.h>
 #include <unistd.h>
+#include <unwind.h>
 
+#include <cstdint>
 #include <cstdlib>
 #include <exception>
 #include <new>
@@ -10,7 +12,10 @@
 
 #include "base/printable.h"
 #include "symforge/src/PDBParser.h"
+#include "symforge/src/driver/held_warnings.h"
 #include "symforge/src/driver/messages.h"
+#include "symforge/src/driver/sandbox.h"
+#include "symforge/src/driver/sandbox_rights.h"
 #include "symforge/src/driver/symbol_text.h"
 #include "symforge/src/driver/write_result.h"
 
@@ -20,14 +25,29 @@ namespace symforge_internal {
 
 namespace {
 
-// The innermost frames of the call stack, a line each.
+constexpr int kMaxFrames = 20;
+
+struct Frames {
+  void* addresses[kMaxFrames];
+  int count = 0;
+};
+
+_Unwind_Reason_Code add_frame(_Unwind_Context* context, void* argument) {
+  auto& frames = *static_cast<Frames*>(argument);
+  const uintptr_t address = _Unwind_GetIP(context);
+  if (frames.count == kMaxFrames || address == 0) return _URC_END_OF_STACK;
+  frames.addresses[frames.count++] = reinterpret_cast<void*>(address);
+  return _URC_NO_REASON;
+}
+
+// The innermost frames of the call stack, a line each. Walks the stack like backtrace(), which
+// would load a library first: a conversion in its sandbox cannot.
 std::string backtrace_text() {
-  constexpr int kMaxFrames = 20;
-  void* frames[kMaxFrames];
-  const int count = backtrace(frames, kMaxFrames);
-  char** const names = backtrace_symbols(frames, count);
+  Frames frames;
+  _Unwind_Backtrace(add_frame, &frames);
+  char** const names = backtrace_symbols(frames.addresses, frames.count);
   std::string text;
-  for (int i = 0; names != nullptr && i < count; ++i) {
+  for (int i = 0; names != nullptr && i < frames.count; ++i) {
     text.append("\t").append(names[i]).append("\n");
   }
   std::free(names);
@@ -38,24 +58,41 @@ std::string backtrace_text() {
 bool convert_to_result(const ConversionInput& input, const ConversionOptions& options,
                        bool& written) {
   OpenedInput opened(input);
-  if (!opened.open()) return false;
+  if (!opened.open(options)) return false;
+  if (options.sandbox) {
+    prepare_for_sandbox(opened, options);
+    enter_sandbox(sandbox_rights(opened, options));
+  }
   SymbolText result;
   if (!text_of(opened, options, result)) return false;
   written = write_result(std::move(result), options);
   return true;
 }
 
+// One line for a conversion that failed, with the last warning, which often is the reason.
+void report_failure(const char* what, const HeldWarnings& warnings) {
+  const std::string reason = warnings.last();
+  if (reason.empty()) {
+    report("%s", printable(what).c_str());
+  } else {
+    report("%s (%s)", printable(what).c_str(), printable(reason).c_str());
+  }
+}
+
 // Every exception ends here: files decide which are thrown.
 bool convert_standard(const ConversionInput& input, const ConversionOptions& options) {
+  HeldWarnings warnings;
   try {
     bool written = false;
-    return convert_to_result(input, options, written) && written;
+    const bool converted = convert_to_result(input, options, written) && written;
+    if (converted) warnings.pass_on();
+    return converted;
   } catch (const pdb_exception& e) {
-    report("%s", printable(e.what()).c_str());
+    report_failure(e.what(), warnings);
   } catch (const std::bad_alloc&) {
     report("not enough memory");
   } catch (const std::exception& e) {
-    report("damaged file: %s", printable(e.what()).c_str());
+    report_failure((std::string("damaged file: ") + e.what()).c_str(), warnings);
   }
   return false;
 }

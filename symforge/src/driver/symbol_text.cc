@@ -3,6 +3,7 @@
 #include <fcntl.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <utility>
 
@@ -12,11 +13,21 @@
 #include "common/symb_text.h"
 #include "symforge/src/PDBParser.h"
 #include "symforge/src/driver/convert.h"
+#include "symforge/src/driver/image_search.h"
 #include "symforge/src/driver/messages.h"
+#include "symforge/src/pe/image_identity.h"
 
 namespace symforge_internal {
 
 namespace {
+
+// Reports a failure of the input itself, which messages of standard mode name anyway. `reason` may
+// be null.
+void report_about(std::string what, const char* path, const char* reason) {
+  if (!standard_messages()) what.append(" ").append(printable(path));
+  if (reason != nullptr) what.append(": ").append(reason);
+  report("%s", what.c_str());
+}
 
 // A text symbol file is taken up to the first byte that no such file can hold.
 void take_text(TextBuffer content, SymbolText& result) {
@@ -29,7 +40,7 @@ void take_text(TextBuffer content, SymbolText& result) {
 
 bool text_of_symb(TextBuffer image, const char* path, SymbolText& result) {
   if (symb_read(image.data(), image.size(), result.text)) return true;
-  report("failed to parse symb file %s", printable(path).c_str());
+  report_about("failed to parse symb file", path, nullptr);
   return false;
 }
 
@@ -48,22 +59,60 @@ void standard_text_of_pdb(const char* pdb, const char* image, SymbolText& result
   text_of_pdb({.pdb = pdb, .exe = image != nullptr ? image : ""}, {.standard = true}, result);
 }
 
+// The debug identifier of a PDB. Throws what PDBParser throws.
+std::string debug_id_of(const char* pdb) {
+  PDBParser parser(/*with_inlines=*/false);
+  TextBuffer unused;
+  parser.load(pdb, /*exe=*/"", nullptr, unused);
+  return parser.debug_id();
+}
+
+// The image that the option names, which must have the identifier.
+const char* check_image(const char* image, const std::string& debug_id) {
+  const std::optional<ImageIdentity> identity = pe_debug_id(image);
+  if (!identity) throw pdb_exception("the image has no debug identifier or cannot be read");
+  if (identity->debug_id != debug_id) throw pdb_exception("the image belongs to another PDB");
+  return image;
+}
+
+void standard_text_of(const OpenedInput& opened, SymbolText& result) {
+  const ConversionInput& input = opened.input();
+  const std::string debug_id = debug_id_of(input.pdb);
+  if (input.exe != nullptr) {
+    standard_text_of_pdb(input.pdb, check_image(input.exe, debug_id), result);
+    return;
+  }
+  const std::string* image = find_image(opened.image_candidates(), debug_id);
+  // As a warning: a conversion that fails has nothing but its failure to report.
+  if (image == nullptr) {
+    std::fputs("no image found: no code identifier and no unwind rules of one\n", stderr);
+  }
+  standard_text_of_pdb(input.pdb, image != nullptr ? image->c_str() : nullptr, result);
+}
+
 }  // namespace
 
-bool OpenedInput::open() {
+bool OpenedInput::open(const ConversionOptions& options) {
   constexpr size_t kMagicBytes = 6;
   if (input_.pdb == nullptr) {
     kind_ = Kind::kPeAlone;
     return true;
   }
   const FileDescriptor file(::open(input_.pdb, O_RDONLY | O_CLOEXEC));
-  if (!file.is_open() || !read_file(file.get(), content_, kMagicBytes)) return true;
-
-  const bool text = content_.view().starts_with("MODULE");
-  if (!text && !content_.view().starts_with(kSymbMagic)) return true;
+  if (!file.is_open() && options.standard) {
+    report("%s", strerror(errno));
+    return false;
+  }
+  const bool opened = file.is_open() && read_file(file.get(), content_, kMagicBytes);
+  const bool text = opened && content_.view().starts_with("MODULE");
+  if (!text && !(opened && content_.view().starts_with(kSymbMagic))) {
+    image_candidates_ =
+        options.standard ? files_of_same_stem(input_.pdb) : default_images(input_.pdb);
+    return true;
+  }
   kind_ = text ? Kind::kText : Kind::kSymb;
   if (read_file(file.get(), content_)) return true;
-  report("failed to read %s: %s", printable(input_.pdb).c_str(), strerror(errno));
+  report_about("failed to read", input_.pdb, strerror(errno));
   return false;
 }
 
@@ -80,7 +129,7 @@ bool text_of(OpenedInput& opened, const ConversionOptions& options, SymbolText& 
       break;
   }
   if (options.standard && input.pdb != nullptr) {
-    standard_text_of_pdb(input.pdb, input.exe, result);
+    standard_text_of(opened, result);
   } else {
     text_of_pdb(input, options, result);
   }

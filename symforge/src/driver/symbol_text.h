@@ -3,6 +3,8 @@
 #pragma once
 
 #include <optional>
+#include <string>
+#include <vector>
 
 #include "base/text_buffer.h"
 #include "symforge/src/driver/conversion_options.h"
@@ -21,16 +23,22 @@ class OpenedInput {
   explicit OpenedInput(const ConversionInput& input) : input_(input) {}
 
   // False, and reported, for a text or SYMB file that cannot be read to its end.
-  bool open();
+  bool open(const ConversionOptions& options);
 
   const ConversionInput& input() const { return input_; }
   Kind kind() const { return kind_; }
   TextBuffer& content() { return content_; }
+  const TextBuffer& content() const { return content_; }
+
+  // Of a PDB: the files that may be its image; which one is decided by their content. In default
+  // mode the parser looks for them itself, in the same places.
+  const std::vector<std::string>& image_candidates() const { return image_candidates_; }
 
  private:
   ConversionInput input_;
   Kind kind_ = Kind::kPdb;
   TextBuffer content_;
+  std::vector<std::string> image_candidates_;
 };
 
 // The text of a symbol file.

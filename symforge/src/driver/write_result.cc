@@ -105,7 +105,8 @@ bool write_result(SymbolText result, const ConversionOptions& options) {
   const bool known = result.identity ? !info.debug_id.empty() && !info.debug_file.empty()
                                      : sym_info_parse(result.text.c_str(), info);
   if (!known) {
-    report("failed to extrace debug id from data");
+    report(options.standard ? "the text has no complete MODULE line"
+                            : "failed to extrace debug id from data");
     return false;
   }
   if (options.tree == nullptr) {

@@ -11,4 +11,8 @@ namespace symforge_internal {
 // there but does not load ends the process. Not for use by several threads at once.
 void undname(DataPtr<char>& mangled);
 
+// Looks for the library and loads it now, for a process that will not be able to later. One that
+// does not load ends the process at the first call of undname(), as without this.
+void load_demangler();
+
 }  // namespace symforge_internal

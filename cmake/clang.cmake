@@ -1,0 +1,9 @@
+# For presets that need clang: the compiler that CXX names if that is a clang, else the one of the system.
+if(NOT CMAKE_CXX_COMPILER)
+  if("$ENV{CXX}" MATCHES "clang")
+    set(CMAKE_CXX_COMPILER $ENV{CXX})
+  else()
+    find_program(CMAKE_CXX_COMPILER REQUIRED
+      NAMES clang++ clang++-19 clang++-18 clang++-17 clang++-16 clang++-15 clang++-14)
+  endif()
+endif()
