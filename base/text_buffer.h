@@ -58,8 +58,17 @@ class TextBuffer {
     size_ = size;
   }
 
+  // Bounds the text: from then on growing beyond `bytes`, and at most one huge page more, throws
+  // LimitExceeded.
+  // `bytes` is not less than size().
+  void set_limit(size_t bytes) {
+    assert(bytes >= size_);
+    limit_ = bytes;
+  }
+
   // Room for `bytes` more, without making them part of the text. The pointer is valid until the
-  // next call that grows the buffer. Throws std::bad_alloc.
+  // next call that grows the buffer. Throws std::bad_alloc, and LimitExceeded when the text would
+  // outgrow its limit.
   char* prepare(size_t bytes) {
     if (capacity_ - size_ < bytes) grow(bytes);
     return data_ + size_;
@@ -78,7 +87,22 @@ class TextBuffer {
   char* data_ = nullptr;  // from malloc, or the data of `pages_` once that is in use
   size_t size_ = 0;
   size_t capacity_ = 0;
+  size_t limit_ = SIZE_MAX;
   HugePageBlock pages_;
+};
+
+// Bounds a text while it lives to `bytes` more than it has.
+class TextLimit {
+ public:
+  TextLimit(TextBuffer& text, size_t bytes) : text_(text) {
+    text_.set_limit(bytes < SIZE_MAX - text.size() ? text.size() + bytes : SIZE_MAX);
+  }
+  ~TextLimit() { text_.set_limit(SIZE_MAX); }
+  TextLimit(const TextLimit&) = delete;
+  TextLimit& operator=(const TextLimit&) = delete;
+
+ private:
+  TextBuffer& text_;
 };
 
 // Writes a number in lower-case hexadecimal without padding and returns the end of it. Eight bytes
@@ -100,6 +124,18 @@ inline char* put_hex(char* at, uint32_t number) {
   return at + digits;
 }
 
+// Whether some of the 8 bytes at `text` is at or below the carriage return. Printable text has
+// none.
+inline bool may_end_line(const char* text) {
+  constexpr uint64_t kOnes = 0x0101010101010101;
+  uint64_t word;
+  std::memcpy(&word, text, sizeof(word));
+  return ((word - (uint64_t{'\r'} + 1) * kOnes) & ~word & (0x80 * kOnes)) != 0;
+}
+
+// Replaces each carriage return, line feed and NUL by a blank.
+void blank_line_ends(char* text, size_t size);
+
 // Writes one line, or one short record, into a TextBuffer. `room` is an upper bound of the bytes
 // that will be written: a number takes at most 20, so callers count 20 a number and the length of
 // each text. Every write asserts that it stays inside, so a wrong bound shows in the first test.
@@ -120,6 +156,23 @@ class LineWriter {
     assert(text.size() <= static_cast<size_t>(end_ - at_));
     if (!text.empty()) std::memcpy(at_, text.data(), text.size());
     at_ += text.size();
+    return *this;
+  }
+  // A name from a file: what could end the line is written as a blank.
+  LineWriter& name(std::string_view text) {
+    char* const begin = at_;
+    str(text);
+    constexpr size_t kWord = sizeof(uint64_t);
+    if (text.size() < kWord) {
+      blank_line_ends(begin, text.size());
+      return *this;
+    }
+    // Whole words, the last of which overlaps.
+    bool found = may_end_line(at_ - kWord);
+    for (const char* word = begin; word < at_ - kWord; word += kWord) {
+      found = found || may_end_line(word);
+    }
+    if (found) blank_line_ends(begin, text.size());
     return *this;
   }
   // Lower-case hexadecimal without prefix or padding.

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 
+#include "base/limits.h"
 #include "base/text_buffer.h"
 
 namespace symforge_internal {
@@ -13,7 +14,9 @@ namespace symforge_internal {
 // NUL, if there is one.
 bool symb_write(TextBuffer symbol_data, char** out_buffer, size_t* out_buffer_size);
 
-// symb_read() that appends to `out`. The block is only read. On false, `out` is unchanged.
-bool symb_read(const char* block, size_t size, TextBuffer& out);
+// symb_read() that appends to `out`. The block is only read. `text_limit`: how much text is made of
+// a block of that size; what would be more fails. On false, `out` is unchanged.
+bool symb_read(const char* block, size_t size, TextBuffer& out,
+               const Limit& text_limit = limits::kTextOfSymb);
 
 }  // namespace symforge_internal
