@@ -17,8 +17,9 @@ namespace symforge_internal {
 // Decodes the directory of a mapped file, of `directorySize` bytes as the file's header says, and
 // fills `streams`, which must be empty, in the order of their numbers. False when a part of it
 // lies outside the file; for an index page there is a message on standard error, otherwise none.
-// Page numbers of streams are not judged here. A directory that wants more pages than its index
-// pages can list fails an assertion.
+// Page numbers of streams are not checked here. A directory that wants more pages than its index
+// pages can list fails an assertion. Throws LimitExceeded for too many streams, and for streams
+// that are larger than the file.
 bool readStreamDirectory(const MsfPages& file, uint32_t directorySize,
                          std::vector<StreamPair>& streams);
 

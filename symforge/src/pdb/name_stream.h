@@ -10,7 +10,6 @@
 #include <cstdint>
 #include <memory>
 #include <string_view>
-#include <unordered_set>
 #include <vector>
 
 #include "symforge/src/StreamReader.h"
@@ -37,8 +36,8 @@ class NameStream {
   const char* m_bytes = nullptr;  // the whole stream: in the mapping, or m_copy
   uint32_t m_size = 0;            // bytes
   std::unique_ptr<char[]> m_copy;
-  std::vector<bool> m_named;                   // by offset: whether a bucket holds it
-  std::unordered_set<uint32_t> m_namedBeyond;  // offsets in buckets that no string can have
+  std::vector<bool> m_named;            // by offset: whether a bucket holds it
+  std::vector<uint32_t> m_namedBeyond;  // offsets in buckets that no string can have, sorted
 };
 
 }  // namespace symforge_internal
