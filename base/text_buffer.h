@@ -13,6 +13,8 @@
 
 #pragma once
 
+#include <emmintrin.h>
+
 #include <cassert>
 #include <charconv>
 #include <cstddef>
@@ -124,13 +126,11 @@ inline char* put_hex(char* at, uint32_t number) {
   return at + digits;
 }
 
-// Whether some of the 8 bytes at `text` is at or below the carriage return. Printable text has
-// none.
+// Whether some of the 16 bytes at `text` is at or below the carriage return; no printable one is.
 inline bool may_end_line(const char* text) {
-  constexpr uint64_t kOnes = 0x0101010101010101;
-  uint64_t word;
-  std::memcpy(&word, text, sizeof(word));
-  return ((word - (uint64_t{'\r'} + 1) * kOnes) & ~word & (0x80 * kOnes)) != 0;
+  const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text));
+  const __m128i low = _mm_cmpeq_epi8(_mm_min_epu8(bytes, _mm_set1_epi8('\r')), bytes);
+  return _mm_movemask_epi8(low) != 0;
 }
 
 // Replaces each carriage return, line feed and NUL by a blank.
@@ -158,21 +158,17 @@ class LineWriter {
     at_ += text.size();
     return *this;
   }
-  // A name from a file: what could end the line is written as a blank.
-  LineWriter& name(std::string_view text) {
+  // A name from a file, and what is to follow it: what could end the line is written as a blank.
+  LineWriter& name(std::string_view text, std::string_view more = {}) {
     char* const begin = at_;
-    str(text);
-    constexpr size_t kWord = sizeof(uint64_t);
-    if (text.size() < kWord) {
-      blank_line_ends(begin, text.size());
-      return *this;
+    str(text).str(more);
+    const size_t size = static_cast<size_t>(at_ - begin);
+    constexpr size_t kBlock = 16;
+    bool found = size < kBlock || may_end_line(at_ - kBlock);
+    for (const char* block = begin; !found && block < at_ - kBlock; block += kBlock) {
+      found = may_end_line(block);
     }
-    // Whole words, the last of which overlaps.
-    bool found = may_end_line(at_ - kWord);
-    for (const char* word = begin; word < at_ - kWord; word += kWord) {
-      found = found || may_end_line(word);
-    }
-    if (found) blank_line_ends(begin, text.size());
+    if (found) blank_line_ends(begin, size);
     return *this;
   }
   // Lower-case hexadecimal without prefix or padding.

@@ -170,7 +170,7 @@ void append_line(TextBuffer& out, const FunctionFields& fields, std::string_view
   if (fields.is_multiple) line.str("m ");
   if (fields.section) line.hex(*fields.section).chr(':');
   line.hex_fields(fields.address, fields.size, static_cast<uint64_t>(fields.stack_param_size));
-  line.chr(' ').name(fields.name).name(parameters).chr('\n');
+  line.chr(' ').name(fields.name, parameters).chr('\n');
 }
 
 bool quick_parse(const char* line, const char* end, FunctionFields* fields) {

@@ -54,7 +54,7 @@ void printFunction(const FunctionRecord& func, std::string_view name, std::strin
                    TextBuffer& out) {
   LineWriter line(out, kMaxNumbersBytes + name.size() + parameters.size());
   line.str("FUNC ").hex(func.segment).chr(':').hex(func.rva).chr(' ').hex(func.length);
-  line.chr(' ').hex(func.paramSize).chr(' ').name(name).name(parameters).chr('\n');
+  line.chr(' ').hex(func.paramSize).chr(' ').name(name, parameters).chr('\n');
 }
 
 void printPublic(const FunctionRecord& func, TextBuffer& out) {

@@ -9,10 +9,11 @@ namespace symforge_internal {
 // Every entry takes a number, even an entry of a file that has its number already: the numbers of
 // files have gaps.
 void SourceFiles::getModuleFiles(const ModuleStream& module, SrcFileIndex& fileIndices) {
+  Allowance& entries = module.budget().fileChecksums;
   module.readModule(kFileChecksumsSubsection, [&](StreamReader& reader, uint32_t end) {
     const uint32_t payload = reader.getOffset();
     while (reader.getOffset() < end) {
-      module.budget().fileChecksums.spend(1);
+      entries.spend(1);
       const uint32_t offset = reader.getOffset() - payload;
       const DataPtr<CVFileChecksum> entry = reader.read<CVFileChecksum>();
       fileIndices.add({offset, m_unique.insert(entry->name, {m_nextId++, entry->name, false})});
