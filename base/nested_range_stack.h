@@ -22,27 +22,38 @@ class NestedRangeStack {
  public:
   enum class Place {
     kInside,      // stored, as the narrowest range so far around its addresses
-    kNothing,     // empty, or the same as the range on top: a tree would refuse it, without effect
-    kOutOfOrder,  // neither inside nor behind what came before; the object is of no more use
+    kNothing,     // empty, equal to the range on top or cut by its end: a tree would refuse it
+    kOutOfOrder,  // begins before the last range, or is around it: only a tree can tell
   };
 
-  Place add(uint64_t base, uint64_t size) {
+  // `base` + `size` must not wrap. A range equal to the one on top is inside it if its `depth` is
+  // greater by 1.
+  Place add(uint64_t base, uint64_t size, uint64_t depth = 0) {
     if (size == 0) return Place::kNothing;
+    if (base < position_) return Place::kOutOfOrder;
+    position_ = base;
     const uint64_t high = base + size - 1;
     while (!around_.empty() && around_.back().high < base) around_.pop_back();
     if (!around_.empty()) {
       const Range& top = around_.back();
-      if (base < top.base || high > top.high) return Place::kOutOfOrder;
-      if (base == top.base && high == top.high) return Place::kNothing;
+      if (high > top.high) return base == top.base ? Place::kOutOfOrder : Place::kNothing;
+      if (base == top.base && high == top.high && depth != top.depth + 1) return Place::kNothing;
     }
-    around_.push_back({base, high});
+    around_.push_back({base, high, depth});
     return Place::kInside;
+  }
+
+  // Forgets all ranges; memory is kept.
+  void clear() {
+    around_.clear();
+    position_ = 0;
   }
 
  private:
   struct Range {
     uint64_t base;
     uint64_t high;
+    uint64_t depth;
   };
 
   // Real nesting fits in the object itself, so that a lookup allocates nothing here.
@@ -50,6 +61,7 @@ class NestedRangeStack {
   alignas(Range) char memory_[kUsualDepth * sizeof(Range)];
   std::pmr::monotonic_buffer_resource resource_{memory_, sizeof(memory_)};
   std::pmr::vector<Range> around_ = reserved();
+  uint64_t position_ = 0;  // the first address of the last range
 
   std::pmr::vector<Range> reserved() {
     std::pmr::vector<Range> ranges(&resource_);

@@ -30,7 +30,7 @@ if("${CMAKE_CXX_FLAGS} ${CMAKE_CXX_FLAGS_${config}} ${definitions} ${options}" M
 endif()
 
 add_library(symforge_options INTERFACE)
-target_include_directories(symforge_options INTERFACE ${PROJECT_SOURCE_DIR} ${PROJECT_BINARY_DIR})
+target_include_directories(symforge_options INTERFACE ${PROJECT_SOURCE_DIR} ${PROJECT_BINARY_DIR}/include)
 target_compile_definitions(symforge_options INTERFACE _GLIBCXX_ASSERTIONS)
 target_compile_options(symforge_options INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual

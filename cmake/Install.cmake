@@ -6,6 +6,8 @@
 #     google_breakpad/processor/*.h, common/symb.h  its includes are written like that
 #   lib/cmake/symforge, lib/pkgconfig/symforge.pc   how a host finds both
 #   share/...                                       manual page, documents, completion for bash
+#
+# A host reads the version from common/symforge_version.h, which is made here.
 include(CMakePackageConfigHelpers)
 
 # The modules of the repository are libraries of their own; hosts get one.
@@ -23,6 +25,8 @@ file(MAKE_DIRECTORY ${build_headers}/google_breakpad ${build_headers}/common)
 file(CREATE_LINK ${PROJECT_SOURCE_DIR}/google_breakpad/processor
   ${build_headers}/google_breakpad/processor SYMBOLIC)
 file(CREATE_LINK ${PROJECT_SOURCE_DIR}/common/symb.h ${build_headers}/common/symb.h SYMBOLIC)
+set(version_header ${build_headers}/common/symforge_version.h)
+configure_file(common/symforge_version.h.in ${version_header} @ONLY)
 target_include_directories(symforge_resolver INTERFACE
   $<BUILD_INTERFACE:${build_headers}> $<INSTALL_INTERFACE:${header_root}>)
 add_library(symforge::resolver ALIAS symforge_resolver)
@@ -31,22 +35,59 @@ if(NOT SYMFORGE_INSTALL)
   return()
 endif()
 
+# (there is no public address yet)
+set(contact "The symforge developers <symforge@symforge.invalid>")
+
+# compressed(FILE OUTPUT): makes OUTPUT in the build folder, by gzip without a name or a time in it.
+function(compressed file output)
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${file})
+  execute_process(COMMAND gzip -9nc ${file} WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}
+    OUTPUT_FILE ${PROJECT_BINARY_DIR}/${output} COMMAND_ERROR_IS_FATAL ANY)
+endfunction()
+
 # ---- Files, in two components that become two Debian packages ---------------------------------------
 install(TARGETS symforge RUNTIME COMPONENT program)
-install(FILES docs/symforge.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT program)
+compressed(docs/symforge.1 symforge.1.gz)
+install(FILES ${PROJECT_BINARY_DIR}/symforge.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT program)
 install(FILES completions/symforge.bash RENAME symforge
   DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT program)
-file(GLOB documents CONFIGURE_DEPENDS docs/*.md)
-install(FILES README.md SECURITY.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT program)
-install(FILES ${documents} DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs COMPONENT program)
+# The documents, with links that lead to the same things in the installed tree.
+file(RELATIVE_PATH from_documents /${CMAKE_INSTALL_DOCDIR} /)
+file(GLOB documents RELATIVE ${PROJECT_SOURCE_DIR} CONFIGURE_DEPENDS *.md docs/*.md)
+foreach(document IN LISTS documents)
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${document})
+  file(READ ${document} text)
+  string(REPLACE "](docs/symforge.1)" "](${from_documents}${CMAKE_INSTALL_MANDIR}/man1/symforge.1.gz)" text "${text}")
+  string(REPLACE "](google_breakpad/processor)" "](${from_documents}${header_root}/google_breakpad/processor)"
+    text "${text}")
+  file(CONFIGURE OUTPUT documents/${document} CONTENT "@text@" @ONLY)
+endforeach()
+install(DIRECTORY ${PROJECT_BINARY_DIR}/documents/ DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT program
+  FILES_MATCHING PATTERN "*.md")
+install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT program
+  FILES_MATCHING PATTERN "*.cc")
+
+# What Debian's policy has in every package.
+string(TIMESTAMP changed "%a, %d %b %Y %H:%M:%S +0000" UTC)
+file(CONFIGURE OUTPUT changelog CONTENT "symforge (@PROJECT_VERSION@) unstable; urgency=medium
+
+  * See CHANGELOG.md.
+
+ -- @contact@  @changed@
+" @ONLY)
+compressed(${PROJECT_BINARY_DIR}/changelog changelog.gz)
+foreach(package IN ITEMS "program symforge" "development libsymforge-dev")
+  separate_arguments(package)
+  list(POP_FRONT package component name)
+  install(FILES ${PROJECT_BINARY_DIR}/changelog.gz DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${name} COMPONENT ${component})
+  install(FILES COPYRIGHT RENAME copyright DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${name} COMPONENT ${component})
+endforeach()
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/symforge)
 install(TARGETS symforge_resolver EXPORT symforge ARCHIVE COMPONENT development)
 install(DIRECTORY google_breakpad/processor DESTINATION ${header_root}/google_breakpad
   COMPONENT development FILES_MATCHING PATTERN "*.h")
-install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development
-  FILES_MATCHING PATTERN "*.cc")
-install(FILES common/symb.h DESTINATION ${header_root}/common COMPONENT development)
+install(FILES common/symb.h ${version_header} DESTINATION ${header_root}/common COMPONENT development)
 
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/symforge-config-version.cmake
   COMPATIBILITY SameMajorVersion)
@@ -65,7 +106,7 @@ install(FILES ${PROJECT_BINARY_DIR}/symforge.pc DESTINATION ${pc_dir} COMPONENT 
 
 # ---- Packages ------------------------------------------------------------------------------------
 set(CPACK_GENERATOR DEB TGZ)
-set(CPACK_PACKAGE_CONTACT "The symforge developers <symforge@localhost>")
+set(CPACK_PACKAGE_CONTACT "${contact}")
 set(CPACK_PACKAGE_VENDOR symforge)
 set(CPACK_SYSTEM_NAME linux-x86_64)
 set(CPACK_PACKAGE_CHECKSUM SHA256)

@@ -3,10 +3,14 @@
 
 #include <cstring>
 #include <sstream>
+#include <string>
 #include <string_view>
+#include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "base/text_buffer.h"
+#include "common/published_function.h"
 #include "common/symb.h"
 #include "common/symb_block.h"
 #include "common/symb_text.h"
@@ -24,13 +28,29 @@ class Printer {
       : block_(block), size_(size), budget_(size), text_(text) {}
 
   bool print() {
-    header_ = {};
-    const bool has_sections = symb_has_sections(symb_load<symb_header_metadata>(block_).version);
-    std::memcpy(&header_, block_, has_sections ? sizeof(symb_header_v2) : sizeof(symb_header_v1));
+    load_header();
     return identity() && sections() && files() && symbols() && stack_win() && stack_cfi();
   }
 
+  // The published form. Only files that lines or calls refer to are written.
+  bool print_standard() {
+    is_standard_ = true;
+    load_header();
+    TextBuffer functions;
+    if (!identity() || !standard_functions(functions) || !standard_files() || !standard_origins()) {
+      return false;
+    }
+    text_.append(functions.view());
+    return publics() && stack_win() && stack_cfi();
+  }
+
  private:
+  void load_header() {
+    header_ = {};
+    const bool has_sections = symb_has_sections(symb_load<symb_header_metadata>(block_).version);
+    std::memcpy(&header_, block_, has_sections ? sizeof(symb_header_v2) : sizeof(symb_header_v1));
+  }
+
   // The records of a table. `*first` is null when `count` is 0.
   bool records(uint64_t offset, uint64_t count, size_t record_size, const char** first) const {
     if (count != 0 && (offset == 0 || !symb_holds(size_, offset, count, record_size))) return false;
@@ -64,13 +84,18 @@ class Printer {
   bool outputFunction(const symb_func& function);
   bool outputFunctionInline(const symb_func_inline& function);
   bool outputPublicFunction(const symb_public& symbol);
-  bool function_line(const symb_func& function);
+  bool function_line(const symb_func& function, TextBuffer& out);
   bool lines(const symb_func& function);
+  bool standard_functions(TextBuffer& out);
+  bool standard_function(const symb_func_inline& function, TextBuffer& out);
+  bool standard_files();
+  bool standard_origins();
+  bool publics();
   bool stack_win();
   bool enter_map(const symb_nested_window_frame_info& owner);
   bool outputWindowFrameInfo(const symb_nested_window_frame_info& range);
   bool stack_cfi();
-  bool initial_rule(const symb_cfi_rule& rule);
+  bool initial_rule(const symb_cfi_rule& rule, const char* changes);
   bool delta_rule(const symb_cfi_delta_rule& rule);
 
   // The part of an array of frame info ranges that is still to be printed.
@@ -85,6 +110,14 @@ class Printer {
   TextBuffer& text_;
   symb_header header_;
   std::vector<Array> path_;  // from a root to the current range
+
+  // For the published form.
+  bool is_standard_ = false;
+  PublishedFunction published_;
+  uint64_t parts_left_ = 0;
+  std::unordered_set<int32_t> used_files_;
+  std::unordered_map<uint64_t, long> origin_numbers_;  // by reference
+  std::vector<uint64_t> origins_;                      // by number
 };
 
 bool Printer::identity() {
@@ -176,12 +209,12 @@ bool Printer::outputPublicFunction(const symb_public& symbol) {
   return true;
 }
 
-bool Printer::function_line(const symb_func& function) {
+bool Printer::function_line(const symb_func& function, TextBuffer& out) {
   FunctionFields fields = {
       false, {}, function.address, function.size, static_cast<uint32_t>(function.parameter_size),
       {}};
   if (!string(function.name, &fields.name)) return false;
-  append_line(text_, fields);
+  append_line(out, fields);
   return true;
 }
 
@@ -199,7 +232,7 @@ bool Printer::lines(const symb_func& function) {
 }
 
 bool Printer::outputFunction(const symb_func& function) {
-  if (!function_line(function)) return false;
+  if (!function_line(function, text_)) return false;
   return function.lines == 0 || function.line_count == 0 || lines(function);
 }
 
@@ -219,6 +252,93 @@ bool Printer::outputFunctionInline(const symb_func_inline& function) {
                            site.source_file_id, site.caller, {}};
     if (!string(site.name, &fields.name)) return false;
     append_line(text_, fields);
+  }
+  return true;
+}
+
+bool Printer::standard_functions(TextBuffer& out) {
+  // Far more parts of functions than any writer makes of the bytes that describe them.
+  constexpr uint64_t kPartsPerByte = 16;
+  parts_left_ = size_ * kPartsPerByte;
+  const bool has_inline = symb_has_inlines(header_.v1.md.version);
+  const size_t record_size = has_inline ? sizeof(symb_func_inline) : sizeof(symb_func);
+  const uint64_t count = header_.v1.function_count;
+  const char* at;
+  if (!records(header_.v1.functions, count, record_size, &at)) return false;
+  for (uint64_t i = 0; i < count; ++i, at += record_size) {
+    symb_func_inline function = {};
+    std::memcpy(&function, at, record_size);
+    if (!standard_function(function, out)) return false;
+  }
+  return true;
+}
+
+template <typename Record>
+std::vector<Record> copied(const char* first, uint64_t count) {
+  std::vector<Record> records(count);
+  if (count != 0) std::memcpy(records.data(), first, count * sizeof(Record));
+  return records;
+}
+
+bool Printer::standard_function(const symb_func_inline& function, TextBuffer& out) {
+  symb_func plain;
+  std::memcpy(&plain, &function, sizeof(plain));
+  if (!function_line(plain, out)) return false;
+  if (plain.lines == 0 || plain.line_count == 0) return true;
+  const char* first_line;
+  const char* first_site;
+  if (!records(plain.lines, plain.line_count, sizeof(symb_line), &first_line) ||
+      !records(function.inlines, function.inline_count, sizeof(symb_inline), &first_site) ||
+      !spend(plain.line_count)) {
+    return false;
+  }
+  const auto lines = copied<symb_line>(first_line, plain.line_count);
+  const auto sites = copied<symb_inline>(first_site, function.inline_count);
+  if (!published_.convert(plain, lines, sites, &parts_left_)) return false;
+
+  for (const PublishedFunction::Call& call : published_.calls()) {
+    const auto number = static_cast<long>(origins_.size());
+    const auto [origin, is_new] = origin_numbers_.try_emplace(call.name, number);
+    if (is_new) origins_.push_back(call.name);
+    used_files_.insert(call.file);
+    append_line(out,
+                InlineCallFields{call.depth, call.line, call.file, origin->second, call.ranges});
+  }
+  for (const symb_line& line : published_.line_records()) {
+    used_files_.insert(line.source_file_id);
+    append_line(out, LineFields{line.address, line.size, line.line, line.source_file_id});
+  }
+  return true;
+}
+
+bool Printer::standard_files() {
+  const uint64_t count = header_.v1.file_count;
+  const char* at;
+  if (!records(header_.v1.files, count, sizeof(symb_file), &at)) return false;
+  for (uint64_t i = 0; i < count; ++i, at += sizeof(symb_file)) {
+    const auto file = symb_load<symb_file>(at);
+    std::string_view name;
+    if (!string(file.name, &name)) return false;
+    if (used_files_.contains(file.index)) append_line(text_, FileFields{file.index, name});
+  }
+  return true;
+}
+
+bool Printer::standard_origins() {
+  for (size_t i = 0; i < origins_.size(); ++i) {
+    InlineOriginFields fields = {static_cast<long>(i), {}};
+    if (!string(origins_[i], &fields.name)) return false;
+    append_line(text_, fields);
+  }
+  return true;
+}
+
+bool Printer::publics() {
+  const uint64_t count = header_.v1.public_function_count;
+  const char* at;
+  if (!records(header_.v1.public_functions, count, sizeof(symb_public), &at)) return false;
+  for (uint64_t i = 0; i < count; ++i, at += sizeof(symb_public)) {
+    if (!outputPublicFunction(symb_load<symb_public>(at))) return false;
   }
   return true;
 }
@@ -292,10 +412,13 @@ bool Printer::stack_cfi() {
   const char* const deltas_end = delta + header.cfi_delta_rule_count * sizeof(symb_cfi_delta_rule);
   for (uint64_t i = 0; i < header.cfi_initial_rule_count; ++i, initial += sizeof(symb_cfi_rule)) {
     const auto rule = symb_load<symb_cfi_rule>(initial);
-    if (!initial_rule(rule)) return false;
     while (delta != deltas_end && delta_address(delta) < rule.base) {
       delta += sizeof(symb_cfi_delta_rule);
     }
+    const bool joins_first =
+        is_standard_ && delta != deltas_end && rule.size != 0 && delta_address(delta) == rule.base;
+    if (!initial_rule(rule, joins_first ? delta : nullptr)) return false;
+    if (joins_first) delta += sizeof(symb_cfi_delta_rule);
     for (; delta != deltas_end && delta_address(delta) < rule.base + rule.size;
          delta += sizeof(symb_cfi_delta_rule)) {
       if (!delta_rule(symb_load<symb_cfi_delta_rule>(delta))) return false;
@@ -304,9 +427,17 @@ bool Printer::stack_cfi() {
   return true;
 }
 
-bool Printer::initial_rule(const symb_cfi_rule& rule) {
+// The published form has no changes at the start of a range: they join the initial rules.
+bool Printer::initial_rule(const symb_cfi_rule& rule, const char* changes) {
   StackCFIFields fields = {true, rule.base, rule.size, {}};
   if (!string(rule.rule, &fields.rules)) return false;
+  std::string joined;
+  if (changes != nullptr) {
+    std::string_view changed_rules;
+    if (!string(symb_load<symb_cfi_delta_rule>(changes).rule, &changed_rules)) return false;
+    joined = join_cfi_rules(fields.rules, changed_rules);
+    fields.rules = joined;
+  }
   append_line(text_, fields);
   return true;
 }
@@ -320,13 +451,16 @@ bool Printer::delta_rule(const symb_cfi_delta_rule& rule) {
 
 }  // namespace
 
-bool symb_read(const char* block, size_t size, TextBuffer& out, const Limit& text_limit) {
+bool symb_read(const char* block, size_t size, TextBuffer& out, TextDialect dialect,
+               const Limit& text_limit) {
   if (!std::string_view(block, size).starts_with(kSymbMagic)) return false;
   if (!symb_references_are_valid(block, size)) return false;
   const size_t before = out.size();
   try {
     const TextLimit limit(out, text_limit.of(size));
-    if (Printer(block, size, out).print()) return true;
+    Printer printer(block, size, out);
+    const bool is_standard = dialect == TextDialect::kStandard;
+    if (is_standard ? printer.print_standard() : printer.print()) return true;
   } catch (const LimitExceeded&) {
     // Records that share one long string ask for a text out of all proportion.
   }

@@ -14,9 +14,14 @@ namespace symforge_internal {
 // NUL, if there is one.
 bool symb_write(TextBuffer symbol_data, char** out_buffer, size_t* out_buffer_size);
 
+// The form of a text symbol file: that of the default mode, with I lines, or the published one,
+// with INLINE lines, which any reader of Breakpad's format understands.
+enum class TextDialect { kDefault, kStandard };
+
 // symb_read() that appends to `out`. The block is only read. `text_limit`: how much text is made of
 // a block of that size; what would be more fails. On false, `out` is unchanged.
 bool symb_read(const char* block, size_t size, TextBuffer& out,
+               TextDialect dialect = TextDialect::kDefault,
                const Limit& text_limit = limits::kTextOfSymb);
 
 }  // namespace symforge_internal

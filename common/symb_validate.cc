@@ -190,12 +190,12 @@ bool Validator::lines(uint64_t offset, uint32_t count) {
 }
 
 // The sites have to nest as the lookup wants to find them. An empty site, or one that repeats the
-// range before it, is what no writer writes.
+// range before it without being deeper by 1, is what no writer writes.
 bool Validator::inlines(uint64_t offset, uint32_t count) {
   NestedRangeStack nesting;
   return records<symb_inline>(offset, count, [&](const symb_inline& site) {
     return string(site.name) && uint64_t{site.address} + site.size <= kAddressLimit &&
-           nesting.add(site.address, site.size) == NestedRangeStack::Place::kInside;
+           nesting.add(site.address, site.size, site.caller) == NestedRangeStack::Place::kInside;
   });
 }
 

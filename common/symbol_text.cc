@@ -1,9 +1,12 @@
 #include "common/symbol_text.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "base/number_cursor.h"
@@ -162,6 +165,14 @@ void append_line(TextBuffer& out, const InlineOriginFields& fields) {
   line.str(kInlineOrigin).dec_signed(fields.index).chr(' ').name(fields.name).chr('\n');
 }
 
+bool parse(char* line, char* end, InlineOriginFields* fields) {
+  *end = '\0';
+  std::vector<char*> tokens;
+  if (!Tokenize(line + kInlineOrigin.size(), kWhitespace, 2, &tokens)) return false;
+  fields->name = tokens[1];
+  return parse_count(tokens[0], 10, &fields->index);
+}
+
 // ---- FUNC ---------------------------------------------------------------------------------------
 
 void append_line(TextBuffer& out, const FunctionFields& fields, std::string_view parameters) {
@@ -282,6 +293,32 @@ void append_line(TextBuffer& out, const InlineCallFields& fields) {
     line.chr(' ').hex_fields(range.address, range.size);
   }
   line.chr('\n');
+}
+
+bool parse(const char* line, const char* end, InlineCallFields* fields,
+           std::vector<InlineCallFields::Range>* ranges) {
+  ranges->clear();
+  NumberCursor cursor(line + kInlineCall.size());
+  const auto skip_blanks = [&cursor] {
+    const char* const begin = cursor.at();
+    while (cursor.blank()) continue;
+    return cursor.at() != begin;
+  };
+  skip_blanks();
+  long depth = 0;
+  for (long* number : {&depth, &fields->call_line, &fields->call_file, &fields->origin}) {
+    if (!cursor.decimal(number) || !skip_blanks()) return false;
+  }
+  if (depth > kMaxInlineDepth) return false;
+  fields->depth = static_cast<uint32_t>(depth);
+  while (cursor.at() < end) {
+    InlineCallFields::Range range;
+    if (!cursor.hex(&range.address) || !skip_blanks() || !cursor.hex(&range.size)) return false;
+    if (!skip_blanks() && cursor.at() != end) return false;
+    ranges->push_back(range);
+  }
+  fields->ranges = *ranges;
+  return !ranges->empty();
 }
 
 // ---- PUBLIC -------------------------------------------------------------------------------------
@@ -424,6 +461,34 @@ bool parse(char* stack_info, char* end, StackCFIFields* fields) {
   fields->size = strtoul(size, nullptr, 16);
   fields->rules = rules;
   return true;
+}
+
+std::string join_cfi_rules(std::string_view rules, std::string_view changes) {
+  // A rule is a word that ends in a colon and the words up to the next such word.
+  std::vector<std::pair<std::string_view, std::string>> joined;
+  std::unordered_map<std::string_view, size_t> index;
+  for (std::string_view rest : {rules, changes}) {
+    size_t current = joined.size();
+    while (true) {
+      rest.remove_prefix(std::min(rest.find_first_not_of(' '), rest.size()));
+      if (rest.empty()) break;
+      const std::string_view word = rest.substr(0, rest.find(' '));
+      rest.remove_prefix(word.size());
+      if (word.ends_with(':')) {
+        const auto [found, is_new] = index.try_emplace(word, joined.size());
+        if (is_new) joined.emplace_back();
+        current = found->second;
+        joined[current] = {word, {}};
+      } else if (current < joined.size()) {
+        joined[current].second.append(" ").append(word);
+      }
+    }
+  }
+  std::string text;
+  for (const auto& [name, rule] : joined) {
+    text.append(text.empty() ? "" : " ").append(name).append(rule);
+  }
+  return text;
 }
 
 }  // namespace symforge_internal

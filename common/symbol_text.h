@@ -24,7 +24,9 @@
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <string>
 #include <string_view>
+#include <vector>
 
 #include "base/text_buffer.h"
 #include "google_breakpad/processor/windows_frame_info.h"
@@ -91,6 +93,7 @@ struct InlineFields {
   bool operator==(const InlineFields&) const = default;
 };
 // INLINE depth call_line call_file origin [address size]+
+constexpr uint32_t kMaxInlineDepth = 1000;  // a line with a greater depth is not read
 struct InlineCallFields {
   struct Range {
     uint64_t address;
@@ -178,6 +181,12 @@ bool parse(char* line, char* end, PublicFields* fields);
 // characters after a number are ignored.
 bool parse(char* line, char* end, InlineFields* fields);
 
+bool parse(char* line, char* end, InlineOriginFields* fields);
+// `ranges` is cleared and then holds the ranges that fields->ranges refers to. Numbers are digits
+// alone, of at most 18 decimal or 15 hexadecimal places. The line is not changed.
+bool parse(const char* line, const char* end, InlineCallFields* fields,
+           std::vector<InlineCallFields::Range>* ranges);
+
 // Splits a line that begins with "STACK " at its platform word, which becomes NUL-terminated; the
 // rest of the line, which may be empty, begins one byte after it.
 void split_stack_line(char* line, char* end, char** platform, char** stack_info);
@@ -185,6 +194,10 @@ void split_stack_line(char* line, char* end, char** platform, char** stack_info)
 // trailing characters: what is no number counts as 0.
 bool parse(char* stack_info, char* end, StackWinFields* fields);
 bool parse(char* stack_info, char* end, StackCFIFields* fields);
+
+// The rules of a STACK CFI INIT line after the changes of a STACK CFI line at its address: a
+// register of which both have a rule keeps that of `changes`.
+std::string join_cfi_rules(std::string_view rules, std::string_view changes);
 
 // Whether a number may end at `after_number`: before a blank, a line end or the end of the text.
 bool is_valid_after_number(const char* after_number);

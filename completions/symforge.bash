@@ -3,9 +3,14 @@
 _symforge() {
   local word=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} pattern='' i arguments=0
 
-  # Arguments behind the options that have been typed already.
+  local options=(-b -e -h -i -r -s -v --binary --help --image --no-inlines --no-sandbox --no-sync
+    --recursive --standard --sync --tree --version)
+
+  # Arguments after the options that have been typed already.
   for ((i = 1; i < COMP_CWORD; ++i)); do
     case ${COMP_WORDS[i]} in
+      --image | --tree) ((++i)) ;;
+      --*) ;;
       -*[es]) ((++i)) ;;
       -*) ;;
       *) ((++arguments)) ;;
@@ -13,11 +18,13 @@ _symforge() {
   done
 
   case $previous in
-    -*e) pattern='*.@(exe|dll|EXE|DLL)' ;;
-    -*s) ;;
+    --image) pattern='*.@(exe|dll|EXE|DLL)' ;;
+    --tree) ;;
+    -[!-]*e | -e) pattern='*.@(exe|dll|EXE|DLL)' ;;
+    -[!-]*s | -s) ;;
     *)
       if [[ $word == -* ]]; then
-        mapfile -t COMPREPLY < <(compgen -W '-b -e -h -i -r -s -v' -- "$word")
+        mapfile -t COMPREPLY < <(compgen -W "${options[*]}" -- "$word")
         return
       fi
       ((arguments)) || pattern='*.@(pdb|PDB|sym|symb)'

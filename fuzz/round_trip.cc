@@ -10,6 +10,7 @@
 #include "tests/support/symb_images.h"
 
 using fuzzing::require;
+using symforge_internal::TextDialect;
 using test_support::image_of;
 using test_support::text_of;
 
@@ -66,7 +67,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string input(reinterpret_cast<const char*>(data), size);
   const auto image = image_of(input);
   if (!image) return 0;
-  const auto text = text_of(*image);
+  // I lines cannot say all that INLINE lines can: such a file comes back in the published form.
+  const bool is_published =
+      any_line(input, [](std::string_view line) { return line.starts_with("INLINE "); });
+  const auto dialect = is_published ? TextDialect::kStandard : TextDialect::kDefault;
+  const auto text = text_of(*image, dialect);
   require(text.has_value(), "an image that was written can be read");
   if (any_line(*text, may_change_again) || any_line(input, may_have_been_cut)) return 0;
   const auto second_image = image_of(*text);
@@ -74,7 +79,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // Addresses beyond 4 GiB were cut, and their tables may be out of order.
   if (!test_support::is_valid(*image)) return 0;
   require(test_support::is_valid(*second_image), "the image of such a text is good");
-  const auto second_text = text_of(*second_image);
+  const auto second_text = text_of(*second_image, dialect);
   require(second_text == text, "a second trip changes no text");
   require(image_of(*second_text) == second_image, "a third one changes no image");
   return 0;

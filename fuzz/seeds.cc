@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "builders/arm64_unwind_builder.h"
 #include "builders/bytes.h"
 #include "builders/codeview_builder.h"
 #include "builders/pdb_builder.h"
@@ -98,6 +99,29 @@ std::string image(bool pe32_plus) {
   return pe.build();
 }
 
+// Packed entries, and records with epilogs and without, on ARM64.
+std::string arm64_image() {
+  PeBuilder pe;
+  pe.machine(0xAA64).codeview({}, 1, "C:\\build\\a.pdb");
+  const Arm64Xdata records[] = {
+      {.length = 0x40, .epilogs = {{0x20, 0}, {0x2C, 1}}, .codes = "\xE1\x81\xE4"},
+      {.length = 0x40, .extended = true, .single_epilog = 1, .codes = "\xE5\xE1\x81\xFC\xE4"},
+      {.length = 0x80, .codes = "\xE3\xE6\xC8\x42\xDA\x43\xE7\x54\x03\xE2\x04\xC1\x10\xE4"},
+      {.length = 0x40, .codes = "\xE8\xE4"},
+  };
+  uint32_t begin = 0x1000;
+  for (const Arm64Xdata& record : records) {
+    pe.arm64_entry(begin, pe.raw_unwind_info(record.bytes()));
+    begin += record.length;
+  }
+  for (uint32_t cr = 0; cr < 4; ++cr) {
+    pe.arm64_entry(begin, arm64_packed({.reg_f = cr, .reg_i = 5 - cr, .cr = cr, .frame = 160}));
+    begin += 0x40;
+  }
+  pe.arm64_entry(begin, arm64_packed({.flag = 2, .homed = 1, .frame = 5120}));
+  return pe.build();
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -112,7 +136,10 @@ int main(int argc, char** argv) {
   seed("pdb_to_text", "x86", pdb32());
   seed("pe", "pe32_plus", image(true));
   seed("pe", "pe32", image(false));
-  for (const char* text : {"rich.sym", "rich_shuffled.sym", "round_trip.sym"}) {
+  seed("unwind_rules", "x64", image(true));
+  seed("unwind_rules", "arm64", arm64_image());
+  for (const char* text : {"rich.sym", "rich_shuffled.sym", "round_trip.sym", "published_linux.sym",
+                           "published_mac.sym"}) {
     for (const char* target : {"text_load_lookup", "round_trip", "lookup_agreement"}) {
       seed(target, text, test_support::test_data(text));
     }

@@ -12,6 +12,7 @@
 #include "tests/support/symbols.h"
 
 using symforge_internal::TextBuffer;
+using symforge_internal::TextDialect;
 
 namespace {
 
@@ -23,7 +24,9 @@ class Image {
   }
 
   bool valid() const { return symb_validate(reinterpret_cast<uintptr_t>(bytes_.get()), size_); }
-  bool read(TextBuffer& text) { return symb_read(bytes_.get(), size_, text); }
+  bool read(TextBuffer& text, TextDialect dialect) const {
+    return symb_read(bytes_.get(), size_, text, dialect);
+  }
 
  private:
   size_t size_;
@@ -51,9 +54,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Image image(bytes);
   const bool valid = image.valid();
   TextBuffer text;
-  const bool read = image.read(text);
+  const bool read = image.read(text, TextDialect::kDefault);
   fuzzing::require(read || text.empty(), "no text of what cannot be read");
   fuzzing::require(read || !valid, "what is valid can be read");
+  TextBuffer published;
+  fuzzing::require(image.read(published, TextDialect::kStandard) || published.empty(),
+                   "no published text of what cannot be read");
   if (!valid) return 0;
 
   const test_support::Symbols symbols(bytes);

@@ -95,6 +95,7 @@ class BasicSourceLineResolver::Module : public SourceLineResolverBase::Module {
   friend class TextModuleLoader;
 
   bool Load(char* buffer, size_t size, StringStorage::Place strings);
+  void AppendInlines(const Function& function, MemAddr address, StackFrame* frame) const;
 
   bool symb_loaded_ = false;
   const char* symb_base_ = nullptr;  // not owned

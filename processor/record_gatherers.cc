@@ -2,9 +2,13 @@
 
 #include <utility>
 
+#include "base/range_nesting.h"
+
 namespace google_breakpad {
 
 using symforge_internal::Arena;
+using symforge_internal::NestedRangeStack;
+using symforge_internal::RangeNesting;
 
 void LineGatherer::Store(const Line& line) {
   const MemAddr high = line.address + line.size - 1;
@@ -36,13 +40,19 @@ void LineGatherer::StoreOutOfOrder(const Line& line) {
   }
 }
 
+const std::vector<LineGatherer::Line>& LineGatherer::Sorted() {
+  if (ordered_) return lines_;
+  std::vector<Line> sorted;
+  sorted.reserve(lines_.size());
+  for (const auto& [high, range] : by_range_.GetMap()) sorted.push_back(lines_[range.entry()]);
+  lines_ = std::move(sorted);
+  by_range_.Clear();
+  ordered_ = true;
+  return lines_;
+}
+
 void LineGatherer::MoveTo(Arena& arena, BasicSourceLineResolver::Function* function) {
-  if (!ordered_) {
-    std::vector<Line> sorted;
-    sorted.reserve(lines_.size());
-    for (const auto& [high, range] : by_range_.GetMap()) sorted.push_back(lines_[range.entry()]);
-    lines_ = std::move(sorted);
-  }
+  Sorted();
   function->lines_ = arena.copy(lines_.data(), lines_.size());
   function->line_count_ = static_cast<uint32_t>(lines_.size());
   Clear();
@@ -57,62 +67,22 @@ void LineGatherer::Clear() {
 void InlineGatherer::Store(const InlineFunction& site, std::string_view name) {
   const Site new_site{site, name};
   if (site.code_size == 0 || new_site.high() < site.function_address) return;
-  if (!ordered_ || !StoreInOrder(new_site)) StoreOutOfOrder(new_site);
-}
-
-// False if the site does not come in the order of nesting, so that the tree has to decide.
-bool InlineGatherer::StoreInOrder(const Site& site) {
-  const MemAddr base = site.record.function_address, high = site.high();
-  if (base < position_) return false;
-  position_ = base;
-  while (!open_.empty() && sites_[open_.back()].high() < base) open_.pop_back();
-  if (!open_.empty()) {
-    const Site& around = sites_[open_.back()];
-    if (high > around.high()) {
-      // Cuts the open site in part, or lies around it, if they begin together.
-      return around.record.function_address != base;
-    }
-    if (high == around.high() && base == around.record.function_address) return true;  // again
-  }
-  open_.push_back(static_cast<uint32_t>(sites_.size()));
-  sites_.push_back(site);
-  return true;
-}
-
-void InlineGatherer::StoreOutOfOrder(const Site& site) {
   if (ordered_) {
-    ordered_ = false;
-    for (uint32_t i = 0; i < sites_.size(); ++i) {
-      by_range_.StoreRange(sites_[i].record.function_address, sites_[i].record.code_size, i);
-    }
+    const NestedRangeStack::Place place = nesting_.add(site.function_address, site.code_size);
+    if (place == NestedRangeStack::Place::kNothing) return;
+    ordered_ = place == NestedRangeStack::Place::kInside;
   }
-  if (by_range_.StoreRange(site.record.function_address, site.record.code_size,
-                           static_cast<uint32_t>(sites_.size()))) {
-    sites_.push_back(site);
-  }
+  sites_.push_back(new_site);
 }
 
+// Keeps the sites that a ContainedRangeMap would keep, in the order of nesting.
 void InlineGatherer::SortByNesting() {
-  using Range = ContainedRange<MemAddr, uint32_t>;
-  using Iterator = Range::AddressToRangeMap::const_iterator;
+  std::vector<RangeNesting<MemAddr>::Range> ranges;
+  ranges.reserve(sites_.size());
+  for (const Site& site : sites_) ranges.push_back({site.record.function_address, site.high()});
+  RangeNesting<MemAddr> nesting;
   std::vector<Site> sorted;
-  sorted.reserve(sites_.size());
-  // What is left to visit at each level of the way down; nesting may be deep.
-  std::vector<std::pair<Iterator, Iterator>> levels;
-  if (by_range_.Map() != nullptr) {
-    levels.emplace_back(by_range_.Map()->begin(), by_range_.Map()->end());
-  }
-  while (!levels.empty()) {
-    auto& [next, end] = levels.back();
-    if (next == end) {
-      levels.pop_back();
-      continue;
-    }
-    const Range* range = next.value();
-    ++next;
-    sorted.push_back(sites_[range->Entry()]);
-    if (range->Map() != nullptr) levels.emplace_back(range->Map()->begin(), range->Map()->end());
-  }
+  for (const uint32_t position : nesting.nest(ranges)) sorted.push_back(sites_[position]);
   sites_ = std::move(sorted);
 }
 
@@ -132,9 +102,7 @@ void InlineGatherer::MoveTo(StringStorage& store, BasicSourceLineResolver::Funct
 
 void InlineGatherer::Clear() {
   sites_.clear();
-  open_.clear();
-  position_ = 0;
-  if (!ordered_) by_range_.Clear();
+  nesting_.clear();
   ordered_ = true;
 }
 

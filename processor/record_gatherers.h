@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/nested_range_stack.h"
 #include "processor/basic_source_line_resolver_module.h"
 #include "processor/string_storage.h"
 
@@ -29,6 +30,8 @@ class LineGatherer {
   // Copies the lines in ascending order into `arena` and makes them the function's.
   void MoveTo(Arena& arena, BasicSourceLineResolver::Function* function);
   void Clear();
+  // The stored lines in ascending order, until the next Store, MoveTo or Clear.
+  const std::vector<Line>& Sorted();
 
  private:
   void StoreOutOfOrder(const Line& line);
@@ -57,18 +60,13 @@ class InlineGatherer {
     MemAddr high() const { return record.function_address + record.code_size - 1; }
   };
 
-  bool StoreInOrder(const Site& site);
-  void StoreOutOfOrder(const Site& site);
   void SortByNesting();
 
   std::vector<Site> sites_;
-  // While `ordered_`: sites_ is in the order of nesting, `open_` are the indices of the sites that
-  // a site at `position_` or above may still lie in, the innermost last.
+  // While `ordered_`: sites_ is in the order of nesting.
   bool ordered_ = true;
-  std::vector<uint32_t> open_;
-  MemAddr position_ = 0;
-  // Otherwise: the sites that are stored, as indices into sites_.
-  ContainedRangeMap<MemAddr, uint32_t> by_range_;
+  symforge_internal::NestedRangeStack nesting_;
+  // Otherwise: which of sites_ are stored is decided when the function is over.
   std::vector<InlineFunction> final_;
 };
 

@@ -29,6 +29,7 @@ struct SourceLineResolverBase::Function {
   unsigned int section;    // the number before the colon of the line's address, else 0
   int32_t parameter_size;  // stack space of the parameters
   bool is_multiple;        // stands for several symbols that were folded into one
+  bool has_inline_calls;   // its sites come from INLINE lines, so lookups on text return them
 };
 
 // One range of code of an inline site.

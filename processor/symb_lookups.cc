@@ -241,7 +241,7 @@ bool inline_stack_in_order(const char* sites, uint32_t count, uint64_t address,
   for (uint32_t i = 0; i < count; ++i) {
     const char* record = sites + i * sizeof(symb_inline);
     const auto site = symb_load<symb_inline>(record);
-    const NestedRangeStack::Place place = nesting.add(site.address, site.size);
+    const NestedRangeStack::Place place = nesting.add(site.address, site.size, site.caller);
     if (place == NestedRangeStack::Place::kOutOfOrder) return false;
     if (place == NestedRangeStack::Place::kInside && address - site.address < site.size) {
       stack.push_back(record);

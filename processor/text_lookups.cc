@@ -1,6 +1,7 @@
 // Lookups on a module that was loaded from text. They read the containers and nothing else, so any
 // number of threads may look up at once.
 
+#include <algorithm>
 #include <memory>
 #include <span>
 
@@ -76,12 +77,13 @@ void BasicSourceLineResolver::Module::LookupAddress(StackFrame* frame) const {
   if (nearest.holds_address) {
     frame->function_name = nearest.function->name;
     frame->function_base = module_base + nearest.base;
-    const Line* line = line_at(nearest.function->lines(), address);
-    if (line == nullptr) return;
-    const auto file = files_.find(line->source_file_id);
-    if (file != files_.end()) frame->source_file_name = file.value();
-    frame->source_line = line->line;
-    frame->source_line_base = module_base + line->address;
+    if (const Line* line = line_at(nearest.function->lines(), address)) {
+      const auto file = files_.find(line->source_file_id);
+      if (file != files_.end()) frame->source_file_name = file.value();
+      frame->source_line = line->line;
+      frame->source_line_base = module_base + line->address;
+    }
+    if (nearest.function->has_inline_calls) AppendInlines(*nearest.function, address, frame);
     return;
   }
   PublicSymbol symbol;
@@ -90,6 +92,22 @@ void BasicSourceLineResolver::Module::LookupAddress(StackFrame* frame) const {
   if (nearest.hides(public_address)) return;
   frame->function_name = symbol.name;
   frame->function_base = module_base + public_address;
+}
+
+// The sites around the address, the innermost first. In their order, outer sites come first.
+void BasicSourceLineResolver::Module::AppendInlines(const Function& function, MemAddr address,
+                                                    StackFrame* frame) const {
+  const size_t before = frame->inlines.size();
+  for (const InlineFunction& site : function.inlines()) {
+    if (site.function_address > address) break;
+    if (address - site.function_address >= site.code_size) continue;
+    StackFrame::Inline& inlined = frame->inlines.emplace_back();
+    inlined.name = site.name;
+    inlined.source_line = site.source_line;
+    const auto file = files_.find(site.file_id);
+    if (file != files_.end()) inlined.source_file_name = file.value();
+  }
+  std::reverse(frame->inlines.begin() + static_cast<ptrdiff_t>(before), frame->inlines.end());
 }
 
 WindowsFrameInfo* BasicSourceLineResolver::Module::FindWindowsFrameInfo(

@@ -11,7 +11,9 @@ namespace google_breakpad {
 using symforge_internal::Arena;
 using symforge_internal::FileFields;
 using symforge_internal::FunctionFields;
+using symforge_internal::InlineCallFields;
 using symforge_internal::InlineFields;
+using symforge_internal::InlineOriginFields;
 using symforge_internal::LineFields;
 using symforge_internal::PublicFields;
 using symforge_internal::StackCFIFields;
@@ -20,6 +22,9 @@ using symforge_internal::StackWinFields;
 namespace {
 
 constexpr int kMaxErrorsPrinted = 10;
+
+// For a site without an INLINE_ORIGIN line, as for a function without a name.
+constexpr char kOmittedName[] = "<omitted>";
 
 bool is_line_break(char c) { return c == '\n' || c == '\r'; }
 
@@ -47,6 +52,8 @@ void TextModuleLoader::Load(char* buffer, size_t size) {
     if (at != end_) ++at;
   }
   FinishFunction();
+  NameSites();
+  FinishStackWin();
   module_.is_corrupt_ = num_errors_ > 0;
 }
 
@@ -94,6 +101,20 @@ char* TextModuleLoader::LoadOtherLine(char* line) {
     } else if (!ParseInlineFunction(line, end)) {
       LineError("ParseInlineFunction failed");
     }
+    return end;
+  }
+  if (has_prefix(line, "INLINE ")) {
+    char* end = LineEnd(line);
+    if (cur_func_ == nullptr) {
+      LineError("Found source line data without a function");
+    } else if (!ParseInlineCall(line, end)) {
+      LineError("ParseInlineCall failed");
+    }
+    return end;
+  }
+  if (has_prefix(line, "INLINE_ORIGIN ")) {
+    char* end = LineEnd(line);
+    if (!ParseInlineOrigin(line, end)) LineError("ParseInlineOrigin failed");
     return end;
   }
   if (has_prefix(line, "FUNC ")) {
@@ -162,6 +183,7 @@ bool TextModuleLoader::ParseFunction(char* line, char* end) {
   cur_func_->section = fields.section.value_or(0);
   cur_func_->parameter_size = static_cast<int32_t>(fields.stack_param_size);
   cur_func_->is_multiple = fields.is_multiple;
+  cur_func_->has_inline_calls = false;
   cur_func_stored_ = module_.functions_.StoreRange(fields.address, fields.size, cur_func_);
   if (cur_func_stored_) cur_func_->name = strings_.keep(fields.name);
   return true;
@@ -170,15 +192,55 @@ bool TextModuleLoader::ParseFunction(char* line, char* end) {
 // Lays down what the current function has gathered; there is no current function afterwards.
 void TextModuleLoader::FinishFunction() {
   if (cur_func_ == nullptr) return;
-  if (cur_func_stored_) {
+  if (!cur_func_stored_) {
+    lines_.Clear();
+    inlines_.Clear();
+    calls_.Clear();
+    spare_func_ = cur_func_;
+  } else if (calls_.empty()) {
     lines_.MoveTo(module_.arena_, cur_func_);
     inlines_.MoveTo(strings_, cur_func_);
   } else {
-    lines_.Clear();
-    inlines_.Clear();
-    spare_func_ = cur_func_;
+    StoreInlineCalls();
   }
   cur_func_ = nullptr;
+}
+
+// Of a function that has INLINE lines, I lines are dropped: both tell the same.
+void TextModuleLoader::StoreInlineCalls() {
+  calls_.Convert(*cur_func_, lines_.Sorted());
+  lines_.Clear();
+  inlines_.Clear();
+  const auto& lines = calls_.own_lines();
+  cur_func_->lines_ = module_.arena_.copy(lines.data(), lines.size());
+  cur_func_->line_count_ = static_cast<uint32_t>(lines.size());
+
+  using Site = BasicSourceLineResolver::InlineFunction;
+  const size_t count = calls_.sites().size();
+  auto* sites = static_cast<Site*>(module_.arena_.allocate(count * sizeof(Site), alignof(Site)));
+  for (size_t i = 0; i < count; ++i) {
+    sites[i] = calls_.sites()[i].site;
+    const int origin = static_cast<int>(calls_.sites()[i].origin);
+    const auto name = origins_.find(origin);
+    if (name != origins_.end()) {
+      sites[i].name = name.value();
+    } else {
+      sites[i].name = kOmittedName;
+      unnamed_.push_back({&sites[i], origin});
+    }
+  }
+  cur_func_->inlines_ = sites;
+  cur_func_->inline_count_ = static_cast<uint32_t>(count);
+  cur_func_->has_inline_calls = true;
+  calls_.Clear();
+}
+
+// Gives the sites names that came only after their functions.
+void TextModuleLoader::NameSites() {
+  for (const UnnamedSite& unnamed : unnamed_) {
+    const auto name = origins_.find(unnamed.origin);
+    if (name != origins_.end()) unnamed.site->name = name.value();
+  }
 }
 
 bool TextModuleLoader::ParsePublicSymbol(char* line, char* end) {
@@ -202,6 +264,21 @@ bool TextModuleLoader::ParseInlineFunction(char* line, char* end) {
   site.caller = fields.caller;
   site.name = nullptr;
   inlines_.Store(site, fields.name);
+  return true;
+}
+
+bool TextModuleLoader::ParseInlineOrigin(char* line, char* end) {
+  InlineOriginFields fields;
+  if (!parse(line, end, &fields)) return false;
+  const int index = static_cast<int>(fields.index);
+  if (origins_.find(index) == origins_.end()) origins_.insert(index, strings_.keep(fields.name));
+  return true;
+}
+
+bool TextModuleLoader::ParseInlineCall(char* line, char* end) {
+  InlineCallFields fields;
+  if (!parse(line, end, &fields, &call_ranges_)) return false;
+  calls_.Store(fields);
   return true;
 }
 
@@ -238,10 +315,22 @@ void TextModuleLoader::StoreStackWin(const StackWinFields& fields) {
     last_program_ = fields.program_string;
     last_program_kept_ = strings_.keep(fields.program_string);
   }
-  const StackWinRecord record = {fields, fields.program_string.empty() ? "" : last_program_kept_,
-                                 static_cast<int8_t>(fields.type), fields.allocates_base_pointer};
-  module_.windows_frame_info_[static_cast<size_t>(fields.type)].StoreRange(
-      fields.rva, fields.code_size, record);
+  const MemAddr high = fields.rva + fields.code_size - 1;
+  if (fields.code_size == 0 || high < fields.rva) return;
+  StackWinRanges& ranges = stack_win_[static_cast<size_t>(fields.type)];
+  ranges.extents.push_back({fields.rva, high});
+  ranges.records.push_back({fields, fields.program_string.empty() ? "" : last_program_kept_,
+                            static_cast<int8_t>(fields.type), fields.allocates_base_pointer});
+}
+
+// Decides which of the STACK WIN ranges the module keeps.
+void TextModuleLoader::FinishStackWin() {
+  for (size_t type = 0; type < stack_win_.size(); ++type) {
+    StackWinRanges ranges = std::move(stack_win_[type]);
+    if (ranges.extents.empty()) continue;
+    module_.windows_frame_info_[type].StoreRanges(
+        ranges.extents, [&](size_t i) -> const StackWinRecord& { return ranges.records[i]; });
+  }
 }
 
 void TextModuleLoader::StoreStackCFI(const StackCFIFields& fields) {

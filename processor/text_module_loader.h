@@ -10,17 +10,21 @@
 // without a message, except where the container itself logs; a second PUBLIC at an address counts
 // as an error.
 //
-// The only state between lines is the current function, which line records and I lines join. FUNC
-// sets it, or clears it if the line fails; PUBLIC clears it; other lines leave it alone. A function
-// that was refused is current like any other, and goes with what it gathered.
+// The only state between lines is the current function, which line records, I and INLINE lines
+// join. FUNC sets it, or clears it if the line fails; PUBLIC clears it; other lines leave it alone.
+// A function that was refused is current like any other, and goes with what it gathered.
 
 #pragma once
 
+#include <array>
 #include <cstddef>
+#include <deque>
 #include <string>
+#include <vector>
 
 #include "common/symbol_text.h"
 #include "processor/basic_source_line_resolver_module.h"
+#include "processor/inline_calls.h"
 #include "processor/record_gatherers.h"
 #include "processor/string_storage.h"
 
@@ -57,11 +61,16 @@ class TextModuleLoader {
   bool ParseFunction(char* line, char* end);
   bool ParsePublicSymbol(char* line, char* end);
   bool ParseInlineFunction(char* line, char* end);
+  bool ParseInlineOrigin(char* line, char* end);
+  bool ParseInlineCall(char* line, char* end);
   bool ParseStackInfo(char* line, char* end);
   void StoreStackWin(const symforge_internal::StackWinFields& fields);
   void StoreStackCFI(const symforge_internal::StackCFIFields& fields);
 
   void FinishFunction();
+  void StoreInlineCalls();
+  void NameSites();
+  void FinishStackWin();
   void LogParseError(const std::string& message, int line_number, int* num_errors);
   void LineError(const char* message) { LogParseError(message, line_number_, &num_errors_); }
 
@@ -77,7 +86,23 @@ class TextModuleLoader {
   bool cur_func_stored_ = false;  // the module's container took it
   LineGatherer lines_;
   InlineGatherer inlines_;
+  InlineCallGatherer calls_;
+  // STACK WIN ranges of one type in the order of their lines.
+  struct StackWinRanges {
+    std::vector<Module::StackWinMap::Extent> extents;
+    std::deque<StackWinRecord> records;
+  };
+  std::array<StackWinRanges, WindowsFrameInfo::STACK_INFO_LAST> stack_win_;
   Function* spare_func_ = nullptr;  // the record of a refused function, to be used again
+  // INLINE_ORIGIN lines by number, and the sites whose origin was not known when their function
+  // ended: published files have the lines before the functions, but any order is accepted.
+  struct UnnamedSite {
+    BasicSourceLineResolver::InlineFunction* site;  // in the module's arena
+    int origin;
+  };
+  Module::FileMap origins_;
+  std::vector<UnnamedSite> unnamed_;
+  std::vector<symforge_internal::InlineCallFields::Range> call_ranges_;
   std::string last_program_;
   const char* last_program_kept_ = "";
 };

@@ -252,6 +252,75 @@ TEST(BatchWalkTest, StopsAtWhatItCannotRead) {
             "symforge: Failed to stat " + (temp / "missing") + "\n");
 }
 
+// A batch runs its own program, whatever it was called by and whatever is found under that name.
+TEST(BatchTest, RunsItsOwnProgramUnderABareName) {
+  const TemporaryDirectory temp;
+  const std::string in = temp.folder("in");
+  const std::string tree = temp.folder("tree");
+  temp.file("in/a.sym", make_text(1, "a.pdb"));
+  const std::string planted = temp.file("in/symforge", "#!/bin/sh\ntouch " + temp / "ran");
+  chmod(planted.c_str(), 0755);
+  const Result result = run({"-r", in, tree}, {.directory = in, .name = "symforge"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.err, "");
+  EXPECT_EQ(list_tree(tree).size(), 3u);
+  EXPECT_FALSE(std::filesystem::exists(temp / "ran"));
+}
+
+// Neither as an input nor as the image of one does a FIFO keep a batch waiting.
+TEST(BatchWalkTest, PassesOverWhatIsNoRegularFile) {
+  const TemporaryDirectory temp;
+  const std::string in = temp.folder("in");
+  const std::string tree = temp.folder("tree");
+  temp.file("in/a.pdb", make_pdb(1));
+  for (const char* name : {"a.exe", "b.pdb", "c.sym", "d.dll"}) {
+    ASSERT_EQ(mkfifo((in + "/" + name).c_str(), 0600), 0);
+  }
+  for (const std::string mode : {"-b", "--standard"}) {
+    EXPECT_EQ(run({"-r", mode, in, tree}).status, 0) << mode;
+  }
+}
+
+TEST(BatchWalkTest, HoldsFewDescriptorsInDeepTrees) {
+  const TemporaryDirectory temp;
+  std::string deep = "in";
+  for (int i = 0; i < 300; ++i) deep += "/d";
+  temp.file(deep + "/a.sym", make_text(1, "a.pdb"));
+  const std::string tree = temp.folder("tree");
+  const Result result = run({"-r", temp / "in", tree}, {.descriptors = 8});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(list_tree(tree).size(), 3u);
+}
+
+std::string children_of(pid_t pid) {
+  const std::string id = std::to_string(pid);
+  std::ifstream file("/proc/" + id + "/task/" + id + "/children");
+  std::string first;
+  file >> first;
+  return first;
+}
+
+// The child waits for a FIFO in the place of the symbol file that its image is to join.
+TEST(BatchTest, EndsItsChildWithItself) {
+  const TemporaryDirectory temp;
+  temp.file("in/a.exe", make_pe(1, "a.pdb"));
+  const std::string tree = temp.folder("tree");
+  const std::string target = temp.folder("tree/a.pdb/" + debug_id(guid_of(1), 10)) + "/a.sym";
+  ASSERT_EQ(mkfifo(target.c_str(), 0600), 0);
+  const pid_t batch = start({"-r", temp / "in", tree});
+  std::string child;
+  const auto wait_while = [](const auto& condition) {
+    for (int i = 0; i < 1000 && condition(); ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return !condition();
+  };
+  ASSERT_TRUE(wait_while([&] { return (child = children_of(batch)).empty(); }));
+  kill(batch, SIGKILL);
+  waitpid(batch, nullptr, 0);
+  EXPECT_TRUE(wait_while([&] { return std::filesystem::exists("/proc/" + child + "/exe"); }));
+}
+
 // Files of a tree that are complete by their names; what a killed process left behind is not.
 Tree targets(const std::string& root) {
   Tree tree = list_tree(root);

@@ -90,6 +90,37 @@ TEST(OptionsTest, ChecksInTheirOrder) {
   }
 }
 
+TEST(OptionsTest, HaveLongForms) {
+  const TemporaryDirectory temp;
+  const std::string text = temp.file("a.sym", kText);
+  const std::string pdb = SYMFORGE_FIXTURES "/engine64.pdb";
+  const std::string exe = SYMFORGE_FIXTURES "/engine64.exe";
+  const std::string tree = temp.folder("tree");
+  const struct {
+    std::vector<std::string> long_form;
+    std::vector<std::string> short_form;
+  } cases[] = {
+      {{"--version"}, {"-v"}},
+      {{"--binary", text}, {"-b", text}},
+      {{"--no-inlines", "--image", exe, pdb}, {"-i", "-e", exe, pdb}},
+      {{"--image=" + exe, pdb}, {"-e", exe, pdb}},
+      {{"--recursive", "--image", "x"}, {"-r", "-e", "x"}},
+      {{"--tree", tree, text, tree}, {"-s", tree, text, tree}},
+      {{"--sync", "--no-sync", "--no-sandbox", text}, {text}},
+  };
+  for (const auto& c : cases) {
+    const Result expected = run(c.short_form);
+    const Result result = run(c.long_form);
+    const std::string args = ::testing::PrintToString(c.long_form);
+    EXPECT_EQ(result.status, expected.status) << args;
+    EXPECT_EQ(result.out, expected.out) << args;
+    EXPECT_EQ(result.err, expected.err) << args;
+  }
+  EXPECT_EQ(run({"--help"}).status, 0);
+  EXPECT_THAT(run({"--help"}).out, HasSubstr("--standard "));
+  EXPECT_EQ(run({"--frobnicate"}).status, 1);
+}
+
 TEST(TextInputTest, PassesTheTextThrough) {
   const std::string nul("FUNC\0 after NUL\n", 16);
   const struct {
@@ -171,6 +202,37 @@ TEST(TreeTest, KeepsTheOldFileWhenTheNewOneCannotBeWritten) {
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.err, "symforge: failed to write: 27\n");
   EXPECT_EQ(list_tree(tree), before);
+}
+
+// With --sync the data are on the disk before they get the name of the target, and the name is
+// before the run ends.
+TEST(TreeTest, ReachesTheDiskInOrder) {
+  if (*SYMFORGE_RECORDER == '\0') GTEST_SKIP() << "a sanitizer must be loaded first";
+  const TemporaryDirectory temp;
+  const std::string tree = temp.folder("tree");
+  const std::string text = temp.file("a.sym", kText);
+  const auto calls = [&](std::vector<std::string> args) {
+    args.insert(args.end(), {text, tree});
+    return run(args, {.preload = SYMFORGE_RECORDER}).err;
+  };
+  const std::string synced = "fdatasync\nrename\nfsync\nsymlink\nfsync\nfsync\n";
+  EXPECT_EQ(calls({}), "rename\nsymlink\n");
+  EXPECT_EQ(calls({"--sync"}), synced);
+  EXPECT_EQ(calls({"--standard"}), synced);
+  EXPECT_EQ(calls({"--standard", "--no-sync"}), "rename\nsymlink\n");
+}
+
+TEST(PathTest, MayBeShortAndWithoutExtension) {
+  const TemporaryDirectory temp;
+  const std::string tree = temp.folder("tree");
+  const std::string pdb = read_file(SYMFORGE_FIXTURES "/engine64.pdb");
+  for (const std::string name : {"a", "ab", "abc"}) {
+    temp.file(name, pdb);
+    const Result result = run({name, tree}, {.directory = temp.path()});
+    EXPECT_EQ(result.status, 0) << name;
+    EXPECT_EQ(result.err, "") << name;
+  }
+  EXPECT_EQ(list_tree(tree).size(), 9u);
 }
 
 TEST(StdoutTest, ReportsAFullDevice) {

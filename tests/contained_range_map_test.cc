@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include <array>
 #include <random>
 #include <string>
 #include <vector>
@@ -60,6 +61,41 @@ TEST(ContainedRangeMap, AgreesWithAFlatList) {
       ASSERT_EQ(entry, narrowest);
       ASSERT_EQ(stack.size(), depth);
     }
+  }
+}
+
+// Base, last address and entry of every range, each before those inside it.
+template <typename Range>
+void walk(const Range& range, std::vector<std::array<uint64_t, 3>>& found) {
+  if (range.Map() == nullptr) return;
+  for (const auto& [high, inside] : *range.Map()) {
+    found.push_back({inside->Base(), high, static_cast<uint64_t>(inside->Entry())});
+    walk(*inside, found);
+  }
+}
+
+// Many ranges at once end in the tree that storing them one by one gives, at both ends of the
+// address space as well.
+TEST(ContainedRangeMap, StoresManyAsOneByOne) {
+  std::mt19937_64 random(23);
+  for (int round = 0; round < 3000; ++round) {
+    const uint64_t space = 2 + random() % (round % 3 == 0 ? 12 : 200);
+    const uint64_t origin = round % 2 == 0 ? 0 : ~uint64_t{0} - 2 * space;
+    std::vector<Map::Extent> extents(random() % 60);
+    Map one_by_one, at_once;
+    for (size_t i = 0; i < extents.size(); ++i) {
+      const uint64_t base = origin + random() % space;
+      const uint64_t wanted = base + random() % (random() % 4 == 0 ? 2 * space : 6);
+      extents[i] = {base, wanted < base ? ~uint64_t{0} : wanted};
+      one_by_one.StoreRange(base, extents[i].high - base + 1, static_cast<int>(i));
+    }
+    at_once.StoreRanges(extents, [](size_t i) { return static_cast<int>(i); });
+    std::vector<std::array<uint64_t, 3>> expected, found;
+    walk(one_by_one, expected);
+    walk(at_once, found);
+    ASSERT_EQ(found, expected) << "round " << round;
+    // The map stays open for more.
+    ASSERT_EQ(at_once.StoreRange(origin + 1, 2, -1), one_by_one.StoreRange(origin + 1, 2, -1));
   }
 }
 

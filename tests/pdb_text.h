@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -61,5 +62,22 @@ struct SmallPdb : PdbBuilder {
 
   uint32_t type;
 };
+
+// FUNC, PUBLIC and line records: everything after the head of the file.
+inline std::string records(const Conversion& result) {
+  const size_t info = result.text.rfind("INFO SECTION");
+  std::string rest = result.text.substr(result.text.find('\n', info) + 1);
+  while (rest.starts_with("FILE")) rest.erase(0, rest.find('\n') + 1);
+  return result.failure + rest;
+}
+
+// A PDB with one module and one file, changed by `change`; its records.
+inline std::string recordsOf(
+    const std::function<void(SmallPdb&, ModuleBuilder&, uint32_t file)>& change) {
+  SmallPdb pdb;
+  ModuleBuilder& module = pdb.add_module("a.obj");
+  change(pdb, module, module.file(pdb.names.add("a.cc")));
+  return records(convert(pdb));
+}
 
 }  // namespace test_support

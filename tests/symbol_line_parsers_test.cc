@@ -209,5 +209,21 @@ TEST(QuickReaders, AgreeWithTheExactOnes) {
   EXPECT_GT(taken, 20000);
 }
 
+TEST(CfiRules, ChangesAtTheStartJoin) {
+  const struct {
+    const char* rules;
+    const char* changes;
+    const char* joined;
+  } kCases[] = {
+      {".cfa: $rsp 8 + .ra: .cfa 8 - ^", ".cfa: $rsp 16 +", ".cfa: $rsp 16 + .ra: .cfa 8 - ^"},
+      {".cfa: 1  .ra: 2", "$rbx: 3 .ra: 4 5", ".cfa: 1 .ra: 4 5 $rbx: 3"},
+      {"", "a: 1", "a: 1"},
+      {"junk .cfa: 1", "+ ", ".cfa: 1"},
+  };
+  for (const auto& c : kCases) {
+    EXPECT_EQ(symforge_internal::join_cfi_rules(c.rules, c.changes), c.joined);
+  }
+}
+
 }  // namespace
 }  // namespace google_breakpad

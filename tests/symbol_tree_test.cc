@@ -2,14 +2,18 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
+#include "base/printable.h"
 #include "symforge/src/utils.h"
 #include "tests/support/process.h"
 
 namespace {
 
+using symforge_internal::existing_tree_path;
+using symforge_internal::printable;
 using test_support::list_tree;
 using test_support::TemporaryDirectory;
 using test_support::Tree;
@@ -51,6 +55,31 @@ TEST(SymPathTest, RefusesWhatWouldLeadOutOfItsFolder) {
     EXPECT_FALSE(synthesize_sym_path(tree.c_str(), c.debug_file, c.debug_id, false, true, path));
   }
   EXPECT_EQ(list_tree(root.path()), (Tree{{"tree", "dir 0755"}}));
+}
+
+// A link in the place of an identifier's folder was made for another module, whose code identifier
+// is that name. A sibling's name is replaced by a folder, anything else stays.
+TEST(SymPathTest, LeadsNoIdentifierThroughALink) {
+  const TemporaryDirectory root;
+  const std::string tree = root.folder("tree");
+  const std::string link = root.folder("tree/a.pdb") + "/VICTIM";
+  root.file("tree/a.pdb/EVIL/a.sym", "evil");
+  const struct {
+    const char* target;
+    bool replaced;
+  } cases[] = {{"EVIL", true}, {"nowhere", true}, {"../a.pdb/EVIL", false}, {"/tmp", false}};
+  for (const auto& c : cases) {
+    std::filesystem::create_symlink(c.target, link);
+    EXPECT_EQ(existing_tree_path(tree, "a.pdb", "VICTIM", false), "");
+    std::string path;
+    EXPECT_EQ(synthesize_sym_path(tree.c_str(), "a.pdb", "VICTIM", false, true, path), c.replaced);
+    EXPECT_EQ(list_tree(tree).at("a.pdb/VICTIM"),
+              c.replaced ? "dir 0700" : std::string("link ") + c.target);
+    std::filesystem::remove(link);
+  }
+  EXPECT_EQ(existing_tree_path(tree, "a.pdb", "EVIL", false), tree + "/a.pdb/EVIL/a.sym");
+  EXPECT_EQ(existing_tree_path(tree, "a.pdb", "EVIL", true), "");
+  EXPECT_EQ(existing_tree_path(tree, "..", "EVIL", false), "");
 }
 
 // The fields in the order of sym_info, behind "invalid" if need be.
@@ -104,6 +133,16 @@ TEST(IdentityTest, RefusesIdentityLinesThatFillTheirBuffer) {
   EXPECT_FALSE(valid(text(4096)));
   EXPECT_FALSE(valid(module + "a.pdb\n" + text(4096)));
   EXPECT_TRUE(valid(module + "a.pdb\nFUNC " + std::string(9000, 'x') + "\n"));
+}
+
+TEST(PrintableTest, EscapesWhatATerminalObeys) {
+  EXPECT_EQ(printable("a\\b ~\xC3\xA4\xC2\xA0\xC2"), "a\\b ~\xC3\xA4\xC2\xA0\xC2");
+  EXPECT_EQ(printable("\x1B[2J\r\n\t\x7F"), "\\x1b[2J\\x0d\\x0a\\x09\\x7f");
+  EXPECT_EQ(printable("\xC2\x9B"
+                      "2J\xC2\x80"),
+            "\\xc2\\x9b"
+            "2J\\xc2\\x80");
+  EXPECT_EQ(printable(std::string_view("a\0b", 3)), "a\\x00b");
 }
 
 }  // namespace

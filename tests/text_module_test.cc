@@ -84,7 +84,7 @@ TEST(TextModule, HostileShapes) {
   EXPECT_EQ(load(shuffled).module->Functions().GetCount(), 50001);
   EXPECT_TRUE(load(line).module->IsCorrupt());
   EXPECT_FALSE(load("FUNC 0 1 0 " + line).module->IsCorrupt());
-  EXPECT_TRUE(load(std::string(1 << 20, '\r') + "x").module->IsCorrupt());
+  EXPECT_TRUE(load(std::string(1 << 20, '\r').append("x")).module->IsCorrupt());
 }
 
 }  // namespace

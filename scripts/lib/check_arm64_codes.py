@@ -2,9 +2,9 @@
 
   check_arm64_codes.py DUMP_ARM64_UNWIND IMAGE
 
-Called by scripts/check_against_llvm for ARM64 images. Prints counts; ends with status 1 when an entry
-differs. Entries that llvm-readobj does not decode, and packed prologs that it calls invalid, are
-counted apart. Of packed entries it prints no epilog.
+Called by scripts/check_against_llvm for ARM64 images. Prints counts; ends with status 1 when an
+entry differs. Entries that llvm-readobj does not decode, and packed prologs that it calls invalid,
+are counted apart. Of packed entries it prints no epilog.
 """
 
 import re
@@ -42,8 +42,8 @@ def effect(text):
     found = re.fullmatch(r"add (?:fp|x29), sp, #(\d+)|sub sp, (?:fp|x29), #(\d+)", text)
     if found:
         return "fp@" + (found[1] or found[2])
-    found = re.fullmatch(r"(?:stp|str|ldp|ldr) (\w+)(?:, (\w+))?, \[sp(?:, #(-?\d+))?\](!)?(?:, #(\d+))?",
-                         text)
+    found = re.fullmatch(r"(?:stp|str|ldp|ldr) (\w+)(?:, (\w+))?, "
+                         r"\[sp(?:, #(-?\d+))?\](!)?(?:, #(\d+))?", text)
     if not found:
         return None
     first, second, offset, pre_indexed, post = found.groups()
@@ -66,7 +66,8 @@ def resolve_next(codes):
         steps = 1
         while i + steps < len(codes) and codes[i + steps] == "next":
             steps += 1
-        pair = re.fullmatch(r"save_([xdq])(\d+)_[xdq]\d+@(\d+)(!\d+)?", (codes + [""])[i + steps] or "")
+        following = (codes + [""])[i + steps] or ""
+        pair = re.fullmatch(r"save_([xdq])(\d+)_[xdq]\d+@(\d+)(!\d+)?", following)
         if not pair:
             return None
         file, first = pair[1], int(pair[2]) + 2 * steps

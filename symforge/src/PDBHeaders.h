@@ -1,5 +1,5 @@
 // The records of a PDB's container: the MSF file header, the PDB info stream, the DBI stream, frame
-// data. Laid onto the mapped file as they are; see CodeView.h for what type and module streams
+// data. Laid onto the mapped file as they are; see codeview.h for what type and module streams
 // hold. Published, under partly other names, in LLVM's documentation, "The PDB File Format" (with
 // "The MSF File Format" and "The PDB DBI Stream").
 
@@ -26,7 +26,7 @@ static_assert(sizeof(GUID) == 16);
 // First bytes of an MSF 7.00 file, all 32 of them, the trailing zeros included.
 inline constexpr char validSignature[33] = "Microsoft C/C++ MSF 7.00\r\n\x1A\x44\x53\0\0\0";
 
-// At offset 0 of the file. Behind it lie the numbers of the pages that hold the list of the stream
+// At offset 0 of the file. After it are the numbers of the pages that hold the list of the stream
 // directory's pages, a uint32 each.
 struct PDBHeader {
   char signature[32];
@@ -39,7 +39,7 @@ struct PDBHeader {
 static_assert(sizeof(PDBHeader) == 52 && alignof(PDBHeader) == 1);
 static_assert(offsetof(PDBHeader, pageSize) == 32 && offsetof(PDBHeader, directorySize) == 44);
 
-// Start of the PDB info stream. The name buffer follows, and behind it the table of named streams.
+// Start of the PDB info stream. The name buffer follows, and after it the table of named streams.
 struct NameIndexHeader {
   le_uint32 version;
   le_uint32 timeDateStamp;
@@ -142,7 +142,7 @@ struct DBIDebugHeader {
 };
 static_assert(sizeof(DBIDebugHeader) == 22 && offsetof(DBIDebugHeader, sectionHdrOriginal) == 20);
 
-// One entry of an OMAP table: code that the linker put at `first` stands at `second` after the
+// One entry of an OMAP table: code that the linker put at `first` is at `second` after the
 // image was rewritten. Both are RVAs.
 struct OmapEntry {
   le_uint32 first;

@@ -99,7 +99,7 @@ uint32_t StreamReader::measureString() {
     }
     length += static_cast<uint32_t>(left);
     if (m_file.budget != nullptr) m_file.budget->visited.spend(left);
-    // Land one past the first byte of the next run and look at that byte from behind. The offset is
+    // Land one past the first byte of the next run and look back at that byte. The offset is
     // the live one: from the second crossing on this lands too far, and readers of old files know
     // the result.
     seek(length + m_offset + 1);

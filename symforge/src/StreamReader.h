@@ -7,7 +7,7 @@
 // limit than the end of its stream's last page: the declared size of a stream is for its callers to
 // compare with.
 //
-// Nothing outside the mapping is ever read. Page numbers are judged against the file when a seek
+// Nothing outside the mapping is ever read. Page numbers are checked against the file when a seek
 // leaves the current run; the mapping is followed by zeroed guard bytes, so that what runs off a
 // damaged file's end (a string without its terminator, a number cut short) finds zeros.
 //
@@ -81,7 +81,7 @@ class DataPtr {
 // A cursor over one stream. `stream` and `file` must outlive it.
 class StreamReader {
  public:
-  // Bytes of zeros behind every heap copy, so that decoders may look a little past a record.
+  // Bytes of zeros after every heap copy, so that decoders may look a little past a record.
   static constexpr size_t kCopySlack = 16;
 
   // Throws pdb_recoverable_exception when the stream has no page at `offset`; so always on an empty
@@ -103,7 +103,7 @@ class StreamReader {
     }
   }
 
-  // Takes `size` bytes, whatever T is; 0 stands for sizeof(T). Throws pdb_recoverable_exception
+  // Takes `size` bytes, whatever T is; 0: sizeof(T). Throws pdb_recoverable_exception
   // when they run off the stream's pages, and also when a read that had to be copied ends exactly
   // with the last page.
   template <typename T>

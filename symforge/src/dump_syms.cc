@@ -10,12 +10,12 @@
 #include <optional>
 
 #include "base/printable.h"
+#include "common/symforge_version.h"
 #include "symforge/src/driver/batch.h"
 #include "symforge/src/driver/conversion_options.h"
 #include "symforge/src/driver/convert.h"
 #include "symforge/src/driver/last_message.h"
 #include "symforge/src/driver/messages.h"
-#include "version.h"
 
 using symforge_internal::ConversionInput;
 using symforge_internal::ConversionOptions;
@@ -136,7 +136,7 @@ int take_option(int letter, Options& options) {
       options.conversion.tree = optarg;
       return kGoOn;
     case 'v':
-      fputs(SYMFORGE_VERSION "\n", stdout);
+      fputs(SYMFORGE_VERSION_STRING "\n", stdout);
       return 0;
     case kStandard:
       options.conversion.standard = true;

@@ -1,7 +1,8 @@
-// A host of the installed library: makes a SYMB block of a text, checks it, and asks about an
-// address in both. Prints one line for each.
+// A host of the library: makes a SYMB block of a text, checks it, and asks about an address in
+// both. Prints one line for each. Has classes of its own with the names of internal ones.
 
 #include <common/symb.h>
+#include <common/symforge_version.h>
 #include <google_breakpad/processor/basic_source_line_resolver.h>
 
 #include <cstdio>
@@ -9,8 +10,15 @@
 #include <string>
 
 #include "../support/code_module.h"
+#include "own_names.h"
+
+#if __has_include("base/text_buffer.h") || __has_include(<base/text_buffer.h>)
+#error "the library's include path holds internal headers"
+#endif
 
 using test_support::TestModule;
+
+static_assert(SYMFORGE_VERSION >= 15004);
 
 namespace {
 
@@ -34,6 +42,7 @@ void print_answer(google_breakpad::BasicSourceLineResolver& resolver, const Test
 }  // namespace
 
 int main() {
+  if (!own_names_work()) return 1;
   const TestModule module(kBase);
   google_breakpad::BasicSourceLineResolver text_resolver;
   if (!text_resolver.LoadModuleUsingMapBuffer(&module, kText)) return 1;
@@ -47,4 +56,5 @@ int main() {
   google_breakpad::BasicSourceLineResolver symb_resolver;
   if (!symb_resolver.LoadModuleUsingMemoryBuffer(&module, image, size)) return 1;
   print_answer(symb_resolver, module);
+  return own_names_work() ? 0 : 1;
 }

@@ -25,21 +25,26 @@ namespace fs = std::filesystem;
 constexpr int kCannotStart = 127;
 constexpr uid_t kNobody = 65534;
 
+void set_limit(int resource, std::optional<size_t> value) {
+  if (!value) return;
+  const rlimit limit = {*value, *value};
+  setrlimit(static_cast<__rlimit_resource_t>(resource), &limit);
+}
+
 [[noreturn]] void become(const std::vector<std::string>& args, const RunOptions& options, int out,
                          int err) {
-  std::vector<char*> argv = {const_cast<char*>(SYMFORGE_PROGRAM)};
+  std::vector<char*> argv = {const_cast<char*>(options.name.c_str())};
   for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
   argv.push_back(nullptr);
   const int program = open(SYMFORGE_PROGRAM, O_RDONLY | O_CLOEXEC);
   dup2(out, STDOUT_FILENO);
   dup2(err, STDERR_FILENO);
   umask(022);
-  if (options.file_size) {
-    const rlimit limit = {*options.file_size, *options.file_size};
-    setrlimit(RLIMIT_FSIZE, &limit);
-  }
+  set_limit(RLIMIT_FSIZE, options.file_size);
+  set_limit(RLIMIT_NOFILE, options.descriptors);
   if (!options.directory.empty() && chdir(options.directory.c_str()) != 0) _exit(kCannotStart);
   if (options.as_nobody && geteuid() == 0 && setuid(kNobody) != 0) _exit(kCannotStart);
+  if (!options.preload.empty()) setenv("LD_PRELOAD", options.preload.c_str(), 1);
   // By descriptor: a folder that only root may enter can hold the program.
   fexecve(program, argv.data(), environ);
   _exit(kCannotStart);
@@ -67,13 +72,13 @@ std::string describe(const fs::directory_entry& entry) {
 
 Result run(const std::vector<std::string>& args, const RunOptions& options) {
   const MemoryFile out, err;
-  int stdout_fd = out.fd();
+  int stdout_fd = options.stdout_fd != -1 ? options.stdout_fd : out.fd();
   if (!options.stdout_path.empty()) {
     stdout_fd = open(options.stdout_path.c_str(), O_WRONLY | O_CLOEXEC);
   }
   const pid_t pid = fork();
   if (pid == 0) become(args, options, stdout_fd, err.fd());
-  if (stdout_fd != out.fd()) close(stdout_fd);
+  if (!options.stdout_path.empty()) close(stdout_fd);
   Result result = wait_for(pid);
   result.out = read_file(out.path());
   result.err = read_file(err.path());

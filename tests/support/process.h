@@ -22,10 +22,14 @@ struct Result {
 };
 
 struct RunOptions {
-  std::string directory = {};            // working directory; empty: the caller's
-  std::string stdout_path = {};          // where standard output goes in place of Result::out
-  std::optional<size_t> file_size = {};  // limit of the size of any file written, in bytes
-  bool as_nobody = false;                // without root's rights, when the tests have these
+  std::string directory = {};              // working directory; empty: the caller's
+  std::string name = SYMFORGE_PROGRAM;     // argv[0]
+  std::string stdout_path = {};            // where standard output goes in place of Result::out
+  int stdout_fd = -1;                      // the same as an open descriptor; -1: none
+  std::optional<size_t> descriptors = {};  // limit of their number
+  std::optional<size_t> file_size = {};    // limit of the size of any file written, in bytes
+  std::string preload = {};                // a library to load ahead of all others
+  bool as_nobody = false;                  // without root's rights, when the tests have these
 };
 
 // Runs the program and waits for it. Throws std::runtime_error when it cannot be started.

@@ -27,9 +27,11 @@ inline bool is_valid(const std::string& image) {
 }
 
 // The text of an image; none if it cannot be read.
-inline std::optional<std::string> text_of(std::string image) {
+inline std::optional<std::string> text_of(
+    const std::string& image,
+    symforge_internal::TextDialect dialect = symforge_internal::TextDialect::kDefault) {
   symforge_internal::TextBuffer text;
-  if (!symb_read(image.data(), image.size(), text)) return std::nullopt;
+  if (!symb_read(image.data(), image.size(), text, dialect)) return std::nullopt;
   return std::string(text.view());
 }
 

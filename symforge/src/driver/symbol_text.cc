@@ -41,7 +41,7 @@ void take_text(TextBuffer content, SymbolText& result) {
 
 bool text_of_symb(TextBuffer image, const char* path, bool binary, SymbolText& result) {
   const Limit& limit = binary ? limits::kTextBetweenImages : limits::kTextOfSymb;
-  if (symb_read(image.data(), image.size(), result.text, limit)) return true;
+  if (symb_read(image.data(), image.size(), result.text, TextDialect::kDefault, limit)) return true;
   report_about("failed to parse symb file", path, nullptr);
   return false;
 }

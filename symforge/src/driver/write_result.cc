@@ -90,6 +90,14 @@ bool link_code_id(const sym_info& info, const ConversionOptions& options) {
   return false;
 }
 
+// The entries of the folders that lead to the target, and the link of the code identifier.
+bool sync_folders(const sym_info& info, const ConversionOptions& options) {
+  const std::string root = options.tree;
+  if (sync_folder(root + "/" + info.debug_file) && sync_folder(root)) return true;
+  report_errno("failed to sync");
+  return false;
+}
+
 }  // namespace
 
 std::string code_id_link(const sym_info& info, std::string_view tree) {
@@ -125,7 +133,9 @@ bool write_result(SymbolText result, const ConversionOptions& options) {
   const std::string target =
       tree_path(options.tree, info.debug_file, info.debug_id, options.binary);
   if (!replace_target(target, output.bytes, options)) return false;
-  return output.complete && link_code_id(info, options);
+  const bool linked = output.complete && link_code_id(info, options);
+  const bool synced = !options.sync || sync_folders(info, options);
+  return linked && synced;
 }
 
 }  // namespace symforge_internal

@@ -29,7 +29,7 @@ class FunctionIndex {
  public:
   explicit FunctionIndex(const Functions& functions);
 
-  // Position of the first function at or behind an address, or of the last function of all.
+  // Position of the first function at or after an address, or of the last function of all.
   size_t lowerBound(uint32_t segment, uint32_t rva);
 
  private:

@@ -1,5 +1,4 @@
-// FunctionRecord: a function, thunk or public symbol on its way from a module's symbols to a line
-// of the symbol file.
+// FunctionRecord: what is known of a function, thunk or public symbol until it is printed.
 
 #pragma once
 

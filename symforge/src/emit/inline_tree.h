@@ -14,7 +14,7 @@ namespace symforge_internal {
 // One code range of an inline site.
 struct InlineSite {
   uint32_t offset = 0;       // RVA of the first byte
-  uint32_t length = 0;       // bytes; 1 stands for not known
+  uint32_t length = 0;       // bytes; 1: not known
   uint32_t file_id = 0;      // number of FILE lines
   uint32_t line_offset = 0;  // the source line itself, despite its published name
   uint32_t tower = 0;        // nesting depth of the site, 0 for the outermost
@@ -36,9 +36,9 @@ class InlineTree {
   // A range that is empty, wraps, equals one that is there or cuts one in part is dropped.
   void store(const InlineSite& site);
 
-  // Appends the I lines. A site comes out when the next range is reached, with a length that was
-  // not known set to what lies between the two, and once more at the end of each range that ends
-  // with it the innermost. Readers take the first line of a range and refuse its repetitions.
+  // Appends the I lines. A range is printed when the next one starts (an unknown length becomes the
+  // gap), and again for each enclosing range that ends there. Readers use the first line of a range
+  // and ignore its repetitions.
   void print(TextBuffer& out);
 
  private:

@@ -56,12 +56,12 @@ class DirectoryReader {
   uint32_t m_streamCount = 0;
   uint32_t m_page = 0;      // which of the directory's pages is read
   uint64_t m_start = 0;     // its place in the file
-  uint32_t m_position = 0;  // words behind its start
+  uint32_t m_position = 0;  // words after its start
   bool m_atPageEnd = false;
   bool m_positionsWrap = false;  // at 4 GiB; so from the second page of page numbers on
 };
 
-// A word that begins in the file, and may end in the zeros behind it.
+// A word that begins in the file, and may end in the zeros after the file.
 bool DirectoryReader::wordAt(uint64_t position, uint32_t& word) const {
   if (position >= m_file.length) return false;
   le_uint32 bytes;
@@ -75,7 +75,7 @@ bool DirectoryReader::indexPage(uint32_t number, uint32_t& page) const {
 }
 
 // The number in the file of the directory's page `number`. The index pages are taken whole: what
-// they hold behind the last page that the directory's size needs can be asked for as well.
+// they hold after the last page that the directory's size needs can be asked for as well.
 bool DirectoryReader::directoryPage(uint32_t number, uint32_t& page) const {
   assert(number < uint64_t{m_indexPages} * m_items);
   uint32_t index;

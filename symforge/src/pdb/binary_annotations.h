@@ -10,13 +10,13 @@
 
 namespace symforge_internal {
 
-// Bytes behind the end of an annotation string that decoding may look at: an opcode that begins
+// Bytes after the end of an annotation string that decoding may look at: an opcode that begins
 // with the last byte, and its two operands.
 constexpr size_t kAnnotationSlack = 11;
 static_assert(kAnnotationSlack <= StreamReader::kCopySlack);
 
-// Reads one compressed number of 1, 2 or 4 bytes, big-endian behind the prefix bits 0, 10 or 110,
-// and moves `data` behind it. 0xFFFFFFFF, and `data` unmoved, for a byte that begins no number.
+// Reads one compressed number of 1, 2 or 4 bytes, big-endian after the prefix bits 0, 10 or 110,
+// and moves `data` past it. 0xFFFFFFFF, and `data` unmoved, for a byte that begins no number.
 inline uint32_t uncompressCV(const uint8_t*& data) {
   const uint32_t first = data[0];
   if ((first & 0x80) == 0) {
@@ -48,7 +48,7 @@ inline uint32_t uncompressCV(const uint8_t*& data) {
 // sums are 32 bits wide and wrap.
 class AnnotationDecoder {
  public:
-  // `bytes`: the annotations, with kAnnotationSlack readable bytes behind them. `code`: address of
+  // `bytes`: the annotations, with kAnnotationSlack readable bytes after them. `code`: address of
   // the function's first byte. `line`: source line of the inlined function.
   void beginSite(const uint8_t* bytes, size_t size, uint32_t code, uint32_t line) {
     m_at = bytes;
@@ -62,7 +62,7 @@ class AnnotationDecoder {
   bool nextRange();
 
   uint32_t code() const { return m_code; }      // first address
-  uint32_t length() const { return m_length; }  // bytes; 1 stands for not known
+  uint32_t length() const { return m_length; }  // bytes; 1: not known
   uint32_t line() const { return m_line; }
 
  private:

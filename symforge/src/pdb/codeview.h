@@ -15,7 +15,7 @@ namespace symforge_internal {
 
 // Head of every symbol record of a module stream.
 struct SymbolHeader {
-  le_uint16 size;  // bytes behind this field, `type` included
+  le_uint16 size;  // bytes after this field, `type` included
   le_uint16 type;
 };
 static_assert(sizeof(SymbolHeader) == 4);
@@ -64,7 +64,7 @@ struct CV_InlineSite {
 };
 static_assert(sizeof(CV_InlineSite) == 12);
 
-// A record of the symbol record stream behind its length; the name follows.
+// A record of the symbol record stream after its length; the name follows.
 struct GlobalRecord {
   le_uint16 leafType;
   le_uint32 symType;  // public symbol flags; 2: a function
@@ -152,7 +152,7 @@ struct TypeInfoHeader {
 static_assert(sizeof(TypeInfoHeader) == 56 && offsetof(TypeInfoHeader, max) == 12);
 
 struct TypeRecord {
-  le_uint16 length;  // bytes behind this field
+  le_uint16 length;  // bytes after this field
   le_uint16 leafType;
 };
 static_assert(sizeof(TypeRecord) == 4);
@@ -245,7 +245,7 @@ struct LeafClass {
   le_uint32 vshape;
   le_uint16 size;
 };
-// The name follows, as behind a LeafClass.
+// The name follows, as after a LeafClass.
 struct LeafUnion {
   le_uint16 count;
   le_uint16 property;

@@ -18,7 +18,7 @@ constexpr int64_t kWord = sizeof(le_uint32);
 
 [[noreturn]] void throwInvalid() { throw pdb_exception("Invalid name stream"); }
 
-// The page begins in the file and ends in what may be read behind it.
+// The page begins in the file and ends in the file or its zeroed guard.
 bool isReadable(uint64_t page, const MsfPages& file) {
   const uint64_t start = page * file.pageSize;
   return start < file.length && start + file.pageSize <= file.length + MMapWrapper::kGuardBytes;

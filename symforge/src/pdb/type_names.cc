@@ -19,7 +19,7 @@ constexpr size_t kBlocks = 64;
 constexpr size_t kBlockBytes = 64 * 1024;
 constexpr size_t kLongestRemembered = kBlockBytes / 16;
 
-// Indices of arrays below this are not types: the array's size stands behind them.
+// Indices of arrays below this are not types: the array's size follows them.
 constexpr uint32_t kFirstArrayIndexType = 0x8000;
 
 using PrimitiveNames = std::array<std::string_view, 256>;
@@ -81,7 +81,7 @@ const Record& recordOf(const TypeInfo& info) {
   return *reinterpret_cast<const Record*>(info.data.data);
 }
 
-// Rendering recurs as deep as types nest: what needs room on the stack keeps out of its frames.
+// Rendering recurs as deep as types nest: what needs stack space is kept out of its frames.
 template <typename Number>
 [[gnu::noinline]] void appendDecimal(Number number, std::string& output) {
   char digits[24];

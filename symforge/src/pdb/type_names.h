@@ -24,7 +24,7 @@ class TypeNames {
     // A function shows its result and a "(*)" in front of its parameters, and modifiers are left
     // out. The symbol file has no use for it.
     IsUnderlying = 1,
-    // The text stands for itself, as in a symbol file. It changes nothing.
+    // The text is not part of another one. It changes nothing.
     IsTopLevel = 2,
   };
 

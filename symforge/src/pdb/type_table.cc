@@ -15,7 +15,7 @@ uint32_t bytesRead(uint32_t size) { return size == 0 ? 1 : size; }
 // Bytes of an argument list of `count` types; 32 bits wide, it wraps.
 uint32_t argumentListBytes(uint32_t count) { return bytesRead(count * 4 + sizeof(LeafArgList)); }
 
-// Bytes of a number, all that the record has behind the leaf; wraps for a record of one byte.
+// Bytes of a number, all that the record has after the leaf; wraps for a record of one byte.
 uint32_t numericBytes(uint16_t length) {
   return bytesRead(uint32_t{length} - sizeof(TypeRecord::leafType));
 }
@@ -183,7 +183,7 @@ void TypeTable::decodeAcrossRuns(uint32_t offset, TypeInfo& info) const {
     info.readable = bytes + (info.data.isAllocated ? StreamReader::kCopySlack : reader.available());
   }
   if (!traits.hasName()) return;
-  // A name right behind the fixed part is read from where that ended.
+  // A name right after the fixed part is read from where that ended.
   if (traits.name != traits.data) reader.seek(payload + traits.name);
   info.name = reader.readString();
 }

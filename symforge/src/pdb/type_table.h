@@ -2,7 +2,7 @@
 //
 // Such a stream is a 56-byte header and records numbered without gaps from the header's `min`:
 //
-//   uint16 length (bytes behind this field), uint16 leaf, the leaf's fields, fill
+//   uint16 length (bytes after this field), uint16 leaf, the leaf's fields, fill
 //
 // What lies between the end of a record and the next multiple of 4 is skipped when it is fill (all
 // zero, or the pad bytes F3 F2 F1, each telling how far the multiple of 4 is); otherwise the next
@@ -44,7 +44,7 @@ class TypeTable {
   bool find(uint32_t type, TypeInfo& info) const;
 
   // Whether the index is that of a function: LF_PROCEDURE, LF_MFUNCTION or LF_FUNC_ID. Index 0 is
-  // "no type", also in a table that begins with it. Touches no record.
+  // "no type", also in a table that begins with it. Reads no record.
   bool isFunction(uint32_t type) const {
     const uint32_t place = type - m_min;
     return type != 0 && place < m_functions.size() && m_functions[place];

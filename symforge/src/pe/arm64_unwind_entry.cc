@@ -4,6 +4,10 @@
 
 namespace symforge_internal {
 
+// A search for an RVA runs over the sections, of which Windows loads 96 at most.
+Arm64UnwindEntry::Arm64UnwindEntry(const PeImage& image)
+    : image_(image), lookup_cost_(1 + image.ntHeaders()->FileHeader.NumberOfSections / 16) {}
+
 Arm64Status Arm64UnwindEntry::read(const Arm64RuntimeFunction& entry) {
   length_ = 0;
   epilog_count_ = 0;
@@ -37,20 +41,21 @@ Arm64Status Arm64UnwindEntry::readPacked(const Arm64RuntimeFunction& entry) {
 }
 
 Arm64Status Arm64UnwindEntry::readRecord(uint32_t rva) {
-  const auto* header = image_.recordAt<Arm64XdataHeader>(rva);
-  if (header == nullptr) return Arm64Status::kMalformed;
+  decoded_codes_ += lookup_cost_;
+  const uint8_t* bytes = image_.ImageRvaToVa(rva);
+  const size_t left = bytes == nullptr ? 0 : image_.bytesLeft(bytes);
+  if (left < sizeof(Arm64XdataHeader)) return Arm64Status::kMalformed;
+  const auto* header = reinterpret_cast<const Arm64XdataHeader*>(bytes);
   length_ = header->length();
   if (header->version() != 0) return Arm64Status::kUnsupported;
-  if (length_ == 0) return Arm64Status::kMalformed;
 
   size_t head_bytes = sizeof(Arm64XdataHeader);
   size_t epilogs = header->epilogCount();
   size_t code_words = header->codeWords();
   if (header->isExtended()) {
-    const auto* extension =
-        image_.recordAt<Arm64XdataExtension>(static_cast<uint32_t>(rva + sizeof(Arm64XdataHeader)));
-    if (extension == nullptr) return Arm64Status::kMalformed;
     head_bytes += sizeof(Arm64XdataExtension);
+    if (left < head_bytes) return Arm64Status::kMalformed;
+    const auto* extension = reinterpret_cast<const Arm64XdataExtension*>(header + 1);
     epilogs = extension->epilogCount();
     code_words = extension->codeWords();
   }
@@ -59,16 +64,16 @@ Arm64Status Arm64UnwindEntry::readRecord(uint32_t rva) {
   const size_t scopes = single_epilog_ ? 0 : epilogs;
   // Each epilog has an instruction at least.
   if (scopes > length_) return Arm64Status::kMalformed;
-  const size_t scope_bytes = scopes * sizeof(Arm64EpilogScope);
-  const uint8_t* bytes = image_.bytesAt(rva, head_bytes + scope_bytes + code_words * 4);
-  if (bytes == nullptr) return Arm64Status::kMalformed;
+  const size_t codes_at = head_bytes + scopes * sizeof(Arm64EpilogScope);
+  if (left < codes_at + code_words * 4) return Arm64Status::kMalformed;
   scopes_ = {reinterpret_cast<const Arm64EpilogScope*>(bytes + head_bytes), scopes};
-  codes_ = {bytes + head_bytes + scope_bytes, code_words * 4};
+  codes_ = {bytes + codes_at, code_words * 4};
   epilog_count_ = single_epilog_ ? 1 : scopes;
 
   const Arm64Status status = decode(0, prolog_);
   if (status != Arm64Status::kOk) return status;
-  return prolog_.instructions <= length_ ? Arm64Status::kOk : Arm64Status::kMalformed;
+  const bool fits = length_ != 0 && prolog_.instructions <= length_;
+  return fits ? Arm64Status::kOk : Arm64Status::kMalformed;
 }
 
 Arm64Status Arm64UnwindEntry::decode(size_t code_index, Arm64Sequence& out) {

@@ -13,10 +13,11 @@
 namespace symforge_internal {
 
 // Reads entries of one image, one after the other, with memory that is used again. The image must
-// outlive it. Nothing outside of the image is read. Offsets and lengths are in instructions.
+// have NT headers and outlive it. Nothing outside of the image is read. Offsets and lengths are in
+// instructions.
 class Arm64UnwindEntry {
  public:
-  explicit Arm64UnwindEntry(const PeImage& image) : image_(image) {}
+  explicit Arm64UnwindEntry(const PeImage& image);
 
   // Reads an entry up to its prolog. length() is known after kOk, and also after other results
   // unless it is 0. Throws std::bad_alloc.
@@ -38,7 +39,7 @@ class Arm64UnwindEntry {
   // A number for the codes of the selected epilog: the same for epilogs with the same sequence.
   size_t epilogCodes() const { return epilog_codes_; }
 
-  // Codes that were decoded so far, for all entries.
+  // Codes that were decoded so far, for all entries. A search for a record counts as one or more.
   uint64_t decodedCodes() const { return decoded_codes_; }
 
  private:
@@ -52,6 +53,7 @@ class Arm64UnwindEntry {
   Arm64Status decode(size_t code_index, Arm64Sequence& out);
 
   const PeImage& image_;
+  uint64_t lookup_cost_;
   uint32_t length_ = 0;
   std::span<const uint8_t> codes_;
   std::span<const Arm64EpilogScope> scopes_;

@@ -89,7 +89,7 @@ bool pe64_debug_id(const char* path, std::string& debug_id, std::string& debug_f
   if (record == nullptr || record->CvSignature != kCvSignatureRSDS) return false;
 
   debug_id = formatDebugId(record->Signature, record->Age);
-  // A name that the file cuts short ends in the zeros behind it.
+  // A name that the file cuts short ends in the zeros after the file.
   debug_file = reinterpret_cast<const char*>(record + 1);
   return true;
 }

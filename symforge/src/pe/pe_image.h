@@ -23,7 +23,7 @@ inline constexpr char kClrNotSupported[] = "The image is a CLR assembly, which i
 bool isClrAssembly(const IMAGE_NT_HEADERS64& headers);
 
 // A mapped PE32+ image. Valid while the mapping is; reads nothing outside of the file and the zeros
-// behind it. RVAs are bytes from the image's base.
+// after it. RVAs are bytes from the image's base.
 class PeImage {
  public:
   // `mapping` must be a mapped file, of any kind.

@@ -35,7 +35,7 @@ inline constexpr uint64_t kFewestUnwindSlots = 1 << 16;
 struct X64UnwindReport {
   size_t entries = 0;          // all but those that are zero, which linkers use as padding
   size_t unknown_version = 0;  // entries without rules: their data has a version that is not 1 or 2
-  size_t damaged = 0;          // entries without rules: their data makes no sense
+  size_t damaged = 0;          // entries without rules: their data is inconsistent or too much
   size_t overlapping = 0;      // entries without rules: they begin inside of an earlier one
   // Epilogs that have no rows of their own: their code is not what the unwind data promise.
   size_t unmatched_epilogs = 0;

@@ -1,5 +1,7 @@
 // Frame data of 32-bit code: STACK WIN lines.
 
+#include "symforge/src/pdb/frame_tables.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
@@ -9,7 +11,7 @@
 namespace test_support {
 namespace {
 
-TEST(FrameDataTest, PrintsTheNewKindFirstInOrderOfAddressAndSize) {
+TEST(FrameTablesTest, PrintsTheNewKindFirstInOrderOfAddressAndSize) {
   SmallPdb pdb;
   const uint32_t program = pdb.names.add("$T0 .raSearch = ");
   pdb.fpo({.start = 0x1000,
@@ -38,7 +40,7 @@ TEST(FrameDataTest, PrintsTheNewKindFirstInOrderOfAddressAndSize) {
             "STACK WIN 0 1000 20 5 0 3 2 10 0 0 1\n");
 }
 
-TEST(FrameDataTest, KeepsTheFirstRecordOfAStretch) {
+TEST(FrameTablesTest, KeepsTheFirstRecordOfAStretch) {
   SmallPdb pdb;
   pdb.fpo({});  // zeros in front are dropped, whatever else such a record holds
   pdb.fpo({.locals = 1});

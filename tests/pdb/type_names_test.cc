@@ -224,7 +224,7 @@ TEST(TypeTableTest, SkipsFillAndNothingElse) {
     ASSERT_EQ(types.table().size(), 5u);
     EXPECT_EQ(types.text(kFirst) + types.text(kFirst + 1) + types.text(kFirst + 4), "aababcde");
   }
-  // Pad bytes behind a record that does not count them.
+  // Pad bytes after a record that does not count them.
   const std::string enumeration = Bytes().u16(16).u16(LEAF::LF_ENUM).fill(12, 1).zstr("x").str();
   TypeStreamBuilder b;
   b.raw(enumeration + "\xF2\xF1" + enumeration).override_max(kFirst + 2);

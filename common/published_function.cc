@@ -1,0 +1,165 @@
+#include "common/published_function.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace symforge_internal {
+
+namespace {
+
+uint64_t end_of(const symb_line& line) { return uint64_t{line.address} + line.size; }
+
+bool ends_at(const PublishedFunction::Call& call, uint64_t address) {
+  return !call.ranges.empty() && call.ranges.back().address + call.ranges.back().size == address;
+}
+
+}  // namespace
+
+bool PublishedFunction::convert(const symb_func& function, std::span<const symb_line> lines,
+                                std::span<const symb_inline> sites, uint64_t* budget) {
+  lines_ = lines;
+  sites_ = sites;
+  next_site_ = 0;
+  open_.clear();
+  records_.clear();
+  calls_.clear();
+  nodes_.clear();
+  root_ = {};
+  index_.clear();
+
+  // From one address where something begins or ends to the next.
+  uint64_t at = function.address;
+  const uint64_t function_end = at + function.size;
+  size_t line = 0;
+  while (at < function_end) {
+    while (!open_.empty() && open_.back().end <= at) open_.pop_back();
+    open_sites(at);
+    while (line < lines_.size() && end_of(lines_[line]) <= at) ++line;
+    const bool has_line = line < lines_.size() && lines_[line].address <= at;
+
+    uint64_t next = function_end;
+    if (!open_.empty()) next = std::min(next, open_.back().end);
+    if (next_site_ < sites_.size()) next = std::min<uint64_t>(next, sites_[next_site_].address);
+    if (line < lines_.size()) {
+      next = std::min(next, has_line ? end_of(lines_[line]) : lines_[line].address);
+    }
+    if (!add_part(at, next, has_line ? static_cast<uint32_t>(line) : kNone, budget)) return false;
+    at = next;
+  }
+  order_calls();
+  return true;
+}
+
+// Opens the sites that begin at `at` (or before the function). Their order is that of lookups.
+void PublishedFunction::open_sites(uint64_t at) {
+  for (; next_site_ < sites_.size() && sites_[next_site_].address <= at; ++next_site_) {
+    const symb_inline& site = sites_[next_site_];
+    const uint64_t end = uint64_t{site.address} + site.size;
+    if (end <= at) continue;
+    if (!open_.empty()) {
+      const symb_inline& around = sites_[open_.back().site];
+      const bool is_same = site.address == around.address && site.size == around.size;
+      if (end > open_.back().end || (is_same && site.caller != around.caller + 1)) continue;
+    }
+    open_.push_back({end, static_cast<uint32_t>(next_site_)});
+  }
+}
+
+// Adds the code from `begin` to `end`, where the open sites and the function's line, whose index is
+// `line`, are the same throughout.
+bool PublishedFunction::add_part(uint64_t begin, uint64_t end, uint32_t line, uint64_t* budget) {
+  const uint64_t cost = open_.size() + 1;
+  if (*budget < cost) return false;
+  *budget -= cost;
+
+  Place place = {0, 0};
+  if (line != kNone) {
+    place = {lines_[line].source_file_id, lines_[line].line};
+  } else if (!open_.empty()) {
+    // The caller has no line here: the call gets a file that is likely to be there, and no line.
+    place.file =
+        lines_.empty() ? sites_[open_.front().site].source_file_id : lines_.front().source_file_id;
+  }
+  uint32_t parent = kNone;
+  for (Open& open : open_) {
+    const uint32_t call = call_of(open, parent, place, begin, line);
+    auto& ranges = calls_[call].ranges;
+    if (ends_at(calls_[call], begin)) {
+      ranges.back().size += end - begin;
+    } else {
+      ranges.push_back({begin, end - begin});
+    }
+    nodes_[call].last_line = line;
+    parent = call;
+    place = {sites_[open.site].source_file_id, sites_[open.site].line};
+  }
+  if (open_.empty() ? line != kNone : place != kNoPlace) {
+    add_record(begin, end, place, !open_.empty());
+  }
+  return true;
+}
+
+// Parts of inlined code with one place are joined; the function's own lines keep their beginnings,
+// which lookups return.
+void PublishedFunction::add_record(uint64_t begin, uint64_t end, Place place, bool is_inlined) {
+  const auto size = static_cast<uint32_t>(end - begin);
+  if (!records_.empty() && is_inlined && last_is_inlined_) {
+    symb_line& last = records_.back();
+    if (end_of(last) == begin && last.source_file_id == place.file && last.line == place.line) {
+      last.size += size;
+      return;
+    }
+  }
+  records_.push_back({static_cast<uint32_t>(begin), size, place.file, place.line});
+  last_is_inlined_ = is_inlined;
+}
+
+// The call with this callee and place inside `parent`. Where a line of the function ends between
+// two of its ranges that touch, they are two calls, since lookups return where the line begins.
+uint32_t PublishedFunction::call_of(Open& open, uint32_t parent, Place place, uint64_t begin,
+                                    uint32_t line) {
+  const auto continues = [&](uint32_t call) {
+    return parent != kNone || nodes_[call].last_line == line || !ends_at(calls_[call], begin);
+  };
+  if (open.call != kNone && open.parent == parent && open.place == place && continues(open.call)) {
+    return open.call;
+  }
+  const uint64_t name = sites_[open.site].name;
+  const auto [found, is_new] =
+      index_.try_emplace({parent, name, place}, static_cast<uint32_t>(calls_.size()));
+  if (!is_new && !continues(found->second)) found->second = static_cast<uint32_t>(calls_.size());
+  const uint32_t call = found->second;
+  if (call == calls_.size()) {
+    const uint32_t depth = parent == kNone ? 0 : calls_[parent].depth + 1;
+    calls_.push_back({depth, place.line, place.file, name, {}});
+    nodes_.emplace_back().parent = parent;
+    Node& around = parent == kNone ? root_ : nodes_[parent];
+    if (around.first_child == kNone) {
+      around.first_child = call;
+    } else {
+      nodes_[around.last_child].next = call;
+    }
+    around.last_child = call;
+  }
+  open.call = call;
+  open.parent = parent;
+  open.place = place;
+  return call;
+}
+
+// Puts each call directly before those inside it.
+void PublishedFunction::order_calls() {
+  ordered_calls_.clear();
+  uint32_t call = root_.first_child;
+  while (call != kNone) {
+    ordered_calls_.push_back(std::move(calls_[call]));
+    if (nodes_[call].first_child != kNone) {
+      call = nodes_[call].first_child;
+      continue;
+    }
+    while (call != kNone && nodes_[call].next == kNone) call = nodes_[call].parent;
+    if (call != kNone) call = nodes_[call].next;
+  }
+}
+
+}  // namespace symforge_internal

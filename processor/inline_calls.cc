@@ -1,0 +1,168 @@
+#include "processor/inline_calls.h"
+
+#include <algorithm>
+#include <tuple>
+
+namespace google_breakpad {
+
+namespace {
+
+constexpr int32_t kNoFile = -1;
+
+MemAddr saturating_end(MemAddr begin, MemAddr size) {
+  return size > UINT64_MAX - begin ? UINT64_MAX : begin + size;
+}
+
+}  // namespace
+
+void InlineCallGatherer::Store(const symforge_internal::InlineCallFields& fields) {
+  const auto call = static_cast<uint32_t>(calls_.size());
+  calls_.push_back(
+      {{static_cast<int32_t>(fields.call_file), static_cast<int32_t>(fields.call_line)},
+       fields.origin});
+  for (const auto& range : fields.ranges) {
+    if (range.size == 0) continue;
+    ranges_.push_back(
+        {range.address, saturating_end(range.address, range.size), fields.depth, call});
+  }
+}
+
+void InlineCallGatherer::Clear() {
+  calls_.clear();
+  ranges_.clear();
+}
+
+void InlineCallGatherer::Convert(const BasicSourceLineResolver::Function& function,
+                                 std::span<const Line> lines) {
+  own_lines_.clear();
+  sites_.clear();
+  BuildTree(function);
+
+  // Lines outside of the function stay: a file may have them, and no lookup sees them.
+  const Node& root = nodes_.front();
+  for (const Line& line : lines) {
+    if (line.address >= root.begin) break;
+    own_lines_.push_back(line);
+    own_lines_.back().size = std::min(line.size, root.begin - line.address);
+  }
+  VisitParts(root, lines, [this](MemAddr begin, MemAddr end, const Place* place) {
+    if (place != nullptr) own_lines_.push_back({begin, end - begin, place->file, place->line});
+  });
+  for (const Line& line : lines) {
+    if (line.address >= root.end) own_lines_.push_back(line);
+  }
+
+  for (size_t level = 1; level + 1 < level_starts_.size(); ++level) {
+    for (size_t i = level_starts_[level]; i < level_starts_[level + 1]; ++i) {
+      AddSites(nodes_[i], static_cast<uint32_t>(level - 1), lines);
+    }
+  }
+  // Outer sites before the sites inside them.
+  std::sort(sites_.begin(), sites_.end(), [](const Site& a, const Site& b) {
+    return std::tie(a.site.function_address, a.site.caller) <
+           std::tie(b.site.function_address, b.site.caller);
+  });
+}
+
+void InlineCallGatherer::BuildTree(const BasicSourceLineResolver::Function& function) {
+  std::stable_sort(ranges_.begin(), ranges_.end(), [](const Range& a, const Range& b) {
+    return std::tie(a.depth, a.begin) < std::tie(b.depth, b.begin);
+  });
+  nodes_.clear();
+  nodes_.push_back({function.address, saturating_end(function.address, function.size), 0});
+  level_starts_ = {0, 1};
+  size_t first = 0;
+  for (uint32_t depth = 0; first < ranges_.size() && ranges_[first].depth == depth; ++depth) {
+    size_t end = first;
+    while (end < ranges_.size() && ranges_[end].depth == depth) ++end;
+    AddLevel(std::span(ranges_).subspan(first, end - first), level_starts_[depth],
+             level_starts_[depth + 1]);
+    level_starts_.push_back(nodes_.size());
+    first = end;
+  }
+}
+
+// Adds the ranges of one depth, which are in order of their first addresses, as children of the
+// nodes of the level above.
+void InlineCallGatherer::AddLevel(std::span<const Range> ranges, size_t first_parent,
+                                  size_t end_parent) {
+  size_t parent = first_parent;
+  MemAddr last_end = 0;
+  for (const Range& range : ranges) {
+    const MemAddr begin = std::max(range.begin, last_end);
+    while (parent < end_parent && nodes_[parent].end <= begin) ++parent;
+    if (parent == end_parent) return;
+    // Only at depth 0 may a range begin before its parent, the function.
+    const bool in_function = first_parent == 0;
+    const MemAddr inside = in_function ? std::max(begin, nodes_[parent].begin) : begin;
+    const MemAddr end = std::min(range.end, nodes_[parent].end);
+    if (inside < nodes_[parent].begin || inside >= end) continue;
+    last_end = end;
+    if (nodes_[parent].child_count != 0 && nodes_.back().call == range.call &&
+        nodes_.back().end == inside) {
+      nodes_.back().end = end;
+      continue;
+    }
+    if (nodes_[parent].child_count++ == 0) {
+      nodes_[parent].first_child = static_cast<uint32_t>(nodes_.size());
+    }
+    nodes_.push_back({inside, end, range.call});
+  }
+}
+
+// Calls `visit(begin, end, place)` for the parts of a node in ascending order: those of its
+// children with the places of the calls, and between them those of the lines. The place is null
+// where there is no line.
+template <typename Visit>
+void InlineCallGatherer::VisitParts(const Node& node, std::span<const Line> lines,
+                                    Visit visit) const {
+  const auto visit_lines = [&](MemAddr begin, MemAddr end) {
+    auto line = std::upper_bound(
+        lines.begin(), lines.end(), begin,
+        [](MemAddr address, const Line& other) { return address < other.address; });
+    if (line != lines.begin() && begin - (line - 1)->address < (line - 1)->size) --line;
+    while (begin < end) {
+      const bool has_line = line != lines.end() && line->address < end;
+      const MemAddr line_begin = has_line ? std::max(line->address, begin) : end;
+      if (begin < line_begin) visit(begin, line_begin, nullptr);
+      if (!has_line) return;
+      const MemAddr line_end = std::min(saturating_end(line->address, line->size), end);
+      const Place place = {line->source_file_id, line->line};
+      visit(line_begin, line_end, &place);
+      begin = line_end;
+      ++line;
+    }
+  };
+  MemAddr at = node.begin;
+  for (uint32_t i = 0; i < node.child_count; ++i) {
+    const Node& child = nodes_[node.first_child + i];
+    visit_lines(at, child.begin);
+    visit(child.begin, child.end, &calls_[child.call].place);
+    at = child.end;
+  }
+  visit_lines(at, node.end);
+}
+
+void InlineCallGatherer::AddSites(const Node& node, uint32_t depth, std::span<const Line> lines) {
+  const size_t first = sites_.size();
+  VisitParts(node, lines, [&](MemAddr begin, MemAddr end, const Place* known) {
+    const Place place = known != nullptr ? *known : Place{kNoFile, 0};
+    if (sites_.size() > first) {
+      BasicSourceLineResolver::InlineFunction& last = sites_.back().site;
+      if (Place{last.file_id, last.source_line} == place) {
+        last.code_size += end - begin;
+        return;
+      }
+    }
+    Site& added = sites_.emplace_back();
+    added.origin = calls_[node.call].origin;
+    added.site.function_address = begin;
+    added.site.code_size = end - begin;
+    added.site.file_id = place.file;
+    added.site.source_line = place.line;
+    added.site.caller = depth;
+    added.site.name = nullptr;
+  });
+}
+
+}  // namespace google_breakpad

@@ -1,0 +1,314 @@
+// Files of the published format: answers from the text, from its SYMB image, from the text that
+// comes back from that image, and from the image of this text.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <deque>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tests/support/data.h"
+#include "tests/support/symb_images.h"
+#include "tests/support/symbols.h"
+
+namespace {
+
+using google_breakpad::StackFrame;
+using symforge_internal::TextDialect;
+using test_support::image_of;
+using test_support::is_valid;
+using test_support::Symbols;
+using test_support::test_data;
+using test_support::text_of;
+
+// "function file:line | inline file:line | ...", the innermost inline frame first. With bases:
+// also the first address of the function and of its line.
+std::string described(const StackFrame& frame, bool with_bases = false) {
+  std::ostringstream out;
+  out << frame.function_name;
+  if (frame.source_line != -1) out << ' ' << frame.source_file_name << ':' << frame.source_line;
+  if (with_bases) out << " @" << frame.function_base << ',' << frame.source_line_base;
+  for (const StackFrame::Inline& site : frame.inlines) {
+    out << " | " << site.name << ' ' << site.source_file_name << ':' << site.source_line;
+  }
+  return out.str();
+}
+
+// The forms of one file. Their answers must be the same.
+class Forms {
+ public:
+  explicit Forms(const std::string& text) : text_(text) {
+    const std::string image = image_of(text).value();
+    EXPECT_TRUE(is_valid(image)) << text;
+    back_ = text_of(image, TextDialect::kStandard).value();
+    const std::string second_image = image_of(back_).value();
+    EXPECT_EQ(text_of(second_image, TextDialect::kStandard).value(), back_) << text;
+    forms_.emplace_back(text);
+    forms_.emplace_back(image);
+    forms_.emplace_back(back_);
+    forms_.emplace_back(second_image);
+  }
+
+  std::string answer(uint64_t address) const {
+    const StackFrame frame = forms_[0].frame(address);
+    for (size_t i = 1; i < forms_.size(); ++i) {
+      EXPECT_EQ(described(forms_[i].frame(address), true), described(frame, true))
+          << "form " << i << " at " << std::hex << address << "\n"
+          << text_ << "back:\n"
+          << back_;
+    }
+    return described(frame);
+  }
+  const std::string& back() const { return back_; }
+
+ private:
+  std::string text_;
+  std::string back_;
+  std::deque<Symbols> forms_;
+};
+
+TEST(InlineCalls, FilesOfOtherSystems) {
+  const std::string kVec = "<alloc::vec::Vec<T> as core::iter::FromIterator<T>>::from_iter";
+  const std::string kIter = " /rustc/library/core/src/iter/mod.rs:";
+  const std::string kIndex = "std::vector<int, std::allocator<int> >::operator[](unsigned long)";
+  const std::string kMain = "server::main /home/u/server/src/main.rs:";
+  const std::string kClosure = "server::run::{{closure}} /home/u/server/src/main.rs:";
+  const std::string kApp = "-[AppDelegate application:didFinish:] /Users/u/App/main.mm:";
+  const std::string kShift = "operator<<(std::ostream&, Point const&) /Users/u/App/main.mm:";
+  const struct {
+    const char* file;
+    std::vector<std::pair<uint64_t, std::string>> answers;
+  } kCases[] = {
+      {"published_linux.sym",
+       {{0x1000, kMain + "10"},
+        {0x100f, kMain + "12 | " + kIndex + " /home/u/server/src/my file.cc:100 | " + kClosure +
+                     "7 | " + kVec + kIter + "40"},
+        {0x1010, kMain + "12 | " + kVec + kIter + "41"},
+        {0x1018, kMain + "13"},
+        {0x1020, kMain + "12 | " + kClosure + "8 | " + kVec + kIter + "40"},
+        {0x1028, "server::main"},
+        {0x1033, kMain + "14 | " + kClosure + "9"},
+        {0x1034, kMain + "15"},
+        {0x104f,
+         "(anonymous namespace)::shared<char const *>(char const *) "
+         "/home/u/server/src/my file.cc:3"},
+        {0x2000, "_start"}}},
+      {"published_mac.sym",
+       {{0x3f00, kApp + "20"},
+        // An origin that no line names.
+        {0x3f04, kApp + "21 | <omitted> /Users/u/App/main.mm:6 | " + kShift + "5"},
+        {0x3f08, kApp + "22"},
+        {0x3f10, kApp + "21 | " + kShift + "5"},
+        {0x4001, "_main"}}},
+  };
+  for (const auto& [file, answers] : kCases) {
+    const Forms forms(test_data(file));
+    for (const auto& [address, answer] : answers) {
+      EXPECT_EQ(forms.answer(address), answer) << file << ' ' << std::hex << address;
+    }
+  }
+}
+
+// Published text that comes back from SYMB keeps its calls, their places and their ranges.
+TEST(InlineCalls, TextComesBack) {
+  std::string expected = test_data("published_linux.sym");
+  const auto replace = [&expected](const std::string& from, const std::string& to) {
+    const size_t at = expected.find(from);
+    ASSERT_NE(at, std::string::npos) << from;
+    expected.replace(at, from.size(), to);
+  };
+  replace("INFO CODE_ID CD6ADC6E82B2581243FD59DA9C81BD83\n", "");  // needs a name in SYMB
+  replace("FUNC m ", "FUNC ");
+  EXPECT_EQ(Forms(test_data("published_linux.sym")).back(), expected);
+}
+
+TEST(InlineCalls, OddFiles) {
+  const std::string kHead = "MODULE Linux x86_64 0123 a\nFILE 1 a.cc\n";
+  const struct {
+    const char* text;
+    uint64_t address;
+    const char* answer;
+  } kCases[] = {
+      // Origins after their function; the first of two counts; an unknown file.
+      {"FUNC 100 10 0 f\nINLINE 0 5 2 3 100 4\n100 10 6 1\nINLINE_ORIGIN 3 g\nINLINE_ORIGIN 3 h\n",
+       0x100, "f -:5 | g a.cc:6"},
+      // No line record for the callee.
+      {"INLINE_ORIGIN 3 g\nFUNC 100 10 0 f\nINLINE 0 5 1 3 100 4\n108 8 6 1\n", 0x100,
+       "f a.cc:5 | g :0"},
+      // A depth without the depth above it; ranges outside of the function and of the caller.
+      {"INLINE_ORIGIN 3 g\nFUNC 100 10 0 f\nINLINE 1 5 1 3 100 4\n100 10 6 1\n", 0x100, "f a.cc:6"},
+      {"INLINE_ORIGIN 3 g\nFUNC 100 10 0 f\nINLINE 0 5 1 3 f0 20\nINLINE 1 7 1 3 10f 10\n"
+       "100 10 6 1\n",
+       0x10f, "f a.cc:5 | g a.cc:6 | g a.cc:7"},
+      // Of two calls at one depth that overlap the first to begin counts.
+      {"INLINE_ORIGIN 3 g\nINLINE_ORIGIN 4 h\nFUNC 100 10 0 f\nINLINE 0 5 1 3 104 8\n"
+       "INLINE 0 7 1 4 100 8\n100 10 6 1\n",
+       0x106, "f a.cc:7 | h a.cc:6"},
+      // I lines of a function with INLINE lines do not count.
+      {"INLINE_ORIGIN 3 g\nFUNC 100 10 0 f\nINLINE 0 5 1 3 100 8\n100 10 6 1\nI 100 4 9 1 0 i\n",
+       0x100, "f a.cc:5 | g a.cc:6"},
+  };
+  for (const auto& c : kCases) EXPECT_EQ(Forms(kHead + c.text).answer(c.address), c.answer);
+}
+
+// Lookups on text return inline frames for INLINE lines only.
+TEST(InlineCalls, TextWithSiteLinesAnswersNoInlines) {
+  const Symbols text("FILE 1 a.cc\nFUNC 100 10 0 f\n100 10 6 1\nI 100 4 9 1 0 i\n");
+  EXPECT_EQ(described(text.frame(0x100)), "f a.cc:6");
+}
+
+struct Call {
+  int depth;
+  int line, file, origin;
+  std::vector<std::pair<uint64_t, uint64_t>> ranges;  // first address, end
+  bool holds(uint64_t at) const {
+    return std::any_of(ranges.begin(), ranges.end(),
+                       [at](const auto& r) { return r.first <= at && at < r.second; });
+  }
+};
+struct Row {
+  uint64_t begin, end;
+  int line, file;
+};
+
+// A published function, and its answers by the definition of the format.
+class Model {
+ public:
+  Model(std::mt19937& random, uint64_t begin) : random_(random), begin_(begin) {
+    end_ = begin + 1 + pick(60);
+    for (uint64_t at = begin_; at < end_;) {
+      const uint64_t row_end = std::min(end_, at + 1 + pick(8));
+      if (pick(8) != 0) rows_.push_back({at, row_end, number(), number()});
+      at = row_end;
+    }
+    add_calls({{begin_, end_}}, 0);
+  }
+
+  std::string text() const {
+    std::ostringstream out;
+    out << "FUNC " << std::hex << begin_ << ' ' << end_ - begin_ << " 0 f" << begin_ << '\n';
+    for (const Call& call : calls_) {
+      out << std::dec << "INLINE " << call.depth << ' ' << call.line << ' ' << call.file << ' '
+          << call.origin << std::hex;
+      for (const auto& [first, last] : call.ranges) out << ' ' << first << ' ' << last - first;
+      out << '\n';
+    }
+    for (const Row& row : rows_) {
+      out << std::hex << row.begin << ' ' << row.end - row.begin << std::dec << ' ' << row.line
+          << ' ' << row.file << '\n';
+    }
+    return out.str();
+  }
+
+  std::string answer(uint64_t at) const {
+    std::vector<const Call*> chain;
+    for (int depth = 0;; ++depth) {
+      const auto call = std::find_if(calls_.begin(), calls_.end(), [&](const Call& c) {
+        return c.depth == depth && c.holds(at);
+      });
+      if (call == calls_.end()) break;
+      chain.push_back(&*call);
+    }
+    const auto row = std::find_if(rows_.begin(), rows_.end(),
+                                  [at](const Row& r) { return r.begin <= at && at < r.end; });
+    std::string place = row == rows_.end() ? "" : place_of(row->line, row->file);
+    std::string inlines;
+    for (auto call = chain.rbegin(); call != chain.rend(); ++call) {
+      inlines += " | g" + std::to_string((*call)->origin) + " " + (place.empty() ? ":0" : place);
+      place = place_of((*call)->line, (*call)->file);
+    }
+    std::ostringstream out;
+    out << 'f' << std::hex << begin_ << (place.empty() ? "" : " ") << place << inlines;
+    return out.str();
+  }
+
+  uint64_t begin() const { return begin_; }
+  uint64_t end() const { return end_; }
+
+ private:
+  uint64_t pick(uint64_t count) { return random_() % count; }
+  int number() { return static_cast<int>(pick(3)); }
+  static std::string place_of(int line, int file) {
+    return "file " + std::to_string(file) + ":" + std::to_string(line);
+  }
+
+  // Calls inside the given ranges: disjoint, often as large as their caller, often in parts.
+  void add_calls(const std::vector<std::pair<uint64_t, uint64_t>>& around, int depth) {
+    if (depth > 5 || pick(5) == 0) return;
+    std::vector<Call> calls(1 + pick(3));
+    for (Call& call : calls) call = {depth, number(), number(), number(), {}};
+    for (const auto& [first, last] : around) {
+      for (uint64_t at = first; at < last;) {
+        const uint64_t end = pick(3) == 0 ? last : std::min(last, at + 1 + pick(12));
+        if (pick(3) != 0) calls[pick(calls.size())].ranges.push_back({at, end});
+        at = end;
+      }
+    }
+    for (const Call& call : calls) {
+      if (call.ranges.empty()) continue;
+      calls_.push_back(call);
+      add_calls(call.ranges, depth + 1);
+    }
+  }
+
+  std::mt19937& random_;
+  uint64_t begin_;
+  uint64_t end_ = 0;
+  std::vector<Row> rows_;
+  std::vector<Call> calls_;
+};
+
+std::string head() {
+  std::string text = "MODULE mac arm64 0123 a\n";
+  for (int i = 0; i < 3; ++i)
+    text += "FILE " + std::to_string(i) + " file " + std::to_string(i) + "\n";
+  for (int i = 0; i < 3; ++i) {
+    text += "INLINE_ORIGIN " + std::to_string(i) + " g" + std::to_string(i) + "\n";
+  }
+  return text;
+}
+
+TEST(InlineCalls, AnswersOfGeneratedFiles) {
+  std::mt19937 random(7);
+  for (int round = 0; round < 60; ++round) {
+    std::string text = head();
+    std::vector<Model> models;
+    for (uint64_t begin = 0x1000; models.size() < 20; begin = models.back().end() + random() % 3) {
+      models.emplace_back(random, begin);
+      text += models.back().text();
+    }
+    const Forms forms(text);
+    for (const Model& model : models) {
+      for (uint64_t at = model.begin(); at < model.end(); ++at) {
+        ASSERT_EQ(forms.answer(at), model.answer(at)) << std::hex << at << "\n" << model.text();
+      }
+    }
+  }
+}
+
+// Whatever the ranges are, the forms agree.
+TEST(InlineCalls, AnswersOfDamagedFiles) {
+  std::mt19937 random(8);
+  for (int round = 0; round < 300; ++round) {
+    std::ostringstream text;
+    text << head() << "FUNC 1010 30 0 f\n";
+    for (int i = 0; i < 12; ++i) {
+      text << "INLINE " << std::dec << random() % 4 << ' ' << random() % 3 << ' ' << random() % 4
+           << ' ' << random() % 4 << std::hex;
+      for (uint32_t n = 1 + random() % 3; n > 0; --n) {
+        text << ' ' << 0x1000 + random() % 0x50 << ' ' << random() % 0x20;
+      }
+      text << '\n'
+           << 0x1000 + random() % 0x50 << ' ' << random() % 9 << std::dec << ' ' << random() % 3
+           << ' ' << random() % 4 << '\n';
+    }
+    const Forms forms(text.str());
+    for (uint64_t at = 0x1000; at < 0x1050; ++at) forms.answer(at);
+    if (HasFailure()) return;
+  }
+}
+
+}  // namespace

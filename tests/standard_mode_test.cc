@@ -1,0 +1,282 @@
+// Standard mode as its users meet it: exit statuses, messages, images found by their content, and
+// batches that go on.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "builders/bytes.h"
+#include "builders/pdb_builder.h"
+#include "builders/pe_builder.h"
+#include "tests/support/lines.h"
+#include "tests/support/process.h"
+
+namespace {
+
+using namespace builders;
+using namespace test_support;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::MatchesRegex;
+using ::testing::Not;
+using ::testing::StartsWith;
+
+const std::string kData = SYMFORGE_FIXTURES;
+const std::string kText =
+    "MODULE windows x86_64 ABC1 a.pdb\n"
+    "INFO CODE_ID 5F000000 a.exe\n"
+    "FUNC 1000 10 0 main\n";
+const std::string kNoImage = "no image found: no code identifier and no unwind rules of one";
+
+Result run_standard(std::vector<std::string> args, const RunOptions& options = {}) {
+  args.insert(args.begin(), "--standard");
+  return run(args, options);
+}
+
+std::string make_pdb(uint32_t number) {
+  PdbBuilder pdb(512);
+  pdb.info.guid = {.data1 = number};
+  pdb.dbi.age = 1;
+  pdb.section({.name = ".text", .address = 0x1000, .virtual_size = 0x1000, .raw_size = 0x1000});
+  pdb.add_module("m.obj").proc({.name = "f", .offset = 0, .length = 16}).end();
+  return pdb.build().bytes;
+}
+
+std::string make_pe(uint32_t number, bool pe32_plus = true) {
+  PeBuilder pe(pe32_plus);
+  pe.codeview({.data1 = number}, 1, "C:\\out\\linked.pdb").time_stamp(0x5F000000 + number);
+  return pe.build();
+}
+
+// Whatever is wrong with an input: status 1, one line that names it, no signal.
+TEST(StandardStatusTest, IsOneForInputsThatFail) {
+  const TemporaryDirectory temp;
+  const std::string tree = temp.folder("tree");
+  const std::string pdb = make_pdb(1);
+  std::string page_size = pdb;
+  page_size.replace(32, 4, std::string(4, '\0'));
+  const struct {
+    std::string input;
+    std::string message;
+  } cases[] = {
+      {temp / "missing", "No such file or directory"},
+      {temp.file("empty.pdb", ""), "Failed to load PDB file"},
+      {temp.folder("folder"), "Failed to load PDB file"},
+      {temp.file("no.pdb", "neither"),
+       "Failed to read PDB Root Stream \\(Input file has an invalid signature\\)"},
+      {temp.file("cut.pdb", pdb.substr(0, pdb.size() / 2)), ".+"},
+      {temp.file("page_size.pdb", page_size), ".+"},
+      {temp.file("module.sym", "MODULE windows\n"), "the text has no complete MODULE line"},
+      {temp.file("damaged.symb", "SYMB" + std::string(200, '\xFF')), "failed to parse symb file"},
+      {temp.file("steers\x1B[2J\n.pdb", ""), "Failed to load PDB file"},
+      {temp.file("up.sym", "MODULE a b X ../a.pdb\n"), "failed to create .*/X: Invalid argument"},
+  };
+  for (const auto& c : cases) {
+    const Result result = run_standard({c.input, tree});
+    EXPECT_EQ(result.status, 1) << c.input;
+    EXPECT_THAT(result.err, MatchesRegex("symforge: [^\n\x1B]+: " + c.message + "\n"));
+    EXPECT_THAT(result.err, StartsWith("symforge: " + c.input.substr(0, c.input.find('\x1B'))));
+    EXPECT_THAT(list_tree(tree), IsEmpty());
+  }
+}
+
+// Cuts of a PDB at every page and flips of its first bytes, which reach assertions, range checks
+// and exceptions.
+TEST(StandardStatusTest, IsNeverASignal) {
+  const TemporaryDirectory temp;
+  const std::string pdb = read_file(kData + "/engine64.pdb");
+  for (size_t i = 0; i < 120; ++i) {
+    std::string damaged = pdb;
+    if (i % 2 == 0) damaged.resize(pdb.size() * i / 120);
+    for (size_t at = i * 37; at < damaged.size(); at += 331 + i) damaged[at] ^= '\x5A';
+    const Result result = run_standard({temp.file("damaged.pdb", damaged)});
+    EXPECT_EQ(result.signal, 0) << i;
+    if (result.status == 0) continue;
+    EXPECT_EQ(result.status, 1) << i;
+    EXPECT_THAT(result.err, MatchesRegex("symforge: " + (temp / "damaged.pdb") + ": [^\n]+\n"));
+  }
+}
+
+TEST(StandardStatusTest, IsOneForResultsThatCannotBeWritten) {
+  const TemporaryDirectory temp;
+  const std::string text = temp.file("a.sym", kText + std::string(100000, 'x'));
+  EXPECT_EQ(run_standard({text}, {.stdout_path = "/dev/full"}).err,
+            "symforge: " + text + ": failed to write: No space left on device\n");
+
+  const std::string tree = temp.folder("tree");
+  const Result full = run_standard({text, tree}, {.file_size = 5000});
+  EXPECT_EQ(full.status, 1);
+  EXPECT_EQ(full.err, "symforge: " + text + ": failed to write: File too large\n");
+
+  // The link of a code identifier: one with the same target is as good, another is not.
+  EXPECT_EQ(run_standard({text, tree}).err, "");
+  EXPECT_EQ(run_standard({text, tree}).status, 0);
+  std::filesystem::remove(tree + "/a.pdb/5F000000");
+  std::filesystem::create_symlink("OTHER", tree + "/a.pdb/5F000000");
+  const Result taken = run_standard({text, tree});
+  EXPECT_EQ(taken.status, 1);
+  EXPECT_THAT(taken.err, HasSubstr(": failed to link " + tree + "/a.pdb/5F000000: File exists\n"));
+}
+
+TEST(StandardStatusTest, IsOneWhenTheReaderOfTheResultLeaves) {
+  const TemporaryDirectory temp;
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  close(ends[0]);
+  const std::string text = temp.file("a.sym", kText);
+  const Result result = run_standard({text}, {.stdout_fd = ends[1]});
+  close(ends[1]);
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.err, "symforge: " + text + ": failed to write: Broken pipe\n");
+}
+
+// An image that no SYMB file can be made of leaves the old target alone.
+TEST(StandardStatusTest, IsOneForTextsWithoutSymbForm) {
+  const TemporaryDirectory temp;
+  const std::string tree = temp.folder("tree");
+  temp.file("tree/a.pdb/X/a.symb", "old");
+  const std::string text = "MODULE windows\nFUNC\nMODULE windows x X a.pdb\n";
+  const Result result = run_standard({"-b", temp.file("a.sym", text), tree});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(read_file(tree + "/a.pdb/X/a.symb"), "old");
+}
+
+TEST(StandardTreeTest, HasTheModesThatTheUmaskLeaves) {
+  const TemporaryDirectory temp;
+  const std::string tree = temp.folder("tree");
+  ASSERT_EQ(run_standard({temp.file("a.sym", kText), tree}).err, "");
+  EXPECT_EQ(list_tree(tree), (Tree{{"a.pdb", "dir 0755"},
+                                   {"a.pdb/5F000000", "link ABC1"},
+                                   {"a.pdb/ABC1", "dir 0755"},
+                                   {"a.pdb/ABC1/a.sym", "file 0644 " + kText}}));
+}
+
+class StandardImageTest : public ::testing::Test {
+ protected:
+  // The second line of the result, or the message without one.
+  std::string image_of(std::vector<std::string> args) {
+    const Result result = run_standard(std::move(args));
+    if (result.status != 0) return result.err;
+    const std::string line = lines_with(result.out, {"INFO CODE_ID "});
+    return line.empty() ? result.err : line;
+  }
+
+  TemporaryDirectory temp_;
+  const std::string pdb_ = temp_.file("a.pdb", make_pdb(7));
+};
+
+TEST_F(StandardImageTest, IsFoundByItsContent) {
+  const std::string none = "symforge: " + pdb_ + ": " + kNoImage + "\n";
+  const struct {
+    std::string name;
+    std::string bytes;
+    bool found;
+  } cases[] = {
+      {"a.exe", make_pe(7), true},    {"A.Node", make_pe(7), true},
+      {"a", make_pe(7, false), true}, {"a.x.sys", make_pe(7, false), true},
+      {"a.exe", make_pe(8), false},   {"a.exe", "MZ", false},
+      {"b.exe", make_pe(7), false},   {"ab.exe", make_pe(7), false},
+      {"a.exe", "no image", false},   {"a.exe", PeBuilder().build(), false},
+  };
+  for (const auto& c : cases) {
+    const std::string image = temp_.file(c.name, c.bytes);
+    const std::string line = "INFO CODE_ID 5F000007[0-9A-F]+ " + c.name + "\n";
+    if (c.found) {
+      EXPECT_THAT(image_of({pdb_}), MatchesRegex(line));
+    } else {
+      EXPECT_EQ(image_of({pdb_}), none) << c.name;
+    }
+    std::filesystem::remove(image);
+  }
+}
+
+TEST_F(StandardImageTest, MustBelongToThePdbWhenItIsNamed) {
+  const std::string other = "symforge: " + pdb_ + ": the image belongs to another PDB\n";
+  EXPECT_THAT(image_of({"-e", temp_.file("x", make_pe(7)), pdb_}), StartsWith("INFO CODE_ID"));
+  EXPECT_EQ(image_of({"--image", temp_.file("y", make_pe(8)), pdb_}), other);
+  EXPECT_THAT(image_of({"-e", temp_ / "missing", pdb_}), HasSubstr("cannot be read"));
+  ASSERT_EQ(mkfifo((temp_ / "fifo").c_str(), 0600), 0);
+  EXPECT_THAT(image_of({"-e", temp_ / "fifo", pdb_}), HasSubstr("cannot be read"));
+}
+
+class StandardBatchTest : public ::testing::Test {
+ protected:
+  Result batch() { return run_standard({"-r", in_, tree_}, {.as_nobody = as_nobody_}); }
+  // Paths of the symbol files in the tree.
+  std::vector<std::string> results() const {
+    std::vector<std::string> files;
+    for (const auto& [path, content] : list_tree(tree_)) {
+      if (content.starts_with("file")) files.push_back(path.substr(path.rfind('/') + 1));
+    }
+    return files;
+  }
+
+  TemporaryDirectory temp_;
+  std::string in_ = temp_.folder("in");
+  std::string tree_ = temp_.folder("tree");
+  bool as_nobody_ = false;
+};
+
+TEST_F(StandardBatchTest, EndsWithZeroWhenEverythingWasConverted) {
+  temp_.file("in/a.pdb", make_pdb(1));
+  temp_.file("in/x/renamed.node", make_pe(1));
+  temp_.file("in/b.pdb", make_pdb(2));
+  temp_.file("in/b.exe", make_pe(2, false));
+  temp_.file("in/copy/b.exe", make_pe(2, false));
+  temp_.file("in/readme.txt", "no input");
+  temp_.file("in/stray.ocx", make_pe(9));
+  temp_.file("in/t.sym", kText);
+  const Result result = batch();
+  EXPECT_EQ(result.status, 0);
+  EXPECT_THAT(result.err, Not(HasSubstr("stray")));
+  EXPECT_THAT(result.err, Not(HasSubstr("copy")));
+  EXPECT_THAT(results(), ::testing::ElementsAre("a.sym", "a.sym", "b.sym"));
+}
+
+TEST_F(StandardBatchTest, EndsWithTwoWhenSomeInputsFailed) {
+  temp_.file("in/a.sym", kText);
+  temp_.file("in/bad.pdb", "bad");
+  temp_.file("in/lone.exe", make_pe(5));
+  const Result result = batch();
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(result.err, "symforge: " + in_ +
+                            "/lone.exe: PE file without matching pdb or sym file\n" +
+                            "symforge: " + in_ +
+                            "/bad.pdb: Failed to read PDB Root Stream (Input file has an "
+                            "invalid signature)\n");
+  EXPECT_THAT(results(), ::testing::ElementsAre("a.sym"));
+}
+
+TEST_F(StandardBatchTest, EndsWithOneWhenNothingWasConverted) {
+  EXPECT_EQ(batch().err, "symforge: " + in_ + ": no input\n");
+  temp_.file("in/bad.pdb", "bad");
+  EXPECT_EQ(batch().status, 1);
+  EXPECT_EQ(run_standard({"-r", temp_ / "missing", tree_}).status, 1);
+}
+
+TEST_F(StandardBatchTest, GoesOnPastWhatItCannotRead) {
+  chmod(temp_.path().c_str(), 0755);
+  chmod(tree_.c_str(), 0777);
+  as_nobody_ = true;
+  temp_.file("in/a.sym", kText);
+  std::filesystem::create_symlink("nowhere", in_ + "/dangling.pdb");
+  temp_.folder("in/closed");
+  chmod((in_ + "/closed").c_str(), 0);
+  std::filesystem::create_directory_symlink("..", in_ + "/loop");
+  std::filesystem::create_symlink("circle", in_ + "/circle");
+  const Result result = batch();
+  EXPECT_EQ(result.status, 2);
+  EXPECT_THAT(result.err, HasSubstr("symforge: Failed to opendir " + in_ + "/closed: "));
+  EXPECT_THAT(result.err, HasSubstr("symforge: Failed to stat " + in_ + "/dangling.pdb: "));
+  EXPECT_THAT(result.err, HasSubstr("symforge: Failed to stat " + in_ + "/circle: "));
+  EXPECT_THAT(results(), ::testing::ElementsAre("a.sym"));
+}
+
+}  // namespace
