@@ -26,11 +26,15 @@ bool parameterBytes(std::string_view name, uint32_t& bytes) {
 }  // namespace
 
 // A name goes on to its first NUL, which need not be in its record.
-bool updateParamSize(FunctionRecord& func, const PublicFunction* global, Allowance& visited) {
+bool decoratedParamSize(const PublicFunction* global, uint32_t& paramSize, Allowance* visited) {
   if (global == nullptr || !global->decorated) return false;
   const std::string_view name = global->name.data;
-  visited.spend(name.size());
-  return parameterBytes(name, func.paramSize);
+  if (visited != nullptr) visited->spend(name.size());
+  return parameterBytes(name, paramSize);
+}
+
+bool updateParamSize(FunctionRecord& func, const PublicFunction* global, Allowance* visited) {
+  return decoratedParamSize(global, func.paramSize, visited);
 }
 
 void resolveParamSizes(Functions& functions, PublicFunctions& globals, const FrameTables& frames,
@@ -39,7 +43,7 @@ void resolveParamSizes(Functions& functions, PublicFunctions& globals, const Fra
     if (func.segment == 0 || func.segment > sectionCount) continue;  // dropped ones as well
     PublicFunction* global = globals.find(func.rva);
     if (!frames.findParamSize(func.rva, func.length, func.paramSize)) {
-      updateParamSize(func, global, globals.visited());
+      updateParamSize(func, global, &globals.visited());
     }
     if (global != nullptr) global->covered = true;
   }
