@@ -1,7 +1,7 @@
 // The records of a PDB's container: the MSF file header, the PDB info stream, the DBI stream, frame
-// data. Laid onto the mapped file as they are; see codeview.h for what type and module streams
-// hold. Published, under partly other names, in LLVM's documentation, "The PDB File Format" (with
-// "The MSF File Format" and "The PDB DBI Stream").
+// data. They match the bytes of the mapped file. codeview.h has the records of type and module
+// streams. Published, in part under other names, in LLVM's documentation, "The PDB File Format"
+// (with "The MSF File Format" and "The PDB DBI Stream").
 
 #pragma once
 
@@ -12,7 +12,7 @@
 
 namespace symforge_internal {
 
-// A stream number that says "no such stream".
+// The stream number that means "no such stream".
 constexpr uint16_t kNoStream = 0xFFFF;
 
 struct GUID {
@@ -23,11 +23,11 @@ struct GUID {
 };
 static_assert(sizeof(GUID) == 16);
 
-// First bytes of an MSF 7.00 file, all 32 of them, the trailing zeros included.
+// The first 32 bytes of an MSF 7.00 file, including the trailing zeros.
 inline constexpr char validSignature[33] = "Microsoft C/C++ MSF 7.00\r\n\x1A\x44\x53\0\0\0";
 
-// At offset 0 of the file. After it are the numbers of the pages that hold the list of the stream
-// directory's pages, a uint32 each.
+// At offset 0 of the file. It is followed by the numbers of the pages that contain the list of the
+// stream directory's pages, a uint32 each.
 struct PDBHeader {
   char signature[32];
   le_uint32 pageSize;
@@ -43,7 +43,7 @@ static_assert(offsetof(PDBHeader, pageSize) == 32 && offsetof(PDBHeader, directo
 struct NameIndexHeader {
   le_uint32 version;
   le_uint32 timeDateStamp;
-  le_uint32 age;  // the debug identifier takes the DBI header's instead
+  le_uint32 age;  // not used: the debug identifier has the DBI header's
   GUID guid;
   le_uint32 names;  // bytes of the name buffer
 };
@@ -64,9 +64,9 @@ struct NameStreamHeader {
 };
 static_assert(sizeof(NameStreamHeader) == 12);
 
-// Start of the DBI stream. The substreams whose sizes it gives follow in this order: modules,
-// section contributions, section map, file info, source modules (type server map),
-// edit-and-continue info; then the debug header.
+// Start of the DBI stream. Its substreams follow in this order: modules, section contributions,
+// section map, file info, source modules (type server map), edit-and-continue info; then the debug
+// header.
 struct DBIHeader {
   le_uint32 signature;
   le_uint32 version;
@@ -93,7 +93,7 @@ static_assert(sizeof(DBIHeader) == 64 && alignof(DBIHeader) == 1);
 static_assert(offsetof(DBIHeader, symRecordStream) == 20 && offsetof(DBIHeader, moduleSize) == 24);
 static_assert(offsetof(DBIHeader, ecInfoSize) == 52 && offsetof(DBIHeader, machine) == 58);
 
-// A section contribution; only stepped over here.
+// A section contribution; skipped here.
 struct DBISecCon {
   le_int16 section;
   le_uint16 padding1;

@@ -49,8 +49,8 @@ const char* architecture(uint16_t machine) {
   }
 }
 
-// Adds its lines and inlinees to each module. A module whose streams end too early loses what is
-// left of them, silently.
+// Reads the lines and inlinees of each module. If a module's stream ends too early, the rest of
+// them is dropped silently.
 void resolveModules(const ModuleStreams& modules, const SectionMap& sections,
                     const SourceFiles& files, Functions& functions, InlineeLines* inlinees) {
   FunctionIndex index(functions);
@@ -60,12 +60,12 @@ void resolveModules(const ModuleStreams& modules, const SectionMap& sections,
       resolveFunctionLines(module, i, sections, files, functions, index);
       if (inlinees != nullptr) inlinees->resolveInlineFunctions(module, i, files);
     } catch (const pdb_recoverable_exception&) {
-      // What this module has left is lost; the others go on.
+      // The rest of this module is dropped; continue with the next.
     }
   }
 }
 
-// A name as it is read back from a MODULE or INFO CODE_ID line: without blanks around it and
+// A name as a reader of a MODULE or INFO CODE_ID line sees it: without surrounding blanks and
 // without carriage returns at its end.
 std::string nameOnLine(std::string_view name) {
   name = name.substr(0, name.find_last_not_of('\r') + 1);

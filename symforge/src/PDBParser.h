@@ -1,5 +1,5 @@
-// PDBParser: turns one PDB (with or without its PE image), or one PE beside an already converted
-// symbol file, into the lines of a Breakpad text symbol file.
+// PDBParser: converts one PDB (with or without its PE image) to a Breakpad text symbol file, or
+// adds the lines of one PE image to an existing symbol file.
 //
 //   PDBParser parser(/*with_inlines=*/true);
 //   TextBuffer text;
@@ -7,16 +7,15 @@
 //   parser.printBreakpadSymbols(text, nullptr);
 //
 // A parser is used once, by one thread. All failures of a file are pdb_exceptions with the text
-// that the user is shown, or LimitExceeded for input that costs more than base/limits.h grants it;
-// warnings go to standard error. Some damage ends the process instead:
-// assertions, range checks and exceptions of the standard library (out_of_range, bad_alloc), which
-// nobody catches.
+// that the user is shown, or LimitExceeded for input that costs more than base/limits.h allows;
+// warnings go to standard error. Some damage ends the process instead: assertions, range checks and
+// exceptions of the standard library (out_of_range, bad_alloc), which default mode does not catch.
 //
 // Addresses are RVAs (relative to the image base), 32 bits wide, and wrap; sizes are in bytes.
 //
 // The work is done by the classes in msf/ (the container), pdb/ (its streams), pe/ (the image) and
-// emit/ (functions, and what is printed of them). Records stay in the mapped file: tables hold
-// handles into the mapping, which the parser owns.
+// emit/ and standard/ (functions and their lines in either mode). Records stay in the mapped file:
+// tables hold handles into the mapping, which the parser owns.
 
 #pragma once
 
@@ -39,15 +38,15 @@ class PDBParser {
   PDBParser(const PDBParser&) = delete;
   PDBParser& operator=(const PDBParser&) = delete;
 
-  // Opens the PDB and the PE. `pdb` null: PE-only, the symbol file that the tree has for `exe` is
-  // appended to `out`, as text. `exe` null: a PE of the PDB's name with the extension exe or dll is
-  // tried. `sympath`: root of the symbol tree, or null; with a PDB its folders for this PDB are
-  // made, and where they cannot be the process ends with status 255. Paths are not kept. Throws
-  // pdb_exception; returns normally when no PE was found beside a PDB.
+  // Opens the PDB and the PE. `pdb` null: PE-only mode; the symbol file that the tree has for `exe`
+  // is appended to `out` as text. `exe` null: tries the PDB's name with the extension exe or dll.
+  // `sympath`: root of the symbol tree, or null; with a PDB, makes its folders for this PDB; if
+  // that fails the process ends with status 255. Paths are not kept. Throws pdb_exception; a
+  // missing PE is not an error.
   void load(const char* pdb, const char* exe, const char* sympath, TextBuffer& out);
 
-  // Appends the whole symbol file to `out`, in the PE-only mode what the PE adds to the one that is
-  // there. `fileMod` may be null. Throws pdb_exception; `out` then holds the lines so far.
+  // Appends the whole symbol file to `out`, in the PE-only mode only the lines that the PE adds.
+  // `fileMod` may be null. Throws pdb_exception; `out` then holds the lines so far.
   void printBreakpadSymbols(TextBuffer& out, FileMod* fileMod);
 
   // Appends the whole symbol file in the standard format to `out` and counts what it holds; not for
@@ -57,8 +56,8 @@ class PDBParser {
   // Debug identifier: GUID in upper-case digits, age in lower-case ones. Empty in the PE-only mode.
   const std::string& debug_id() const;
 
-  // Who the symbol file of the PDB belongs to, from the PDB and the image themselves and not from
-  // lines of the text. `os` and `arch` stay empty. After load() of a PDB.
+  // The identity of the PDB's symbol file, taken from the PDB and the image, not from lines of the
+  // text. `os` and `arch` stay empty. Valid after load() of a PDB.
   sym_info identity() const;
 
   // Releases the mapping of the PDB.
@@ -73,10 +72,9 @@ class PDBParser {
   const std::unique_ptr<Rep> m_rep;
 };
 
-// The debug identifier of a PDB. False for every file that load() refuses or answers by an
-// exception of the standard library; a damaged image beside an intact PDB is enough for that.
-// Warnings are written to standard error as by load(), and what ends the process there ends it
-// here.
+// The debug identifier of a PDB. False for every file for which load() throws anything; a damaged
+// image next to an intact PDB is enough. Warnings are written to standard error as by load(), and
+// files that end the process there end it here too.
 bool pdb_debug_id(const char* file, std::string& id);
 
 }  // namespace symforge_internal

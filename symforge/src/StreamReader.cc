@@ -14,8 +14,8 @@ constexpr char kOutsideOfPages[] = "Requesting offset outside of page range";
 
 }  // namespace
 
-// File positions are 32-bit products here: they wrap in files above 4 GiB, and the assertion is
-// what ends the process when a run then ends before it begins.
+// File positions are 32-bit products here: they wrap in files above 4 GiB. The assertion ends the
+// process if a run then ends before it begins.
 void StreamReader::seekToOtherRun(uint32_t offset) {
   const std::vector<uint32_t>& pages = m_stream.pageIndices;
   const uint32_t pageSize = m_file.pageSize;
@@ -25,15 +25,15 @@ void StreamReader::seekToOtherRun(uint32_t offset) {
   const uint32_t position = pageSize * pages[page];
   if (position >= m_file.length) throw pdb_recoverable_exception(kOutsideOfPages);
 
-  // The run ends before the first page that is not adjacent, or that the file does not hold.
+  // The run ends before the first page that is not adjacent, or that is not in the file.
   size_t last = page;
   uint64_t next = uint64_t{position} + pageSize;
   while (last + 1 < pages.size() && pages[last + 1] == pages[last] + 1 && next < m_file.length) {
     ++last;
     next += pageSize;
   }
-  // A run is known from its first page on, so that seeking back and forth in it stays cheap; what
-  // is ahead of the position is the same as if it began with the page that was asked for.
+  // A run is extended back to its first page, so that seeking back and forth in it is cheap. The
+  // bytes after the position are the same as if it began with the requested page.
   size_t first = page;
   uint64_t before = 0;
   while (first != 0 && pages[first - 1] + 1 == pages[first] && before + pageSize <= position) {
@@ -58,8 +58,8 @@ void StreamReader::seekToOtherRun(uint32_t offset) {
 }
 
 void* StreamReader::readAcrossRuns(uint32_t size) {
-  // Judged before any memory is asked for: a damaged count must not cost gigabytes. A copy that
-  // ends exactly with the last page fails as well, as each copied piece ends with a seek.
+  // Checked before any allocation: a damaged count must not cost gigabytes. A copy that ends
+  // exactly with the last page also fails, as each copied piece ends with a seek.
   const uint64_t inPages = uint64_t{m_file.pageSize} * m_stream.pageIndices.size();
   if (uint64_t{m_offset} + size >= inPages) throw pdb_recoverable_exception(kOutsideOfPages);
   if (m_file.budget != nullptr) m_file.budget->copied.spend(uint64_t{size} + kCopySlack);
@@ -85,7 +85,7 @@ void StreamReader::copyAcrossRuns(uint8_t* to, uint32_t size) {
 
 DataPtr<char> StreamReader::readString() { return read<char>(measureString()); }
 
-// Length of the string at the position, its terminator included; the reader stays where it is.
+// Length of the string at the position, including its terminator; the position does not change.
 uint32_t StreamReader::measureString() {
   const uint32_t start = m_offset;
   const uint8_t* p = m_data;
@@ -99,9 +99,9 @@ uint32_t StreamReader::measureString() {
     }
     length += static_cast<uint32_t>(left);
     if (m_file.budget != nullptr) m_file.budget->visited.spend(left);
-    // Land one past the first byte of the next run and look back at that byte. The offset is
-    // the live one: from the second crossing on this lands too far, and readers of old files know
-    // the result.
+    // Seek to one past the first byte of the next run and look back at that byte. `m_offset`
+    // changes with each seek, so from the second crossing on this seeks too far. Existing symbol
+    // files have that result.
     seek(length + m_offset + 1);
     length += 1;
     p = m_data;

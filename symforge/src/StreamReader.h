@@ -1,15 +1,14 @@
-// Reading a stream of an MSF file: its page list, a cursor over it, and the handle to what a read
+// Reading a stream of an MSF file: its page list, a cursor over it, and the handle that a read
 // returns. Every read of a PDB goes through here.
 //
-// An MSF file is cut into pages; a stream is a list of page numbers that need not be adjacent. A
-// read returns a pointer into the mapping as long as the bytes lie in physically consecutive pages
-// (a run), and a heap copy that the returned handle owns when they do not. A reader knows no other
-// limit than the end of its stream's last page: the declared size of a stream is for its callers to
-// compare with.
+// An MSF file is divided into pages; a stream is a list of page numbers that need not be adjacent.
+// A read returns a pointer into the mapping if the bytes are in physically consecutive pages (a
+// run), else a heap copy that the returned handle owns. The only limit of a reader is the end of
+// its stream's last page: callers compare with the declared size of a stream.
 //
 // Nothing outside the mapping is ever read. Page numbers are checked against the file when a seek
-// leaves the current run; the mapping is followed by zeroed guard bytes, so that what runs off a
-// damaged file's end (a string without its terminator, a number cut short) finds zeros.
+// leaves the current run; the mapping is followed by zeroed guard bytes, so that reading past a
+// damaged file's end (a string without terminator, a truncated number) finds zeros.
 //
 // Reading is limited for the file as a whole: what is copied, the strings, and the page lists that
 // seeks walk are charged to the file's budget, and any operation here can throw LimitExceeded.
@@ -29,8 +28,8 @@
 
 namespace symforge_internal {
 
-// The mapped file as a reader sees it: its first byte, its length and its page size, both in bytes.
-// Bytes after its last one, MMapWrapper::kGuardBytes of them, are readable and zero.
+// The mapped file: its first byte, its length and its page size, both in bytes. It is followed by
+// MMapWrapper::kGuardBytes readable zero bytes.
 struct MsfPages {
   const uint8_t* base = nullptr;
   size_t length = 0;
@@ -81,18 +80,18 @@ class DataPtr {
 // A cursor over one stream. `stream` and `file` must outlive it.
 class StreamReader {
  public:
-  // Bytes of zeros after every heap copy, so that decoders may look a little past a record.
+  // Zero bytes after every heap copy, so that decoders can read a little past a record.
   static constexpr size_t kCopySlack = 16;
 
-  // Throws pdb_recoverable_exception when the stream has no page at `offset`; so always on an empty
-  // one.
+  // Throws pdb_recoverable_exception when the stream has no page at `offset`, as an empty one
+  // always does.
   StreamReader(const StreamPair& stream, const MsfPages& file, uint32_t offset = 0)
       : m_stream(stream), m_file(file) {
     seek(offset);
   }
 
-  // Moves to `offset` bytes from the stream's start. Throws pdb_recoverable_exception, and stays
-  // where it is, when the stream has no such page or the page lies outside the file.
+  // Moves to `offset` bytes from the stream's start. Throws pdb_recoverable_exception, with the
+  // position unchanged, when the stream has no such page or the page is outside the file.
   void seek(uint32_t offset) {
     const uint32_t inRun = offset - m_runStart;
     if (inRun < m_runBytes) {
@@ -103,9 +102,8 @@ class StreamReader {
     }
   }
 
-  // Takes `size` bytes, whatever T is; 0: sizeof(T). Throws pdb_recoverable_exception
-  // when they run off the stream's pages, and also when a read that had to be copied ends exactly
-  // with the last page.
+  // Reads `size` bytes, whatever T is; 0: sizeof(T). Throws pdb_recoverable_exception when they
+  // exceed the stream's pages, and when a copied read ends exactly with the last page.
   template <typename T>
   DataPtr<T> read(uint32_t size = 0) {
     if (size == 0) size = sizeof(T);
@@ -116,9 +114,9 @@ class StreamReader {
     return DataPtr<T>(at, false);
   }
 
-  // Takes a NUL-terminated string with its terminator. Throws like read. A string that crosses more
-  // than one end of a run is measured wrong: it comes out cut, or with what follows it in the
-  // stream, but always terminated.
+  // Reads a NUL-terminated string with its terminator. Throws like read. The length of a string
+  // that crosses more than one end of a run is wrong: the result is truncated, or includes
+  // following bytes of the stream, but is always terminated.
   DataPtr<char> readString();
 
   // Moves forward to the next multiple of `alignment` (a power of two) of the stream offset.
@@ -127,7 +125,7 @@ class StreamReader {
     if (past != 0) seek(m_offset + alignment - past);
   }
 
-  // Whether the stream has a page for `offset`; the stream's size is not looked at.
+  // Whether the stream has a page for `offset`; the stream's size is ignored.
   bool isValidOffset(uint32_t offset) const {
     return offset / m_file.pageSize < m_stream.pageIndices.size();
   }

@@ -14,7 +14,7 @@ namespace symforge_internal {
 constexpr uint16_t IMAGE_DOS_SIGNATURE = 0x5A4D;
 constexpr uint16_t IMAGE_FILE_MACHINE_I386 = 0x14C;
 constexpr uint16_t IMAGE_FILE_MACHINE_ARM = 0x1C4;
-constexpr uint16_t IMAGE_FILE_MACHINE_PPC64 = 0x1F2;  // Xbox 360 images carry this number
+constexpr uint16_t IMAGE_FILE_MACHINE_PPC64 = 0x1F2;  // number of Xbox 360 images
 constexpr uint16_t IMAGE_FILE_MACHINE_AMD64 = 0x8664;
 constexpr uint16_t IMAGE_FILE_MACHINE_ARM64 = 0xAA64;
 constexpr uint16_t IMAGE_NT_OPTIONAL_HDR32_MAGIC = 0x10B;
@@ -52,7 +52,7 @@ struct IMAGE_DATA_DIRECTORY {
 };
 static_assert(sizeof(IMAGE_DATA_DIRECTORY) == 8);
 
-// Both optional headers agree up to offset 24 and again from SizeOfImage on; what lies between is
+// Both optional headers agree up to offset 24 and again from SizeOfImage on; the bytes between are
 // not read.
 struct IMAGE_OPTIONAL_HEADER {
   le_uint16 Magic;

@@ -12,7 +12,7 @@ class pdb_exception : public std::runtime_error {
   explicit pdb_exception(const char* message) : std::runtime_error(message) {}
 };
 
-// A read ran off a stream's pages. While a module's lines and inline data are read, only that
+// A read exceeded a stream's pages. While a module's lines and inline data are read, only that
 // module's data is lost; everywhere else this is a pdb_exception like any other.
 class pdb_recoverable_exception : public pdb_exception {
  public:

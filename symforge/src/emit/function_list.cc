@@ -12,9 +12,9 @@ namespace {
 
 constexpr uint64_t startOf(uint32_t segment, uint32_t rva) { return uint64_t{segment} << 32 | rva; }
 
-// What a record is sorted by, and where it stood. std::sort makes its moves by the results of
-// comparisons alone, so sorting these, a fifth of a record's size, brings equal keys into the same
-// order as sorting the records would.
+// The sort key of a record, and its position. The moves of std::sort depend only on the results of
+// comparisons, so sorting these, a fifth of a record's size, leaves equal keys in the same order as
+// sorting the records.
 struct SortKey {
   uint64_t start;
   uint32_t typeIndex;
@@ -42,17 +42,17 @@ void permute(Functions& functions, std::vector<SortKey>& order) {
   }
 }
 
-// Public functions join the list in the order of a hash table. That order shows only where the two
-// sorts leave a choice, between two records with equal keys; public functions have distinct
-// offsets, and a function at the same place covers them unless it has no section.
+// Public functions join the list in the order of a hash table. That order matters only for records
+// with equal keys; public functions have distinct offsets, and a function at the same place covers
+// them unless it has no section.
 bool orderShows(const Functions& functions, const std::vector<PublicFunction>& symbols) {
   const auto lacksSection = [](const auto& record) { return record.segment == 0; };
   return std::any_of(functions.begin(), functions.end(), lacksSection) &&
          std::any_of(symbols.begin(), symbols.end(), lacksSection);
 }
 
-// Positions by RVA. What counts is the table's order of iteration, which follows from the order
-// of the insertions.
+// Positions by RVA. Only the table's order of iteration matters, which depends on the order of
+// insertion.
 std::unordered_map<uint32_t, uint32_t> hashOrder(const std::vector<PublicFunction>& symbols) {
   std::unordered_map<uint32_t, uint32_t> order;
   std::vector<uint32_t> chains;  // entries of each bucket

@@ -11,20 +11,20 @@
 
 namespace symforge_internal {
 
-// Sorts by FunctionRecord::operator<. Records with equal keys come out in the order in which
-// std::sort leaves this sequence; that order shows in the output.
+// Sorts by FunctionRecord::operator<. Records with equal keys are in the order in which std::sort
+// leaves this sequence; that order is visible in the output.
 void sortFunctions(Functions& functions);
 
-// Drops all but one of the records at each address of a sorted list: the first with lines stays, or
-// else the first.
+// Drops all but one of the records at each address of a sorted list: the first with lines is kept,
+// or else the first.
 void dropDuplicates(Functions& functions);
 
-// Appends the public functions that no function covers, and sorts the list again. The names move
-// out of `globals`.
+// Appends the public functions that no function covers, and sorts the list again. The names are
+// moved from `globals`.
 void mergeGlobals(Functions& functions, PublicFunctions& globals);
 
-// Finds functions by their start. The list that it was made of must be sorted, not empty when it is
-// asked, and its records must keep section and RVA.
+// Finds functions by their start. The list must be sorted, not empty at a search, and its records
+// must keep section and RVA.
 class FunctionIndex {
  public:
   explicit FunctionIndex(const Functions& functions);
@@ -34,7 +34,7 @@ class FunctionIndex {
 
  private:
   std::vector<uint64_t> m_starts;  // segment above RVA
-  size_t m_last = 0;               // the answer before: blocks of lines mostly come in order
+  size_t m_last = 0;               // the previous result: blocks of lines are mostly in order
 };
 
 }  // namespace symforge_internal

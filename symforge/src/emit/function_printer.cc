@@ -9,7 +9,7 @@ namespace symforge_internal {
 
 namespace {
 
-// Four numbers of eight digits and what is around them.
+// Four numbers of eight digits and their separators.
 constexpr size_t kMaxNumbersBytes = 64;
 // " file\n", which ends every line of a block, padded so that all of it is copied at once.
 constexpr size_t kMaxEndingBytes = 16;
@@ -29,7 +29,7 @@ void eraseFromTheEnd(std::string& text, std::string_view part) {
   text.erase(0, kept);
 }
 
-// Whether there is anything to take out: most names have nothing, and one quick scan shows it.
+// Whether there is anything to remove: for most names one quick scan shows that there is not.
 bool needsCleaning(std::string_view name) {
   const char* at = name.data();
   const char* const end = at + name.size();
@@ -41,7 +41,7 @@ bool needsCleaning(std::string_view name) {
   return false;
 }
 
-// The name without what only the Windows compiler says. The blank after "__cdecl" is kept.
+// The name without words that only the Windows compiler writes. The blank after "__cdecl" is kept.
 std::string_view cleanName(std::string_view name, std::string& storage) {
   if (!needsCleaning(name)) return name;
   storage = name;
@@ -63,8 +63,8 @@ void printPublic(const FunctionRecord& func, TextBuffer& out) {
   line.str("PUBLIC ").hex(func.rva).chr(' ').hex(func.paramSize).chr(' ').name(name).chr('\n');
 }
 
-// By how many bytes a block of lines is moved down: when its last line begins after the function's
-// end, by the distance, rounded up to a multiple of 16.
+// The number of bytes that a block of lines is moved down: if its last line begins after the
+// function's end, the distance, rounded up to a multiple of 16.
 uint32_t adjustment(uint32_t lastOffset, uint32_t length) {
   if (lastOffset <= length) return 0;
   return (lastOffset - length + 15) & ~uint32_t{15};
@@ -72,7 +72,7 @@ uint32_t adjustment(uint32_t lastOffset, uint32_t length) {
 
 }  // namespace
 
-// Sizes are the distances to the next line; unsorted lines give large ones.
+// Sizes are the distances to the next line, which are large for unsorted lines.
 void FunctionPrinter::printLines(const FunctionRecord& func, TextBuffer& out) const {
   const uint32_t count = func.lineCount & ~FunctionRecord::kHasLines;
   if (count == 0) return;
@@ -88,7 +88,7 @@ void FunctionPrinter::printLines(const FunctionRecord& func, TextBuffer& out) co
   *endingEnd = '\n';
   const ptrdiff_t endingSize = endingEnd + 1 - ending;
 
-  // Most of a symbol file is written by this loop, so it keeps its place in a register.
+  // This loop writes most of a symbol file, so it keeps its position in a register.
   char* const begin = out.prepare(kMaxLineBytes * count);
   char* at = begin;
   for (uint32_t i = 0; i < count; ++i) {

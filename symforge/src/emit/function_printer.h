@@ -1,5 +1,5 @@
-// FunctionPrinter: FUNC, line and PUBLIC records. The line records of a function take their section
-// from the FUNC line above them, so the order of everything here matters.
+// FunctionPrinter: FUNC, line and PUBLIC records. Line records belong to the FUNC line above them,
+// so the order of calls matters.
 
 #pragma once
 
@@ -20,7 +20,7 @@ class FunctionPrinter {
       : m_sections(sections), m_typeNames(names), m_sites(sites) {}
 
   // Appends the records of all functions that are not dropped, in the order of the list. Functions
-  // without a type are printed as they are: no clean-up, no parameters, no lines. Throws
+  // without a type are printed with unchanged names, without parameters and lines. Throws
   // pdb_exception for names that cannot be rendered and damaged inline sites, std::out_of_range for
   // lines of a section that does not exist.
   void printFunctions(const Functions& functions, TextBuffer& out);

@@ -1,4 +1,4 @@
-// FunctionRecord: what is known of a function, thunk or public symbol until it is printed.
+// FunctionRecord: a function, thunk or public symbol before it is printed.
 
 #pragma once
 
@@ -10,12 +10,12 @@
 
 namespace symforge_internal {
 
-// What a module's symbols and lines say of one function, thunk or public symbol. `operator<` is the
-// order of the output; sortFunctions() brings it about by smaller keys.
+// One function, thunk or public symbol, from a module's symbols and lines. `operator<` is the order
+// of the output; sortFunctions() sorts by it with smaller keys.
 struct FunctionRecord {
   // `segment` of a record that is dropped: records are never erased.
   static constexpr uint32_t kDropped = 0xFFFFFFFF;
-  // Bits of lineCount that say that a block of lines was attached.
+  // Bits of lineCount that mark an attached block of lines.
   static constexpr uint32_t kHasLines = 0xF0000000;
 
   DataPtr<char> name;

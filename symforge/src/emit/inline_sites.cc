@@ -18,7 +18,8 @@ void InlineSites::beginFunction(uint16_t stream, FunctionRecord& func) const {
   func.firstInline = static_cast<uint32_t>(m_sites.size());
 }
 
-// Where rendering names warns, the warnings are due at printing, so the check for a name waits.
+// If rendering names can print warnings, these belong to the time of printing, so the check for a
+// name is delayed.
 void InlineSites::openSite(uint32_t inlinee, uint32_t symbolOffset, FunctionRecord& func) {
   if (func.inlinesSilenced) return;
   if (!m_typeNames.mayWarn() && !m_typeNames.isFunctionId(inlinee)) {

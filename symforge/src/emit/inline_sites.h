@@ -25,9 +25,8 @@ struct InlineFunctionRecord {
   uint32_t binary_annotations_len = 0;  // bytes, padding included
 };
 
-// Reads the body of an inline-site symbol, on whose first byte the reader is; `size` is the
-// symbol's. A size too small for an inline site wraps, and the read throws
-// pdb_recoverable_exception.
+// Reads the body of an inline-site symbol; the reader is at its first byte; `size` is that of the
+// symbol. A size too small for an inline site wraps, and the read throws pdb_recoverable_exception.
 InlineFunctionRecord readInlineSite(StreamReader& reader, uint32_t size);
 
 // Sites are added in the order of the symbols of their module, for one function after the other.
@@ -43,10 +42,10 @@ class InlineSites {
         m_maxRanges(limits::kInlineRanges.of(file.pages().length)),
         m_maxNames(limits::kInlineNames.of(file.pages().length)) {}
 
-  // `func` is a new function whose symbols are in a stream; its sites follow.
+  // Starts a function, whose sites follow.
   void beginFunction(uint16_t stream, FunctionRecord& func) const;
   // Adds the opening of a site whose symbol is at `symbolOffset` in the stream, or the end of the
-  // last open one. An inlinee without a name silences all sites of its function.
+  // last open one. An inlinee without a name suppresses all sites of its function.
   void openSite(uint32_t inlinee, uint32_t symbolOffset, FunctionRecord& func);
   void closeSite(FunctionRecord& func);
 

@@ -40,7 +40,7 @@ void InlineTree::print(TextBuffer& out) {
     m_open.push_back(m_ranges[position].high);
   }
   if (last == nullptr) return;
-  // Those still open, and the function around them.
+  // The ranges that are still open, and the enclosing function.
   for (size_t i = 0; i <= m_open.size(); ++i) printLine(*last, last->length, out);
 }
 

@@ -6,8 +6,8 @@ namespace {
 
 constexpr uint32_t kLineCountMask = ~FunctionRecord::kHasLines;
 
-// Whether the function keeps the block that it has. A block that began at 0 does not count, as a
-// start of 0 is also what a function without a block has.
+// Whether the function keeps the block that it has. A block that begins at 0 is replaced: a start
+// of 0 also means that there is no block.
 bool keepsItsLines(const FunctionRecord& function, uint32_t address) {
   if (function.lineOffset == 0) return false;
   return function.lineOffset - function.rva < address - function.rva || function.hasLines();
@@ -16,7 +16,7 @@ bool keepsItsLines(const FunctionRecord& function, uint32_t address) {
 }  // namespace
 
 // The first function at or after the address, or the last one, gets the block; lengths are ignored.
-// Only the lines of the first file of a subsection count.
+// Only the lines of the first file of a subsection are used.
 void resolveFunctionLines(const ModuleStream& module, size_t module_index,
                           const SectionMap& sections, const SourceFiles& files,
                           Functions& functions, FunctionIndex& index) {
@@ -31,7 +31,7 @@ void resolveFunctionLines(const ModuleStream& module, size_t module_index,
     uint32_t file;
     if (!files.find(module_index, source->index, file)) return;
     function.fileIndex = file;
-    // Without the marker until the lines are there: reading them may fail.
+    // The marker is set after the lines are read: reading them can fail.
     function.lineCount = source->count & kLineCountMask;
     function.lineOffset = section->off;
     if (source->count != 0) {

@@ -20,8 +20,8 @@ class FunctionReader {
     return func;
   }
 
-  // A thunk that is nested in nothing has no length: it is printed as a PUBLIC line, while a nested
-  // one is printed as a FUNC line without a type.
+  // A thunk outside any other symbol has no length and is printed as a PUBLIC line. A nested one is
+  // printed as a FUNC line without a type.
   void readThunk(StreamReader& reader) {
     const DataPtr<ThunkSym32> symbol = reader.read<ThunkSym32>();
     FunctionRecord& func = add(reader.readString(), symbol->seg, symbol->off);
@@ -46,8 +46,8 @@ class FunctionReader {
 
 }  // namespace
 
-// Inline sites belong to the last procedure before them, whatever is in between but a thunk: the
-// end of the procedure is not looked at.
+// Inline sites belong to the last procedure before them, unless a thunk is between: the end of the
+// procedure is ignored.
 void getModuleFunctions(const ModuleStream& module, const SectionMap& sections, InlineSites* sites,
                         Functions& functions) {
   FunctionReader functionReader(sections, functions, module.budget());

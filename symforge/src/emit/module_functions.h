@@ -1,4 +1,5 @@
-// A module's symbols: procedures and thunks become functions, inline sites are noted with theirs.
+// A module's symbols: procedures and thunks become functions, inline sites are recorded with their
+// function.
 
 #pragma once
 
@@ -9,7 +10,7 @@
 
 namespace symforge_internal {
 
-// Appends the functions of a module to `functions`, in the order of its symbols, and notes their
+// Appends the functions of a module to `functions`, in the order of its symbols, and records their
 // inline sites in `sites`; null: inline sites are skipped. Throws what
 // ModuleStream::forEachSymbol() throws, std::out_of_range for a section that does not exist. An
 // inline site that follows no procedure fails an assertion.

@@ -15,8 +15,8 @@
 
 namespace symforge_internal {
 
-// Used by one thread; to be opened once. Readers and what they return without a copy are valid
-// until close() or the end of the object.
+// For one thread; open it once. Readers and what they return without a copy are valid until close()
+// or the end of the object.
 class MsfFile {
  public:
   MsfFile() = default;

@@ -54,14 +54,14 @@ class DirectoryReader {
   const uint32_t m_items;       // words in a page
   const uint32_t m_indexPages;  // number of them
   uint32_t m_streamCount = 0;
-  uint32_t m_page = 0;      // which of the directory's pages is read
-  uint64_t m_start = 0;     // its place in the file
+  uint32_t m_page = 0;      // number of the directory page that is read
+  uint64_t m_start = 0;     // its offset in the file
   uint32_t m_position = 0;  // words after its start
   bool m_atPageEnd = false;
   bool m_positionsWrap = false;  // at 4 GiB; so from the second page of page numbers on
 };
 
-// A word that begins in the file, and may end in the zeros after the file.
+// A word that begins in the file, and can end in the zeros after it.
 bool DirectoryReader::wordAt(uint64_t position, uint32_t& word) const {
   if (position >= m_file.length) return false;
   le_uint32 bytes;
@@ -74,8 +74,8 @@ bool DirectoryReader::indexPage(uint32_t number, uint32_t& page) const {
   return wordAt(sizeof(PDBHeader) + uint64_t{kWord} * number, page);
 }
 
-// The number in the file of the directory's page `number`. The index pages are taken whole: what
-// they hold after the last page that the directory's size needs can be asked for as well.
+// The number in the file of the directory's page `number`. Index pages are read whole: also numbers
+// after the last page that the directory's size needs are available.
 bool DirectoryReader::directoryPage(uint32_t number, uint32_t& page) const {
   assert(number < uint64_t{m_indexPages} * m_items);
   uint32_t index;

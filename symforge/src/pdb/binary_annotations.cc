@@ -2,8 +2,8 @@
 
 namespace symforge_internal {
 
-// An operand that cannot be decoded is taken as 0xFFFFFFFF; as the cursor then stays, the byte is
-// met again as an opcode and ends the walk there.
+// An operand that cannot be decoded is 0xFFFFFFFF. The cursor does not move then, so the byte is
+// read again as an opcode and ends the walk.
 bool AnnotationDecoder::nextRange() {
   while (m_at < m_end) {
     switch (uncompressCV(m_at)) {
@@ -32,7 +32,7 @@ bool AnnotationDecoder::nextRange() {
         m_length = uncompressCV(m_at);
         m_code += uncompressCV(m_at);
         return true;
-      // A range keeps the file of its function, whatever the annotations say.
+      // A range has the file of its function; changes of file in the annotations are ignored.
       case BA_OP_ChangeFile:
       case BA_OP_ChangeCodeOffsetBase:
       case BA_OP_ChangeLineEndDelta:

@@ -1,5 +1,5 @@
 // The binary annotations of an inline site: a string of opcodes and operands, each a compressed
-// number, that moves a place in the code and a source line and so draws the site's code ranges.
+// number, that change a code offset and a source line and so describe the site's code ranges.
 
 #pragma once
 
@@ -33,8 +33,8 @@ inline uint32_t signedAnnotation(uint32_t operand) {
   return (operand & 1) != 0 ? 0 - magnitude : magnitude;
 }
 
-// Bytes after the end of an annotation string that decoding may look at: an opcode that begins
-// with the last byte, and its two operands.
+// Bytes after the end of an annotation string that decoding can read: an opcode that begins with
+// the last byte, and its two operands.
 constexpr size_t kAnnotationSlack = 11;
 static_assert(kAnnotationSlack <= StreamReader::kCopySlack);
 
@@ -60,8 +60,7 @@ inline uint32_t uncompressCV(const uint8_t*& data) {
   return 0xFFFFFFFF;
 }
 
-// Walks the annotations of one site after the other and stops wherever a code range is to be
-// stored.
+// Walks the annotations of one site after another and stops at each code range to be stored.
 //
 //   AnnotationDecoder decoder;              // one a function: the length outlasts a site
 //   decoder.beginSite(bytes, size, address, line);
@@ -80,8 +79,8 @@ class AnnotationDecoder {
     m_line = line;
   }
 
-  // Goes on to the next range; false at the end of the site's annotations. Throws pdb_exception for
-  // an opcode that there is not.
+  // Moves to the next range; false at the end of the site's annotations. Throws pdb_exception for
+  // an unknown opcode.
   bool nextRange();
 
   uint32_t code() const { return m_code; }      // first address

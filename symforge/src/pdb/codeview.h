@@ -1,6 +1,6 @@
 // CodeView records: symbols and C13 subsections of module streams, public symbols, type records.
-// Laid onto the mapped file as they are. Published as the CodeView format, mostly under these
-// names; LLVM's documentation has it as "CodeView Symbol Records" and "CodeView Type Records".
+// They match the bytes of the mapped file. Published as the CodeView format, mostly under these
+// names; in LLVM's documentation under "CodeView Symbol Records" and "CodeView Type Records".
 
 #pragma once
 
@@ -88,7 +88,7 @@ struct SepCodeSym {
 };
 static_assert(sizeof(SepCodeSym) == 28 && offsetof(SepCodeSym, sec) == 24);
 
-// A record of the symbol record stream after its length; the name follows.
+// A record of the symbol record stream, without its length; the name follows.
 struct GlobalRecord {
   le_uint16 leafType;
   le_uint32 symType;  // public symbol flags; 2: a function
@@ -288,7 +288,7 @@ struct LeafStringID {
 struct LeafArgList {
   le_uint32 count;
 };
-// Of LF_CLASS and LF_STRUCTURE; the name follows, `size` being taken for its short form of 2 bytes.
+// Of LF_CLASS and LF_STRUCTURE; the name follows, if `size` has its short form of 2 bytes.
 struct LeafClass {
   le_uint16 count;
   le_uint16 property;

@@ -43,7 +43,7 @@ DataPtr<DBIDebugHeader> DbiStream::readDebugHeader() {
   return m_reader.read<DBIDebugHeader>();
 }
 
-// The number has no other use here. Both 0 and "no such stream" pass.
+// The number is used only here. Both 0 and "no such stream" are accepted.
 void refuseTokenMap(const DBIDebugHeader& debugHeader) {
   const uint16_t map = debugHeader.tokenRidMap;
   if (map != 0 && map != kNoStream) throw pdb_exception("Implement me...");

@@ -19,7 +19,7 @@ class DbiStream {
 
   const DBIHeader& header() const { return *m_header; }
 
-  // What follows the header; to be called in this order, once each. Both throw
+  // The parts after the header; call these once each, in this order. Both throw
   // pdb_recoverable_exception for a stream that ends too early.
   //
   // The modules that have a stream of their own; they refer to the file.
@@ -32,7 +32,7 @@ class DbiStream {
   DataPtr<DBIHeader> m_header;
 };
 
-// Throws pdb_exception for a PDB with a map of tokens, as managed code has.
+// Throws pdb_exception for a PDB with a token map, which managed code has.
 void refuseTokenMap(const DBIDebugHeader& debugHeader);
 
 }  // namespace symforge_internal

@@ -1,4 +1,4 @@
-// The debug identifier: what a PDB and the image made with it have in common.
+// The debug identifier, which a PDB and its image share.
 
 #pragma once
 

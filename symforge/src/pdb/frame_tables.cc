@@ -9,7 +9,7 @@ namespace {
 
 constexpr size_t kMaxNumbersBytes = 160;  // of a line, without its program
 
-// Equal in what marks a record as a repetition of the previous one.
+// Whether a record repeats the previous one.
 template <typename Record>
 bool repeats(const Record& record, const Record& last) {
   return record.ulOffStart == last.ulOffStart && record.cbProcSize == last.cbProcSize &&
@@ -18,8 +18,8 @@ bool repeats(const Record& record, const Record& last) {
 
 }  // namespace
 
-// The record before the first is one of zeros, so zeros at the start are dropped. A stream that
-// ends inside a record yields that record too, with what its last page holds after the end.
+// The record before the first counts as zeros, so zeros at the start are dropped. If the stream
+// ends inside a record, that record is completed from the rest of its last page.
 template <typename Record>
 void FrameTables::readFPO(const MsfFile& file, uint16_t fpoStream, FrameDataMap<Record>& fpoData) {
   const StreamPair& stream = file.getStream(fpoStream);

@@ -21,8 +21,8 @@ class FrameTables {
   // pdb_recoverable_exception for an empty one or one that ends too early. To be called once.
   void readFrameData(const MsfFile& file, const DBIDebugHeader& debugHeader);
 
-  // Takes the size of a function's parameters, in bytes, from the frame data of exactly its code;
-  // the new form is preferred. False when there is none.
+  // Finds the size of a function's parameters, in bytes, in the frame data of exactly its code; the
+  // new form is preferred. False when there is none.
   bool findParamSize(uint32_t rva, uint32_t codeSize, uint32_t& paramSize) const;
 
   // Appends the STACK WIN lines, those of the new form first, each by RVA and size. Program strings
@@ -36,7 +36,7 @@ class FrameTables {
       return {record->ulOffStart, record->cbProcSize};
     }
   };
-  // By (RVA, bytes of code), which the records hold.
+  // By (RVA, bytes of code), which are in the records.
   template <typename Record>
   using FrameDataMap = SealedMap<DataPtr<Record>, RangeOf>;
 

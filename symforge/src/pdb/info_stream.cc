@@ -19,9 +19,9 @@ constexpr uint32_t kWordBits = 32;
 // The stream offset after the set that begins at `set`. It wraps.
 uint32_t endOfSet(uint32_t set, uint32_t words) { return set + kWordBytes + words * kWordBytes; }
 
-// The bits that say which slots of the table of named streams hold an entry. The words that count
-// are those that `slots` fills whole, but at least one; the slots after them are tested on what
-// follows in the stream.
+// The bits of the table of named streams that mark used slots. Their number of words is that of the
+// words that `slots` fills completely, but at least one; slots after them are tested in the bytes
+// that follow in the stream.
 class PresentBits {
  public:
   PresentBits(StreamReader& reader, uint32_t slots)
@@ -54,8 +54,8 @@ std::string InfoStream::readDebugId(uint32_t age) {
 }
 
 // The table follows the name buffer: its size, the number of slots, the set of present slots, the
-// set of deleted slots, and for each present slot an entry. Of entries of one name the first
-// counts.
+// set of deleted slots, and for each present slot an entry. Of entries with one name the first is
+// used.
 bool InfoStream::readNamedStreams() {
   const uint32_t nameStart = m_reader.getOffset();
   StreamReader table(m_stream, m_pages);

@@ -20,17 +20,17 @@ class InfoStream {
   // pages.
   InfoStream(const StreamPair& stream, const MsfPages& pages);
 
-  // What the stream holds; to be called in this order, once each. Both throw
+  // The contents of the stream; call these once each, in this order. Both throw
   // pdb_recoverable_exception for a stream that ends too early.
   //
-  // The debug identifier, with the age that the DBI stream gives.
+  // The debug identifier, with the age of the DBI stream.
   std::string readDebugId(uint32_t age);
   // Reads the table of named streams. False for a damaged table, which is reported to standard
   // error.
   bool readNamedStreams();
 
-  // Finds a stream by its name in upper case but for its first character, as "/NAMES". False when
-  // there is none. The number comes from the file: such a stream need not exist.
+  // Finds a stream by its name, in upper case except the first character, such as "/NAMES". False
+  // when there is none. The number comes from the file: such a stream need not exist.
   bool findStream(const std::string& name, size_t& number) const;
 
  private:

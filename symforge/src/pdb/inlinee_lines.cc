@@ -25,7 +25,7 @@ void InlineeLines::resolveInlineFunctions(const ModuleStream& module, size_t ind
     while (reader.getOffset() < end) {
       const DataPtr<CV_TagInlineeSourceLine> entry = reader.read<CV_TagInlineeSourceLine>();
       if (kind == kWithExtraFiles) skipExtraFiles(reader);
-      // Most functions are inlined in many modules, and the first table that lists one counts.
+      // Most functions are inlined in many modules; the first table that lists one is used.
       if (m_lines.contains(entry->inlinee)) continue;
       uint32_t file;
       if (!sources.find(index, entry->file_id, file)) continue;

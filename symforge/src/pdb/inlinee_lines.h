@@ -16,7 +16,7 @@ class InlineeLines {
  public:
   // Adds the inlinee lines of a module, which is at position `index` of the list that `sources` was
   // gathered from. An existing entry is kept. Throws pdb_exception for a table of an unknown kind
-  // and what ModuleStream::readModule() throws; the entries up to there stay.
+  // and what ModuleStream::readModule() throws; the entries before the fault are kept.
   void resolveInlineFunctions(const ModuleStream& module, size_t index, const SourceFiles& sources);
 
   // Number of the file and source line of an inlinee; zeros when no table has it.

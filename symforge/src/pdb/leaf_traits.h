@@ -1,8 +1,8 @@
 // LeafTraits: what is kept of each kind of type record (leaf), and how it is printed. The one table
 // of leaves: TypeTable decodes by it, TypeNames renders by it.
 //
-// To add a leaf: its number and its record in codeview.h, a row here. Only a leaf with a text of a
-// form that there is not yet also needs a LeafText and an operation of TypeNames.
+// To add a leaf: its number and its record in codeview.h, a row here. Only a leaf that prints in a
+// new form also needs a LeafText and an operation of TypeNames.
 
 #pragma once
 
@@ -34,9 +34,9 @@ struct LeafTraits {
 
   uint16_t leaf = 0;
   LeafText text = LeafText::kNone;
-  uint8_t data = 0;         // bytes of the fixed part; 0 where the name alone is of use
+  uint8_t data = 0;         // bytes of the fixed part; 0 if only the name is used
   uint8_t name = kNoName;   // offset of the name in the leaf's fields
-  bool isFunction = false;  // whether the text is that of a function
+  bool isFunction = false;  // whether the text describes a function
   // Kept for the standard format alone, where FunctionNames makes its text.
   bool standardOnly = false;
 
@@ -53,7 +53,7 @@ struct LeafTraits {
 // size. An argument list's indices and
 // a number follow the fixed part.
 inline constexpr LeafTraits kLeafTraits[] = {
-    {},  // of every leaf that has no row
+    {},  // for every leaf without a row
     {LEAF::LF_MODIFIER, LeafText::kModifier, sizeof(LeafModifier)},
     {LEAF::LF_POINTER, LeafText::kPointer, sizeof(LeafPointer)},
     {LEAF::LF_PROCEDURE, LeafText::kProcedure, sizeof(LeafProc), LeafTraits::kNoName, true},
@@ -97,7 +97,7 @@ class LeafRows {
   std::array<uint8_t, kLast - kFirst + 1> m_rows = {};
 };
 
-// The row of a leaf; the one of no leaf when there is none.
+// The row of a leaf, or the row for leaves without one.
 inline const LeafTraits& traitsOf(uint16_t leaf) {
   static constexpr LeafRows kIndex;
   return kIndex[leaf];

@@ -19,7 +19,7 @@
 namespace symforge_internal {
 
 // Visitor of a subsection: the reader is at the first payload byte, `end` is the stream offset one
-// past the last. It may leave the reader anywhere.
+// past the last. It can leave the reader at any position.
 using ModuleReadCB = std::function<void(StreamReader& payload, uint32_t end)>;
 
 // Offsets are bytes from the start of the module's stream. Every operation opens the stream anew
@@ -36,7 +36,7 @@ class ModuleStream {
   // The path of the object file that the module was made of, NUL-terminated.
   const char* name() const { return m_name.data; }
 
-  // A negative number is damage: it names no stream.
+  // A negative number means damage, not a stream.
   bool hasStream() const { return m_info->stream >= 0; }
   uint16_t streamNumber() const { return static_cast<uint16_t>(m_info->stream); }
 
@@ -44,8 +44,8 @@ class ModuleStream {
   FileBudget& budget() const { return m_file->budget(); }
 
   // Calls visit(const SymbolHeader&, StreamReader& body, uint32_t offset) for each symbol record,
-  // in stream order: the header is at `offset`, `body` is at the byte after it and may be left
-  // anywhere. Stops at a symbol of kind 0.
+  // in stream order: the header is at `offset`, `body` is at the byte after it and can be left at
+  // any position. Stops at a symbol of kind 0.
   template <typename Visitor>
   void forEachSymbol(Visitor&& visit) const {
     StreamReader reader = openModule();
@@ -65,8 +65,8 @@ class ModuleStream {
   }
 
   // Calls `visit` for each subsection of a kind, in stream order. Throws pdb_exception for a
-  // subsection that leaves the stream's pages, and for a walk that runs in a cycle; the subsections
-  // before the damage have been visited then.
+  // subsection that leaves the stream's pages, and for a cycle; the subsections before the damage
+  // have then been visited.
   void readModule(int32_t kind, const ModuleReadCB& visit) const;
 
  private:

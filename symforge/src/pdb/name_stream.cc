@@ -42,8 +42,8 @@ void NameStream::load(const StreamPair& stream, const MsfPages& file) {
   index(int64_t{kStringArea} + area);
 }
 
-// Makes the stream one piece of memory: its place in the mapping when its pages follow each other
-// there, else a copy. A stream without pages fails the range check.
+// Makes the stream contiguous: in the mapping if its pages are consecutive there, else as a copy. A
+// stream without pages fails the range check.
 void NameStream::gather(const StreamPair& stream, const MsfPages& file) {
   const std::vector<uint32_t>& pages = stream.pageIndices;
   const uint64_t pageSize = file.pageSize;
@@ -71,11 +71,11 @@ uint32_t NameStream::wordAt(int64_t offset) const {
   return word;
 }
 
-// Notes which offsets have a name. `buckets`: stream offset of the bucket count.
+// Records which offsets have a name. `buckets`: stream offset of the bucket count.
 void NameStream::index(int64_t buckets) {
   const uint32_t count = wordAt(buckets);
   if (count == 0) return;
-  wordAt(buckets + kWord * count);  // the last one: they all lie in the stream
+  wordAt(buckets + kWord * count);  // reads the last one: all are in the stream
   m_named.resize(m_size);
   for (uint32_t i = 0; i < count; ++i) {
     const uint32_t offset = wordAt(buckets + kWord + kWord * i);

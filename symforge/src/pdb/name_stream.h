@@ -1,8 +1,8 @@
 // NameStream: the global string table of a PDB, its stream named /NAMES.
 //
-// The stream is a 12-byte header (signature, version, size of the string area), the string area,
-// a bucket count and the buckets, a uint32 each. Each bucket is the offset in the string area of
-// one NUL-terminated string, or 0 when it is free. A name exists only when a bucket holds its
+// The stream is a 12-byte header (signature, version, size of the string area), the string area, a
+// bucket count and the buckets, a uint32 each. Each bucket is the offset in the string area of one
+// NUL-terminated string, or 0 when it is free. A name exists only when a bucket contains its
 // offset.
 
 #pragma once
@@ -22,8 +22,8 @@ namespace symforge_internal {
 // views are valid as long as it and the mapping are.
 class NameStream {
  public:
-  // Reads the whole stream. Throws pdb_exception for a bad header and for buckets or pages that lie
-  // outside of the stream or the file. To be called once.
+  // Reads the whole stream. Throws pdb_exception for a bad header and for buckets or pages outside
+  // the stream or the file. Call it once.
   void load(const StreamPair& stream, const MsfPages& file);
 
   // The name at `offset`. False when there is none. Throws pdb_exception when a bucket names the
@@ -38,7 +38,7 @@ class NameStream {
   const char* m_bytes = nullptr;  // the whole stream: in the mapping, or m_copy
   uint32_t m_size = 0;            // bytes
   std::unique_ptr<char[]> m_copy;
-  std::vector<bool> m_named;            // by offset: whether a bucket holds it
+  std::vector<bool> m_named;            // by offset: whether a bucket contains it
   std::vector<uint32_t> m_namedBeyond;  // offsets in buckets that no string can have, sorted
 };
 

@@ -22,9 +22,9 @@ void PublicFunctions::insert(PublicFunction&& symbol) {
   if (std::strcmp(kept.name.data, symbol.name.data) != 0) kept.shared = true;
 }
 
-// A record is a 16-bit length and that many bytes; those long enough for a public symbol are read
-// as one, whatever their kind. A record of exactly the fixed part's length has a name of one byte
-// that belongs to the next record: the walk goes on one byte off from there.
+// A record is a 16-bit length and that many bytes; any record long enough for a public symbol is
+// read as one, whatever its kind. A record of exactly the fixed part's length takes a name of one
+// byte from the next record, and the walk continues one byte off.
 void PublicFunctions::getGlobalFunctions(const MsfFile& file, uint16_t symRecStream,
                                          const SectionMap& sections) {
   m_visited = &file.budget().visited;
@@ -39,7 +39,7 @@ void PublicFunctions::getGlobalFunctions(const MsfFile& file, uint16_t symRecStr
     }
     const DataPtr<GlobalRecord> record = reader.read<GlobalRecord>();
     DataPtr<char> name = reader.read<char>(length - sizeof(GlobalRecord));
-    undname(name);  // also for what is dropped: the first record is what loads the library
+    undname(name);  // also for dropped symbols: the first record loads the library
     if (record->symType != kFunctionFlag || record->segment > sections.count()) continue;
     file.budget().functions.spend(1);
     const bool decorated = name.data[0] == '@' || name.data[0] == '_';

@@ -12,10 +12,10 @@
 namespace symforge_internal {
 
 struct PublicFunction {
-  DataPtr<char> name;      // up to its first NUL; demangled when a demangler was there
+  DataPtr<char> name;      // up to its first NUL; demangled if there is a demangler
   uint32_t rva = 0;        // the raw offset where segment is 0
   uint16_t segment = 0;    // section number from 1; 0: none
-  bool decorated = false;  // the name begins like one that carries the size of the parameters
+  bool decorated = false;  // the name has a prefix of names with the size of the parameters
   bool covered = false;    // a function of some module has this address
   bool shared = false;     // another public function with another name has it, too
 };
@@ -37,7 +37,7 @@ class PublicFunctions {
   // What is left for visits of names, of the limits of the file.
   Allowance& visited() { return m_visited != nullptr ? *m_visited : m_unlimited; }
 
-  // All of them, in the order in which they came.
+  // All symbols, in the order in which they were added.
   std::vector<PublicFunction>& symbols() { return m_symbols.values(); }
 
  private:

@@ -21,7 +21,8 @@ void SectionMap::readSections(const MsfFile& file, uint16_t headerStream) {
   if (headerStream != kNoStream) readSectionHeaders(file, headerStream, sections);
 }
 
-// The table for the opposite direction is not read, but the map counts only when it exists.
+// The table for the opposite direction is not read, but the map is used only when that table
+// exists.
 void SectionMap::readOMAPData(const MsfFile& file, uint16_t orig_section_idx, uint16_t omap_to_id,
                               uint16_t omap_from_id) {
   if (orig_section_idx != kNoStream) readSectionHeaders(file, orig_section_idx, omap_sections);
@@ -29,7 +30,7 @@ void SectionMap::readOMAPData(const MsfFile& file, uint16_t orig_section_idx, ui
     readOMAPDataDirection(file, omap_from_id);
 }
 
-// An unordered table is reported and used as it is: a lookup returns what a binary search finds.
+// An unordered table is reported and used: a lookup returns what a binary search finds.
 void SectionMap::readOMAPDataDirection(const MsfFile& file, uint16_t omap_stream_id) {
   const StreamPair& stream = file.getStream(omap_stream_id);
   if (stream.size == 0) return;

@@ -1,8 +1,8 @@
-// SectionMap: the sections of the image, and from section and offset to an RVA.
+// SectionMap: the sections of the image, and the conversion from section and offset to an RVA.
 //
 // A PDB names code by section number (from 1) and offset. Where the image was rewritten after
-// linking, offsets are those of the original sections, and an address map (OMAP) leads on to the
-// final image.
+// linking, offsets are those of the original sections, and an address map (OMAP) converts them to
+// the final image.
 
 #pragma once
 
@@ -31,7 +31,7 @@ class SectionMap {
         omap_sections(std::move(original)),
         omap_from(std::move(omap)) {}
 
-  // Read the section headers and what belongs to a rewrite; stream numbers are those of the debug
+  // Read the section headers and the tables of a rewrite; stream numbers are those of the debug
   // header, kNoStream for none. Throw std::out_of_range for a stream that does not exist and
   // pdb_exception for one that ends too early. An unordered address map is reported to standard
   // error and used.

@@ -6,7 +6,7 @@
 
 namespace symforge_internal {
 
-// Every entry takes a number, even an entry of a file that has its number already: the numbers of
+// Every entry uses up a number, even an entry of a file that has one already, so the numbers of
 // files have gaps.
 void SourceFiles::getModuleFiles(const ModuleStream& module, SrcFileIndex& fileIndices) {
   Allowance& entries = module.budget().fileChecksums;
@@ -51,8 +51,8 @@ bool SourceFiles::findPosition(size_t module, uint32_t offset, uint32_t& positio
   return true;
 }
 
-// The lines come in the order of first sight, which need not be that of the numbers. A file without
-// a name leaves its number unused.
+// The lines are in the order of the files' first entries, which need not be that of the numbers. A
+// file without a name leaves its number unused.
 void SourceFiles::printFiles(const NameStream& names, FileMod* fileMod, TextBuffer& out) {
   constexpr size_t kMaxNumberBytes = sizeof("FILE 4294967295 \n");
   for (const SrcFileIndex& module : m_modules) {

@@ -41,7 +41,7 @@ class SourceFiles {
   struct UniqueSrc {
     uint32_t id = 0;       // its number in FILE lines, from 1
     uint32_t name = 0;     // offset of its path in the /NAMES string area
-    bool visited = false;  // the FILE lines have dealt with it
+    bool visited = false;  // already handled by the FILE lines
   };
   struct Entry {
     uint32_t offset = 0;

@@ -13,7 +13,7 @@ namespace symforge_internal {
 
 namespace {
 
-// Bounds of what is remembered of argument lists: their number, and the bytes of their texts.
+// Limits of the cache of argument lists: their number, and the bytes of their texts.
 constexpr size_t kMostRemembered = size_t{1} << 17;
 constexpr size_t kBlocks = 64;
 constexpr size_t kBlockBytes = 64 * 1024;
@@ -116,14 +116,16 @@ const Record& recordOf(const TypeInfo& info) {
   return *reinterpret_cast<const Record*>(info.data.data);
 }
 
-// Rendering recurs as deep as types nest: what needs stack space is kept out of its frames.
+// Rendering is recursive to the depth of the types: functions that need stack space are kept out of
+// its frames.
 template <typename Number>
 [[gnu::noinline]] void appendDecimal(Number number, std::string& output) {
   char digits[24];
   output.append(digits, std::to_chars(digits, digits + sizeof(digits), number).ptr);
 }
 
-// The number that a record is. A record that is too short for it goes on in what follows it.
+// The value of a numeric record. If the record is too short, the value continues in the bytes after
+// it.
 template <typename Number>
 Number numberOf(const TypeInfo& info) {
   Number number{};
@@ -194,7 +196,7 @@ bool TypeNames::stringizeType(uint32_t type, std::string& output, uint32_t flags
   return isFunction;
 }
 
-// `table` is where the index itself is looked up; whatever a record refers to is a type.
+// `table` is searched for the index itself; every record refers to types.
 bool TypeNames::render(uint32_t type, uint32_t flags, const TypeTable& table) {
   limitEffort();
   if (type == 0) {
@@ -215,7 +217,7 @@ bool TypeNames::render(uint32_t type, uint32_t flags, const TypeTable& table) {
   return isFunction;
 }
 
-// Types that contain others many times over can ask for texts without end.
+// Types that contain others many times can have huge texts.
 void TypeNames::limitEffort() {
   if (++m_visits > kMaxVisits || m_output->size() - m_textStart > m_maxText)
     throw pdb_exception("The name of a type is too long");
@@ -287,7 +289,7 @@ void TypeNames::renderMemberFunction(const TypeInfo& info, uint32_t flags) {
 
 void TypeNames::renderArguments(const TypeInfo& info, uint32_t flags) {
   const uint32_t count = recordOf<LeafArgList>(info).count;
-  // A count whose size in bytes wrapped.
+  // The count's size in bytes has wrapped.
   if (sizeof(LeafArgList) + uint64_t{count} * sizeof(le_uint32) > info.readable)
     throw pdb_exception("Invalid argument list");
   const auto* types = reinterpret_cast<const le_uint32*>(info.data.data + sizeof(LeafArgList));
@@ -299,7 +301,7 @@ void TypeNames::renderArguments(const TypeInfo& info, uint32_t flags) {
   *m_output += ')';
 }
 
-// The attributes are compared as a whole: const and volatile together show nothing.
+// The attributes are compared as a whole: const with volatile prints nothing.
 void TypeNames::renderModifier(const TypeInfo& info, uint32_t flags) {
   const LeafModifier& modifier = recordOf<LeafModifier>(info);
   render(modifier.type, 0, m_types);
@@ -338,7 +340,7 @@ void TypeNames::renderPointer(const TypeInfo& info, uint32_t flags) {
   if ((pointer.attr & LeafPointer::kVolatile) != 0) *m_output += " volatile";
 }
 
-// The number in the brackets is the size in bytes, taken for its short form.
+// The number in the brackets is the size in bytes, read in its short form.
 void TypeNames::renderArray(const TypeInfo& info, const TypeTable& table) {
   const LeafArray& array = recordOf<LeafArray>(info);
   render(array.elemtype, 0, m_types);

@@ -1,8 +1,8 @@
-// TypeNames: types as text, in the compact form that the symbol file shows: "(int,char const *)"
-// for a function, the name for a class.
+// TypeNames: types as text, in the compact form of symbol files: "(int,char const *)" for a
+// function, the name for a class.
 //
-// It is not a full C++ declarator: a function's result is not shown, and a pointer to a function
-// shows as the function's argument list.
+// It is not a full C++ declarator: a function's result is not shown, and a pointer to a function is
+// shown as the function's argument list.
 
 #pragma once
 
@@ -54,7 +54,8 @@ class TypeNames {
   void prefetchIndex(uint32_t type) const { m_types.prefetchIndex(type); }
   void prefetchRecord(uint32_t type) const { m_types.prefetchRecord(type); }
 
-  // Far beyond what compilers write, and within the stack also where sanitizers widen every frame.
+  // Far beyond what compilers write, and within the stack even with the larger frames of
+  // sanitizers.
   static constexpr uint32_t kMaxDepth = 2048;
   static constexpr size_t kMaxText = size_t{1} << 26;        // bytes of one text
   static constexpr uint32_t kMaxVisits = uint32_t{1} << 22;  // types visited for one text
@@ -77,7 +78,7 @@ class TypeNames {
   const TypeTable& m_ids;
   const TypeDialect m_dialect;
 
-  // The text under way.
+  // The text that is being rendered.
   std::string* m_output = nullptr;
   size_t m_textStart = 0;
   uint32_t m_depth = 0;

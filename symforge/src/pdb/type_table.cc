@@ -40,7 +40,7 @@ uint32_t numericBytes(uint16_t length) {
   return bytesRead(uint32_t{length} - sizeof(TypeRecord::leafType));
 }
 
-// Whether the `count` bytes in front of a multiple of 4 are there for alignment only.
+// Whether the `count` bytes before a multiple of 4 are padding.
 bool isFill(const uint8_t* bytes, uint32_t count) {
   bool zero = true;
   bool pads = true;
@@ -73,7 +73,7 @@ void TypeTable::load(const StreamPair& stream, const MsfPages& file) {
     next = skipFill(reader, next);
     const RecordHeader head = headAt(next);
     __builtin_prefetch(m_runs.back().data + (next - m_runs.back().start) + kReadAhead);
-    // All further indices would find this same record, and so nothing.
+    // All further indices would refer to this same record.
     if (head.length == 0 || head.leaf == 0) break;
     addRecord(next, head);
     next += sizeof(head.length) + head.length;
@@ -106,7 +106,7 @@ void TypeTable::addRecord(uint32_t offset, const RecordHeader& head) {
   m_functions.push_back(traits.isFunction);
 }
 
-// From the end of a record to the start of the next, which lies in the last of the runs then.
+// From the end of a record to the start of the next, which is then in the last run.
 uint32_t TypeTable::skipFill(StreamReader& reader, uint32_t offset) {
   enterRunOf(reader, offset);
   const uint32_t count = (0 - offset) % 4;
@@ -121,7 +121,7 @@ uint32_t TypeTable::skipFill(StreamReader& reader, uint32_t offset) {
   return offset + count;
 }
 
-// Makes the last of the runs one that holds the offset.
+// Makes the last run one that contains the offset.
 void TypeTable::enterRunOf(StreamReader& reader, uint32_t offset) {
   if (!m_runs.empty() && m_runs.back().bytesAt(offset) != 0) return;
   reader.seek(offset);
@@ -157,8 +157,7 @@ bool TypeTable::find(uint32_t type, TypeInfo& info) const {
   return true;
 }
 
-// A run that holds the offset, or any other when the offset lies in front of what its run is known
-// from.
+// A run that contains the offset, or any other if the offset is before the known part of its run.
 const TypeTable::Run& TypeTable::runOf(uint32_t offset) const {
   if (m_runs[m_lastRun].bytesAt(offset) == 0) {
     const auto above = std::upper_bound(m_runs.begin(), m_runs.end(), offset,
@@ -168,8 +167,8 @@ const TypeTable::Run& TypeTable::runOf(uint32_t offset) const {
   return m_runs[m_lastRun];
 }
 
-// Decodes a record in place. False, with `info` undefined, when some part of it is not in the run
-// for certain.
+// Decodes a record in place. False, with `info` undefined, unless all of it is certain to be in the
+// run.
 bool TypeTable::decodeInRun(const Run& run, uint32_t offset, const RecordHeader& head,
                             const LeafTraits& traits, TypeInfo& info) const {
   const uint32_t payload = offset + sizeof(TypeRecord);
@@ -195,8 +194,8 @@ bool TypeTable::decodeInRun(const Run& run, uint32_t offset, const RecordHeader&
   return true;
 }
 
-// Decodes a record with the reads that it is defined by: across a page seam their success depends
-// on where each begins.
+// Decodes a record by separate reads of its parts: across a page boundary their success depends on
+// where each begins.
 void TypeTable::decodeAcrossRuns(uint32_t offset, TypeInfo& info) const {
   StreamReader reader(*m_stream, *m_file, offset);
   const DataPtr<TypeRecord> record = reader.read<TypeRecord>();

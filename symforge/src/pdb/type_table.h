@@ -4,13 +4,13 @@
 //
 //   uint16 length (bytes after this field), uint16 leaf, the leaf's fields, fill
 //
-// What lies between the end of a record and the next multiple of 4 is skipped when it is fill (all
-// zero, or the pad bytes F3 F2 F1, each telling how far the multiple of 4 is); otherwise the next
-// record starts right there. Linkers leave some id records unpadded.
+// The bytes between the end of a record and the next multiple of 4 are skipped if they are fill
+// (all zero, or the pad bytes F3 F2 F1, whose low digit is the distance to the multiple of 4);
+// otherwise the next record starts there. Linkers leave some id records unpadded.
 //
 // Loading walks all records once and keeps 4 bytes for each, the offset of its record in the
-// stream, and a bit. Names are not looked at: that a name has its terminator follows from where the
-// last NUL of the pages around it lies. A record is decoded when somebody asks for it.
+// stream, and a bit. Names are not read: the position of the last NUL in the surrounding pages
+// proves that a name is terminated. Records are decoded on demand.
 
 #pragma once
 
@@ -30,7 +30,7 @@ enum class TypeDialect { kDefault, kStandard };
 // A decoded record: the leaf's fixed part and the name, null where the leaf has none.
 struct TypeInfo {
   DataPtr<unsigned char> data;
-  // Bytes that may be read at `data`: at least the fixed part, more where the file goes on.
+  // Bytes that can be read at `data`: at least the fixed part, more if the file has them.
   size_t readable = 0;
   DataPtr<char> name;  // NUL-terminated
   LEAF::Enum type = LEAF::Enum(0);
@@ -44,8 +44,8 @@ class TypeTable {
   explicit TypeTable(TypeDialect dialect = TypeDialect::kDefault) : m_dialect(dialect) {}
 
   // Indexes a stream that has bytes. `stream` and `file` must outlive the table. Throws
-  // pdb_recoverable_exception when the records, or what is kept of them, run off the stream's
-  // pages. To be called once.
+  // pdb_recoverable_exception when the records, or what is kept of them, exceed the stream's pages.
+  // Call it once.
   void load(const StreamPair& stream, const MsfPages& file);
 
   // Decodes the record of an index. False when there is none, or none of a kind that has a text.
@@ -59,8 +59,8 @@ class TypeTable {
     return type != 0 && place < m_functions.size() && m_functions[place];
   }
 
-  // Ask for the memory that find() will look at, without waiting for it: first for the index, then,
-  // some hundred nanoseconds later, for the record.
+  // Prefetch the memory that find() will read: first the index, then, some hundred nanoseconds
+  // later, the record.
   void prefetchIndex(uint32_t type) const {
     const uint32_t place = type - m_min;
     if (place < m_offsets.size()) __builtin_prefetch(&m_offsets[place]);
@@ -75,7 +75,7 @@ class TypeTable {
   // What is left of the limits of the table's file; null before load() and without limits.
   FileBudget* budget() const { return m_file != nullptr ? m_file->budget : nullptr; }
 
-  // Whether some pointer record is of an unknown kind, so that rendering it would warn.
+  // Whether there is a pointer record of an unknown kind; rendering it prints a warning.
   bool hasUnknownPointers() const { return m_hasUnknownPointers; }
 
   // The 16 bits at an offset of the stream. Throws like a read.
@@ -85,14 +85,14 @@ class TypeTable {
   size_t size() const { return m_offsets.size(); }
 
  private:
-  // A stretch of the stream whose pages are consecutive in the file.
+  // A range of the stream whose pages are consecutive in the file.
   struct Run {
     uint32_t start = 0;     // offset in the stream
     size_t size = 0;        // bytes
     size_t terminated = 0;  // bytes up to the last NUL, that included
     const uint8_t* data = nullptr;
 
-    // Bytes from `offset` to the end; 0 for an offset that lies elsewhere.
+    // Bytes from `offset` to the end; 0 for an offset outside the run.
     size_t bytesAt(uint32_t offset) const {
       return offset >= start && offset - start < size ? size - (offset - start) : 0;
     }

@@ -14,12 +14,13 @@ namespace {
 
 constexpr char wine_undname_file[] = "/opt/tamarisk/lib/libwine-undname.so";
 
-// With a null buffer: gives a NUL-terminated text from malloc, or null for a name it cannot read.
+// With a null buffer: returns a NUL-terminated text from malloc, or null for a name that it cannot
+// decode.
 using demangle = char* (*)(char* buffer, const char* mangled, int length);
 
 struct Demangler {
   demangle function = nullptr;  // null without the library
-  std::string failure;          // why a library that is there did not load
+  std::string failure;          // why an existing library did not load
 };
 
 // The library stays open for the rest of the process.
@@ -47,7 +48,7 @@ void undname(DataPtr<char>& mangled) {
   static const demangle win_undname = demangler().function;
   if (win_undname == nullptr) {
     if (demangler().failure.empty()) return;
-    // Not to the stream `stderr`, which can lead to a buffer that is lost at the exit.
+    // Not through the stream `stderr`, which can be a buffer that is lost at exit.
     dprintf(STDERR_FILENO, "dlopen: %s\n", demangler().failure.c_str());
     std::exit(1);
   }

@@ -1,4 +1,4 @@
-// Turning decorated linker names of Windows into text, by way of a library that may be installed.
+// Conversion of decorated linker names of Windows to text, by an optional library.
 
 #pragma once
 
@@ -6,13 +6,13 @@
 
 namespace symforge_internal {
 
-// Replaces a NUL-terminated name by its text, owned by the handle. Leaves it as it is when there is
-// no library or it cannot read the name. The library is looked for at the first call; one that is
-// there but does not load ends the process. Not for use by several threads at once.
+// Replaces a NUL-terminated name by its text, owned by the handle. The name is unchanged when there
+// is no library or it cannot decode the name. The library is searched at the first call; one that
+// exists but does not load ends the process. Not for use by several threads at once.
 void undname(DataPtr<char>& mangled);
 
-// Looks for the library and loads it now, for a process that will not be able to later. One that
-// does not load ends the process at the first call of undname(), as without this.
+// Loads the library now, for a process that cannot do so later. One that does not load ends the
+// process only at the first call of undname().
 void load_demangler();
 
 }  // namespace symforge_internal
