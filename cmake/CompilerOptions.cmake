@@ -6,15 +6,15 @@ set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 
-# Warnings are errors here, but not in a project that takes this one in with a compiler of its own; and
-# `cmake --compile-no-warning-as-error` builds with a newer compiler that has learnt to warn of more.
+# Warnings are errors, except as a subproject, whose host chooses the compiler. `cmake
+# --compile-no-warning-as-error` builds with a newer compiler that has more warnings.
 if(NOT DEFINED CMAKE_COMPILE_WARNING_AS_ERROR)
   set(CMAKE_COMPILE_WARNING_AS_ERROR ${PROJECT_IS_TOP_LEVEL})
 endif()
 
 # Assertions and the containers' range checks are part of the program's behaviour: a damaged file ends
 # its own process instead of being read on. CMake's own build types define NDEBUG: it is removed from
-# them, and refused where it was asked for.
+# them, and a build that requests it is refused.
 if(NOT CMAKE_BUILD_TYPE)
   set(CMAKE_BUILD_TYPE Release)
 endif()
@@ -44,8 +44,8 @@ if(SYMFORGE_SANITIZE)
     -fsanitize=${SYMFORGE_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   target_link_options(symforge_options INTERFACE -fsanitize=${SYMFORGE_SANITIZE})
   if(NOT SYMFORGE_FUZZERS)
-    # Instrumented code takes several times as long to compile with more optimisation and debug
-    # information. This is enough for stack traces with lines.
+    # More optimisation and debug information make instrumented code several times slower to compile.
+    # This is enough for stack traces with lines.
     target_compile_options(symforge_options INTERFACE -Og -g1)
   endif()
 else()
@@ -65,7 +65,7 @@ target_link_options(symforge_options INTERFACE -Wl,-z,relro,-z,now -Wl,--build-i
 
 find_program(CCACHE_PROGRAM ccache)
 if(CCACHE_PROGRAM AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
-  # Precompiled headers can be cached on these conditions alone.
+  # ccache caches precompiled headers only with these settings.
   set(CMAKE_CXX_COMPILER_LAUNCHER
     env CCACHE_SLOPPINESS=pch_defines,time_macros ${CCACHE_PROGRAM})
 endif()

@@ -1,8 +1,8 @@
-# What `cmake --install` lays down, and the packages that cpack makes of it (scripts/package).
+# The files of `cmake --install`, and the packages that cpack makes of them (scripts/package).
 #
 #   bin/symforge                                    the program
 #   lib/libsymforge-resolver.a                      resolver, SYMB format and SYMB writer in one library
-#   include/symforge/                               the folder of headers that a host gives to its compiler:
+#   include/symforge/                               include folder of hosts:
 #     google_breakpad/processor/*.h, common/symb.h  its includes are written like that
 #   lib/cmake/symforge, lib/pkgconfig/symforge.pc   how a host finds both
 #   share/...                                       manual page, documents, completion for bash
@@ -10,7 +10,7 @@
 # A host reads the version from common/symforge_version.h, which is made here.
 include(CMakePackageConfigHelpers)
 
-# The modules of the repository are libraries of their own; hosts get one.
+# Each module of the repository is a library; hosts get a single one.
 add_library(symforge_resolver STATIC)
 foreach(module IN ITEMS base tokenize symbol_text symb processor symb_writer)
   target_sources(symforge_resolver PRIVATE $<TARGET_OBJECTS:symforge_${module}>)
@@ -19,7 +19,7 @@ set_target_properties(symforge_resolver PROPERTIES
   OUTPUT_NAME symforge-resolver EXPORT_NAME resolver LINKER_LANGUAGE CXX)
 target_compile_features(symforge_resolver INTERFACE cxx_std_17)
 set(header_root ${CMAKE_INSTALL_INCLUDEDIR}/symforge)
-# A host that takes this project in sees the same headers as one that uses an installation.
+# A host with this project as a subproject sees the same headers as one that uses an installation.
 set(build_headers ${PROJECT_BINARY_DIR}/include)
 file(MAKE_DIRECTORY ${build_headers}/google_breakpad ${build_headers}/common)
 file(CREATE_LINK ${PROJECT_SOURCE_DIR}/google_breakpad/processor
@@ -51,7 +51,7 @@ compressed(docs/symforge.1 symforge.1.gz)
 install(FILES ${PROJECT_BINARY_DIR}/symforge.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT program)
 install(FILES completions/symforge.bash RENAME symforge
   DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT program)
-# The documents, with links that lead to the same things in the installed tree.
+# The documents, with links adapted to the installed tree.
 file(RELATIVE_PATH from_documents /${CMAKE_INSTALL_DOCDIR} /)
 file(GLOB documents RELATIVE ${PROJECT_SOURCE_DIR} CONFIGURE_DEPENDS *.md docs/*.md)
 foreach(document IN LISTS documents)
@@ -67,7 +67,7 @@ install(DIRECTORY ${PROJECT_BINARY_DIR}/documents/ DESTINATION ${CMAKE_INSTALL_D
 install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT program
   FILES_MATCHING PATTERN "*.cc")
 
-# What Debian's policy has in every package.
+# Files that Debian's policy requires in every package.
 string(TIMESTAMP changed "%a, %d %b %Y %H:%M:%S +0000" UTC)
 file(CONFIGURE OUTPUT changelog CONTENT "symforge (@PROJECT_VERSION@) unstable; urgency=medium
 
@@ -97,7 +97,7 @@ install(EXPORT symforge FILE symforge-config.cmake NAMESPACE symforge::
 install(FILES ${PROJECT_BINARY_DIR}/symforge-config-version.cmake
   DESTINATION ${package_dir} COMPONENT development)
 
-# The prefix is given from the place of the file, so that an unpacked archive works anywhere.
+# The prefix is relative to the location of the file, so that an unpacked archive works anywhere.
 set(pc_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 file(RELATIVE_PATH prefix_from_pc /prefix/${pc_dir} /prefix)
 string(REGEX REPLACE "/$" "" prefix_from_pc ${prefix_from_pc})

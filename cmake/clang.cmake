@@ -1,4 +1,4 @@
-# For presets that need clang: the compiler that CXX names if that is a clang, else the one of the system.
+# For presets that need clang: the compiler in CXX if that is a clang, else the system's.
 if(NOT CMAKE_CXX_COMPILER)
   if("$ENV{CXX}" MATCHES "clang")
     set(CMAKE_CXX_COMPILER $ENV{CXX})

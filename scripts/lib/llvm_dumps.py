@@ -235,7 +235,7 @@ class Types:
         size = re.search(r"sizeof (\d+)", text)
         if leaf in ("LF_ENUM", "LF_ALIAS") or size is None or int(size[1]) < 0x8000:
             return name
-        # The name begins inside a long size: its bytes come first, and a zero byte ends it.
+        # The name begins inside a long size, whose bytes precede it, and a zero byte ends it.
         value = int(size[1])
         raw = value.to_bytes(2 if value < 0x10000 else 4, "little") + name.encode()
         return raw.split(b"\0")[0].decode("utf-8", "replace")

@@ -1,10 +1,10 @@
-# Sourced by the scripts in the folder above and by .ci/run, right after they have gone to the root of
-# the repository: prints the usage where -h asks for it, installs missing Debian packages, builds.
-# shellcheck shell=bash disable=SC2034
+# Sourced by the scripts in the folder above and by .ci/run, after they have changed to the root of the
+# repository: prints the usage for -h, installs missing Debian packages, builds. shellcheck shell=bash
+# disable=SC2034
 
 caller_folder=$OLDPWD
 
-# from_caller PATH: a path as the caller meant it, made absolute.
+# from_caller PATH: makes a path absolute, relative to the caller's folder.
 from_caller() { (cd "$caller_folder" && realpath -m "$1"); }
 
 # usage [STATUS]: prints the comment at the head of the running script and ends it, by default with 2.
@@ -16,7 +16,7 @@ usage() {
 }
 case ${1-} in -h | --help) usage 0 ;; esac
 
-# need PACKAGE...: when something is missing, root installs it; anybody else is told what to install.
+# need PACKAGE...: installs missing packages as root; for other users prints what to install.
 need() {
   local missing=() package
   if ! command -v dpkg-query >/dev/null; then
@@ -33,7 +33,8 @@ need() {
   fi
   echo "Installing: ${missing[*]}" >&2
   export DEBIAN_FRONTEND=noninteractive
-  # A repository that is out of reach matters only if the packages come from it, as the installation shows.
+  # A repository that cannot be reached matters only if it has the packages; the installation fails
+  # then.
   apt-get update -qq -o Acquire::Retries=3 >&2 || echo "The package lists could not all be renewed." >&2
   apt-get install -y -qq -o Acquire::Retries=3 --no-install-recommends "${missing[@]}" >/dev/null
 }

@@ -120,7 +120,7 @@ def read_unchained_rules(image):
             elif operation.startswith("UOP_SaveNonVol"):
                 frame.save(operand, int(offset, 0))
             elif operation == "UOP_AllocLarge":
-                # Of the two forms the one with two slots gives its size in units of 8 bytes.
+                # Of the two forms, the one with two slots has its size in units of 8 bytes.
                 frame.stack += int(operand) * (8 if field("Number of Codes") - slots == 2 else 1)
             elif operation == "UOP_AllocSmall":
                 frame.stack += int(operand)

@@ -1,8 +1,9 @@
 // ModuleStream: the stream of one module (compiland): a signature, CodeView symbols, old line data,
 // which is skipped, and C13 subsections (lines, file checksums, inlinee lines).
 //
-//   module.forEachSymbol([](const SymbolHeader& symbol, StreamReader& body, uint32_t offset)
-//   {...}); module.readModule(kLinesSubsection, [](StreamReader& payload, uint32_t end) {...});
+//   module.forEachSymbol(
+//       [](const SymbolHeader& symbol, StreamReader& body, uint32_t offset) {...});
+//   module.readModule(kLinesSubsection, [](StreamReader& payload, uint32_t end) {...});
 
 #pragma once
 
