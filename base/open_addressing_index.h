@@ -1,5 +1,8 @@
 // OpenAddressingIndex: a hash table from 32-bit keys to positions in a vector of its user's, in one
 // block of memory: 8 bytes a slot, at most two thirds of them in use.
+//
+// Keys come from files, which choose them: the hash function differs from process to process, so
+// that no file can make all of its keys collide.
 
 #pragma once
 
@@ -8,6 +11,9 @@
 #include <vector>
 
 namespace symforge_internal {
+
+// An odd number, the same during the whole process and another one in the next.
+uint64_t hash_multiplier();
 
 class OpenAddressingIndex {
  public:
@@ -35,9 +41,9 @@ class OpenAddressingIndex {
   };
 
   // Where the key stands, or the free slot where it would.
-  static size_t slotOf(const std::vector<Slot>& slots, uint32_t key) {
+  size_t slotOf(const std::vector<Slot>& slots, uint32_t key) const {
     const size_t mask = slots.size() - 1;
-    size_t at = (key * uint64_t{0x9E3779B97F4A7C15} >> 32) & mask;
+    size_t at = (key * m_multiplier >> 32) & mask;
     while (slots[at].place != 0 && slots[at].key != key) at = (at + 1) & mask;
     return at;
   }
@@ -51,6 +57,7 @@ class OpenAddressingIndex {
 
   std::vector<Slot> m_slots;  // a power of two of them
   size_t m_used = 0;
+  uint64_t m_multiplier = hash_multiplier();
 };
 
 }  // namespace symforge_internal

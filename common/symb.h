@@ -227,8 +227,9 @@ bool symb_write(const char* symbol_data, char** out_buffer, size_t* out_buffer_s
 //
 // The block is only read, and stays usable. False, with `out` as it was, if the block does not
 // begin with "SYMB", or if what has to be printed lies outside it in part: tables, strings without
-// an end in the block, frame info whose arrays contain themselves. Nothing outside the block is
-// ever read.
+// an end in the block, frame info whose arrays contain themselves, or if its records share strings
+// so that the text would be out of all proportion (16 MiB + 16 times the block). Nothing outside
+// the block is ever read.
 bool symb_read(char* in_buffer, size_t in_buffer_size, std::stringstream& out);
 
 // Turns every reference of the block into the address that it stands for, in place. `base` is the

@@ -119,6 +119,8 @@ End run_to_its_end(const std::function<void()>& conversion) {
     conversion();
   } catch (const symforge_internal::pdb_exception&) {
     return End::kThrew;
+  } catch (const symforge_internal::LimitExceeded&) {
+    return End::kThrew;
   } catch (const std::out_of_range&) {
     return End::kThrew;
   } catch (const std::exception& e) {
