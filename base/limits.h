@@ -1,4 +1,4 @@
-// The limits of a conversion: what one input of n bytes may cost, whatever it holds.
+// The limits of a conversion: the most that an input of n bytes can cost, whatever its contents.
 //
 // Each limit is a fixed part, so that small files with unusual shapes pass, and a part that grows
 // with the file. A limit counts for the whole file, not for one record of it. Exceeding one throws
@@ -16,7 +16,7 @@
 
 namespace symforge_internal {
 
-// An input that asks for more than its size justifies. The text is what the user is shown.
+// An input that costs more than its size justifies. The text is what the user is shown.
 class LimitExceeded : public std::runtime_error {
  public:
   explicit LimitExceeded(const char* message) : std::runtime_error(message) {}
@@ -68,7 +68,7 @@ inline constexpr Limit kStreamPages = {16 * kKiB, 5, 4 * 64};
 
 // ---- Reading streams.
 
-// Bytes of page lists, names and subsections that are visited, those visited again included.
+// Bytes of page lists, names and subsections that are visited, counting repeated visits.
 inline constexpr Limit kVisitedBytes = {16 * kMiB, 8, 1};
 // Bytes that are copied because their pages are not adjacent.
 inline constexpr Limit kCopiedBytes = {8 * kMiB, 1, 4};
@@ -105,7 +105,7 @@ inline constexpr Limit kText = {12 * kMiB, 4, 1};
 inline constexpr Limit kTextOfSymb = {12 * kMiB, 16, 1};
 inline constexpr Limit kTextBetweenImages = {12 * kMiB, 4, 1};
 // Slots of unwind data that are decoded for each entry of an image's exception directory, besides
-// the fixed number: entries may share infos, and chains of them.
+// the fixed number: entries can share infos, and chains of them.
 inline constexpr uint64_t kUnwindSlots = 4 * kMiB;
 inline constexpr uint64_t kUnwindSlotsPerEntry = 64;
 // Lines of one kind on standard error.

@@ -9,8 +9,8 @@ namespace symforge_internal {
 // The warnings of one kind of one conversion.
 class WarningLimit {
  public:
-  // Writes `line`, which ends in a line feed, to standard error. After limits::kWarnings lines one
-  // line says that further ones are left out, and they are.
+  // Writes `line`, which ends in a line feed, to standard error. After limits::kWarnings lines, one
+  // line announces that further ones are omitted.
   void put(const char* line);
 
  private:

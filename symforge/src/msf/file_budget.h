@@ -8,7 +8,7 @@
 
 namespace symforge_internal {
 
-// Spent by everything that reads the file, so that a resource is limited for the file as a whole.
+// Shared by everything that reads the file, so that a resource is limited for the file as a whole.
 struct FileBudget {
   explicit FileBudget(uint64_t fileBytes);
 

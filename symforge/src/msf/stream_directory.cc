@@ -44,9 +44,9 @@ class DirectoryReader {
     if (m_atPageEnd && !turnPage()) return false;
     return wordAt(m_start + uint64_t{kWord} * m_position++, word);
   }
-  // Notes whether the page is at its end; the next word is on the next page then, which exists only
-  // if there is such a word. Tested for equality: pages of one word never get there, and are read
-  // on in what follows them.
+  // Checks whether the page is at its end; then the next word is on the next page, which exists
+  // only if there is such a word. Tested for equality: pages of one word never get there, and
+  // reading continues in the bytes after them.
   void notePageEnd() { m_atPageEnd = m_position == m_items; }
   bool turnPage();
 
@@ -125,7 +125,7 @@ bool DirectoryReader::readSizes(std::vector<StreamPair>& streams) {
   return true;
 }
 
-// A directory can name one page many times over, and the same part of itself as well.
+// A directory can name one page many times, and also parts of itself.
 void DirectoryReader::checkSizes(const std::vector<StreamPair>& streams) const {
   uint64_t bytes = 0;
   uint64_t pages = 0;

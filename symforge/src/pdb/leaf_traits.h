@@ -48,10 +48,9 @@ struct LeafTraits {
   }
 };
 
-// The names of classes and unions are looked for after the short form of the size field. In the
-// default format that is so also when the record uses a longer one: such a name begins inside the
-// size. An argument list's indices and
-// a number follow the fixed part.
+// The names of classes and unions are searched after the short form of the size field. In the
+// default format this also applies to records with a longer one: such a name begins inside the
+// size. An argument list's indices and a number follow the fixed part.
 inline constexpr LeafTraits kLeafTraits[] = {
     {},  // for every leaf without a row
     {LEAF::LF_MODIFIER, LeafText::kModifier, sizeof(LeafModifier)},

@@ -42,7 +42,8 @@ class TypeNames {
   // error each time that it is rendered, within the limit of warnings.
   //
   // Throws pdb_exception for types that contain themselves, for more than kMaxDepth nested records,
-  // and for a text out of all proportion; LimitExceeded when the texts of the whole file are.
+  // and for a text beyond kMaxText or kMaxVisits; LimitExceeded when the texts of the whole file
+  // exceed their limits.
   bool stringizeType(uint32_t type, std::string& output, uint32_t flags, bool info);
 
   // Whether some text of these records would be reported to standard error. While it is false,
