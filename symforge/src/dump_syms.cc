@@ -175,7 +175,7 @@ int take_arguments(int argc, char** argv, Options& options) {
   return kGoOn;
 }
 
-int refuse(const char* message) {
+int fail(const char* message) {
   report("%s", message);
   return 1;
 }
@@ -188,9 +188,9 @@ int check_tree(const char* tree) {
 
 int run_batch(const Options& options) {
   const char* tree = options.conversion.tree;
-  if (options.input.exe != nullptr) return refuse("options '-e' and '-r' are mutually exclusive");
+  if (options.input.exe != nullptr) return fail("options '-e' and '-r' are mutually exclusive");
   if (tree == nullptr) {
-    return refuse("option '-r' implies multiple pdb files and the output symbol path must be set");
+    return fail("option '-r' implies multiple pdb files and the output symbol path must be set");
   }
   if (options.input.pdb == nullptr) return usage_error();
   if (const int status = check_tree(tree); status != kGoOn) return status;
@@ -201,7 +201,7 @@ int run_single(const Options& options) {
   const char* tree = options.conversion.tree;
   if (options.input.name() == nullptr) return usage_error();
   if (options.input.pdb == nullptr && tree == nullptr) {
-    return refuse("output symbol path must be set with seperate exe/dll symbol");
+    return fail("output symbol path must be set with seperate exe/dll symbol");
   }
   if (tree != nullptr) {
     if (const int status = check_tree(tree); status != kGoOn) return status;

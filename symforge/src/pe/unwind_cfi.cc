@@ -56,7 +56,7 @@ class UnwindLinks {
 
   // Accumulates an info and those that it is chained to. False for a cycle, which repeats itself
   // once each of its infos was added twice.
-  bool sumUpChain(const UnwindInfo* info, UnwindFrame& frame) {
+  bool accumulateChain(const UnwindInfo* info, UnwindFrame& frame) {
     CycleDetector<const UnwindInfo*> chain;
     int rounds = 0;
     while (info != nullptr) {
@@ -116,11 +116,11 @@ void printFromFramePointer(const UnwindFrame& frame, int32_t size, const UnwindI
 
 void printFrame(const IMAGE_RUNTIME_FUNCTION_ENTRY& entry, const UnwindInfo& top,
                 const UnwindFrame& frame, TextBuffer& out) {
-  constexpr size_t kRoom = 512;
+  constexpr size_t kMaxBytes = 512;
   const int32_t fp_offset = frame.fp_offset;
   if (top.frame_register() != 0) assert(fp_offset != INT32_MAX);
   const uint32_t begin = entry.BeginAddress;
-  LineWriter lines(out, kRoom);
+  LineWriter lines(out, kMaxBytes);
   put_cfi_init(lines, begin, uint32_t{entry.EndAddress - begin});
   lines.str(" .cfa: $rsp .ra: .cfa ").dec_signed(frame.rip_offset).str(" - ^\n");
   put_cfi_delta(lines, begin);
@@ -139,7 +139,7 @@ bool printEntry(UnwindLinks& links, const IMAGE_RUNTIME_FUNCTION_ENTRY& entry, T
   const UnwindInfo* top = links.find(rva);
   if (top == nullptr) return true;  // a function without lines
   UnwindFrame frame;
-  if (!links.sumUpChain(top, frame)) return false;
+  if (!links.accumulateChain(top, frame)) return false;
   printFrame(entry, *top, frame, out);
   return true;
 }
