@@ -80,7 +80,7 @@ class Text:
         self.publics = []  # (address, name)
         self.stack_win = []
         self.cfi_init = []  # (address, size)
-        self.cfi = []  # the text behind the address
+        self.cfi = []  # the text after the address
         for line in text.split("\n"):
             self.read(line)
 

@@ -153,7 +153,7 @@ def llvm_answers(image, addresses):
 
 
 def reason_of_difference(file, address, answer, llvm):
-    """The rule behind an answer that differs from llvm-symbolizer's; None for equal ones."""
+    """The reason of an answer that differs from llvm-symbolizer's; None for equal ones."""
     if plain(llvm["FunctionName"]) != plain(answer["function_name"]):
         if not answer["function_name"]:
             return "no function holds the address (padding): LLVM gives the one before"
@@ -196,7 +196,7 @@ def main(symforge, resolver, pdb, image, count):
         file = SymbolFile(text)
         pick = random.Random(1)
         spread = [f.address + pick.randrange(f.size) for f in file.functions]
-        while len(spread) < count:  # also in the gaps behind functions
+        while len(spread) < count:  # also in the gaps after functions
             f = pick.choice(file.functions)
             spread.append(f.address + pick.randrange(f.size + f.size // 8 + 8))
         addresses = spread[:count]

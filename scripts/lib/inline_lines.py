@@ -90,7 +90,7 @@ class Decoder:
 
 
 def printed(node, lines, previous):
-    """A range is written when the next one is reached, and again behind its children."""
+    """A range is written when the next one is reached, and again after its children."""
     if node.entry:
         if previous:
             length = previous.length

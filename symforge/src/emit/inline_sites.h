@@ -66,8 +66,8 @@ class InlineSites {
   TypeNames& m_typeNames;
   const uint64_t m_maxRanges;
   const uint64_t m_maxNames;
-  // A range for each function: the offset of the symbol of a site that opens, kSiteEnd for one that
-  // closes.
+  // Consecutive entries for each function: the symbol offset of each site that opens, kSiteEnd for
+  // each end of a site.
   std::vector<uint32_t> m_sites;
   InlineTree m_tree;                     // of the function that is being printed
   std::optional<StreamReader> m_reader;  // of the stream that the last function came from

@@ -16,7 +16,7 @@ struct InlineSite {
   uint32_t offset = 0;       // RVA of the first byte
   uint32_t length = 0;       // bytes; 1: not known
   uint32_t file_id = 0;      // number of FILE lines
-  uint32_t line_offset = 0;  // the source line itself, despite the name of the format
+  uint32_t line_offset = 0;  // source line, not an offset: the name is the format's
   uint32_t tower = 0;        // nesting depth of the site, 0 for the outermost
   uint32_t name = 0;         // as returned by InlineTree::addName
 };

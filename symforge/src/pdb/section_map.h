@@ -58,7 +58,7 @@ class SectionMap {
   // Whether finalRva() changes addresses.
   bool isRewritten() const { return !omap_from.empty(); }
 
-  // Whether sectionBase() has an answer.
+  // Whether sectionBase() accepts the section.
   bool hasSection(uint32_t section) const {
     return section != 0 && section <= (omap_sections.empty() ? sections : omap_sections).size();
   }
