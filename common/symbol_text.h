@@ -2,8 +2,8 @@
 // read.
 //
 // append_line() appends one line, with its line feed, to a text. Numbers come out in the form that
-// the kind prescribes (hexadecimal in lower case without prefix or padding, or decimal); strings
-// are written as they are, so they must not contain line ends. docs/symbol-file.md describes each
+// the kind prescribes (hexadecimal in lower case without prefix or padding, or decimal); carriage
+// returns, line feeds and NULs in strings are written as blanks. docs/symbol-file.md describes each
 // kind.
 //
 // Addresses are relative to the image, sizes are in bytes. Strings are views that the caller keeps
