@@ -1,15 +1,15 @@
-// TextBuffer: the growing character buffer in which a symbol file's text is made.
+// TextBuffer: the growing character buffer in which the text of a symbol file is built.
 //
-// One conversion fills one buffer; the text is handed on as a view and is never copied. A large
-// text lies on pages that move instead of being copied when it grows, so that the peak of memory is
-// the text itself.
+// A conversion fills one buffer. The text is passed on as a view and never copied. A large text is
+// stored on huge pages, which are remapped instead of copied when it grows, so peak memory is the
+// size of the text.
 //
-// Writers of lines reserve once for a whole line and then append without growing:
+// Code that writes lines reserves once per line and then appends without growing:
 //
 //   LineWriter line(text, name.size() + 40);
 //   line.str("FUNC ").hex(segment).chr(':').hex(offset).chr(' ').str(name).chr('\n');
 //
-// (the LineWriter commits what was written when it is destroyed).
+// The LineWriter commits the bytes written when it is destroyed.
 
 #pragma once
 
@@ -33,8 +33,8 @@ class TextBuffer {
   TextBuffer(const TextBuffer&) = delete;
   TextBuffer& operator=(const TextBuffer&) = delete;
 
-  // The text so far. The byte behind it is NUL whenever the text was reached through c_str();
-  // view() alone does not place it.
+  // The text so far, valid until the next append. It is NUL-terminated only after a call of c_str()
+  // or data().
   std::string_view view() const { return {data_, size_}; }
   size_t size() const { return size_; }
   bool empty() const { return size_ == 0; }
@@ -42,8 +42,8 @@ class TextBuffer {
   // The text as a NUL-terminated string. Valid until the next append.
   const char* c_str();
 
-  // The text as a writable, NUL-terminated block of size() bytes and the terminator; valid until
-  // the next append. For parsers that split their input in place.
+  // The text as a writable block of size() bytes, followed by a NUL. Valid until the next append.
+  // For parsers that split their input in place.
   char* data();
 
   void append(std::string_view text) {
@@ -52,20 +52,20 @@ class TextBuffer {
     size_ += text.size();
   }
 
-  // Cuts the text back to `size` bytes, which must not be more than there are.
+  // Truncates the text to `size` bytes, at most size().
   void truncate(size_t size) {
     assert(size <= size_);
     size_ = size;
   }
 
-  // Room for `bytes` more, without making them part of the text. The pointer is valid until the
-  // next call that grows the buffer. Throws std::bad_alloc.
+  // Reserves `bytes` writable bytes after the text, without adding them to it. The pointer is valid
+  // until the next call that may grow the buffer. Throws std::bad_alloc.
   char* prepare(size_t bytes) {
     if (capacity_ - size_ < bytes) grow(bytes);
     return data_ + size_;
   }
 
-  // Makes the first `bytes` bytes behind the text, written through prepare(), part of it.
+  // Adds the first `bytes` bytes written through prepare() to the text.
   void commit(size_t bytes) {
     assert(bytes <= capacity_ - size_);
     size_ += bytes;
@@ -81,11 +81,12 @@ class TextBuffer {
   HugePageBlock pages_;
 };
 
-// Writes a number in lower-case hexadecimal without padding and returns the end of it. Eight bytes
-// are written whatever the number; those behind the end are zeros, to be written over.
+// Writes a number in lower-case hexadecimal without padding and returns the end of it. Always
+// writes eight bytes; those after the end are garbage to be overwritten.
 //
-// All digits are made at once: the nibbles are spread over the bytes of a word, each in a byte's
-// low half, and those above 9 moved on to the letters. Addresses are half of what a symbol file is
+// All digits are computed at once: the nibbles are spread over the bytes of a word, and those above
+// 9 are adjusted to letters. Addresses are about half of a symbol file; this takes a third of the
+// time of std::to_chars.
 // made of; this takes a third of the time of std::to_chars.
 inline char* put_hex(char* at, uint32_t number) {
   uint64_t word = number;
@@ -100,13 +101,13 @@ inline char* put_hex(char* at, uint32_t number) {
   return at + digits;
 }
 
-// Writes one line, or one short record, into a TextBuffer. `room` is an upper bound of the bytes
-// that will be written: a number takes at most 20, so callers count 20 a number and the length of
-// each text. Every write asserts that it stays inside, so a wrong bound shows in the first test.
+// Appends one line, or one short record, to a TextBuffer. `max_bytes` is an upper bound of the
+// bytes to be written: 20 per number plus the length of each string. Each write asserts that it
+// stays within the bound.
 class LineWriter {
  public:
-  LineWriter(TextBuffer& text, size_t room)
-      : text_(text), begin_(text.prepare(room)), at_(begin_), end_(begin_ + room) {}
+  LineWriter(TextBuffer& text, size_t max_bytes)
+      : text_(text), begin_(text.prepare(max_bytes)), at_(begin_), end_(begin_ + max_bytes) {}
   ~LineWriter() { text_.commit(static_cast<size_t>(at_ - begin_)); }
   LineWriter(const LineWriter&) = delete;
   LineWriter& operator=(const LineWriter&) = delete;
@@ -136,7 +137,7 @@ class LineWriter {
     if (number < 0) return number_in_base(number, 10);
     return dec(static_cast<uint64_t>(number));
   }
-  // Numbers with one blank between them.
+  // Numbers separated by single blanks.
   template <typename... Numbers>
   LineWriter& hex_fields(uint64_t first, Numbers... rest) {
     hex(first);

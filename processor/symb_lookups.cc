@@ -127,7 +127,7 @@ uint64_t position_at_or_above(const char* table, uint64_t count, uint64_t value)
 const char* SymbNestedWFIFind(const char* base, uint64_t address, const char* nested_wfi) {
   constexpr size_t kRecord = sizeof(symb_nested_window_frame_info);
   const char* found = nullptr;
-  for (CycleDetector<const char*> watch;;) {
+  for (CycleDetector<const char*> cycle;;) {
     const auto owner = symb_load<symb_nested_window_frame_info>(found ? found : nested_wfi);
     if (owner.map == 0 || owner.map_count == 0) return found;
     const char* const array = base + owner.map;
@@ -137,7 +137,7 @@ const char* SymbNestedWFIFind(const char* base, uint64_t address, const char* ne
     if (position >= owner.map_count) return found;
     const char* const candidate = array + position * kRecord;
     if (address < symb_load<symb_nested_window_frame_info>(candidate).base) return found;
-    if (watch.again(candidate)) return nullptr;
+    if (cycle.visit(candidate)) return nullptr;
     found = candidate;
   }
 }

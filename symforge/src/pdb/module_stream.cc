@@ -35,7 +35,7 @@ void ModuleStream::readModule(int32_t kind, const ModuleReadCB& visit) const {
     const uint32_t payload = reader.getOffset();
     const uint32_t end = payload + header->size;
     if (!reader.isValidOffset(end)) throwInvalidSubsection();
-    if (end < payload && jumps.again(end)) throwInvalidSubsection();
+    if (end < payload && jumps.visit(end)) throwInvalidSubsection();
     if (header->sig == kind) visit(reader, end);
     reader.seek(end);
     reader.align(4);

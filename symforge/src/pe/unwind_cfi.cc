@@ -57,7 +57,7 @@ class UnwindLinks {
     CycleDetector<const UnwindInfo*> chain;
     int rounds = 0;
     while (info != nullptr) {
-      if (chain.again(info) && ++rounds == 2) return false;
+      if (chain.visit(info) && ++rounds == 2) return false;
       if (!frame.add(*info) || m_left-- == 0) return false;
       info = info->chained() ? follow(*info) : nullptr;
     }
