@@ -27,7 +27,7 @@ bool PublishedFunction::convert(const symb_func& function, std::span<const symb_
   root_ = {};
   index_.clear();
 
-  // From one address where something begins or ends to the next.
+  // Step from each address where something starts or ends to the next one.
   uint64_t at = function.address;
   const uint64_t function_end = at + function.size;
   size_t line = 0;
@@ -50,7 +50,7 @@ bool PublishedFunction::convert(const symb_func& function, std::span<const symb_
   return true;
 }
 
-// Opens the sites that begin at `at` (or before the function). Their order is that of lookups.
+// Opens the sites that start at `at` (or before the function), in the order of lookups.
 void PublishedFunction::open_sites(uint64_t at) {
   for (; next_site_ < sites_.size() && sites_[next_site_].address <= at; ++next_site_) {
     const symb_inline& site = sites_[next_site_];
@@ -65,8 +65,8 @@ void PublishedFunction::open_sites(uint64_t at) {
   }
 }
 
-// Adds the code from `begin` to `end`, where the open sites and the function's line, whose index is
-// `line`, are the same throughout.
+// Adds the code from `begin` to `end`, throughout which the open sites are the same and `line` is
+// the index of the function's line.
 bool PublishedFunction::add_part(uint64_t begin, uint64_t end, uint32_t line, uint64_t* budget) {
   const uint64_t cost = open_.size() + 1;
   if (*budget < cost) return false;
@@ -76,7 +76,7 @@ bool PublishedFunction::add_part(uint64_t begin, uint64_t end, uint32_t line, ui
   if (line != kNone) {
     place = {lines_[line].source_file_id, lines_[line].line};
   } else if (!open_.empty()) {
-    // The caller has no line here: the call gets a file that is likely to be there, and no line.
+    // The caller has no line here: the call gets a file that is probably correct, and line 0.
     place.file =
         lines_.empty() ? sites_[open_.front().site].source_file_id : lines_.front().source_file_id;
   }
@@ -99,8 +99,8 @@ bool PublishedFunction::add_part(uint64_t begin, uint64_t end, uint32_t line, ui
   return true;
 }
 
-// Parts of inlined code with one place are joined; the function's own lines keep their beginnings,
-// which lookups return.
+// Adjacent parts of inlined code at one position are merged. The function's own lines are not,
+// because lookups return their start addresses.
 void PublishedFunction::add_record(uint64_t begin, uint64_t end, Place place, bool is_inlined) {
   const auto size = static_cast<uint32_t>(end - begin);
   if (!records_.empty() && is_inlined && last_is_inlined_) {
@@ -114,8 +114,9 @@ void PublishedFunction::add_record(uint64_t begin, uint64_t end, Place place, bo
   last_is_inlined_ = is_inlined;
 }
 
-// The call with this callee and place inside `parent`. Where a line of the function ends between
-// two of its ranges that touch, they are two calls, since lookups return where the line begins.
+// Returns the call with this callee and position inside `parent`. Two adjacent ranges become
+// separate calls if a line of the function ends between them, because lookups return where the line
+// starts.
 uint32_t PublishedFunction::call_of(Open& open, uint32_t parent, Place place, uint64_t begin,
                                     uint32_t line) {
   const auto continues = [&](uint32_t call) {
@@ -147,7 +148,7 @@ uint32_t PublishedFunction::call_of(Open& open, uint32_t parent, Place place, ui
   return call;
 }
 
-// Puts each call directly before those inside it.
+// Moves each call directly before the calls inside it.
 void PublishedFunction::order_calls() {
   ordered_calls_.clear();
   uint32_t call = root_.first_child;
