@@ -38,7 +38,7 @@ void InlineCallGatherer::Convert(const BasicSourceLineResolver::Function& functi
   sites_.clear();
   BuildTree(function);
 
-  // Lines outside of the function stay: a file may have them, and no lookup sees them.
+  // Lines outside of the function are kept: files may contain them, and no lookup finds them.
   const Node& root = nodes_.front();
   for (const Line& line : lines) {
     if (line.address >= root.begin) break;
@@ -57,7 +57,7 @@ void InlineCallGatherer::Convert(const BasicSourceLineResolver::Function& functi
       AddSites(nodes_[i], static_cast<uint32_t>(level - 1), lines);
     }
   }
-  // Outer sites before the sites inside them.
+  // Outer sites precede the sites inside them.
   std::sort(sites_.begin(), sites_.end(), [](const Site& a, const Site& b) {
     return std::tie(a.site.function_address, a.site.caller) <
            std::tie(b.site.function_address, b.site.caller);
@@ -82,8 +82,8 @@ void InlineCallGatherer::BuildTree(const BasicSourceLineResolver::Function& func
   }
 }
 
-// Adds the ranges of one depth, which are in order of their first addresses, as children of the
-// nodes of the level above.
+// Adds the ranges of one depth, ascending by first address, as children of the nodes of the level
+// above.
 void InlineCallGatherer::AddLevel(std::span<const Range> ranges, size_t first_parent,
                                   size_t end_parent) {
   size_t parent = first_parent;
@@ -92,7 +92,7 @@ void InlineCallGatherer::AddLevel(std::span<const Range> ranges, size_t first_pa
     const MemAddr begin = std::max(range.begin, last_end);
     while (parent < end_parent && nodes_[parent].end <= begin) ++parent;
     if (parent == end_parent) return;
-    // Only at depth 0 may a range begin before its parent, the function.
+    // Only at depth 0 may a range start before its parent, the function.
     const bool in_function = first_parent == 0;
     const MemAddr inside = in_function ? std::max(begin, nodes_[parent].begin) : begin;
     const MemAddr end = std::min(range.end, nodes_[parent].end);
@@ -110,8 +110,8 @@ void InlineCallGatherer::AddLevel(std::span<const Range> ranges, size_t first_pa
   }
 }
 
-// Calls `visit(begin, end, place)` for the parts of a node in ascending order: those of its
-// children with the places of the calls, and between them those of the lines. The place is null
+// Calls `visit(begin, end, place)` for the parts of a node in ascending order: its children with
+// the call positions, and the gaps between them with the positions of the lines. `place` is null
 // where there is no line.
 template <typename Visit>
 void InlineCallGatherer::VisitParts(const Node& node, std::span<const Line> lines,
