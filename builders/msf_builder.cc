@@ -93,7 +93,7 @@ MsfFile MsfBuilder::build() {
   return file;
 }
 
-// The next page that belongs to no free page map.
+// Allocates the next page that is not part of a free page map.
 uint32_t MsfBuilder::take_page() {
   while (next_page_ % page_size_ == 1 || next_page_ % page_size_ == 2) ++next_page_;
   return next_page_++;
@@ -115,7 +115,7 @@ uint32_t MsfBuilder::directory_size_of(uint32_t stream) const {
   return found == sizes_.end() ? static_cast<uint32_t>(streams_[stream].size()) : found->second;
 }
 
-// Decides the pages of every stream.
+// Assigns pages to every stream.
 void MsfBuilder::lay_streams(MsfFile& file) {
   file.stream_pages.resize(stream_count());
   for (const auto& [stream, size] : sizes_) {
@@ -181,7 +181,7 @@ void MsfBuilder::write_header(MsfFile& file, uint32_t directory_size) {
   header.u32(page_size_).u32(1).u32(next_page_);
   header.u32(directory_size_.value_or(directory_size)).u32(0);
   for (const uint32_t page : file.index_pages) header.u32(page);
-  // A longer list would need a larger page: as many index pages as fit behind the header are meant.
+  // A longer list would need a larger page size: all index pages have to fit into the header page.
   assert(header.size() <= page_size_ && header.size() >= kHeaderSize);
   std::memcpy(file.bytes.data(), header.str().data(), header.size());
   for (size_t page = 1; page < next_page_; page += page_size_) {
