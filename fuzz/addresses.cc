@@ -7,7 +7,7 @@
 namespace fuzzing {
 namespace {
 
-// The next word of `line`, taken off it; empty at its end.
+// Removes the next word from `line` and returns it; empty at the end.
 std::string_view take_word(std::string_view& line) {
   line.remove_prefix(std::min(line.find_first_not_of(' '), line.size()));
   const std::string_view word = line.substr(0, line.find(' '));
