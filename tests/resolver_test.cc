@@ -32,7 +32,7 @@ std::string function_at(BasicSourceLineResolver& resolver, const CodeModule* cod
   return frame.function_name;
 }
 
-// What a call writes to the log.
+// The log output of a call.
 template <typename Call>
 std::string log_of(Call call) {
   testing::internal::CaptureStderr();
@@ -81,7 +81,7 @@ TEST(Resolver, KeepsModulesByDebugIdentifier) {
   EXPECT_TRUE(resolver.LoadModuleUsingMapBuffer(&first, kText));
 }
 
-// SYMB symbols lie in the buffer that they were loaded from.
+// SYMB symbols point into the buffer from which they were loaded.
 TEST(Resolver, TheBufferOfSymbDataIsKept) {
   const TestModule code(kBase, "1");
   char* image = nullptr;

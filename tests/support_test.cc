@@ -1,5 +1,5 @@
-// The builders, each pinned by a dump that was checked by hand against the format's tables:
-// every other test of the PDB and PE side rests on them.
+// The builders, each compared with a dump that was checked by hand against the format's tables,
+// because all other tests of PDB and PE depend on them.
 
 #include <gtest/gtest.h>
 

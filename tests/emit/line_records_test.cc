@@ -1,4 +1,4 @@
-// Which function gets a block of lines.
+// Which function a block of lines is assigned to.
 
 #include "symforge/src/emit/line_records.h"
 
@@ -76,7 +76,7 @@ TEST(LineRecordsTest, GivesABlockToTheFunctionAtOrBehindItsStart) {
       << "only the first file of a block counts";
 }
 
-// What runs off a module's pages costs that module what is left of its lines, and nothing else.
+// Data that exceed the pages of a module lose the rest of that module's lines and nothing else.
 TEST(LineRecordsTest, LosesOnlyTheModuleThatIsCutShort) {
   SmallPdb pdb;
   for (const uint32_t offset : {0x10u, 0x20u}) {

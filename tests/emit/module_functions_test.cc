@@ -1,4 +1,4 @@
-// From a module's symbols to functions.
+// Conversion of a module's symbols to functions.
 
 #include "symforge/src/emit/module_functions.h"
 
