@@ -413,7 +413,7 @@ TEST(Arm64UnwindTest, LeavesOutWhatLeavesTheImage) {
 }
 
 // Every part of a record is required, and nothing beyond the end of the file is read.
-TEST(Arm64UnwindTest, ReadsNoRecordThatIsCutShort) {
+TEST(Arm64UnwindTest, RejectsTruncatedRecords) {
   const Arm64Xdata record{
       .length = 0x40, .extended = true, .epilogs = {{0x20, 0}, {0x34, 0}}, .codes = kFrame};
   const std::string bytes = record.bytes();

@@ -139,7 +139,7 @@ void add_bad_files(Inputs& in, const TemporaryDirectory& temp) {
   in.pdb("bad/foreign.pdb", foreign);
 }
 
-TEST(BatchTest, GivesWhatConvertingOneByOneGives) {
+TEST(BatchTest, MatchesSingleConversions) {
   const TemporaryDirectory temp;
   Inputs in(temp);
   add_good_files(in, 32);
@@ -179,7 +179,7 @@ TEST(BatchTest, ReportsEachFileOnceAndSucceedsForOneGoodOne) {
 }
 
 // A PDB that kills the process reading its identifier must not stop the pairing.
-TEST(BatchTest, GoesOnBehindAChildKilledByASignal) {
+TEST(BatchTest, ContinuesAfterAChildKilledByASignal) {
   const TemporaryDirectory temp;
   Inputs in(temp);
   std::string deadly = make_pdb(1);
@@ -203,7 +203,7 @@ TEST(BatchTest, GoesOnBehindAChildKilledByASignal) {
 
 // Closed standard streams and ignored signals: pairing reads identifiers through a pipe and waits
 // for its children.
-TEST(BatchTest, PairsWhateverItsParentLeftIt) {
+TEST(BatchTest, PairsWithClosedStreamsAndIgnoredSignals) {
   for (const std::string parent : {">&- 2>&- ", "<&- 2>&- ", "env --ignore-signal=CHLD "}) {
     const TemporaryDirectory temp;
     Inputs in(temp);
@@ -215,7 +215,7 @@ TEST(BatchTest, PairsWhateverItsParentLeftIt) {
   }
 }
 
-TEST(BatchTest, HandsItsOptionsOn) {
+TEST(BatchTest, PassesItsOptionsOn) {
   const TemporaryDirectory temp;
   Inputs in(temp);
   in.pair(1, "a.pdb", "b.exe");
@@ -228,7 +228,7 @@ TEST(BatchTest, HandsItsOptionsOn) {
 }
 
 // An unreadable directory ends the batch before any conversion.
-TEST(BatchWalkTest, StopsAtWhatItCannotRead) {
+TEST(BatchWalkTest, StopsAtUnreadableDirectories) {
   const TemporaryDirectory temp;
   chmod(temp.path().c_str(), 0755);
   const std::string in = temp.folder("in");
@@ -269,7 +269,7 @@ TEST(BatchTest, RunsItsOwnProgramUnderABareName) {
 }
 
 // A FIFO blocks a batch neither as an input nor as an image of one.
-TEST(BatchWalkTest, PassesOverWhatIsNoRegularFile) {
+TEST(BatchWalkTest, SkipsEverythingButRegularFiles) {
   const TemporaryDirectory temp;
   const std::string in = temp.folder("in");
   const std::string tree = temp.folder("tree");
@@ -302,7 +302,7 @@ std::string children_of(pid_t pid) {
 }
 
 // The child blocks on a FIFO that replaces the symbol file to which it has to add an image.
-TEST(BatchTest, EndsItsChildWithItself) {
+TEST(BatchTest, TerminatesItsChildWithItself) {
   const TemporaryDirectory temp;
   temp.file("in/a.exe", make_pe(1, "a.pdb"));
   const std::string tree = temp.folder("tree");
@@ -371,7 +371,7 @@ class SharedTreeTest : public ::testing::Test {
   Tree wanted_;
 };
 
-TEST_F(SharedTreeTest, TakesEightBatchesAtOnce) {
+TEST_F(SharedTreeTest, SurvivesEightConcurrentBatches) {
   const std::string tree = temp_.folder("tree");
   std::vector<pid_t> batches;
   for (int i = 0; i < 8; ++i) batches.push_back(start({"-r", temp_ / "in", tree}));

@@ -292,7 +292,7 @@ TEST_F(ImageTest, ComesWithItsLink) {
 }
 
 // A dangling link is not a directory and prevents creating one.
-TEST_F(ImageTest, EndsWhereItsFoldersCannotBeMade) {
+TEST_F(ImageTest, FailsIfDirectoriesCannotBeCreated) {
   const std::string folder = tree_ + "/a.pdb";
   std::filesystem::create_symlink("nowhere", folder);
   const Result result = run({pdb_, tree_});
@@ -301,7 +301,7 @@ TEST_F(ImageTest, EndsWhereItsFoldersCannotBeMade) {
 }
 
 // The image's own debug record names engine64.pdb.
-TEST_F(ImageTest, JoinsTheSymbolFileInTheTreeOnce) {
+TEST_F(ImageTest, IsAddedToTheSymbolFileInTheTreeOnce) {
   const auto refused = [&](const std::string& message) {
     const Tree before = list_tree(tree_);
     const Result result = run({"-e", exe_, "-s", tree_});
@@ -324,7 +324,7 @@ TEST_F(ImageTest, JoinsTheSymbolFileInTheTreeOnce) {
   refused("exe/dll already exists");
 }
 
-TEST(SymbTest, GoesIntoTheTreeAndBackToText) {
+TEST(SymbTest, ConvertsToTheTreeAndBack) {
   const TemporaryDirectory temp;
   const std::string tree = temp.folder("tree");
   ASSERT_EQ(run({"-b", temp.file("a.sym", kText), tree}).status, 0);

@@ -39,7 +39,7 @@ TEST_P(GoldenTest, LeavesOutInlineSites) {
   EXPECT_EQ(converted({"-i", pdb(GetParam())}), lines_without(golden(GetParam()), {"I "}));
 }
 
-TEST_P(GoldenTest, ComesBackFromSymbAsReviewed) {
+TEST_P(GoldenTest, ConvertsBackFromSymbAsReviewed) {
   const TemporaryDirectory folder;
   const std::string symb = folder.file("a.symb", converted({"-b", pdb(GetParam())}));
   const std::string text = converted({symb});

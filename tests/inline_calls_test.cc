@@ -113,7 +113,7 @@ TEST(InlineCalls, FilesOfOtherSystems) {
 }
 
 // Published text converted back from SYMB keeps its calls with their positions and ranges.
-TEST(InlineCalls, TextComesBack) {
+TEST(InlineCalls, TextSurvivesTheRoundTrip) {
   std::string expected = test_data("published_linux.sym");
   const auto replace = [&expected](const std::string& from, const std::string& to) {
     const size_t at = expected.find(from);
@@ -155,7 +155,7 @@ TEST(InlineCalls, OddFiles) {
 }
 
 // Lookups on text return inline frames for INLINE lines only.
-TEST(InlineCalls, TextWithSiteLinesAnswersNoInlines) {
+TEST(InlineCalls, TextWithILinesReturnsNoInlines) {
   const Symbols text("FILE 1 a.cc\nFUNC 100 10 0 f\n100 10 6 1\nI 100 4 9 1 0 i\n");
   EXPECT_EQ(described(text.frame(0x100)), "f a.cc:6");
 }
@@ -272,7 +272,7 @@ std::string head() {
   return text;
 }
 
-TEST(InlineCalls, AnswersOfGeneratedFiles) {
+TEST(InlineCalls, LookupsInGeneratedFiles) {
   std::mt19937 random(7);
   for (int round = 0; round < 60; ++round) {
     std::string text = head();
@@ -291,7 +291,7 @@ TEST(InlineCalls, AnswersOfGeneratedFiles) {
 }
 
 // All forms agree for arbitrary ranges.
-TEST(InlineCalls, AnswersOfDamagedFiles) {
+TEST(InlineCalls, LookupsInDamagedFiles) {
   std::mt19937 random(8);
   for (int round = 0; round < 300; ++round) {
     std::ostringstream text;

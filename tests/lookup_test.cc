@@ -77,8 +77,7 @@ TEST(LookupTest, FindsFunctionsLinesSitesAndPublics) {
       {0x1200, "no_lines@1200", "no_lines@1200"},
       {0x1210, "nothing", "nothing"},  // the function hides the public symbols below it
       {0x2000, "last@2000 -:3@2000", "last@2000 -:3@2000"},  // a file that does not exist
-      {0x2020, "nothing",
-       "nothing"},  // a public symbol at the function's own address is hidden, too
+      {0x2020, "nothing", "nothing"},  // a public symbol at the function's own address, too
       {0x3000, "above@3000", "nothing"},
       {0x100000800, "above@3000", "nothing"},
   };
@@ -112,7 +111,7 @@ TEST(LookupTest, FindsFrameInfo) {
       {0x10ff, "4 -1 1 2 3 4 5 6 0 $T0 .raSearch ="},
       {0x1500, "nothing"},  // type 3 is ignored
       {0x1700, "0 -1 1 2 3 4 5 6 1 "},
-      {0x2000, "-1 1 0 0 12 0 0 0 0 ", "nothing"},  // see TakesParametersAtTheStrideOfOlderVersions
+      {0x2000, "-1 1 0 0 12 0 0 0 0 ", "nothing"},  // see ReadsParametersAtTheStrideOfOlderVersions
       {0x3000, "nothing"},
   };
   const Symbols text = symbols_of(test_data("rich_shuffled.sym"));
@@ -144,7 +143,7 @@ TEST(LookupTest, AppliesRulesUpToTheAddress) {
 
 // The sites of a function may be in any order and overlap: the result is that of a tree into which
 // they are stored one by one.
-TEST(LookupTest, StacksSitesAsATreeOfThemWould) {
+TEST(LookupTest, NestsSitesLikeATree) {
   std::mt19937 random(7);
   for (int round = 0; round < 300; ++round) {
     SymbModel model;
@@ -181,7 +180,7 @@ TEST(LookupTest, StacksSitesAsATreeOfThemWould) {
 // In version 3 the fallback reads records of 48 bytes at a stride of 32. Where it expects the
 // second of two functions, it reads the `inlines` of the first, whose offset is taken for an
 // address.
-TEST(LookupTest, TakesParametersAtTheStrideOfOlderVersions) {
+TEST(LookupTest, ReadsParametersAtTheStrideOfOlderVersions) {
   SymbModel model;
   model.functions = {{0x10, 8, 4, "low", {}, {}}, {0x10000, 8, 8, "high", {}, {}}};
   EXPECT_EQ(described(symbols_of(model).windows(0x12)), "-1 1 0 0 4 0 0 0 0 ");

@@ -64,7 +64,7 @@ TEST(RangeMap, OverlapsByStrategy) {
 }
 
 // Truncates a range of the second block to below where the first block ended.
-TEST(RangeMap, CutsARangeBackAcrossBlocks) {
+TEST(RangeMap, TruncatesARangeAcrossBlocks) {
   Map map;
   map.SetMergeStrategy(kLower);
   for (int i = 0; i < 65; ++i) map.StoreRange(static_cast<uint64_t>(i) * 10, 5, i);

@@ -41,7 +41,7 @@ const Attempts kAllFail = {"read a file: refused",    "write a file: refused",
 const Attempts kAllWork = {"read a file: works", "write a file: works",   "make a socket: works",
                            "execute: works",     "make a process: works", "make code: works"};
 
-TEST(SandboxTest, RefusesWhatAConversionDoesNotNeed) {
+TEST(SandboxTest, DeniesWhatAConversionDoesNotNeed) {
   const TemporaryDirectory temp;
   const std::string tree = temp.folder("tree");
   const std::string text = temp.file("a.sym", run({kPdb}).out);
@@ -60,7 +60,7 @@ TEST(SandboxTest, CanBeLeftOut) { EXPECT_EQ(run_planted({"--no-sandbox", kPdb}),
 
 // Children of a batch have their own sandboxes. They get an empty environment, so the library is
 // not loaded. A batch produces the same tree as the single conversions.
-TEST(SandboxTest, LeavesConversionsTheirResults) {
+TEST(SandboxTest, DoesNotChangeResults) {
   const TemporaryDirectory temp;
   const std::string in = temp.folder("in");
   for (const char* name : {"engine64.pdb", "engine64.exe", "engine32.pdb", "engine32.exe"}) {
@@ -77,7 +77,7 @@ TEST(SandboxTest, LeavesConversionsTheirResults) {
 }
 
 // A directory of the tree may be a link to another directory, for every kind of input.
-TEST(SandboxTest, FollowsLinksInThePlaceOfDebugFiles) {
+TEST(SandboxTest, FollowsLinksInPlaceOfDirectories) {
   const TemporaryDirectory temp;
   const std::string tree = temp.folder("tree");
   const std::string elsewhere = temp.folder("elsewhere");

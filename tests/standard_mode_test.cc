@@ -125,7 +125,7 @@ TEST(StandardStatusTest, IsOneForResultsThatCannotBeWritten) {
   EXPECT_THAT(taken.err, HasSubstr(": failed to link " + tree + "/a.pdb/5F000000: File exists\n"));
 }
 
-TEST(StandardStatusTest, IsOneWhenTheReaderOfTheResultLeaves) {
+TEST(StandardStatusTest, IsOneWhenTheReaderClosesThePipe) {
   const TemporaryDirectory temp;
   int ends[2];
   ASSERT_EQ(pipe(ends), 0);
@@ -148,7 +148,7 @@ TEST(StandardStatusTest, IsOneForTextsWithoutSymbForm) {
   EXPECT_EQ(read_file(tree + "/a.pdb/X/a.symb"), "old");
 }
 
-TEST(StandardTreeTest, HasTheModesThatTheUmaskLeaves) {
+TEST(StandardTreeTest, AppliesTheUmask) {
   const TemporaryDirectory temp;
   const std::string tree = temp.folder("tree");
   ASSERT_EQ(run_standard({temp.file("a.sym", kText), tree}).err, "");
@@ -261,7 +261,7 @@ TEST_F(StandardBatchTest, EndsWithOneWhenNothingWasConverted) {
   EXPECT_EQ(run_standard({"-r", temp_ / "missing", tree_}).status, 1);
 }
 
-TEST_F(StandardBatchTest, GoesOnPastWhatItCannotRead) {
+TEST_F(StandardBatchTest, ContinuesAfterUnreadableInputs) {
   chmod(temp_.path().c_str(), 0755);
   chmod(tree_.c_str(), 0777);
   as_nobody_ = true;

@@ -49,7 +49,7 @@ class StreamReaderTest : public testing::Test {
 
 using Refusal = pdb_recoverable_exception;
 
-TEST_F(StreamReaderTest, CopiesWhatCrossesASeam) {
+TEST_F(StreamReaderTest, CopiesAcrossPageBoundaries) {
   StreamReader reader = open({2, 5, 6});
   reader.seek(13);
   const DataPtr<char> eight = reader.read<char>(8);
@@ -73,7 +73,7 @@ TEST_F(StreamReaderTest, RefusesACopyThatEndsWithTheLastPage) {
   EXPECT_FALSE(reader.read<char>(kPage).isAllocated);
 }
 
-TEST_F(StreamReaderTest, MeasuresStringsAcrossSeams) {
+TEST_F(StreamReaderTest, MeasuresStringsAcrossPageBoundaries) {
   const struct {
     const char* what;
     std::vector<uint32_t> list;
@@ -104,7 +104,7 @@ TEST_F(StreamReaderTest, MeasuresStringsAcrossSeams) {
 // After the second page crossing the scan continues at a wrong position: at 46 instead of 32, and
 // then at 78, where the second to last byte of the page ends it. 33 bytes were scanned, so 33 are
 // returned.
-TEST_F(StreamReaderTest, LandsTooFarBehindASecondSeam) {
+TEST_F(StreamReaderTest, ScansTooFarAfterASecondPageBoundary) {
   file[7 * kPage + 2] = '\0';  // the actual end of the string
   file[11 * kPage + 14] = '\0';
   StreamReader reader = open({2, 5, 7, 9, 11});
@@ -114,7 +114,7 @@ TEST_F(StreamReaderTest, LandsTooFarBehindASecondSeam) {
   EXPECT_EQ(reader.getOffset(), 4u + 33);
 }
 
-TEST_F(StreamReaderTest, RefusesPagesThatTheFileDoesNotHold) {
+TEST_F(StreamReaderTest, RejectsPagesOutsideTheFile) {
   EXPECT_THROW(open({}), Refusal);
   EXPECT_THROW(open({12}), Refusal);
   StreamReader reader = open({11, 12});

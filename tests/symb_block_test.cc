@@ -107,7 +107,7 @@ TEST(SymbBlockTest, OddBlocksPrintWhatTheyPointAt) {
   EXPECT_NE(read(block).find("no_lines\n1000 10 10 1\nI 1200 8 1 1 0 unseen\n"), std::string::npos);
 }
 
-TEST(SymbBlockTest, TakesWrittenBlocks) {
+TEST(SymbBlockTest, AcceptsWrittenBlocks) {
   for (const uint32_t version : {1u, 2u, 3u}) {
     EXPECT_TRUE(valid(rich_symb_model(version).bytes())) << version;
   }
@@ -249,7 +249,7 @@ TEST(SymbBlockTest, RefusesDamagedReferences) {
   EXPECT_NE(read(block + std::string("end\0", 4)), kNotRead);
 }
 
-TEST(SymbBlockTest, EndsOnAbsurdSharing) {
+TEST(SymbBlockTest, TerminatesOnExcessiveSharing) {
   // All ranges of an array share one leaf array, so a block of n bytes represents n * n ranges.
   SymbModel model;
   model.frame_info[0].resize(3000, {0, 0, "", 0, {}});

@@ -26,7 +26,7 @@ std::string text_of(const std::string& image) {
 
 // A text with unsorted lines, some of which are dropped, compared with an image that a builder
 // creates independently from the same data.
-TEST(SymbWriterTest, LaysDownEveryKindOfRecord) {
+TEST(SymbWriterTest, WritesEveryKindOfRecord) {
   const std::string image = image_of(test_data("rich_shuffled.sym"));
   EXPECT_EQ(hex_dump(image), hex_dump(rich_symb_model().bytes()));
   EXPECT_TRUE(is_valid(image));

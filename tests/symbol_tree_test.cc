@@ -42,7 +42,7 @@ TEST(SymPathTest, NamesTheFileAfterTheDebugFile) {
   }
 }
 
-TEST(SymPathTest, RefusesWhatWouldLeadOutOfItsFolder) {
+TEST(SymPathTest, RejectsNamesThatLeaveTheirDirectory) {
   const TemporaryDirectory root;
   const std::string tree = root.folder("tree");
   const struct {
@@ -59,7 +59,7 @@ TEST(SymPathTest, RefusesWhatWouldLeadOutOfItsFolder) {
 
 // A link in place of an identifier's directory was made for another module with that name as its
 // code identifier. A link to a sibling is replaced by a directory; everything else is kept.
-TEST(SymPathTest, LeadsNoIdentifierThroughALink) {
+TEST(SymPathTest, DoesNotFollowALinkForAnIdentifier) {
   const TemporaryDirectory root;
   const std::string tree = root.folder("tree");
   const std::string link = root.folder("tree/a.pdb") + "/VICTIM";
@@ -135,7 +135,7 @@ TEST(IdentityTest, RefusesIdentityLinesThatFillTheirBuffer) {
   EXPECT_TRUE(valid(module + "a.pdb\nFUNC " + std::string(9000, 'x') + "\n"));
 }
 
-TEST(PrintableTest, EscapesWhatATerminalObeys) {
+TEST(PrintableTest, EscapesControlCharacters) {
   EXPECT_EQ(printable("a\\b ~\xC3\xA4\xC2\xA0\xC2"), "a\\b ~\xC3\xA4\xC2\xA0\xC2");
   EXPECT_EQ(printable("\x1B[2J\r\n\t\x7F"), "\\x1b[2J\\x0d\\x0a\\x09\\x7f");
   EXPECT_EQ(printable("\xC2\x9B"

@@ -122,7 +122,7 @@ TEST(X64UnwindTest, WritesARowAfterEachInstruction) {
   }
 }
 
-TEST(X64UnwindTest, BeginsAChainedRangeWithWhatItsParentsBuilt) {
+TEST(X64UnwindTest, StartsAChainedRangeWithTheFramesOfItsParents) {
   PeBuilder pe;
   const Unwind first{.prolog_size = 9,
                      .frame_register = kRbp,
@@ -152,7 +152,7 @@ TEST(X64UnwindTest, BeginsAChainedRangeWithWhatItsParentsBuilt) {
   EXPECT_EQ(result.report.entries, 4u);
 }
 
-TEST(X64UnwindTest, GivesNoRulesForDataThatMakeNoSense) {
+TEST(X64UnwindTest, WritesNoRulesForInvalidData) {
   constexpr uint32_t kSelf = PeBuilder::kUnwindRva;
   const struct {
     Unwind info;
@@ -204,7 +204,7 @@ TEST(X64UnwindTest, FollowsAsManyLinksAsWindowsDoes) {
   EXPECT_EQ(resultOf(imageWithChain(kMostUnwindLinks + 1)).report.damaged, 1u);
 }
 
-TEST(X64UnwindTest, BoundsTheWorkOnRecordsThatManyEntriesShare) {
+TEST(X64UnwindTest, BoundsTheWorkOnSharedRecords) {
   PeBuilder pe;
   const uint32_t shared =
       pe.unwind_info({.prolog_size = 255, .slots = Slots(255, unwind_slot(1, kAllocSmall, 0))});
@@ -236,7 +236,7 @@ TEST(X64UnwindTest, SortsEntriesAndDropsThoseThatOverlap) {
   EXPECT_EQ(result.report.damaged, 2u);
 }
 
-TEST(X64UnwindTest, KnowsNoLeavesAfterAnExceptionDirectoryThatLeavesTheFile) {
+TEST(X64UnwindTest, AssumesNoLeavesIfTheExceptionDirectoryExceedsTheFile) {
   const std::vector<CodeRange> functions = {{0x1000, 8}, {0x1010, 8}, {0x1020, 8}};
   PeBuilder pe;
   EXPECT_EQ(resultOf(pe.build(), {{0x1000, 8}}).lines, "INIT 1000 8 " + kEntry) << "no directory";
@@ -294,7 +294,7 @@ std::string rowsWithFrame(uint32_t pop, const char* reg) {
 
 // Version 2 lists epilogs before the operations of the prolog. Each case has one at 0x1020 in a
 // function that ends at 0x1040.
-TEST(X64UnwindTest, WritesTheRowsOfAnEpilogThatTheDataList) {
+TEST(X64UnwindTest, WritesTheRowsOfListedEpilogs) {
   const struct {
     Prolog prolog;
     std::string code;
@@ -419,7 +419,7 @@ TEST(X64UnwindTest, FindsEpilogsByTheirDistanceFromTheEnd) {
 }
 
 // In the chained range, an epilog undoes a frame that the parent built.
-TEST(X64UnwindTest, TakesBackInAnEpilogWhatTheParentBuilt) {
+TEST(X64UnwindTest, UndoesTheParentsFrameInAnEpilog) {
   PeBuilder pe;
   const uint32_t parent = pe.unwind_info({.prolog_size = 1, .slots = {kPushRbx}, .version = 2});
   pe.section(".text", 0x1000, std::string(0x1E, '\x90') + "\x5B\xC3");

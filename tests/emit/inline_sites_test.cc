@@ -15,7 +15,7 @@ namespace {
 // Ids 0x1000 and 0x1001 have names. Rendering 0x1002 warns. Rendering a method or an invalid id
 // fails, and then no site of the function is printed. Names are rendered twice: first up to the
 // first failure, to detect it, and then to print them.
-TEST(InlineSitesTest, SaysNothingWhenOneInlineeHasNoName) {
+TEST(InlineSitesTest, PrintsNothingIfAnInlineeHasNoName) {
   const std::string warning = "Unknown ptr type encountered\n";
   const std::string g = "I 1014 1 8 1 0 ns::g()\nI 1014 1 8 1 0 ns::g()\n";
   const std::string h = "I 1014 1 1 0 0 h(int)\nI 1014 1 1 0 0 h(int)\n";

@@ -42,7 +42,7 @@ std::string linesOf(const std::vector<Annotations>& sites) {
   return std::string(out.view());
 }
 
-TEST(InlineTreeTest, PrintsEachSiteAsOftenAsTheWalkMeetsIt) {
+TEST(InlineTreeTest, PrintsASiteAtEachVisit) {
   const Annotations one = Annotations().op(11, 0x24);
   const struct {
     std::vector<Annotations> sites;

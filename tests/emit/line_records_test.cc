@@ -14,7 +14,7 @@
 namespace test_support {
 namespace {
 
-TEST(LineRecordsTest, GivesABlockToTheFunctionAtOrBehindItsStart) {
+TEST(LineRecordsTest, AssignsABlockToTheFunctionAtOrAfterItsStart) {
   struct Block {
     uint16_t section;
     uint32_t offset;
@@ -77,7 +77,7 @@ TEST(LineRecordsTest, GivesABlockToTheFunctionAtOrBehindItsStart) {
 }
 
 // Data that exceed the pages of a module lose the rest of that module's lines and nothing else.
-TEST(LineRecordsTest, LosesOnlyTheModuleThatIsCutShort) {
+TEST(LineRecordsTest, LosesOnlyTheTruncatedModule) {
   SmallPdb pdb;
   for (const uint32_t offset : {0x10u, 0x20u}) {
     ModuleBuilder& module = pdb.add_module("m");

@@ -32,7 +32,7 @@ TEST(ModuleFunctionsTest, MakesRecordsOfProceduresAndThunks) {
             "FUNC 1:1060 5 0 nested\n");
 }
 
-TEST(ModuleFunctionsDeathTest, DiesOfASiteWithoutItsFunction) {
+TEST(ModuleFunctionsDeathTest, AbortsOnASiteOutsideOfAFunction) {
   SmallPdb pdb;
   pdb.add_module("a").thunk({.name = "t", .length = 1}).inline_site(0x1000, Annotations());
   const std::string bytes = pdb.build().bytes;

@@ -85,7 +85,7 @@ TEST(MsfFileTest, ChecksTheDirectorysPages) {
   EXPECT_EQ(convert(bytes).failure, "Requesting offset outside of page range");
 }
 
-TEST(MsfFileDeathTest, DiesOfImpossibleDirectories) {
+TEST(MsfFileDeathTest, AbortsOnImpossibleDirectories) {
   SmallPdb pdb;
   const std::string bytes = pdb.build().bytes;
   const auto damaged = [&](size_t at, uint32_t value) {

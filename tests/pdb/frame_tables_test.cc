@@ -40,7 +40,7 @@ TEST(FrameTablesTest, PrintsTheNewKindFirstInOrderOfAddressAndSize) {
             "STACK WIN 0 1000 20 5 0 3 2 10 0 0 1\n");
 }
 
-TEST(FrameTablesTest, KeepsTheFirstRecordOfAStretch) {
+TEST(FrameTablesTest, KeepsTheFirstRecordOfARange) {
   SmallPdb pdb;
   pdb.fpo({});  // leading zeros are dropped, whatever else the record contains
   pdb.fpo({.locals = 1});

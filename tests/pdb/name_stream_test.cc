@@ -12,7 +12,7 @@ namespace test_support {
 namespace {
 
 // The string table "abcd" without its NUL, with buckets that refer to names at 1 and 0x10000.
-TEST(NameStreamTest, RefusesANameOutsideOnlyWhenItIsAskedFor) {
+TEST(NameStreamTest, RejectsANameOutsideOnlyOnUse) {
   const auto named = [](uint32_t offset) {
     SmallPdb pdb;
     pdb.add_module("a.obj").file(offset);

@@ -61,7 +61,7 @@ TEST(SectionMapTest, MapsThroughTheAddressMap) {
 }
 
 // The records and messages of a PDB with a function f and lines at mapped addresses.
-TEST(SectionMapTest, ReadsTheMapOnlyBesideItsOpposite) {
+TEST(SectionMapTest, ReadsTheMapOnlyIfTheReverseMapExists) {
   using namespace test_support;
   const auto mapped = [](const std::vector<std::pair<uint32_t, uint32_t>>& map, bool toSource) {
     SmallPdb pdb;

@@ -255,7 +255,7 @@ TEST(TypeTableTest, RunsOffThePages) {
 }
 
 // The text is the same wherever a page boundary splits the record.
-TEST(TypeTableTest, ReadsAcrossPageSeams) {
+TEST(TypeTableTest, ReadsAcrossPageBoundaries) {
   TypeStreamBuilder b;
   std::vector<uint32_t> wanted;
   for (int i = 0; i < 40; ++i) {

@@ -71,7 +71,7 @@ TEST(PeIdentityTest, IsMissingFromEverythingElse) {
   EXPECT_FALSE(pe64_debug_id("/nonexistent", none, none));
 }
 
-TEST(PeImageTest, FindsAnRvaInTheFilesPartOfTheFirstSectionThatHoldsIt) {
+TEST(PeImageTest, MapsAnRvaByTheFirstSectionThatContainsIt) {
   // 512 bytes of each section are in the file; the second one starts inside the first.
   const std::string bytes = PeBuilder()
                                 .section("a", 0x1000, std::string(0x200, 'a'), 0x1000)

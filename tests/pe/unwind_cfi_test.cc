@@ -94,7 +94,7 @@ TEST(UnwindCfiTest, CountsFromTheFramePointer) {
               lines("$rbp 24 + $rbp: .cfa 24 - ^ $rbx: .cfa 16 - ^"));
 }
 
-TEST(UnwindCfiTest, StopsTheProcessForARegisterPushedTwiceOrAFrameNeverSet) {
+TEST(UnwindCfiTest, AbortsOnARegisterPushedTwiceOrAFrameNeverSet) {
   EXPECT_DEATH(textOf(Unwind{.slots = {op(kPushNonvol, 3), op(kPushNonvol, 3)}}), "ok.second");
   EXPECT_DEATH(textOf(Unwind{.frame_register = 5}), "fp_offset != INT32_MAX");
   // Also when the second time is in a cyclic chain.
@@ -130,7 +130,7 @@ TEST(UnwindCfiTest, FollowsEntriesThatPointToEntries) {
 }
 
 // Invalid or endless links: the message, and the lines before it.
-TEST(UnwindCfiTest, GivesUpWhereLinksAreLost) {
+TEST(UnwindCfiTest, StopsAtInvalidLinks) {
   const auto expect_lost = [](const char* what, const std::function<void(PeBuilder&)>& add) {
     PeBuilder pe;
     pe.function(0x1000, 0x1020, {});
