@@ -39,7 +39,7 @@ class BlockMap {
     std::pair<Key, const Value&> operator*() const { return {key(), value()}; }
 
     const_iterator& operator++() {
-      if (++slot_ == block_->count) *this = map_->block_behind(*this);
+      if (++slot_ == block_->count) *this = map_->next_block(*this);
       return *this;
     }
     const_iterator& operator--() {
@@ -91,7 +91,7 @@ class BlockMap {
     const_iterator it = block_of(key);
     prefetch(it, key);
     it.slot_ = it.block_->slot_of(key);
-    return it.slot_ == it.block_->count ? block_behind(it) : it;
+    return it.slot_ == it.block_->count ? next_block(it) : it;
   }
   // Returns the first entry whose key is greater than `key`, or end().
   const_iterator upper_bound(Key key) const {
@@ -284,7 +284,7 @@ class BlockMap {
     it.block_->prefetch_values((static_cast<uint64_t>(key) - below) /
                                (spread / kBlockCapacity + 1));
   }
-  const_iterator block_behind(const const_iterator& it) const {
+  const_iterator next_block(const const_iterator& it) const {
     if (!directory_) return end();
     const Group& group = *directory_->groups[it.group_];
     if (it.in_group_ + 1 < group.blocks.size()) return position(it.group_, it.in_group_ + 1, 0);
@@ -434,7 +434,7 @@ template <typename Key, typename Value>
 typename BlockMap<Key, Value>::const_iterator BlockMap<Key, Value>::erase(const_iterator it) {
   it.block_->erase_at(it.slot_);
   --size_;
-  if (it.block_->count > 0) return it.slot_ < it.block_->count ? it : block_behind(it);
+  if (it.block_->count > 0) return it.slot_ < it.block_->count ? it : next_block(it);
   if (size_ == 0) {
     clear();
     return end();

@@ -34,17 +34,17 @@ HugePageBlock::~HugePageBlock() {
   if (data_ != nullptr) munmap(data_, size_);
 }
 
-// When the block cannot grow in place, its pages move to another aligned address: huge pages can
+// When the block cannot grow in target, its pages move to another aligned address: huge pages can
 // only be moved whole.
 void HugePageBlock::enlarge(size_t size) {
   assert(data_ != nullptr && size > size_ && size % kUnit == 0);
   if (mremap(data_, size_, size, 0) == MAP_FAILED) {
-    char* const place = map_aligned(size);
-    if (mremap(data_, size_, size, MREMAP_MAYMOVE | MREMAP_FIXED, place) == MAP_FAILED) {
-      munmap(place, size);
+    char* const target = map_aligned(size);
+    if (mremap(data_, size_, size, MREMAP_MAYMOVE | MREMAP_FIXED, target) == MAP_FAILED) {
+      munmap(target, size);
       throw std::bad_alloc();
     }
-    data_ = place;
+    data_ = target;
   }
   size_ = size;
 }

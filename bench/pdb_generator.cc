@@ -216,9 +216,9 @@ void Generator::add_ids(ModuleState& module) {
       inlinable_.push_back(pdb_.ids.function_id(method_name(), type));
     }
     // The source position of a class definition: current linkers write it without padding.
-    Bytes place;
-    place.u32(type).u32(type).u32(random_.below(3000)).u16(1);
-    pdb_.ids.add(0x1607, place.str(), TypePadding::kNone);
+    Bytes definition;
+    definition.u32(type).u32(type).u32(random_.below(3000)).u16(1);
+    pdb_.ids.add(0x1607, definition.str(), TypePadding::kNone);
   }
   for (uint32_t i = 0; i < 24; ++i) {
     const size_t recent = std::min<size_t>(inlinable_.size(), 500);

@@ -77,10 +77,10 @@ MsfFile MsfBuilder::build() {
   file.page_size = page_size_;
   lay_streams(file);
   const std::string directory_bytes = directory(file);
-  file.directory_pages = take_pages(pages_for(directory_bytes.size()), directory_reversed_);
+  file.directory_pages = allocate_pages(pages_for(directory_bytes.size()), directory_reversed_);
   Bytes index;
   for (const uint32_t page : file.directory_pages) index.u32(page);
-  file.index_pages = take_pages(pages_for(index.size()), false);
+  file.index_pages = allocate_pages(pages_for(index.size()), false);
 
   file.bytes.assign(size_t{next_page_} * page_size_, '\xEE');
   write_header(file, static_cast<uint32_t>(directory_bytes.size()));
@@ -94,14 +94,14 @@ MsfFile MsfBuilder::build() {
 }
 
 // Allocates the next page that is not part of a free page map.
-uint32_t MsfBuilder::take_page() {
+uint32_t MsfBuilder::allocate_page() {
   while (next_page_ % page_size_ == 1 || next_page_ % page_size_ == 2) ++next_page_;
   return next_page_++;
 }
 
-std::vector<uint32_t> MsfBuilder::take_pages(uint32_t count, bool reversed) {
+std::vector<uint32_t> MsfBuilder::allocate_pages(uint32_t count, bool reversed) {
   std::vector<uint32_t> pages(count);
-  for (uint32_t& page : pages) page = take_page();
+  for (uint32_t& page : pages) page = allocate_page();
   if (reversed) std::reverse(pages.begin(), pages.end());
   return pages;
 }
@@ -135,8 +135,8 @@ void MsfBuilder::lay_one_by_one(MsfFile& file) {
     const uint32_t count = pages_for(streams_[stream].size());
     pages.reserve(count);
     for (uint32_t i = 0; i < count; ++i) {
-      if (splits_.contains({stream, i})) take_page();
-      pages.push_back(take_page());
+      if (splits_.contains({stream, i})) allocate_page();
+      pages.push_back(allocate_page());
     }
     if (order_ == PageOrder::kReversed) std::reverse(pages.begin(), pages.end());
   }
@@ -147,7 +147,7 @@ void MsfBuilder::lay_interleaved(MsfFile& file) {
     left = 0;
     for (uint32_t stream = 0; stream < stream_count(); ++stream) {
       if (i >= pages_for(streams_[stream].size())) continue;
-      file.stream_pages[stream].push_back(take_page());
+      file.stream_pages[stream].push_back(allocate_page());
       ++left;
     }
   }

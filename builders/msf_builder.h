@@ -71,13 +71,13 @@ class MsfBuilder {
   MsfFile build();
 
  private:
-  uint32_t take_page();
+  uint32_t allocate_page();
   uint32_t pages_for(uint64_t size) const;
   void lay_streams(MsfFile& file);
   void lay_one_by_one(MsfFile& file);
   void lay_interleaved(MsfFile& file);
   std::string directory(const MsfFile& file) const;
-  std::vector<uint32_t> take_pages(uint32_t count, bool reversed);
+  std::vector<uint32_t> allocate_pages(uint32_t count, bool reversed);
   void copy_to_pages(MsfFile& file, const std::string& bytes, const std::vector<uint32_t>& pages);
   void write_header(MsfFile& file, uint32_t directory_size);
   uint32_t directory_size_of(uint32_t stream) const;

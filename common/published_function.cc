@@ -72,17 +72,17 @@ bool PublishedFunction::add_part(uint64_t begin, uint64_t end, uint32_t line, ui
   if (*budget < cost) return false;
   *budget -= cost;
 
-  Place place = {0, 0};
+  SourcePosition position = {0, 0};
   if (line != kNone) {
-    place = {lines_[line].source_file_id, lines_[line].line};
+    position = {lines_[line].source_file_id, lines_[line].line};
   } else if (!open_.empty()) {
     // The caller has no line here: the call gets a file that is probably correct, and line 0.
-    place.file =
+    position.file =
         lines_.empty() ? sites_[open_.front().site].source_file_id : lines_.front().source_file_id;
   }
   uint32_t parent = kNone;
   for (Open& open : open_) {
-    const uint32_t call = call_of(open, parent, place, begin, line);
+    const uint32_t call = call_of(open, parent, position, begin, line);
     auto& ranges = calls_[call].ranges;
     if (ends_at(calls_[call], begin)) {
       ranges.back().size += end - begin;
@@ -91,48 +91,51 @@ bool PublishedFunction::add_part(uint64_t begin, uint64_t end, uint32_t line, ui
     }
     nodes_[call].last_line = line;
     parent = call;
-    place = {sites_[open.site].source_file_id, sites_[open.site].line};
+    position = {sites_[open.site].source_file_id, sites_[open.site].line};
   }
-  if (open_.empty() ? line != kNone : place != kNoPlace) {
-    add_record(begin, end, place, !open_.empty());
+  if (open_.empty() ? line != kNone : position != kNoPosition) {
+    add_record(begin, end, position, !open_.empty());
   }
   return true;
 }
 
 // Adjacent parts of inlined code at one position are merged. The function's own lines are not,
 // because lookups return their start addresses.
-void PublishedFunction::add_record(uint64_t begin, uint64_t end, Place place, bool is_inlined) {
+void PublishedFunction::add_record(uint64_t begin, uint64_t end, SourcePosition position,
+                                   bool is_inlined) {
   const auto size = static_cast<uint32_t>(end - begin);
   if (!records_.empty() && is_inlined && last_is_inlined_) {
     symb_line& last = records_.back();
-    if (end_of(last) == begin && last.source_file_id == place.file && last.line == place.line) {
+    if (end_of(last) == begin && last.source_file_id == position.file &&
+        last.line == position.line) {
       last.size += size;
       return;
     }
   }
-  records_.push_back({static_cast<uint32_t>(begin), size, place.file, place.line});
+  records_.push_back({static_cast<uint32_t>(begin), size, position.file, position.line});
   last_is_inlined_ = is_inlined;
 }
 
 // Returns the call with this callee and position inside `parent`. Two adjacent ranges become
 // separate calls if a line of the function ends between them, because lookups return where the line
 // starts.
-uint32_t PublishedFunction::call_of(Open& open, uint32_t parent, Place place, uint64_t begin,
-                                    uint32_t line) {
+uint32_t PublishedFunction::call_of(Open& open, uint32_t parent, SourcePosition position,
+                                    uint64_t begin, uint32_t line) {
   const auto continues = [&](uint32_t call) {
     return parent != kNone || nodes_[call].last_line == line || !ends_at(calls_[call], begin);
   };
-  if (open.call != kNone && open.parent == parent && open.place == place && continues(open.call)) {
+  if (open.call != kNone && open.parent == parent && open.position == position &&
+      continues(open.call)) {
     return open.call;
   }
   const uint64_t name = sites_[open.site].name;
   const auto [found, is_new] =
-      index_.try_emplace({parent, name, place}, static_cast<uint32_t>(calls_.size()));
+      index_.try_emplace({parent, name, position}, static_cast<uint32_t>(calls_.size()));
   if (!is_new && !continues(found->second)) found->second = static_cast<uint32_t>(calls_.size());
   const uint32_t call = found->second;
   if (call == calls_.size()) {
     const uint32_t depth = parent == kNone ? 0 : calls_[parent].depth + 1;
-    calls_.push_back({depth, place.line, place.file, name, {}});
+    calls_.push_back({depth, position.line, position.file, name, {}});
     nodes_.emplace_back().parent = parent;
     Node& around = parent == kNone ? root_ : nodes_[parent];
     if (around.first_child == kNone) {
@@ -144,7 +147,7 @@ uint32_t PublishedFunction::call_of(Open& open, uint32_t parent, Place place, ui
   }
   open.call = call;
   open.parent = parent;
-  open.place = place;
+  open.position = position;
   return call;
 }
 

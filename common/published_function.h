@@ -43,20 +43,20 @@ class PublishedFunction {
  private:
   static constexpr uint32_t kNone = UINT32_MAX;
 
-  struct Place {
+  struct SourcePosition {
     int32_t file;
     int32_t line;
-    auto operator<=>(const Place&) const = default;
+    auto operator<=>(const SourcePosition&) const = default;
   };
   // For callee code without a line record.
-  static constexpr Place kNoPlace = {-1, 0};
+  static constexpr SourcePosition kNoPosition = {-1, 0};
   // A site that contains the current address, and its call.
   struct Open {
     uint64_t end;
     uint32_t site;
     uint32_t call = kNone;
     uint32_t parent = kNone;
-    Place place = {};
+    SourcePosition position = {};
   };
   // Calls form a tree. Calls without a parent are inlined into the function itself.
   struct Node {
@@ -69,8 +69,9 @@ class PublishedFunction {
 
   void open_sites(uint64_t at);
   bool add_part(uint64_t begin, uint64_t end, uint32_t line, uint64_t* budget);
-  void add_record(uint64_t begin, uint64_t end, Place place, bool is_inlined);
-  uint32_t call_of(Open& open, uint32_t parent, Place place, uint64_t begin, uint32_t line);
+  void add_record(uint64_t begin, uint64_t end, SourcePosition position, bool is_inlined);
+  uint32_t call_of(Open& open, uint32_t parent, SourcePosition position, uint64_t begin,
+                   uint32_t line);
   void order_calls();
 
   std::span<const symb_line> lines_;
@@ -82,7 +83,8 @@ class PublishedFunction {
   std::vector<Call> calls_;
   std::vector<Node> nodes_;  // by index into calls_
   Node root_;
-  std::map<std::tuple<uint32_t, uint64_t, Place>, uint32_t> index_;  // parent, name, call position
+  std::map<std::tuple<uint32_t, uint64_t, SourcePosition>, uint32_t>
+      index_;  // parent, name, call position
   std::vector<Call> ordered_calls_;
 };
 

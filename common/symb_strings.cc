@@ -71,14 +71,14 @@ class StringSorter {
       std::sort(begin, end, [](const SortKey& a, const SortKey& b) { return a.word < b.word; });
     }
     for (auto first = begin; first != end;) {
-      auto behind = first + 1;
-      while (behind != end && behind->word == first->word) ++behind;
+      auto run_end = first + 1;
+      while (run_end != end && run_end->word == first->word) ++run_end;
       // Distinct strings cannot be equal in the word in which they end.
-      if (behind - first > 1 && !ends_in(first->word)) {
+      if (run_end - first > 1 && !ends_in(first->word)) {
         runs.push_back({static_cast<size_t>(first - keys_.begin()),
-                        static_cast<size_t>(behind - keys_.begin()), run.depth + 8});
+                        static_cast<size_t>(run_end - keys_.begin()), run.depth + 8});
       }
-      first = behind;
+      first = run_end;
     }
   }
 

@@ -195,7 +195,7 @@ class OrderedPrinter {
   std::thread thread_{[this] { print(); }};
 };
 
-std::string place(const std::string& file, int line) {
+std::string position(const std::string& file, int line) {
   return file.empty() ? "?" : file + ":" + std::to_string(line);
 }
 
@@ -211,9 +211,9 @@ std::string answer(BasicSourceLineResolver& resolver, const CodeModule& module,
   std::snprintf(address, sizeof(address), "0x%" PRIx64, frame.instruction);
   std::string text = address;
   text += "\t" + (frame.function_name.empty() ? "?" : frame.function_name);
-  text += "\t" + place(frame.source_file_name, frame.source_line);
+  text += "\t" + position(frame.source_file_name, frame.source_line);
   for (const StackFrame::Inline& site : frame.inlines) {
-    text += "\t" + site.name + " " + place(site.source_file_name, site.source_line);
+    text += "\t" + site.name + " " + position(site.source_file_name, site.source_line);
   }
   return text + "\n";
 }

@@ -41,7 +41,7 @@ std::string gather(const std::string& file, uint32_t page_size, std::string_view
   return bytes;
 }
 
-Streams take_apart(const std::string& file) {
+Streams unpack(const std::string& file) {
   const uint32_t page_size = get_u32(file, 32);
   if (page_size < 64 || page_size > 4096 || page_size % 4 != 0)
     throw std::out_of_range("page size");
@@ -65,7 +65,7 @@ Streams take_apart(const std::string& file) {
 
 std::optional<Streams> streams_of(const std::string& file) {
   try {
-    return take_apart(file);
+    return unpack(file);
   } catch (const std::out_of_range&) {
     return std::nullopt;
   }
@@ -99,7 +99,7 @@ void splice(const std::string& from, std::string& to, Random& random) {
   to.replace(at, random() % 2 == 0 ? piece.size() : 0, piece);
 }
 
-std::string put_together(Streams streams, Random& random) {
+std::string pack(Streams streams, Random& random) {
   constexpr uint32_t kPageSizes[] = {64, 128, 512, 4096};
   constexpr PageOrder kOrders[] = {PageOrder::kContiguous, PageOrder::kReversed,
                                    PageOrder::kInterleaved};
@@ -125,7 +125,7 @@ extern "C" size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t max
   } else {
     change_bytes(stream, random);
   }
-  const std::string changed = put_together(std::move(*streams), random);
+  const std::string changed = pack(std::move(*streams), random);
   if (changed.size() > max_size) return LLVMFuzzerMutate(data, size, max_size);
   std::memcpy(data, changed.data(), changed.size());
   return changed.size();

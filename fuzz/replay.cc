@@ -31,9 +31,9 @@ void run(const std::string& input) {
 }
 
 std::string mutated(const std::string& seed) {
-  constexpr size_t kRoomToGrow = 4096;
+  constexpr size_t kGrowth = 4096;
   std::string input = seed;
-  input.resize(seed.size() + kRoomToGrow);
+  input.resize(seed.size() + kGrowth);
   auto* const data = reinterpret_cast<uint8_t*>(input.data());
   const auto mutate = [&](size_t size) {
     return LLVMFuzzerCustomMutator != nullptr

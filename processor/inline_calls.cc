@@ -45,8 +45,9 @@ void InlineCallGatherer::Convert(const BasicSourceLineResolver::Function& functi
     own_lines_.push_back(line);
     own_lines_.back().size = std::min(line.size, root.begin - line.address);
   }
-  VisitParts(root, lines, [this](MemAddr begin, MemAddr end, const Place* place) {
-    if (place != nullptr) own_lines_.push_back({begin, end - begin, place->file, place->line});
+  VisitParts(root, lines, [this](MemAddr begin, MemAddr end, const SourcePosition* position) {
+    if (position != nullptr)
+      own_lines_.push_back({begin, end - begin, position->file, position->line});
   });
   for (const Line& line : lines) {
     if (line.address >= root.end) own_lines_.push_back(line);
@@ -110,8 +111,8 @@ void InlineCallGatherer::AddLevel(std::span<const Range> ranges, size_t first_pa
   }
 }
 
-// Calls `visit(begin, end, place)` for the parts of a node in ascending order: its children with
-// the call positions, and the gaps between them with the positions of the lines. `place` is null
+// Calls `visit(begin, end, position)` for the parts of a node in ascending order: its children with
+// the call positions, and the gaps between them with the positions of the lines. `position` is null
 // where there is no line.
 template <typename Visit>
 void InlineCallGatherer::VisitParts(const Node& node, std::span<const Line> lines,
@@ -127,8 +128,8 @@ void InlineCallGatherer::VisitParts(const Node& node, std::span<const Line> line
       if (begin < line_begin) visit(begin, line_begin, nullptr);
       if (!has_line) return;
       const MemAddr line_end = std::min(saturating_end(line->address, line->size), end);
-      const Place place = {line->source_file_id, line->line};
-      visit(line_begin, line_end, &place);
+      const SourcePosition position = {line->source_file_id, line->line};
+      visit(line_begin, line_end, &position);
       begin = line_end;
       ++line;
     }
@@ -137,7 +138,7 @@ void InlineCallGatherer::VisitParts(const Node& node, std::span<const Line> line
   for (uint32_t i = 0; i < node.child_count; ++i) {
     const Node& child = nodes_[node.first_child + i];
     visit_lines(at, child.begin);
-    visit(child.begin, child.end, &calls_[child.call].place);
+    visit(child.begin, child.end, &calls_[child.call].position);
     at = child.end;
   }
   visit_lines(at, node.end);
@@ -145,11 +146,11 @@ void InlineCallGatherer::VisitParts(const Node& node, std::span<const Line> line
 
 void InlineCallGatherer::AddSites(const Node& node, uint32_t depth, std::span<const Line> lines) {
   const size_t first = sites_.size();
-  VisitParts(node, lines, [&](MemAddr begin, MemAddr end, const Place* known) {
-    const Place place = known != nullptr ? *known : Place{kNoFile, 0};
+  VisitParts(node, lines, [&](MemAddr begin, MemAddr end, const SourcePosition* known) {
+    const SourcePosition position = known != nullptr ? *known : SourcePosition{kNoFile, 0};
     if (sites_.size() > first) {
       BasicSourceLineResolver::InlineFunction& last = sites_.back().site;
-      if (Place{last.file_id, last.source_line} == place) {
+      if (SourcePosition{last.file_id, last.source_line} == position) {
         last.code_size += end - begin;
         return;
       }
@@ -158,8 +159,8 @@ void InlineCallGatherer::AddSites(const Node& node, uint32_t depth, std::span<co
     added.origin = calls_[node.call].origin;
     added.site.function_address = begin;
     added.site.code_size = end - begin;
-    added.site.file_id = place.file;
-    added.site.source_line = place.line;
+    added.site.file_id = position.file;
+    added.site.source_line = position.line;
     added.site.caller = depth;
     added.site.name = nullptr;
   });

@@ -51,13 +51,13 @@ class InlineCallGatherer {
   void Clear();
 
  private:
-  struct Place {
+  struct SourcePosition {
     int32_t file;
     int32_t line;
-    bool operator==(const Place&) const = default;
+    bool operator==(const SourcePosition&) const = default;
   };
   struct Call {
-    Place place;
+    SourcePosition position;
     long origin;
   };
   struct Range {

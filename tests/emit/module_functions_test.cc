@@ -22,7 +22,7 @@ TEST(ModuleFunctionsTest, MakesRecordsOfProceduresAndThunks) {
                   .thunk({.name = "nested", .offset = 0x60, .length = 5}, 4)
                   .proc({.name = "nowhere", .section = 0, .offset = 7, .length = 2})
                   .symbol(0, "")
-                  .proc({.name = "behind the end", .offset = 0x70, .length = 5});
+                  .proc({.name = "after the end", .offset = 0x70, .length = 5});
             }),
             "FUNC 0:7 2 0 nowhere\n"
             "FUNC 1:1010 1 0 local()\n"
