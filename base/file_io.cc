@@ -106,13 +106,11 @@ const char* replace_file(const std::string& target, std::string_view content,
   if (options.sync && fdatasync(file.get()) != 0) return give_up("failed to write");
   if (!file.close()) return give_up("failed to write");
   if (rename(name.c_str(), target.c_str()) != 0) return give_up("failed to rename");
-  if (options.sync && !sync_folder(target.substr(0, target.rfind('/') + 1)))
-    return "failed to sync";
   return nullptr;
 }
 
 bool sync_folder(const std::string& path) {
-  const FileDescriptor folder(open(path.empty() ? "." : path.c_str(), O_RDONLY | O_CLOEXEC));
+  const FileDescriptor folder(open(path.c_str(), O_RDONLY | O_CLOEXEC));
   return folder.is_open() && fsync(folder.get()) == 0;
 }
 

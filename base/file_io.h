@@ -39,15 +39,15 @@ bool write_file(int fd, std::string_view content);
 
 struct ReplaceOptions {
   mode_t mode = 0600;  // of the new file, less the umask
-  // The content reaches the disk before it gets its name, and the name before the return: after a
-  // loss of power the old file is there or the whole new one.
+  // The content reaches the disk before it gets its name: after a loss of power the old file is
+  // there or the whole new one. Which of them is certain after sync_folder().
   bool sync = false;
 };
 
 // Puts `content` in the place of the file `target` in one step: it is written to a new file beside
 // the target (its name and six more characters), which is renamed only when it is complete.
-// Null, or which step failed: "failed to mkstemp", "failed to write", "failed to rename", "failed
-// to sync". The new file is then removed and, but for the last, the target is as it was.
+// Null, or which step failed: "failed to mkstemp", "failed to write", "failed to rename". The new
+// file is then removed, and the target is as it was.
 const char* replace_file(const std::string& target, std::string_view content,
                          const ReplaceOptions& options);
 

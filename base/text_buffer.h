@@ -52,7 +52,17 @@ class TextBuffer {
     size_ += text.size();
   }
 
-  // Truncates the text to `size` bytes, at most size().
+  // Inserts at `at`, which must not be beyond the end; what follows is moved once.
+  void insert(size_t at, std::string_view text) {
+    assert(at <= size_);
+    prepare(text.size());
+    if (text.empty()) return;
+    std::memmove(data_ + at + text.size(), data_ + at, size_ - at);
+    std::memcpy(data_ + at, text.data(), text.size());
+    size_ += text.size();
+  }
+
+  // Cuts the text back to `size` bytes, which must not be more than there are.
   void truncate(size_t size) {
     assert(size <= size_);
     size_ = size;
@@ -101,9 +111,26 @@ inline char* put_hex(char* at, uint32_t number) {
   return at + digits;
 }
 
-// Appends one line, or one short record, to a TextBuffer. `max_bytes` is an upper bound of the
-// bytes to be written: 20 per number plus the length of each string. Each write asserts that it
-// stays within the bound.
+// Writes a number in decimal and returns the end of it; at most 10 bytes. Faster than std::to_chars
+// for the numbers of source lines.
+inline char* put_dec(char* at, uint32_t number) {
+  constexpr uint32_t kLimit = 10000;
+  if (number >= kLimit) return std::to_chars(at, at + 10, number).ptr;
+  // All four digits at once, then those that lead without need are shifted out.
+  const uint32_t high = number / 100;
+  const uint32_t low = number - high * 100;
+  const uint32_t tens = high * 103 >> 10;  // high / 10
+  const uint32_t units = low * 103 >> 10;  // low / 10
+  uint32_t word = tens | (high - tens * 10) << 8 | units << 16 | (low - units * 10) << 24;
+  const unsigned zeros = static_cast<unsigned>(__builtin_ctz(word | 0x80000000)) / 8;
+  word = (word | 0x30303030) >> 8 * zeros;
+  std::memcpy(at, &word, sizeof(word));
+  return at + 4 - zeros;
+}
+
+// Writes one line, or one short record, into a TextBuffer. `room` is an upper bound of the bytes
+// that will be written: a number takes at most 20, so callers count 20 a number and the length of
+// each text. Every write asserts that it stays inside, so a wrong bound shows in the first test.
 class LineWriter {
  public:
   LineWriter(TextBuffer& text, size_t max_bytes)

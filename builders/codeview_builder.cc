@@ -58,6 +58,18 @@ ModuleBuilder& ModuleBuilder::inline_site(uint32_t inlinee, const Annotations& a
   return symbol(kInlineSite, Bytes().u32(0).u32(0).u32(inlinee).text(annotations.bytes()).str());
 }
 
+ModuleBuilder& ModuleBuilder::inline_site2(uint32_t inlinee, const Annotations& annotations) {
+  return symbol(kInlineSite2,
+                Bytes().u32(0).u32(0).u32(inlinee).u32(1).text(annotations.bytes()).str());
+}
+
+// Parent, end, length, flags, offset, offset of the function, and the sections of both.
+ModuleBuilder& ModuleBuilder::separated_code(uint32_t offset, uint32_t length, uint32_t function) {
+  return symbol(
+      kSepCode,
+      Bytes().u32(0).u32(0).u32(length).u32(0).u32(offset).u32(function).u16(1).u16(1).str());
+}
+
 ModuleBuilder& ModuleBuilder::symbol(uint16_t kind, std::string_view body) {
   // The size field does not include itself. Including it, the record's length is a multiple of 4.
   const size_t padding = (4 - body.size() % 4) % 4;
@@ -219,6 +231,22 @@ uint32_t TypeStreamBuilder::enumeration(std::string_view name, uint32_t underlyi
 
 uint32_t TypeStreamBuilder::function_id(std::string_view name, uint32_t type, uint32_t scope) {
   return add(0x1601, Bytes().u32(scope).u32(type).zstr(name).str());
+}
+
+uint32_t TypeStreamBuilder::member_function_id(std::string_view name, uint32_t type,
+                                               uint32_t in_class) {
+  return add(0x1602, Bytes().u32(in_class).u32(type).zstr(name).str());
+}
+
+uint32_t TypeStreamBuilder::string_id(std::string_view text, uint32_t before) {
+  return add(0x1605, Bytes().u32(before).zstr(text).str());
+}
+
+uint32_t TypeStreamBuilder::string_list(const std::vector<uint32_t>& strings) {
+  Bytes payload;
+  payload.u32(static_cast<uint32_t>(strings.size()));
+  for (const uint32_t string : strings) payload.u32(string);
+  return add(0x1604, std::move(payload).str());
 }
 
 TypeStreamBuilder& TypeStreamBuilder::raw(std::string_view bytes) {

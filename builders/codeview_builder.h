@@ -29,11 +29,15 @@ inline constexpr uint16_t kLProc32Id = 0x1146;
 inline constexpr uint16_t kGProc32Id = 0x1147;
 inline constexpr uint16_t kInlineSite = 0x114D;
 inline constexpr uint16_t kInlineSiteEnd = 0x114E;
+inline constexpr uint16_t kSepCode = 0x1132;
+inline constexpr uint16_t kInlineSite2 = 0x115D;
 
 // C13 subsection kinds.
 inline constexpr uint32_t kLines = 0xF2;
 inline constexpr uint32_t kFileChecksums = 0xF4;
 inline constexpr uint32_t kInlineeLines = 0xF6;
+inline constexpr uint32_t kCrossScopeImports = 0xF7;
+inline constexpr uint32_t kCrossScopeExports = 0xF8;
 
 // Encodes an integer in the compressed form of annotations: 1, 2 or 4 bytes. Below 0x20000000.
 std::string compressed(uint32_t value);
@@ -95,6 +99,10 @@ class ModuleBuilder {
   // `parent` is not 0 for a nested thunk.
   ModuleBuilder& thunk(const Proc& thunk, uint32_t parent = 0);
   ModuleBuilder& inline_site(uint32_t inlinee, const Annotations& annotations);
+  // The second form of it, with a count of its invocations.
+  ModuleBuilder& inline_site2(uint32_t inlinee, const Annotations& annotations);
+  // Code of `length` bytes that was moved away from the function at `function`, both in section 1.
+  ModuleBuilder& separated_code(uint32_t offset, uint32_t length, uint32_t function);
   ModuleBuilder& inline_site_end() { return symbol(kInlineSiteEnd, {}); }
   ModuleBuilder& end() { return symbol(kEnd, {}); }
   // Any record: adds size and kind before `body`, and padding after it.
@@ -173,6 +181,10 @@ class TypeStreamBuilder {
   uint32_t union_type(std::string_view name, uint16_t size = 8);
   uint32_t enumeration(std::string_view name, uint32_t underlying = 0x74);
   uint32_t function_id(std::string_view name, uint32_t type, uint32_t scope = 0);
+  uint32_t member_function_id(std::string_view name, uint32_t type, uint32_t in_class);
+  // A string that follows the strings of the list `before`, which string_list() made.
+  uint32_t string_id(std::string_view text, uint32_t before = 0);
+  uint32_t string_list(const std::vector<uint32_t>& strings);
 
   TypeStreamBuilder& raw(std::string_view bytes);
   // Sets the index limit in the header to a wrong value.

@@ -245,19 +245,19 @@ bool symb_relocate(uint64_t base, uint64_t size);
 // Validates a block from an untrusted source. Lookups and loading do not call it; hosts do. `base`
 // is the address of the block, which is only read.
 //
-// Requirements:
-//
-//   - the magic, a version of 1, 2 or 3, and the header inside the block;
-//   - every table inside the block, after the header, at a multiple of 8; the size of the string
-//     table a multiple of 8; no two tables overlap; an empty table may have any offset, also 0;
-//   - every string inside the string table, starting at its begin or after a NUL; a NUL at the end
-//     of the table; only code_id, code_file and program_string may be 0;
-//   - strictly ascending order: files by index, public symbols and delta rules by address;
-//     functions, the lines of a function, and initial rules disjoint and ascending;
-//   - inline sites of a function in pre-order, each completely inside or completely after the one
-//     before it;
-//   - five frame info roots; the ranges of each array disjoint and ascending, inside the range that
-//     contains the array, of the type of their root;
+// What is demanded:
+//   - the magic, a version of 1, 2 or 3, the header inside the block;
+//   - every table inside the block, behind the header, at a multiple of 8; the string table's size
+//     too is a multiple of 8; no two tables share a byte; an empty table may stand anywhere, also
+//     at 0;
+//   - every string begins inside the string table, at its start or behind a NUL, and the table ends
+//     with a NUL; only code_id, code_file and program_string may be 0;
+//   - ascending orders, without repetition: files by index, publics and delta rules by address;
+//     functions, the lines of a function, initial rules disjoint and ascending;
+//   - inline sites of a function in pre-order, each wholly inside or wholly behind the one before
+//     it; one with the same range is inside if its `caller` is greater by 1;
+//   - five frame info roots; the ranges of each array disjoint and ascending, inside their
+//     container, of the type of their root;
 //   - no range that ends above 4 GiB.
 //
 // True guarantees that no lookup on the block (LoadMapFromMemory and later calls) reads outside of

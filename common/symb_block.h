@@ -14,9 +14,9 @@ namespace symforge_internal {
 
 constexpr std::string_view kSymbMagic = "SYMB";
 
-// Whether a block of unknown size begins with the magic. Stops reading at a NUL.
-inline bool symb_has_magic(const char* block) {
-  return std::strncmp(block, kSymbMagic.data(), kSymbMagic.size()) == 0;
+// Whether a block of `size` bytes begins with the magic.
+inline bool symb_has_magic(const char* block, size_t size) {
+  return size >= kSymbMagic.size() && std::memcmp(block, kSymbMagic.data(), kSymbMagic.size()) == 0;
 }
 
 // The version that the writer writes.

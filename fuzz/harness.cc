@@ -1,13 +1,26 @@
 #include "fuzz/harness.h"
 
+#include <malloc.h>
+#include <sys/mman.h>
+
 #include <algorithm>
+#include <atomic>
 #include <csetjmp>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
+#include <fstream>
+#include <new>
 #include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
 
+#include "base/mapped_file.h"
 #include "symforge/src/StreamReader.h"
+
+extern "C" __attribute__((weak)) void __asan_init();  // there in builds with a sanitizer
 
 namespace fuzzing {
 namespace {
@@ -23,6 +36,46 @@ constexpr std::string_view kDocumentedAssertions[] = {
 
 sigjmp_buf run_start;
 size_t aborted = 0;
+bool left_mappings = false;
+
+// The heap that is in use by operator new, and its peak.
+std::atomic<size_t> heap_bytes = 0;
+std::atomic<size_t> heap_peak = 0;
+
+double thread_seconds() {
+  timespec now = {};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
+
+void* allocate(size_t size) {
+  void* const memory = std::malloc(size != 0 ? size : 1);
+  if (memory == nullptr) throw std::bad_alloc();
+  const size_t now = heap_bytes += malloc_usable_size(memory);
+  if (now > heap_peak) heap_peak = now;
+  return memory;
+}
+
+void release(void* memory) {
+  if (memory == nullptr) return;
+  heap_bytes -= malloc_usable_size(memory);
+  std::free(memory);
+}
+
+// Inputs are files in memory. What an aborted run has mapped of them is unmapped before the next
+// run: by then the target has destroyed its own objects.
+void unmap_left_files() {
+  using symforge_internal::MMapWrapper;
+  std::ifstream maps("/proc/self/maps");
+  std::vector<std::pair<uintptr_t, uintptr_t>> left;
+  for (std::string line; std::getline(maps, line);) {
+    if (line.find("/memfd:memory") == line.npos) continue;
+    char* end = nullptr;
+    const uintptr_t first = std::strtoull(line.c_str(), &end, 16);
+    left.emplace_back(first, std::strtoull(end + 1, nullptr, 16) + MMapWrapper::kGuardBytes);
+  }
+  for (const auto& [first, end] : left) munmap(reinterpret_cast<void*>(first), end - first);
+}
 
 [[noreturn]] void fault(const char* what) {
   std::fprintf(stderr, "fault: %s\n", what);
@@ -55,9 +108,11 @@ class SignalScope {
 }  // namespace
 
 Outcome run_expecting_exit(const std::function<void()>& conversion) {
+  if (std::exchange(left_mappings, false)) unmap_left_files();
   const SignalScope signals;
   if (sigsetjmp(run_start, /*savemask=*/1) != 0) {
     ++aborted;
+    left_mappings = true;
     return Outcome::kAborted;
   }
   try {
@@ -72,6 +127,18 @@ Outcome run_expecting_exit(const std::function<void()>& conversion) {
   return Outcome::kReturned;
 }
 
+void bounded(const char* what, double seconds, size_t bytes, const std::function<void()>& call) {
+  const double slower = __asan_init != nullptr ? 100 : 5;
+  const size_t before = heap_bytes;
+  heap_peak = before;
+  const double start = thread_seconds();
+  call();
+  const double taken = thread_seconds() - start;
+  const std::string name = what;
+  if (taken > slower * seconds) fault((name + ": too long").c_str());
+  if (heap_peak - before > bytes) fault((name + ": too much memory").c_str());
+}
+
 size_t aborted_runs() { return aborted; }
 
 void require(bool condition, const char* what) {
@@ -80,7 +147,15 @@ void require(bool condition, const char* what) {
 
 }  // namespace fuzzing
 
-// Called by the leak checker: what an aborted run did not free is not a leak of the program.
+// In the place of the C++ library's, to count.
+void* operator new(size_t size) { return fuzzing::allocate(size); }
+void* operator new[](size_t size) { return fuzzing::allocate(size); }
+void operator delete(void* memory) noexcept { fuzzing::release(memory); }
+void operator delete[](void* memory) noexcept { fuzzing::release(memory); }
+void operator delete(void* memory, size_t) noexcept { fuzzing::release(memory); }
+void operator delete[](void* memory, size_t) noexcept { fuzzing::release(memory); }
+
+// Asked by the leak checker: what a run that was aborted has left behind is no leak of the program.
 extern "C" int __lsan_is_turned_off() { return fuzzing::aborted_runs() != 0; }
 
 // Replaces the C library's function: an assertion that input cannot violate is a fault.

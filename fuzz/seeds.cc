@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <filesystem>
+#include <random>
 #include <string>
 #include <string_view>
 
@@ -100,7 +101,19 @@ std::string image(bool pe32_plus) {
   return pe.build();
 }
 
-// An ARM64 image with packed entries, and records with and without epilogs.
+// A block after the offsets of a range with ranges inside and of the end of the strings.
+std::string frame_info() {
+  SymbModel model;
+  model.frame_info[4] = {{0, 99, "p", 0, {{0, 9, ""}, {10, 19, "q", 0, {{10, 11, ""}}}}}};
+  const std::string block = model.bytes();
+  const uint32_t root = get_u32(block, kSymbFrameInfo) + 4 * 64;
+  Bytes input;
+  input.u32(get_u32(block, root + 48));
+  input.u32(get_u32(block, kSymbStringTable) + get_u32(block, kSymbStringTable + 8));
+  return input.str() + block;
+}
+
+// Packed entries, and records with epilogs and without, on ARM64.
 std::string arm64_image() {
   PeBuilder pe;
   pe.machine(0xAA64).codeview({}, 1, "C:\\build\\a.pdb");
@@ -141,12 +154,22 @@ int main(int argc, char** argv) {
   seed("unwind_rules", "arm64", arm64_image());
   for (const char* text : {"rich.sym", "rich_shuffled.sym", "round_trip.sym", "published_linux.sym",
                            "published_mac.sym"}) {
-    for (const char* target : {"text_load_lookup", "round_trip", "lookup_agreement"}) {
+    for (const char* target :
+         {"text_load_lookup", "round_trip", "lookup_agreement", "host_loads"}) {
       seed(target, text, test_support::test_data(text));
     }
   }
   for (const uint32_t version : {1, 2, 3}) {
-    seed("symb", ("version_" + std::to_string(version)).c_str(), rich_symb_model(version).bytes());
+    for (const char* target : {"symb", "host_loads"}) {
+      seed(target, ("version_" + std::to_string(version)).c_str(),
+           rich_symb_model(version).bytes());
+    }
   }
+  seed("frame_info_check", "nested", frame_info());
+  std::string operations;
+  for (std::mt19937 random(1); operations.size() < 4096;) {
+    operations.push_back(static_cast<char>(random()));
+  }
+  seed("range_containers", "random", operations);
   return 0;
 }

@@ -21,10 +21,12 @@ class AddressMap {
   // Ordered by address. Iteration yields (address, entry).
   using AddressToEntryMap = BlockMap<AddressType, EntryType>;
 
-  // Returns false and logs a line if `address` exists already; the first entry is kept.
+  // False, with a line in the log (see LogLimit), if `address` is taken: the first entry stays.
   bool Store(const AddressType& address, const EntryType& entry) {
     if (map_.insert(address, entry)) return true;
-    SYMFORGE_LOG(INFO) << "Store failed, address " << HexString(address) << " is already present";
+    if (log_limit_.Admits()) {
+      SYMFORGE_LOG(INFO) << "Store failed, address " << HexString(address) << " is already present";
+    }
     return false;
   }
 
@@ -48,6 +50,7 @@ class AddressMap {
 
  private:
   AddressToEntryMap map_;
+  LogLimit log_limit_;
 };
 
 }  // namespace google_breakpad

@@ -30,8 +30,7 @@ bool BasicSourceLineResolver::Module::LoadMapInPlace(char* memory_buffer,
 
 bool BasicSourceLineResolver::Module::Load(char* buffer, size_t size,
                                            StringStorage::Place strings) {
-  // Checks the magic whatever the size is, because hosts rely on that.
-  if (buffer != nullptr && symb_has_magic(buffer)) return LoadMapFromMemoryB(buffer, size);
+  if (buffer != nullptr && symb_has_magic(buffer, size)) return LoadMapFromMemoryB(buffer, size);
   TextModuleLoader(this, TextModuleLoader::Readers::kQuickAndExact, strings).Load(buffer, size);
   return true;
 }

@@ -5,9 +5,9 @@
 // strings are stored in one arena. Entries are plain values and pointers, so a lookup shares no
 // mutable state and lookups can run concurrently.
 //
-// Loading SYMB data only stores the address of the block. Each lookup checks `symb_loaded_` first
-// and calls its variant with the suffix B, which searches the tables in place
-// (processor/symb_lookups.cc).
+// A SYMB load notes address and size of the block and reads nothing of it. Every lookup tests
+// `symb_loaded_` first and hands over to its counterpart with a B behind its name, which searches
+// the block's tables in place (processor/symb_lookups.cc).
 
 #pragma once
 
@@ -99,6 +99,7 @@ class BasicSourceLineResolver::Module : public SourceLineResolverBase::Module {
 
   bool symb_loaded_ = false;
   const char* symb_base_ = nullptr;  // not owned
+  size_t symb_size_ = 0;
   std::string name_;
   FileMap files_;
   FunctionMap functions_;

@@ -1,26 +1,37 @@
 #include "processor/cfi_frame_info.h"
 
-#include <cstring>
-#include <vector>
+#include <algorithm>
 
-#include "processor/tokenize.h"
+#include "common/lookup_limits.h"
 
 namespace google_breakpad {
 
+namespace {
+
+bool is_separator(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
+
+// The next token at or after `*at`, which moves to its end; empty at the end of the text.
+std::string_view next_token(const char** at) {
+  const char* begin = *at;
+  while (is_separator(*begin)) ++begin;
+  const char* end = begin;
+  while (*end != '\0' && !is_separator(*end)) ++end;
+  *at = end;
+  return {begin, static_cast<size_t>(end - begin)};
+}
+
+}  // namespace
+
 bool CFIRuleParser::Parse(const std::string& rule_set) {
-  std::vector<char> work;
-  StringToVector(rule_set, work);
   name_.clear();
   expression_.clear();
 
-  char* position = nullptr;
-  for (char* token = strtok_r(work.data(), " \t\r\n", &position); token != nullptr;
-       token = strtok_r(nullptr, " \t\r\n", &position)) {
-    const size_t length = strlen(token);
-    if (token[length - 1] == ':') {
-      if (length == 1) return false;
+  const char* position = rule_set.c_str();
+  for (std::string_view token; !(token = next_token(&position)).empty();) {
+    if (token.back() == ':') {
+      if (token.size() == 1) return false;
       if ((!name_.empty() || !expression_.empty()) && !Report()) return false;
-      name_.assign(token, length - 1);
+      name_.assign(token.data(), token.size() - 1);
       expression_.clear();
     } else {
       if (!expression_.empty()) expression_ += ' ';
@@ -39,6 +50,15 @@ bool CFIRuleParser::Report() {
   } else {
     handler_->RegisterRule(name_, expression_);
   }
+  return true;
+}
+
+bool CFIRuleBudget::Take(std::string_view text) {
+  using namespace symforge_internal;
+  const auto rules = static_cast<uint64_t>(std::count(text.begin(), text.end(), ':'));
+  const uint64_t cost = kRuleTextCost + kRuleCost * rules + text.size();
+  if (cost > kMaxRuleCost - taken_) return false;
+  taken_ += cost;
   return true;
 }
 

@@ -8,7 +8,9 @@
 
 #pragma once
 
+#include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "google_breakpad/processor/cfi_frame_info.h"
 
@@ -40,7 +42,17 @@ class CFIRuleParser {
   std::string expression_;  // the expression so far
 };
 
-// Stores the rules in a CFIFrameInfo, which it does not own. A later rule replaces an earlier one.
+// Keeps the rule sets that one lookup applies within kMaxRuleCost (common/lookup_limits.h).
+class CFIRuleBudget {
+ public:
+  // False if the text is too much.
+  bool Take(std::string_view text);
+
+ private:
+  uint64_t taken_ = 0;
+};
+
+// Stores the rules in a CFIFrameInfo, which is not owned. A later rule replaces an earlier one.
 class CFIFrameInfoParseHandler : public CFIRuleParser::Handler {
  public:
   explicit CFIFrameInfoParseHandler(CFIFrameInfo* frame_info) : frame_info_(frame_info) {}

@@ -28,6 +28,7 @@
 #include <algorithm>
 #include <cassert>
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <memory>
 #include <utility>
@@ -61,15 +62,17 @@ class ContainedRange {
   // The ranges directly inside this one; null if there are none.
   const AddressToRangeMap* Map() const { return map_.get(); }
 
-  // The entry of the narrowest range inside this one that holds `address`. False if there is none.
-  // `entry` must not be null.
-  bool RetrieveRange(const AddressType& address, EntryType* entry) const {
+  // The entry of the narrowest range inside this one that holds `address`. False if there is none,
+  // or if more than `max_depth` ranges hold it. `entry` must not be null.
+  bool RetrieveRange(const AddressType& address, EntryType* entry,
+                     size_t max_depth = SIZE_MAX) const {
     if (!entry) {
       SYMFORGE_LOG(ERROR) << "ContainedRangeMap::RetrieveRange requires |entry|";
       assert(entry);
     }
     const ContainedRange* deepest = nullptr;
     for (auto* range = ChildAt(address); range != nullptr; range = range->ChildAt(address)) {
+      if (max_depth-- == 0) return false;
       deepest = range;
     }
     if (deepest == nullptr) return false;

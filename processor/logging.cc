@@ -34,6 +34,13 @@ LogStream::LogStream(std::ostream& stream, Severity severity, const char* file, 
 
 LogStream::~LogStream() { stream_ << std::endl; }
 
+bool LogLimit::Admits() {
+  if (messages_ > kMaxMessages) return false;
+  if (messages_++ < kMaxMessages) return true;
+  SYMFORGE_LOG(INFO) << "Further messages of this kind are left out";
+  return false;
+}
+
 int ErrnoString(std::string* error_string) {
   assert(error_string);
   const int error = errno;

@@ -46,7 +46,22 @@ class LogMessageVoidify {
   void operator&(std::ostream&) {}
 };
 
-// Stores the text of the current errno in `*error_string`; returns errno.
+// Counts the messages of one kind, of which input decides how many there are.
+//
+//   if (limit.Admits()) SYMFORGE_LOG(INFO) << ...;
+class LogLimit {
+ public:
+  static constexpr int kMaxMessages = 1000;
+
+  // Whether the next message is to be written. After the last one a line says that further ones are
+  // left out.
+  bool Admits();
+
+ private:
+  int messages_ = 0;
+};
+
+// The text of the current errno in `*error_string`; returns errno.
 int ErrnoString(std::string* error_string);
 
 // Formats "0x" and the number in lower-case hexadecimal, unpadded.

@@ -48,9 +48,9 @@ class RangeMap {
   void SetMergeStrategy(MergeRangeStrategy strategy) { merge_strategy_ = strategy; }
   MergeRangeStrategy GetMergeStrategy() const { return merge_strategy_; }
 
-  // Stores `entry` for `size` addresses starting at `base`. Returns false if the range is rejected:
-  // because its size is 0, because it exceeds the largest address (logged), or by the merge
-  // strategy.
+  // Stores `entry` for `size` addresses from `base` on. False if the range is refused: for a size
+  // of 0, when it runs past the largest address (logged, as far as a LogLimit admits), or by the
+  // merge strategy.
   bool StoreRange(const AddressType& base, const AddressType& size, const EntryType& entry) {
     return StoreRangeInternal(base, 0, size, entry);
   }
@@ -125,6 +125,7 @@ class RangeMap {
   bool enable_shrink_down_ = false;  // reserved, not used
   MergeRangeStrategy merge_strategy_ = MergeRangeStrategy::kExclusiveRanges;
   AddressToRangeMap map_;
+  LogLimit log_limit_;
 };
 
 // Each iteration truncates the new range or a stored one, and looks again.
@@ -136,9 +137,11 @@ bool RangeMap<AddressType, EntryType>::StoreRangeInternal(AddressType base, Addr
     if (size == 0) return false;
     const AddressType high = base + size - 1;
     if (high < base) {
-      SYMFORGE_LOG(INFO) << "StoreRangeInternal failed, " << HexString(base) << "+"
-                         << HexString(size) << ", " << HexString(high)
-                         << ", delta: " << HexString(delta);
+      if (log_limit_.Admits()) {
+        SYMFORGE_LOG(INFO) << "StoreRangeInternal failed, " << HexString(base) << "+"
+                           << HexString(size) << ", " << HexString(high)
+                           << ", delta: " << HexString(delta);
+      }
       return false;
     }
     const Iterator at_base = map_.lower_bound(base);

@@ -1,15 +1,21 @@
 #include "google_breakpad/processor/source_line_resolver_base.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cassert>
-#include <cstdio>
+#include <cerrno>
 #include <cstring>
 #include <memory>
+#include <optional>
 
+#include "base/file_io.h"
 #include "base/huge_page_block.h"
+#include "base/printable.h"
 #include "common/symb.h"
 #include "common/symb_block.h"
+#include "common/symb_safety.h"
 #include "processor/cfi_frame_info.h"
 #include "processor/logging.h"
 #include "processor/module_factory.h"
@@ -17,20 +23,60 @@
 
 namespace google_breakpad {
 
+using symforge_internal::FileDescriptor;
 using symforge_internal::prefer_huge_pages;
+using symforge_internal::printable;
+using symforge_internal::symb_check_safety;
 using symforge_internal::symb_has_magic;
 
 namespace {
 
+constexpr off_t kFileSizeLimit = off_t{1} << 31;
+
 void log_failure(const char* what, const std::string& map_file) {
   std::string error_string;
   const int error = ErrnoString(&error_string);
-  SYMFORGE_LOG(ERROR) << what << map_file << ", error " << error << ": " << error_string;
+  SYMFORGE_LOG(ERROR) << what << printable(map_file) << ", error " << error << ": " << error_string;
 }
 
-struct FileCloser {
-  void operator()(FILE* file) const { fclose(file); }
-};
+// The size of a regular file that can be loaded. None, with a line in the log, for any other: to
+// open a FIFO or a device could block or have effects.
+std::optional<size_t> size_to_read(const std::string& map_file) {
+  struct stat status;
+  if (stat(map_file.c_str(), &status) == -1) {
+    log_failure("Could not open ", map_file);
+    return std::nullopt;
+  }
+  if (!S_ISREG(status.st_mode)) {
+    errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+    log_failure("Could not open ", map_file);
+    return std::nullopt;
+  }
+  if (status.st_size >= kFileSizeLimit) {
+    errno = EFBIG;
+    log_failure("Could not slurp ", map_file);
+    return std::nullopt;
+  }
+  return static_cast<size_t>(status.st_size);
+}
+
+bool is_regular(int fd) {
+  struct stat status;
+  if (fstat(fd, &status) == -1) return false;
+  errno = EINVAL;
+  return S_ISREG(status.st_mode);
+}
+
+bool read_exactly(int fd, char* to, size_t size) {
+  while (size > 0) {
+    const ssize_t got = read(fd, to, size);
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) return false;
+    to += got;
+    size -= static_cast<size_t>(got);
+  }
+  return true;
+}
 
 }  // namespace
 
@@ -64,31 +110,25 @@ bool SourceLineResolverBase::ReadSymbolFile(const std::string& map_file, char** 
     SYMFORGE_LOG(ERROR) << "Could not Read file into Null memory pointer";
     return false;
   }
-  struct stat status;
-  if (stat(map_file.c_str(), &status) == -1) {
-    log_failure("Could not open ", map_file);
-    return false;
-  }
-  const auto file_size = static_cast<size_t>(status.st_size);
-  std::unique_ptr<char[]> data(new char[file_size + 1]);
-  prefer_huge_pages(data.get(), file_size + 1);
   *symbol_data = nullptr;
-  *symbol_data_size = file_size + 1;
-
-  SYMFORGE_LOG(INFO) << "Opening " << map_file;
-  const std::unique_ptr<FILE, FileCloser> file(fopen(map_file.c_str(), "rt"));
-  if (!file) {
+  const std::optional<size_t> file_size = size_to_read(map_file);
+  if (!file_size) return false;
+  *symbol_data_size = *file_size + 1;
+  SYMFORGE_LOG(INFO) << "Opening " << printable(map_file);
+  // What has taken the file's place in the meantime must not block the host.
+  const FileDescriptor file(open(map_file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  if (!file.is_open() || !is_regular(file.get())) {
     log_failure("Could not open ", map_file);
     return false;
   }
-  // The count is an int: a file of 2 GiB or more is refused here.
-  const int items_read = static_cast<int>(fread(data.get(), 1, file_size, file.get()));
-  if (items_read < 0 || static_cast<size_t>(items_read) != file_size) {
+  std::unique_ptr<char[]> data(new char[*file_size + 1]);
+  prefer_huge_pages(data.get(), *file_size + 1);
+  if (!read_exactly(file.get(), data.get(), *file_size)) {
     log_failure("Could not slurp ", map_file);
     return false;
   }
-  data[file_size] = '\0';
-  symb_touch(fileno(file.get()));
+  data[*file_size] = '\0';
+  symb_touch(file.get());
   *symbol_data = data.release();
   return true;
 }
@@ -97,16 +137,22 @@ bool SourceLineResolverBase::ReadSymbolFile(const std::string& map_file, char** 
 bool SourceLineResolverBase::MayLoad(const CodeModule* module) const {
   if (module == nullptr) return false;
   if (modules_->find(module->debug_identifier()) == modules_->end()) return true;
-  SYMFORGE_LOG(INFO) << "Symbols for module " << module->code_file() << " already loaded";
+  SYMFORGE_LOG(INFO) << "Symbols for module " << printable(module->code_file())
+                     << " already loaded";
   return false;
 }
 
-// Loads from a buffer made by array new, and keeps or deletes it. SYMB symbols lie in the buffer,
-// so with them it is kept whatever the resolver says about text: lookups must not read freed
-// memory.
+// Loads from a buffer made by array new, `size` bytes with a NUL after the contents, and keeps or
+// deletes it. SYMB symbols stay in the buffer, so with them it is kept whatever the resolver says
+// about text: lookups must not read freed memory.
 bool SourceLineResolverBase::LoadOwnedBuffer(const CodeModule* module, char* buffer, size_t size) {
   std::unique_ptr<char[]> owned(buffer);
-  const bool is_symb = symb_has_magic(buffer);
+  const bool is_symb = symb_has_magic(buffer, size);
+  if (is_symb && !symb_check_safety(buffer, size - 1)) {
+    SYMFORGE_LOG(ERROR) << "Unsafe SYMB data for module " << printable(module->code_file())
+                        << ": not loaded";
+    return false;
+  }
   const bool loaded = LoadModuleUsingMemoryBuffer(module, buffer, size);
   if (loaded && (is_symb || !ShouldDeleteMemoryBufferAfterLoadModule())) {
     memory_buffers_->emplace(module->debug_identifier(), owned.release());
@@ -116,12 +162,12 @@ bool SourceLineResolverBase::LoadOwnedBuffer(const CodeModule* module, char* buf
 
 bool SourceLineResolverBase::LoadModule(const CodeModule* module, const std::string& map_file) {
   if (!MayLoad(module)) return false;
-  SYMFORGE_LOG(INFO) << "Loading symbols for module " << module->code_file() << " from "
-                     << map_file;
+  SYMFORGE_LOG(INFO) << "Loading symbols for module " << printable(module->code_file()) << " from "
+                     << printable(map_file);
   char* buffer = nullptr;
   size_t size = 0;
   if (!ReadSymbolFile(map_file, &buffer, &size)) return false;
-  SYMFORGE_LOG(INFO) << "Read symbol file " << map_file << " succeeded";
+  SYMFORGE_LOG(INFO) << "Read symbol file " << printable(map_file) << " succeeded";
   return LoadOwnedBuffer(module, buffer, size);
 }
 
@@ -137,13 +183,13 @@ bool SourceLineResolverBase::LoadModuleUsingMemoryBuffer(const CodeModule* modul
                                                          char* memory_buffer,
                                                          size_t memory_buffer_size) {
   if (!MayLoad(module)) return false;
-  SYMFORGE_LOG(INFO) << "Loading symbols for module " << module->code_file()
+  SYMFORGE_LOG(INFO) << "Loading symbols for module " << printable(module->code_file())
                      << " from memory buffer";
   const std::string identifier = module->debug_identifier();
   std::unique_ptr<Module> symbols(module_factory_->CreateModule(identifier));
   if (!symbols->LoadMapFromMemory(memory_buffer, memory_buffer_size)) {
     SYMFORGE_LOG(ERROR) << "Too many error while parsing symbol data for module "
-                        << module->code_file();
+                        << printable(module->code_file());
     assert(symbols->IsCorrupt());
   }
   if (symbols->IsCorrupt()) corrupt_modules_->insert(identifier);

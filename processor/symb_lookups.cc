@@ -1,6 +1,7 @@
-// The lookups on a SYMB block: binary searches over its tables as they lie, which may be a
-// read-only mapping. Nothing is parsed or kept; nothing of the block is checked either, that is
-// symb_validate()'s task (common/symb.h).
+// The lookups on a SYMB block: binary searches over its tables as they are stored, which may be in
+// a read-only mapping. Nothing is parsed or kept. Whatever the block holds, nothing outside of it
+// is read: a table ends with the block at the latest, and so does a string. What a lookup costs is
+// bounded by the limits in common/lookup_limits.h in a block that has passed symb_check_safety().
 //
 // The searches visit the very records that their loops name, also in a table that is out of order:
 // what they answer there is part of what hosts see. Only what is fetched ahead is free.
@@ -8,24 +9,31 @@
 // Addresses: functions, lines, initial rules and the fallback of the frame info search compare the
 // low 32 bits of the address, everything else the whole 64-bit address.
 
+#include <algorithm>
+#include <cstring>
 #include <memory>
 #include <memory_resource>
+#include <optional>
+#include <string_view>
 #include <vector>
 
-#include "base/cycle_detector.h"
 #include "base/nested_range_stack.h"
+#include "base/range_nesting.h"
+#include "common/lookup_limits.h"
 #include "common/symb.h"
 #include "common/symb_block.h"
 #include "google_breakpad/processor/code_module.h"
 #include "google_breakpad/processor/stack_frame.h"
 #include "processor/basic_source_line_resolver_module.h"
-#include "processor/cfi_frame_info.h"
-#include "processor/contained_range_map.h"
+#include "processor/rule_set_applier.h"
 
 namespace google_breakpad {
 
-using symforge_internal::CycleDetector;
+using symforge_internal::kMaxFrameInfoDepth;
+using symforge_internal::kMaxInlineSites;
+using symforge_internal::kMaxStringBytes;
 using symforge_internal::NestedRangeStack;
+using symforge_internal::RangeNesting;
 using symforge_internal::symb_has_inlines;
 using symforge_internal::symb_load;
 
@@ -122,30 +130,16 @@ uint64_t position_at_or_above(const char* table, uint64_t count, uint64_t value)
   return position<kStride, kAddress>(table, count, value, 0);
 }
 
-// The narrowest range that holds `address` among those inside the given record, or null. A record
-// that is met twice on the way down would be met for ever: a damaged block, nothing is found.
-const char* SymbNestedWFIFind(const char* base, uint64_t address, const char* nested_wfi) {
-  constexpr size_t kRecord = sizeof(symb_nested_window_frame_info);
-  const char* found = nullptr;
-  for (CycleDetector<const char*> cycle;;) {
-    const auto owner = symb_load<symb_nested_window_frame_info>(found ? found : nested_wfi);
-    if (owner.map == 0 || owner.map_count == 0) return found;
-    const char* const array = base + owner.map;
-    const uint64_t position =
-        position_at_or_above<kRecord, offsetof(symb_nested_window_frame_info, address)>(
-            array, owner.map_count, address);
-    if (position >= owner.map_count) return found;
-    const char* const candidate = array + position * kRecord;
-    if (address < symb_load<symb_nested_window_frame_info>(candidate).base) return found;
-    if (cycle.visit(candidate)) return nullptr;
-    found = candidate;
-  }
-}
+// Records that lie in the block.
+struct Table {
+  const char* records;
+  uint64_t count;
+};
 
 // The tables of a block, found anew for each lookup: the block is all there is.
 class Tables {
  public:
-  explicit Tables(const char* base) : base_(base) {}
+  Tables(const char* base, uint64_t size) : base_(base), size_(size) {}
 
   // A field of the header, given by its place.
   template <typename T = uint64_t>
@@ -153,93 +147,121 @@ class Tables {
     return symb_load<T>(base_ + field);
   }
   uint32_t version() const { return header<uint32_t>(offsetof(symb_header_metadata, version)); }
-  const char* at(uint64_t reference) const { return base_ + reference; }
 
-  uint64_t function_count() const { return header(offsetof(symb_header_v1, function_count)); }
-  const char* functions() const { return at(header(offsetof(symb_header_v1, functions))); }
-  bool has_functions() const { return function_count() != 0 && functions() != base_; }
+  // The part of a table that lies in the block.
+  template <size_t kStride>
+  Table table(uint64_t offset, uint64_t count) const {
+    if (offset > size_) return {base_, 0};
+    return {base_ + offset, std::min(count, (size_ - offset) / kStride)};
+  }
+  // A table of the header, given by the place of its offset.
+  template <size_t kStride>
+  Table header_table(size_t field) const {
+    return table<kStride>(header(field), header(field + sizeof(uint64_t)));
+  }
+  // Ends with the block, and is no longer than a lookup may return.
+  std::string_view string(uint64_t offset) const {
+    if (offset >= size_) return {};
+    return {base_ + offset, strnlen(base_ + offset, std::min(size_ - offset, kMaxStringBytes))};
+  }
+  void prefetch(uint64_t offset) const { __builtin_prefetch(base_ + offset); }
+
+  bool has_functions() const {
+    return header(offsetof(symb_header_v1, function_count)) != 0 &&
+           header(offsetof(symb_header_v1, functions)) != 0;
+  }
 
   // `kStride` is the size of a function record, or what the search takes it to be.
   template <size_t kStride>
   const char* function(uint64_t address) const {
-    return find_range<kStride, offsetof(symb_func, address)>(functions(), function_count(),
+    const Table functions = header_table<kStride>(offsetof(symb_header_v1, functions));
+    return find_range<kStride, offsetof(symb_func, address)>(functions.records, functions.count,
                                                              static_cast<uint32_t>(address));
   }
 
-  // Null if no file has that number.
-  const char* file_name(int32_t source_file_id) const {
-    const char* table = at(header(offsetof(symb_header_v1, files)));
+  // The offset of its name; none if no file has that number.
+  std::optional<uint64_t> file_name(int32_t source_file_id) const {
+    const auto [files, count] = header_table<sizeof(symb_file)>(offsetof(symb_header_v1, files));
     uint64_t lo = 0;
-    uint64_t hi = header(offsetof(symb_header_v1, file_count));
+    uint64_t hi = count;
     while (lo < hi) {
       const uint64_t mid = (lo + hi) / 2;
-      const auto file = symb_load<symb_file>(table + mid * sizeof(symb_file));
-      if (source_file_id == file.index) return at(file.name);
+      const auto file = symb_load<symb_file>(files + mid * sizeof(symb_file));
+      if (source_file_id == file.index) return file.name;
       if (source_file_id < file.index) {
         hi = mid;
       } else {
         lo = mid + 1;
       }
     }
-    return nullptr;
+    return std::nullopt;
   }
 
   void set_function(const symb_func& function, StackFrame* frame) const {
     frame->function_base = function.address + frame->module->base_address();
-    frame->function_name = at(function.name);
+    frame->function_name = string(function.name);
   }
   void set_line(const symb_func& function, uint64_t address, StackFrame* frame) const;
-  void append_inlines(const char* sites, uint32_t count, uint64_t address, StackFrame* frame) const;
+  void append_inlines(const Table& sites, uint64_t address, StackFrame* frame) const;
   void set_public(uint64_t address, uint64_t nearest_function, StackFrame* frame) const;
   uint64_t nearest_function_inline(uint64_t address) const;
-  const char* frame_info_root(uint64_t type) const;
+  const char* find_frame_info(uint64_t type, uint64_t address) const;
 
  private:
   void append_inline(const symb_inline& site, StackFrame* frame) const;
+  const char* SymbNestedWFIFind(uint64_t address, const char* nested_wfi) const;
 
   const char* base_;
+  uint64_t size_;
 };
 
 void Tables::set_line(const symb_func& function, uint64_t address, StackFrame* frame) const {
+  const Table lines = table<sizeof(symb_line)>(function.lines, function.line_count);
   const char* record = find_range<sizeof(symb_line), offsetof(symb_line, address)>(
-      at(function.lines), function.line_count, static_cast<uint32_t>(address));
+      lines.records, lines.count, static_cast<uint32_t>(address));
   if (record == nullptr) return;
   const auto line = symb_load<symb_line>(record);
-  if (const char* name = file_name(line.source_file_id)) frame->source_file_name = name;
+  if (const auto name = file_name(line.source_file_id)) frame->source_file_name = string(*name);
   frame->source_line = line.line;
   frame->source_line_base = line.address + frame->module->base_address();
 }
 
 void Tables::append_inline(const symb_inline& site, StackFrame* frame) const {
   StackFrame::Inline& inlined = frame->inlines.emplace_back();
-  inlined.name = at(site.name);
+  inlined.name = string(site.name);
   inlined.source_line = site.line;
-  if (const char* file = file_name(site.source_file_id)) inlined.source_file_name = file;
+  if (const auto file = file_name(site.source_file_id)) inlined.source_file_name = string(*file);
 }
 
-// The sites around an address, the outermost first, by a tree of all of them: for tables whose
-// sites do not stand in the order that a writer gives them.
-std::vector<const char*> inline_stack_by_tree(const char* sites, uint32_t count, uint64_t address) {
-  ContainedRangeMap<MemAddr, const char*> tree;
-  for (uint32_t i = 0; i < count; ++i) {
-    const char* record = sites + i * sizeof(symb_inline);
+// The sites around an address, the outermost first, as a tree of all of them would have them: for
+// tables whose sites are not in the order that a writer gives them.
+std::vector<const char*> inline_stack_by_nesting(const Table& sites, uint64_t address) {
+  std::vector<RangeNesting<uint64_t>::Range> ranges;
+  std::vector<const char*> stored;
+  for (uint64_t i = 0; i < sites.count; ++i) {
+    const char* record = sites.records + i * sizeof(symb_inline);
     const auto site = symb_load<symb_inline>(record);
-    tree.StoreRange(site.address, site.size, record);
+    if (site.size == 0) continue;
+    ranges.push_back({site.address, uint64_t{site.address} + site.size - 1});
+    stored.push_back(record);
   }
+  RangeNesting<uint64_t> nesting;
   std::vector<const char*> stack;
-  tree.RetrieveRangeStack(address, stack);
+  for (const uint32_t i : nesting.nest(ranges)) {
+    if (ranges[i].base <= address && address <= ranges[i].high) stack.push_back(stored[i]);
+  }
   return stack;
 }
 
-// The same without a tree. In a table in pre-order the tree would store every site, inside exactly
+// The same without sorting. In a table in pre-order the tree would store every site, inside exactly
 // those before it that hold it whole (see NestedRangeStack); so the sites around an address are
 // those whose own range holds it, and the table's order is theirs. False if the table is not like
 // that.
-bool inline_stack_in_order(const char* sites, uint32_t count, uint64_t address,
+bool inline_stack_in_order(const Table& sites, uint64_t address,
                            std::pmr::vector<const char*>& stack) {
   NestedRangeStack nesting;
-  for (uint32_t i = 0; i < count; ++i) {
-    const char* record = sites + i * sizeof(symb_inline);
+  for (uint64_t i = 0; i < sites.count; ++i) {
+    const char* record = sites.records + i * sizeof(symb_inline);
     const auto site = symb_load<symb_inline>(record);
     const NestedRangeStack::Place place = nesting.add(site.address, site.size, site.caller);
     if (place == NestedRangeStack::Place::kOutOfOrder) return false;
@@ -250,18 +272,17 @@ bool inline_stack_in_order(const char* sites, uint32_t count, uint64_t address,
   return true;
 }
 
-void Tables::append_inlines(const char* sites, uint32_t count, uint64_t address,
-                            StackFrame* frame) const {
+void Tables::append_inlines(const Table& sites, uint64_t address, StackFrame* frame) const {
   char memory[64 * sizeof(const char*)];
   std::pmr::monotonic_buffer_resource resource(memory, sizeof(memory));
   std::pmr::vector<const char*> stack(&resource);
   stack.reserve(16);
-  if (!inline_stack_in_order(sites, count, address, stack)) {
-    const auto by_tree = inline_stack_by_tree(sites, count, address);
-    stack.assign(by_tree.begin(), by_tree.end());
+  if (!inline_stack_in_order(sites, address, stack)) {
+    const auto by_nesting = inline_stack_by_nesting(sites, address);
+    stack.assign(by_nesting.begin(), by_nesting.end());
   }
   frame->inlines.reserve(frame->inlines.size() + stack.size());
-  for (const char* site : stack) __builtin_prefetch(at(symb_load<symb_inline>(site).name));
+  for (const char* site : stack) prefetch(symb_load<symb_inline>(site).name);
   for (auto site = stack.rbegin(); site != stack.rend(); ++site) {
     append_inline(symb_load<symb_inline>(*site), frame);
   }
@@ -270,34 +291,54 @@ void Tables::append_inlines(const char* sites, uint32_t count, uint64_t address,
 // The start of the last function that begins at or below `address`; 0 for none.
 uint64_t Tables::nearest_function_inline(uint64_t address) const {
   constexpr size_t kRecord = sizeof(symb_func_inline);
-  const char* table = functions();
+  const Table functions = header_table<kRecord>(offsetof(symb_header_v1, functions));
   const uint64_t position = position_behind<kRecord, offsetof(symb_func_inline, address)>(
-      table, function_count(), address);
+      functions.records, functions.count, address);
   if (position == 0) return 0;
-  return symb_load<symb_func_inline>(table + (position - 1) * kRecord).address;
+  return symb_load<symb_func_inline>(functions.records + (position - 1) * kRecord).address;
 }
 
 // A public symbol stands for what lies behind it, up to the next function: one whose range has
 // ended hides the publics at and below its start.
 void Tables::set_public(uint64_t address, uint64_t nearest_function, StackFrame* frame) const {
-  const uint64_t count = header(offsetof(symb_header_v1, public_function_count));
-  if (count == 0) return;
-  const char* table = at(header(offsetof(symb_header_v1, public_functions)));
-  const uint64_t position =
-      position_behind<sizeof(symb_public), offsetof(symb_public, address)>(table, count, address);
+  constexpr size_t kRecord = sizeof(symb_public);
+  const Table publics = header_table<kRecord>(offsetof(symb_header_v1, public_functions));
+  const uint64_t position = position_behind<kRecord, offsetof(symb_public, address)>(
+      publics.records, publics.count, address);
   if (position == 0) return;
-  const auto symbol = symb_load<symb_public>(table + (position - 1) * sizeof(symb_public));
+  const auto symbol = symb_load<symb_public>(publics.records + (position - 1) * kRecord);
   if (nearest_function != 0 && symbol.address <= nearest_function) return;
-  frame->function_name = at(symbol.name);
+  frame->function_name = string(symbol.name);
   frame->function_base = symbol.address + frame->module->base_address();
 }
 
-// Null if the block has no root for that type.
-const char* Tables::frame_info_root(uint64_t type) const {
-  const uint64_t roots = header(offsetof(symb_header_v1, windows_frame_info));
-  const uint64_t count = header(offsetof(symb_header_v1, windows_frame_info_count));
-  if (roots == 0 || count <= type) return nullptr;
-  return at(roots) + type * sizeof(symb_nested_window_frame_info);
+// The narrowest range of that type that holds `address`, or null.
+const char* Tables::find_frame_info(uint64_t type, uint64_t address) const {
+  constexpr size_t kRecord = sizeof(symb_nested_window_frame_info);
+  if (header(offsetof(symb_header_v1, windows_frame_info)) == 0) return nullptr;
+  const Table roots = header_table<kRecord>(offsetof(symb_header_v1, windows_frame_info));
+  if (roots.count <= type) return nullptr;
+  return SymbNestedWFIFind(address, roots.records + type * kRecord);
+}
+
+// The narrowest range that holds `address` among those inside the given record, or null. Ranges
+// that nest deeper than in any real program, or for ever, are a damaged block: nothing is found.
+const char* Tables::SymbNestedWFIFind(uint64_t address, const char* nested_wfi) const {
+  constexpr size_t kRecord = sizeof(symb_nested_window_frame_info);
+  const char* found = nullptr;
+  for (size_t depth = 0; depth <= kMaxFrameInfoDepth; ++depth) {
+    const auto owner = symb_load<symb_nested_window_frame_info>(found ? found : nested_wfi);
+    if (owner.map == 0 || owner.map_count == 0) return found;
+    const Table array = table<kRecord>(owner.map, owner.map_count);
+    const uint64_t position =
+        position_at_or_above<kRecord, offsetof(symb_nested_window_frame_info, address)>(
+            array.records, array.count, address);
+    if (position >= array.count) return found;
+    const char* const candidate = array.records + position * kRecord;
+    if (address < symb_load<symb_nested_window_frame_info>(candidate).base) return found;
+    found = candidate;
+  }
+  return nullptr;
 }
 
 std::unique_ptr<WindowsFrameInfo> frame_info_of(const Tables& tables, const char* record) {
@@ -307,22 +348,26 @@ std::unique_ptr<WindowsFrameInfo> frame_info_of(const Tables& tables, const char
   info->valid = found.valid;
   static_cast<StackWinSizes&>(*info) = symforge_internal::symb_sizes(found);
   info->allocates_base_pointer = found.allocates_base_pointer != 0;
-  if (found.program_string != 0) info->program_string = tables.at(found.program_string);
+  if (found.program_string != 0) info->program_string = tables.string(found.program_string);
   return info;
 }
 
 }  // namespace
 
 bool BasicSourceLineResolver::Module::LoadMapFromMemoryB(char* memory_buffer,
-                                                         size_t /*memory_buffer_size*/) {
+                                                         size_t memory_buffer_size) {
+  // What is too short for a header is a block without symbols.
+  static constexpr symb_header_v1 kNoSymbols{};
+  const bool has_header = memory_buffer_size >= sizeof kNoSymbols;
   symb_loaded_ = true;
-  symb_base_ = memory_buffer;
+  symb_base_ = has_header ? memory_buffer : reinterpret_cast<const char*>(&kNoSymbols);
+  symb_size_ = has_header ? memory_buffer_size : sizeof kNoSymbols;
   return true;
 }
 
 void BasicSourceLineResolver::Module::LookupAddressB(StackFrame* frame) const {
   if (!symb_loaded_) return;
-  const Tables tables(symb_base_);
+  const Tables tables(symb_base_, symb_size_);
   if (symb_has_inlines(tables.version())) {
     LookupAddressBInline(frame);
     return;
@@ -338,7 +383,7 @@ void BasicSourceLineResolver::Module::LookupAddressB(StackFrame* frame) const {
 
 void BasicSourceLineResolver::Module::LookupAddressBInline(StackFrame* frame) const {
   if (!symb_loaded_) return;
-  const Tables tables(symb_base_);
+  const Tables tables(symb_base_, symb_size_);
   const uint64_t address = relative_address(*frame);
   if (!tables.has_functions()) {
     tables.set_public(address, 0, frame);
@@ -353,24 +398,24 @@ void BasicSourceLineResolver::Module::LookupAddressBInline(StackFrame* frame) co
   const auto inline_count = symb_load<uint32_t>(record + offsetof(symb_func_inline, inline_count));
   const auto inlines = symb_load<uint64_t>(record + offsetof(symb_func_inline, inlines));
   // What comes next lies in three places far from each other.
-  __builtin_prefetch(tables.at(function.name));
-  __builtin_prefetch(tables.at(function.lines));
-  if (inline_count != 0) __builtin_prefetch(tables.at(inlines));
+  tables.prefetch(function.name);
+  tables.prefetch(function.lines);
+  if (inline_count != 0) tables.prefetch(inlines);
   tables.set_function(function, frame);
   if (function.line_count == 0) return;  // such a function has no inline frames either
   tables.set_line(function, address, frame);
-  if (inline_count != 0) tables.append_inlines(tables.at(inlines), inline_count, address, frame);
+  if (inline_count == 0 || inline_count > kMaxInlineSites) return;
+  tables.append_inlines(tables.table<sizeof(symb_inline)>(inlines, inline_count), address, frame);
 }
 
 WindowsFrameInfo* BasicSourceLineResolver::Module::FindWindowsFrameInfoB(
     const StackFrame* frame) const {
   if (!symb_loaded_) return nullptr;
-  const Tables tables(symb_base_);
+  const Tables tables(symb_base_, symb_size_);
   const uint64_t address = relative_address(*frame);
   for (const auto type :
        {WindowsFrameInfo::STACK_INFO_FRAME_DATA, WindowsFrameInfo::STACK_INFO_FPO}) {
-    const char* root = tables.frame_info_root(type);
-    const char* record = root == nullptr ? nullptr : SymbNestedWFIFind(symb_base_, address, root);
+    const char* record = tables.find_frame_info(type, address);
     if (record != nullptr) return frame_info_of(tables, record).release();
   }
 
@@ -388,28 +433,28 @@ WindowsFrameInfo* BasicSourceLineResolver::Module::FindWindowsFrameInfoB(
 
 CFIFrameInfo* BasicSourceLineResolver::Module::FindCFIFrameInfoB(const StackFrame* frame) const {
   if (!symb_loaded_) return nullptr;
-  const Tables tables(symb_base_);
+  const Tables tables(symb_base_, symb_size_);
   const uint64_t address = relative_address(*frame);
-  const char* found = find_range<sizeof(symb_cfi_rule), offsetof(symb_cfi_rule, base)>(
-      tables.at(tables.header(offsetof(symb_header_v1, cfi_initial_rules))),
-      tables.header(offsetof(symb_header_v1, cfi_initial_rule_count)),
-      static_cast<uint32_t>(address));
+  constexpr size_t kInitial = sizeof(symb_cfi_rule);
+  const Table initial_rules =
+      tables.header_table<kInitial>(offsetof(symb_header_v1, cfi_initial_rules));
+  const char* found = find_range<kInitial, offsetof(symb_cfi_rule, base)>(
+      initial_rules.records, initial_rules.count, static_cast<uint32_t>(address));
   if (found == nullptr) return nullptr;
   const auto initial = symb_load<symb_cfi_rule>(found);
-  auto info = std::make_unique<CFIFrameInfo>();
-  if (!ParseCFIRuleSet(tables.at(initial.rule), info.get())) return nullptr;
+  RuleSetApplier rules(*this);
+  if (!rules.ApplyInitial(tables.string(initial.rule))) return nullptr;
 
-  constexpr size_t kRecord = sizeof(symb_cfi_delta_rule);
-  const char* deltas = tables.at(tables.header(offsetof(symb_header_v1, cfi_delta_rules)));
-  const uint64_t delta_count = tables.header(offsetof(symb_header_v1, cfi_delta_rule_count));
-  uint64_t i = position_at_or_above<kRecord, offsetof(symb_cfi_delta_rule, address)>(
-      deltas, delta_count, initial.base);
-  for (; i < delta_count; ++i) {
-    const auto delta = symb_load<symb_cfi_delta_rule>(deltas + i * kRecord);
+  constexpr size_t kDelta = sizeof(symb_cfi_delta_rule);
+  const Table deltas = tables.header_table<kDelta>(offsetof(symb_header_v1, cfi_delta_rules));
+  uint64_t i = position_at_or_above<kDelta, offsetof(symb_cfi_delta_rule, address)>(
+      deltas.records, deltas.count, initial.base);
+  for (; i < deltas.count; ++i) {
+    const auto delta = symb_load<symb_cfi_delta_rule>(deltas.records + i * kDelta);
     if (delta.address > address) break;
-    ParseCFIRuleSet(tables.at(delta.rule), info.get());  // a bad rule cancels none before it
+    if (!rules.ApplyDelta(tables.string(delta.rule))) return nullptr;
   }
-  return info.release();
+  return rules.Release();
 }
 
 }  // namespace google_breakpad

@@ -5,10 +5,16 @@
 #include <memory>
 #include <span>
 
+#include "common/lookup_limits.h"
 #include "processor/basic_source_line_resolver_module.h"
-#include "processor/cfi_frame_info.h"
+#include "processor/rule_set_applier.h"
 
 namespace google_breakpad {
+
+using symforge_internal::kMaxFrameInfoDepth;
+using symforge_internal::kMaxInlinePathBytes;
+using symforge_internal::kMaxInlineSites;
+using symforge_internal::limited_string;
 
 namespace {
 
@@ -61,7 +67,7 @@ void copy_record(const StackWinRecord& record, WindowsFrameInfo* info) {
   info->type_ = static_cast<WindowsFrameInfo::StackInfoTypes>(record.type);
   info->valid = WindowsFrameInfo::VALID_ALL;
   info->allocates_base_pointer = record.allocates_base_pointer;
-  info->program_string = record.program_string;
+  info->program_string = limited_string(record.program_string);
 }
 
 }  // namespace
@@ -75,11 +81,11 @@ void BasicSourceLineResolver::Module::LookupAddress(StackFrame* frame) const {
   const MemAddr module_base = frame->module->base_address();
   const NearestFunction nearest(functions_, address);
   if (nearest.holds_address) {
-    frame->function_name = nearest.function->name;
+    frame->function_name = limited_string(nearest.function->name);
     frame->function_base = module_base + nearest.base;
     if (const Line* line = line_at(nearest.function->lines(), address)) {
       const auto file = files_.find(line->source_file_id);
-      if (file != files_.end()) frame->source_file_name = file.value();
+      if (file != files_.end()) frame->source_file_name = limited_string(file.value());
       frame->source_line = line->line;
       frame->source_line_base = module_base + line->address;
     }
@@ -90,22 +96,30 @@ void BasicSourceLineResolver::Module::LookupAddress(StackFrame* frame) const {
   MemAddr public_address = 0;
   if (!public_symbols_.Retrieve(address, &symbol, &public_address)) return;
   if (nearest.hides(public_address)) return;
-  frame->function_name = symbol.name;
+  frame->function_name = limited_string(symbol.name);
   frame->function_base = module_base + public_address;
 }
 
-// The sites around the address, the innermost first. In their order, outer sites come first.
+// The sites around the address, the innermost first. In their order, outer sites come first. None
+// where they are beyond the limits of a lookup.
 void BasicSourceLineResolver::Module::AppendInlines(const Function& function, MemAddr address,
                                                     StackFrame* frame) const {
+  if (function.inlines().size() > kMaxInlineSites) return;
   const size_t before = frame->inlines.size();
+  uint64_t bytes = 0;
   for (const InlineFunction& site : function.inlines()) {
     if (site.function_address > address) break;
     if (address - site.function_address >= site.code_size) continue;
     StackFrame::Inline& inlined = frame->inlines.emplace_back();
-    inlined.name = site.name;
+    inlined.name = limited_string(site.name);
     inlined.source_line = site.source_line;
     const auto file = files_.find(site.file_id);
-    if (file != files_.end()) inlined.source_file_name = file.value();
+    if (file != files_.end()) inlined.source_file_name = limited_string(file.value());
+    bytes += sizeof inlined + inlined.name.size() + inlined.source_file_name.size();
+    if (bytes > kMaxInlinePathBytes) {
+      frame->inlines.resize(before);
+      return;
+    }
   }
   std::reverse(frame->inlines.begin() + static_cast<ptrdiff_t>(before), frame->inlines.end());
 }
@@ -116,9 +130,10 @@ WindowsFrameInfo* BasicSourceLineResolver::Module::FindWindowsFrameInfo(
   const MemAddr address = relative_address(frame);
   auto info = std::make_unique<WindowsFrameInfo>();
   StackWinRecord record;
-  if (windows_frame_info_[WindowsFrameInfo::STACK_INFO_FRAME_DATA].RetrieveRange(address,
-                                                                                 &record) ||
-      windows_frame_info_[WindowsFrameInfo::STACK_INFO_FPO].RetrieveRange(address, &record)) {
+  const auto find = [&](WindowsFrameInfo::StackInfoTypes type) {
+    return windows_frame_info_[type].RetrieveRange(address, &record, kMaxFrameInfoDepth);
+  };
+  if (find(WindowsFrameInfo::STACK_INFO_FRAME_DATA) || find(WindowsFrameInfo::STACK_INFO_FPO)) {
     copy_record(record, info.get());
     return info.release();
   }
@@ -140,14 +155,14 @@ CFIFrameInfo* BasicSourceLineResolver::Module::FindCFIFrameInfo(const StackFrame
   if (!cfi_initial_rules_.RetrieveRange(address, &initial_rules, &initial_base, nullptr, nullptr)) {
     return nullptr;
   }
-  auto info = std::make_unique<CFIFrameInfo>();
-  if (!ParseCFIRuleSet(initial_rules, info.get())) return nullptr;
-  // Changes on the way from the start of the range to the address. A bad one cancels nothing.
+  RuleSetApplier rules(*this);
+  if (!rules.ApplyInitial(limited_string(initial_rules))) return nullptr;
+  // Changes on the way from the start of the range to the address.
   for (auto delta = cfi_delta_rules_.lower_bound(initial_base);
        delta != cfi_delta_rules_.end() && delta.key() <= address; ++delta) {
-    ParseCFIRuleSet(delta.value(), info.get());
+    if (!rules.ApplyDelta(limited_string(delta.value()))) return nullptr;
   }
-  return info.release();
+  return rules.Release();
 }
 
 }  // namespace google_breakpad

@@ -215,7 +215,7 @@ TEST(TreeTest, ReachesTheDiskInOrder) {
     args.insert(args.end(), {text, tree});
     return run(args, {.preload = SYMFORGE_RECORDER}).err;
   };
-  const std::string synced = "fdatasync\nrename\nfsync\nsymlink\nfsync\nfsync\n";
+  const std::string synced = "fdatasync\nrename\nsymlink\nfsync\nfsync\nfsync\n";
   EXPECT_EQ(calls({}), "rename\nsymlink\n");
   EXPECT_EQ(calls({"--sync"}), synced);
   EXPECT_EQ(calls({"--standard"}), synced);

@@ -35,6 +35,10 @@ TEST_P(GoldenTest, ConvertsToTheReviewedText) {
   EXPECT_EQ(converted({pdb(GetParam())}), golden(GetParam()));
 }
 
+TEST_P(GoldenTest, ConvertsToTheReviewedTextInTheStandardFormat) {
+  EXPECT_EQ(converted({"--standard", pdb(GetParam())}), golden(GetParam() + std::string(".std")));
+}
+
 TEST_P(GoldenTest, LeavesOutInlineSites) {
   EXPECT_EQ(converted({"-i", pdb(GetParam())}), lines_without(golden(GetParam()), {"I "}));
 }

@@ -130,6 +130,44 @@ for round in $(seq 5); do
   report "text that vanishes, $round" changes big.sym rm
 done
 
+# Standard mode: the same faults give a status, one line, and never a signal.
+one_line() { [ "$(wc -l <"$scratch/err")" -eq 1 ] && said "^symforge: $scratch/[^:]*: "; }
+standard_full_disk() {
+  mount -t tmpfs -o size=16k none "$tree" || return 1
+  convert --standard "$scratch/big.sym" "$tree"
+  local status=$?
+  [ "$status" -eq 1 ] && one_line && said 'No space left on device' && no_strays
+  local result=$?
+  umount "$tree"
+  return "$result"
+}
+report "standard mode, full disk" standard_full_disk
+
+standard_little_memory() {
+  new_tree
+  (ulimit -c 0 -v "$1" && convert --standard -b "$scratch/big.sym" "$tree") 2>>"$scratch/err"
+  case $? in
+    0) cmp -s "$scratch/big.symb" "${target}b" ;;
+    1) one_line && said 'not enough memory' && [ ! -e "${target}b" ] ;;
+    *) return 1 ;;
+  esac && no_strays
+}
+for kilobytes in 16000 32000 48000 64000 128000; do
+  report "standard mode, $kilobytes KiB of address space" standard_little_memory "$kilobytes"
+done
+
+standard_shrinking() {
+  new_tree
+  cp "$scratch/engine64.pdb" "$scratch/changing.pdb"
+  "$program" --standard "$scratch/changing.pdb" "$tree" >/dev/null 2>"$scratch/err" &
+  truncate -s $((RANDOM * 3)) "$scratch/changing.pdb"
+  wait $! 2>/dev/null
+  [ $? -le 1 ]
+}
+for round in $(seq 10); do
+  report "standard mode, PDB that shrinks, $round" standard_shrinking
+done
+
 odd_things() {
   new_tree
   rm "$target" && mkdir "$target" || return 1

@@ -28,15 +28,22 @@ struct Conversion {
   std::string lines(std::string_view keyword) const { return lines_with(text, {keyword}); }
 };
 
-// Exceptions other than pdb_exception propagate.
-inline Conversion convertAlone(const std::string& bytes) {
+enum class Format { kDefault, kStandard };
+
+// Any exception but pdb_exception passes.
+inline Conversion convertAlone(const std::string& bytes, Format format = Format::kDefault,
+                               symforge_internal::StandardCounts* counts = nullptr) {
   const MemoryFile file(bytes);
   Conversion result;
   try {
     symforge_internal::TextBuffer text;
     symforge_internal::PDBParser parser(/*with_inlines=*/true);
     parser.load(file.path(), nullptr, nullptr, text);
-    parser.printBreakpadSymbols(text, nullptr);
+    symforge_internal::StandardCounts ignored;
+    if (format == Format::kStandard)
+      parser.printStandardSymbols(text, counts != nullptr ? *counts : ignored);
+    else
+      parser.printBreakpadSymbols(text, nullptr);
     result.text = text.view();
   } catch (const symforge_internal::pdb_exception& e) {
     result.failure = e.what();

@@ -2,9 +2,14 @@
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 
+#include <unistd.h>
+
+#include <algorithm>
 #include <memory>
 #include <string>
 
+#include "builders/guarded_block.h"
+#include "builders/symb_builder.h"
 #include "common/symb.h"
 #include "google_breakpad/processor/basic_source_line_resolver.h"
 #include "processor/logging.h"
@@ -94,6 +99,64 @@ TEST(Resolver, TheBufferOfSymbDataIsKept) {
   EXPECT_EQ(function_at(resolver, &code, 0x40100f), "f");
   resolver.UnloadModule(&code);
   EXPECT_EQ(function_at(resolver, &code, 0x40100f), "");
+}
+
+// What is no regular file of a size that can be loaded is refused without being opened: none of
+// these may block, and none is read without end.
+TEST(Resolver, OpensRegularFilesOnly) {
+  const TemporaryDirectory directory;
+  const TestModule code(kBase);
+  BasicSourceLineResolver resolver;
+  const std::string fifo = directory.path() + "/fifo", huge = directory.file("huge", "");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  ASSERT_EQ(truncate(huge.c_str(), off_t{1} << 31), 0);
+  const std::pair<std::string, const char*> kCases[] = {
+      {fifo, "ERROR: Could not open "},
+      {"/dev/zero", "ERROR: Could not open /dev/zero, error 22"},
+      {directory.path(), "ERROR: Could not open "},
+      {huge, "ERROR: Could not slurp "},
+      {"a\n\x1b[31m", "ERROR: Could not open a\\x0a\\x1b[31m, error 2"}};
+  for (const auto& [path, message] : kCases) {
+    EXPECT_THAT(log_of([&] { EXPECT_FALSE(resolver.LoadModule(&code, path)); }),
+                HasSubstr(message));
+  }
+  EXPECT_FALSE(resolver.HasModule(&code));
+}
+
+// A block that a lookup could leave is refused where the resolver reads it. In memory that the host
+// keeps it is taken, and lookups end where it ends.
+TEST(Resolver, RefusesUnsafeSymbData) {
+  const TemporaryDirectory directory;
+  const TestModule code(kBase);
+  BasicSourceLineResolver resolver;
+  for (const size_t size : {4, 5, 167, 300}) {
+    std::string block = builders::rich_symb_model().bytes().substr(0, size);
+    const std::string path = directory.file("a.symb", block);
+    const char* message = "ERROR: Unsafe SYMB data for module a.exe: not loaded\n";
+    EXPECT_THAT(log_of([&] { EXPECT_FALSE(resolver.LoadModule(&code, path)); }),
+                HasSubstr(message));
+    EXPECT_THAT(log_of([&] { EXPECT_FALSE(resolver.LoadModuleUsingMapBuffer(&code, block)); }),
+                HasSubstr(message));
+    EXPECT_FALSE(resolver.HasModule(&code));
+
+    const builders::GuardedBlock memory(block);
+    EXPECT_TRUE(resolver.LoadModuleUsingMemoryBuffer(&code, memory.data(), memory.size()));
+    EXPECT_EQ(function_at(resolver, &code, kBase + 0x1000), "");
+    resolver.UnloadModule(&code);
+  }
+}
+
+// However many lines a container refuses.
+TEST(Resolver, LimitsMessages) {
+  const TestModule code(kBase);
+  BasicSourceLineResolver resolver;
+  std::string text;
+  for (int i = 0; i < 3 * LogLimit::kMaxMessages; ++i) text += "PUBLIC 1 0 p\n";
+  for (int i = 0; i < 3 * LogLimit::kMaxMessages; ++i) text += "FUNC 2 ffffffffffffffff 0 f\n";
+  const std::string log =
+      log_of([&] { EXPECT_TRUE(resolver.LoadModuleUsingMapBuffer(&code, text)); });
+  EXPECT_LT(std::count(log.begin(), log.end(), '\n'), 2 * LogLimit::kMaxMessages + 20);
+  EXPECT_THAT(log, HasSubstr("INFO: Further messages of this kind are left out\n"));
 }
 
 TEST(Logging, LinesAndHelpers) {

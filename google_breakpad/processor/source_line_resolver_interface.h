@@ -10,13 +10,12 @@
 //
 // Symbols are stored under the debug identifier of their module.
 //
-// Threads: a resolver has no locks. Loading and unloading need exclusive access. The lookups
-// (FillSourceLineInfo, FindWindowsFrameInfo, FindCFIFrameInfo, HasModule, IsModuleCorrupt) may run
-// concurrently while nothing loads or unloads.
+// Symbol files may come from strangers: LoadModule and LoadModuleUsingMapBuffer take any bytes, and
+// a lookup takes less than 10 ms and 16 MiB. To keep to that, lookups return at most 1 MiB of a
+// name, and nothing where STACK CFI texts or nested STACK WIN ranges are beyond anything real.
 //
-// Errors: no operation throws anything except std::bad_alloc.
-//
-// docs/symbol-file.md describes the lines of a symbol file, docs/symb-format.md a SYMB block.
+// What a symbol file holds, line by line, stands in docs/symbol-file.md, and what a SYMB block
+// holds in docs/symb-format.md.
 
 #pragma once
 
@@ -38,21 +37,24 @@ class SourceLineResolverInterface {
   // are already loaded for its debug identifier. A line that does not parse is skipped, logged
   // (only the first 10 per load) and marks the module as corrupt; the load still succeeds.
 
-  // Loads a symbol file. Also returns false if the file cannot be read.
+  // From a symbol file: text or SYMB data. False also if it cannot be read, if it is no regular
+  // file, if it has 2 GiB or more, and, with a line in the log, for SYMB data on which a lookup
+  // would leave the data or cost too much. The check takes about a tenth of the time of reading.
   virtual bool LoadModule(const CodeModule* module, const std::string& map_file) = 0;
 
-  // Loads the contents of a symbol file from a string, which is not changed.
+  // From the contents of a symbol file in a string, which is not changed. False also for SYMB data
+  // as above.
   virtual bool LoadModuleUsingMapBuffer(const CodeModule* module,
                                         const std::string& map_buffer) = 0;
 
-  // Loads the contents of a symbol file from memory. The caller keeps ownership of the buffer of
-  // `memory_buffer_size` bytes.
+  // From the contents of a symbol file in memory, of `memory_buffer_size` bytes. The buffer stays
+  // the caller's. Text is changed by the load, and its last byte is overwritten by a NUL unless it
+  // is one: pass the terminator as part of the size. It may be released after the load.
   //
-  // Text is modified while it is parsed, and its last byte is overwritten by a NUL: include the
-  // terminator in the size. The buffer may be released after the load.
-  //
-  // Data whose first 4 bytes are "SYMB" (which are read whatever the size) is SYMB data. It is not
-  // modified and not validated, and must outlive the module's symbols.
+  // SYMB data (the first 4 bytes are "SYMB") is not changed, must not be changed by others and must
+  // outlive the module's symbols. It is not checked, so that the load of a mapped file costs
+  // nothing: lookups never read past `memory_buffer_size`, but on hostile data they can take long.
+  // Give data from outside to one of the loads above, or ask symb_validate() first.
   virtual bool LoadModuleUsingMemoryBuffer(const CodeModule* module, char* memory_buffer,
                                            size_t memory_buffer_size) = 0;
 

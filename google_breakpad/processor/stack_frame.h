@@ -51,8 +51,9 @@ struct StackFrame {
 
   FrameTrust trust = FRAME_TRUST_NONE;
 
-  // The inline frames at the instruction, innermost first. Filled for modules loaded from SYMB data
-  // of version 3. New frames are appended.
+  // The inline frames at the instruction, the innermost first. Filled for modules that were loaded
+  // from SYMB data of version 3, or from text for functions with INLINE lines; new ones are
+  // appended.
   std::vector<Inline> inlines;
 };
 

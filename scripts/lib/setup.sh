@@ -38,7 +38,7 @@ need() {
   apt-get install -y -qq -o Acquire::Retries=3 --no-install-recommends "${missing[@]}" >/dev/null
 }
 
-BUILD_PACKAGES=(g++ cmake ninja-build libc6-dev)
+BUILD_PACKAGES=(g++ cmake ninja-build libc6-dev libseccomp-dev)
 TEST_PACKAGES=(libgtest-dev libgmock-dev pkgconf binutils)
 CLANG_PACKAGES=(clang libclang-rt-dev)
 

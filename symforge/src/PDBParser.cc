@@ -27,14 +27,11 @@
 #include "symforge/src/pdb/type_table.h"
 #include "symforge/src/pe/code_file.h"
 #include "symforge/src/pe/symbol_file_of_pe.h"
+#include "symforge/src/standard/standard_printer.h"
 
 namespace symforge_internal {
 
 namespace {
-
-// Numbers of streams.
-constexpr uint32_t kTypeInfoStream = 2;  // type records
-constexpr uint32_t kIPIStream = 4;       // id records
 
 const char* architecture(uint16_t machine) {
   switch (machine) {
@@ -49,16 +46,6 @@ const char* architecture(uint16_t machine) {
     default:
       return "unknown";
   }
-}
-
-void loadNameStream(const MsfFile& file, const InfoStream& info, const std::string& pdb,
-                    NameStream& names) {
-  size_t number;
-  if (!info.findStream("/NAMES", number)) {
-    std::fprintf(stderr, "Warning: Could not find /NAMES stream: %s\n", pdb.c_str());
-    return;
-  }
-  names.load(file.getStream(number), file.pages());
 }
 
 // Adds its lines and inlinees to each module. A module whose streams end too early loses what is
@@ -97,6 +84,7 @@ struct PDBParser::Rep {
   CodeFile codeFile;
   std::string pdbFile;  // path as given; empty selects the PE-only mode
   std::string debugId;
+  bool standard = false;  // the text is in the standard format
 };
 
 PDBParser::PDBParser(bool with_inlines) : m_rep(new Rep(with_inlines)) {}
@@ -148,7 +136,7 @@ sym_info PDBParser::identity() const {
   info.debug_file = nameOnLine(last_component(m_rep->pdbFile));
   const CodeFile& image = m_rep->codeFile;
   if (image.found()) {
-    info.code_id = nameOnLine(image.identifier());
+    info.code_id = m_rep->standard ? image.standardIdentifier() : nameOnLine(image.identifier());
     info.code_file = nameOnLine(last_component(image.path()));
   }
   return info;
@@ -206,6 +194,15 @@ void PDBParser::printBreakpadSymbols(TextBuffer& out, FileMod* fileMod) {
 
   frames.printFrameData(names, out);
   if (dbi.header().machine == IMAGE_FILE_MACHINE_AMD64) codeFile.PrintFrameDataUsingEXE(out);
+}
+
+void PDBParser::printStandardSymbols(TextBuffer& out, StandardCounts& counts) {
+  if (!m_rep->dbi) throw pdb_exception("There is no PDB");
+  m_rep->standard = true;
+  StandardPrinter({m_rep->file, *m_rep->info, *m_rep->dbi, m_rep->codeFile, m_rep->pdbFile,
+                   m_rep->debugId, m_rep->do_inline},
+                  counts)
+      .print(out);
 }
 
 bool pdb_debug_id(const char* file, std::string& id) {

@@ -25,6 +25,7 @@
 #include "base/text_buffer.h"
 #include "symforge/src/pdb/file_mod.h"
 #include "symforge/src/pdb_exception.h"
+#include "symforge/src/standard/standard_counts.h"
 #include "symforge/src/utils.h"
 
 namespace symforge_internal {
@@ -47,6 +48,10 @@ class PDBParser {
   // Appends the whole symbol file to `out`, in the PE-only mode what the PE adds to the one that is
   // there. `fileMod` may be null. Throws pdb_exception; `out` then holds the lines so far.
   void printBreakpadSymbols(TextBuffer& out, FileMod* fileMod);
+
+  // Appends the whole symbol file in the standard format to `out` and counts what it holds; not for
+  // the PE-only mode. Throws pdb_exception; `out` then holds an unspecified part.
+  void printStandardSymbols(TextBuffer& out, StandardCounts& counts);
 
   // Debug identifier: GUID in upper-case digits, age in lower-case ones. Empty in the PE-only mode.
   const std::string& debug_id() const;

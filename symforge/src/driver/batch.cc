@@ -108,7 +108,7 @@ namespace {
 class Batch {
  public:
   Batch(const ConversionOptions& options, BatchInput& found)
-      : options_(options), found_(found), matcher_(found.pdbs, options.standard) {}
+      : options_(options), found_(found), matcher_(found.pdbs, options) {}
 
   void run() {
     for (const std::string& sym : found_.syms) convert(sym.c_str(), nullptr);

@@ -99,7 +99,8 @@ void install_last_message() {
   std::set_terminate(on_terminate);
   for (const FatalSignal& fatal : kFatalSignals) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    if (fatal.number != SIGABRT) continue;  // the sanitizer reports them
+    // The sanitizer reports the others.
+    if (fatal.number != SIGABRT && fatal.number != SIGFPE) continue;
 #endif
     struct sigaction action = {};
     action.sa_handler = on_fatal_signal;

@@ -13,6 +13,7 @@
 #include "base/text_buffer.h"
 #include "symforge/src/PDBParser.h"
 #include "symforge/src/driver/child_process.h"
+#include "symforge/src/driver/sandbox.h"
 #include "symforge/src/pe/image_identity.h"
 #include "symforge/src/pe/pe_image.h"
 
@@ -30,9 +31,11 @@ std::string read_id(const std::string& pdb) {
 
 // The child: writes one line per PDB, its identifier or nothing, until it is through or a PDB ends
 // it. What the reader of a PDB says goes nowhere: the file's own conversion says it again.
-[[noreturn]] void report_ids(const Paths& pdbs, size_t first, int to) {
+[[noreturn]] void report_ids(const Paths& pdbs, size_t first, int to, bool sandbox) {
   const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
   if (null != -1) dup2(null, STDERR_FILENO);
+  // Links lead the walk of a batch anywhere, so any file can be an input.
+  if (sandbox) enter_sandbox({.readable = {"/"}, .writable = {}});
   for (size_t i = first; i < pdbs.size(); ++i) {
     if (!write_file(to, read_id(pdbs[i]).append("\n"))) break;
   }
@@ -41,7 +44,8 @@ std::string read_id(const std::string& pdb) {
 
 // Reads the identifiers of pdbs[first...] in a child process, appending to `ids` as many as the
 // child came to report. False when no child could be had.
-bool read_ids_in_child(const Paths& pdbs, size_t first, std::vector<std::string>& ids) {
+bool read_ids_in_child(const Paths& pdbs, size_t first, bool sandbox,
+                       std::vector<std::string>& ids) {
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) return false;
   FileDescriptor from(ends[0]);
@@ -51,7 +55,7 @@ bool read_ids_in_child(const Paths& pdbs, size_t first, std::vector<std::string>
   if (pid == -1) return false;
   if (pid == 0) {
     end_with_parent(parent);
-    report_ids(pdbs, first, to.get());
+    report_ids(pdbs, first, to.get(), sandbox);
   }
 
   to.close();
@@ -68,11 +72,11 @@ bool read_ids_in_child(const Paths& pdbs, size_t first, std::vector<std::string>
 }
 
 // The identifier of each PDB; empty where there is none.
-std::vector<std::string> read_all_ids(const Paths& pdbs) {
+std::vector<std::string> read_all_ids(const Paths& pdbs, bool sandbox) {
   std::vector<std::string> ids;
   ids.reserve(pdbs.size());
   while (ids.size() < pdbs.size()) {
-    if (!read_ids_in_child(pdbs, ids.size(), ids)) {
+    if (!read_ids_in_child(pdbs, ids.size(), sandbox, ids)) {
       ids.push_back(read_id(pdbs[ids.size()]));  // at our own risk: wrong pairs would be worse
     } else if (ids.size() < pdbs.size()) {
       ids.emplace_back();  // the PDB that ended the child before the list was through
@@ -96,7 +100,7 @@ bool read_image_id(const std::string& exe, bool any_width, std::string& id) {
 void PdbMatcher::read_ids() {
   read_ = true;
   const Paths pdbs(pdbs_.rbegin(), pdbs_.rend());
-  const std::vector<std::string> ids = read_all_ids(pdbs);
+  const std::vector<std::string> ids = read_all_ids(pdbs, sandbox_);
   for (size_t i = 0; i < pdbs.size(); ++i) {
     if (!ids[i].empty()) paths_[ids[i]].push_back(pdbs[i]);
   }

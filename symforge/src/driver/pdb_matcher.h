@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "symforge/src/driver/conversion_options.h"
+
 namespace symforge_internal {
 
 // The PDBs of a batch by debug identifier. The identifiers are read when the first one is asked
@@ -14,10 +16,10 @@ namespace symforge_internal {
 // it just has no identifier, and neither has one that cannot be read. Nothing is logged.
 class PdbMatcher {
  public:
-  // `pdbs` must not change before the first question. `any_width`: 32-bit images have an
-  // identifier too.
-  PdbMatcher(const std::set<std::string>& pdbs, bool any_width)
-      : pdbs_(pdbs), any_width_(any_width) {}
+  // `pdbs` must not change before the first question. In standard mode 32-bit images have an
+  // identifier too. With the option `sandbox` the child process can read files and nothing else.
+  PdbMatcher(const std::set<std::string>& pdbs, const ConversionOptions& options)
+      : pdbs_(pdbs), any_width_(options.standard), sandbox_(options.sandbox) {}
 
   enum class Match {
     kFound,
@@ -34,6 +36,7 @@ class PdbMatcher {
 
   const std::set<std::string>& pdbs_;
   const bool any_width_;
+  const bool sandbox_;
   bool read_ = false;
   // By identifier, the paths in descending order.
   std::map<std::string, std::vector<std::string>> paths_;

@@ -20,6 +20,7 @@ void enter_sandbox(const SandboxRights&) {}
 
 #include <cerrno>
 #include <cstdint>
+#include <initializer_list>
 
 #include "base/file_io.h"
 
@@ -120,6 +121,14 @@ constexpr int kAllowedForWriting[] = {
     SCMP_SYS(openat),    SCMP_SYS(rename), SCMP_SYS(symlink), SCMP_SYS(unlink),
 };
 
+// Conditions on the argument with that index, from 0.
+constexpr scmp_arg_cmp equals(unsigned argument, scmp_datum_t value) {
+  return {argument, SCMP_CMP_EQ, value, 0};
+}
+constexpr scmp_arg_cmp masked(unsigned argument, scmp_datum_t mask, scmp_datum_t value) {
+  return {argument, SCMP_CMP_MASKED_EQ, mask, value};
+}
+
 class Filter {
  public:
   Filter() : context_(seccomp_init(SCMP_ACT_ERRNO(EPERM))) {}
@@ -136,29 +145,31 @@ class Filter {
       for (const int call : kAllowedForWriting) allow(call);
     } else {
       const scmp_datum_t changes = O_ACCMODE | O_CREAT | O_TRUNC;
-      allow(SCMP_SYS(open), SCMP_A1(SCMP_CMP_MASKED_EQ, changes, O_RDONLY));
-      allow(SCMP_SYS(openat), SCMP_A2(SCMP_CMP_MASKED_EQ, changes, O_RDONLY));
+      allow(SCMP_SYS(open), {masked(1, changes, O_RDONLY)});
+      allow(SCMP_SYS(openat), {masked(2, changes, O_RDONLY)});
     }
     allow_with_limits();
     if (whole_) seccomp_load(context_);
   }
 
  private:
-  template <typename... Arguments>
-  void allow(int call, Arguments... arguments) {
-    constexpr unsigned kCount = sizeof...(arguments);
-    whole_ = seccomp_rule_add(context_, SCMP_ACT_ALLOW, call, kCount, arguments...) == 0 && whole_;
+  // The call is allowed when its arguments meet all conditions.
+  void allow(int call, std::initializer_list<scmp_arg_cmp> conditions = {}) {
+    const int added =
+        seccomp_rule_add_array(context_, SCMP_ACT_ALLOW, call,
+                               static_cast<unsigned>(conditions.size()), conditions.begin());
+    whole_ = whole_ && added == 0;
   }
 
   void allow_with_limits() {
-    allow(SCMP_SYS(mmap), SCMP_A2(SCMP_CMP_MASKED_EQ, PROT_EXEC, 0));
-    allow(SCMP_SYS(mprotect), SCMP_A2(SCMP_CMP_MASKED_EQ, PROT_EXEC, 0));
+    allow(SCMP_SYS(mmap), {masked(2, PROT_EXEC, 0)});
+    allow(SCMP_SYS(mprotect), {masked(2, PROT_EXEC, 0)});
     // abort() of this process.
-    allow(SCMP_SYS(tgkill), SCMP_A0(SCMP_CMP_EQ, static_cast<scmp_datum_t>(getpid())));
+    allow(SCMP_SYS(tgkill), {equals(0, static_cast<scmp_datum_t>(getpid()))});
     // Whether a stream is a terminal.
-    allow(SCMP_SYS(ioctl), SCMP_A1(SCMP_CMP_EQ, TCGETS));
+    allow(SCMP_SYS(ioctl), {equals(1, TCGETS)});
     // The system log, over the connection that is open.
-    allow(SCMP_SYS(sendto), SCMP_A4(SCMP_CMP_EQ, 0));
+    allow(SCMP_SYS(sendto), {equals(4, 0)});
   }
 
   scmp_filter_ctx context_;

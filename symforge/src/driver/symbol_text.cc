@@ -48,7 +48,13 @@ void text_of_pdb(const ConversionInput& input, const ConversionOptions& options,
                  SymbolText& result) {
   PDBParser parser(do_inline);
   parser.load(input.pdb, input.exe, options.tree, result.text);
-  parser.printBreakpadSymbols(result.text, nullptr);
+  if (options.standard) {
+    symforge_internal::StandardCounts counts;
+    parser.printStandardSymbols(result.text, counts);
+    for (const std::string& message : counts.messages) report("%s", message.c_str());
+  } else {
+    parser.printBreakpadSymbols(result.text, nullptr);
+  }
   if (input.pdb != nullptr) result.identity = parser.identity();
 }
 

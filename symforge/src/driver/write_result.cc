@@ -90,10 +90,14 @@ bool link_code_id(const sym_info& info, const ConversionOptions& options) {
   return false;
 }
 
-// The entries of the folders that lead to the target, and the link of the code identifier.
+// The entries of the folders that lead to the target, and the link of the code identifier. All of
+// it at the end: file systems with a journal write it at once then.
 bool sync_folders(const sym_info& info, const ConversionOptions& options) {
   const std::string root = options.tree;
-  if (sync_folder(root + "/" + info.debug_file) && sync_folder(root)) return true;
+  const std::string folder = root + "/" + info.debug_file;
+  if (sync_folder(folder + "/" + info.debug_id) && sync_folder(folder) && sync_folder(root)) {
+    return true;
+  }
   report_errno("failed to sync");
   return false;
 }

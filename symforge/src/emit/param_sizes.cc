@@ -25,9 +25,12 @@ bool parameterBytes(const char* name, uint32_t& bytes) {
 
 }  // namespace
 
+bool decoratedParamSize(const PublicFunction* global, uint32_t& paramSize) {
+  return global != nullptr && global->decorated && parameterBytes(global->name.data, paramSize);
+}
+
 bool updateParamSize(FunctionRecord& func, const PublicFunction* global) {
-  return global != nullptr && global->decorated &&
-         parameterBytes(global->name.data, func.paramSize);
+  return decoratedParamSize(global, func.paramSize);
 }
 
 void resolveParamSizes(Functions& functions, PublicFunctions& globals, const FrameTables& frames,

@@ -10,6 +10,10 @@
 
 namespace symforge_internal {
 
+// Takes it from a decorated name, as of a public function; null when there is none. False when the
+// name does not carry it.
+bool decoratedParamSize(const PublicFunction* global, uint32_t& paramSize);
+
 // Takes it from the public name at the function's RVA, null when there is none. False, and `func`
 // unchanged, when the name does not carry it.
 bool updateParamSize(FunctionRecord& func, const PublicFunction* global);

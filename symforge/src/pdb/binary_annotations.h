@@ -10,6 +10,29 @@
 
 namespace symforge_internal {
 
+enum BinaryAnnotationOpcode : uint32_t {
+  BA_OP_Invalid = 0,  // also the zeros that pad a record
+  BA_OP_CodeOffset = 1,
+  BA_OP_ChangeCodeOffsetBase = 2,
+  BA_OP_ChangeCodeOffset = 3,
+  BA_OP_ChangeCodeLength = 4,
+  BA_OP_ChangeFile = 5,
+  BA_OP_ChangeLineOffset = 6,
+  BA_OP_ChangeLineEndDelta = 7,
+  BA_OP_ChangeRangeKind = 8,
+  BA_OP_ChangeColumnStart = 9,
+  BA_OP_ChangeColumnEndDelta = 10,
+  BA_OP_ChangeCodeOffsetAndLineOffset = 11,
+  BA_OP_ChangeCodeLengthAndCodeOffset = 12,
+  BA_OP_ChangeColumnEnd = 13,
+};
+
+// The addend that an operand stands for: a magnitude with the sign in the lowest bit.
+inline uint32_t signedAnnotation(uint32_t operand) {
+  const uint32_t magnitude = operand >> 1;
+  return (operand & 1) != 0 ? 0 - magnitude : magnitude;
+}
+
 // Bytes after the end of an annotation string that decoding may look at: an opcode that begins
 // with the last byte, and its two operands.
 constexpr size_t kAnnotationSlack = 11;

@@ -25,8 +25,10 @@ enum SymbolKind : uint16_t {
   S_THUNK32 = 0x1102,
   S_LPROC32 = 0x110F,
   S_GPROC32 = 0x1110,
+  S_SEPCODE = 0x1132,
   S_INLINESITE = 0x114D,
   S_INLINESITE_END = 0x114E,
+  S_INLINESITE2 = 0x115D,
 };
 
 // Body of a procedure symbol; the NUL-terminated name follows.
@@ -64,6 +66,28 @@ struct CV_InlineSite {
 };
 static_assert(sizeof(CV_InlineSite) == 12);
 
+// The second form of it (S_INLINESITE2); the binary annotations follow.
+struct CV_InlineSite2 {
+  le_uint32 parent;
+  le_uint32 end;
+  le_uint32 inlinee;
+  le_uint32 invocations;
+};
+static_assert(sizeof(CV_InlineSite2) == 16);
+
+// Body of the symbol of a part of a function that the compiler moved away from it.
+struct SepCodeSym {
+  le_uint32 parent;
+  le_uint32 end;
+  le_uint32 length;
+  le_uint32 flags;
+  le_uint32 off;
+  le_uint32 parentOff;  // of the function
+  le_uint16 sec;
+  le_uint16 parentSec;
+};
+static_assert(sizeof(SepCodeSym) == 28 && offsetof(SepCodeSym, sec) == 24);
+
 // A record of the symbol record stream after its length; the name follows.
 struct GlobalRecord {
   le_uint16 leafType;
@@ -85,6 +109,8 @@ enum SubsectionKind : int32_t {
   kLinesSubsection = 0xF2,
   kFileChecksumsSubsection = 0xF4,
   kInlineeLinesSubsection = 0xF6,
+  kImportsSubsection = 0xF7,  // items of other modules
+  kExportsSubsection = 0xF8,  // items for other modules
 };
 
 // Fixed head of an entry of the file checksums; `len` bytes of checksum follow, then padding to a
@@ -126,6 +152,20 @@ struct CV_TagInlineeSourceLine {
   le_uint32 source_line;
 };
 static_assert(sizeof(CV_TagInlineeSourceLine) == 12);
+
+// Head of the items that are imported from one module; `count` of their numbers there follow.
+struct CV_CrossScopeImports {
+  le_uint32 module;  // offset of its name in the /NAMES string area
+  le_uint32 count;
+};
+static_assert(sizeof(CV_CrossScopeImports) == 8);
+
+// An exported item: its number for other modules and its index in the PDB.
+struct CV_CrossScopeExport {
+  le_uint32 local;
+  le_uint32 global;
+};
+static_assert(sizeof(CV_CrossScopeExport) == 8);
 
 // ---- Types
 
@@ -172,6 +212,9 @@ enum Enum : uint16_t {
   LF_ENUM = 0x1507,
   LF_ALIAS = 0x150A,
   LF_FUNC_ID = 0x1601,
+  LF_MFUNC_ID = 0x1602,
+  LF_SUBSTR_LIST = 0x1604,
+  LF_STRING_ID = 0x1605,
   LF_CHAR = 0x8000,
   LF_SHORT = 0x8001,
   LF_USHORT = 0x8002,
@@ -232,6 +275,15 @@ struct LeafFuncID {
   le_uint32 scope_id;
   le_uint32 type;
 };
+// The name follows.
+struct LeafMFuncID {
+  le_uint32 classtype;
+  le_uint32 type;
+};
+// The text follows; `substrings` is 0 or the LF_SUBSTR_LIST of what precedes it.
+struct LeafStringID {
+  le_uint32 substrings;
+};
 // `count` type indices follow.
 struct LeafArgList {
   le_uint32 count;
@@ -269,6 +321,7 @@ struct LeafIndex {
 };
 static_assert(sizeof(LeafModifier) == 6 && sizeof(LeafPointer) == 8 && sizeof(LeafArray) == 8);
 static_assert(sizeof(LeafProc) == 12 && sizeof(LeafMFunc) == 24 && sizeof(LeafFuncID) == 8);
+static_assert(sizeof(LeafMFuncID) == 8 && sizeof(LeafStringID) == 4);
 static_assert(sizeof(LeafIndex) == 6 && sizeof(LeafArgList) == 4 && sizeof(LeafClass) == 18);
 static_assert(sizeof(LeafUnion) == 10 && sizeof(LeafEnum) == 12 && sizeof(LeafAlias) == 4);
 

@@ -25,10 +25,10 @@ ModuleStreams DbiStream::readModuleList() {
   const uint32_t endOffset = m_header->moduleSize + m_reader.getOffset();
   while (m_reader.getOffset() < endOffset) {
     DataPtr<DBIModuleInfo> info = m_reader.read<DBIModuleInfo>();
-    m_reader.readString();  // module name
+    DataPtr<char> name = m_reader.readString();
     m_reader.readString();  // object file
     if (static_cast<uint16_t>(info->stream) != kNoStream) {
-      modules.emplace_back(m_file, std::move(info));
+      modules.emplace_back(m_file, std::move(info), std::move(name));
     }
     m_reader.align(4);
   }

@@ -37,13 +37,20 @@ struct LeafTraits {
   uint8_t data = 0;         // bytes of the fixed part; 0 where the name alone is of use
   uint8_t name = kNoName;   // offset of the name in the leaf's fields
   bool isFunction = false;  // whether the text is that of a function
+  // Kept for the standard format alone, where FunctionNames makes its text.
+  bool standardOnly = false;
 
   bool kept() const { return text != LeafText::kNone; }
   bool hasName() const { return name != kNoName; }
+  // Whether the size of the type precedes its name.
+  bool hasSize() const {
+    return leaf == LEAF::LF_CLASS || leaf == LEAF::LF_STRUCTURE || leaf == LEAF::LF_UNION;
+  }
 };
 
-// The names of classes and unions are looked for after the short form of the size field, also when
-// the record uses a longer one: such a name begins inside the size. An argument list's indices and
+// The names of classes and unions are looked for after the short form of the size field. In the
+// default format that is so also when the record uses a longer one: such a name begins inside the
+// size. An argument list's indices and
 // a number follow the fixed part.
 inline constexpr LeafTraits kLeafTraits[] = {
     {},  // of every leaf that has no row
@@ -60,6 +67,10 @@ inline constexpr LeafTraits kLeafTraits[] = {
     {LEAF::LF_ENUM, LeafText::kName, 0, sizeof(LeafEnum)},
     {LEAF::LF_ALIAS, LeafText::kName, 0, sizeof(LeafAlias)},
     {LEAF::LF_FUNC_ID, LeafText::kFunctionId, sizeof(LeafFuncID), sizeof(LeafFuncID), true},
+    {LEAF::LF_MFUNC_ID, LeafText::kName, sizeof(LeafMFuncID), sizeof(LeafMFuncID), true, true},
+    {LEAF::LF_SUBSTR_LIST, LeafText::kArguments, sizeof(LeafArgList), LeafTraits::kNoName, false,
+     true},
+    {LEAF::LF_STRING_ID, LeafText::kName, sizeof(LeafStringID), sizeof(LeafStringID), false, true},
     {LEAF::LF_CHAR, LeafText::kNumber},  // and all numbers up to LF_LAST_NUMERIC
 };
 
@@ -81,7 +92,7 @@ class LeafRows {
 
  private:
   static constexpr uint16_t kFirst = LEAF::LF_MODIFIER;
-  static constexpr uint16_t kLast = LEAF::LF_FUNC_ID;
+  static constexpr uint16_t kLast = LEAF::LF_STRING_ID;
 
   std::array<uint8_t, kLast - kFirst + 1> m_rows = {};
 };

@@ -26,9 +26,13 @@ using ModuleReadCB = std::function<void(StreamReader& payload, uint32_t end)>;
 // damage, pdb_recoverable_exception when the pages end too early.
 class ModuleStream {
  public:
-  // `info`: the module's record in the DBI stream. `file` must outlive this.
-  ModuleStream(const MsfFile& file, DataPtr<DBIModuleInfo>&& info)
-      : m_file(&file), m_info(std::move(info)) {}
+  // `info`: the module's record in the DBI stream, and `name` what follows it. `file` must outlive
+  // this.
+  ModuleStream(const MsfFile& file, DataPtr<DBIModuleInfo>&& info, DataPtr<char>&& name)
+      : m_file(&file), m_info(std::move(info)), m_name(std::move(name)) {}
+
+  // The path of the object file that the module was made of, NUL-terminated.
+  const char* name() const { return m_name.data; }
 
   // A negative number is damage: it names no stream.
   bool hasStream() const { return m_info->stream >= 0; }
@@ -64,6 +68,7 @@ class ModuleStream {
 
   const MsfFile* m_file;
   DataPtr<DBIModuleInfo> m_info;
+  DataPtr<char> m_name;
 };
 
 // The modules of a PDB that have a stream, in the order of the DBI stream.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdio>
 #include <cstring>
 
 #include "base/mapped_file.h"
@@ -99,6 +100,16 @@ bool NameStream::find(uint32_t offset, std::string_view& name) const {
   if (nul == nullptr) throwInvalid();
   name = std::string_view(text, static_cast<size_t>(static_cast<const char*>(nul) - text));
   return true;
+}
+
+void loadNameStream(const MsfFile& file, const InfoStream& info, const std::string& pdb,
+                    NameStream& names) {
+  size_t number;
+  if (!info.findStream("/NAMES", number)) {
+    std::fprintf(stderr, "Warning: Could not find /NAMES stream: %s\n", pdb.c_str());
+    return;
+  }
+  names.load(file.getStream(number), file.pages());
 }
 
 }  // namespace symforge_internal

@@ -9,11 +9,13 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <string_view>
 #include <unordered_set>
 #include <vector>
 
-#include "symforge/src/StreamReader.h"
+#include "symforge/src/msf/msf_file.h"
+#include "symforge/src/pdb/info_stream.h"
 
 namespace symforge_internal {
 
@@ -40,5 +42,11 @@ class NameStream {
   std::vector<bool> m_named;                   // by offset: whether a bucket holds it
   std::unordered_set<uint32_t> m_namedBeyond;  // offsets in buckets that no string can have
 };
+
+// Loads the name stream of a PDB. Without one the table stays empty, which is reported to standard
+// error; `pdb` is the path to report. Throws what NameStream::load() throws, and std::out_of_range
+// for a stream that does not exist.
+void loadNameStream(const MsfFile& file, const InfoStream& info, const std::string& pdb,
+                    NameStream& names);
 
 }  // namespace symforge_internal

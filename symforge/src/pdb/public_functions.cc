@@ -1,5 +1,7 @@
 #include "symforge/src/pdb/public_functions.h"
 
+#include <cstring>
+
 #include "symforge/src/pdb/codeview.h"
 #include "symforge/src/pdb/undname.h"
 
@@ -10,6 +12,15 @@ namespace {
 constexpr uint32_t kFunctionFlag = 2;
 
 }  // namespace
+
+void PublicFunctions::insert(PublicFunction&& symbol) {
+  const uint32_t rva = symbol.rva;
+  const size_t before = m_symbols.values().size();
+  const uint32_t position = m_symbols.insert(rva, std::move(symbol));
+  if (position >= before) return;
+  PublicFunction& kept = m_symbols.values()[position];
+  if (std::strcmp(kept.name.data, symbol.name.data) != 0) kept.shared = true;
+}
 
 // A record is a 16-bit length and that many bytes; those long enough for a public symbol are read
 // as one, whatever their kind. A record of exactly the fixed part's length has a name of one byte

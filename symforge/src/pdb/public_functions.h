@@ -17,6 +17,7 @@ struct PublicFunction {
   uint16_t segment = 0;    // section number from 1; 0: none
   bool decorated = false;  // the name begins like one that carries the size of the parameters
   bool covered = false;    // a function of some module has this address
+  bool shared = false;     // another public function with another name has it, too
 };
 
 class PublicFunctions {
@@ -28,10 +29,7 @@ class PublicFunctions {
   void getGlobalFunctions(const MsfFile& file, uint16_t symRecStream, const SectionMap& sections);
 
   // An existing symbol at the RVA is kept.
-  void insert(PublicFunction&& symbol) {
-    const uint32_t rva = symbol.rva;
-    m_symbols.insert(rva, std::move(symbol));
-  }
+  void insert(PublicFunction&& symbol);
 
   // Null when no public function has that RVA. Valid until the next insert.
   PublicFunction* find(uint32_t rva) { return m_symbols.find(rva); }

@@ -41,12 +41,24 @@ void SectionMap::readOMAPDataDirection(const MsfFile& file, uint16_t omap_stream
 // The map is piecewise: an entry shifts all addresses from its `first` up to the next entry's.
 // Addresses below the first entry do not change.
 uint32_t SectionMap::mapThroughOmap(uint32_t rva) const {
-  const auto above = std::upper_bound(
-      omap_from.begin(), omap_from.end(), rva,
-      [](uint32_t wanted, const OmapEntry& entry) { return wanted < entry.first; });
+  const auto above = entryAbove(rva);
   if (above == omap_from.begin()) return rva;
   const OmapEntry& entry = *(above - 1);
   return rva + entry.second - entry.first;
+}
+
+std::vector<OmapEntry>::const_iterator SectionMap::entryAbove(uint32_t rva) const {
+  return std::upper_bound(
+      omap_from.begin(), omap_from.end(), rva,
+      [](uint32_t wanted, const OmapEntry& entry) { return wanted < entry.first; });
+}
+
+// In an unordered table the next entry need not be above the address.
+SectionMap::MovedCode SectionMap::movedCode(uint32_t rva) const {
+  const auto above = entryAbove(rva);
+  const bool ends = above != omap_from.end() && above->first > rva;
+  const bool removed = above != omap_from.begin() && (above - 1)->second == 0;
+  return {ends ? uint32_t{above->first} : UINT32_MAX, mapThroughOmap(rva), removed};
 }
 
 void SectionMap::printSections(TextBuffer& out) const {

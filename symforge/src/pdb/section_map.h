@@ -58,6 +58,20 @@ class SectionMap {
   // Whether finalRva() changes addresses.
   bool isRewritten() const { return !omap_from.empty(); }
 
+  // Whether sectionBase() has an answer.
+  bool hasSection(uint32_t section) const {
+    return section != 0 && section <= (omap_sections.empty() ? sections : omap_sections).size();
+  }
+
+  // Code that the rewrite moved as a whole.
+  struct MovedCode {
+    uint32_t end;  // RVA in the linked image, one past the last byte; UINT32_MAX: no end
+    uint32_t rva;  // of the code in the final image
+    bool removed;  // it is not in the final image
+  };
+  // The code from `rva` of the linked image on.
+  MovedCode movedCode(uint32_t rva) const;
+
   // Appends an INFO SECTION line for each section of the final image.
   void printSections(TextBuffer& out) const;
 
@@ -66,6 +80,7 @@ class SectionMap {
                                  SectionHeaders& headers);
   void readOMAPDataDirection(const MsfFile& file, uint16_t omap_stream_id);
   uint32_t mapThroughOmap(uint32_t rva) const;
+  std::vector<OmapEntry>::const_iterator entryAbove(uint32_t rva) const;
 
   SectionHeaders sections;           // of the final image
   SectionHeaders omap_sections;      // before a rewrite of the image; empty: none

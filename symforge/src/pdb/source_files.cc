@@ -34,9 +34,16 @@ void SourceFiles::gatherFiles(const ModuleStreams& modules) {
 }
 
 bool SourceFiles::find(size_t module, uint32_t offset, uint32_t& number) const {
+  uint32_t position;
+  if (!findPosition(module, offset, position)) return false;
+  number = m_unique.values()[position].id;
+  return true;
+}
+
+bool SourceFiles::findPosition(size_t module, uint32_t offset, uint32_t& position) const {
   const Entry* entry = m_modules[module].find(offset);
   if (entry == nullptr) return false;
-  number = m_unique.values()[entry->file].id;
+  position = entry->file;
   return true;
 }
 

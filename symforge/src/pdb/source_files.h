@@ -27,6 +27,11 @@ class SourceFiles {
   // `module` of the list. False when there is no entry.
   bool find(size_t module, uint32_t offset, uint32_t& number) const;
 
+  // The same by position among all distinct files, which has no gaps, and the offset of the name of
+  // such a file in the string area of /NAMES.
+  bool findPosition(size_t module, uint32_t offset, uint32_t& position) const;
+  uint32_t nameOffset(uint32_t position) const { return m_unique.values()[position].name; }
+
   // Appends a FILE line for each file that has a name. `fileMod` may be null. Throws what
   // NameStream::find() throws. To be called once.
   void printFiles(const NameStream& names, FileMod* fileMod, TextBuffer& out);

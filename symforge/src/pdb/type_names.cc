@@ -65,6 +65,41 @@ constexpr PrimitiveNames kPrimitiveNames = [] {
   return names;
 }();
 
+// The same in the standard format.
+constexpr PrimitiveNames kStandardPrimitiveNames = [] {
+  PrimitiveNames names = kPrimitiveNames;
+  for (const auto& [number, name] : std::initializer_list<std::pair<int, std::string_view>>{
+           {20, "__int128"},
+           {36, "unsigned __int128"},
+           {67, "__float128"},
+           {70, "_Float16"},
+           {80, "_Complex float"},
+           {81, "_Complex double"},
+           {82, "_Complex long double"},
+           {83, "_Complex __float128"},
+           {120, "__int128"},
+           {121, "unsigned __int128"},
+           {122, "char16_t"},
+           {123, "char32_t"},
+           {124, "char8_t"},
+       })
+    names[number] = name;
+  return names;
+}();
+
+// A pointer of 16 bits to void: what compilers write for it.
+constexpr uint32_t kNullPointerType = 0x0103;
+
+void renderStandardPrimitive(uint32_t type, std::string& output) {
+  if (type == kNullPointerType) {
+    output += "std::nullptr_t";
+    return;
+  }
+  const std::string_view name = kStandardPrimitiveNames[type & 0xFF];
+  output += name.empty() ? "<unnamed type>" : name;
+  if ((type >> 8 & 6) != 0) output += " *";
+}
+
 void renderPrimitive(uint32_t type, std::string& output) {
   const std::string_view name = kPrimitiveNames[type & 0xFF];
   if (name.empty()) {
@@ -160,7 +195,10 @@ bool TypeNames::render(uint32_t type, uint32_t flags, const TypeTable& table) {
   }
   TypeInfo info;
   if (!table.find(type, info)) {
-    renderPrimitive(type, *m_output);
+    if (m_dialect == TypeDialect::kStandard)
+      renderStandardPrimitive(type, *m_output);
+    else
+      renderPrimitive(type, *m_output);
     return false;
   }
   if (++m_depth > kMaxDepth) throw pdb_exception("Types are nested too deeply");
@@ -277,7 +315,10 @@ void TypeNames::renderPointer(const TypeInfo& info, uint32_t flags) {
   static constexpr std::string_view kMarkers[] = {" *", " &", "::*", "::", " &&"};
   static_assert(std::size(kMarkers) == LeafPointer::kLastMode + 1);
   const LeafPointer& pointer = recordOf<LeafPointer>(info);
-  if (!render(pointer.utype, flags & IsUnderlying, m_types)) {
+  const bool writtenOut =
+      m_dialect == TypeDialect::kStandard && pointer.mode() == LeafPointer::kMemberFunction;
+  const uint32_t underlying = writtenOut ? uint32_t{IsUnderlying} : flags & IsUnderlying;
+  if (!render(pointer.utype, underlying, m_types)) {
     if (pointer.mode() <= LeafPointer::kLastMode) {
       *m_output += kMarkers[pointer.mode()];
     } else {

@@ -28,7 +28,11 @@ class TypeNames {
   };
 
   // `types` and `ids` must outlive this; they may be loaded later.
-  TypeNames(const TypeTable& types, const TypeTable& ids) : m_types(types), m_ids(ids) {}
+  // kStandard names the types that the default format has no name for, and writes pointers to
+  // member functions out.
+  TypeNames(const TypeTable& types, const TypeTable& ids,
+            TypeDialect dialect = TypeDialect::kDefault)
+      : m_types(types), m_ids(ids), m_dialect(dialect) {}
   TypeNames(const TypeNames&) = delete;
   TypeNames& operator=(const TypeNames&) = delete;
 
@@ -70,6 +74,7 @@ class TypeNames {
 
   const TypeTable& m_types;
   const TypeTable& m_ids;
+  const TypeDialect m_dialect;
 
   // The text under way.
   std::string* m_output = nullptr;

@@ -9,6 +9,26 @@ namespace symforge_internal {
 
 namespace {
 
+// Bytes by which a number that begins with `word` is longer than the short form, which is the word
+// itself.
+uint32_t extraNumberBytes(uint16_t word) {
+  switch (word) {
+    case LEAF::LF_CHAR:
+      return 1;
+    case LEAF::LF_SHORT:
+    case LEAF::LF_USHORT:
+      return 2;
+    case LEAF::LF_LONG:
+    case LEAF::LF_ULONG:
+      return 4;
+    case LEAF::LF_QUADWORD:
+    case LEAF::LF_UQUADWORD:
+      return 8;
+    default:
+      return 0;
+  }
+}
+
 // A read of no bytes takes one.
 uint32_t bytesRead(uint32_t size) { return size == 0 ? 1 : size; }
 
@@ -60,9 +80,20 @@ void TypeTable::load(const StreamPair& stream, const MsfPages& file) {
   }
 }
 
+const LeafTraits& TypeTable::traitsFor(uint16_t leaf) const {
+  const LeafTraits& traits = traitsOf(leaf);
+  return traits.standardOnly && m_dialect == TypeDialect::kDefault ? traitsOf(0) : traits;
+}
+
+uint32_t TypeTable::nameOffset(const LeafTraits& traits, uint32_t payload) const {
+  const uint32_t shortForm = payload + traits.name;
+  if (m_dialect == TypeDialect::kDefault || !traits.hasSize()) return shortForm;
+  return shortForm + extraNumberBytes(wordAt(shortForm - sizeof(le_uint16)));
+}
+
 // Validates a record by decoding it, then adds it to the index.
 void TypeTable::addRecord(uint32_t offset, const RecordHeader& head) {
-  const LeafTraits& traits = traitsOf(head.leaf);
+  const LeafTraits& traits = traitsFor(head.leaf);
   const bool kept = traits.kept();
   TypeInfo info;
   if (kept && !decodeInRun(m_runs.back(), offset, head, traits, info))
@@ -157,7 +188,8 @@ bool TypeTable::decodeInRun(const Run& run, uint32_t offset, const RecordHeader&
   info.offset = payload;
   if (!traits.hasName()) return true;
 
-  const uint32_t name = payload + traits.name;
+  if (traits.hasSize() && left < traits.name) return false;
+  const uint32_t name = nameOffset(traits, payload);
   if (run.bytesAt(name) == 0 || name - run.start >= run.terminated) return false;
   info.name = DataPtr<char>(run.at(name), false);
   return true;
@@ -168,7 +200,7 @@ bool TypeTable::decodeInRun(const Run& run, uint32_t offset, const RecordHeader&
 void TypeTable::decodeAcrossRuns(uint32_t offset, TypeInfo& info) const {
   StreamReader reader(*m_stream, *m_file, offset);
   const DataPtr<TypeRecord> record = reader.read<TypeRecord>();
-  const LeafTraits& traits = traitsOf(record->leafType);
+  const LeafTraits& traits = traitsFor(record->leafType);
   const uint32_t payload = reader.getOffset();
   info.type = LEAF::Enum(uint16_t{record->leafType});
   info.offset = payload;
@@ -184,7 +216,8 @@ void TypeTable::decodeAcrossRuns(uint32_t offset, TypeInfo& info) const {
   }
   if (!traits.hasName()) return;
   // A name right after the fixed part is read from where that ended.
-  if (traits.name != traits.data) reader.seek(payload + traits.name);
+  const uint32_t name = nameOffset(traits, payload);
+  if (name != payload + traits.data) reader.seek(name);
   info.name = reader.readString();
 }
 

@@ -23,6 +23,10 @@
 
 namespace symforge_internal {
 
+// How much of the type records is read and shown: what the default format shows, or all that the
+// standard format has a name for.
+enum class TypeDialect { kDefault, kStandard };
+
 // A decoded record: the leaf's fixed part and the name, null where the leaf has none.
 struct TypeInfo {
   DataPtr<unsigned char> data;
@@ -35,6 +39,10 @@ struct TypeInfo {
 
 class TypeTable {
  public:
+  // kStandard has the ids of member functions and strings as well, and finds the name of a class
+  // after a size of any form.
+  explicit TypeTable(TypeDialect dialect = TypeDialect::kDefault) : m_dialect(dialect) {}
+
   // Indexes a stream that has bytes. `stream` and `file` must outlive the table. Throws
   // pdb_recoverable_exception when the records, or what is kept of them, run off the stream's
   // pages. To be called once.
@@ -43,8 +51,9 @@ class TypeTable {
   // Decodes the record of an index. False when there is none, or none of a kind that has a text.
   bool find(uint32_t type, TypeInfo& info) const;
 
-  // Whether the index is that of a function: LF_PROCEDURE, LF_MFUNCTION or LF_FUNC_ID. Index 0 is
-  // "no type", also in a table that begins with it. Reads no record.
+  // Whether the index is that of a function: LF_PROCEDURE, LF_MFUNCTION, LF_FUNC_ID, and
+  // LF_MFUNC_ID where it is kept. Index 0 is "no type", also in a table that begins with it.
+  // Reads no record.
   bool isFunction(uint32_t type) const {
     const uint32_t place = type - m_min;
     return type != 0 && place < m_functions.size() && m_functions[place];
@@ -91,6 +100,9 @@ class TypeTable {
     uint16_t leaf;
   };
 
+  const LeafTraits& traitsFor(uint16_t leaf) const;
+  // Offset in the stream of the name of a record whose leaf's fields begin at `payload`.
+  uint32_t nameOffset(const LeafTraits& traits, uint32_t payload) const;
   void addRecord(uint32_t offset, const RecordHeader& head);
   uint32_t skipFill(StreamReader& reader, uint32_t offset);
   void enterRunOf(StreamReader& reader, uint32_t offset);
@@ -101,6 +113,7 @@ class TypeTable {
                    const LeafTraits& traits, TypeInfo& info) const;
   void decodeAcrossRuns(uint32_t offset, TypeInfo& info) const;
 
+  TypeDialect m_dialect;
   const StreamPair* m_stream = nullptr;
   const MsfPages* m_file = nullptr;
   uint32_t m_min = 0;
@@ -110,6 +123,10 @@ class TypeTable {
   std::vector<Run> m_runs;  // in the order of the stream
   mutable size_t m_lastRun = 0;
 };
+
+// Numbers of the type streams.
+constexpr uint32_t kTypeInfoStream = 2;  // type records
+constexpr uint32_t kIPIStream = 4;       // id records
 
 // Loads a type stream of a PDB into `table`. A stream without bytes leaves it empty; when it is
 // `required` that throws pdb_exception. Throws std::out_of_range for a stream that does not exist.

@@ -12,6 +12,7 @@
 #include "symforge/src/pdb_exception.h"
 #include "symforge/src/pe/pe_image.h"
 #include "symforge/src/pe/unwind_cfi.h"
+#include "symforge/src/pe/unwind_rules.h"
 
 namespace symforge_internal {
 
@@ -87,15 +88,33 @@ std::string CodeFile::identifier() const {
   return text;
 }
 
-void CodeFile::printCodeId(TextBuffer& out) const {
+std::string CodeFile::standardIdentifier() const {
+  char text[32];
+  std::snprintf(text, sizeof(text), "%08X%X", m_timeStamp, m_imageSize);
+  return text;
+}
+
+void CodeFile::printCodeId(TextBuffer& out) const { printCodeId(identifier(), out); }
+
+void CodeFile::printStandardCodeId(TextBuffer& out) const {
+  printCodeId(standardIdentifier(), out);
+}
+
+void CodeFile::printCodeId(const std::string& identifier, TextBuffer& out) const {
   if (!m_found) return;
   const std::string_view name = last_component(m_path);
   LineWriter line(out, 64 + name.size());
-  line.str("INFO CODE_ID ").str(identifier()).chr(' ').str(name).chr('\n');
+  line.str("INFO CODE_ID ").str(identifier).chr(' ').str(name).chr('\n');
 }
 
 void CodeFile::PrintFrameDataUsingEXE(TextBuffer& out) const {
   if (m_found) printUnwindData(PeImage(m_mapping), out);
+}
+
+std::vector<std::string> CodeFile::printUnwindRules(std::span<const CodeRange> functions,
+                                                    TextBuffer& out) const {
+  if (!m_found) return {};
+  return writeUnwindRules(PeImage(m_mapping), functions, out);
 }
 
 }  // namespace symforge_internal

@@ -3,10 +3,13 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string>
+#include <vector>
 
 #include "base/mapped_file.h"
 #include "base/text_buffer.h"
+#include "symforge/src/pe/cfi_rows.h"
 
 namespace symforge_internal {
 
@@ -31,14 +34,24 @@ class CodeFile {
   // with blanks, not with zeros.
   std::string identifier() const;
 
+  // The same as the standard format has it, with zeros in place of the blanks.
+  std::string standardIdentifier() const;
+
   // Appends the INFO CODE_ID line; nothing without an image.
   void printCodeId(TextBuffer& out) const;
+  void printStandardCodeId(TextBuffer& out) const;
 
   // Appends the unwind data of an x64 image as STACK CFI lines; nothing without an image. See
   // printUnwindData() for other images.
   void PrintFrameDataUsingEXE(TextBuffer& out) const;
+  // Appends the rules of any image as STACK CFI lines; nothing without an image. Returns messages,
+  // see writeUnwindRules().
+  std::vector<std::string> printUnwindRules(std::span<const CodeRange> functions,
+                                            TextBuffer& out) const;
 
  private:
+  void printCodeId(const std::string& identifier, TextBuffer& out) const;
+
   MMapWrapper m_mapping;
   std::string m_path;
   bool m_found = false;

@@ -48,7 +48,7 @@ class ImageFile {
   }
 
   bool read_directory(uint64_t optional_header);
-  bool read_sections(uint64_t position, size_t count);
+  void read_sections(uint64_t position, size_t count);
   // Moves from an RVA to a file position. False for an RVA that no section's part of the file has.
   bool position_of(uint32_t rva, uint64_t& position) const;
   bool find_codeview(uint64_t& position) const;
@@ -66,8 +66,9 @@ bool ImageFile::read_headers() {
   IMAGE_FILE_HEADER header;
   if (!read(headers + offsetof(IMAGE_NT_HEADERS32, FileHeader), &header)) return false;
   const uint64_t optional_header = headers + offsetof(IMAGE_NT_HEADERS32, OptionalHeader);
-  return read_directory(optional_header) &&
-         read_sections(optional_header + header.SizeOfOptionalHeader, header.NumberOfSections);
+  if (!read_directory(optional_header)) return false;
+  read_sections(optional_header + header.SizeOfOptionalHeader, header.NumberOfSections);
+  return true;
 }
 
 bool ImageFile::read_directory(uint64_t optional_header) {
@@ -85,9 +86,12 @@ bool ImageFile::read_directory(uint64_t optional_header) {
   return read(optional_header + directories + kEntry, &directory_);
 }
 
-bool ImageFile::read_sections(uint64_t position, size_t count) {
-  sections_.resize(count);  // at most 65535
-  return read(position, sections_.data(), count);
+// Those headers that are there; at most 65535.
+void ImageFile::read_sections(uint64_t position, size_t count) {
+  sections_.resize(count);
+  const ssize_t got = pread(file_.get(), sections_.data(), count * sizeof(IMAGE_SECTION_HEADER),
+                            static_cast<off_t>(position));
+  sections_.resize(got < 0 ? 0 : static_cast<size_t>(got) / sizeof(IMAGE_SECTION_HEADER));
 }
 
 bool ImageFile::position_of(uint32_t rva, uint64_t& position) const {

@@ -1,0 +1,89 @@
+// What a host does with a symbol file from outside, text or SYMB: loads it by name and from a
+// string, asks about it and unloads it. Everything has a cost to keep to.
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "common/symb_safety.h"
+#include "fuzz/addresses.h"
+#include "fuzz/harness.h"
+#include "google_breakpad/processor/basic_source_line_resolver.h"
+#include "tests/support/code_module.h"
+#include "tests/support/memory_file.h"
+
+using fuzzing::require;
+using google_breakpad::BasicSourceLineResolver;
+using google_breakpad::StackFrame;
+
+namespace {
+
+constexpr size_t kMebibyte = size_t{1} << 20;
+
+const test_support::TestModule code(0);
+
+// Every eighth text is made as long as a real one, by repetition: what costs more than it should
+// shows at that size.
+std::string grown(std::string text) {
+  if (text.empty() || text.size() % 8 != 0) return text;
+  const std::string once = text;
+  while (text.size() < kMebibyte) text += once;
+  return text;
+}
+
+std::vector<uint64_t> words_of(std::string_view block) {
+  constexpr size_t kEnough = 100;
+  std::vector<uint64_t> words = {0, UINT32_MAX, UINT64_MAX};
+  for (size_t at = 176; at + 4 <= block.size() && words.size() < kEnough; at += 4) {
+    uint32_t word;
+    std::memcpy(&word, block.data() + at, sizeof word);
+    words.push_back(word);
+  }
+  return words;
+}
+
+void ask(BasicSourceLineResolver& resolver, uint64_t address) {
+  constexpr double kSeconds = 0.010;
+  constexpr size_t kBytes = 16 * kMebibyte;
+  StackFrame frame;
+  frame.module = &code;
+  frame.instruction = address;
+  fuzzing::bounded("a lookup", kSeconds, kBytes, [&] { resolver.FillSourceLineInfo(&frame); });
+  fuzzing::bounded("a STACK WIN lookup", kSeconds, kBytes,
+                   [&] { delete resolver.FindWindowsFrameInfo(&frame); });
+  fuzzing::bounded("a STACK CFI lookup", kSeconds, kBytes,
+                   [&] { delete resolver.FindCFIFrameInfo(&frame); });
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  std::string content(reinterpret_cast<const char*>(data), size);
+  const bool is_symb = content.starts_with("SYMB");
+  if (!is_symb) content = grown(std::move(content));
+  const test_support::MemoryFile file(content);
+  const bool expected =
+      !is_symb || symforge_internal::symb_check_safety(content.data(), content.size());
+
+  BasicSourceLineResolver resolver;
+  bool loaded = false;
+  fuzzing::bounded("a load", 0.1 + 2e-6 * static_cast<double>(content.size()),
+                   64 * kMebibyte + 6 * content.size(),
+                   [&] { loaded = resolver.LoadModule(&code, file.path()); });
+  require(loaded == expected, "text and safe blocks load");
+  require(resolver.HasModule(&code) == loaded, "what is loaded is there");
+  std::vector<uint64_t> addresses = is_symb ? words_of(content) : fuzzing::addresses_in(content);
+  addresses.resize(std::min<size_t>(addresses.size(), 100));
+  for (const uint64_t address : addresses) ask(resolver, address);
+  const bool corrupt = resolver.IsModuleCorrupt(&code);
+  resolver.UnloadModule(&code);
+  require(!resolver.HasModule(&code) && !resolver.IsModuleCorrupt(&code),
+          "what is unloaded is gone");
+
+  require(resolver.LoadModuleUsingMapBuffer(&code, content) == expected, "one answer");
+  require(resolver.IsModuleCorrupt(&code) == corrupt, "one verdict on the lines");
+  return 0;
+}

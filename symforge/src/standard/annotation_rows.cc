@@ -1,0 +1,113 @@
+#include "symforge/src/standard/annotation_rows.h"
+
+#include <algorithm>
+
+#include "symforge/src/pdb/binary_annotations.h"
+
+namespace symforge_internal {
+
+namespace {
+
+constexpr uint32_t kLastOpcode = BA_OP_ChangeColumnEnd;
+constexpr uint32_t kUndecodable = 0xFFFFFFFF;
+
+class RowBuilder {
+ public:
+  RowBuilder(const AnnotationStart& start, std::vector<AnnotationRow>& rows)
+      : m_start(start), m_rows(rows), m_file(start.file), m_line(start.line) {}
+
+  // Applies one annotation, whose second operand only one opcode has. False for an opcode that does
+  // not exist.
+  bool apply(uint32_t opcode, uint32_t operand, uint32_t second);
+  void finish() { endRow(m_start.chunkSize); }
+
+ private:
+  void moveTo(uint32_t code) {
+    m_code = code;
+    endRow(code);
+    if (m_chunk != m_start.chunk || code >= m_start.chunkSize) return;
+    m_row = {code, code, m_file, m_line};
+    m_open = true;
+  }
+  // Ends the row that has no length yet.
+  void endRow(uint32_t end) {
+    if (m_open && end > m_row.start) {
+      m_row.end = std::min(end, m_start.chunkSize);
+      m_rows.push_back(m_row);
+    }
+    m_open = false;
+  }
+  void setLength(uint32_t length) {
+    const uint64_t end = uint64_t{m_row.start} + length;
+    endRow(static_cast<uint32_t>(std::min<uint64_t>(end, m_start.chunkSize)));
+  }
+
+  const AnnotationStart& m_start;
+  std::vector<AnnotationRow>& m_rows;
+  uint32_t m_file;
+  uint32_t m_line;
+  uint32_t m_code = 0;
+  uint32_t m_chunk = 0;
+  AnnotationRow m_row;
+  bool m_open = false;  // m_row waits for its end
+};
+
+bool RowBuilder::apply(uint32_t opcode, uint32_t operand, uint32_t second) {
+  switch (opcode) {
+    case BA_OP_CodeOffset:
+      moveTo(operand);
+      break;
+    case BA_OP_ChangeCodeOffsetBase:
+      endRow(m_start.chunkSize);
+      m_chunk = operand;
+      m_code = 0;
+      break;
+    case BA_OP_ChangeCodeOffset:
+      moveTo(m_code + operand);
+      break;
+    case BA_OP_ChangeCodeLength:
+      setLength(operand);
+      m_code += operand;
+      break;
+    case BA_OP_ChangeFile:
+      m_file = operand;
+      break;
+    case BA_OP_ChangeLineOffset:
+      m_line += signedAnnotation(operand);
+      break;
+    case BA_OP_ChangeCodeOffsetAndLineOffset:
+      m_line += signedAnnotation(operand >> 4);
+      moveTo(m_code + (operand & 0xF));
+      break;
+    case BA_OP_ChangeCodeLengthAndCodeOffset:
+      moveTo(m_code + second);
+      setLength(operand);
+      break;
+    default:
+      return opcode <= kLastOpcode;  // columns and the like
+  }
+  return true;
+}
+
+}  // namespace
+
+bool appendAnnotationRows(const uint8_t* bytes, size_t size, const AnnotationStart& start,
+                          std::vector<AnnotationRow>& rows) {
+  RowBuilder builder(start, rows);
+  const uint8_t* at = bytes;
+  const uint8_t* const end = bytes + size;
+  bool sound = true;
+  while (at < end && sound) {
+    const uint32_t opcode = uncompressCV(at);
+    if (opcode == BA_OP_Invalid) break;  // also the padding
+    const uint32_t operand = uncompressCV(at);
+    const uint32_t second =
+        opcode == BA_OP_ChangeCodeLengthAndCodeOffset ? uncompressCV(at) : uint32_t{0};
+    sound = operand != kUndecodable && second != kUndecodable && at <= end &&
+            builder.apply(opcode, operand, second);
+  }
+  builder.finish();
+  return sound;
+}
+
+}  // namespace symforge_internal

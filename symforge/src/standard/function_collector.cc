@@ -1,0 +1,124 @@
+#include "symforge/src/standard/function_collector.h"
+
+#include <algorithm>
+
+namespace symforge_internal {
+
+// Modules that share a stream would be read again and again.
+void FunctionCollector::collect(ModuleStreams& modules) {
+  m_lines.resize(modules.size());
+  m_nextBlock.resize(modules.size());
+  std::vector<bool> seen(size_t{1} << 16);
+  for (size_t i = 0; i < modules.size(); ++i) {
+    const size_t before = m_functions.size();
+    const uint16_t stream = modules[i].streamNumber();
+    if (!seen[stream]) {
+      seen[stream] = true;
+      collectModule(modules[i], static_cast<uint32_t>(i));
+    }
+    if (m_functions.size() == before) ++m_empty;
+  }
+}
+
+void FunctionCollector::collectModule(ModuleStream& module, uint32_t number) {
+  try {
+    m_inFunction = false;
+    module.forEachSymbol([&](const SymbolHeader& symbol, StreamReader& body, uint32_t offset) {
+      addSymbol(symbol, body, offset, number);
+    });
+    collectLines(module, number);
+  } catch (const pdb_exception&) {
+    ++m_damaged;
+  }
+}
+
+void FunctionCollector::addSymbol(const SymbolHeader& symbol, StreamReader& body, uint32_t offset,
+                                  uint32_t module) {
+  switch (symbol.type) {
+    case S_LPROC32:
+    case S_GPROC32: {
+      const DataPtr<ProcSym32> procedure = body.read<ProcSym32>();
+      CollectedFunction* function = addFunction(procedure->seg, procedure->off, module);
+      m_inFunction = function != nullptr;
+      if (function == nullptr) break;
+      function->name = body.readString();
+      function->length = procedure->len;
+      function->typeIndex = procedure->typind;
+      break;
+    }
+    case S_THUNK32: {
+      const DataPtr<ThunkSym32> thunk = body.read<ThunkSym32>();
+      CollectedFunction* function = addFunction(thunk->seg, thunk->off, module);
+      m_inFunction = false;
+      if (function == nullptr) break;
+      function->name = body.readString();
+      function->length = thunk->parent != 0 ? uint32_t{thunk->len} : 0;
+      break;
+    }
+    case S_SEPCODE: {
+      const DataPtr<SepCodeSym> part = body.read<SepCodeSym>();
+      if (!m_sections.hasSection(part->sec) || !m_sections.hasSection(part->parentSec)) break;
+      m_separated.push_back({m_sections.sectionBase(part->sec) + part->off, part->length,
+                             m_sections.sectionBase(part->parentSec) + part->parentOff, module});
+      break;
+    }
+    case S_INLINESITE:
+    case S_INLINESITE2:
+      addSite(offset);
+      break;
+    case S_INLINESITE_END:
+      addSite(kSiteEnd);
+      break;
+  }
+}
+
+// The result is valid until the next call; null for a section that does not exist.
+CollectedFunction* FunctionCollector::addFunction(uint32_t section, uint32_t offset,
+                                                  uint32_t module) {
+  if (!m_sections.hasSection(section)) return nullptr;
+  CollectedFunction& function = m_functions.emplace_back();
+  function.rva = m_sections.sectionBase(section) + offset;
+  function.module = module;
+  function.firstSite = static_cast<uint32_t>(m_sites.size());
+  return &function;
+}
+
+// Inline sites belong to the last procedure before them; its end is not looked at.
+void FunctionCollector::addSite(uint32_t entry) {
+  if (!m_withInlines || !m_inFunction) return;
+  m_sites.push_back(entry);
+  ++m_functions.back().siteCount;
+}
+
+void FunctionCollector::collectLines(const ModuleStream& module, uint32_t number) {
+  std::vector<LineBlock>& blocks = m_lines[number];
+  module.readModule(kLinesSubsection, [&](StreamReader& reader, uint32_t end) {
+    const uint32_t payload = reader.getOffset();
+    const DataPtr<CV_LineSection> section = reader.read<CV_LineSection>();
+    if (!m_sections.hasSection(section->sec)) return;
+    blocks.push_back({m_sections.sectionBase(section->sec) + section->off, payload, end});
+  });
+  const auto before = [](const LineBlock& a, const LineBlock& b) { return a.rva < b.rva; };
+  if (!std::is_sorted(blocks.begin(), blocks.end(), before)) {
+    std::stable_sort(blocks.begin(), blocks.end(), before);
+  }
+  blocks.shrink_to_fit();
+}
+
+std::span<const LineBlock> FunctionCollector::lineBlocks(uint32_t module, uint32_t rva,
+                                                         uint64_t end) const {
+  const std::vector<LineBlock>& blocks = m_lines[module];
+  size_t& next = m_nextBlock[module];
+  const bool isFirst =
+      next < blocks.size() && blocks[next].rva >= rva && (next == 0 || blocks[next - 1].rva < rva);
+  if (!isFirst) {
+    const auto before = [](const LineBlock& block, uint32_t wanted) { return block.rva < wanted; };
+    next = static_cast<size_t>(std::lower_bound(blocks.begin(), blocks.end(), rva, before) -
+                               blocks.begin());
+  }
+  const size_t first = next;
+  while (next < blocks.size() && blocks[next].rva < end) ++next;
+  return {blocks.data() + first, next - first};
+}
+
+}  // namespace symforge_internal

@@ -1,0 +1,95 @@
+// FunctionCollector: what the modules say of functions: procedures, thunks, parts that the compiler
+// separated from their function, blocks of lines and inline sites. Only places are kept: names,
+// lines and annotations stay in the mapped file.
+
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "symforge/src/msf/msf_file.h"
+#include "symforge/src/pdb/module_stream.h"
+#include "symforge/src/pdb/section_map.h"
+
+namespace symforge_internal {
+
+// A procedure or thunk. RVAs are those of the image as it was linked.
+struct CollectedFunction {
+  DataPtr<char> name;  // NUL-terminated
+  uint32_t rva = 0;
+  uint32_t length = 0;     // bytes of code; 0 for a thunk that is nested in nothing
+  uint32_t typeIndex = 0;  // 0: none
+  uint32_t module = 0;     // position in the list of modules
+  uint32_t firstSite = 0;  // of siteCount entries of sites()
+  uint32_t siteCount = 0;
+};
+
+// A part of a function that the compiler moved away from it.
+struct SeparatedCode {
+  uint32_t rva = 0;
+  uint32_t length = 0;
+  uint32_t functionRva = 0;  // some address of the function
+  uint32_t module = 0;
+};
+
+// A subsection with the lines of some code.
+struct LineBlock {
+  uint32_t rva = 0;      // of the first byte that the offsets of its records count from
+  uint32_t payload = 0;  // offset in the module's stream
+  uint32_t end = 0;      // offset one past the payload
+};
+
+class FunctionCollector {
+ public:
+  // Marks the end of the last open inline site in sites().
+  static constexpr uint32_t kSiteEnd = 0;
+
+  // `sections` must outlive this. `withInlines`: whether inline sites are noted.
+  FunctionCollector(const SectionMap& sections, bool withInlines)
+      : m_sections(sections), m_withInlines(withInlines) {}
+
+  // Reads all modules, whose streams must exist. A module whose streams end too early or are
+  // damaged loses what is left of it. Code in sections that the image does not have is left out. To
+  // be called once.
+  void collect(ModuleStreams& modules);
+
+  // In the order of the modules and their symbols.
+  const std::vector<CollectedFunction>& functions() const { return m_functions; }
+  const std::vector<SeparatedCode>& separatedCode() const { return m_separated; }
+
+  // The symbols of the inline sites of a function, as offsets in the module's stream, in their
+  // order; kSiteEnd for the end of a site.
+  std::span<const uint32_t> sites(const CollectedFunction& function) const {
+    return {m_sites.data() + function.firstSite, function.siteCount};
+  }
+
+  // The line blocks of a module that begin in `rva` ... `end` - 1, in the order of their RVAs and,
+  // where these are equal, of the file. Fastest for ascending addresses.
+  std::span<const LineBlock> lineBlocks(uint32_t module, uint32_t rva, uint64_t end) const;
+
+  // Modules of which nothing or not everything could be read.
+  uint32_t damagedModules() const { return m_damaged; }
+  uint32_t modulesWithoutFunctions() const { return m_empty; }
+
+ private:
+  void collectModule(ModuleStream& module, uint32_t number);
+  void addSymbol(const SymbolHeader& symbol, StreamReader& body, uint32_t offset, uint32_t module);
+  CollectedFunction* addFunction(uint32_t section, uint32_t offset, uint32_t module);
+  void addSite(uint32_t entry);
+  void collectLines(const ModuleStream& module, uint32_t number);
+
+  const SectionMap& m_sections;
+  const bool m_withInlines;
+  std::vector<CollectedFunction> m_functions;
+  std::vector<SeparatedCode> m_separated;
+  std::vector<uint32_t> m_sites;
+  std::vector<std::vector<LineBlock>> m_lines;  // by module
+  mutable std::vector<size_t> m_nextBlock;      // by module: after those that were found last
+  bool m_inFunction = false;                    // the last function takes inline sites
+  uint32_t m_damaged = 0;
+  uint32_t m_empty = 0;
+};
+
+}  // namespace symforge_internal

@@ -1,0 +1,96 @@
+// FunctionWriter: the FUNC line of a function with its INLINE lines and line records.
+
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "base/first_wins_map.h"
+#include "base/text_buffer.h"
+#include "symforge/src/standard/annotation_rows.h"
+#include "symforge/src/standard/cross_module_items.h"
+#include "symforge/src/standard/file_numbers.h"
+#include "symforge/src/standard/function_collector.h"
+#include "symforge/src/standard/function_layout.h"
+#include "symforge/src/standard/function_names.h"
+#include "symforge/src/standard/inline_calls.h"
+#include "symforge/src/standard/inline_origins.h"
+#include "symforge/src/standard/line_table.h"
+#include "symforge/src/standard/module_inlinees.h"
+#include "symforge/src/standard/standard_counts.h"
+
+namespace symforge_internal {
+
+// What functions are written from. All must outlive the writer.
+struct FunctionSources {
+  const MsfFile& file;
+  const ModuleStreams& modules;
+  const SectionMap& sections;
+  const FunctionCollector& collector;
+  CrossModuleItems& items;
+  FunctionNames& names;
+};
+
+class FunctionWriter {
+ public:
+  // `files`, `origins` and `counts` must outlive this.
+  FunctionWriter(const FunctionSources& sources, FileNumbers& files, InlineOrigins& origins,
+                 StandardCounts& counts);
+
+  // Appends the lines of a function. Lines and inline sites that cannot be read are left out.
+  // Throws pdb_exception for names that cannot be rendered and what InlineCalls::resolve() throws.
+  void write(const PlacedFunction& function, TextBuffer& out);
+
+ private:
+  // The reader of the stream that the last function came from.
+  struct ModuleReader {
+    std::optional<StreamReader> reader;
+    uint32_t module = 0;
+  };
+
+  // An inlined function as a module names it.
+  struct Callee {
+    uint32_t module = 0;
+    uint32_t origin = InlineOrigins::kUnnamed;
+    uint32_t file = 0;  // offset of the entry in the module's file checksums
+    uint32_t line = 0;
+  };
+
+  const Callee& findCallee(uint32_t inlinee);
+  void writeFuncLine(const PlacedFunction& function, TextBuffer& out);
+  void readLines(const PlacedFunction& function);
+  void readLineBlock(const PlacedFunction& function, const LineBlock& block);
+  bool readInlineCalls(const PlacedFunction& function);
+  void openSite(const PlacedFunction& function, uint32_t symbol);
+  void addRow(const PlacedFunction& function, const AnnotationRow& row);
+  void writeInlineLines(const PlacedFunction& function, TextBuffer& out);
+  uint32_t callFile(const InlinedCall& call) const;
+  void writeLines(const PlacedFunction& function, const std::vector<CodeRow>& rows,
+                  TextBuffer& out);
+  StreamReader& readerOf(ModuleReader& of, uint32_t module) const;
+
+  const FunctionSources m_sources;
+  FileNumbers& m_files;
+  InlineOrigins& m_origins;
+  StandardCounts& m_counts;
+  ModuleInlinees m_inlinees;
+  FirstWinsMap<Callee> m_callees;  // by item: of the module that named it last
+  ModuleReader m_symbols;          // two readers, as a module's symbols and lines are far apart
+  ModuleReader m_lines;
+
+  // Of the function that is being written.
+  const CollectedFunction* m_function = nullptr;
+  std::string m_name;
+  std::string m_printableName;
+  LineTable m_table;
+  InlineCalls m_calls;
+  std::vector<AnnotationRow> m_annotationRows;
+  std::vector<CodeRow> m_moved;
+  std::vector<CodeRow> m_movedSite;
+  uint32_t m_anyFile = kNoFile;
+};
+
+}  // namespace symforge_internal

@@ -1,0 +1,143 @@
+// InlineCalls: the inlined calls of one function, from the rows of its inline sites to the ranges,
+// call places and lines that the symbol file shows.
+//
+//   calls.begin(functionSize);
+//   calls.open(origin);              // a site; sites inside of it are opened before it is closed
+//   calls.addRow({start, end, place});
+//   calls.close();
+//   calls.resolve(lineTable.rows());
+//
+// A site has its code by its rows, as far as it lies inside of the site around it. Where rows of
+// sibling sites, or of one site, overlap, the row that starts last counts, and of several that
+// start together the last one added: no two ranges of one depth overlap. A call's place is the line
+// of the code around it at the same address: of the function's own lines at depth 0, of the rows of
+// the enclosing site below.
+//
+// One sweep over the code finds at each address the path of open calls from the function to the
+// innermost one. Its time is that of sorting the rows and of the paths; the steps along them are
+// counted against a budget of the whole file.
+
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "symforge/src/standard/code_row.h"
+
+namespace symforge_internal {
+
+// A range of an inlined call; bytes from the start of the function.
+struct InlineRange {
+  uint32_t start = 0;
+  uint32_t end = 0;
+};
+
+// An inlined call with one call place.
+struct InlinedCall {
+  uint32_t depth = 0;  // 0: inlined into the function itself
+  SourcePlace caller;  // not known where the caller has no line
+  uint32_t calleeFile = kNoFile;
+  uint32_t origin = 0;  // as given to open()
+  uint32_t firstRange = 0;
+  uint32_t rangeCount = 0;
+};
+
+class InlineCalls {
+ public:
+  // The most calls inside of each other. Compilers stop inlining long before.
+  static constexpr uint32_t kMaxDepth = 256;
+
+  // `maxSteps`: how many ranges all functions together may be cut into, counted at each depth.
+  explicit InlineCalls(uint64_t maxSteps) : m_budget(maxSteps) {}
+
+  // Starts a function of `size` bytes; keeps the memory.
+  void begin(uint32_t size);
+
+  // Opens a site. To be called only while full() is false.
+  void open(uint32_t origin);
+  // Opens a site that is left out: sites inside of it belong to the site around it.
+  void openLeftOut();
+  // Whether a further site would be deeper than kMaxDepth.
+  bool full() const;
+  // Adds a row to the site that was opened last, in any order. To be called before a further site
+  // is opened.
+  void addRow(const CodeRow& row);
+  // Closes the innermost open site; without one it does nothing.
+  void close();
+
+  bool empty() const { return m_sites.size() == 1; }
+
+  // Computes calls and lines. `ownLines` are the function's own, ascending and without overlap.
+  // Throws pdb_exception when the budget is used up.
+  void resolve(const std::vector<CodeRow>& ownLines);
+
+  // A call is followed by the calls inside of it.
+  const std::vector<InlinedCall>& calls() const { return m_calls; }
+  // Of each call ascending.
+  const std::vector<InlineRange>& ranges() const { return m_ranges; }
+  // Where the innermost code was written: ascending, without overlap. Code whose place is not known
+  // has no row.
+  const std::vector<CodeRow>& lines() const { return m_lines; }
+
+ private:
+  static constexpr uint32_t kNone = 0xFFFFFFFF;
+
+  // Sites are numbered in the order in which they were opened; 0 is the function.
+  struct Site {
+    uint32_t parent = kNone;
+    uint32_t depth = 0;  // of the call
+    uint32_t origin = 0;
+    uint32_t openRow = kNone;  // the last one that was opened of those of its children
+    uint32_t firstPiece = kNone;
+    uint32_t lastPiece = kNone;
+    uint32_t file = kNoFile;  // of its first code
+  };
+  struct Row {
+    CodeRow code;
+    uint32_t site = 0;
+    uint32_t outer = kNone;  // the row that was open among its siblings when it was opened
+  };
+  // A part of a site's code with one call place.
+  struct Piece {
+    uint32_t start = 0;
+    uint32_t end = 0;
+    SourcePlace caller;
+    uint32_t next = kNone;  // of the same site
+  };
+  // A call that is open at the present address.
+  struct OpenCall {
+    uint32_t site = 0;
+    uint32_t file = kNoFile;
+    SourcePlace caller;
+  };
+
+  void sortRows();
+  uint32_t nextStart() const;
+  void openRows(uint32_t at);
+  uint32_t followPath(uint32_t at, uint32_t end, SourcePlace& place);
+  uint32_t innermostRow(Site& site, uint32_t at);
+  void addPiece(const OpenCall& call, uint32_t start, uint32_t end);
+  void addLine(uint32_t start, uint32_t end, const SourcePlace& place);
+  void addCalls(const Site& site);
+  void addCall(const Site& site, const Piece* first, const Piece* last);
+  void spend(size_t steps);
+
+  uint64_t m_budget;
+  uint32_t m_size = 0;
+  std::vector<Site> m_sites;
+  std::vector<uint32_t> m_open;  // sites; for one that was left out, the site around it
+  std::vector<Row> m_rows;
+  std::vector<Piece> m_pieces;
+  std::vector<InlinedCall> m_calls;
+  std::vector<InlineRange> m_ranges;
+  std::vector<CodeRow> m_lines;
+
+  // Of the sweep.
+  std::vector<uint64_t> m_order;  // start of a row above its position
+  size_t m_nextRow = 0;           // in m_order
+  std::vector<OpenCall> m_path;
+  std::vector<Piece> m_sorted;
+};
+
+}  // namespace symforge_internal

@@ -1,0 +1,133 @@
+#include "symforge/src/standard/standard_printer.h"
+
+#include <string_view>
+
+#include "base/path_names.h"
+#include "symforge/src/WinStructs.h"
+#include "symforge/src/pdb/frame_tables.h"
+#include "symforge/src/pdb/name_stream.h"
+#include "symforge/src/pdb/public_functions.h"
+#include "symforge/src/pdb/section_map.h"
+#include "symforge/src/pdb/source_files.h"
+#include "symforge/src/pdb/type_table.h"
+#include "symforge/src/standard/file_numbers.h"
+#include "symforge/src/standard/function_collector.h"
+#include "symforge/src/standard/function_layout.h"
+#include "symforge/src/standard/function_names.h"
+#include "symforge/src/standard/function_writer.h"
+#include "symforge/src/standard/inline_origins.h"
+#include "symforge/src/standard/line_name.h"
+
+namespace symforge_internal {
+
+namespace {
+
+const char* architecture(uint16_t machine) {
+  switch (machine) {
+    case IMAGE_FILE_MACHINE_I386:
+      return "x86";
+    case IMAGE_FILE_MACHINE_ARM:
+      return "arm";
+    case IMAGE_FILE_MACHINE_ARM64:
+      return "arm64";
+    case IMAGE_FILE_MACHINE_PPC64:
+      return "ppc64";
+    case IMAGE_FILE_MACHINE_AMD64:
+      return "x86_64";
+    default:
+      return "unknown";
+  }
+}
+
+void printPublic(const PlacedPublic& symbol, TextBuffer& out) {
+  constexpr size_t kNumbers = 64;
+  std::string storage;
+  std::string_view name = lineName(symbol.name, storage);
+  if (name.empty()) name = "<unnamed symbol>";
+  LineWriter line(out, kNumbers + name.size());
+  line.str(symbol.shared ? "PUBLIC m " : "PUBLIC ").hex(symbol.rva).chr(' ');
+  line.hex(symbol.paramSize).chr(' ').str(name).chr('\n');
+}
+
+}  // namespace
+
+void StandardPrinter::printHeader(TextBuffer& out) const {
+  constexpr size_t kWords = 64;
+  std::string storage;
+  const std::string_view name = lineName(last_component(m_source.pdbFile), storage);
+  LineWriter line(out, kWords + m_source.debugId.size() + name.size());
+  line.str("MODULE windows ").str(architecture(m_source.dbi.header().machine)).chr(' ');
+  line.str(m_source.debugId).chr(' ').str(name).chr('\n');
+}
+
+void StandardPrinter::printUnwindRules(const std::vector<PlacedFunction>& functions,
+                                       TextBuffer& out) const {
+  std::vector<CodeRange> ranges;
+  ranges.reserve(functions.size());
+  for (const PlacedFunction& f : functions) {
+    if (f.size != 0) ranges.push_back({f.rva, f.size});
+  }
+  for (const std::string& message : m_source.codeFile.printUnwindRules(ranges, out)) {
+    m_counts.messages.push_back(message);
+  }
+}
+
+// Which files and origins there are is known when all functions are written; their lines are
+// inserted before those of the functions then.
+void StandardPrinter::print(TextBuffer& out) {
+  const MsfFile& file = m_source.file;
+  printHeader(out);
+  m_source.codeFile.printStandardCodeId(out);
+  const size_t start = out.size();
+
+  ModuleStreams modules = m_source.dbi.readModuleList();
+  m_counts.damagedModules = std::erase_if(modules, [&file](const ModuleStream& module) {
+    return !module.hasStream() || module.streamNumber() >= file.streams().size();
+  });
+  const DataPtr<DBIDebugHeader> debugHeader = m_source.dbi.readDebugHeader();
+  refuseTokenMap(*debugHeader);
+  SectionMap sections;
+  sections.readSections(file, debugHeader->sectionHdr);
+  sections.readOMAPData(file, debugHeader->sectionHdrOriginal, debugHeader->omapToSource,
+                        debugHeader->omapFromSource);
+  SourceFiles sources;
+  sources.gatherFiles(modules);
+  NameStream strings;
+  loadNameStream(file, m_source.info, m_source.pdbFile, strings);
+  TypeTable types(TypeDialect::kStandard);
+  TypeTable ids(TypeDialect::kStandard);
+  loadTypeStream(file, kTypeInfoStream, types, /*required=*/true);
+  loadTypeStream(file, kIPIStream, ids, /*required=*/false);
+  PublicFunctions publics;
+  publics.getGlobalFunctions(file, m_source.dbi.header().symRecordStream, sections);
+  FrameTables frames;
+  frames.readFrameData(file, *debugHeader);
+
+  FunctionCollector collector(sections, m_source.withInlines);
+  collector.collect(modules);
+  FunctionNames names(types, ids);
+  FunctionLayout layout(collector, sections, frames, publics, names);
+  layout.place();
+
+  FileNumbers files(sources, strings);
+  InlineOrigins origins(names);
+  CrossModuleItems items(modules, strings);
+  FunctionWriter writer({file, modules, sections, collector, items, names}, files, origins,
+                        m_counts);
+  for (const PlacedFunction& function : layout.functions()) writer.write(function, out);
+  for (const PlacedPublic& symbol : layout.publics()) printPublic(symbol, out);
+  TextBuffer tables;
+  files.print(tables);
+  origins.print(tables);
+  out.insert(start, tables.view());
+  frames.printFrameData(strings, out);
+  printUnwindRules(layout.functions(), out);
+
+  m_counts.publics = layout.publics().size();
+  m_counts.files = files.count();
+  m_counts.origins = origins.count();
+  m_counts.damagedModules += collector.damagedModules();
+  m_counts.modulesWithoutFunctions = collector.modulesWithoutFunctions();
+}
+
+}  // namespace symforge_internal

@@ -1,0 +1,49 @@
+// StandardPrinter: the symbol file of a PDB in the published text format, with all that the PDB and
+// the image say. docs/symbol-file.md describes its lines.
+
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "base/text_buffer.h"
+#include "symforge/src/msf/msf_file.h"
+#include "symforge/src/pdb/dbi_stream.h"
+#include "symforge/src/pdb/info_stream.h"
+#include "symforge/src/pe/code_file.h"
+#include "symforge/src/standard/function_layout.h"
+#include "symforge/src/standard/standard_counts.h"
+
+namespace symforge_internal {
+
+// An opened PDB and its image. All must outlive the printer.
+struct StandardSource {
+  const MsfFile& file;
+  const InfoStream& info;
+  DbiStream& dbi;  // the header was read, nothing else
+  const CodeFile& codeFile;
+  const std::string& pdbFile;  // path
+  const std::string& debugId;
+  bool withInlines;
+};
+
+class StandardPrinter {
+ public:
+  // `counts` must outlive this.
+  StandardPrinter(const StandardSource& source, StandardCounts& counts)
+      : m_source(source), m_counts(counts) {}
+
+  // Appends the whole text. To be called once. Parts of the PDB that are damaged are left out and
+  // counted; without the DBI stream, the types or the section headers, and where a limit is
+  // exceeded, it throws pdb_exception or std::out_of_range.
+  void print(TextBuffer& out);
+
+ private:
+  void printHeader(TextBuffer& out) const;
+  void printUnwindRules(const std::vector<PlacedFunction>& functions, TextBuffer& out) const;
+
+  const StandardSource m_source;
+  StandardCounts& m_counts;
+};
+
+}  // namespace symforge_internal

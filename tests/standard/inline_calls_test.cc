@@ -1,0 +1,202 @@
+// Inlined calls: ranges, nesting, call places and the lines of the innermost code.
+
+#include "symforge/src/standard/inline_calls.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+#include <string>
+#include <vector>
+
+#include "symforge/src/StreamReader.h"
+
+namespace symforge_internal {
+namespace {
+
+constexpr uint64_t kPlenty = 1 << 20;
+
+// A site of the function: rows of {start, end, line} in the file of its origin's number, and the
+// sites inside of it. Origin 0 stands for a site without a name.
+struct Site {
+  uint32_t origin;
+  std::vector<std::vector<uint32_t>> rows;
+  std::vector<Site> inside = {};
+};
+
+void open(InlineCalls& calls, const Site& site) {
+  if (site.origin == 0) {
+    calls.openLeftOut();
+  } else {
+    calls.open(site.origin);
+    for (const auto& row : site.rows) calls.addRow({row[0], row[1], {site.origin, row[2]}});
+  }
+  for (const Site& inner : site.inside) open(calls, inner);
+  calls.close();
+}
+
+std::vector<CodeRow> own(const std::vector<std::vector<uint32_t>>& rows) {
+  std::vector<CodeRow> lines;
+  for (const auto& row : rows) lines.push_back({row[0], row[1], {1, row[2]}});
+  return lines;
+}
+
+// "depth file:line origin ranges; " of each call, then "| start-end file:line" of each line.
+std::string text(const InlineCalls& calls) {
+  std::string text;
+  const auto add = [&text](const char* format, auto... values) {
+    char piece[96];
+    std::snprintf(piece, sizeof(piece), format, values...);
+    text += piece;
+  };
+  for (const InlinedCall& call : calls.calls()) {
+    add("%u %u:%u %u", call.depth, call.caller.file, call.caller.line, call.origin);
+    for (uint32_t i = 0; i < call.rangeCount; ++i) {
+      const InlineRange& range = calls.ranges()[call.firstRange + i];
+      add(" %x-%x", range.start, range.end);
+    }
+    text += "; ";
+  }
+  text += "|";
+  for (const CodeRow& row : calls.lines()) {
+    add(" %x-%x %u:%u", row.start, row.end, row.place.file, row.place.line);
+  }
+  return text;
+}
+
+TEST(InlineCalls, FollowFromTheRowsOfTheSites) {
+  const struct {
+    const char* what;
+    std::vector<Site> sites;
+    const char* text;
+  } cases[] = {
+      {"a call of several ranges",
+       {{2, {{0x14, 0x18, 70}, {0x18, 0x1a, 71}, {0x1c, 0x20, 72}}}},
+       "0 1:11 2 14-1a 1c-20; | 0-10 1:10 10-14 1:11 14-18 2:70 18-1a 2:71 1a-1c 1:11 1c-20 2:72 "
+       "20-40 1:12"},
+      {"a call inside of a call",
+       {{2, {{0x10, 0x18, 70}, {0x18, 0x20, 71}}, {{3, {{0x14, 0x1c, 80}}}}}},
+       "0 1:11 2 10-20; 1 2:70 3 14-18; 1 2:71 3 18-1c; | 0-10 1:10 10-14 2:70 14-1c 3:80 "
+       "1c-20 2:71 20-40 1:12"},
+      {"a call from two lines",
+       {{2, {{0xc, 0x14, 70}}}},
+       "0 1:10 2 c-10; 0 1:11 2 10-14; | 0-c 1:10 c-14 2:70 14-20 1:11 20-40 1:12"},
+      {"the inner call has no more than its caller's code",
+       {{2, {{0x10, 0x18, 70}}, {{3, {{0x8, 0x20, 80}}}}}},
+       "0 1:11 2 10-18; 1 2:70 3 10-18; | 0-10 1:10 10-18 3:80 18-20 1:11 20-40 1:12"},
+      {"a caller without code of its own has no calls",
+       {{2, {}, {{3, {{0x10, 0x18, 80}}}}}},
+       "| 0-10 1:10 10-20 1:11 20-40 1:12"},
+      {"siblings share no code: the one that starts last has it",
+       {{2, {{0x10, 0x20, 70}}}, {3, {{0x14, 0x18, 80}}}, {4, {{0x1c, 0x24, 90}}}},
+       "0 1:11 2 10-14 18-1c; 0 1:11 3 14-18; 0 1:11 4 1c-20; 0 1:12 4 20-24; | 0-10 1:10 "
+       "10-14 2:70 14-18 3:80 18-1c 2:70 1c-24 4:90 24-40 1:12"},
+      {"rows out of order",
+       {{2, {{0x18, 0x1c, 71}, {0x10, 0x14, 70}}}},
+       "0 1:11 2 10-14 18-1c; | 0-10 1:10 10-14 2:70 14-18 1:11 18-1c 2:71 1c-20 1:11 20-40 1:12"},
+      {"a site without a name counts as its caller",
+       {{0, {}, {{3, {{0x14, 0x18, 80}}}}}},
+       "0 1:11 3 14-18; | 0-10 1:10 10-14 1:11 14-18 3:80 18-20 1:11 20-40 1:12"},
+      {"rows of size 0 and beyond the function",
+       {{2, {{0x14, 0x14, 70}, {0x3c, 0x80, 71}}}},
+       "0 1:12 2 3c-40; | 0-10 1:10 10-20 1:11 20-3c 1:12 3c-40 2:71"},
+  };
+  InlineCalls calls(kPlenty);
+  for (const auto& test : cases) {
+    calls.begin(0x40);
+    for (const Site& site : test.sites) open(calls, site);
+    calls.close();  // one too many
+    calls.resolve(own({{0, 0x10, 10}, {0x10, 0x20, 11}, {0x20, 0x40, 12}}));
+    EXPECT_EQ(text(calls), test.text) << test.what;
+  }
+}
+
+TEST(InlineCalls, CodeWithoutALineIsACallerToo) {
+  InlineCalls calls(kPlenty);
+  calls.begin(0x20);
+  open(calls, {2, {{0, 0x10, 70}}});
+  calls.resolve(own({{8, 0xc, 5}}));
+  EXPECT_EQ(text(calls), "0 0:0 2 0-8 c-10; 0 1:5 2 8-c; | 0-10 2:70");
+}
+
+TEST(InlineCalls, StopAtTheDeepestCall) {
+  InlineCalls calls(kPlenty);
+  calls.begin(0x20);
+  for (uint32_t i = 0; i < 2 * InlineCalls::kMaxDepth; ++i) {
+    if (calls.full()) {
+      calls.openLeftOut();
+      continue;
+    }
+    calls.open(i);
+    calls.addRow({0, 0x20, {2, i}});
+  }
+  calls.resolve({});
+  ASSERT_EQ(calls.calls().size(), InlineCalls::kMaxDepth);
+  EXPECT_EQ(calls.calls().back().depth, InlineCalls::kMaxDepth - 1);
+}
+
+TEST(InlineCalls, EndWhenTheBudgetIsUsedUp) {
+  InlineCalls calls(64);
+  calls.begin(0x1000);
+  for (uint32_t depth = 0; depth < 16; ++depth) {
+    calls.open(depth);
+    if (depth != 0) calls.addRow({0, 0x1000, {2, depth}});
+    for (uint32_t i = 0; depth == 0 && i < 16; ++i) calls.addRow({8 * i, 8 * i + 4, {2, i}});
+  }
+  EXPECT_THROW(calls.resolve({}), pdb_exception);
+}
+
+// Any rows, however they overlap: what the symbol file demands holds, and the lines cover exactly
+// the code that has a place.
+TEST(InlineCalls, NestForAnyRows) {
+  std::mt19937 random(7);
+  const auto number = [&random](uint32_t limit) { return static_cast<uint32_t>(random() % limit); };
+  InlineCalls calls(1 << 30);
+  for (int round = 0; round < 300; ++round) {
+    constexpr uint32_t kSize = 64;
+    calls.begin(kSize);
+    const uint32_t sites = number(12);
+    for (uint32_t i = 1; i <= sites; ++i) {
+      calls.open(i);
+      for (uint32_t r = number(4); r != 0; --r) {
+        const uint32_t start = number(kSize);
+        calls.addRow({start, start + number(kSize), {i, number(3)}});
+      }
+      for (uint32_t c = number(3); c != 0; --c) calls.close();
+    }
+    calls.resolve(own({{4, 60, 9}}));
+
+    // The number of calls around each byte, and the innermost of them.
+    std::vector<uint32_t> depths(kSize);
+    std::vector<uint32_t> innermost(kSize, 0);
+    for (uint32_t depth = 0; depth < 12; ++depth) {
+      for (const InlinedCall& call : calls.calls()) {
+        if (call.depth != depth) continue;
+        ASSERT_NE(call.rangeCount, 0u);
+        for (uint32_t i = 0; i < call.rangeCount; ++i) {
+          const InlineRange& range = calls.ranges()[call.firstRange + i];
+          ASSERT_LT(range.start, range.end);
+          ASSERT_LE(range.end, kSize);
+          for (uint32_t at = range.start; at < range.end; ++at) {
+            ASSERT_EQ(depths[at]++, depth);  // not twice in one depth, and inside of a caller
+            innermost[at] = call.origin;
+          }
+        }
+      }
+    }
+    std::vector<uint32_t> written(kSize, 0);
+    uint32_t end = 0;
+    for (const CodeRow& row : calls.lines()) {
+      ASSERT_LE(end, row.start);
+      ASSERT_LT(row.start, row.end);
+      end = row.end;
+      for (uint32_t at = row.start; at < row.end; ++at) written[at] = row.place.file;
+    }
+    for (uint32_t at = 0; at < kSize; ++at) {
+      const bool ownLine = depths[at] == 0 && at >= 4 && at < 60;
+      ASSERT_EQ(written[at], ownLine ? 1 : innermost[at]) << round << " at " << at;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace symforge_internal
