@@ -1,5 +1,8 @@
-// OpenAddressingIndex: a hash table from 32-bit keys to positions in a vector of the caller. One
-// allocation, 8 bytes per slot, load factor at most 2/3.
+// OpenAddressingIndex: a hash table from 32-bit keys to positions in a vector of its user's, in one
+// block of memory: 8 bytes a slot, at most two thirds of them in use.
+//
+// Keys come from files, which choose them: the hash function differs from process to process, so
+// that no file can make all of its keys collide.
 
 #pragma once
 
@@ -8,6 +11,9 @@
 #include <vector>
 
 namespace symforge_internal {
+
+// An odd number, the same during the whole process and another one in the next.
+uint64_t hash_multiplier();
 
 class OpenAddressingIndex {
  public:
@@ -34,10 +40,10 @@ class OpenAddressingIndex {
     uint32_t place = 0;
   };
 
-  // The slot that contains `key`, or the free slot for it.
-  static size_t slotOf(const std::vector<Slot>& slots, uint32_t key) {
+  // Where the key stands, or the free slot where it would.
+  size_t slotOf(const std::vector<Slot>& slots, uint32_t key) const {
     const size_t mask = slots.size() - 1;
-    size_t at = (key * uint64_t{0x9E3779B97F4A7C15} >> 32) & mask;
+    size_t at = (key * m_multiplier >> 32) & mask;
     while (slots[at].place != 0 && slots[at].key != key) at = (at + 1) & mask;
     return at;
   }
@@ -51,6 +57,7 @@ class OpenAddressingIndex {
 
   std::vector<Slot> m_slots;  // size is a power of two
   size_t m_used = 0;
+  uint64_t m_multiplier = hash_multiplier();
 };
 
 }  // namespace symforge_internal

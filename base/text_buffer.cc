@@ -5,6 +5,8 @@
 #include <new>
 #include <utility>
 
+#include "base/limits.h"
+
 namespace symforge_internal {
 
 TextBuffer::~TextBuffer() {
@@ -15,12 +17,14 @@ TextBuffer::TextBuffer(TextBuffer&& other) noexcept
     : data_(std::exchange(other.data_, nullptr)),
       size_(std::exchange(other.size_, 0)),
       capacity_(std::exchange(other.capacity_, 0)),
+      limit_(std::exchange(other.limit_, SIZE_MAX)),
       pages_(std::move(other.pages_)) {}
 
 TextBuffer& TextBuffer::operator=(TextBuffer&& other) noexcept {
   std::swap(data_, other.data_);
   std::swap(size_, other.size_);
   std::swap(capacity_, other.capacity_);
+  std::swap(limit_, other.limit_);
   std::swap(pages_, other.pages_);
   return *this;
 }
@@ -36,8 +40,9 @@ void TextBuffer::grow(size_t bytes) {
   constexpr size_t kFirstBlock = 64 * 1024;
   constexpr size_t kLargeBlock = HugePageBlock::kUnit;
   if (bytes > SIZE_MAX / 2 - size_) throw std::bad_alloc();
+  if (size_ + bytes > limit_) throw LimitExceeded("The text is too long for its input");
   const size_t usual = capacity_ == 0 ? kFirstBlock : capacity_ + capacity_ / 2;
-  const size_t capacity = std::max(usual, size_ + bytes);
+  const size_t capacity = std::max(std::min(usual, limit_), size_ + bytes);
   if (capacity < kLargeBlock) {
     char* data = static_cast<char*>(std::realloc(data_, capacity));
     if (data == nullptr) throw std::bad_alloc();
@@ -59,6 +64,12 @@ void TextBuffer::grow_pages(size_t capacity) {
   }
   data_ = pages_.data();
   capacity_ = capacity;
+}
+
+void blank_line_ends(char* text, size_t size) {
+  for (char* at = text; at != text + size; ++at) {
+    if (*at == '\r' || *at == '\n' || *at == '\0') *at = ' ';
+  }
 }
 
 }  // namespace symforge_internal

@@ -13,6 +13,8 @@
 
 #pragma once
 
+#include <emmintrin.h>
+
 #include <cassert>
 #include <charconv>
 #include <cstddef>
@@ -68,8 +70,17 @@ class TextBuffer {
     size_ = size;
   }
 
-  // Reserves `bytes` writable bytes after the text, without adding them to it. The pointer is valid
-  // until the next call that may grow the buffer. Throws std::bad_alloc.
+  // Bounds the text: from then on growing beyond `bytes`, and at most one huge page more, throws
+  // LimitExceeded.
+  // `bytes` is not less than size().
+  void set_limit(size_t bytes) {
+    assert(bytes >= size_);
+    limit_ = bytes;
+  }
+
+  // Room for `bytes` more, without making them part of the text. The pointer is valid until the
+  // next call that grows the buffer. Throws std::bad_alloc, and LimitExceeded when the text would
+  // outgrow its limit.
   char* prepare(size_t bytes) {
     if (capacity_ - size_ < bytes) grow(bytes);
     return data_ + size_;
@@ -88,16 +99,30 @@ class TextBuffer {
   char* data_ = nullptr;  // from malloc, or the data of `pages_` once that is in use
   size_t size_ = 0;
   size_t capacity_ = 0;
+  size_t limit_ = SIZE_MAX;
   HugePageBlock pages_;
 };
 
-// Writes a number in lower-case hexadecimal without padding and returns the end of it. Always
-// writes eight bytes; those after the end are garbage to be overwritten.
+// Bounds a text while it lives to `bytes` more than it has.
+class TextLimit {
+ public:
+  TextLimit(TextBuffer& text, size_t bytes) : text_(text) {
+    text_.set_limit(bytes < SIZE_MAX - text.size() ? text.size() + bytes : SIZE_MAX);
+  }
+  ~TextLimit() { text_.set_limit(SIZE_MAX); }
+  TextLimit(const TextLimit&) = delete;
+  TextLimit& operator=(const TextLimit&) = delete;
+
+ private:
+  TextBuffer& text_;
+};
+
+// Writes a number in lower-case hexadecimal without padding and returns the end of it. Eight bytes
+// are written whatever the number; those behind the end are zeros, to be written over.
 //
 // All digits are computed at once: the nibbles are spread over the bytes of a word, and those above
 // 9 are adjusted to letters. Addresses are about half of a symbol file; this takes a third of the
 // time of std::to_chars.
-// made of; this takes a third of the time of std::to_chars.
 inline char* put_hex(char* at, uint32_t number) {
   uint64_t word = number;
   word = (word | word << 16) & 0x0000FFFF0000FFFF;
@@ -128,6 +153,16 @@ inline char* put_dec(char* at, uint32_t number) {
   return at + 4 - zeros;
 }
 
+// Whether some of the 16 bytes at `text` is at or below the carriage return; no printable one is.
+inline bool may_end_line(const char* text) {
+  const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text));
+  const __m128i low = _mm_cmpeq_epi8(_mm_min_epu8(bytes, _mm_set1_epi8('\r')), bytes);
+  return _mm_movemask_epi8(low) != 0;
+}
+
+// Replaces each carriage return, line feed and NUL by a blank.
+void blank_line_ends(char* text, size_t size);
+
 // Writes one line, or one short record, into a TextBuffer. `room` is an upper bound of the bytes
 // that will be written: a number takes at most 20, so callers count 20 a number and the length of
 // each text. Every write asserts that it stays inside, so a wrong bound shows in the first test.
@@ -148,6 +183,19 @@ class LineWriter {
     assert(text.size() <= static_cast<size_t>(end_ - at_));
     if (!text.empty()) std::memcpy(at_, text.data(), text.size());
     at_ += text.size();
+    return *this;
+  }
+  // A name from a file, and what is to follow it: what could end the line is written as a blank.
+  LineWriter& name(std::string_view text, std::string_view more = {}) {
+    char* const begin = at_;
+    str(text).str(more);
+    const size_t size = static_cast<size_t>(at_ - begin);
+    constexpr size_t kBlock = 16;
+    bool found = size < kBlock || may_end_line(at_ - kBlock);
+    for (const char* block = begin; !found && block < at_ - kBlock; block += kBlock) {
+      found = may_end_line(block);
+    }
+    if (found) blank_line_ends(begin, size);
     return *this;
   }
   // Lower-case hexadecimal without prefix or padding.

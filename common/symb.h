@@ -228,9 +228,11 @@ bool symb_write(const char* symbol_data, char** out_buffer, size_t* out_buffer_s
 
 // Converts a SYMB block to a text symbol file and appends it to `out`.
 //
-// The block is only read and stays usable. Fails, and leaves `out` unchanged, if the block does not
-// begin with "SYMB" or if something to be printed is not entirely inside it: tables, strings
-// without a NUL, frame info whose arrays contain themselves. Never reads outside the block.
+// The block is only read, and stays usable. False, with `out` as it was, if the block does not
+// begin with "SYMB", or if what has to be printed lies outside it in part: tables, strings without
+// an end in the block, frame info whose arrays contain themselves, or if its records share strings
+// so that the text would be out of all proportion (16 MiB + 16 times the block). Nothing outside
+// the block is ever read.
 bool symb_read(char* in_buffer, size_t in_buffer_size, std::stringstream& out);
 
 // Relocates the block in place: adds `base`, the address of the block, to each reference. The

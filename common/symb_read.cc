@@ -451,13 +451,19 @@ bool Printer::delta_rule(const symb_cfi_delta_rule& rule) {
 
 }  // namespace
 
-bool symb_read(const char* block, size_t size, TextBuffer& out, TextDialect dialect) {
+bool symb_read(const char* block, size_t size, TextBuffer& out, TextDialect dialect,
+               const Limit& text_limit) {
   if (!std::string_view(block, size).starts_with(kSymbMagic)) return false;
   if (!symb_references_are_valid(block, size)) return false;
   const size_t before = out.size();
-  Printer printer(block, size, out);
-  const bool is_standard = dialect == TextDialect::kStandard;
-  if (is_standard ? printer.print_standard() : printer.print()) return true;
+  try {
+    const TextLimit limit(out, text_limit.of(size));
+    Printer printer(block, size, out);
+    const bool is_standard = dialect == TextDialect::kStandard;
+    if (is_standard ? printer.print_standard() : printer.print()) return true;
+  } catch (const LimitExceeded&) {
+    // Records that share one long string ask for a text out of all proportion.
+  }
   out.truncate(before);
   return false;
 }

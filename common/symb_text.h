@@ -5,6 +5,7 @@
 
 #include <cstddef>
 
+#include "base/limits.h"
 #include "base/text_buffer.h"
 
 namespace symforge_internal {
@@ -17,8 +18,10 @@ bool symb_write(TextBuffer symbol_data, char** out_buffer, size_t* out_buffer_si
 // with INLINE lines, which all readers of the Breakpad format understand.
 enum class TextDialect { kDefault, kStandard };
 
-// As symb_read() in symb.h, but appends to a TextBuffer. On failure, `out` is unchanged.
+// symb_read() that appends to `out`. The block is only read. `text_limit`: how much text is made of
+// a block of that size; what would be more fails. On false, `out` is unchanged.
 bool symb_read(const char* block, size_t size, TextBuffer& out,
-               TextDialect dialect = TextDialect::kDefault);
+               TextDialect dialect = TextDialect::kDefault,
+               const Limit& text_limit = limits::kTextOfSymb);
 
 }  // namespace symforge_internal

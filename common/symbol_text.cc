@@ -123,13 +123,13 @@ void append_line(TextBuffer& out, const ModuleFields& fields) {
   const size_t strings =
       fields.os.size() + fields.arch.size() + fields.debug_id.size() + fields.debug_file.size();
   LineWriter line(out, strings + kNumbersBytes);
-  line.str("MODULE ").str(fields.os).chr(' ').str(fields.arch).chr(' ').str(fields.debug_id);
-  line.chr(' ').str(fields.debug_file).chr('\n');
+  line.str("MODULE ").name(fields.os).chr(' ').name(fields.arch).chr(' ').name(fields.debug_id);
+  line.chr(' ').name(fields.debug_file).chr('\n');
 }
 
 void append_line(TextBuffer& out, const CodeIdFields& fields) {
   LineWriter line(out, fields.code_id.size() + fields.code_file.size() + kNumbersBytes);
-  line.str("INFO CODE_ID ").str(fields.code_id).chr(' ').str(fields.code_file).chr('\n');
+  line.str("INFO CODE_ID ").name(fields.code_id).chr(' ').name(fields.code_file).chr('\n');
 }
 
 void append_line(TextBuffer& out, const SectionFields& fields) {
@@ -144,7 +144,7 @@ void append_line(TextBuffer& out, const SectionFields& fields) {
 
 void append_line(TextBuffer& out, const FileFields& fields) {
   LineWriter line(out, fields.name.size() + kNumbersBytes);
-  line.str(kFile).dec_signed(fields.index).chr(' ').str(fields.name).chr('\n');
+  line.str(kFile).dec_signed(fields.index).chr(' ').name(fields.name).chr('\n');
 }
 
 bool quick_parse(const char* line, const char* end, FileFields* fields) {
@@ -162,7 +162,7 @@ bool parse(char* line, char* end, FileFields* fields) {
 
 void append_line(TextBuffer& out, const InlineOriginFields& fields) {
   LineWriter line(out, fields.name.size() + kNumbersBytes);
-  line.str(kInlineOrigin).dec_signed(fields.index).chr(' ').str(fields.name).chr('\n');
+  line.str(kInlineOrigin).dec_signed(fields.index).chr(' ').name(fields.name).chr('\n');
 }
 
 bool parse(char* line, char* end, InlineOriginFields* fields) {
@@ -181,7 +181,7 @@ void append_line(TextBuffer& out, const FunctionFields& fields, std::string_view
   if (fields.is_multiple) line.str("m ");
   if (fields.section) line.hex(*fields.section).chr(':');
   line.hex_fields(fields.address, fields.size, static_cast<uint64_t>(fields.stack_param_size));
-  line.chr(' ').str(fields.name).str(parameters).chr('\n');
+  line.chr(' ').name(fields.name, parameters).chr('\n');
 }
 
 bool quick_parse(const char* line, const char* end, FunctionFields* fields) {
@@ -248,7 +248,7 @@ void append_line(TextBuffer& out, const InlineFields& fields) {
   LineWriter line(out, fields.name.size() + kNumbersBytes);
   line.str(kInline).hex_fields(fields.address, fields.size).chr(' ');
   line.dec_fields(fields.line_number, fields.source_file).chr(' ').hex(fields.caller);
-  line.chr(' ').str(fields.name).chr('\n');
+  line.chr(' ').name(fields.name).chr('\n');
 }
 
 bool quick_parse(const char* line, const char* end, InlineFields* fields) {
@@ -328,7 +328,7 @@ void append_line(TextBuffer& out, const PublicFields& fields) {
   line.str(kPublic);
   if (fields.is_multiple) line.str("m ");
   line.hex_fields(fields.address, static_cast<uint64_t>(fields.stack_param_size));
-  line.chr(' ').str(fields.name).chr('\n');
+  line.chr(' ').name(fields.name).chr('\n');
 }
 
 bool quick_parse(const char* line, const char* end, PublicFields* fields) {
@@ -368,7 +368,7 @@ void append_line(TextBuffer& out, const StackWinFields& fields) {
   line.hex_fields(static_cast<uint32_t>(fields.type), fields.rva, fields.code_size);
   for (const auto size : kStackWinSizes) line.chr(' ').hex(fields.*size);
   if (fields.has_program) {
-    line.str(" 1 ").str(fields.program_string);
+    line.str(" 1 ").name(fields.program_string);
   } else {
     line.str(" 0 ").chr(fields.allocates_base_pointer ? '1' : '0');
   }
@@ -430,7 +430,7 @@ void append_line(TextBuffer& out, const StackCFIFields& fields) {
   } else {
     put_cfi_delta(line, fields.address);
   }
-  line.chr(' ').str(fields.rules).chr('\n');
+  line.chr(' ').name(fields.rules).chr('\n');
 }
 
 bool quick_parse(const char* line, const char* end, StackCFIFields* fields) {

@@ -119,6 +119,8 @@ Outcome run_expecting_exit(const std::function<void()>& conversion) {
     conversion();
   } catch (const symforge_internal::pdb_exception&) {
     return Outcome::kThrew;
+  } catch (const symforge_internal::LimitExceeded&) {
+    return Outcome::kThrew;
   } catch (const std::out_of_range&) {
     return Outcome::kThrew;
   } catch (const std::exception& e) {

@@ -1,5 +1,5 @@
-// Converts a PDB to text with and without inline sites, and checks that pdb_debug_id() accepts the
-// same files.
+// A PDB to text, with inline sites, without, and in the standard format; pdb_debug_id() agrees
+// about what loads.
 
 #include <memory>
 #include <string>
@@ -30,6 +30,18 @@ Outcome convert(const test_support::MemoryFile& pdb, bool inlines, std::string& 
   return outcome;
 }
 
+void convertToStandard(const test_support::MemoryFile& pdb) {
+  PDBParser parser(/*with_inlines=*/true);
+  TextBuffer text;
+  symforge_internal::StandardCounts counts;
+  fuzzing::run_expecting_exit([&] {
+    parser.load(pdb.path(), nullptr, nullptr, text);
+    parser.printStandardSymbols(text, counts);
+    fuzzing::require(text.view().starts_with("MODULE windows "), "a text begins with its module");
+    fuzzing::require(text.view().ends_with('\n'), "a text is made of whole lines");
+  });
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -39,6 +51,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::string without_inlines;
   convert(pdb, false, without_inlines);
   fuzzing::require(debug_id == without_inlines, "one identifier");
+  convertToStandard(pdb);
   std::string alone;
   fuzzing::require(
       symforge_internal::pdb_debug_id(pdb.path(), alone) == !debug_id.empty() && alone == debug_id,

@@ -15,7 +15,6 @@
 // start; a range outside of all ranges of the depth above is dropped; a range that exceeds the one
 // it starts in loses its end; ranges of depth 0 are clipped to the function. For n ranges and
 // lines, takes O(n log n) time and O(n) memory.
-// log n) for n ranges and lines, memory O(n).
 
 #pragma once
 

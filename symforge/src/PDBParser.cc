@@ -6,6 +6,7 @@
 #include <optional>
 #include <string_view>
 
+#include "base/limits.h"
 #include "base/path_names.h"
 #include "symforge/src/driver/tree_folders.h"
 #include "symforge/src/emit/function_list.h"
@@ -125,7 +126,7 @@ void PDBParser::printHeader(TextBuffer& out) const {
     const std::string_view name = last_component(m_rep->pdbFile);
     LineWriter line(out, 64 + m_rep->debugId.size() + name.size());
     line.str("MODULE windows ").str(architecture(m_rep->dbi->header().machine)).chr(' ');
-    line.str(m_rep->debugId).chr(' ').str(name).chr('\n');
+    line.str(m_rep->debugId).chr(' ').name(name).chr('\n');
   }
   m_rep->codeFile.printCodeId(out);
 }
@@ -145,9 +146,10 @@ sym_info PDBParser::identity() const {
 void PDBParser::printBreakpadSymbols(TextBuffer& out, FileMod* fileMod) {
   const MsfFile& file = m_rep->file;
   const CodeFile& codeFile = m_rep->codeFile;
+  const TextLimit limit(out, limits::kText.of(file.size() + codeFile.size()));
   printHeader(out);
   if (!m_rep->dbi) {
-    codeFile.PrintFrameDataUsingEXE(out);
+    if (codeFile.machine() == IMAGE_FILE_MACHINE_AMD64) codeFile.PrintFrameDataUsingEXE(out);
     return;
   }
 
@@ -198,6 +200,7 @@ void PDBParser::printBreakpadSymbols(TextBuffer& out, FileMod* fileMod) {
 
 void PDBParser::printStandardSymbols(TextBuffer& out, StandardCounts& counts) {
   if (!m_rep->dbi) throw pdb_exception("There is no PDB");
+  const TextLimit limit(out, limits::kText.of(m_rep->file.size() + m_rep->codeFile.size()));
   m_rep->standard = true;
   StandardPrinter({m_rep->file, *m_rep->info, *m_rep->dbi, m_rep->codeFile, m_rep->pdbFile,
                    m_rep->debugId, m_rep->do_inline},

@@ -7,9 +7,10 @@
 //   parser.printBreakpadSymbols(text, nullptr);
 //
 // A parser is used once, by one thread. All failures of a file are pdb_exceptions with the text
-// that the user is shown, and warnings go to standard error. Some damage ends the process instead:
+// that the user is shown, or LimitExceeded for input that costs more than base/limits.h grants it;
+// warnings go to standard error. Some damage ends the process instead:
 // assertions, range checks and exceptions of the standard library (out_of_range, bad_alloc), which
-// nobody catches, and a page size of 0 (SIGFPE).
+// nobody catches.
 //
 // Addresses are RVAs (relative to the image base), 32 bits wide, and wrap; sizes are in bytes.
 //

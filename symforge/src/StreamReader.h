@@ -11,6 +11,9 @@
 // leaves the current run; the mapping is followed by zeroed guard bytes, so that what runs off a
 // damaged file's end (a string without its terminator, a number cut short) finds zeros.
 //
+// Reading is limited for the file as a whole: what is copied, the strings, and the page lists that
+// seeks walk are charged to the file's budget, and any operation here can throw LimitExceeded.
+//
 // Not for use by several threads at once; readers of one file are independent of each other.
 
 #pragma once
@@ -21,6 +24,7 @@
 #include <utility>
 #include <vector>
 
+#include "symforge/src/msf/file_budget.h"
 #include "symforge/src/pdb_exception.h"
 
 namespace symforge_internal {
@@ -31,6 +35,7 @@ struct MsfPages {
   const uint8_t* base = nullptr;
   size_t length = 0;
   uint32_t pageSize = 0;
+  FileBudget* budget = nullptr;  // null: no limits
 };
 
 // One stream: its length in bytes and the file page number of each of its pages, in stream order.

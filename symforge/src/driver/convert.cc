@@ -10,6 +10,7 @@
 #include <new>
 #include <utility>
 
+#include "base/limits.h"
 #include "base/printable.h"
 #include "symforge/src/PDBParser.h"
 #include "symforge/src/driver/held_warnings.h"
@@ -89,6 +90,8 @@ bool convert_standard(const ConversionInput& input, const ConversionOptions& opt
     return converted;
   } catch (const pdb_exception& e) {
     report_failure(e.what(), warnings);
+  } catch (const LimitExceeded& e) {
+    report_failure(e.what(), warnings);
   } catch (const std::bad_alloc&) {
     report("not enough memory");
   } catch (const std::exception& e) {
@@ -97,15 +100,21 @@ bool convert_standard(const ConversionInput& input, const ConversionOptions& opt
   return false;
 }
 
+void report_exception(const ConversionInput& input, const std::exception& e) {
+  report("Failed to convert symbol file %s.\nException caught: %s\nBacktrace:\n%s",
+         printable(input.name()).c_str(), e.what(), backtrace_text().c_str());
+}
+
 bool convert_default(const ConversionInput& input, const ConversionOptions& options) {
   try {
     bool written;  // what could not be written is no failure here
     return convert_to_result(input, options, written);
   } catch (const pdb_exception& e) {
-    report("Failed to convert symbol file %s.\nException caught: %s\nBacktrace:\n%s",
-           printable(input.name()).c_str(), e.what(), backtrace_text().c_str());
-    return false;
+    report_exception(input, e);
+  } catch (const LimitExceeded& e) {
+    report_exception(input, e);
   }
+  return false;
 }
 
 }  // namespace

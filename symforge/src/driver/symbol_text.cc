@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "base/file_io.h"
+#include "base/limits.h"
 #include "base/printable.h"
 #include "common/symb_block.h"
 #include "common/symb_text.h"
@@ -38,8 +39,9 @@ void take_text(TextBuffer content, SymbolText& result) {
   result.text = std::move(content);
 }
 
-bool text_of_symb(TextBuffer image, const char* path, SymbolText& result) {
-  if (symb_read(image.data(), image.size(), result.text)) return true;
+bool text_of_symb(TextBuffer image, const char* path, bool binary, SymbolText& result) {
+  const Limit& limit = binary ? limits::kTextBetweenImages : limits::kTextOfSymb;
+  if (symb_read(image.data(), image.size(), result.text, TextDialect::kDefault, limit)) return true;
   report_about("failed to parse symb file", path, nullptr);
   return false;
 }
@@ -129,7 +131,7 @@ bool text_of(OpenedInput& opened, const ConversionOptions& options, SymbolText& 
       take_text(std::move(opened.content()), result);
       return true;
     case OpenedInput::Kind::kSymb:
-      return text_of_symb(std::move(opened.content()), input.pdb, result);
+      return text_of_symb(std::move(opened.content()), input.pdb, options.binary, result);
     case OpenedInput::Kind::kPdb:
     case OpenedInput::Kind::kPeAlone:
       break;

@@ -4,6 +4,8 @@
 #include <unordered_map>
 #include <utility>
 
+#include "base/limits.h"
+
 namespace symforge_internal {
 
 namespace {
@@ -53,8 +55,16 @@ bool orderShows(const Functions& functions, const std::vector<PublicFunction>& s
 // of the insertions.
 std::unordered_map<uint32_t, uint32_t> hashOrder(const std::vector<PublicFunction>& symbols) {
   std::unordered_map<uint32_t, uint32_t> order;
-  for (const PublicFunction& symbol : symbols)
+  std::vector<uint32_t> chains;  // entries of each bucket
+  for (const PublicFunction& symbol : symbols) {
     order.emplace(symbol.rva, static_cast<uint32_t>(order.size()));
+    if (chains.size() != order.bucket_count()) {
+      chains.assign(order.bucket_count(), 0);
+      for (const auto& entry : order) ++chains[order.bucket(entry.first)];
+    } else if (++chains[order.bucket(symbol.rva)] > limits::kHashChain) {
+      throw LimitExceeded("The addresses of public symbols collide");
+    }
+  }
   return order;
 }
 
@@ -93,6 +103,9 @@ void mergeGlobals(Functions& functions, PublicFunctions& globals) {
     func.segment = symbol.segment;
     func.rva = symbol.rva;
   };
+  const auto left = std::count_if(symbols.begin(), symbols.end(),
+                                  [](const PublicFunction& symbol) { return !symbol.covered; });
+  functions.reserve(functions.size() + static_cast<size_t>(left));
   if (orderShows(functions, symbols)) {
     for (const auto& entry : hashOrder(symbols)) append(symbols[entry.second]);
   } else {

@@ -17,9 +17,16 @@ constexpr size_t kMaxEndingBytes = 16;
 constexpr size_t kMaxLineBytes = 8 + 1 + 8 + 1 + 8 + kMaxEndingBytes;
 constexpr uint32_t kLineNumberMask = 0x00FFFFFF;
 
+// Takes out the last occurrence of `part` until there is none, those included that form when the
+// text closes up. The text is moved to its end character by character; what was moved contains no
+// occurrence, so that the next one always begins with the character that came last.
 void eraseFromTheEnd(std::string& text, std::string_view part) {
-  for (size_t at = text.rfind(part); at != std::string::npos; at = text.rfind(part))
-    text.erase(at, part.size());
+  size_t kept = text.size();
+  for (size_t i = text.size(); i-- > 0;) {
+    text[--kept] = text[i];
+    if (std::string_view(text).substr(kept).starts_with(part)) kept += part.size();
+  }
+  text.erase(0, kept);
 }
 
 // Whether there is anything to take out: most names have nothing, and one quick scan shows it.
@@ -47,13 +54,13 @@ void printFunction(const FunctionRecord& func, std::string_view name, std::strin
                    TextBuffer& out) {
   LineWriter line(out, kMaxNumbersBytes + name.size() + parameters.size());
   line.str("FUNC ").hex(func.segment).chr(':').hex(func.rva).chr(' ').hex(func.length);
-  line.chr(' ').hex(func.paramSize).chr(' ').str(name).str(parameters).chr('\n');
+  line.chr(' ').hex(func.paramSize).chr(' ').name(name, parameters).chr('\n');
 }
 
 void printPublic(const FunctionRecord& func, TextBuffer& out) {
   const std::string_view name = func.name.data;
   LineWriter line(out, kMaxNumbersBytes + name.size());
-  line.str("PUBLIC ").hex(func.rva).chr(' ').hex(func.paramSize).chr(' ').str(name).chr('\n');
+  line.str("PUBLIC ").hex(func.rva).chr(' ').hex(func.paramSize).chr(' ').name(name).chr('\n');
 }
 
 // By how many bytes a block of lines is moved down: when its last line begins after the function's

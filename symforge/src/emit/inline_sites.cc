@@ -67,6 +67,8 @@ void InlineSites::storeRanges(const InlineFunctionRecord& record, uint32_t tower
   InlineSite site;
   m_typeNames.stringizeType(record.inlinee, m_tree.names(), TypeNames::IsTopLevel, true);
   site.name = m_tree.addName();
+  if (m_tree.nameBytes() > m_maxNames)
+    throw LimitExceeded("The names of inline sites are too long");
   site.tower = tower;
   uint32_t line;
   m_lines.locateType(record.inlinee, site.file_id, line);
@@ -76,6 +78,7 @@ void InlineSites::storeRanges(const InlineFunctionRecord& record, uint32_t tower
     site.offset = decoder.code();
     site.length = decoder.length();
     site.line_offset = decoder.line();
+    if (m_tree.rangeCount() >= m_maxRanges) throw LimitExceeded("Too many inline sites");
     m_tree.store(site);
   }
 }

@@ -7,6 +7,7 @@
 #include <span>
 #include <vector>
 
+#include "base/limits.h"
 #include "base/text_buffer.h"
 #include "symforge/src/emit/function_record.h"
 #include "symforge/src/emit/inline_tree.h"
@@ -36,7 +37,11 @@ class InlineSites {
  public:
   // `file`, `lines` and `names` must outlive this; `lines` may be filled later.
   InlineSites(const MsfFile& file, const InlineeLines& lines, TypeNames& names)
-      : m_file(file), m_lines(lines), m_typeNames(names) {}
+      : m_file(file),
+        m_lines(lines),
+        m_typeNames(names),
+        m_maxRanges(limits::kInlineRanges.of(file.pages().length)),
+        m_maxNames(limits::kInlineNames.of(file.pages().length)) {}
 
   // `func` is a new function whose symbols are in a stream; its sites follow.
   void beginFunction(uint16_t stream, FunctionRecord& func) const;
@@ -46,7 +51,7 @@ class InlineSites {
   void closeSite(FunctionRecord& func);
 
   // Appends the I lines of a function. Throws pdb_exception for damaged annotations and for names
-  // that cannot be rendered.
+  // that cannot be rendered, LimitExceeded for a function with far too many sites.
   void dumpInlineFunctionMap(const FunctionRecord& func, TextBuffer& out);
 
  private:
@@ -60,6 +65,8 @@ class InlineSites {
   const MsfFile& m_file;
   const InlineeLines& m_lines;
   TypeNames& m_typeNames;
+  const uint64_t m_maxRanges;
+  const uint64_t m_maxNames;
   // A range for each function: the offset of the symbol of a site that opens, kSiteEnd for one that
   // closes.
   std::vector<uint32_t> m_sites;

@@ -12,6 +12,8 @@ void InlineTree::clear() {
 }
 
 uint32_t InlineTree::addName() {
+  const size_t start = m_nameEnds.empty() ? 0 : m_nameEnds.back();
+  blank_line_ends(m_names.data() + start, m_names.size() - start);
   m_nameEnds.push_back(m_names.size());
   return static_cast<uint32_t>(m_nameEnds.size() - 1);
 }

@@ -26,9 +26,12 @@ class InlineTree {
   // Starts the next function; keeps the memory.
   void clear();
 
-  // Where to append the name of the next site, and the name's handle once it is there.
+  // Where to append the name of the next site, and the name's handle once it is there. What could
+  // end a line becomes a blank.
   std::string& names() { return m_names; }
   uint32_t addName();
+  size_t nameBytes() const { return m_names.size(); }
+  size_t rangeCount() const { return m_ranges.size(); }
 
   // A range that is empty, wraps, equals one that is there or cuts one in part is dropped.
   void store(const InlineSite& site);

@@ -9,8 +9,8 @@ namespace {
 
 class FunctionReader {
  public:
-  FunctionReader(const SectionMap& sections, Functions& functions)
-      : m_sections(sections), m_functions(functions) {}
+  FunctionReader(const SectionMap& sections, Functions& functions, FileBudget& budget)
+      : m_sections(sections), m_functions(functions), m_budget(budget) {}
 
   FunctionRecord& readProcedure(StreamReader& reader) {
     const DataPtr<ProcSym32> symbol = reader.read<ProcSym32>();
@@ -30,6 +30,7 @@ class FunctionReader {
 
  private:
   FunctionRecord& add(DataPtr<char>&& name, uint32_t segment, uint32_t offset) {
+    m_budget.functions.spend(1);
     FunctionRecord& func = m_functions.emplace_back();
     func.name = std::move(name);
     func.segment = segment;
@@ -40,6 +41,7 @@ class FunctionReader {
 
   const SectionMap& m_sections;
   Functions& m_functions;
+  FileBudget& m_budget;
 };
 
 }  // namespace
@@ -48,7 +50,7 @@ class FunctionReader {
 // end of the procedure is not looked at.
 void getModuleFunctions(const ModuleStream& module, const SectionMap& sections, InlineSites* sites,
                         Functions& functions) {
-  FunctionReader functionReader(sections, functions);
+  FunctionReader functionReader(sections, functions, module.budget());
   FunctionRecord* current_function = nullptr;
   module.forEachSymbol([&](const SymbolHeader& symbol, StreamReader& body, uint32_t offset) {
     switch (symbol.type) {

@@ -1,7 +1,7 @@
 #include "symforge/src/emit/param_sizes.h"
 
 #include <cstdlib>
-#include <cstring>
+#include <string_view>
 
 namespace symforge_internal {
 
@@ -9,11 +9,11 @@ namespace {
 
 // A decorated name ends in '@' and the bytes of its parameters: _name@12 is __stdcall; of
 // @name@12, which is __fastcall, two of them are in registers. False for a name without them.
-bool parameterBytes(const char* name, uint32_t& bytes) {
-  const char* at = std::strrchr(name, '@');
-  if (at == nullptr || at == name) return false;
+bool parameterBytes(std::string_view name, uint32_t& bytes) {
+  const size_t at = name.rfind('@');
+  if (at == std::string_view::npos || at == 0) return false;
   char* end;
-  const long number = std::strtol(at + 1, &end, 10);
+  const long number = std::strtol(name.data() + at + 1, &end, 10);
   if (*end != '\0') return false;
   constexpr long kInRegisters = 8;
   if (name[0] == '_')
@@ -25,12 +25,16 @@ bool parameterBytes(const char* name, uint32_t& bytes) {
 
 }  // namespace
 
-bool decoratedParamSize(const PublicFunction* global, uint32_t& paramSize) {
-  return global != nullptr && global->decorated && parameterBytes(global->name.data, paramSize);
+// A name goes on to its first NUL, which need not be in its record.
+bool decoratedParamSize(const PublicFunction* global, uint32_t& paramSize, Allowance* visited) {
+  if (global == nullptr || !global->decorated) return false;
+  const std::string_view name = global->name.data;
+  if (visited != nullptr) visited->spend(name.size());
+  return parameterBytes(name, paramSize);
 }
 
-bool updateParamSize(FunctionRecord& func, const PublicFunction* global) {
-  return decoratedParamSize(global, func.paramSize);
+bool updateParamSize(FunctionRecord& func, const PublicFunction* global, Allowance* visited) {
+  return decoratedParamSize(global, func.paramSize, visited);
 }
 
 void resolveParamSizes(Functions& functions, PublicFunctions& globals, const FrameTables& frames,
@@ -38,7 +42,9 @@ void resolveParamSizes(Functions& functions, PublicFunctions& globals, const Fra
   for (FunctionRecord& func : functions) {
     if (func.segment == 0 || func.segment > sectionCount) continue;  // dropped ones as well
     PublicFunction* global = globals.find(func.rva);
-    if (!frames.findParamSize(func.rva, func.length, func.paramSize)) updateParamSize(func, global);
+    if (!frames.findParamSize(func.rva, func.length, func.paramSize)) {
+      updateParamSize(func, global, &globals.visited());
+    }
     if (global != nullptr) global->covered = true;
   }
 }

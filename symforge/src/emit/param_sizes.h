@@ -12,11 +12,14 @@ namespace symforge_internal {
 
 // Takes it from a decorated name, as of a public function; null when there is none. False when the
 // name does not carry it.
-bool decoratedParamSize(const PublicFunction* global, uint32_t& paramSize);
+bool decoratedParamSize(const PublicFunction* global, uint32_t& paramSize,
+                        Allowance* visited = nullptr);
 
 // Takes it from the public name at the function's RVA, null when there is none. False, and `func`
-// unchanged, when the name does not carry it.
-bool updateParamSize(FunctionRecord& func, const PublicFunction* global);
+// unchanged, when the name does not carry it. The name's length is spent from `visited`; null: no
+// limit.
+bool updateParamSize(FunctionRecord& func, const PublicFunction* global,
+                     Allowance* visited = nullptr);
 
 // Takes each function's size of parameters from the frame data of exactly its code, or else from
 // its public name, and marks the public functions that a function covers. Functions in none of the

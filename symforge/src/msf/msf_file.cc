@@ -1,8 +1,6 @@
 #include "symforge/src/msf/msf_file.h"
 
-#include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 #include "symforge/src/PDBHeaders.h"
@@ -19,20 +17,20 @@ bool hasValidSignature(const MMapWrapper& mapping) {
   return false;
 }
 
-// A page size of 0 ends the process like the division that it leads to.
-void raiseForNoPageSize(uint32_t pageSize) {
-  if (pageSize != 0) return;
-  std::raise(SIGFPE);
-  std::abort();
+bool hasValidHeader(const MMapWrapper& mapping) {
+  const auto* header = reinterpret_cast<const PDBHeader*>(mapping.base());
+  if (mapping.length() >= sizeof(PDBHeader) && header->pageSize != 0) return true;
+  std::fputs("Input file has an invalid header\n", stderr);
+  return false;
 }
 
 }  // namespace
 
 bool MsfFile::readDirectory() {
-  if (!hasValidSignature(m_mapping)) return false;
+  if (!hasValidSignature(m_mapping) || !hasValidHeader(m_mapping)) return false;
   const PDBHeader* header = reinterpret_cast<const PDBHeader*>(m_mapping.base());
-  m_pages = {m_mapping.base(), m_mapping.length(), header->pageSize};
-  raiseForNoPageSize(m_pages.pageSize);
+  m_budget.emplace(m_mapping.length());
+  m_pages = {m_mapping.base(), m_mapping.length(), header->pageSize, &*m_budget};
   return readStreamDirectory(m_pages, header->directorySize, m_streams);
 }
 

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <vector>
 
 #include "base/mapped_file.h"
@@ -26,9 +27,12 @@ class MsfFile {
   bool Map(const char* path) { return m_mapping.Map(path); }
 
   // Checks the signature of the mapped file and decodes its stream directory. False for a file of
-  // another format, reported to standard error, and for a damaged directory; see
-  // readStreamDirectory(). A page size of 0 ends the process by SIGFPE.
+  // another format and for a header that is cut short or has no page size, both reported to
+  // standard error, and for a damaged directory; see readStreamDirectory() also for what it throws.
   bool readDirectory();
+
+  // Bytes of the mapped file; 0 without one.
+  size_t size() const { return m_mapping.length(); }
 
   // Releases the mapping.
   void close() { m_mapping.Unmap(); }
@@ -38,8 +42,12 @@ class MsfFile {
   const std::vector<StreamPair>& streams() const { return m_streams; }
   const MsfPages& pages() const { return m_pages; }
 
+  // What is left of the file's limits; once the directory was read.
+  FileBudget& budget() const { return *m_pages.budget; }
+
  private:
   MMapWrapper m_mapping;
+  std::optional<FileBudget> m_budget;
   MsfPages m_pages;
   std::vector<StreamPair> m_streams;
 };

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/limits.h"
 #include "symforge/src/PDBHeaders.h"
 
 namespace symforge_internal {
@@ -24,23 +25,30 @@ class DirectoryReader {
         m_indexPages(dividedUp(dividedUp(directorySize, file.pageSize) * kWord, file.pageSize)) {}
 
   bool read(std::vector<StreamPair>& streams) {
-    return checkIndexPages() && openDirectory() && readSizes(streams) && readPages(streams);
+    if (!checkIndexPages() || !openDirectory() || !readSizes(streams)) return false;
+    checkSizes(streams);
+    return readPages(streams);
   }
 
  private:
   bool checkIndexPages() const;
   bool openDirectory();
   bool readSizes(std::vector<StreamPair>& streams);
+  void checkSizes(const std::vector<StreamPair>& streams) const;
   bool readPages(std::vector<StreamPair>& streams);
 
   bool wordAt(uint64_t position, uint32_t& word) const;
   bool indexPage(uint32_t number, uint32_t& page) const;
   bool directoryPage(uint32_t number, uint32_t& page) const;
-  bool take(uint32_t& word) { return wordAt(m_start + uint64_t{kWord} * m_position++, word); }
-  // The page is at its end. Tested for equality: pages of one word never get there, and are read on
-  // in what follows them.
-  bool atPageEnd() const { return m_position == m_items; }
-  bool nextPage(uint32_t& page);
+  bool take(uint32_t& word) {
+    if (m_atPageEnd && !turnPage()) return false;
+    return wordAt(m_start + uint64_t{kWord} * m_position++, word);
+  }
+  // Notes whether the page is at its end; the next word is on the next page then, which exists only
+  // if there is such a word. Tested for equality: pages of one word never get there, and are read
+  // on in what follows them.
+  void notePageEnd() { m_atPageEnd = m_position == m_items; }
+  bool turnPage();
 
   const MsfPages& m_file;
   const uint32_t m_items;       // words in a page
@@ -49,6 +57,8 @@ class DirectoryReader {
   uint32_t m_page = 0;      // which of the directory's pages is read
   uint64_t m_start = 0;     // its place in the file
   uint32_t m_position = 0;  // words after its start
+  bool m_atPageEnd = false;
+  bool m_positionsWrap = false;  // at 4 GiB; so from the second page of page numbers on
 };
 
 // A word that begins in the file, and may end in the zeros after the file.
@@ -94,39 +104,51 @@ bool DirectoryReader::openDirectory() {
   return take(m_streamCount) && uint64_t{m_streamCount} * kWord < m_file.length;
 }
 
-bool DirectoryReader::nextPage(uint32_t& page) {
+bool DirectoryReader::turnPage() {
+  uint32_t page;
+  if (!directoryPage(++m_page, page)) return false;
+  m_start = m_positionsWrap ? m_file.pageSize * page : uint64_t{page} * m_file.pageSize;
   m_position = 0;
-  return directoryPage(++m_page, page);
+  m_atPageEnd = false;
+  return true;
 }
 
 bool DirectoryReader::readSizes(std::vector<StreamPair>& streams) {
+  if (m_streamCount > limits::kStreams) throw LimitExceeded("The file has too many streams");
   streams.reserve(m_streamCount);
   for (uint32_t i = 0; i < m_streamCount; ++i) {
     uint32_t size;
     if (!take(size)) return false;
     streams.emplace_back(size == kDeletedStream ? 0 : size);
-    if (!atPageEnd()) continue;
-    uint32_t page;
-    if (!nextPage(page)) return false;
-    m_start = uint64_t{page} * m_file.pageSize;
+    notePageEnd();
   }
   return true;
+}
+
+// A directory can name one page many times over, and the same part of itself as well.
+void DirectoryReader::checkSizes(const std::vector<StreamPair>& streams) const {
+  uint64_t bytes = 0;
+  uint64_t pages = 0;
+  for (const StreamPair& stream : streams) {
+    bytes += stream.size;
+    pages += stream.size / m_file.pageSize;
+  }
+  if (bytes > limits::kStreamBytes.of(m_file.length) ||
+      pages > limits::kStreamPages.of(m_file.length)) {
+    throw LimitExceeded("The streams are larger than the file");
+  }
 }
 
 bool DirectoryReader::readPages(std::vector<StreamPair>& streams) {
   for (StreamPair& stream : streams) {
     const uint32_t count = dividedUp(stream.size, m_file.pageSize);
-    // The list grows with the words that are there; the size alone may be a damaged number.
-    const size_t left = m_file.length / kWord;
-    stream.pageIndices.reserve(count < left ? count : left);
+    stream.pageIndices.reserve(count);
     for (uint32_t i = 0; i < count; ++i) {
       uint32_t number;
       if (!take(number)) return false;
       stream.pageIndices.push_back(number);
-      if (!atPageEnd()) continue;
-      uint32_t page;
-      if (!nextPage(page)) return false;
-      m_start = m_file.pageSize * page;  // positions wrap at 4 GiB from here on
+      notePageEnd();
+      m_positionsWrap = true;
     }
   }
   return true;

@@ -18,7 +18,8 @@ namespace symforge_internal {
 // fills `streams`, which must be empty, in the order of their numbers. False when a part of it
 // lies outside the file; for an index page there is a message on standard error, otherwise none.
 // Page numbers of streams are not checked here. A directory that wants more pages than its index
-// pages can list fails an assertion.
+// pages can list fails an assertion. Throws LimitExceeded for too many streams, and for streams
+// that are larger than the file.
 bool readStreamDirectory(const MsfPages& file, uint32_t directorySize,
                          std::vector<StreamPair>& streams);
 

@@ -67,7 +67,7 @@ void FrameTables::printFPO(const FPO_DATA_V2& data, const NameStream& names, Tex
   LineWriter line(out, program.size() + kMaxNumbersBytes);
   line.str("STACK WIN 4 ").hex(data.ulOffStart).chr(' ').hex(data.cbProcSize);
   line.chr(' ').hex(data.cbProlog).str(" 0 ").hex(data.cbParams).chr(' ').hex(data.cbSavedRegs);
-  line.chr(' ').hex(data.cbLocals).chr(' ').hex(data.maxStack).str(" 1 ").str(program).chr('\n');
+  line.chr(' ').hex(data.cbLocals).chr(' ').hex(data.maxStack).str(" 1 ").name(program).chr('\n');
 }
 
 void FrameTables::printFrameData(const NameStream& names, TextBuffer& out) const {

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <utility>
 
+#include "base/limits.h"
 #include "symforge/src/PDBHeaders.h"
 #include "symforge/src/pdb/debug_id.h"
 #include "symforge/src/utils.h"
@@ -77,9 +78,12 @@ bool InfoStream::readNamedStreams() {
 
   for (uint32_t slot = 0; slot < slots; ++slot) {
     if (!present[slot]) continue;
+    // Each name is that of another stream.
+    if (m_nameIndices.size() == limits::kStreams) throw LimitExceeded("Too many named streams");
     const DataPtr<StringVal> entry = table.read<StringVal>();
     m_reader.seek(nameStart + entry->id);
     std::string name = m_reader.readString().data;  // a copy: the mapping is not to be written to
+    if (m_pages.budget != nullptr) m_pages.budget->copied.spend(name.size());
     strupper(name.data());
     m_nameIndices.emplace(std::move(name), static_cast<int>(uint32_t{entry->stream}));
   }

@@ -7,6 +7,8 @@ namespace symforge_internal {
 namespace {
 
 constexpr uint32_t kModuleSignature = 4;
+// What a visit of a subsection costs besides its bytes, in visited bytes.
+constexpr uint64_t kVisitCost = 64;
 
 [[noreturn]] void throwInvalidSubsection() {
   throw pdb_exception("Invalid subsection header detected");
@@ -24,10 +26,17 @@ StreamReader ModuleStream::openModule() const {
   return reader;
 }
 
+uint64_t ModuleStream::streamBytes() const {
+  const auto number = static_cast<size_t>(int64_t{m_info->stream});
+  return uint64_t{m_file->pages().pageSize} * m_file->getStream(number).pageIndices.size();
+}
+
 void ModuleStream::readModule(int32_t kind, const ModuleReadCB& visit) const {
   StreamReader reader = openModule();
   reader.seek(m_info->cbSyms + m_info->cbOldLines);
   const uint32_t endOffset = reader.getOffset() + m_info->cbLines;
+  Allowance& visited = budget().visited;
+  visited.spend(std::min<uint64_t>(m_info->cbLines, streamBytes()));
   CycleDetector<uint32_t> jumps;  // backwards, by sizes that wrap
   while (reader.getOffset() < endOffset) {
     const DataPtr<SubsectionHeader> header = reader.read<SubsectionHeader>();
@@ -35,8 +44,14 @@ void ModuleStream::readModule(int32_t kind, const ModuleReadCB& visit) const {
     const uint32_t payload = reader.getOffset();
     const uint32_t end = payload + header->size;
     if (!reader.isValidOffset(end)) throwInvalidSubsection();
-    if (end < payload && jumps.visit(end)) throwInvalidSubsection();
-    if (header->sig == kind) visit(reader, end);
+    if (end < payload) {
+      if (jumps.visit(end)) throwInvalidSubsection();
+      visited.spend(payload - end);
+    }
+    if (header->sig == kind) {
+      visited.spend(kVisitCost);
+      visit(reader, end);
+    }
     reader.seek(end);
     reader.align(4);
   }

@@ -6,6 +6,7 @@
 
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <utility>
@@ -23,7 +24,8 @@ using ModuleReadCB = std::function<void(StreamReader& payload, uint32_t end)>;
 
 // Offsets are bytes from the start of the module's stream. Every operation opens the stream anew
 // and throws std::out_of_range when it does not exist, pdb_exception for a wrong signature or
-// damage, pdb_recoverable_exception when the pages end too early.
+// damage, pdb_recoverable_exception when the pages end too early, LimitExceeded when the modules of
+// the file are visited again and again.
 class ModuleStream {
  public:
   // `info`: the module's record in the DBI stream, and `name` what follows it. `file` must outlive
@@ -38,6 +40,9 @@ class ModuleStream {
   bool hasStream() const { return m_info->stream >= 0; }
   uint16_t streamNumber() const { return static_cast<uint16_t>(m_info->stream); }
 
+  // What is left of the limits of the module's file.
+  FileBudget& budget() const { return m_file->budget(); }
+
   // Calls visit(const SymbolHeader&, StreamReader& body, uint32_t offset) for each symbol record,
   // in stream order: the header is at `offset`, `body` is at the byte after it and may be left
   // anywhere. Stops at a symbol of kind 0.
@@ -46,6 +51,7 @@ class ModuleStream {
     StreamReader reader = openModule();
     // cbSyms counts the signature too, so the limit is 4 bytes past the symbols; in sound files a
     // symbol of kind 0 or the last one ends the walk.
+    budget().symbols.spend(std::min<uint64_t>(m_info->cbSyms, streamBytes()));
     const uint32_t end = m_info->cbSyms + reader.getOffset();
     while (reader.getOffset() < end) {
       const DataPtr<SymbolHeader> header = reader.read<SymbolHeader>();
@@ -65,6 +71,8 @@ class ModuleStream {
 
  private:
   StreamReader openModule() const;
+  // Bytes of the stream's pages.
+  uint64_t streamBytes() const;
 
   const MsfFile* m_file;
   DataPtr<DBIModuleInfo> m_info;

@@ -83,13 +83,14 @@ void NameStream::index(int64_t buckets) {
     if (offset < m_size)
       m_named[offset] = true;
     else
-      m_namedBeyond.insert(offset);
+      m_namedBeyond.push_back(offset);
   }
+  std::sort(m_namedBeyond.begin(), m_namedBeyond.end());
 }
 
 bool NameStream::find(uint32_t offset, std::string_view& name) const {
   if (offset >= m_named.size()) {
-    if (m_namedBeyond.count(offset) != 0) throwInvalid();
+    if (std::binary_search(m_namedBeyond.begin(), m_namedBeyond.end(), offset)) throwInvalid();
     return false;
   }
   if (!m_named[offset]) return false;

@@ -11,7 +11,6 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <unordered_set>
 #include <vector>
 
 #include "symforge/src/msf/msf_file.h"
@@ -39,8 +38,8 @@ class NameStream {
   const char* m_bytes = nullptr;  // the whole stream: in the mapping, or m_copy
   uint32_t m_size = 0;            // bytes
   std::unique_ptr<char[]> m_copy;
-  std::vector<bool> m_named;                   // by offset: whether a bucket holds it
-  std::unordered_set<uint32_t> m_namedBeyond;  // offsets in buckets that no string can have
+  std::vector<bool> m_named;            // by offset: whether a bucket holds it
+  std::vector<uint32_t> m_namedBeyond;  // offsets in buckets that no string can have, sorted
 };
 
 // Loads the name stream of a PDB. Without one the table stays empty, which is reported to standard

@@ -27,6 +27,7 @@ void PublicFunctions::insert(PublicFunction&& symbol) {
 // that belongs to the next record: the walk goes on one byte off from there.
 void PublicFunctions::getGlobalFunctions(const MsfFile& file, uint16_t symRecStream,
                                          const SectionMap& sections) {
+  m_visited = &file.budget().visited;
   const StreamPair& stream = file.getStream(symRecStream);
   if (stream.size == 0) return;
   StreamReader reader(stream, file.pages());
@@ -40,6 +41,7 @@ void PublicFunctions::getGlobalFunctions(const MsfFile& file, uint16_t symRecStr
     DataPtr<char> name = reader.read<char>(length - sizeof(GlobalRecord));
     undname(name);  // also for what is dropped: the first record is what loads the library
     if (record->symType != kFunctionFlag || record->segment > sections.count()) continue;
+    file.budget().functions.spend(1);
     const bool decorated = name.data[0] == '@' || name.data[0] == '_';
     insert({std::move(name), sections.mapAddressOmap(record->offset, record->segment),
             record->segment, decorated, /*covered=*/false});

@@ -34,11 +34,16 @@ class PublicFunctions {
   // Null when no public function has that RVA. Valid until the next insert.
   PublicFunction* find(uint32_t rva) { return m_symbols.find(rva); }
 
+  // What is left for visits of names, of the limits of the file.
+  Allowance& visited() { return m_visited != nullptr ? *m_visited : m_unlimited; }
+
   // All of them, in the order in which they came.
   std::vector<PublicFunction>& symbols() { return m_symbols.values(); }
 
  private:
   FirstWinsMap<PublicFunction> m_symbols;  // by RVA
+  Allowance* m_visited = nullptr;          // of the file; null without one
+  Allowance m_unlimited;
 };
 
 }  // namespace symforge_internal

@@ -3,13 +3,18 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "base/limits.h"
+
 namespace symforge_internal {
 
 void SectionMap::readSectionHeaders(const MsfFile& file, uint16_t headerStream,
                                     SectionHeaders& headers) {
   const StreamPair& stream = file.getStream(headerStream);
   StreamReader reader(stream, file.pages());
-  while (reader.getOffset() < stream.size) headers.push_back(*reader.read<IMAGE_SECTION_HEADER>());
+  while (reader.getOffset() < stream.size) {
+    if (headers.size() == limits::kSections) throw LimitExceeded("Too many sections");
+    headers.push_back(*reader.read<IMAGE_SECTION_HEADER>());
+  }
 }
 
 void SectionMap::readSections(const MsfFile& file, uint16_t headerStream) {

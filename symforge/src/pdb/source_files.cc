@@ -1,16 +1,19 @@
 #include "symforge/src/pdb/source_files.h"
 
-#include <cstdio>
 #include <string_view>
+
+#include "base/warning_limit.h"
 
 namespace symforge_internal {
 
 // Every entry takes a number, even an entry of a file that has its number already: the numbers of
 // files have gaps.
 void SourceFiles::getModuleFiles(const ModuleStream& module, SrcFileIndex& fileIndices) {
+  Allowance& entries = module.budget().fileChecksums;
   module.readModule(kFileChecksumsSubsection, [&](StreamReader& reader, uint32_t end) {
     const uint32_t payload = reader.getOffset();
     while (reader.getOffset() < end) {
+      entries.spend(1);
       const uint32_t offset = reader.getOffset() - payload;
       const DataPtr<CVFileChecksum> entry = reader.read<CVFileChecksum>();
       fileIndices.add({offset, m_unique.insert(entry->name, {m_nextId++, entry->name, false})});
@@ -24,11 +27,12 @@ void SourceFiles::getModuleFiles(const ModuleStream& module, SrcFileIndex& fileI
 
 void SourceFiles::gatherFiles(const ModuleStreams& modules) {
   m_modules.resize(modules.size());
+  WarningLimit noStream;
   for (size_t i = 0; i < modules.size(); ++i) {
     if (modules[i].hasStream()) {
       getModuleFiles(modules[i], m_modules[i]);
     } else {
-      std::fputs("Invalid module found gathering files...\n", stderr);
+      noStream.put("Invalid module found gathering files...\n");
     }
   }
 }
@@ -60,7 +64,7 @@ void SourceFiles::printFiles(const NameStream& names, FileMod* fileMod, TextBuff
       if (!names.find(file.name, name)) continue;
       if (fileMod != nullptr) name = (*fileMod)(name.data(), name.size());
       LineWriter line(out, kMaxNumberBytes + name.size());
-      line.str("FILE ").dec(file.id).chr(' ').str(name).chr('\n');
+      line.str("FILE ").dec(file.id).chr(' ').name(name).chr('\n');
     }
   }
 }

@@ -183,7 +183,15 @@ bool TypeNames::stringizeType(uint32_t type, std::string& output, uint32_t flags
   m_textStart = output.size();
   m_depth = 0;
   m_visits = 0;
-  return render(type, flags, info ? m_ids : m_types);
+  const TypeTable& table = info ? m_ids : m_types;
+  FileBudget* const budget = table.budget();
+  m_maxText = budget == nullptr ? kMaxText : std::min<uint64_t>(kMaxText, budget->typeText.left());
+  const bool isFunction = render(type, flags, table);
+  if (budget != nullptr) {
+    budget->typeVisits.spend(m_visits);
+    budget->typeText.spend(m_output->size() - m_textStart);
+  }
+  return isFunction;
 }
 
 // `table` is where the index itself is looked up; whatever a record refers to is a type.
@@ -209,7 +217,7 @@ bool TypeNames::render(uint32_t type, uint32_t flags, const TypeTable& table) {
 
 // Types that contain others many times over can ask for texts without end.
 void TypeNames::limitEffort() {
-  if (++m_visits > kMaxVisits || m_output->size() - m_textStart > kMaxText)
+  if (++m_visits > kMaxVisits || m_output->size() - m_textStart > m_maxText)
     throw pdb_exception("The name of a type is too long");
 }
 
@@ -322,7 +330,7 @@ void TypeNames::renderPointer(const TypeInfo& info, uint32_t flags) {
     if (pointer.mode() <= LeafPointer::kLastMode) {
       *m_output += kMarkers[pointer.mode()];
     } else {
-      std::fputs("Unknown ptr type encountered\n", stderr);
+      m_unknownPointers.put("Unknown ptr type encountered\n");
       ++m_warnings;
     }
   }

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "base/first_wins_map.h"
+#include "base/warning_limit.h"
 #include "symforge/src/pdb/type_table.h"
 
 namespace symforge_internal {
@@ -38,10 +39,10 @@ class TypeNames {
 
   // Appends the text of `type` to `output`; `flags` are Flags, `info` selects the id records. True
   // when what was rendered is a function type. A pointer of an unknown kind is reported to standard
-  // error each time that it is rendered.
+  // error each time that it is rendered, within the limit of warnings.
   //
   // Throws pdb_exception for types that contain themselves, for more than kMaxDepth nested records,
-  // and for a text out of all proportion.
+  // and for a text out of all proportion; LimitExceeded when the texts of the whole file are.
   bool stringizeType(uint32_t type, std::string& output, uint32_t flags, bool info);
 
   // Whether some text of these records would be reported to standard error. While it is false,
@@ -81,7 +82,9 @@ class TypeNames {
   size_t m_textStart = 0;
   uint32_t m_depth = 0;
   uint32_t m_visits = 0;
+  size_t m_maxText = 0;     // bytes that the text may have
   uint64_t m_warnings = 0;  // of all texts so far
+  WarningLimit m_unknownPointers;
 
   // Argument lists that were rendered without a warning, by type: functions share them.
   FirstWinsMap<std::string_view> m_remembered;

@@ -72,6 +72,9 @@ class TypeTable {
     if (run.bytesAt(m_offsets[place]) != 0) __builtin_prefetch(run.at(m_offsets[place]));
   }
 
+  // What is left of the limits of the table's file; null before load() and without limits.
+  FileBudget* budget() const { return m_file != nullptr ? m_file->budget : nullptr; }
+
   // Whether some pointer record is of an unknown kind, so that rendering it would warn.
   bool hasUnknownPointers() const { return m_hasUnknownPointers; }
 

@@ -77,6 +77,7 @@ void CodeFile::readPeHeaders(const char* path) {
   if (!image.hasDosSignature()) throw pdb_exception("Invalid PE header detected");
   // A 32-bit image has smaller headers, but as many bytes have to be there.
   if (image.ntHeaders() == nullptr) throw pdb_exception("Error reading PE NT header");
+  m_machine = image.ntHeaders()->FileHeader.Machine;
   m_timeStamp = image.ntHeaders()->FileHeader.TimeDateStamp;
   m_imageSize = imageSize(*image.ntHeaders());
   m_found = true;
@@ -104,7 +105,7 @@ void CodeFile::printCodeId(const std::string& identifier, TextBuffer& out) const
   if (!m_found) return;
   const std::string_view name = last_component(m_path);
   LineWriter line(out, 64 + name.size());
-  line.str("INFO CODE_ID ").str(identifier).chr(' ').str(name).chr('\n');
+  line.str("INFO CODE_ID ").str(identifier).chr(' ').name(name).chr('\n');
 }
 
 void CodeFile::PrintFrameDataUsingEXE(TextBuffer& out) const {

@@ -30,6 +30,11 @@ class CodeFile {
   // The path as given to readPeHeaders().
   const std::string& path() const { return m_path; }
 
+  // Bytes of the file; 0 without an image.
+  size_t size() const { return m_mapping.length(); }
+  // The image's machine, IMAGE_FILE_MACHINE_*.
+  uint16_t machine() const { return m_machine; }
+
   // Time stamp and size of the image in upper-case hexadecimal digits. A short time stamp is padded
   // with blanks, not with zeros.
   std::string identifier() const;
@@ -55,6 +60,7 @@ class CodeFile {
   MMapWrapper m_mapping;
   std::string m_path;
   bool m_found = false;
+  uint16_t m_machine = 0;
   uint32_t m_timeStamp = 0;
   uint32_t m_imageSize = 0;  // SizeOfImage, bytes
 };

@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "base/cycle_detector.h"
+#include "base/limits.h"
 #include "common/symbol_text.h"
 #include "symforge/src/pdb_exception.h"
 #include "symforge/src/pe/unwind_codes.h"
@@ -31,14 +32,16 @@ constexpr NamedRegister kPrinted[] = {
 class UnwindLinks {
  public:
   UnwindLinks(const PeImage& image, size_t entries)
-      : m_image(image), m_left(kFewestLinks + kLinksPerEntry * uint64_t{entries}) {}
+      : m_image(image),
+        m_left(limits::kUnwindSlots + limits::kUnwindSlotsPerEntry * uint64_t{entries}) {}
 
   // From an entry to the address of its unwind data: bit 0 says that another entry stands in
   // between. False when the links lead nowhere.
   bool resolveEntry(uint32_t& rva) {
     while ((rva & 1) != 0) {
       const auto* entry = m_image.recordAt<IMAGE_RUNTIME_FUNCTION_ENTRY>(rva ^ 1);
-      if (entry == nullptr || m_left-- == 0) return false;
+      if (entry == nullptr || m_left == 0) return false;
+      --m_left;
       rva = entry->UnwindInfoAddress;
     }
     return true;
@@ -58,16 +61,15 @@ class UnwindLinks {
     int rounds = 0;
     while (info != nullptr) {
       if (chain.visit(info) && ++rounds == 2) return false;
-      if (!frame.add(*info) || m_left-- == 0) return false;
+      const uint64_t cost = 1 + uint64_t{info->count_of_codes};
+      if (cost > m_left || !frame.add(*info)) return false;
+      m_left -= cost;
       info = info->chained() ? follow(*info) : nullptr;
     }
     return true;
   }
 
  private:
-  static constexpr uint64_t kFewestLinks = uint64_t{1} << 20;
-  static constexpr uint64_t kLinksPerEntry = 32;
-
   size_t bytesLeft(const UnwindInfo& info) const {
     return m_image.bytesLeft(&info.version_and_flags);
   }
@@ -82,7 +84,7 @@ class UnwindLinks {
   }
 
   const PeImage& m_image;
-  uint64_t m_left;
+  uint64_t m_left;  // slots and links
 };
 
 constexpr int32_t kReturnAddress = 8;  // bytes

@@ -22,7 +22,7 @@ class RowBuilder {
   void finish() { endRow(m_start.chunkSize); }
 
  private:
-  void moveTo(uint32_t code) {
+  [[gnu::always_inline]] void moveTo(uint32_t code) {
     m_code = code;
     endRow(code);
     if (m_chunk != m_start.chunk || code >= m_start.chunkSize) return;
@@ -30,14 +30,14 @@ class RowBuilder {
     m_open = true;
   }
   // Ends the row that has no length yet.
-  void endRow(uint32_t end) {
+  [[gnu::always_inline]] void endRow(uint32_t end) {
     if (m_open && end > m_row.start) {
       m_row.end = std::min(end, m_start.chunkSize);
       m_rows.push_back(m_row);
     }
     m_open = false;
   }
-  void setLength(uint32_t length) {
+  [[gnu::always_inline]] void setLength(uint32_t length) {
     const uint64_t end = uint64_t{m_row.start} + length;
     endRow(static_cast<uint32_t>(std::min<uint64_t>(end, m_start.chunkSize)));
   }
@@ -52,7 +52,7 @@ class RowBuilder {
   bool m_open = false;  // m_row waits for its end
 };
 
-bool RowBuilder::apply(uint32_t opcode, uint32_t operand, uint32_t second) {
+inline bool RowBuilder::apply(uint32_t opcode, uint32_t operand, uint32_t second) {
   switch (opcode) {
     case BA_OP_CodeOffset:
       moveTo(operand);

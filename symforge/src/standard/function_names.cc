@@ -30,7 +30,7 @@ std::string_view lastNameComponent(std::string_view name) {
     const char c = name[i];
     if (c == '<' || c == '`') ++nesting;
     if ((c == '>' || c == '\'') && nesting != 0) --nesting;
-    if (nesting == 0 && name.substr(i).starts_with("::")) start = ++i + 1;
+    if (c == ':' && nesting == 0 && i + 1 < name.size() && name[i + 1] == ':') start = ++i + 1;
   }
   return name.substr(start);
 }

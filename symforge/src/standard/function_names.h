@@ -16,12 +16,17 @@ class FunctionNames {
  public:
   // The tables must be those of the standard dialect and outlive this.
   FunctionNames(const TypeTable& types, const TypeTable& ids)
-      : m_ids(ids), m_typeNames(types, ids, TypeDialect::kStandard) {}
+      : m_types(types), m_ids(ids), m_typeNames(types, ids, TypeDialect::kStandard) {}
 
   // Appends the name of a procedure symbol of type `type` (0: none), which is qualified already.
   // What only the Windows compiler says is removed from the name of a typed one. Throws
   // pdb_exception like TypeNames.
   void appendFunction(std::string_view name, uint32_t type, std::string& output);
+
+  // Asks for the memory that appendFunction() will look at: some functions ahead for the index,
+  // then for the record.
+  void prefetchIndex(uint32_t type) const { m_types.prefetchIndex(type); }
+  void prefetchRecord(uint32_t type) const { m_types.prefetchRecord(type); }
 
   // Appends the name of an item of the id records. False, with `output` unchanged, when it is no
   // function or has no name. Throws pdb_exception like TypeNames.
@@ -34,6 +39,7 @@ class FunctionNames {
   void appendString(uint32_t id, std::string& output, uint32_t depth);
   void appendType(uint32_t type, std::string& output);
 
+  const TypeTable& m_types;
   const TypeTable& m_ids;
   TypeNames m_typeNames;
   uint32_t m_stringParts = 0;  // of the scope that is being appended

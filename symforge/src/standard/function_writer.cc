@@ -32,6 +32,29 @@ FunctionWriter::FunctionWriter(const FunctionSources& sources, FileNumbers& file
       m_inlinees(sources.modules),
       m_calls(sources.file.pages().length + kLeastBudget) {}
 
+void FunctionWriter::writeAll(const std::vector<PlacedFunction>& functions, TextBuffer& out) {
+  for (size_t i = 0; i < functions.size(); ++i) {
+    prefetch(functions, i);
+    write(functions[i], out);
+  }
+}
+
+// Names and types are spread over the whole mapping.
+void FunctionWriter::prefetch(const std::vector<PlacedFunction>& functions, size_t i) const {
+  constexpr size_t kAhead = 8;
+  const auto collected = [&](size_t position) -> const CollectedFunction& {
+    return m_sources.collector.functions()[functions[position].function];
+  };
+  if (i + 2 * kAhead < functions.size()) {
+    m_sources.names.prefetchIndex(collected(i + 2 * kAhead).typeIndex);
+  }
+  if (i + kAhead >= functions.size()) return;
+  const CollectedFunction& next = collected(i + kAhead);
+  m_sources.names.prefetchRecord(next.typeIndex);
+  __builtin_prefetch(next.name.data);
+  __builtin_prefetch(next.name.data + 64);
+}
+
 void FunctionWriter::write(const PlacedFunction& function, TextBuffer& out) {
   m_function = &m_sources.collector.functions()[function.function];
   writeFuncLine(function, out);

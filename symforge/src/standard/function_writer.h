@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -40,6 +41,9 @@ class FunctionWriter {
   FunctionWriter(const FunctionSources& sources, FileNumbers& files, InlineOrigins& origins,
                  StandardCounts& counts);
 
+  // Appends all functions. Throws what write() throws.
+  void writeAll(const std::vector<PlacedFunction>& functions, TextBuffer& out);
+
   // Appends the lines of a function. Lines and inline sites that cannot be read are left out.
   // Throws pdb_exception for names that cannot be rendered and what InlineCalls::resolve() throws.
   void write(const PlacedFunction& function, TextBuffer& out);
@@ -59,6 +63,7 @@ class FunctionWriter {
     uint32_t line = 0;
   };
 
+  void prefetch(const std::vector<PlacedFunction>& functions, size_t i) const;
   const Callee& findCallee(uint32_t inlinee);
   void writeFuncLine(const PlacedFunction& function, TextBuffer& out);
   void readLines(const PlacedFunction& function);

@@ -18,61 +18,25 @@ void InlineCalls::begin(uint32_t size) {
   m_lines.clear();
 }
 
-void InlineCalls::open(uint32_t origin) {
-  const uint32_t parent = m_open.back();
-  Site site;
-  site.parent = parent;
-  site.depth = parent == 0 ? 0 : m_sites[parent].depth + 1;
-  site.origin = origin;
-  m_open.push_back(static_cast<uint32_t>(m_sites.size()));
-  m_sites.push_back(site);
-}
-
-bool InlineCalls::full() const {
-  const uint32_t parent = m_open.back();
-  return parent != 0 && m_sites[parent].depth + 1 == kMaxDepth;
-}
-
-void InlineCalls::openLeftOut() { m_open.push_back(m_open.back()); }
-
-void InlineCalls::addRow(const CodeRow& row) {
-  if (row.start < row.end)
-    m_rows.push_back({row, static_cast<uint32_t>(m_sites.size()) - 1, kNone});
-}
-
-void InlineCalls::close() {
-  if (m_open.size() > 1) m_open.pop_back();
-}
-
-void InlineCalls::resolve(const std::vector<CodeRow>& ownLines) {
-  sortRows();
-  auto own = ownLines.begin();
-  for (uint32_t at = 0, end = 0; at < m_size; at = end) {
-    openRows(at);
-    while (own != ownLines.end() && own->end <= at) ++own;
-    const bool hasLine = own != ownLines.end() && own->start <= at;
-    end = m_size;
-    if (own != ownLines.end()) end = std::min(end, hasLine ? own->end : own->start);
-    if (m_nextRow < m_order.size()) end = std::min(end, nextStart());
-    SourcePlace place = hasLine ? own->place : SourcePlace();
-    end = followPath(at, end, place);
-    for (const OpenCall& call : m_path) addPiece(call, at, end);
-    addLine(at, end, place);
-  }
-  for (size_t site = 1; site < m_sites.size(); ++site) addCalls(m_sites[site]);
+inline void InlineCalls::spend(size_t steps) {
+  if (steps > m_budget) throw pdb_exception("Inlined calls are cut into too many ranges");
+  m_budget -= steps;
 }
 
 // By start, and those that start together in the order in which they were added.
 void InlineCalls::sortRows() {
-  m_order.clear();
   m_nextRow = 0;
-  for (const Row& row : m_rows) m_order.push_back(uint64_t{row.code.start} << 32 | m_order.size());
+  m_order.resize(m_rows.size());
+  uint64_t* const order = m_order.data();
+  for (size_t i = 0; i < m_rows.size(); ++i) order[i] = uint64_t{m_rows[i].code.start} << 32 | i;
   std::sort(m_order.begin(), m_order.end());
 }
 
-uint32_t InlineCalls::nextStart() const { return static_cast<uint32_t>(m_order[m_nextRow] >> 32); }
+inline uint32_t InlineCalls::nextStart() const {
+  return static_cast<uint32_t>(m_order[m_nextRow] >> 32);
+}
 
-void InlineCalls::openRows(uint32_t at) {
+inline void InlineCalls::openRows(uint32_t at) {
   while (m_nextRow < m_order.size() && nextStart() <= at) {
     const auto number = static_cast<uint32_t>(m_order[m_nextRow++]);
     Row& row = m_rows[number];
@@ -82,14 +46,24 @@ void InlineCalls::openRows(uint32_t at) {
   }
 }
 
+// The row that started last among those of the site's children that are open; kNone without one.
+inline uint32_t InlineCalls::innermostRow(Site& site, const Row* rows, uint32_t at) {
+  while (site.openRow != kNone && rows[site.openRow].code.end <= at) {
+    site.openRow = rows[site.openRow].outer;
+  }
+  return site.openRow;
+}
+
 // Makes m_path the calls around an address, from the function on. `place` is the function's own
 // there and becomes that of the innermost code. Returns up to where, at most `end`, all this is so.
-uint32_t InlineCalls::followPath(uint32_t at, uint32_t end, SourcePlace& place) {
+inline uint32_t InlineCalls::followPath(uint32_t at, uint32_t end, SourcePlace& place) {
+  Site* const sites = m_sites.data();
+  const Row* const rows = m_rows.data();
   m_path.clear();
   for (uint32_t site = 0;;) {
-    const uint32_t number = innermostRow(m_sites[site], at);
+    const uint32_t number = innermostRow(sites[site], rows, at);
     if (number == kNone) break;
-    const Row& row = m_rows[number];
+    const Row& row = rows[number];
     end = std::min(end, row.code.end);
     m_path.push_back({row.site, row.code.place.file, place});
     place = row.code.place;
@@ -99,15 +73,7 @@ uint32_t InlineCalls::followPath(uint32_t at, uint32_t end, SourcePlace& place) 
   return end;
 }
 
-// The row that started last among those of the site's children that are open; kNone without one.
-uint32_t InlineCalls::innermostRow(Site& site, uint32_t at) {
-  while (site.openRow != kNone && m_rows[site.openRow].code.end <= at) {
-    site.openRow = m_rows[site.openRow].outer;
-  }
-  return site.openRow;
-}
-
-void InlineCalls::addPiece(const OpenCall& call, uint32_t start, uint32_t end) {
+inline void InlineCalls::addPiece(const OpenCall& call, uint32_t start, uint32_t end) {
   Site& site = m_sites[call.site];
   if (site.lastPiece != kNone) {
     Piece& last = m_pieces[site.lastPiece];
@@ -128,12 +94,30 @@ void InlineCalls::addPiece(const OpenCall& call, uint32_t start, uint32_t end) {
 }
 
 // Rows that touch and have one place are parts of what a call was cut into.
-void InlineCalls::addLine(uint32_t start, uint32_t end, const SourcePlace& place) {
+inline void InlineCalls::addLine(uint32_t start, uint32_t end, const SourcePlace& place) {
   if (!place.known()) return;
   if (!m_lines.empty() && m_lines.back().end == start && m_lines.back().place == place)
     m_lines.back().end = end;
   else
     m_lines.push_back({start, end, place});
+}
+
+void InlineCalls::resolve(const std::vector<CodeRow>& ownLines) {
+  sortRows();
+  auto own = ownLines.begin();
+  for (uint32_t at = 0, end = 0; at < m_size; at = end) {
+    openRows(at);
+    while (own != ownLines.end() && own->end <= at) ++own;
+    const bool hasLine = own != ownLines.end() && own->start <= at;
+    end = m_size;
+    if (own != ownLines.end()) end = std::min(end, hasLine ? own->end : own->start);
+    if (m_nextRow < m_order.size()) end = std::min(end, nextStart());
+    SourcePlace place = hasLine ? own->place : SourcePlace();
+    end = followPath(at, end, place);
+    for (const OpenCall& call : m_path) addPiece(call, at, end);
+    addLine(at, end, place);
+  }
+  for (size_t site = 1; site < m_sites.size(); ++site) addCalls(m_sites[site]);
 }
 
 // Code that was called from different places becomes a call for each of them.
@@ -175,11 +159,6 @@ void InlineCalls::addCall(const Site& site, const Piece* first, const Piece* las
   call.rangeCount = static_cast<uint32_t>(last - first);
   for (; first != last; ++first) m_ranges.push_back({first->start, first->end});
   m_calls.push_back(call);
-}
-
-void InlineCalls::spend(size_t steps) {
-  if (steps > m_budget) throw pdb_exception("Inlined calls are cut into too many ranges");
-  m_budget -= steps;
 }
 
 }  // namespace symforge_internal

@@ -55,16 +55,32 @@ class InlineCalls {
   void begin(uint32_t size);
 
   // Opens a site. To be called only while full() is false.
-  void open(uint32_t origin);
+  void open(uint32_t origin) {
+    const uint32_t parent = m_open.back();
+    Site site;
+    site.parent = parent;
+    site.depth = parent == 0 ? 0 : m_sites[parent].depth + 1;
+    site.origin = origin;
+    m_open.push_back(static_cast<uint32_t>(m_sites.size()));
+    m_sites.push_back(site);
+  }
   // Opens a site that is left out: sites inside of it belong to the site around it.
-  void openLeftOut();
+  void openLeftOut() { m_open.push_back(m_open.back()); }
   // Whether a further site would be deeper than kMaxDepth.
-  bool full() const;
+  bool full() const {
+    const uint32_t parent = m_open.back();
+    return parent != 0 && m_sites[parent].depth + 1 == kMaxDepth;
+  }
   // Adds a row to the site that was opened last, in any order. To be called before a further site
   // is opened.
-  void addRow(const CodeRow& row);
+  void addRow(const CodeRow& row) {
+    if (row.start >= row.end) return;
+    m_rows.push_back({row, static_cast<uint32_t>(m_sites.size()) - 1, kNone});
+  }
   // Closes the innermost open site; without one it does nothing.
-  void close();
+  void close() {
+    if (m_open.size() > 1) m_open.pop_back();
+  }
 
   bool empty() const { return m_sites.size() == 1; }
 
@@ -116,7 +132,7 @@ class InlineCalls {
   uint32_t nextStart() const;
   void openRows(uint32_t at);
   uint32_t followPath(uint32_t at, uint32_t end, SourcePlace& place);
-  uint32_t innermostRow(Site& site, uint32_t at);
+  static uint32_t innermostRow(Site& site, const Row* rows, uint32_t at);
   void addPiece(const OpenCall& call, uint32_t start, uint32_t end);
   void addLine(uint32_t start, uint32_t end, const SourcePlace& place);
   void addCalls(const Site& site);

@@ -49,6 +49,17 @@ void printPublic(const PlacedPublic& symbol, TextBuffer& out) {
   line.hex(symbol.paramSize).chr(' ').str(name).chr('\n');
 }
 
+// The type and id records.
+struct Types {
+  explicit Types(const MsfFile& file) {
+    loadTypeStream(file, kTypeInfoStream, types, /*required=*/true);
+    loadTypeStream(file, kIPIStream, ids, /*required=*/false);
+  }
+
+  TypeTable types{TypeDialect::kStandard};
+  TypeTable ids{TypeDialect::kStandard};
+};
+
 }  // namespace
 
 void StandardPrinter::printHeader(TextBuffer& out) const {
@@ -72,6 +83,26 @@ void StandardPrinter::printUnwindRules(const std::vector<PlacedFunction>& functi
   }
 }
 
+// Modules whose stream does not exist are left out.
+ModuleStreams StandardPrinter::readModules() {
+  ModuleStreams modules = m_source.dbi.readModuleList();
+  const size_t streams = m_source.file.streams().size();
+  m_counts.damagedModules += std::erase_if(modules, [streams](const ModuleStream& module) {
+    return !module.hasStream() || module.streamNumber() >= streams;
+  });
+  return modules;
+}
+
+void StandardPrinter::insertTables(const FileNumbers& files, const InlineOrigins& origins,
+                                   size_t at, TextBuffer& out) {
+  TextBuffer tables;
+  files.print(tables);
+  origins.print(tables);
+  out.insert(at, tables.view());
+  m_counts.files = files.count();
+  m_counts.origins = origins.count();
+}
+
 // Which files and origins there are is known when all functions are written; their lines are
 // inserted before those of the functions then.
 void StandardPrinter::print(TextBuffer& out) {
@@ -80,52 +111,41 @@ void StandardPrinter::print(TextBuffer& out) {
   m_source.codeFile.printStandardCodeId(out);
   const size_t start = out.size();
 
-  ModuleStreams modules = m_source.dbi.readModuleList();
-  m_counts.damagedModules = std::erase_if(modules, [&file](const ModuleStream& module) {
-    return !module.hasStream() || module.streamNumber() >= file.streams().size();
-  });
+  ModuleStreams modules = readModules();
   const DataPtr<DBIDebugHeader> debugHeader = m_source.dbi.readDebugHeader();
   refuseTokenMap(*debugHeader);
   SectionMap sections;
   sections.readSections(file, debugHeader->sectionHdr);
   sections.readOMAPData(file, debugHeader->sectionHdrOriginal, debugHeader->omapToSource,
                         debugHeader->omapFromSource);
-  SourceFiles sources;
-  sources.gatherFiles(modules);
   NameStream strings;
   loadNameStream(file, m_source.info, m_source.pdbFile, strings);
-  TypeTable types(TypeDialect::kStandard);
-  TypeTable ids(TypeDialect::kStandard);
-  loadTypeStream(file, kTypeInfoStream, types, /*required=*/true);
-  loadTypeStream(file, kIPIStream, ids, /*required=*/false);
   PublicFunctions publics;
   publics.getGlobalFunctions(file, m_source.dbi.header().symRecordStream, sections);
   FrameTables frames;
   frames.readFrameData(file, *debugHeader);
+  const Types types(file);
 
   FunctionCollector collector(sections, m_source.withInlines);
   collector.collect(modules);
-  FunctionNames names(types, ids);
+  FunctionNames names(types.types, types.ids);
   FunctionLayout layout(collector, sections, frames, publics, names);
   layout.place();
 
+  SourceFiles sources;
+  sources.gatherFiles(modules);
   FileNumbers files(sources, strings);
   InlineOrigins origins(names);
   CrossModuleItems items(modules, strings);
   FunctionWriter writer({file, modules, sections, collector, items, names}, files, origins,
                         m_counts);
-  for (const PlacedFunction& function : layout.functions()) writer.write(function, out);
+  writer.writeAll(layout.functions(), out);
   for (const PlacedPublic& symbol : layout.publics()) printPublic(symbol, out);
-  TextBuffer tables;
-  files.print(tables);
-  origins.print(tables);
-  out.insert(start, tables.view());
+  insertTables(files, origins, start, out);
   frames.printFrameData(strings, out);
   printUnwindRules(layout.functions(), out);
 
   m_counts.publics = layout.publics().size();
-  m_counts.files = files.count();
-  m_counts.origins = origins.count();
   m_counts.damagedModules += collector.damagedModules();
   m_counts.modulesWithoutFunctions = collector.modulesWithoutFunctions();
 }

@@ -11,7 +11,9 @@
 #include "symforge/src/pdb/dbi_stream.h"
 #include "symforge/src/pdb/info_stream.h"
 #include "symforge/src/pe/code_file.h"
+#include "symforge/src/standard/file_numbers.h"
 #include "symforge/src/standard/function_layout.h"
+#include "symforge/src/standard/inline_origins.h"
 #include "symforge/src/standard/standard_counts.h"
 
 namespace symforge_internal {
@@ -40,6 +42,9 @@ class StandardPrinter {
 
  private:
   void printHeader(TextBuffer& out) const;
+  ModuleStreams readModules();
+  void insertTables(const FileNumbers& files, const InlineOrigins& origins, size_t at,
+                    TextBuffer& out);
   void printUnwindRules(const std::vector<PlacedFunction>& functions, TextBuffer& out) const;
 
   const StandardSource m_source;
