@@ -20,27 +20,27 @@ namespace symforge_internal {
 
 class NestedRangeStack {
  public:
-  enum class Place {
-    kInside,      // accepted; the innermost range so far at its addresses
-    kNothing,     // empty, equal to the top, or crossing its end: a tree rejects it
+  enum class Result {
+    kNested,      // accepted; the innermost range so far at its addresses
+    kIgnored,     // empty, equal to the top, or crossing its end: a tree rejects it
     kOutOfOrder,  // starts before the last range or contains it: needs a tree
   };
 
   // Processes the next range. `base` + `size` must not wrap. A range equal to the top is accepted
   // if its `depth` is greater by exactly 1.
-  Place add(uint64_t base, uint64_t size, uint64_t depth = 0) {
-    if (size == 0) return Place::kNothing;
-    if (base < position_) return Place::kOutOfOrder;
+  Result add(uint64_t base, uint64_t size, uint64_t depth = 0) {
+    if (size == 0) return Result::kIgnored;
+    if (base < position_) return Result::kOutOfOrder;
     position_ = base;
     const uint64_t high = base + size - 1;
     while (!around_.empty() && around_.back().high < base) around_.pop_back();
     if (!around_.empty()) {
       const Range& top = around_.back();
-      if (high > top.high) return base == top.base ? Place::kOutOfOrder : Place::kNothing;
-      if (base == top.base && high == top.high && depth != top.depth + 1) return Place::kNothing;
+      if (high > top.high) return base == top.base ? Result::kOutOfOrder : Result::kIgnored;
+      if (base == top.base && high == top.high && depth != top.depth + 1) return Result::kIgnored;
     }
     around_.push_back({base, high, depth});
-    return Place::kInside;
+    return Result::kNested;
   }
 
   // Removes all ranges; keeps the memory.

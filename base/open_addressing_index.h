@@ -1,8 +1,8 @@
-// OpenAddressingIndex: a hash table from 32-bit keys to positions in a vector of its user's, in one
-// block of memory: 8 bytes a slot, at most two thirds of them in use.
+// OpenAddressingIndex: a hash table from 32-bit keys to positions in a vector of the caller. One
+// allocation, 8 bytes per slot, load factor at most 2/3.
 //
-// Keys come from files, which choose them: the hash function differs from process to process, so
-// that no file can make all of its keys collide.
+// Keys come from untrusted files. The hash function differs between processes, so that no file can
+// make all of its keys collide.
 
 #pragma once
 
@@ -12,7 +12,7 @@
 
 namespace symforge_internal {
 
-// An odd number, the same during the whole process and another one in the next.
+// A random odd number that is constant within a process.
 uint64_t hash_multiplier();
 
 class OpenAddressingIndex {
@@ -40,7 +40,7 @@ class OpenAddressingIndex {
     uint32_t place = 0;
   };
 
-  // Where the key stands, or the free slot where it would.
+  // The slot that contains `key`, or the free slot for it.
   size_t slotOf(const std::vector<Slot>& slots, uint32_t key) const {
     const size_t mask = slots.size() - 1;
     size_t at = (key * m_multiplier >> 32) & mask;

@@ -54,7 +54,7 @@ class TextBuffer {
     size_ += text.size();
   }
 
-  // Inserts at `at`, which must not be beyond the end; what follows is moved once.
+  // Inserts `text` at position `at`, at most size(). The rest of the text is moved once.
   void insert(size_t at, std::string_view text) {
     assert(at <= size_);
     prepare(text.size());
@@ -64,23 +64,22 @@ class TextBuffer {
     size_ += text.size();
   }
 
-  // Cuts the text back to `size` bytes, which must not be more than there are.
+  // Truncates the text to `size` bytes, at most size().
   void truncate(size_t size) {
     assert(size <= size_);
     size_ = size;
   }
 
-  // Bounds the text: from then on growing beyond `bytes`, and at most one huge page more, throws
-  // LimitExceeded.
-  // `bytes` is not less than size().
+  // Limits the text: growing it beyond `bytes`, plus at most one huge page, throws LimitExceeded.
+  // `bytes` is at least size().
   void set_limit(size_t bytes) {
     assert(bytes >= size_);
     limit_ = bytes;
   }
 
-  // Room for `bytes` more, without making them part of the text. The pointer is valid until the
-  // next call that grows the buffer. Throws std::bad_alloc, and LimitExceeded when the text would
-  // outgrow its limit.
+  // Reserves `bytes` writable bytes after the text, without adding them to it. The pointer is valid
+  // until the next call that may grow the buffer. Throws std::bad_alloc, or LimitExceeded if the
+  // text would exceed its limit.
   char* prepare(size_t bytes) {
     if (capacity_ - size_ < bytes) grow(bytes);
     return data_ + size_;
@@ -103,7 +102,7 @@ class TextBuffer {
   HugePageBlock pages_;
 };
 
-// Bounds a text while it lives to `bytes` more than it has.
+// Limits the growth of a text to `bytes` while the object exists.
 class TextLimit {
  public:
   TextLimit(TextBuffer& text, size_t bytes) : text_(text) {
@@ -117,8 +116,8 @@ class TextLimit {
   TextBuffer& text_;
 };
 
-// Writes a number in lower-case hexadecimal without padding and returns the end of it. Eight bytes
-// are written whatever the number; those behind the end are zeros, to be written over.
+// Writes a number in lower-case hexadecimal without padding and returns the end of it. Always
+// writes eight bytes; those after the end are zeros to be overwritten.
 //
 // All digits are computed at once: the nibbles are spread over the bytes of a word, and those above
 // 9 are adjusted to letters. Addresses are about half of a symbol file; this takes a third of the
@@ -136,12 +135,12 @@ inline char* put_hex(char* at, uint32_t number) {
   return at + digits;
 }
 
-// Writes a number in decimal and returns the end of it; at most 10 bytes. Faster than std::to_chars
-// for the numbers of source lines.
+// Writes a number in decimal, at most 10 bytes, and returns the end of it. Faster than
+// std::to_chars for line numbers.
 inline char* put_dec(char* at, uint32_t number) {
   constexpr uint32_t kLimit = 10000;
   if (number >= kLimit) return std::to_chars(at, at + 10, number).ptr;
-  // All four digits at once, then those that lead without need are shifted out.
+  // Computes all four digits at once, then shifts out leading zeros.
   const uint32_t high = number / 100;
   const uint32_t low = number - high * 100;
   const uint32_t tens = high * 103 >> 10;  // high / 10
@@ -153,7 +152,7 @@ inline char* put_dec(char* at, uint32_t number) {
   return at + 4 - zeros;
 }
 
-// Whether some of the 16 bytes at `text` is at or below the carriage return; no printable one is.
+// Whether one of the 16 bytes at `text` is at most a carriage return. No printable character is.
 inline bool may_end_line(const char* text) {
   const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text));
   const __m128i low = _mm_cmpeq_epi8(_mm_min_epu8(bytes, _mm_set1_epi8('\r')), bytes);
@@ -163,9 +162,9 @@ inline bool may_end_line(const char* text) {
 // Replaces each carriage return, line feed and NUL by a blank.
 void blank_line_ends(char* text, size_t size);
 
-// Writes one line, or one short record, into a TextBuffer. `room` is an upper bound of the bytes
-// that will be written: a number takes at most 20, so callers count 20 a number and the length of
-// each text. Every write asserts that it stays inside, so a wrong bound shows in the first test.
+// Appends one line, or one short record, to a TextBuffer. `max_bytes` is an upper bound of the
+// bytes to be written: 20 per number plus the length of each string. Each write asserts that it
+// stays within the bound.
 class LineWriter {
  public:
   LineWriter(TextBuffer& text, size_t max_bytes)
@@ -185,7 +184,8 @@ class LineWriter {
     at_ += text.size();
     return *this;
   }
-  // A name from a file, and what is to follow it: what could end the line is written as a blank.
+  // Writes a name from a file and `more` after it, with blanks in place of characters that end a
+  // line.
   LineWriter& name(std::string_view text, std::string_view more = {}) {
     char* const begin = at_;
     str(text).str(more);

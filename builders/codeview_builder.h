@@ -99,9 +99,9 @@ class ModuleBuilder {
   // `parent` is not 0 for a nested thunk.
   ModuleBuilder& thunk(const Proc& thunk, uint32_t parent = 0);
   ModuleBuilder& inline_site(uint32_t inlinee, const Annotations& annotations);
-  // The second form of it, with a count of its invocations.
+  // The second form of an inline site record, with a count of invocations.
   ModuleBuilder& inline_site2(uint32_t inlinee, const Annotations& annotations);
-  // Code of `length` bytes that was moved away from the function at `function`, both in section 1.
+  // Code of `length` bytes that was separated from the function at `function`; both in section 1.
   ModuleBuilder& separated_code(uint32_t offset, uint32_t length, uint32_t function);
   ModuleBuilder& inline_site_end() { return symbol(kInlineSiteEnd, {}); }
   ModuleBuilder& end() { return symbol(kEnd, {}); }
@@ -182,7 +182,7 @@ class TypeStreamBuilder {
   uint32_t enumeration(std::string_view name, uint32_t underlying = 0x74);
   uint32_t function_id(std::string_view name, uint32_t type, uint32_t scope = 0);
   uint32_t member_function_id(std::string_view name, uint32_t type, uint32_t in_class);
-  // A string that follows the strings of the list `before`, which string_list() made.
+  // A string that follows the strings of the list `before`, a result of string_list().
   uint32_t string_id(std::string_view text, uint32_t before = 0);
   uint32_t string_list(const std::vector<uint32_t>& strings);
 

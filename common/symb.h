@@ -228,11 +228,10 @@ bool symb_write(const char* symbol_data, char** out_buffer, size_t* out_buffer_s
 
 // Converts a SYMB block to a text symbol file and appends it to `out`.
 //
-// The block is only read, and stays usable. False, with `out` as it was, if the block does not
-// begin with "SYMB", or if what has to be printed lies outside it in part: tables, strings without
-// an end in the block, frame info whose arrays contain themselves, or if its records share strings
-// so that the text would be out of all proportion (16 MiB + 16 times the block). Nothing outside
-// the block is ever read.
+// The block is only read and stays usable. Fails, and leaves `out` unchanged, if the block does not
+// begin with "SYMB", if something to be printed is not entirely inside it (tables, strings without
+// a NUL, frame info whose arrays contain themselves), or if records share strings such that the
+// text would exceed 16 MiB + 16 times the block. Never reads outside the block.
 bool symb_read(char* in_buffer, size_t in_buffer_size, std::stringstream& out);
 
 // Relocates the block in place: adds `base`, the address of the block, to each reference. The
@@ -247,24 +246,25 @@ bool symb_relocate(uint64_t base, uint64_t size);
 // Validates a block from an untrusted source. Lookups and loading do not call it; hosts do. `base`
 // is the address of the block, which is only read.
 //
-// What is demanded:
-//   - the magic, a version of 1, 2 or 3, the header inside the block;
-//   - every table inside the block, behind the header, at a multiple of 8; the string table's size
-//     too is a multiple of 8; no two tables share a byte; an empty table may stand anywhere, also
-//     at 0;
-//   - every string begins inside the string table, at its start or behind a NUL, and the table ends
-//     with a NUL; only code_id, code_file and program_string may be 0;
-//   - ascending orders, without repetition: files by index, publics and delta rules by address;
-//     functions, the lines of a function, initial rules disjoint and ascending;
-//   - inline sites of a function in pre-order, each wholly inside or wholly behind the one before
-//     it; one with the same range is inside if its `caller` is greater by 1;
-//   - five frame info roots; the ranges of each array disjoint and ascending, inside their
-//     container, of the type of their root;
+// Requirements:
+//
+//   - the magic, a version of 1, 2 or 3, and the header inside the block;
+//   - every table inside the block, after the header, at a multiple of 8; the size of the string
+//     table a multiple of 8; no two tables overlap; an empty table may have any offset, also 0;
+//   - every string inside the string table, at its start or after a NUL, and a NUL at the end of
+//   the
+//     table; only code_id, code_file and program_string may be 0;
+//   - strictly ascending order: files by index, public symbols and delta rules by address;
+//     functions, the lines of a function, and initial rules disjoint and ascending;
+//   - inline sites of a function in pre-order, each completely inside or completely after the one
+//     before it; one with the same range is inside if its `caller` is greater by 1;
+//   - five frame info roots; the ranges of each array disjoint and ascending, inside the range that
+//     contains the array, of the type of their root;
 //   - no range that ends above 4 GiB.
 //
 // True guarantees that no lookup on the block (LoadMapFromMemory and later calls) reads outside of
-// it, that searches find all entries, and that symb_read() succeeds. Takes linear time, and memory
-// of 1/64 of the size.
+// it, that searches find all entries, and that symb_read() succeeds unless the text would exceed
+// its limit. Takes linear time, and memory of 1/64 of the size.
 bool symb_validate(uint64_t base, uint64_t size);
 
 // Validates one frame info range and everything it contains. `parent` is the address of its record

@@ -18,8 +18,8 @@ bool symb_write(TextBuffer symbol_data, char** out_buffer, size_t* out_buffer_si
 // with INLINE lines, which all readers of the Breakpad format understand.
 enum class TextDialect { kDefault, kStandard };
 
-// symb_read() that appends to `out`. The block is only read. `text_limit`: how much text is made of
-// a block of that size; what would be more fails. On false, `out` is unchanged.
+// As symb_read() in symb.h, but appends to a TextBuffer. Fails if the text would exceed
+// `text_limit` for a block of that size. On failure, `out` is unchanged.
 bool symb_read(const char* block, size_t size, TextBuffer& out,
                TextDialect dialect = TextDialect::kDefault,
                const Limit& text_limit = limits::kTextOfSymb);

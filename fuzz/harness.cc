@@ -20,7 +20,7 @@
 #include "base/mapped_file.h"
 #include "symforge/src/StreamReader.h"
 
-extern "C" __attribute__((weak)) void __asan_init();  // there in builds with a sanitizer
+extern "C" __attribute__((weak)) void __asan_init();  // defined in builds with a sanitizer
 
 namespace fuzzing {
 namespace {
@@ -38,7 +38,7 @@ sigjmp_buf run_start;
 size_t aborted = 0;
 bool left_mappings = false;
 
-// The heap that is in use by operator new, and its peak.
+// The heap memory in use by operator new, and its peak.
 std::atomic<size_t> heap_bytes = 0;
 std::atomic<size_t> heap_peak = 0;
 
@@ -62,8 +62,8 @@ void release(void* memory) {
   std::free(memory);
 }
 
-// Inputs are files in memory. What an aborted run has mapped of them is unmapped before the next
-// run: by then the target has destroyed its own objects.
+// Inputs are files in memory. Unmaps those that an aborted run has mapped before the next run; the
+// target has destroyed its own objects by then.
 void unmap_left_files() {
   using symforge_internal::MMapWrapper;
   std::ifstream maps("/proc/self/maps");
@@ -149,7 +149,7 @@ void require(bool condition, const char* what) {
 
 }  // namespace fuzzing
 
-// In the place of the C++ library's, to count.
+// Replaces that of the C++ library in order to count.
 void* operator new(size_t size) { return fuzzing::allocate(size); }
 void* operator new[](size_t size) { return fuzzing::allocate(size); }
 void operator delete(void* memory) noexcept { fuzzing::release(memory); }
@@ -157,7 +157,7 @@ void operator delete[](void* memory) noexcept { fuzzing::release(memory); }
 void operator delete(void* memory, size_t) noexcept { fuzzing::release(memory); }
 void operator delete[](void* memory, size_t) noexcept { fuzzing::release(memory); }
 
-// Asked by the leak checker: what a run that was aborted has left behind is no leak of the program.
+// Called by the leak checker: what an aborted run did not free is not a leak of the program.
 extern "C" int __lsan_is_turned_off() { return fuzzing::aborted_runs() != 0; }
 
 // Replaces the C library's function: an assertion that input cannot violate is a fault.

@@ -21,7 +21,7 @@ namespace fuzzing {
 enum class Outcome {
   kReturned,
   kThrew,    // pdb_exception or std::out_of_range
-  kAborted,  // the objects on the way are not destroyed; their mappings end with the next run
+  kAborted,  // live objects are not destroyed; their mappings are removed before the next run
 };
 
 // Runs `conversion` and returns how it ended. Must not be nested.
@@ -30,12 +30,12 @@ Outcome run_expecting_exit(const std::function<void()>& conversion);
 // Number of runs aborted so far. If it is not 0, leaks are no longer reported.
 size_t aborted_runs();
 
-// Runs `call` and demands that it takes no more than `seconds` of this thread's time and at no
-// moment more than `bytes` from the heap. That time is multiplied by 5, as tests run beside each
-// other, and by 100 in builds with a sanitizer.
+// Runs `call` and requires that it takes at most `seconds` of this thread's time and `bytes` of
+// heap. The time limit is multiplied by 5, because tests run in parallel, and by 100 in builds with
+// a sanitizer.
 void bounded(const char* what, double seconds, size_t bytes, const std::function<void()>& call);
 
-// What a target demands. Ends the process with the condition, which no run takes for documented.
+// A condition that a target requires. If false, prints it and ends the process as a fault.
 void require(bool condition, const char* what);
 
 }  // namespace fuzzing

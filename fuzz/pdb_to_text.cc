@@ -1,5 +1,5 @@
-// A PDB to text, with inline sites, without, and in the standard format; pdb_debug_id() agrees
-// about what loads.
+// Converts a PDB to text with and without inline sites and in the standard format, and checks that
+// pdb_debug_id() accepts the same files.
 
 #include <memory>
 #include <string>

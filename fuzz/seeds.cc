@@ -101,7 +101,7 @@ std::string image(bool pe32_plus) {
   return pe.build();
 }
 
-// A block after the offsets of a range with ranges inside and of the end of the strings.
+// A block with nested ranges, preceded by the offsets of a range and of the end of the strings.
 std::string frame_info() {
   SymbModel model;
   model.frame_info[4] = {{0, 99, "p", 0, {{0, 9, ""}, {10, 19, "q", 0, {{10, 11, ""}}}}}};
@@ -113,7 +113,7 @@ std::string frame_info() {
   return input.str() + block;
 }
 
-// Packed entries, and records with epilogs and without, on ARM64.
+// An ARM64 image with packed entries, and records with and without epilogs.
 std::string arm64_image() {
   PeBuilder pe;
   pe.machine(0xAA64).codeview({}, 1, "C:\\build\\a.pdb");

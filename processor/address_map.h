@@ -21,7 +21,7 @@ class AddressMap {
   // Ordered by address. Iteration yields (address, entry).
   using AddressToEntryMap = BlockMap<AddressType, EntryType>;
 
-  // False, with a line in the log (see LogLimit), if `address` is taken: the first entry stays.
+  // Returns false if `address` exists already; the first entry is kept. Logs a line (see LogLimit).
   bool Store(const AddressType& address, const EntryType& entry) {
     if (map_.insert(address, entry)) return true;
     if (log_limit_.Admits()) {

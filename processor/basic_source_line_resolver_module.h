@@ -5,9 +5,9 @@
 // strings are stored in one arena. Entries are plain values and pointers, so a lookup shares no
 // mutable state and lookups can run concurrently.
 //
-// A SYMB load notes address and size of the block and reads nothing of it. Every lookup tests
-// `symb_loaded_` first and hands over to its counterpart with a B behind its name, which searches
-// the block's tables in place (processor/symb_lookups.cc).
+// Loading SYMB data only stores address and size of the block. Each lookup checks `symb_loaded_`
+// first and calls its variant with the suffix B, which searches the tables in place
+// (processor/symb_lookups.cc).
 
 #pragma once
 

@@ -42,17 +42,17 @@ class CFIRuleParser {
   std::string expression_;  // the expression so far
 };
 
-// Keeps the rule sets that one lookup applies within kMaxRuleCost (common/lookup_limits.h).
+// Limits the rule sets that one lookup applies to kMaxRuleCost (common/lookup_limits.h).
 class CFIRuleBudget {
  public:
-  // False if the text is too much.
+  // Returns false if `text` exceeds the limit.
   bool Take(std::string_view text);
 
  private:
   uint64_t taken_ = 0;
 };
 
-// Stores the rules in a CFIFrameInfo, which is not owned. A later rule replaces an earlier one.
+// Stores the rules in a CFIFrameInfo, which it does not own. A later rule replaces an earlier one.
 class CFIFrameInfoParseHandler : public CFIRuleParser::Handler {
  public:
   explicit CFIFrameInfoParseHandler(CFIFrameInfo* frame_info) : frame_info_(frame_info) {}

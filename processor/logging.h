@@ -46,22 +46,21 @@ class LogMessageVoidify {
   void operator&(std::ostream&) {}
 };
 
-// Counts the messages of one kind, of which input decides how many there are.
+// Limits the number of messages of one kind, which input determines.
 //
 //   if (limit.Admits()) SYMFORGE_LOG(INFO) << ...;
 class LogLimit {
  public:
   static constexpr int kMaxMessages = 1000;
 
-  // Whether the next message is to be written. After the last one a line says that further ones are
-  // left out.
+  // Whether to write the next message. After the last one, logs that further ones are omitted.
   bool Admits();
 
  private:
   int messages_ = 0;
 };
 
-// The text of the current errno in `*error_string`; returns errno.
+// Stores the text of the current errno in `*error_string`; returns errno.
 int ErrnoString(std::string* error_string);
 
 // Formats "0x" and the number in lower-case hexadecimal, unpadded.

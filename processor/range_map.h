@@ -48,8 +48,8 @@ class RangeMap {
   void SetMergeStrategy(MergeRangeStrategy strategy) { merge_strategy_ = strategy; }
   MergeRangeStrategy GetMergeStrategy() const { return merge_strategy_; }
 
-  // Stores `entry` for `size` addresses from `base` on. False if the range is refused: for a size
-  // of 0, when it runs past the largest address (logged, as far as a LogLimit admits), or by the
+  // Stores `entry` for `size` addresses starting at `base`. Returns false if the range is rejected:
+  // because its size is 0, because it exceeds the largest address (logged, see LogLimit), or by the
   // merge strategy.
   bool StoreRange(const AddressType& base, const AddressType& size, const EntryType& entry) {
     return StoreRangeInternal(base, 0, size, entry);
@@ -65,7 +65,7 @@ class RangeMap {
     }
     const Iterator it = map_.lower_bound(address);
     if (it == map_.end() || address < it.value().base()) return false;
-    Give(it, entry, entry_base, entry_delta, entry_size);
+    FillResult(it, entry, entry_base, entry_delta, entry_size);
     return true;
   }
 
@@ -82,7 +82,7 @@ class RangeMap {
       if (it == map_.begin()) return false;
       --it;
     }
-    Give(it, entry, entry_base, entry_delta, entry_size);
+    FillResult(it, entry, entry_base, entry_delta, entry_size);
     return true;
   }
 
@@ -97,7 +97,7 @@ class RangeMap {
     if (index < 0 || index >= GetCount()) return false;
     Iterator it = map_.begin();
     for (int i = 0; i < index; ++i) ++it;
-    Give(it, entry, entry_base, entry_delta, entry_size);
+    FillResult(it, entry, entry_base, entry_delta, entry_size);
     return true;
   }
 
@@ -108,8 +108,8 @@ class RangeMap {
  private:
   using Iterator = typename AddressToRangeMap::const_iterator;
 
-  static void Give(const Iterator& it, EntryType* entry, AddressType* entry_base,
-                   AddressType* entry_delta, AddressType* entry_size) {
+  static void FillResult(const Iterator& it, EntryType* entry, AddressType* entry_base,
+                         AddressType* entry_delta, AddressType* entry_size) {
     const Range& range = it.value();
     *entry = range.entry();
     if (entry_base) *entry_base = range.base();

@@ -24,7 +24,7 @@ class StringStorage {
   // `text` is a part of the loaded text that extends to the end of its line. That end must have
   // been processed, because it is overwritten if the string stays in the text. The result is valid
   // as long as the arena or the text.
-  const char* keep(std::string_view text) {
+  const char* store(std::string_view text) {
     if (!in_text_) return arena_.copy(text);
     if (text.empty()) return "";
     const_cast<char*>(text.data())[text.size()] = '\0';

@@ -30,7 +30,7 @@ struct Conversion {
 
 enum class Format { kDefault, kStandard };
 
-// Any exception but pdb_exception passes.
+// Exceptions other than pdb_exception propagate.
 inline Conversion convertAlone(const std::string& bytes, Format format = Format::kDefault,
                                symforge_internal::StandardCounts* counts = nullptr) {
   const MemoryFile file(bytes);

@@ -23,11 +23,11 @@ class SourceLineResolverBase : public SourceLineResolverInterface {
   struct InlineFunction;
   struct PublicSymbol;
 
-  // Reads a whole regular file, whatever it holds, into a new array with one NUL after its contents,
-  // which the caller deletes (array delete). The size counts that NUL. Marks the file as used: its
-  // access time becomes now. False, with a line in the log, if the file cannot be read, is no
-  // regular file (a FIFO is not opened) or has 2 GiB or more. There is nothing to delete then.
-  // Several threads may read at once.
+  // Reads a whole regular file of any content into a new array, followed by one NUL. The caller
+  // releases the array with delete[]. The size includes the NUL. Sets the file's access time to
+  // now, which marks it as used. Returns false and logs a line if the file cannot be read, is not a
+  // regular file (a FIFO is not opened) or has 2 GiB or more; there is nothing to delete then. Safe
+  // to call from several threads at once.
   static bool ReadSymbolFile(const std::string& map_file, char** symbol_data,
                              size_t* symbol_data_size);
 

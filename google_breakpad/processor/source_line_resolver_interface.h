@@ -10,12 +10,11 @@
 //
 // Symbols are stored under the debug identifier of their module.
 //
-// Symbol files may come from strangers: LoadModule and LoadModuleUsingMapBuffer take any bytes, and
-// a lookup takes less than 10 ms and 16 MiB. To keep to that, lookups return at most 1 MiB of a
-// name, and nothing where STACK CFI texts or nested STACK WIN ranges are beyond anything real.
+// Untrusted files: LoadModule and LoadModuleUsingMapBuffer accept any bytes, and a lookup takes
+// less than 10 ms and 16 MiB. Therefore lookups truncate names to 1 MiB, and find nothing where
+// STACK CFI texts or nested STACK WIN ranges exceed limits far beyond real programs.
 //
-// What a symbol file holds, line by line, stands in docs/symbol-file.md, and what a SYMB block
-// holds in docs/symb-format.md.
+// docs/symbol-file.md describes the lines of a symbol file, docs/symb-format.md a SYMB block.
 
 #pragma once
 
@@ -37,24 +36,27 @@ class SourceLineResolverInterface {
   // are already loaded for its debug identifier. A line that does not parse is skipped, logged
   // (only the first 10 per load) and marks the module as corrupt; the load still succeeds.
 
-  // From a symbol file: text or SYMB data. False also if it cannot be read, if it is no regular
-  // file, if it has 2 GiB or more, and, with a line in the log, for SYMB data on which a lookup
-  // would leave the data or cost too much. The check takes about a tenth of the time of reading.
+  // Loads a symbol file, text or SYMB data. Also returns false if it cannot be read, is not a
+  // regular file or has 2 GiB or more; and, after logging a line, for SYMB data on which a lookup
+  // would read outside the data or cost too much. That check takes about a tenth of the time of
+  // reading.
   virtual bool LoadModule(const CodeModule* module, const std::string& map_file) = 0;
 
-  // From the contents of a symbol file in a string, which is not changed. False also for SYMB data
-  // as above.
+  // Loads the contents of a symbol file from a string, which is not changed. Also returns false for
+  // SYMB data as above.
   virtual bool LoadModuleUsingMapBuffer(const CodeModule* module,
                                         const std::string& map_buffer) = 0;
 
-  // From the contents of a symbol file in memory, of `memory_buffer_size` bytes. The buffer stays
-  // the caller's. Text is changed by the load, and its last byte is overwritten by a NUL unless it
-  // is one: pass the terminator as part of the size. It may be released after the load.
+  // Loads the contents of a symbol file from memory. The caller keeps ownership of the buffer of
+  // `memory_buffer_size` bytes.
   //
-  // SYMB data (the first 4 bytes are "SYMB") is not changed, must not be changed by others and must
-  // outlive the module's symbols. It is not checked, so that the load of a mapped file costs
-  // nothing: lookups never read past `memory_buffer_size`, but on hostile data they can take long.
-  // Give data from outside to one of the loads above, or ask symb_validate() first.
+  // Text is modified while it is parsed, and its last byte is overwritten by a NUL: include the
+  // terminator in the size. The buffer may be released after the load.
+  //
+  // SYMB data (which begins with "SYMB") is not modified. It must outlive the module's symbols and
+  // must not change. It is not checked, so that loading a mapped file costs nothing: lookups never
+  // read beyond `memory_buffer_size`, but may take long on hostile data. Load untrusted data with
+  // one of the functions above, or call symb_validate() first.
   virtual bool LoadModuleUsingMemoryBuffer(const CodeModule* module, char* memory_buffer,
                                            size_t memory_buffer_size) = 0;
 

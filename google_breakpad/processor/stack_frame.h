@@ -51,9 +51,8 @@ struct StackFrame {
 
   FrameTrust trust = FRAME_TRUST_NONE;
 
-  // The inline frames at the instruction, the innermost first. Filled for modules that were loaded
-  // from SYMB data of version 3, or from text for functions with INLINE lines; new ones are
-  // appended.
+  // The inline frames at the instruction, innermost first. Filled for modules loaded from SYMB data
+  // of version 3, and from text for functions with INLINE lines. New frames are appended.
   std::vector<Inline> inlines;
 };
 
