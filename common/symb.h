@@ -207,6 +207,7 @@ struct symb_cfi_delta_rule {
 static_assert(sizeof(symb_cfi_delta_rule) == 16 && offsetof(symb_cfi_delta_rule, rule) == 8);
 
 // ---- Operations ---------------------------------------------------------------------------------
+//
 // All operations work on a whole file in memory.
 //
 // Threads: no operation has state, so calls on different blocks may run concurrently.

@@ -89,7 +89,7 @@ TEST(SymbSafetyTest, RefusesWhatLeavesTheBlock) {
 }
 
 // One more of each kind than a lookup may cost.
-TEST(SymbSafetyTest, RefusesWhatCostsTooMuch) {
+TEST(SymbSafetyTest, RejectsExcessiveCost) {
   const auto sites = [](uint32_t count, uint32_t step, uint32_t size, const std::string& name) {
     SymbModel model;
     model.functions = {{0, 1u << 30, 0, "f", {{0, 16, 1, 1}}, {}}};

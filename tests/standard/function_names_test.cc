@@ -123,7 +123,7 @@ TEST(FunctionNames, FunctionsLoseWhatOnlyTheCompilerSays) {
 }
 
 // Lists that contain themselves several times.
-TEST(FunctionNames, StringsThatAreMadeOfThemselvesEnd) {
+TEST(FunctionNames, BoundsStringsThatContainThemselves) {
   TypeStreamBuilder types;
   TypeStreamBuilder ids;
   const uint32_t function = types.procedure(kVoid, types.arguments({}), 0);
