@@ -4,8 +4,9 @@
 
 namespace symforge_internal {
 
-// Blocks double from 4 KiB up to the unit of huge pages, so that a small module stays small. What
-// takes a good part of the next block gets one of its own, and the one being filled stays in use.
+// Block sizes double from 4 KiB up to the size of a huge page, so that a small module stays small.
+// An allocation that takes a large part of the next block gets a block of its own; the block being
+// filled stays in use.
 void* Arena::allocate_in_new_block(size_t bytes) {
   constexpr size_t kFirst = 4 * 1024;
   const size_t next = std::clamp(size_ * 2, kFirst, HugePageBlock::kUnit);

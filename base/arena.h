@@ -1,8 +1,11 @@
 // Arena: memory for records and strings that live exactly as long as their module.
 //
-// Blocks of up to 2 MiB are filled from their start; nothing is released singly and no destructor
-// runs. Records that are made one after the other lie side by side, so a function, its name, its
-// lines and its inline sites share cache lines and pages.
+// Memory is handed out from blocks of up to 2 MiB, in ascending order. It is freed all at once when
+// the arena is destroyed; no destructor of a stored record runs. Records allocated one after the
+// other are adjacent, so a function, its name, its lines and its inline sites share cache lines and
+// pages.
+//
+// One thread at a time.
 
 #pragma once
 
@@ -19,8 +22,8 @@ namespace symforge_internal {
 
 class Arena {
  public:
-  // Room for `bytes` bytes at an address that is a multiple of `alignment`, a power of two up to
-  // 16. Throws std::bad_alloc.
+  // Returns `bytes` bytes of uninitialized memory, owned by the arena. `alignment` is a power of
+  // two up to 16. Throws std::bad_alloc.
   void* allocate(size_t bytes, size_t alignment) {
     const size_t skip = (alignment - used_ % alignment) % alignment;
     if (size_ - used_ < skip || size_ - used_ - skip < bytes) return allocate_in_new_block(bytes);
@@ -29,7 +32,7 @@ class Arena {
     return memory;
   }
 
-  // A copy of `count` records.
+  // Copies `count` records into the arena.
   template <typename Record>
   Record* copy(const Record* records, size_t count) {
     static_assert(std::is_trivially_copyable_v<Record> && alignof(Record) <= 16);
@@ -38,7 +41,7 @@ class Arena {
     return static_cast<Record*>(memory);
   }
 
-  // A copy of a text, with a NUL behind it.
+  // Copies `text` into the arena and appends a NUL.
   const char* copy(std::string_view text) {
     char* memory = static_cast<char*>(allocate(text.size() + 1, 1));
     if (!text.empty()) std::memcpy(memory, text.data(), text.size());
@@ -51,8 +54,8 @@ class Arena {
 
   std::vector<std::unique_ptr<char[]>> small_blocks_;
   std::vector<HugePageBlock> page_blocks_;
-  char* block_ = nullptr;  // the one being filled
-  size_t size_ = 0;        // of that block
+  char* block_ = nullptr;  // the block being filled
+  size_t size_ = 0;        // of that block, in bytes
   size_t used_ = 0;
 };
 

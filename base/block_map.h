@@ -1,13 +1,13 @@
-// BlockMap: the ordered map under the address containers.
+// BlockMap: the ordered map on which the address containers are built.
 //
-// Entries lie sorted in blocks of up to 64, keys and values apart, so that a search touches a few
-// cache lines of keys; blocks are found through two levels of separators (up to 256 blocks a group,
-// then one array of groups). Storing in ascending order appends and fills every block; other orders
-// split blocks, at a cost that stays logarithmic for any number of entries that fits in memory. A
-// map of few entries is one small block that grows, and an empty one owns no memory.
+// Entries are sorted and stored in blocks of up to 64. Keys and values of a block are in separate
+// arrays, so a search touches few cache lines. Blocks are found through two levels of separators:
+// up to 256 blocks form a group, and one array lists the groups. Inserting in ascending order
+// appends and fills every block. Other orders split blocks; the cost of an insertion stays
+// logarithmic. A small map is one block that grows; an empty map owns no memory.
 //
-// Const operations are safe together; anything else needs one thread at a time. Iterators are
-// invalidated by every change.
+// Threads: const operations may run concurrently; a change needs exclusive access. Every change
+// invalidates all iterators.
 
 #pragma once
 
@@ -35,11 +35,11 @@ class BlockMap {
    public:
     Key key() const { return block_->keys()[slot_]; }
     const Value& value() const { return block_->values()[slot_]; }
-    // (key, value), for range-based loops: for (auto [key, value] : map).
+    // Returns (key, value), for range-based loops: for (auto [key, value] : map).
     std::pair<Key, const Value&> operator*() const { return {key(), value()}; }
 
     const_iterator& operator++() {
-      if (++slot_ == block_->count) *this = map_->block_behind(*this);
+      if (++slot_ == block_->count) *this = map_->next_block(*this);
       return *this;
     }
     const_iterator& operator--() {
@@ -53,7 +53,7 @@ class BlockMap {
    private:
     friend class BlockMap;
     const BlockMap* map_ = nullptr;
-    Block* block_ = nullptr;  // null: the end
+    Block* block_ = nullptr;  // null: end()
     uint32_t slot_ = 0;
     uint32_t in_group_ = 0;  // index of the block in its group
     size_t group_ = 0;
@@ -85,15 +85,15 @@ class BlockMap {
     return it;
   }
 
-  // The first entry whose key is not below `key`, or end().
+  // Returns the first entry whose key is not less than `key`, or end().
   const_iterator lower_bound(Key key) const {
     if (size_ == 0) return end();
     const_iterator it = block_of(key);
     prefetch(it, key);
     it.slot_ = it.block_->slot_of(key);
-    return it.slot_ == it.block_->count ? block_behind(it) : it;
+    return it.slot_ == it.block_->count ? next_block(it) : it;
   }
-  // The first entry whose key is above `key`, or end().
+  // Returns the first entry whose key is greater than `key`, or end().
   const_iterator upper_bound(Key key) const {
     const_iterator it = lower_bound(key);
     if (it != end() && it.key() == key) ++it;
@@ -104,13 +104,13 @@ class BlockMap {
     return it != end() && it.key() == key ? it : end();
   }
 
-  // False, and no change, if `key` is taken.
+  // Returns false and changes nothing if `key` exists already.
   bool insert(Key key, Value value);
 
-  // The value of an entry, for writing.
+  // The writable value of an entry.
   Value& value_at(const const_iterator& it) { return it.block_->values()[it.slot_]; }
 
-  // Removes an entry; returns the one behind it.
+  // Removes an entry; returns the next one.
   const_iterator erase(const_iterator it);
 
  private:
@@ -120,7 +120,7 @@ class BlockMap {
   static constexpr size_t kCacheLine = 64;
   static_assert(alignof(Key) <= kBlockAlignment && alignof(Value) <= kBlockAlignment);
 
-  // One allocation: this head, then `capacity` keys, then `capacity` values.
+  // One allocation: this header, then `capacity` keys, then `capacity` values.
   struct Block {
     uint32_t count;
     uint32_t capacity;
@@ -150,14 +150,14 @@ class BlockMap {
         __builtin_prefetch(bytes() + at);
       }
     }
-    // The values around a slot of a block of full capacity.
+    // Prefetches the values around `slot` of a block of full capacity.
     void prefetch_values(size_t slot) {
       const char* at = bytes() + values_at(kBlockCapacity) + slot * sizeof(Value) - 2 * kCacheLine;
       for (int i = 0; i < 5; ++i) __builtin_prefetch(at + i * kCacheLine);
     }
 
-    // Index of the first key that is not below `key`; `count` if there is none. Without branches
-    // on the keys, which no predictor could guess.
+    // Index of the first key that is not less than `key`; `count` if there is none. The comparisons
+    // compile to conditional moves because a branch on the keys would be unpredictable.
     uint32_t slot_of(Key key) {
       const Key* first = keys();
       uint32_t length = count;
@@ -189,7 +189,7 @@ class BlockMap {
       std::destroy_at(values() + count);
     }
 
-    // Moves the entries from `slot` on to the end of `other`.
+    // Moves the entries from `slot` onwards to the end of `other`.
     void move_tail(uint32_t slot, Block* other) {
       std::copy(keys() + slot, keys() + count, other->keys() + other->count);
       std::uninitialized_move(values() + slot, values() + count, other->values() + other->count);
@@ -199,13 +199,13 @@ class BlockMap {
     }
   };
 
-  // Separators stand between neighbours: separator i is at or above every key of block (group) i
-  // and below every key of the next.
+  // Separators are between neighbours: separator i is greater than or equal to every key of block
+  // (or group) i and less than every key of the next.
   struct Group {
     std::vector<Key> separators;
     std::vector<Block*> blocks;
   };
-  // Owns its blocks, which are all of the full capacity and are used again when they get empty.
+  // Owns its blocks. All have the full capacity; empty ones are reused.
   struct Directory {
     std::vector<Key> separators;
     std::vector<std::unique_ptr<Group>> groups;
@@ -264,15 +264,16 @@ class BlockMap {
     it.group_ = group;
     return it;
   }
-  // The block in which `key` lies or would be stored; the slot is not set. The map is not empty.
+  // Returns the block that contains `key`, or into which it would be inserted. The slot is not set.
+  // The map must not be empty.
   const_iterator block_of(Key key) const {
     if (!directory_) return position(0, 0, 0);
     const size_t group = index_of(directory_->separators, key);
     return position(group, index_of(directory_->groups[group]->separators, key), 0);
   }
-  // Fetches what the search of a block will touch, all at once instead of one after the other as
-  // the search reaches it: the keys, and the values where they would be if the keys were spread
-  // evenly between the separators, as addresses of functions roughly are.
+  // Prefetches what the search of a block is going to touch: the keys, and the values at the
+  // position expected if the keys are evenly distributed between the separators, as function
+  // addresses roughly are. The loads then overlap.
   void prefetch(const const_iterator& it, Key key) const {
     it.block_->prefetch_keys();
     if (!directory_) return;
@@ -283,7 +284,7 @@ class BlockMap {
     it.block_->prefetch_values((static_cast<uint64_t>(key) - below) /
                                (spread / kBlockCapacity + 1));
   }
-  const_iterator block_behind(const const_iterator& it) const {
+  const_iterator next_block(const const_iterator& it) const {
     if (!directory_) return end();
     const Group& group = *directory_->groups[it.group_];
     if (it.in_group_ + 1 < group.blocks.size()) return position(it.group_, it.in_group_ + 1, 0);
@@ -295,7 +296,7 @@ class BlockMap {
     it.slot_ = it.block_->count - 1;
     return it;
   }
-  // The entry before `it`, which must not be the first. `it` may be the end.
+  // Returns the entry before `it`, which may be end() but not the first entry.
   const_iterator before(const_iterator it) const {
     if (it.block_ != nullptr && it.slot_ > 0) {
       --it.slot_;
@@ -323,7 +324,7 @@ class BlockMap {
   void split_group(size_t group);
   const_iterator split(const_iterator full, Key key);
 
-  Block* single_ = nullptr;  // the only block, as long as there is no directory
+  Block* single_ = nullptr;  // the only block, until a directory is needed
   std::unique_ptr<Directory> directory_;
   size_t size_ = 0;
 };
@@ -342,7 +343,7 @@ bool BlockMap<Key, Value>::insert(Key key, Value value) {
     if (single_ == nullptr) single_ = create_single(2);
     it = position(0, 0, 0);
   } else if (it = last_block(); it.block_->keys()[it.block_->count - 1] < key) {
-    it.slot_ = it.block_->count;  // ascending order: nothing to search
+    it.slot_ = it.block_->count;  // ascending order: no search needed
   } else {
     it = block_of(key);
     it.slot_ = it.block_->slot_of(key);
@@ -379,8 +380,8 @@ void BlockMap<Key, Value>::make_directory() {
   destroy_single(std::exchange(single_, nullptr));
 }
 
-// Makes room in a full block and returns the position at which `key` goes. At the map's end the
-// full block stays whole and a new one begins, so that ascending input leaves no gaps.
+// Splits a full block and returns the position at which to insert `key`. At the end of the map a
+// new block is started instead and the full one stays full, so that ascending input leaves no gaps.
 template <typename Key, typename Value>
 typename BlockMap<Key, Value>::const_iterator BlockMap<Key, Value>::split(const_iterator full,
                                                                           Key key) {
@@ -411,8 +412,8 @@ typename BlockMap<Key, Value>::const_iterator BlockMap<Key, Value>::split(const_
   return it;
 }
 
-// Gives the upper half of a full group's blocks to a new group behind it. The last group of the map
-// keeps all but one, as ascending input will not come back to it.
+// Moves the upper half of a full group's blocks to a new group that follows it. The last group of
+// the map keeps all but one, because ascending input does not insert into it again.
 template <typename Key, typename Value>
 void BlockMap<Key, Value>::split_group(size_t index) {
   Group& left = *directory_->groups[index];
@@ -433,7 +434,7 @@ template <typename Key, typename Value>
 typename BlockMap<Key, Value>::const_iterator BlockMap<Key, Value>::erase(const_iterator it) {
   it.block_->erase_at(it.slot_);
   --size_;
-  if (it.block_->count > 0) return it.slot_ < it.block_->count ? it : block_behind(it);
+  if (it.block_->count > 0) return it.slot_ < it.block_->count ? it : next_block(it);
   if (size_ == 0) {
     clear();
     return end();

@@ -1,11 +1,10 @@
-// CycleDetector: notices when a walk along links of a damaged file goes round in a circle.
+// CycleDetector: detects cycles while following links in a damaged file (Brent's algorithm).
 //
-//   CycleDetector<uint32_t> watch;
-//   while (...) { if (watch.again(place)) break; place = next(place); }
+//   CycleDetector<uint32_t> cycle;
+//   while (...) { if (cycle.visit(node)) break; node = next(node); }
 //
-// Each place is compared with one that was met before; the one to compare with moves on after 1, 2,
-// 4, ... steps, so that it gets into any circle, and the walk ends after a few rounds at most. It
-// takes no memory, and a walk without a circle costs it a comparison a step.
+// Compares each node with a saved one, which is replaced after 1, 2, 4, ... steps. A walk into a
+// cycle ends after a few rounds. Memory is constant, and each step costs one comparison.
 
 #pragma once
 
@@ -13,21 +12,21 @@
 
 namespace symforge_internal {
 
-template <typename Place>
+template <typename Node>
 class CycleDetector {
  public:
-  // Notes a place of the walk. True when it was met before, so that the walk goes in a circle; not
-  // each repetition is noticed, but every circle is.
-  bool again(Place place) {
-    const bool met = steps_ != 0 && place == mark_;
+  // Records the next node of the walk. Returns true when it equals the saved node, which proves a
+  // cycle. Not every repetition is reported, but every cycle is reported eventually.
+  bool visit(Node node) {
+    const bool repeated = steps_ != 0 && node == saved_;
     ++steps_;
-    if ((steps_ & (steps_ - 1)) == 0) mark_ = place;
-    return met;
+    if ((steps_ & (steps_ - 1)) == 0) saved_ = node;
+    return repeated;
   }
 
  private:
   uint64_t steps_ = 0;
-  Place mark_{};
+  Node saved_{};
 };
 
 }  // namespace symforge_internal

@@ -19,7 +19,7 @@ constexpr size_t kBlock = 64 * 1024;
 
 constexpr char kNameCharacters[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
 
-// Fills `to` with characters that other processes do not choose at the same time.
+// Fills `to` with random characters, so that concurrent processes choose different names.
 void fill_random(char* to, size_t size) {
   for (size_t i = 0; i < size; ++i) {
     unsigned char byte;
@@ -33,10 +33,10 @@ void fill_random(char* to, size_t size) {
   }
 }
 
-// Makes a new file whose name is `name` and six characters, which are appended to it.
+// Creates a new file whose name is `name` plus six random characters, which are appended to `name`.
 int create_beside(std::string& name, mode_t mode) {
   constexpr size_t kSuffix = 6;
-  constexpr int kAttempts = 1000;  // names are long enough for one, were it not for old files
+  constexpr int kAttempts = 1000;  // one suffices unless old files are left over
   const size_t length = name.size();
   name.resize(length + kSuffix);
   for (int i = 0; i < kAttempts; ++i) {
@@ -47,8 +47,8 @@ int create_beside(std::string& name, mode_t mode) {
   return -1;
 }
 
-// How much to ask for: what is left of a regular file and one byte, so that the read that meets
-// the end needs no growth; a block of anything else.
+// How many bytes to request from read(): for a regular file what is left plus one, so that the read
+// that meets the end does not grow the buffer; otherwise a fixed block.
 size_t bytes_expected(int fd) {
   struct stat status;
   if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) return kBlock;
@@ -67,16 +67,16 @@ bool FileDescriptor::close() {
 }
 
 bool read_file(int fd, TextBuffer& content, size_t limit) {
-  size_t room = bytes_expected(fd);
+  size_t spare = bytes_expected(fd);
   while (limit > 0) {
-    const size_t wanted = std::min(room, limit);
+    const size_t wanted = std::min(spare, limit);
     const ssize_t got = read(fd, content.prepare(wanted), wanted);
     if (got < 0 && errno == EINTR) continue;
     if (got <= 0) return got == 0;
     content.commit(static_cast<size_t>(got));
     limit -= static_cast<size_t>(got);
-    // What was asked for and did not come still has its room; a file that grew gets a block.
-    room = static_cast<size_t>(got) < room ? room - static_cast<size_t>(got) : kBlock;
+    // Reserved bytes that were not filled are still available; a file that grew gets another block.
+    spare = static_cast<size_t>(got) < spare ? spare - static_cast<size_t>(got) : kBlock;
   }
   return true;
 }

@@ -1,4 +1,4 @@
-// Whole files in and out with few system calls. On failure `errno` says why.
+// Reading and writing whole files with few system calls. On failure `errno` holds the reason.
 
 #pragma once
 
@@ -11,7 +11,7 @@
 
 namespace symforge_internal {
 
-// An open file that is closed at the end of its scope.
+// Owns a file descriptor and closes it on destruction.
 class FileDescriptor {
  public:
   explicit FileDescriptor(int fd) : fd_(fd) {}
@@ -22,39 +22,39 @@ class FileDescriptor {
   bool is_open() const { return fd_ != -1; }
   int get() const { return fd_; }
 
-  // Closes the file before the end of the scope. False when the system reports a delayed failure
-  // to write; true when nothing was open.
+  // Closes the descriptor now. Returns false when close() reports a delayed write error; true when
+  // nothing was open.
   bool close();
 
  private:
   int fd_;
 };
 
-// Appends the file from its position on to `content`: up to its end, or up to `limit` bytes when
-// that is less. The rest of a regular file is taken in one read.
+// Appends the file, from its current position, to `content`: to the end of the file, or at most
+// `limit` bytes. The rest of a regular file is read with one call.
 bool read_file(int fd, TextBuffer& content, size_t limit = SIZE_MAX);
 
-// Writes all of `content`, in one write where the system takes it.
+// Writes all of `content`, with one call where the system accepts it.
 bool write_file(int fd, std::string_view content);
 
 struct ReplaceOptions {
-  mode_t mode = 0600;  // of the new file, less the umask
-  // The content reaches the disk before it gets its name: after a loss of power the old file is
-  // there or the whole new one. Which of them is certain after sync_folder().
+  mode_t mode = 0600;  // of the new file, before the umask
+  // Sync the content to disk before the rename: after a loss of power the path names either the old
+  // file or the complete new one. Only sync_folder() guarantees the new one.
   bool sync = false;
 };
 
-// Puts `content` in the place of the file `target` in one step: it is written to a new file beside
-// the target (its name and six more characters), which is renamed only when it is complete.
-// Null, or which step failed: "failed to mkstemp", "failed to write", "failed to rename". The new
-// file is then removed, and the target is as it was.
+// Replaces the file `target` by `content` atomically. The content is written to a temporary file in
+// the same directory (the target's name and six more characters), which is then renamed. Returns
+// null on success, otherwise the step that failed: "failed to mkstemp", "failed to write", "failed
+// to rename". On failure the temporary file is removed and the target is unchanged.
 const char* replace_file(const std::string& target, std::string_view content,
                          const ReplaceOptions& options);
 
-// Writes the entries of a folder to the disk.
+// Syncs the entries of a directory to disk.
 bool sync_folder(const std::string& path);
 
-// What a symbolic link holds. Empty when there is no such link.
+// The target of a symbolic link; empty when `link` is not one.
 std::string link_target(const std::string& link);
 
 }  // namespace symforge_internal

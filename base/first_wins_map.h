@@ -1,5 +1,5 @@
-// FirstWinsMap: values by a 32-bit key. The first value of a key is kept, and values stay in the
-// order in which they were added.
+// FirstWinsMap: values under 32-bit keys. The first value of a key is kept. Values are stored in
+// insertion order.
 
 #pragma once
 
@@ -14,8 +14,8 @@ namespace symforge_internal {
 template <typename T>
 class FirstWinsMap {
  public:
-  // Adds `value` under a new key; an existing entry is kept, and `value` then not moved from.
-  // Returns the position of the key's entry in values().
+  // Adds `value` under a new key. If the key exists, its value is kept and `value` is not moved
+  // from. Returns the index of the key's value in values().
   uint32_t insert(uint32_t key, T&& value) {
     uint32_t& number = m_index[key];
     if (number == 0) {
@@ -27,14 +27,14 @@ class FirstWinsMap {
 
   bool contains(uint32_t key) const { return m_index.find(key) != 0; }
 
-  // Null when there is no entry. Valid until the next insert.
+  // Null when there is no entry. The pointer is valid until the next insert.
   const T* find(uint32_t key) const {
     const uint32_t number = m_index.find(key);
     return number == 0 ? nullptr : &m_values[number - 1];
   }
   T* find(uint32_t key) { return const_cast<T*>(std::as_const(*this).find(key)); }
 
-  // All values, in the order of their insertion.
+  // All values in insertion order.
   const std::vector<T>& values() const { return m_values; }
   std::vector<T>& values() { return m_values; }
 

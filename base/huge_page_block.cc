@@ -10,7 +10,7 @@ namespace symforge_internal {
 
 namespace {
 
-// Maps one unit more than needed and gives back what lies before and behind the aligned part.
+// Maps one unit more than needed and unmaps what precedes and follows the aligned part.
 char* map_aligned(size_t size) {
   constexpr size_t kUnit = HugePageBlock::kUnit;
   void* mapping =
@@ -34,17 +34,17 @@ HugePageBlock::~HugePageBlock() {
   if (data_ != nullptr) munmap(data_, size_);
 }
 
-// Where there is no room behind the block, its pages move to a place that is aligned again: huge
-// pages can only move as such.
+// When the block cannot grow in target, its pages move to another aligned address: huge pages can
+// only be moved whole.
 void HugePageBlock::enlarge(size_t size) {
   assert(data_ != nullptr && size > size_ && size % kUnit == 0);
   if (mremap(data_, size_, size, 0) == MAP_FAILED) {
-    char* const place = map_aligned(size);
-    if (mremap(data_, size_, size, MREMAP_MAYMOVE | MREMAP_FIXED, place) == MAP_FAILED) {
-      munmap(place, size);
+    char* const target = map_aligned(size);
+    if (mremap(data_, size_, size, MREMAP_MAYMOVE | MREMAP_FIXED, target) == MAP_FAILED) {
+      munmap(target, size);
       throw std::bad_alloc();
     }
-    data_ = place;
+    data_ = target;
   }
   size_ = size;
 }
@@ -54,7 +54,7 @@ void prefer_huge_pages(char* block, size_t size) {
   const auto address = reinterpret_cast<uintptr_t>(block);
   const uintptr_t begin = (address + kUnit - 1) / kUnit * kUnit;
   const uintptr_t end = (address + size) / kUnit * kUnit;
-  // Best effort: without it everything works, only slower.
+  // Best effort: on failure the memory is only slower.
   if (begin < end) madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
 }
 

@@ -1,7 +1,7 @@
-// HugePageBlock: a large block of memory on huge pages where the system offers them.
+// HugePageBlock: a large block of memory, on huge pages where the system provides them.
 //
-// The symbols of a large program are many megabytes that are filled once and searched all over: on
-// pages of 4 KiB filling costs a page fault every 4 KiB, and nearly each access at random also
+// The symbols of a large program take many megabytes, which are filled once and then accessed at
+// random. On pages of 4 KiB, filling costs one page fault per 4 KiB, and nearly every random access
 // misses the TLB.
 
 #pragma once
@@ -13,11 +13,11 @@ namespace symforge_internal {
 
 class HugePageBlock {
  public:
-  // The granularity of blocks, in bytes; what the last block of a user leaves unused is lost.
+  // Sizes and addresses are multiples of this, in bytes.
   static constexpr size_t kUnit = 2 * 1024 * 1024;
 
   HugePageBlock() = default;
-  // Zeroed memory of `size` bytes, a multiple of kUnit, at an address that is one too. Throws
+  // Allocates `size` zeroed bytes, aligned to kUnit. `size` is a multiple of kUnit. Throws
   // std::bad_alloc.
   explicit HugePageBlock(size_t size);
   ~HugePageBlock();
@@ -29,8 +29,9 @@ class HugePageBlock {
     return *this;
   }
 
-  // Makes the block larger, to a multiple of kUnit; what is new is zeroed. The content moves with
-  // its pages, without a copy. Throws std::bad_alloc and leaves the block as it is.
+  // Grows the block to `size` bytes, a multiple of kUnit; the added bytes are zero. Pages are
+  // remapped, not copied, and the address may change. On failure throws std::bad_alloc and leaves
+  // the block unchanged.
   void enlarge(size_t size);
 
   char* data() const { return data_; }
@@ -41,8 +42,8 @@ class HugePageBlock {
   size_t size_ = 0;
 };
 
-// Asks for huge pages under memory that comes from elsewhere, as far as they fit into it. For large
-// blocks that are about to be filled.
+// Advises the kernel to use huge pages for memory allocated elsewhere, where whole ones fit. For
+// large blocks that are about to be filled.
 void prefer_huge_pages(char* block, size_t size);
 
 }  // namespace symforge_internal

@@ -1,12 +1,12 @@
-// The limits of a conversion: the most that an input of n bytes can cost, whatever its contents.
+// The limits of a conversion: the maximal cost of an input of n bytes, whatever it contains.
 //
-// Each limit is a fixed part, so that small files with unusual shapes pass, and a part that grows
-// with the file. A limit counts for the whole file, not for one record of it. Exceeding one throws
-// LimitExceeded: the conversion ends with its message and status 1.
+// Each limit is a fixed part, which lets small files with unusual shapes pass, plus a part
+// proportional to the size of the file. A limit applies to the whole file, not to one of its
+// records. Exceeding one throws LimitExceeded: the conversion ends with its message and status 1.
 //
-// The comments give the largest share of the growing part that a real file uses. Measured: 400
-// kB to 500 MB PDBs of C and C++ programs for 32 and 64 bits with full debug information, made by
-// current linkers, and the small fixtures, all without the fixed parts.
+// The comments give the largest share of the proportional part that a real file uses, without the
+// fixed part. Measured with PDBs of 400 kB to 500 MB of C and C++ programs for 32 and 64 bits with
+// full debug information from current linkers, and with the small fixtures.
 
 #pragma once
 
@@ -16,7 +16,7 @@
 
 namespace symforge_internal {
 
-// An input that costs more than its size justifies. The text is what the user is shown.
+// An input that needs more than its size justifies. The text is shown to the user.
 class LimitExceeded : public std::runtime_error {
  public:
   explicit LimitExceeded(const char* message) : std::runtime_error(message) {}
@@ -31,7 +31,7 @@ struct Limit {
   constexpr uint64_t of(uint64_t bytes) const { return fixed + bytes * times / per; }
 };
 
-// What is left of a limit. One that is made without an amount is unlimited.
+// The rest of a limit. A default-constructed one is unlimited.
 class Allowance {
  public:
   Allowance() = default;
@@ -60,19 +60,19 @@ inline constexpr uint64_t kMiB = 1024 * kKiB;
 
 // Number of streams. Most fields that name a stream have 16 bits.
 inline constexpr uint64_t kStreams = 4 * 65536;
-// Sum of the sizes of all streams. A page belongs to one stream: real files stay below n.
+// Sum of the sizes of all streams. A page belongs to one stream, so real files stay below n.
 inline constexpr Limit kStreamBytes = {kMiB, 5, 4};
-// Number of pages of all streams, besides one a stream: pages smaller than 64 bytes, which no
-// linker writes, make long lists only of small files.
+// Number of pages of all streams, not counting one per stream. Only pages smaller than 64 bytes,
+// which no linker writes, make long lists in small files.
 inline constexpr Limit kStreamPages = {16 * kKiB, 5, 4 * 64};
 
 // ---- Reading streams.
 
-// Bytes of page lists, names and subsections that are visited, counting repeated visits.
+// Bytes of page lists, names and subsections that are visited, including repeated visits.
 inline constexpr Limit kVisitedBytes = {16 * kMiB, 8, 1};
 // Bytes that are copied because their pages are not adjacent.
 inline constexpr Limit kCopiedBytes = {8 * kMiB, 1, 4};
-// Bytes of the modules' symbols. Modules that share a stream count one by one.
+// Bytes of the modules' symbols. A stream shared by several modules counts for each of them.
 inline constexpr Limit kSymbolBytes = {2 * kMiB, 5, 4};
 
 // ---- Tables.
@@ -81,31 +81,31 @@ inline constexpr Limit kSymbolBytes = {2 * kMiB, 5, 4};
 inline constexpr Limit kFunctions = {64 * kKiB, 1, 32};
 // Entries of the file checksums of all modules.
 inline constexpr Limit kFileChecksums = {256 * kKiB, 1, 32};
-// Sections of the image, which symbols name with 16 bits.
+// Sections of the image. Symbols identify them with 16 bits.
 inline constexpr uint64_t kSections = 65535;
 // Code ranges of the inline sites of one function, and the bytes of the names of these sites.
 inline constexpr Limit kInlineRanges = {128 * kKiB, 1, 32};
 inline constexpr Limit kInlineNames = {8 * kMiB, 1, 2};
-// Public symbols with one bucket of a hash table, which spreads real addresses evenly.
+// Public symbols in one bucket of a hash table, which distributes real addresses evenly.
 inline constexpr uint32_t kHashChain = 1000;
 
 // ---- Names of types.
 
-// Types that are visited for the names of all functions and inline sites.
+// Types visited to render the names of all functions and inline sites.
 inline constexpr Limit kTypeVisits = {4 * kMiB, 1, 1};
 // Bytes of all these names.
 inline constexpr Limit kTypeText = {12 * kMiB, 1, 1};
 
 // ---- Results.
 
-// Bytes of the text made of a PDB and its image.
+// Bytes of the text converted from a PDB and its image.
 inline constexpr Limit kText = {12 * kMiB, 4, 1};
-// Bytes of the text made of a SYMB image, whose strings are stored once and printed often; when the
-// text is only a step to another image, it is memory and not output.
+// Bytes of the text converted from a SYMB image. Its strings are stored once and may be printed
+// often. The text may be an intermediate result in memory, too.
 inline constexpr Limit kTextOfSymb = {12 * kMiB, 16, 1};
 inline constexpr Limit kTextBetweenImages = {12 * kMiB, 4, 1};
-// Slots of unwind data that are decoded for each entry of an image's exception directory, besides
-// the fixed number: entries can share infos, and chains of them.
+// Slots of unwind data decoded per entry of an image's exception directory, plus the fixed number:
+// entries may share unwind infos and chains of them.
 inline constexpr uint64_t kUnwindSlots = 4 * kMiB;
 inline constexpr uint64_t kUnwindSlotsPerEntry = 64;
 // Lines of one kind on standard error.

@@ -1,5 +1,5 @@
-// Little-endian integers as they lie in a file: alignment 1, so that a record made of them can be
-// laid onto any byte of a mapping. Reading one compiles to a single move.
+// Little-endian integers with alignment 1, as stored in files: a record of them can overlay any
+// byte of a mapping. Reading one compiles to a single load.
 
 #pragma once
 
@@ -12,7 +12,7 @@ namespace symforge_internal {
 template <typename T>
 class LittleEndian {
  public:
-  operator T() const {  // NOLINT(google-explicit-constructor): stands for the number everywhere
+  operator T() const {  // NOLINT(google-explicit-constructor): used like the integer itself
     static_assert(std::endian::native == std::endian::little);
     T value;
     std::memcpy(&value, bytes_, sizeof(value));

@@ -9,8 +9,8 @@ namespace symforge_internal {
 
 namespace {
 
-// Reserves zeroed bytes for file and guard, then lays the file over their front: what the file does
-// not cover stays zero, wherever its last byte lies in a page of the machine's.
+// Reserves zeroed bytes for file and guard, then maps the file over the start. The rest of the
+// file's last page and the guard stay zero.
 void* mapWithGuard(int fd, size_t length) {
   const size_t reserved = length + MMapWrapper::kGuardBytes;
   void* base =
@@ -35,7 +35,7 @@ bool MMapWrapper::Map(const char* path) {
 
 bool MMapWrapper::Map(int fd) {
   struct stat status;
-  // A mapping of no bytes is refused by the system; so is one of a folder.
+  // mmap() rejects an empty mapping, and a directory.
   if (fstat(fd, &status) != 0 || status.st_size <= 0) return false;
   m_length = static_cast<size_t>(status.st_size);
   m_base = static_cast<const uint8_t*>(mapWithGuard(fd, m_length));

@@ -1,4 +1,4 @@
-// A whole file in memory, mapped and followed by zeros.
+// A read-only memory mapping of a whole file, followed by zeros.
 
 #pragma once
 
@@ -7,10 +7,11 @@
 
 namespace symforge_internal {
 
-// A read-only private mapping of a whole file followed by kGuardBytes zeroed bytes.
+// A private read-only mapping of a file, followed by kGuardBytes zero bytes. Unmapped on
+// destruction.
 class MMapWrapper {
  public:
-  // Bytes after the file's last one that are readable and zero.
+  // Number of readable zero bytes after the end of the file.
   static constexpr size_t kGuardBytes = 64 * 1024;
 
   MMapWrapper() = default;
@@ -18,16 +19,16 @@ class MMapWrapper {
   MMapWrapper(const MMapWrapper&) = delete;
   MMapWrapper& operator=(const MMapWrapper&) = delete;
 
-  // Maps the file. False when it cannot be opened or mapped; an empty file is one such. To be
-  // called once.
+  // Maps the file at `path`. Returns false when it cannot be opened or mapped, or is empty. Call at
+  // most once per object.
   bool Map(const char* path);
-  // The same for an open file, which is not closed.
+  // As above for an open file. The caller keeps ownership of `fd`.
   bool Map(int fd);
   void Unmap();
 
   bool Valid() const { return m_base != nullptr; }
   const uint8_t* base() const { return m_base; }
-  size_t length() const { return m_length; }  // bytes of the file, without the guard
+  size_t length() const { return m_length; }  // size of the file in bytes, without the guard
 
  private:
   size_t m_length = 0;

@@ -1,9 +1,9 @@
-// NumberCursor: reads the fields of a line in its common shape, numbers of plain digits with single
-// blanks between them.
+// NumberCursor: a fast parser for the usual form of a line's fields: unsigned numbers separated by
+// single blanks.
 //
-// Everything that is not of that shape (signs, "0x", runs of blanks, numbers long enough to reach a
-// limit) makes it stop with false, so that the exact parsers decide. The text must end with a byte
-// that is no digit; a NUL does.
+// On any other form (signs, "0x", runs of blanks, numbers long enough to overflow) it returns
+// false, and the caller falls back to the exact parser. The text must end with a byte that is not a
+// digit, such as NUL.
 
 #pragma once
 
@@ -17,7 +17,7 @@ class NumberCursor {
   explicit NumberCursor(const char* at) : at_(at) {}
   const char* at() const { return at_; }
 
-  // A hexadecimal number of at most 15 digits: far from the limits of all types that lines use.
+  // Reads a hexadecimal number of at most 15 digits, which cannot overflow.
   bool hex(uint64_t* value) {
     const char* const begin = at_;
     uint64_t number = 0;
@@ -28,7 +28,7 @@ class NumberCursor {
     return at_ != begin && at_ - begin <= 15;
   }
 
-  // A decimal number of at most 18 digits.
+  // Reads a decimal number of at most 18 digits.
   bool decimal(long* value) {
     const char* const begin = at_;
     uint64_t number = 0;

@@ -6,8 +6,8 @@
 
 namespace symforge_internal {
 
-// The kernel hands 16 random bytes to each process. Multiplication by a random odd number spreads
-// any set of keys well, whatever their pattern.
+// The kernel passes 16 random bytes to each process. Multiplication by a random odd number
+// distributes any set of keys well.
 uint64_t hash_multiplier() {
   uint64_t number = 0x9E3779B97F4A7C15;
   if (const unsigned long bytes = getauxval(AT_RANDOM); bytes != 0) {

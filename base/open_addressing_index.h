@@ -1,8 +1,8 @@
-// OpenAddressingIndex: a hash table from 32-bit keys to positions in a vector of its user's, in one
-// block of memory: 8 bytes a slot, at most two thirds of them in use.
+// OpenAddressingIndex: a hash table from 32-bit keys to positions in a vector of the caller. One
+// allocation, 8 bytes per slot, load factor at most 2/3.
 //
-// Keys come from files, which choose them: the hash function differs from process to process, so
-// that no file can make all of its keys collide.
+// Keys come from untrusted files. The hash function differs between processes, so that no file can
+// make all of its keys collide.
 
 #pragma once
 
@@ -12,18 +12,18 @@
 
 namespace symforge_internal {
 
-// An odd number, the same during the whole process and another one in the next.
+// A random odd number that is constant within a process.
 uint64_t hash_multiplier();
 
 class OpenAddressingIndex {
  public:
-  // The position stored under `key` plus 1; 0 when there is none.
+  // Returns the position stored under `key` plus 1; 0 when there is none.
   uint32_t find(uint32_t key) const {
     return m_slots.empty() ? 0 : m_slots[slotOf(m_slots, key)].place;
   }
 
-  // The number under `key`, 0 in a new entry, to be set to the position plus 1 before the next
-  // call. Valid until then.
+  // Returns the value under `key`: the position plus 1, or 0 in a new entry. The caller must set a
+  // new entry before the next call. The reference is valid until then.
   uint32_t& operator[](uint32_t key) {
     if ((m_used + 1) * 3 > m_slots.size() * 2) grow();
     Slot& slot = m_slots[slotOf(m_slots, key)];
@@ -40,7 +40,7 @@ class OpenAddressingIndex {
     uint32_t place = 0;
   };
 
-  // Where the key stands, or the free slot where it would.
+  // The slot that contains `key`, or the free slot for it.
   size_t slotOf(const std::vector<Slot>& slots, uint32_t key) const {
     const size_t mask = slots.size() - 1;
     size_t at = (key * m_multiplier >> 32) & mask;
@@ -55,7 +55,7 @@ class OpenAddressingIndex {
     m_slots.swap(larger);
   }
 
-  std::vector<Slot> m_slots;  // a power of two of them
+  std::vector<Slot> m_slots;  // size is a power of two
   size_t m_used = 0;
   uint64_t m_multiplier = hash_multiplier();
 };

@@ -1,4 +1,4 @@
-// Names in paths.
+// Parsing of paths.
 
 #pragma once
 
@@ -7,9 +7,9 @@
 namespace symforge_internal {
 
 inline constexpr std::string_view kUnixSeparators = "/";
-inline constexpr std::string_view kAnySeparators = "/\\";  // of paths that Windows may have made
+inline constexpr std::string_view kAnySeparators = "/\\";  // for paths that may come from Windows
 
-// What follows the last separator; the whole path when there is none.
+// The part after the last separator; the whole path when there is none.
 inline std::string_view last_component(std::string_view path,
                                        std::string_view separators = kUnixSeparators) {
   return path.substr(path.find_last_of(separators) + 1);  // npos + 1 is 0

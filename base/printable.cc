@@ -11,7 +11,7 @@ constexpr char kC1Lead = '\xC2';  // first byte of U+0080 to U+00BF
 
 bool is_c0(char c) { return static_cast<unsigned char>(c) < 0x20 || c == kDelete; }
 
-// Whether `c` after kC1Lead completes one of U+0080 to U+009F.
+// Whether `c`, following kC1Lead, completes one of U+0080 to U+009F.
 bool completes_c1(char c) {
   const auto byte = static_cast<unsigned char>(c);
   return byte >= 0x80 && byte <= 0x9F;

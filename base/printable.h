@@ -1,4 +1,4 @@
-// Names from files and command lines in messages.
+// Makes names from files and command lines safe to print in messages.
 
 #pragma once
 
@@ -7,9 +7,9 @@
 
 namespace symforge_internal {
 
-// `text` with each control character written as \xNN, so that a name can neither start a line of
-// its own nor steer the terminal that shows it: bytes below 0x20, 0x7F, and the characters U+0080
-// to U+009F of UTF-8. Everything else is unchanged, backslashes too.
+// Returns `text` with each control character escaped as \xNN, so that a name can neither break a
+// message's line nor send control sequences to a terminal. Escaped are bytes below 0x20, 0x7F, and
+// the UTF-8 encodings of U+0080 to U+009F. Everything else is unchanged, including backslashes.
 std::string printable(std::string_view text);
 
 }  // namespace symforge_internal

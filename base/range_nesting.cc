@@ -33,7 +33,7 @@ void RangeNesting<Address>::sort_and_drop_repeated(const std::vector<Range>& ran
   if (!std::is_sorted(order_.begin(), order_.end(), before)) {
     std::sort(order_.begin(), order_.end(), before);
   }
-  // A repetition has the result of the first: equal to it when that was kept, cutting when not.
+  // A repeated range is rejected like its first occurrence or because that was accepted.
   const auto same = [&ranges](uint32_t a, uint32_t b) {
     return ranges[a].base == ranges[b].base && ranges[a].high == ranges[b].high;
   };
@@ -52,50 +52,50 @@ bool RangeNesting<Address>::some_cross(const std::vector<Range>& ranges) {
   return false;
 }
 
-// Takes the ranges in the order in which they came.
+// Processes the ranges in input order.
 template <typename Address>
 void RangeNesting<Address>::drop_refused(const std::vector<Range>& ranges) {
   bases_.resize(order_.size());
-  places_.assign(ranges.size(), kDropped);
-  for (size_t place = 0; place < order_.size(); ++place) {
-    bases_[place] = ranges[order_[place]].base;
-    places_[order_[place]] = static_cast<uint32_t>(place);
+  ranks_.assign(ranges.size(), kDropped);
+  for (size_t rank = 0; rank < order_.size(); ++rank) {
+    bases_[rank] = ranges[order_[rank]].base;
+    ranks_[order_[rank]] = static_cast<uint32_t>(rank);
   }
   leaves_ = std::bit_ceil(order_.size() + 1);
   ends_.assign(2 * leaves_, 0);
   for (size_t position = 0; position < ranges.size(); ++position) {
-    if (places_[position] == kDropped) continue;
+    if (ranks_[position] == kDropped) continue;
     if (crosses_kept(ranges[position])) {
-      places_[position] = kDropped;
+      ranks_[position] = kDropped;
     } else {
-      keep(places_[position], ranges[position].high);
+      keep(ranks_[position], ranges[position].high);
     }
   }
-  std::erase_if(order_, [this](uint32_t position) { return places_[position] == kDropped; });
+  std::erase_if(order_, [this](uint32_t position) { return ranks_[position] == kDropped; });
 }
 
-// A kept range cuts this one at its end when it begins after this one's base, and at its base when
-// it ends inside. Of the kept ranges around the base, which nest, the last in order is the
-// innermost and ends first.
+// An accepted range crosses the end of this one if it starts after this one's base and ends after
+// this one's end. It crosses the base if it starts before it and ends inside. The accepted ranges
+// around the base nest, so only the innermost, which is last in order, has to be checked for that.
 template <typename Address>
 bool RangeNesting<Address>::crosses_kept(const Range& range) const {
-  const auto place_of = [this](auto found) { return static_cast<size_t>(found - bases_.begin()); };
+  const auto rank_of = [this](auto found) { return static_cast<size_t>(found - bases_.begin()); };
   const auto same = std::lower_bound(bases_.begin(), bases_.end(), range.base);
   const auto above = std::upper_bound(same, bases_.end(), range.base);
   const auto after = std::upper_bound(above, bases_.end(), range.high);
-  if (highest_in(place_of(above), place_of(after)) > range.high) return true;
-  const End around = last_reaching(place_of(same), range.base);
+  if (highest_in(rank_of(above), rank_of(after)) > range.high) return true;
+  const End around = last_reaching(rank_of(same), range.base);
   return around.found && around.high < range.high;
 }
 
 template <typename Address>
-void RangeNesting<Address>::keep(size_t place, Address high) {
-  for (size_t node = leaves_ + place; node != 0 && ends_[node] < high; node /= 2) {
+void RangeNesting<Address>::keep(size_t rank, Address high) {
+  for (size_t node = leaves_ + rank; node != 0 && ends_[node] < high; node /= 2) {
     ends_[node] = high;
   }
 }
 
-// The largest last address among the places from `first` to before `last`.
+// The largest last address among the ranks [first, last).
 template <typename Address>
 Address RangeNesting<Address>::highest_in(size_t first, size_t last) const {
   Address highest = 0;
@@ -106,11 +106,11 @@ Address RangeNesting<Address>::highest_in(size_t first, size_t last) const {
   return highest;
 }
 
-// The last range before `place` that reaches `address`. Ranges before it begin below `address`, so
-// one that ends at 0 never reaches it.
+// The last accepted range before `rank` that reaches `address`. Ranges of lower ranks start below
+// `address`, so one that ends at 0 never reaches it.
 template <typename Address>
-auto RangeNesting<Address>::last_reaching(size_t place, Address address) const -> End {
-  for (size_t node = leaves_ + place; node > 1; node /= 2) {
+auto RangeNesting<Address>::last_reaching(size_t rank, Address address) const -> End {
+  for (size_t node = leaves_ + rank; node > 1; node /= 2) {
     if (node % 2 == 0 || address == 0 || ends_[node - 1] < address) continue;
     size_t inside = node - 1;
     while (inside < leaves_) inside = 2 * inside + (ends_[2 * inside + 1] >= address ? 1 : 0);

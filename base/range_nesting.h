@@ -1,13 +1,12 @@
-// RangeNesting: which of a sequence of address ranges form a tree by containment, and the order in
-// which that tree is walked.
+// RangeNesting: selects from a sequence of address ranges those that form a tree by containment,
+// and returns them in pre-order.
 //
-// The outcome is that of storing the ranges one after the other in a ContainedRangeMap, whose rules
-// are: a range is refused when it equals one that was kept, or cuts one in part. So what is kept
-// nests, whatever the order, and a walk that visits a range before the ranges inside it, and
-// disjoint ones by address, goes by (base ascending, end descending).
+// The result is that of storing the ranges one by one in a ContainedRangeMap: a range is rejected
+// when it equals an accepted one or partially overlaps one. So accepted ranges nest, whatever their
+// input order, and sorting them by (base ascending, end descending) gives the pre-order.
 //
-// Time is n log n for every order and depth of nesting. There is one block of memory for each
-// purpose, used again by the next call, and nothing recurses. At most 2^32 - 1 ranges.
+// Takes O(n log n) time for any order and depth of nesting, without recursion. Buffers are reused
+// by the next call. At most 2^32 - 1 ranges.
 
 #pragma once
 
@@ -21,17 +20,17 @@ namespace symforge_internal {
 template <typename Address>
 class RangeNesting {
  public:
-  // Inclusive: the last address is `high`, not below `base`.
+  // An inclusive range: `high` is its last address and not less than `base`.
   struct Range {
     Address base;
     Address high;
   };
 
-  // Positions of the ranges that are kept, in the order of the walk. Valid until the next call.
+  // Returns the indexes of the accepted ranges in pre-order. Valid until the next call.
   const std::vector<uint32_t>& nest(const std::vector<Range>& ranges);
 
  private:
-  // The last address of a kept range, or none.
+  // The last address of an accepted range, or none.
   struct End {
     Address high;
     bool found;
@@ -41,17 +40,17 @@ class RangeNesting {
   bool some_cross(const std::vector<Range>& ranges);
   void drop_refused(const std::vector<Range>& ranges);
   bool crosses_kept(const Range& range) const;
-  void keep(size_t place, Address high);
+  void keep(size_t rank, Address high);
   Address highest_in(size_t first, size_t last) const;
-  End last_reaching(size_t place, Address address) const;
+  End last_reaching(size_t rank, Address address) const;
 
-  std::vector<uint32_t> order_;   // positions of ranges; a place is an index in this
-  std::vector<Address> open_;     // last addresses of the ranges around the present one
-  std::vector<Address> bases_;    // by place
-  std::vector<uint32_t> places_;  // by position of the range; kDropped if it is not kept
-  // The last addresses of the ranges that were kept so far, as a max segment tree: places are the
-  // leaves, each inner node holds the larger of its two children, the root is node 1. 0: none, or a
-  // range that ends at 0; where the tree is asked, no such range counts.
+  std::vector<uint32_t> order_;  // indexes into the ranges; a rank is an index into this
+  std::vector<Address> open_;    // last addresses of the ranges around the current one
+  std::vector<Address> bases_;   // by rank
+  std::vector<uint32_t> ranks_;  // by index of the range; kDropped if it is rejected
+  // Last addresses of the ranges accepted so far, as a max segment tree. The leaves are in order of
+  // rank, an inner node holds the maximum of its children, the root is node 1. 0 stands for none or
+  // for a range that ends at 0; queries never need the latter.
   std::vector<Address> ends_;
   size_t leaves_ = 0;
 };

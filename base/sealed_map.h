@@ -1,6 +1,5 @@
-// SealedMap: an ordered map that is filled first, then sealed, then read. The first entry of a key
-// is kept. Its memory is the entries themselves; input that is already in order is sealed in one
-// pass.
+// SealedMap: an ordered map that is filled, then sealed, then read. The first entry of a key is
+// kept. It takes no memory besides the entries, and sealing sorted input is a single pass.
 
 #pragma once
 
@@ -11,7 +10,7 @@
 
 namespace symforge_internal {
 
-// KeyOf: a function object that returns the key of an entry; keys have `<` and `==`.
+// KeyOf: function object that returns the key of an entry. Keys have `<` and `==`.
 template <typename Entry, typename KeyOf>
 class SealedMap {
  public:
@@ -20,7 +19,7 @@ class SealedMap {
   void reserve(size_t entries) { m_entries.reserve(entries); }
   void add(Entry entry) { m_entries.push_back(std::move(entry)); }
 
-  // Sorts the entries by key and drops all but the first of each key.
+  // Sorts the entries by key and keeps the first of each key.
   void seal() {
     const auto before = [](const Entry& a, const Entry& b) { return KeyOf()(a) < KeyOf()(b); };
     const auto same = [](const Entry& a, const Entry& b) { return KeyOf()(a) == KeyOf()(b); };
@@ -29,10 +28,10 @@ class SealedMap {
     }
     m_entries.erase(std::unique(m_entries.begin(), m_entries.end(), same), m_entries.end());
   }
-  // Gives back memory that was reserved and is not used.
+  // Frees reserved memory that is not used.
   void shrink_to_fit() { m_entries.shrink_to_fit(); }
 
-  // The entry with exactly this key, or null. To be called on a sealed map.
+  // Returns the entry with exactly this key, or null. The map must be sealed.
   template <typename Key>
   const Entry* find(const Key& key) const {
     const auto found = std::lower_bound(
@@ -41,7 +40,7 @@ class SealedMap {
     return found != m_entries.end() && KeyOf()(*found) == key ? &*found : nullptr;
   }
 
-  // In the order of the keys.
+  // Entries in ascending order of keys.
   const_iterator begin() const { return m_entries.begin(); }
   const_iterator end() const { return m_entries.end(); }
 

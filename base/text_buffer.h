@@ -1,15 +1,15 @@
-// TextBuffer: the growing character buffer in which a symbol file's text is made.
+// TextBuffer: the growing character buffer in which the text of a symbol file is built.
 //
-// One conversion fills one buffer; the text is handed on as a view and is never copied. A large
-// text lies on pages that move instead of being copied when it grows, so that the peak of memory is
-// the text itself.
+// A conversion fills one buffer. The text is passed on as a view and never copied. A large text is
+// stored on huge pages, which are remapped instead of copied when it grows, so peak memory is the
+// size of the text.
 //
-// Writers of lines reserve once for a whole line and then append without growing:
+// Code that writes lines reserves once per line and then appends without growing:
 //
 //   LineWriter line(text, name.size() + 40);
 //   line.str("FUNC ").hex(segment).chr(':').hex(offset).chr(' ').str(name).chr('\n');
 //
-// (the LineWriter commits what was written when it is destroyed).
+// The LineWriter commits the bytes written when it is destroyed.
 
 #pragma once
 
@@ -35,8 +35,8 @@ class TextBuffer {
   TextBuffer(const TextBuffer&) = delete;
   TextBuffer& operator=(const TextBuffer&) = delete;
 
-  // The text so far. The byte behind it is NUL whenever the text was reached through c_str();
-  // view() alone does not place it.
+  // The text so far, valid until the next append. It is NUL-terminated only after a call of c_str()
+  // or data().
   std::string_view view() const { return {data_, size_}; }
   size_t size() const { return size_; }
   bool empty() const { return size_ == 0; }
@@ -44,8 +44,8 @@ class TextBuffer {
   // The text as a NUL-terminated string. Valid until the next append.
   const char* c_str();
 
-  // The text as a writable, NUL-terminated block of size() bytes and the terminator; valid until
-  // the next append. For parsers that split their input in place.
+  // The text as a writable block of size() bytes, followed by a NUL. Valid until the next append.
+  // For parsers that split their input in place.
   char* data();
 
   void append(std::string_view text) {
@@ -54,7 +54,7 @@ class TextBuffer {
     size_ += text.size();
   }
 
-  // Inserts at `at`, which must not be beyond the end; what follows is moved once.
+  // Inserts `text` at position `at`, at most size(). The rest of the text is moved once.
   void insert(size_t at, std::string_view text) {
     assert(at <= size_);
     prepare(text.size());
@@ -64,29 +64,28 @@ class TextBuffer {
     size_ += text.size();
   }
 
-  // Cuts the text back to `size` bytes, which must not be more than there are.
+  // Truncates the text to `size` bytes, at most size().
   void truncate(size_t size) {
     assert(size <= size_);
     size_ = size;
   }
 
-  // Bounds the text: from then on growing beyond `bytes`, and at most one huge page more, throws
-  // LimitExceeded.
-  // `bytes` is not less than size().
+  // Limits the text: growing it beyond `bytes`, plus at most one huge page, throws LimitExceeded.
+  // `bytes` is at least size().
   void set_limit(size_t bytes) {
     assert(bytes >= size_);
     limit_ = bytes;
   }
 
-  // Room for `bytes` more, without making them part of the text. The pointer is valid until the
-  // next call that grows the buffer. Throws std::bad_alloc, and LimitExceeded when the text would
-  // outgrow its limit.
+  // Reserves `bytes` writable bytes after the text, without adding them to it. The pointer is valid
+  // until the next call that may grow the buffer. Throws std::bad_alloc, or LimitExceeded if the
+  // text would exceed its limit.
   char* prepare(size_t bytes) {
     if (capacity_ - size_ < bytes) grow(bytes);
     return data_ + size_;
   }
 
-  // Makes the first `bytes` bytes behind the text, written through prepare(), part of it.
+  // Adds the first `bytes` bytes written through prepare() to the text.
   void commit(size_t bytes) {
     assert(bytes <= capacity_ - size_);
     size_ += bytes;
@@ -103,7 +102,7 @@ class TextBuffer {
   HugePageBlock pages_;
 };
 
-// Bounds a text while it lives to `bytes` more than it has.
+// Limits the growth of a text to `bytes` while the object exists.
 class TextLimit {
  public:
   TextLimit(TextBuffer& text, size_t bytes) : text_(text) {
@@ -117,12 +116,12 @@ class TextLimit {
   TextBuffer& text_;
 };
 
-// Writes a number in lower-case hexadecimal without padding and returns the end of it. Eight bytes
-// are written whatever the number; those behind the end are zeros, to be written over.
+// Writes a number in lower-case hexadecimal without padding and returns the end of it. Always
+// writes eight bytes; those after the end are zeros to be overwritten.
 //
-// All digits are made at once: the nibbles are spread over the bytes of a word, each in a byte's
-// low half, and those above 9 moved on to the letters. Addresses are half of what a symbol file is
-// made of; this takes a third of the time of std::to_chars.
+// All digits are computed at once: the nibbles are spread over the bytes of a word, and those above
+// 9 are adjusted to letters. Addresses are about half of a symbol file; this takes a third of the
+// time of std::to_chars.
 inline char* put_hex(char* at, uint32_t number) {
   uint64_t word = number;
   word = (word | word << 16) & 0x0000FFFF0000FFFF;
@@ -136,12 +135,12 @@ inline char* put_hex(char* at, uint32_t number) {
   return at + digits;
 }
 
-// Writes a number in decimal and returns the end of it; at most 10 bytes. Faster than std::to_chars
-// for the numbers of source lines.
+// Writes a number in decimal, at most 10 bytes, and returns the end of it. Faster than
+// std::to_chars for line numbers.
 inline char* put_dec(char* at, uint32_t number) {
   constexpr uint32_t kLimit = 10000;
   if (number >= kLimit) return std::to_chars(at, at + 10, number).ptr;
-  // All four digits at once, then those that lead without need are shifted out.
+  // Computes all four digits at once, then shifts out leading zeros.
   const uint32_t high = number / 100;
   const uint32_t low = number - high * 100;
   const uint32_t tens = high * 103 >> 10;  // high / 10
@@ -153,7 +152,7 @@ inline char* put_dec(char* at, uint32_t number) {
   return at + 4 - zeros;
 }
 
-// Whether some of the 16 bytes at `text` is at or below the carriage return; no printable one is.
+// Whether one of the 16 bytes at `text` is at most a carriage return. No printable character is.
 inline bool may_end_line(const char* text) {
   const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text));
   const __m128i low = _mm_cmpeq_epi8(_mm_min_epu8(bytes, _mm_set1_epi8('\r')), bytes);
@@ -163,13 +162,13 @@ inline bool may_end_line(const char* text) {
 // Replaces each carriage return, line feed and NUL by a blank.
 void blank_line_ends(char* text, size_t size);
 
-// Writes one line, or one short record, into a TextBuffer. `room` is an upper bound of the bytes
-// that will be written: a number takes at most 20, so callers count 20 a number and the length of
-// each text. Every write asserts that it stays inside, so a wrong bound shows in the first test.
+// Appends one line, or one short record, to a TextBuffer. `max_bytes` is an upper bound of the
+// bytes to be written: 20 per number plus the length of each string. Each write asserts that it
+// stays within the bound.
 class LineWriter {
  public:
-  LineWriter(TextBuffer& text, size_t room)
-      : text_(text), begin_(text.prepare(room)), at_(begin_), end_(begin_ + room) {}
+  LineWriter(TextBuffer& text, size_t max_bytes)
+      : text_(text), begin_(text.prepare(max_bytes)), at_(begin_), end_(begin_ + max_bytes) {}
   ~LineWriter() { text_.commit(static_cast<size_t>(at_ - begin_)); }
   LineWriter(const LineWriter&) = delete;
   LineWriter& operator=(const LineWriter&) = delete;
@@ -185,7 +184,8 @@ class LineWriter {
     at_ += text.size();
     return *this;
   }
-  // A name from a file, and what is to follow it: what could end the line is written as a blank.
+  // Writes a name from a file and `more` after it, with blanks in place of characters that end a
+  // line.
   LineWriter& name(std::string_view text, std::string_view more = {}) {
     char* const begin = at_;
     str(text).str(more);
@@ -212,7 +212,7 @@ class LineWriter {
     if (number < 0) return number_in_base(number, 10);
     return dec(static_cast<uint64_t>(number));
   }
-  // Numbers with one blank between them.
+  // Numbers separated by single blanks.
   template <typename... Numbers>
   LineWriter& hex_fields(uint64_t first, Numbers... rest) {
     hex(first);

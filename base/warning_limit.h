@@ -1,4 +1,4 @@
-// WarningLimit: keeps a damaged file from flooding standard error with one kind of warning.
+// WarningLimit: prevents a damaged file from flooding standard error with one kind of warning.
 
 #pragma once
 
@@ -6,11 +6,11 @@
 
 namespace symforge_internal {
 
-// The warnings of one kind of one conversion.
+// Counts the warnings of one kind in one conversion.
 class WarningLimit {
  public:
-  // Writes `line`, which ends in a line feed, to standard error. After limits::kWarnings lines, one
-  // line announces that further ones are omitted.
+  // Writes `line`, which ends with a line feed, to standard error. After limits::kWarnings lines,
+  // prints once that further ones are omitted, and omits them.
   void put(const char* line);
 
  private:

@@ -1,6 +1,6 @@
-// The conversions inside one process, without start-up and without writing files: opening a PDB,
-// PDB to text, text to SYMB, SYMB to text. The argument is the size of the PDB in MB; bytes per
-// second count the conversion's input. For whole processes see process_bench.cc.
+// Benchmarks of conversions inside one process, without start-up and without writing files: opening
+// a PDB, PDB to text, text to SYMB, SYMB to text. The argument is the size of the PDB in MB. Bytes
+// per second refer to the input of the conversion. For whole processes see process_bench.cc.
 
 #include <benchmark/benchmark.h>
 #include <stdlib.h>
@@ -22,7 +22,7 @@ using symforge_internal::TextBuffer;
 
 namespace {
 
-// A generated PDB in a folder of its own, and what it is converted to; made when first asked for.
+// A generated PDB in a temporary directory, and its conversions, each made on first use.
 class Input {
  public:
   explicit Input(int64_t megabytes) {
@@ -121,7 +121,7 @@ void SymbToText(benchmark::State& state) {
   const std::unique_ptr<char[]> block(new char[symb.size()]);
   for ([[maybe_unused]] auto _ : state) {
     state.PauseTiming();
-    std::copy(symb.begin(), symb.end(), block.get());  // reading uses a block up
+    std::copy(symb.begin(), symb.end(), block.get());  // a warm private copy of the image
     state.ResumeTiming();
     TextBuffer text;
     benchmark::DoNotOptimize(symb_read(block.get(), symb.size(), text));

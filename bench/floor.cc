@@ -1,5 +1,5 @@
-// floor BYTES INPUT...: reads the inputs and writes BYTES bytes to standard output, in large
-// pieces. What any converter has to do at the least; the times of scripts/bench are ratios to this.
+// floor BYTES INPUT...: reads the inputs and writes BYTES bytes to standard output in large blocks.
+// Any converter has to do at least that; scripts/bench reports times relative to it.
 
 #include <fcntl.h>
 #include <unistd.h>

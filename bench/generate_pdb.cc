@@ -1,5 +1,4 @@
-// generate_pdb MEGABYTES PATH: writes PATH.pdb of about that size and PATH.exe, which belongs to
-// it.
+// generate_pdb MEGABYTES PATH: writes PATH.pdb of about that size and the matching image PATH.exe.
 
 #include <cstdio>
 #include <cstdlib>

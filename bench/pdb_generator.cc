@@ -22,7 +22,7 @@ using builders::UnwindInfo;
 
 namespace {
 
-constexpr uint64_t kBytesPerModule = 48000;  // of the PDB, everything that a module brings counted
+constexpr uint64_t kBytesPerModule = 48000;  // bytes of a PDB per module, everything included
 constexpr uint32_t kFunctionsPerModule = 24;
 constexpr uint32_t kClassesPerModule = 16;
 constexpr uint32_t kFunctionTypesPerModule = 70;
@@ -41,7 +41,8 @@ constexpr std::array<std::string_view, 16> kVerbs = {
     "Serialize",  "PostTask",       "Resolve", "ShrinkToFit", "DoCall",     "Validate",
     "emplace",    "UpdateLayout",   "Acquire", "~scoped"};
 
-// A generator of its own, so that every machine makes the same file.
+// Random numbers that are the same with every standard library, so that every machine generates the
+// same file.
 class Random {
  public:
   uint32_t below(uint32_t limit) { return static_cast<uint32_t>(next() % limit); }
@@ -71,10 +72,10 @@ class Generator {
   GeneratedPdb generate();
 
  private:
-  // What one module's functions share.
+  // State shared by the functions of one module.
   struct ModuleState {
     ModuleBuilder& builder;
-    std::vector<uint32_t> files;  // references of the module's files, its own first
+    std::vector<uint32_t> files;  // references to the module's files, its own first
     std::vector<Inlinee> inlinees;
   };
 
@@ -102,9 +103,9 @@ class Generator {
   uint32_t modules_;
   Random random_;
   PdbBuilder pdb_{kPageSize};
-  uint32_t code_ = 0;  // end of the code so far, as an offset in the text section
+  uint32_t code_ = 0;  // end of the code so far, an offset in the text section
   std::vector<uint32_t> shared_files_;
-  std::vector<uint32_t> value_types_;     // what parameters may have
+  std::vector<uint32_t> value_types_;     // types for parameters
   std::vector<uint32_t> function_types_;  // procedures and member functions
   std::vector<uint32_t> inlinable_;       // ids with a name
   std::vector<uint32_t> module_files_;    // number of files, by module
@@ -131,7 +132,7 @@ std::string Generator::method_name() {
   return class_name().append("::").append(random_.pick(kVerbs));
 }
 
-// Code uses the types that its module brought, and the few that everybody uses, which come early.
+// Code uses the types that its module added, and the few common ones, which have low indexes.
 uint32_t Generator::pick_type(const std::vector<uint32_t>& types) {
   const auto count = static_cast<uint32_t>(types.size());
   if (!random_.one_in(3)) return types[count - 1 - random_.below(std::min(count, 100u))];
@@ -160,7 +161,7 @@ void Generator::add_files(ModuleState& module, uint32_t number) {
   module_files_.push_back(static_cast<uint32_t>(module.files.size()));
 }
 
-// A class with its field list, and the types that are derived from it.
+// Adds a class with its field list and the types derived from it.
 uint32_t Generator::add_class() {
   std::string fields;
   for (uint32_t i = random_.between(10, 40); i > 0; --i) {
@@ -201,8 +202,8 @@ void Generator::add_types() {
   }
 }
 
-// Ids of the functions that this module is the first to inline, and their inlinee table. One in
-// four is a member function's id, whose name readers do not take from the record.
+// Adds the ids of functions that this module is the first to inline, and their inlinee table. One
+// in four is the id of a member function, for which readers render no name.
 void Generator::add_ids(ModuleState& module) {
   for (uint32_t i = 0; i < 8; ++i) {
     const uint32_t type =
@@ -214,10 +215,10 @@ void Generator::add_ids(ModuleState& module) {
     } else {
       inlinable_.push_back(pdb_.ids.function_id(method_name(), type));
     }
-    // The place of a class's definition: current linkers leave it without padding.
-    Bytes place;
-    place.u32(type).u32(type).u32(random_.below(3000)).u16(1);
-    pdb_.ids.add(0x1607, place.str(), TypePadding::kNone);
+    // The source position of a class definition: current linkers write it without padding.
+    Bytes definition;
+    definition.u32(type).u32(type).u32(random_.below(3000)).u16(1);
+    pdb_.ids.add(0x1607, definition.str(), TypePadding::kNone);
   }
   for (uint32_t i = 0; i < 24; ++i) {
     const size_t recent = std::min<size_t>(inlinable_.size(), 500);
@@ -227,20 +228,20 @@ void Generator::add_ids(ModuleState& module) {
   }
 }
 
-// Locals and calls: of no interest to a converter, but the larger part of a module's symbols.
+// Adds locals and calls. Converters skip them, but they are most of a module's symbols.
 void Generator::add_locals(ModuleBuilder& builder) {
   for (uint32_t i = random_.between(6, 24); i > 0; --i) {
-    // A local (type, flags, name) and where it lives (register, range, gap).
+    // A local (type, flags, name) and its location (register, range, gap).
     builder.symbol(0x113E, Bytes().u32(0x74).u16(0).text(random_.pick(kNouns)).zstr("_").str());
     builder.symbol(0x1141, Bytes().u16(335).u16(0).u32(code_).u16(1).u16(20).u16(4).u16(2).str());
     if (random_.one_in(3)) {
-      // A call: offset, section, padding, type of the function.
+      // A call site: offset, section, padding, type of the function.
       builder.symbol(0x1139, Bytes().u32(code_ + i).u16(1).u16(0).u32(0x1000).str());
     }
   }
 }
 
-// Sites that follow each other inside [begin, end), each with sites of its own inside it.
+// Adds consecutive sites inside [begin, end), each with nested sites.
 void Generator::add_inline_sites(ModuleState& module, uint32_t begin, uint32_t end,
                                  uint32_t depth) {
   uint32_t at = begin + random_.between(2, 12);
@@ -287,8 +288,8 @@ void Generator::add_unwind(uint32_t length) {
   unwind_.text(info.bytes()).align(4);
 }
 
-// A reference to the procedure (sum of the name, place, module, name), and a public symbol when it
-// is visible outside of its module.
+// Adds a reference to the procedure (sum of the name, offset, module, name), and a public symbol if
+// it has external linkage.
 void Generator::add_to_symbol_records(uint32_t number, const std::string& name, bool local) {
   Bytes reference;
   reference.u16(0x1125).u32(0).u32(4).u16(1).zstr(name);
@@ -298,7 +299,7 @@ void Generator::add_to_symbol_records(uint32_t number, const std::string& name, 
   pdb_.public_function("?" + name + "@@QEAAHPEAX" + number_text(number) + "@Z", 1, code_);
 }
 
-// What the linker placed for the function: section, offset, size, characteristics, module, sums.
+// Adds a section contribution: section, offset, size, characteristics, module, sums.
 void Generator::add_contribution(uint32_t length) {
   if (contributions_.empty()) contributions_.u32(0xF12EBA2D);
   contributions_.u16(1).u16(0).u32(code_).u32(length).u32(0x60500020).u16(0).u16(0).u32(0).u32(0);
@@ -336,8 +337,8 @@ void Generator::add_module(uint32_t number) {
   module.builder.tail(Bytes().u32(0).str());  // no references to globals
 }
 
-// The list of source files by module, for other readers of PDBs: counts of modules and files; per
-// module its first file and number of files; an offset of a name per file; names.
+// The source files by module, which some readers of PDBs use: counts of modules and files; per
+// module its first file and number of files; per file the offset of its name; names.
 std::string Generator::file_info() const {
   Bytes bytes;
   uint32_t files = 0;
@@ -349,7 +350,7 @@ std::string Generator::file_info() const {
   return std::move(bytes.zstr("generated.cc").align(4)).str();
 }
 
-// Behind the text section, which has no bytes in the file: unwind info and function entries.
+// Unwind info and function entries follow the text section, which has no bytes in the file.
 std::string Generator::image() const {
   const uint32_t unwind_rva = (kTextRva + code_ + 0xFFFF) & ~0xFFFFu;
   const auto unwind_size = static_cast<uint32_t>(unwind_.size());

@@ -1,11 +1,11 @@
-// Generated inputs for benchmarks: a PDB of any size, and an image that belongs to it, with the mix
-// of records that PDBs of optimised C++ code have. The same arguments give the same bytes.
+// Generates inputs for benchmarks: a PDB of any size and its image, with the mix of records of PDBs
+// of optimised C++ code. Equal arguments yield equal bytes.
 //
-// What is in them, by bytes of the PDB: over half module streams (procedures with locals, nested
-// inline sites, lines, file checksums, inlinee tables), a third types and ids, the rest symbol
-// records, names and module records. A MB holds about 500 functions, 8000 lines and 1300 inline
-// sites, which is on the dense side: the text that it is converted to is nearly half its size. One
-// module stream in eight is not in one piece. The image has a function entry for each procedure.
+// By bytes of the PDB, over half are module streams (procedures with locals, nested inline sites,
+// lines, file checksums, inlinee tables), a third types and ids, the rest symbol records, names and
+// module records. One MB has about 500 functions, 8000 lines and 1300 inline sites, which is denser
+// than usual: the text is nearly half the size of the PDB. One module stream in eight is not
+// contiguous. The image has a function entry for each procedure.
 
 #pragma once
 

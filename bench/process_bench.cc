@@ -1,7 +1,7 @@
-// process_bench SYMFORGE HELPERS WORK RUNS LARGEST [PDB [PE]]: whole-process figures of every
-// conversion of the command line, printed as markdown tables. HELPERS is the folder of generate_pdb
-// and floor, WORK a folder for inputs and outputs; LARGEST leaves out generated PDBs of more MB.
-// See scripts/bench, which calls it.
+// process_bench SYMFORGE HELPERS WORK RUNS LARGEST [PDB [PE]]: whole-process measurements of every
+// conversion of the command line, printed as markdown tables. HELPERS is the directory of
+// generate_pdb and floor, WORK a directory for inputs and outputs. Generated PDBs of more than
+// LARGEST MB are skipped. Called by scripts/bench.
 
 #include <unistd.h>
 
@@ -19,34 +19,34 @@ namespace {
 constexpr double kMegabyte = 1e6;
 constexpr double kMebibyte = 1024.0 * 1024.0;
 
-// A PDB to convert; no image when `image` is empty.
+// A PDB to convert. `image` is empty if there is none.
 struct Input {
   std::string name;
   std::string pdb;
   std::string image;
-  bool judged = true;  // whether the targets are meant for an input of this size
+  bool has_targets = true;  // whether the targets apply to an input of this size
   bool in_growth = false;
 };
 
-// The time of a conversion, and the least that it can be.
+// The time of a conversion, and its lower bound.
 struct Time {
   std::string input;
   std::string conversion;
   Usage floor;
   Usage usage;
-  double bound;  // at most this many times the floor
-  bool judged;
+  double bound;  // target: at most this multiple of the floor
+  bool has_targets;
 };
 
 struct Memory {
   std::string input;
   std::string conversion;
-  double allowed;  // bytes; 0 when there is no bound
+  double allowed;  // target in bytes; 0 if there is none
   double peak;
-  bool judged;
+  bool has_targets;
 };
 
-// One conversion of one input, for the growth from size to size.
+// The time of one conversion of one input, to compare growth between sizes.
 struct Timing {
   std::string conversion;
   uint64_t bytes;
@@ -89,13 +89,13 @@ Command Bench::floor(uint64_t bytes, const std::vector<std::string>& inputs) con
 
 void Bench::time_row(const Input& input, const char* conversion, const Usage& floor,
                      const Usage& usage, double bound) {
-  times_.push_back({input.name, conversion, floor, usage, bound, input.judged});
+  times_.push_back({input.name, conversion, floor, usage, bound, input.has_targets});
 }
 
 void Bench::memory_row(const Input& input, const char* conversion, double allowed,
                        const Usage& usage) {
   memory_.push_back(
-      {input.name, conversion, allowed, static_cast<double>(usage.peak_bytes), input.judged});
+      {input.name, conversion, allowed, static_cast<double>(usage.peak_bytes), input.has_targets});
 }
 
 void Bench::measure(const Input& input) {
@@ -111,7 +111,7 @@ void Bench::measure(const Input& input) {
   std::vector<std::string> pdb_to_symb = pdb_words;
   pdb_to_symb.insert(pdb_to_symb.begin() + 1, "-b");
 
-  // Both outputs are inputs of the conversions back; the first runs also warm the page cache.
+  // The outputs are inputs of the reverse conversions. These runs also warm the page cache.
   run_once({pdb_words, text});
   run_once({{tools_.symforge, "-b", text}, symb});
   sync();
@@ -151,8 +151,8 @@ void Bench::measure(const Input& input) {
   sizes_.emplace_back(sizes);
 }
 
-const char* verdict(bool judged, bool holds) {
-  if (!judged) return "";
+const char* verdict(bool has_targets, bool holds) {
+  if (!has_targets) return "";
   return holds ? "holds" : "**missed**";
 }
 
@@ -163,7 +163,7 @@ void print_times(const std::vector<Time>& times) {
     const double ratio = time.usage.seconds / time.floor.seconds;
     std::printf("| %s | %s | %.1f | %.1f | %.2f | %.0f | %s | %.2f |\n", time.input.c_str(),
                 time.conversion.c_str(), time.floor.seconds * 1e3, time.usage.seconds * 1e3, ratio,
-                time.bound, verdict(time.judged, ratio <= time.bound),
+                time.bound, verdict(time.has_targets, ratio <= time.bound),
                 time.usage.cpu_seconds / time.floor.cpu_seconds);
   }
 }
@@ -175,15 +175,15 @@ void print_memory(const std::vector<Memory>& rows) {
                 row.peak / kMebibyte);
     if (row.allowed > 0) {
       std::printf(" %.1f | %s |\n", row.allowed / kMebibyte,
-                  verdict(row.judged, row.peak <= row.allowed));
+                  verdict(row.has_targets, row.peak <= row.allowed));
     } else {
       std::printf(" | |\n");
     }
   }
 }
 
-// Time per byte at the larger of two sizes in times of that at the smaller. The rows of the two
-// inputs stand in the same order.
+// Prints the time per byte at the larger of two sizes relative to the smaller one. Both inputs have
+// their rows in the same order.
 void print_growth(const std::vector<Timing>& timings) {
   std::printf("\n| conversion | growth of input | growth of time | over linear | at most | |\n");
   std::printf("|---|---|---|---|---|---|\n");
@@ -209,7 +209,7 @@ void Bench::print() const {
   if (growth_.size() >= 8) print_growth(growth_);
 }
 
-// Generated in a process of its own, as this one has to stay small.
+// Generated in a separate process because this one has to stay small.
 Input generated(const Tools& tools, int megabytes) {
   const std::string size = std::to_string(megabytes);
   const std::string path = tools.work + "/generated" + size;

@@ -64,7 +64,7 @@ std::vector<Usage> run_interleaved(const std::vector<Command>& commands, int run
   for (int run = 0; run < runs; ++run) {
     for (size_t i = 0; i < commands.size(); ++i) {
       const Usage usage = run_once(commands[i]);
-      // A file that is gone is not written back to the disk while the next command runs.
+      // A deleted file is not written back to disk while the next command runs.
       unlink(commands[i].output.c_str());
       seconds[i].push_back(usage.seconds);
       cpu_seconds[i].push_back(usage.cpu_seconds);

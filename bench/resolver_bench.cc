@@ -1,7 +1,7 @@
-// The resolver: loading a text symbol file, and lookups in it on one core. The argument is the
-// number of functions. Generated functions have 8 line records on average, every fourth has inline
-// sites, all have a signature for a name and STACK CFI lines, as in the symbol file of a large
-// 64-bit C++ program.
+// Benchmarks of the resolver on one core: loading a text symbol file, and lookups. The argument is
+// the number of functions. As in the symbol file of a large 64-bit C++ program, generated functions
+// have 8 line records on average, a quarter have inline sites, and all have a signature as name and
+// STACK CFI lines.
 
 #include <benchmark/benchmark.h>
 #include <malloc.h>
@@ -79,7 +79,7 @@ const Text& text_of(int64_t functions) {
   return texts.try_emplace(functions, functions).first->second.result();
 }
 
-// Memory of this process that is in use, in bytes.
+// Allocated memory of this process in bytes.
 size_t resident_bytes() {
   malloc_trim(0);
   long pages = 0;
@@ -117,7 +117,7 @@ void BM_TextLoad(benchmark::State& state) {
 }
 BENCHMARK(BM_TextLoad)->Arg(1000)->Arg(100000)->Arg(1000000)->Unit(benchmark::kMillisecond);
 
-// Random addresses over all functions, about half of them in code with a line record.
+// Random addresses in all functions, about half of them in code with a line record.
 template <typename Ask>
 void look_up(benchmark::State& state, Ask ask) {
   std::string buffer = text_of(state.range(0)).text;
@@ -152,7 +152,7 @@ void BM_FindCFIFrameInfo(benchmark::State& state) {
 }
 BENCHMARK(BM_FindCFIFrameInfo)->Arg(100000);
 
-// A load whose functions and lines come in falling order: the containers' slow side.
+// Loads functions and lines in descending order, the slow case of the containers.
 void BM_TextLoadReversed(benchmark::State& state) {
   std::string text;
   char line[160];

@@ -1,6 +1,6 @@
-// SYMB: text to image, image to text, validation, lookups. Each conversion also shows `x_floor`,
-// its processor time as a multiple of the least that it could take: copying the bytes that it reads
-// and writes, measured in the same run. Sizes are numbers of functions.
+// Benchmarks of SYMB: text to image, image to text, validation, lookups. Each conversion reports
+// `x_floor`: its processor time divided by that of copying the bytes that it reads and writes,
+// measured in the same run. Arguments are numbers of functions.
 
 #include <benchmark/benchmark.h>
 #include <time.h>
@@ -33,7 +33,7 @@ SymbolTextShape shape_of(int64_t functions, int64_t inline_depth) {
   return shape;
 }
 
-// A block as symb_write() gives it.
+// A block as returned by symb_write().
 struct Image {
   std::unique_ptr<char[]> block;
   size_t size = 0;
@@ -48,7 +48,7 @@ Image image_of(const std::string& text) {
   return {std::unique_ptr<char[]>(block), size};
 }
 
-// Inputs are kept between runs of a benchmark: making a large one takes seconds.
+// Cached between runs of a benchmark, because generating a large input takes seconds.
 const std::string& text_for(const benchmark::State& state) {
   static std::map<std::pair<int64_t, int64_t>, std::string> texts;
   std::string& text = texts[{state.range(0), state.range(1)}];
@@ -62,7 +62,7 @@ const Image& image_for(const benchmark::State& state) {
   return image;
 }
 
-// Processor time: what else runs on the machine counts as little as possible.
+// Processor time, which depends less on other processes than wall time.
 double cpu_seconds() {
   timespec now;
   clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
@@ -161,7 +161,7 @@ void open(benchmark::State& state) {
   std::clog.clear();
 }
 
-// One frame object for all lookups, as a stack walker would use it.
+// All lookups reuse one frame object, as a stack walker would.
 void lookup(benchmark::State& state) {
   const Image& image = image_for(state);
   const Code code;

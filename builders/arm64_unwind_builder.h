@@ -1,8 +1,8 @@
 // ARM64 unwind data of a PE image: the words of .pdata and the records of .xdata.
 //
-//   const uint32_t rva = pe.raw_unwind_info(Arm64Xdata{.length = 0x20, .codes =
-//   "\xe1\x81\xe4"}.bytes()); pe.arm64_entry(0x1000, rva); pe.arm64_entry(0x2000,
-//   arm64_packed({.length = 0x40, .reg_i = 2, .frame = 32}));
+//   const Arm64Xdata record{.length = 0x20, .codes = "\xe1\x81\xe4"};
+//   pe.arm64_entry(0x1000, pe.raw_unwind_info(record.bytes()));
+//   pe.arm64_entry(0x2000, arm64_packed({.length = 0x40, .reg_i = 2, .frame = 32}));
 
 #pragma once
 
@@ -12,7 +12,7 @@
 
 namespace builders {
 
-// Lengths and the frame are in bytes; the fields hold them in units of 4 and of 16.
+// Lengths and the frame are in bytes here; the encoded fields are in units of 4 and of 16 bytes.
 struct Arm64Packed {
   uint32_t flag = 1;
   uint32_t length = 0x40;
@@ -27,8 +27,8 @@ struct Arm64Packed {
 uint32_t arm64_packed(const Arm64Packed& fields);
 
 struct Arm64Epilog {
-  uint32_t start = 0;  // bytes from the function's begin
-  uint32_t index = 0;  // of its codes
+  uint32_t start = 0;  // bytes from the start of the function
+  uint32_t index = 0;  // of its first code
   uint32_t reserved = 0;
 };
 
@@ -36,8 +36,8 @@ struct Arm64Xdata {
   uint32_t length = 0x40;  // bytes
   uint32_t version = 0;
   bool handler = false;    // appends an RVA
-  bool extended = false;   // counts in a second word
-  int single_epilog = -1;  // the E bit, with this index
+  bool extended = false;   // stores the counts in a second word
+  int single_epilog = -1;  // sets the E bit, with this index
   std::vector<Arm64Epilog> epilogs = {};
   std::string codes = {};  // padded to whole words with `end`
 

@@ -1,4 +1,4 @@
-// Bytes: a little-endian byte string under construction, and readers and patchers for checking one.
+// Bytes: builds a little-endian byte string. Also functions to dump and patch one.
 
 #pragma once
 
@@ -9,8 +9,8 @@
 
 namespace builders {
 
-// Appends numbers in little-endian order and text; every call returns the object, so that a record
-// reads as one expression: Bytes().u16(len).u16(kind).u32(offset).zstr("main").
+// Appends text, and numbers in little-endian order. Each call returns the object, so that a record
+// is one expression: Bytes().u16(len).u16(kind).u32(offset).zstr("main").
 class Bytes {
  public:
   Bytes() = default;
@@ -21,7 +21,7 @@ class Bytes {
   Bytes& u32(uint32_t value) { return number(value, 4); }
   Bytes& u64(uint64_t value) { return number(value, 8); }
 
-  // The bytes of `text`, without and with a NUL behind them.
+  // The bytes of `text`, without and with a terminating NUL.
   Bytes& text(std::string_view text) {
     bytes_.append(text);
     return *this;
@@ -32,7 +32,7 @@ class Bytes {
     bytes_.append(count, static_cast<char>(value));
     return *this;
   }
-  // Fills up to the next multiple of `alignment`, counted from the first byte.
+  // Pads to the next multiple of `alignment`, counted from the first byte.
   Bytes& align(size_t alignment, uint8_t value = 0) {
     return fill((alignment - bytes_.size() % alignment) % alignment, value);
   }
@@ -64,13 +64,14 @@ uint16_t get_u16(std::string_view bytes, size_t offset);
 uint32_t get_u32(std::string_view bytes, size_t offset);
 uint64_t get_u64(std::string_view bytes, size_t offset);
 
-// "0600 6d61 696e": lower-case digits, a blank behind every two bytes, a newline behind every 16.
+// "0600 6d61 696e": lower-case digits, a blank after every two bytes, a newline after every 16.
 std::string hex_dump(std::string_view bytes);
 
-// The bytes that a dump spells; blanks and newlines are skipped.
+// The bytes of a hex dump; blanks and newlines are skipped.
 std::string from_hex(std::string_view dump);
 
-// Whole files. write_file replaces what is there; both throw std::runtime_error on failure.
+// Reading and writing whole files. write_file replaces an existing file. Both throw
+// std::runtime_error on failure.
 void write_file(const std::string& path, std::string_view bytes);
 std::string read_file(const std::string& path);
 

@@ -37,8 +37,8 @@ uint32_t Annotations::signed_operand(int32_t delta) {
   return delta < 0 ? static_cast<uint32_t>(-delta) << 1 | 1 : static_cast<uint32_t>(delta) << 1;
 }
 
-// Procedure: parent, end, next (links that the builder leaves 0), length, debug start and end,
-// type, offset, section, flags, name.
+// Procedure: parent, end, next (0 here), length, debug start and end, type, offset, section, flags,
+// name.
 ModuleBuilder& ModuleBuilder::proc(const Proc& proc, uint16_t kind) {
   Bytes body;
   body.u32(0).u32(0).u32(0).u32(proc.length).u32(0).u32(proc.length);
@@ -71,7 +71,7 @@ ModuleBuilder& ModuleBuilder::separated_code(uint32_t offset, uint32_t length, u
 }
 
 ModuleBuilder& ModuleBuilder::symbol(uint16_t kind, std::string_view body) {
-  // The size field does not count itself; with it the record is a multiple of 4 long.
+  // The size field does not include itself. Including it, the record's length is a multiple of 4.
   const size_t padding = (4 - body.size() % 4) % 4;
   symbols_.u16(static_cast<uint16_t>(2 + body.size() + padding)).u16(kind);
   symbols_.text(body).fill(padding);
@@ -100,8 +100,8 @@ ModuleBuilder& ModuleBuilder::lines(uint16_t section, uint32_t offset, uint32_t 
   return this->lines(section, offset, length, {{file, lines}});
 }
 
-// Line subsection: offset, section, flags, code size; then for each file its reference, the number
-// of lines, the block's size with this head, and the lines.
+// Line subsection: offset, section, flags, code size. Then per file: its reference, the number of
+// lines, the size of the block including this header, and the lines.
 ModuleBuilder& ModuleBuilder::lines(
     uint16_t section, uint32_t offset, uint32_t length,
     const std::vector<std::pair<uint32_t, std::vector<Line>>>& blocks) {
@@ -259,8 +259,8 @@ TypeStreamBuilder& TypeStreamBuilder::override_max(uint32_t max) {
   return *this;
 }
 
-// Header: version, its own size, index range, size of the records, then the hash stream's number
-// (none), key size, bucket count and three empty ranges in it.
+// Header: version, its own size, index range, size of the records; then for the hash stream its
+// number (none), key size, bucket count and three empty ranges.
 std::string TypeStreamBuilder::stream() const {
   Bytes bytes;
   bytes.reserve(56 + records_.size());

@@ -39,10 +39,11 @@ inline constexpr uint32_t kInlineeLines = 0xF6;
 inline constexpr uint32_t kCrossScopeImports = 0xF7;
 inline constexpr uint32_t kCrossScopeExports = 0xF8;
 
-// An integer in the compressed form of annotations: 1, 2 or 4 bytes. Below 0x20000000.
+// Encodes an integer in the compressed form of annotations: 1, 2 or 4 bytes. Below 0x20000000.
 std::string compressed(uint32_t value);
 
-// The annotation bytes of an inline site: an opcode and its operands a call.
+// The annotation bytes of an inline site, one opcode with its operands per call:
+//
 //   Annotations().op(11, 0x24).op(4, 8)
 class Annotations {
  public:
@@ -51,14 +52,14 @@ class Annotations {
   Annotations& raw(std::string_view bytes);
   const std::string& bytes() const { return bytes_; }
 
-  // The operand form of a signed delta: the sign in the lowest bit.
+  // Encodes a signed delta as an operand: the sign is in the lowest bit.
   static uint32_t signed_operand(int32_t delta);
 
  private:
   std::string bytes_;
 };
 
-// The description of a procedure: section and offset, code size, type index.
+// A procedure: section and offset, code size, type index.
 struct Proc {
   std::string name;
   uint16_t section = 1;
@@ -68,11 +69,11 @@ struct Proc {
 };
 
 struct Line {
-  uint32_t offset;  // from the start of the block, in bytes of code
-  uint32_t line;    // low 24 bits the number; the rest as given
+  uint32_t offset;  // code bytes from the start of the block
+  uint32_t line;    // the line number in the low 24 bits; flags above
 };
 
-// One entry of an inlinee line subsection; `file` as returned by ModuleBuilder::file.
+// One entry of an inlinee line subsection. `file` is a result of ModuleBuilder::file.
 struct Inlinee {
   uint32_t inlinee;
   uint32_t file;
@@ -89,49 +90,49 @@ struct Inlinee {
 //         .end()
 //         .lines(1, 0x10, 0x20, a, {{0, 1}, {4, 2}});
 //
-// File checksums are gathered and stand in one subsection before all others, unless
-// checksums_here() placed them.
+// File checksums are collected and written as one subsection before all others, unless
+// checksums_here() sets its position.
 class ModuleBuilder {
  public:
-  // Symbols. Records are padded to 4 with zeros, the padding counted in their size.
+  // Symbol records. Each is padded to a multiple of 4 with zeros, which its size includes.
   ModuleBuilder& proc(const Proc& proc, uint16_t kind = kGProc32);
-  // `parent` not 0: a thunk nested in something.
+  // `parent` is not 0 for a nested thunk.
   ModuleBuilder& thunk(const Proc& thunk, uint32_t parent = 0);
   ModuleBuilder& inline_site(uint32_t inlinee, const Annotations& annotations);
-  // The second form of it, with a count of its invocations.
+  // The second form of an inline site record, with a count of invocations.
   ModuleBuilder& inline_site2(uint32_t inlinee, const Annotations& annotations);
-  // Code of `length` bytes that was moved away from the function at `function`, both in section 1.
+  // Code of `length` bytes that was separated from the function at `function`; both in section 1.
   ModuleBuilder& separated_code(uint32_t offset, uint32_t length, uint32_t function);
   ModuleBuilder& inline_site_end() { return symbol(kInlineSiteEnd, {}); }
   ModuleBuilder& end() { return symbol(kEnd, {}); }
-  // Any record: size and kind are put before `body`, padding behind it.
+  // Any record: adds size and kind before `body`, and padding after it.
   ModuleBuilder& symbol(uint16_t kind, std::string_view body);
-  // Bytes as they stand, for records that are wrong.
+  // Unchanged bytes, for malformed records.
   ModuleBuilder& raw_symbols(std::string_view bytes);
 
-  // A file: the offset of its name in the /NAMES stream and its checksum. Returns what lines and
-  // inlinees refer to it by, its offset in the checksum subsection.
+  // Adds a file: the offset of its name in the /NAMES stream, and its checksum. Returns its offset
+  // in the checksum subsection, by which lines and inlinees refer to it.
   uint32_t file(uint32_t name, std::string_view checksum = {}, uint8_t kind = 0);
   ModuleBuilder& checksums_here();
   // A line subsection with one block of one file.
   ModuleBuilder& lines(uint16_t section, uint32_t offset, uint32_t length, uint32_t file,
                        const std::vector<Line>& lines);
-  // The same with a block for each of several files.
+  // As above, with one block per file.
   ModuleBuilder& lines(uint16_t section, uint32_t offset, uint32_t length,
                        const std::vector<std::pair<uint32_t, std::vector<Line>>>& blocks);
-  // An inlinee line subsection; signature 1 writes the extra files of each entry.
+  // An inlinee line subsection. Signature 1 writes the extra files of each entry.
   ModuleBuilder& inlinees(const std::vector<Inlinee>& inlinees, uint32_t signature = 0);
-  // Any subsection: kind and size are put before the payload, padding to 4 behind it.
+  // Any subsection: adds kind and size before the payload, and padding to 4 after it.
   ModuleBuilder& subsection(uint32_t kind, std::string_view payload);
   ModuleBuilder& raw_subsections(std::string_view bytes);
 
   ModuleBuilder& signature(uint32_t signature);
-  // Bytes of old line data between symbols and subsections.
+  // Old-style (C11) line data, between symbols and subsections.
   ModuleBuilder& old_lines(std::string_view bytes);
-  // Bytes behind the subsections; in real files a table of references to global symbols.
+  // Bytes after the subsections; in real files a table of references to global symbols.
   ModuleBuilder& tail(std::string_view bytes);
 
-  // What the module's record in the DBI stream says of the stream.
+  // The values for the module's record in the DBI stream.
   uint32_t symbols_size() const { return 4 + static_cast<uint32_t>(symbols_.size()); }
   uint32_t old_lines_size() const { return static_cast<uint32_t>(old_lines_.size()); }
   uint32_t subsections_size() const { return static_cast<uint32_t>(subsections().size()); }
@@ -153,11 +154,11 @@ class ModuleBuilder {
 std::string public_symbol(std::string_view name, uint16_t section, uint32_t offset,
                           uint32_t flags = 2);
 
-// How the bytes from the end of a type record to the next multiple of 4 are filled.
+// How the gap between a type record and the next multiple of 4 is filled.
 enum class TypePadding {
-  kCounted,  // F3 F2 F1, counted in the record's length: what linkers do
-  kZeros,    // zeros behind the record, not counted
-  kNone,     // the next record follows at once
+  kCounted,  // F3 F2 F1, included in the record's length: what linkers write
+  kZeros,    // zeros after the record, not included in its length
+  kNone,     // no gap: the next record follows directly
 };
 
 // A type or id stream: header, then records, numbered from `first`.
@@ -165,7 +166,7 @@ class TypeStreamBuilder {
  public:
   explicit TypeStreamBuilder(uint32_t first = 0x1000) : first_(first) {}
 
-  // Any record: the leaf and what follows it. Returns its index.
+  // Any record: the leaf kind and its contents. Returns the record's index.
   uint32_t add(uint16_t leaf, std::string_view payload,
                TypePadding padding = TypePadding::kCounted);
   uint32_t modifier(uint32_t type, uint16_t attributes);
@@ -181,12 +182,12 @@ class TypeStreamBuilder {
   uint32_t enumeration(std::string_view name, uint32_t underlying = 0x74);
   uint32_t function_id(std::string_view name, uint32_t type, uint32_t scope = 0);
   uint32_t member_function_id(std::string_view name, uint32_t type, uint32_t in_class);
-  // A string that follows the strings of the list `before`, which string_list() made.
+  // A string that follows the strings of the list `before`, a result of string_list().
   uint32_t string_id(std::string_view text, uint32_t before = 0);
   uint32_t string_list(const std::vector<uint32_t>& strings);
 
   TypeStreamBuilder& raw(std::string_view bytes);
-  // The index limit that the header gives, in place of the true one.
+  // Sets the index limit in the header to a wrong value.
   TypeStreamBuilder& override_max(uint32_t max);
 
   uint32_t next_index() const { return first_ + count_; }
@@ -210,10 +211,10 @@ struct Section {
 };
 std::string section_header(const Section& section);
 
-// OMAP: pairs of an address before and the address after.
+// OMAP: pairs of an address and the address it is mapped to.
 std::string omap_table(const std::vector<std::pair<uint32_t, uint32_t>>& pairs);
 
-// Frame data of the old kind (16 bytes); sizes of locals and parameters in double words.
+// Old frame data (16 bytes); sizes of locals and parameters are in 4-byte words.
 struct Fpo {
   uint32_t start = 0;
   uint32_t code_size = 0;
@@ -225,7 +226,7 @@ struct Fpo {
 };
 std::string fpo_record(const Fpo& fpo);
 
-// Frame data of the new kind (32 bytes); sizes in bytes.
+// New frame data (32 bytes); sizes are in bytes.
 struct FrameData {
   uint32_t start = 0;
   uint32_t code_size = 0;

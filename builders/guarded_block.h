@@ -1,4 +1,4 @@
-// Input in memory whose end is guarded.
+// Input in memory that ends at a guard page.
 
 #pragma once
 
@@ -8,7 +8,8 @@
 
 namespace builders {
 
-// Bytes that end right before a page that cannot be touched: reading on ends the process.
+// A copy of some bytes that ends directly before an inaccessible page, so that a read beyond the
+// end crashes.
 class GuardedBlock {
  public:
   explicit GuardedBlock(std::string_view bytes);

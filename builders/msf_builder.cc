@@ -77,10 +77,10 @@ MsfFile MsfBuilder::build() {
   file.page_size = page_size_;
   lay_streams(file);
   const std::string directory_bytes = directory(file);
-  file.directory_pages = take_pages(pages_for(directory_bytes.size()), directory_reversed_);
+  file.directory_pages = allocate_pages(pages_for(directory_bytes.size()), directory_reversed_);
   Bytes index;
   for (const uint32_t page : file.directory_pages) index.u32(page);
-  file.index_pages = take_pages(pages_for(index.size()), false);
+  file.index_pages = allocate_pages(pages_for(index.size()), false);
 
   file.bytes.assign(size_t{next_page_} * page_size_, '\xEE');
   write_header(file, static_cast<uint32_t>(directory_bytes.size()));
@@ -93,15 +93,15 @@ MsfFile MsfBuilder::build() {
   return file;
 }
 
-// The next page that belongs to no free page map.
-uint32_t MsfBuilder::take_page() {
+// Allocates the next page that is not part of a free page map.
+uint32_t MsfBuilder::allocate_page() {
   while (next_page_ % page_size_ == 1 || next_page_ % page_size_ == 2) ++next_page_;
   return next_page_++;
 }
 
-std::vector<uint32_t> MsfBuilder::take_pages(uint32_t count, bool reversed) {
+std::vector<uint32_t> MsfBuilder::allocate_pages(uint32_t count, bool reversed) {
   std::vector<uint32_t> pages(count);
-  for (uint32_t& page : pages) page = take_page();
+  for (uint32_t& page : pages) page = allocate_page();
   if (reversed) std::reverse(pages.begin(), pages.end());
   return pages;
 }
@@ -115,7 +115,7 @@ uint32_t MsfBuilder::directory_size_of(uint32_t stream) const {
   return found == sizes_.end() ? static_cast<uint32_t>(streams_[stream].size()) : found->second;
 }
 
-// Decides the pages of every stream.
+// Assigns pages to every stream.
 void MsfBuilder::lay_streams(MsfFile& file) {
   file.stream_pages.resize(stream_count());
   for (const auto& [stream, size] : sizes_) {
@@ -135,8 +135,8 @@ void MsfBuilder::lay_one_by_one(MsfFile& file) {
     const uint32_t count = pages_for(streams_[stream].size());
     pages.reserve(count);
     for (uint32_t i = 0; i < count; ++i) {
-      if (splits_.contains({stream, i})) take_page();
-      pages.push_back(take_page());
+      if (splits_.contains({stream, i})) allocate_page();
+      pages.push_back(allocate_page());
     }
     if (order_ == PageOrder::kReversed) std::reverse(pages.begin(), pages.end());
   }
@@ -147,7 +147,7 @@ void MsfBuilder::lay_interleaved(MsfFile& file) {
     left = 0;
     for (uint32_t stream = 0; stream < stream_count(); ++stream) {
       if (i >= pages_for(streams_[stream].size())) continue;
-      file.stream_pages[stream].push_back(take_page());
+      file.stream_pages[stream].push_back(allocate_page());
       ++left;
     }
   }
@@ -181,7 +181,7 @@ void MsfBuilder::write_header(MsfFile& file, uint32_t directory_size) {
   header.u32(page_size_).u32(1).u32(next_page_);
   header.u32(directory_size_.value_or(directory_size)).u32(0);
   for (const uint32_t page : file.index_pages) header.u32(page);
-  // A longer list would need a larger page: as many index pages as fit behind the header are meant.
+  // A longer list would need a larger page size: all index pages have to fit into the header page.
   assert(header.size() <= page_size_ && header.size() >= kHeaderSize);
   std::memcpy(file.bytes.data(), header.str().data(), header.size());
   for (size_t page = 1; page < next_page_; page += page_size_) {

@@ -1,15 +1,14 @@
-// MsfBuilder: composes an MSF 7.00 file, the container of a PDB, stream by stream.
+// MsfBuilder: builds an MSF 7.00 file, the container of a PDB, from streams.
 //
 //   MsfBuilder msf(512);
 //   uint32_t number = msf.add_stream(bytes);   // 0, 1, 2, ...
-//   msf.split(number, 1);                      // a strange page between the stream's first two
+//   msf.split(number, 1);                      // an unused page between the stream's first two
 //   MsfFile file = msf.build();
 //
-// Layout of the file: page 0 is the header; pages 1 and 2, and the same two of every further
-// page-size pages, belong to the free page maps (filled with 0xFF here); then the streams in order
-// of number, the directory, and the list of the directory's pages. What belongs to nobody, the
-// pages put in by split() and the rest of each stream's last page, is filled with 0xEE, so that a
-// reader that strays shows it.
+// Layout: page 0 is the header. Pages 1 and 2 of every interval of page-size pages are the free
+// page maps (filled with 0xFF here). The streams follow in order of number, then the directory,
+// then the list of the directory's pages. Unused bytes (pages added by split(), the rest of each
+// stream's last page) are 0xEE, so that misdirected reads show.
 
 #pragma once
 
@@ -24,60 +23,61 @@
 
 namespace builders {
 
-// A finished file, with what is needed to find things in it and to damage them.
+// A finished file and the positions of its parts, for tests that damage them.
 struct MsfFile {
   std::string bytes;
   uint32_t page_size = 0;
-  std::vector<std::vector<uint32_t>> stream_pages;  // page numbers, by stream, in stream order
+  std::vector<std::vector<uint32_t>> stream_pages;  // page numbers by stream, in stream order
   std::vector<uint32_t> directory_pages;
-  std::vector<uint32_t> index_pages;  // pages that list the directory's pages
+  std::vector<uint32_t> index_pages;  // pages that contain the list of the directory's pages
 
-  // Position in the file of a byte of a stream, or of the directory.
+  // File position of a byte of a stream, or of the directory.
   size_t offset_of(uint32_t stream, uint32_t offset) const;
   size_t directory_offset(uint32_t offset) const;
 };
 
 enum class PageOrder {
-  kContiguous,   // each stream in one piece (but for the free page maps)
-  kReversed,     // each stream backwards: no two of its pages follow each other
-  kInterleaved,  // a page of each stream in turn
+  kContiguous,   // pages in ascending order, adjacent except at the free page maps
+  kReversed,     // pages in descending order, so that no two are adjacent
+  kInterleaved,  // one page of each stream in rotation
 };
 
 class MsfBuilder {
  public:
-  // Page sizes that real files have are 512, 1024, 2048 and 4096; any multiple of 4 from 64 works.
+  // Real files have page sizes of 512, 1024, 2048 or 4096. Any multiple of 4 from 64 works here.
   explicit MsfBuilder(uint32_t page_size = 4096);
 
   // Appends a stream and returns its number.
   uint32_t add_stream(std::string bytes);
-  // Replaces the contents of a stream; streams between the present last one and it become empty.
+  // Replaces the contents of a stream. Adds empty streams up to that number if needed.
   MsfBuilder& set_stream(uint32_t stream, std::string bytes);
   uint32_t stream_count() const { return static_cast<uint32_t>(streams_.size()); }
 
   MsfBuilder& order(PageOrder order);
-  // Puts a page that belongs to nobody before the given page (1 or more) of the stream.
+  // Inserts an unused page before the given page (1 or more) of the stream.
   MsfBuilder& split(uint32_t stream, uint32_t page);
-  // The size that the directory gives, in place of the true one. The stream gets the pages that
-  // such a size needs, new ones zeroed; 0xFFFFFFFF (a deleted stream) gets none.
+  // Sets the stream's size in the directory to a wrong value. The stream gets as many pages as that
+  // size needs, the added ones zeroed. 0xFFFFFFFF (a deleted stream) gets none.
   MsfBuilder& override_size(uint32_t stream, uint32_t size);
-  // The page numbers that the directory gives, in place of the true ones.
+  // Sets the stream's page numbers in the directory to wrong values.
   MsfBuilder& override_pages(uint32_t stream, std::vector<uint32_t> pages);
-  // Writes the directory's pages in reverse, so that a directory longer than a page is split.
+  // Writes the directory's pages in reverse order, so that a directory of several pages is not
+  // contiguous.
   MsfBuilder& reverse_directory();
-  // The size of the directory that the header gives, in place of the true one.
+  // Sets the size of the directory in the header to a wrong value.
   MsfBuilder& override_directory_size(uint32_t size);
 
-  // The streams are moved into the file: a builder builds once.
+  // Moves the streams into the file; call only once.
   MsfFile build();
 
  private:
-  uint32_t take_page();
+  uint32_t allocate_page();
   uint32_t pages_for(uint64_t size) const;
   void lay_streams(MsfFile& file);
   void lay_one_by_one(MsfFile& file);
   void lay_interleaved(MsfFile& file);
   std::string directory(const MsfFile& file) const;
-  std::vector<uint32_t> take_pages(uint32_t count, bool reversed);
+  std::vector<uint32_t> allocate_pages(uint32_t count, bool reversed);
   void copy_to_pages(MsfFile& file, const std::string& bytes, const std::vector<uint32_t>& pages);
   void write_header(MsfFile& file, uint32_t directory_size);
   uint32_t directory_size_of(uint32_t stream) const;

@@ -23,9 +23,9 @@ std::string debug_id(const Guid& guid, uint32_t age) {
   return text;
 }
 
-// Version, time, age, GUID; size of the names and the names; the hash table: number of entries,
-// capacity, bitset of present slots, bitset of deleted slots, the entries; a feature code (the id
-// stream exists). A table whose every slot is taken is right for any hash of its names.
+// Version, time, age, GUID. Then the size of the names, and the names. Then the hash table: number
+// of entries, capacity, bitset of present slots, bitset of deleted slots, entries. Last a feature
+// code (the id stream exists). A full table is correct for any hash function.
 std::string InfoStream::bytes() const {
   Bytes text;
   Bytes entries;
@@ -56,8 +56,8 @@ uint32_t NamesBuilder::add(std::string_view text) {
   return offsets_.back();
 }
 
-// Signature, version, size of the strings, strings; bucket count, an offset a bucket (0: empty);
-// number of names.
+// Signature, version, size of the strings, strings. Then the bucket count, one offset per bucket
+// (0: empty), and the number of names.
 std::string NamesBuilder::stream(uint32_t signature, uint32_t version) const {
   Bytes bytes;
   bytes.u32(signature).u32(version).u32(static_cast<uint32_t>(strings_.size()));
@@ -69,8 +69,8 @@ std::string NamesBuilder::stream(uint32_t signature, uint32_t version) const {
 
 namespace {
 
-// Whether it is open, its first section contribution (28 bytes), flags, stream, three sizes, number
-// of files, padding, three fields of the linker; then both names, padded to 4.
+// Unused word, first section contribution (28 bytes), flags, stream, three sizes, number of files,
+// padding, three fields of the linker; then both names, padded to a multiple of 4.
 std::string module_record(const ModuleRecord& module) {
   Bytes bytes;
   bytes.u32(0).u16(0xFFFF).u16(0).u32(0).u32(0xFFFFFFFF).u32(0).u16(0xFFFF).u16(0).u32(0).u32(0);
@@ -97,7 +97,7 @@ std::string DbiStream::bytes() const {
   std::string records;
   for (const ModuleRecord& module : modules) records += module_record(module);
   Bytes bytes;
-  // Signature, version, age; three pairs of a symbol stream and a version number.
+  // Signature, version, age; three pairs of the number of a symbol stream and a version.
   bytes.u32(0xFFFFFFFF).u32(19990903).u32(age).u16(kNoStream).u16(0x8E00);
   bytes.u16(kNoStream).u16(0).u16(symbol_records).u16(0);
   bytes.u32(modules_size.value_or(size32(records))).u32(size32(section_contributions));
@@ -159,7 +159,7 @@ void PdbBuilder::lay_out() {
   dbi.debug.sections = add_if_any(sections_);
   dbi.debug.sections_original = add_if_any(original_sections_);
   dbi.debug.omap_from_source = add_if_any(omap_from_);
-  // The opposite map is only asked whether it exists.
+  // Readers only check whether the reverse map exists.
   dbi.debug.omap_to_source = add_if_any(omap_from_);
   dbi.debug.fpo = add_if_any(fpo_);
   dbi.debug.new_fpo = add_if_any(frame_data_);

@@ -1,4 +1,4 @@
-// PdbBuilder: a whole PDB from a description, and the builders of the streams that name its parts.
+// PdbBuilder: builds a whole PDB, together with the builders of its identity and directory streams.
 //
 //   PdbBuilder pdb;
 //   pdb.section({.name = ".text", .address = 0x1000, .virtual_size = 0x100, .raw_size = 0x200});
@@ -9,9 +9,9 @@
 //   pdb.types.procedure(0x74, pdb.types.arguments({0x74}), 1);
 //   write_file(path, pdb.build().bytes);
 //
-// Everything is public and may be changed until build(). What a test wants wrong is put in after
-// lay_out(): another stream through pdb.msf.set_stream(number, bytes), other numbers in the DBI
-// stream by changing pdb.dbi and then pdb.msf.set_stream(3, pdb.dbi.bytes()).
+// All members are public and may be changed until build(). To damage a PDB, call lay_out() first.
+// Then replace a stream with pdb.msf.set_stream(number, bytes), or change pdb.dbi and call
+// pdb.msf.set_stream(3, pdb.dbi.bytes()).
 
 #pragma once
 
@@ -40,27 +40,27 @@ struct Guid {
 };
 std::string guid_bytes(const Guid& guid);
 
-// The PDB info stream (stream 1): identity, and a hash table from names to streams.
+// The PDB info stream (stream 1): identity, and a hash table of stream numbers by name.
 struct InfoStream {
   Guid guid;
   uint32_t age = 1;
   uint32_t time_stamp = 0;
   std::vector<std::pair<std::string, uint32_t>> named_streams;
-  // Slots of the table. 0: as many as there are names. Entries take the first slots.
+  // Slots of the hash table; 0: the number of names. Entries are in the first slots.
   uint32_t capacity = 0;
-  // Words of the present bitset that the table claims and writes. 0: as many as the capacity needs.
+  // Words of the bitset of present slots; 0: as many as the capacity needs.
   uint32_t present_words = 0;
   std::vector<uint32_t> deleted_bits = {};  // words
 
   std::string bytes() const;
 };
 
-// The stream named /NAMES: strings, found by their offset.
+// The stream /NAMES: strings, identified by their offset.
 class NamesBuilder {
  public:
-  // Offset of the string; equal strings are stored again (each call makes a new entry).
+  // Adds a string and returns its offset. Equal strings are not merged.
   uint32_t add(std::string_view text);
-  // The stream; `signature` and `version` for damaged ones.
+  // The contents of the stream. `signature` and `version` can be set to wrong values.
   std::string stream(uint32_t signature = 0xEFFEEFFE, uint32_t version = 1) const;
 
  private:
@@ -73,12 +73,12 @@ struct ModuleRecord {
   std::string name;
   std::string object;
   uint16_t stream = kNoStream;
-  uint32_t symbols_size = 0;  // the stream's signature counts in it
+  uint32_t symbols_size = 0;  // including the stream's signature
   uint32_t old_lines_size = 0;
   uint32_t lines_size = 0;
 };
 
-// The numbers of the streams that the DBI stream's last table names.
+// The stream numbers in the last table of the DBI stream.
 struct DebugHeader {
   uint16_t fpo = kNoStream;
   uint16_t exception = kNoStream;
@@ -99,13 +99,13 @@ struct DbiStream {
   uint16_t machine = 0x8664;
   uint16_t symbol_records = kNoStream;
   std::vector<ModuleRecord> modules;
-  std::string section_contributions;  // this and the next four as bytes
+  std::string section_contributions;  // this and the next four members are raw bytes
   std::string section_map;
   std::string file_info;
   std::string type_server_map;
   std::string edit_and_continue;
   DebugHeader debug;
-  // The size of the module records that the header gives, in place of the true one.
+  // Replaces the size of the module records in the header by a wrong value.
   std::optional<uint32_t> modules_size = {};
 
   std::string bytes() const;
@@ -115,23 +115,23 @@ class PdbBuilder {
  public:
   explicit PdbBuilder(uint32_t page_size = 4096) : msf(page_size) {}
 
-  // A module with a stream of its own; the reference stays valid. `object` defaults to `name`.
+  // Adds a module with its own stream. The reference stays valid. `object` defaults to `name`.
   ModuleBuilder& add_module(std::string_view name, std::string_view object = {});
-  // Numbered from 1 in the order of the calls.
+  // Sections are numbered from 1 in the order of the calls.
   PdbBuilder& section(const Section& section);
-  // The section table before a rewrite of the image, and the address map.
+  // The section table before the image was rewritten, and the address map.
   PdbBuilder& original_section(const Section& section);
   PdbBuilder& omap_from(const std::vector<std::pair<uint32_t, uint32_t>>& pairs);
   PdbBuilder& public_function(std::string_view name, uint16_t section, uint32_t offset);
   PdbBuilder& fpo(const Fpo& record);
   PdbBuilder& frame_data(const FrameData& record);
 
-  // Puts all streams into `msf` and fills in their numbers: 0 the old directory (empty), 1 info,
-  // 2 types, 3 DBI, 4 ids, then those that have contents: /NAMES, symbol records, section headers,
-  // the other tables, modules. Called by build(); call it first in order to damage a stream after.
+  // Adds all streams to `msf` and sets their numbers: 0 the old directory (empty), 1 info, 2 types,
+  // 3 DBI, 4 ids, then those that are not empty: /NAMES, symbol records, section headers, the other
+  // tables, modules. build() calls it; call it directly to damage a stream afterwards.
   void lay_out();
   MsfFile build();
-  // The stream of the n-th module; known after lay_out().
+  // The stream number of the n-th module. Valid after lay_out().
   uint32_t module_stream(size_t n) const { return dbi.modules.at(n).stream; }
 
   MsfBuilder msf;
@@ -154,7 +154,7 @@ class PdbBuilder {
   Bytes frame_data_;
 };
 
-// The debug identifier's text: GUID in upper-case digits, age in lower-case ones.
+// Formats a debug identifier: GUID in upper-case and age in lower-case hexadecimal.
 std::string debug_id(const Guid& guid, uint32_t age);
 
 }  // namespace builders

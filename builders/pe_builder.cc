@@ -15,7 +15,7 @@ Bytes& append_entry(Bytes& bytes, const FunctionEntry& entry) {
   return bytes.u32(entry.begin).u32(entry.end).u32(entry.unwind);
 }
 
-// Characteristics, time stamp, version, kind, size, RVA, file position (which is not given here).
+// Characteristics, time stamp, version, type, size, RVA, file position (0 here).
 void append_debug_entry(Bytes& bytes, uint32_t kind, uint32_t size, uint32_t rva) {
   bytes.u32(0).u32(0).u32(0).u32(kind).u32(size).u32(rva).u32(0);
 }
@@ -26,8 +26,8 @@ uint16_t unwind_slot(uint8_t prolog_offset, uint8_t operation, uint8_t info) {
   return static_cast<uint16_t>(prolog_offset | (operation & 15) << 8 | info << 12);
 }
 
-// Version in 3 bits and flags in 5; prologue size; number of slots; frame register and offset in
-// 4 bits each; slots, padded to an even number; the chained entry.
+// Version in 3 bits and flags in 5; prologue size; number of slots; frame register and offset in 4
+// bits each; the slots, padded to an even number; the chained entry.
 std::string UnwindInfo::bytes() const {
   Bytes bytes;
   bytes.u8(static_cast<uint8_t>((version & 7) | flags << 3)).u8(prolog_size);
@@ -106,7 +106,7 @@ PeBuilder& PeBuilder::arm64_entry(uint32_t begin, uint32_t unwind_data) {
   return directory(3, kFunctionsRva, static_cast<uint32_t>(functions_.size()));
 }
 
-// All sections, each with its place in the file.
+// All sections with their file positions.
 std::vector<PeBuilder::Content> PeBuilder::contents() const {
   PeBuilder all = *this;
   if (!debug_.empty()) all.section(".debug", kDebugRva, debug_.str());
@@ -155,7 +155,7 @@ std::string PeBuilder::build() const {
   const std::vector<Content> all = contents();
   Bytes image(headers(all));
   for (const Content& content : all) image.align(kFileAlignment).text(content.bytes);
-  // Readers take the larger, 64-bit NT headers from a 32-bit image as well.
+  // Readers read the larger, 64-bit NT headers from a 32-bit image, too.
   const size_t smallest = kNtHeaders + 264;
   if (image.size() < smallest) image.fill(smallest - image.size());
   return std::move(image).str();

@@ -1,4 +1,4 @@
-// PeBuilder: a PE32+ or PE32 image from a description, as far as debugging reads one.
+// PeBuilder: builds a PE32+ or PE32 image with the parts that debuggers read.
 //
 //   PeBuilder pe;
 //   pe.section(".text", 0x1000, code);
@@ -6,9 +6,9 @@
 //   pe.function(0x1000, 0x1020, UnwindInfo{.slots = {unwind_slot(4, kAllocSmall, 3)}});
 //   write_file(path, pe.build());
 //
-// The file: 64 bytes of DOS header, the NT headers at 0x80, the section headers, then the sections'
-// bytes, each at a multiple of 512. codeview() and function() put what they make into sections of
-// their own, at the RVAs kDebugRva, kUnwindRva and kFunctionsRva.
+// Layout: 64 bytes of DOS header, the NT headers at 0x80, the section headers, then the contents of
+// the sections, each at a multiple of 512. codeview() and function() write to sections of their
+// own, at the RVAs kDebugRva, kUnwindRva and kFunctionsRva.
 
 #pragma once
 
@@ -36,10 +36,10 @@ inline constexpr uint8_t kSaveXmm128 = 8;
 inline constexpr uint8_t kSaveXmm128Far = 9;
 inline constexpr uint8_t kPushMachframe = 10;
 
-// A 16-bit slot: offset in the prologue, operation, operand. Further operands are plain slots.
+// A 16-bit slot: offset in the prologue, operation, operand. Further operands are plain numbers.
 uint16_t unwind_slot(uint8_t prolog_offset, uint8_t operation, uint8_t info);
 
-// A function entry: RVAs of its begin, its end and its unwind info.
+// A function entry: RVAs of its start, its end and its unwind info.
 struct FunctionEntry {
   uint32_t begin = 0;
   uint32_t end = 0;
@@ -49,7 +49,7 @@ struct FunctionEntry {
 inline constexpr uint8_t kUnwindChained = 4;
 
 struct UnwindInfo {
-  uint8_t flags = 0;  // with kUnwindChained, `chained` follows the slots
+  uint8_t flags = 0;  // with kUnwindChained, `chained` is written after the slots
   uint8_t prolog_size = 0;
   uint8_t frame_register = 0;
   uint8_t frame_offset = 0;  // in units of 16 bytes
@@ -72,20 +72,21 @@ class PeBuilder {
   PeBuilder& machine(uint16_t machine);
   PeBuilder& time_stamp(uint32_t seconds);
   PeBuilder& size_of_image(uint32_t bytes);
-  // `virtual_size` 0: the size of the bytes.
+  // `virtual_size` 0 stands for the number of bytes.
   PeBuilder& section(std::string_view name, uint32_t rva, std::string bytes,
                      uint32_t virtual_size = 0, uint32_t characteristics = 0x40000040);
-  // Data directories: 3 exceptions, 6 debug, 14 CLR.
+  // Sets a data directory: 3 exceptions, 6 debug, 14 CLR.
   PeBuilder& directory(uint32_t index, uint32_t rva, uint32_t size);
-  // A debug directory: an entry of another kind first, then one with an RSDS record.
+  // Adds a debug directory: an entry of another type, then one with an RSDS record.
   PeBuilder& codeview(const Guid& guid, uint32_t age, std::string_view pdb_path);
-  // Unwind info without a function entry, as the target of a chain; returns its RVA.
+  // Adds unwind info without a function entry, as the target of a chain. Returns its RVA.
   uint32_t unwind_info(const UnwindInfo& info);
   uint32_t raw_unwind_info(std::string_view bytes);
-  // A function with unwind info of its own, and any entry.
+  // Add a function with its own unwind info, and an arbitrary entry.
   PeBuilder& function(uint32_t begin, uint32_t end, const UnwindInfo& info);
   PeBuilder& function_entry(const FunctionEntry& entry);
-  // An entry of an ARM64 image: the function's RVA, and packed data or the RVA of a record.
+  // Adds an entry of an ARM64 image: the RVA of the function, and packed data or the RVA of a
+  // record.
   PeBuilder& arm64_entry(uint32_t begin, uint32_t unwind_data);
 
   std::string build() const;

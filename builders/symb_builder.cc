@@ -17,7 +17,7 @@ class Writer {
   std::string write() {
     collect_strings();
     place_strings();
-    // What is written last is laid out first: the header needs the places of all the rest.
+    // The tables are laid out before the header, which contains their offsets.
     const uint64_t files = position_;
     Bytes body = write_files();
     const uint64_t functions = files + body.size();
@@ -129,7 +129,7 @@ class Writer {
     }
     return roots.str() + ranges;
   }
-  // One array, and behind it the arrays inside its members.
+  // Writes one array, followed by the arrays inside its members.
   std::string write_ranges(uint32_t type, const std::vector<SymbRange>& ranges,
                            uint64_t& next) const {
     next += ranges.size() * kRangeSize;

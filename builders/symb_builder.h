@@ -1,5 +1,5 @@
-// SYMB blocks written byte by byte from the format's definition, in the order of blocks that the
-// program writes. Also the places of header fields, for tests that damage a block.
+// Builds SYMB blocks byte by byte from the format's definition, with tables in the order in which
+// symforge writes them. Also the offsets of header fields, for tests that damage a block.
 
 #pragma once
 
@@ -28,7 +28,7 @@ struct SymbFunction {
   int32_t parameter_size;
   std::string name;
   std::vector<SymbLine> lines;
-  std::vector<SymbSite> sites;  // written for version 3 and later
+  std::vector<SymbSite> sites;  // written for versions from 3
 };
 
 struct SymbPublic {
@@ -39,7 +39,7 @@ struct SymbPublic {
 
 struct SymbRange {
   uint32_t base, last;
-  std::string program;  // none if empty
+  std::string program;  // absent if empty
   uint32_t allocates_base_pointer = 0;
   std::vector<SymbRange> inside = {};
 };
@@ -59,15 +59,15 @@ struct SymbModel {
   std::array<std::vector<SymbRange>, 5> frame_info;  // by type
   std::vector<SymbInitialRule> initial_rules;
   std::vector<std::pair<uint32_t, std::string>> delta_rules;
-  std::vector<std::pair<uint64_t, uint64_t>> sections;  // written for version 2 and later
+  std::vector<std::pair<uint64_t, uint64_t>> sections;  // written for versions from 2
 
   std::string bytes() const;
 };
 
-// A model with some of everything: nested sites and frame info, publics between functions.
+// A model with every kind of record: nested sites and frame info, public symbols between functions.
 SymbModel rich_symb_model(uint32_t version = 3);
 
-// Positions of header fields in a block; a table's count stands 8 bytes behind its offset.
+// Offsets of header fields. A table's count is 8 bytes after its offset.
 enum SymbField : size_t {
   kSymbVersion = 4,
   kSymbOs = 8,

@@ -11,7 +11,7 @@ constexpr uint32_t kLineSize = 8;
 constexpr uint32_t kGap = 0x10;
 constexpr uint32_t kFiles = 1000;
 
-// Functions of a program are of all sizes: 1 to twice the average of lines, less 1.
+// Functions vary in size: between 1 line and twice the average minus 1.
 uint32_t line_count(const SymbolTextShape& shape, uint32_t i) {
   const uint32_t mixed = i * 2654435761u;
   return shape.lines == 0 ? 0 : 1 + (mixed >> 16) % (2 * shape.lines - 1);
@@ -27,7 +27,7 @@ void print(std::string& text, const char* format, Args... args) {
   text.append(line, static_cast<size_t>(length));
 }
 
-// Names as compilers give them: long common beginnings, the difference at the end.
+// Names like those of compilers: long common prefixes, different endings.
 void print_name(std::string& text, uint32_t i) {
   print(text, "company::product::component%u::Class%u<wchar_t>::method_%u(int,char const *)\n",
         i / 1000, i / 50, i);
@@ -57,7 +57,7 @@ void print_stack_cfi(std::string& text, uint32_t i, uint32_t address, uint32_t s
   print(text, "STACK CFI %x .cfa: $rsp %u + $rbx: .cfa 16 - ^\n", address + 6, i % 32 * 8 + 16);
 }
 
-// Calls `visit(i, address)` for each function, and returns where the last one ends.
+// Calls `visit(i, address)` for each function. Returns the end address of the last one.
 template <typename Visit>
 uint32_t for_each_function(const SymbolTextShape& shape, Visit visit) {
   uint32_t address = kStart;

@@ -27,7 +27,7 @@ bool PublishedFunction::convert(const symb_func& function, std::span<const symb_
   root_ = {};
   index_.clear();
 
-  // From one address where something begins or ends to the next.
+  // Step from each address where something starts or ends to the next one.
   uint64_t at = function.address;
   const uint64_t function_end = at + function.size;
   size_t line = 0;
@@ -50,7 +50,7 @@ bool PublishedFunction::convert(const symb_func& function, std::span<const symb_
   return true;
 }
 
-// Opens the sites that begin at `at` (or before the function). Their order is that of lookups.
+// Opens the sites that start at `at` (or before the function), in the order of lookups.
 void PublishedFunction::open_sites(uint64_t at) {
   for (; next_site_ < sites_.size() && sites_[next_site_].address <= at; ++next_site_) {
     const symb_inline& site = sites_[next_site_];
@@ -65,24 +65,24 @@ void PublishedFunction::open_sites(uint64_t at) {
   }
 }
 
-// Adds the code from `begin` to `end`, where the open sites and the function's line, whose index is
-// `line`, are the same throughout.
+// Adds the code from `begin` to `end`, throughout which the open sites are the same and `line` is
+// the index of the function's line.
 bool PublishedFunction::add_part(uint64_t begin, uint64_t end, uint32_t line, uint64_t* budget) {
   const uint64_t cost = open_.size() + 1;
   if (*budget < cost) return false;
   *budget -= cost;
 
-  Place place = {0, 0};
+  SourcePosition position = {0, 0};
   if (line != kNone) {
-    place = {lines_[line].source_file_id, lines_[line].line};
+    position = {lines_[line].source_file_id, lines_[line].line};
   } else if (!open_.empty()) {
-    // The caller has no line here: the call gets a file that is likely to be there, and no line.
-    place.file =
+    // The caller has no line here: the call gets a file that is probably correct, and line 0.
+    position.file =
         lines_.empty() ? sites_[open_.front().site].source_file_id : lines_.front().source_file_id;
   }
   uint32_t parent = kNone;
   for (Open& open : open_) {
-    const uint32_t call = call_of(open, parent, place, begin, line);
+    const uint32_t call = call_of(open, parent, position, begin, line);
     auto& ranges = calls_[call].ranges;
     if (ends_at(calls_[call], begin)) {
       ranges.back().size += end - begin;
@@ -91,47 +91,51 @@ bool PublishedFunction::add_part(uint64_t begin, uint64_t end, uint32_t line, ui
     }
     nodes_[call].last_line = line;
     parent = call;
-    place = {sites_[open.site].source_file_id, sites_[open.site].line};
+    position = {sites_[open.site].source_file_id, sites_[open.site].line};
   }
-  if (open_.empty() ? line != kNone : place != kNoPlace) {
-    add_record(begin, end, place, !open_.empty());
+  if (open_.empty() ? line != kNone : position != kNoPosition) {
+    add_record(begin, end, position, !open_.empty());
   }
   return true;
 }
 
-// Parts of inlined code with one place are joined; the function's own lines keep their beginnings,
-// which lookups return.
-void PublishedFunction::add_record(uint64_t begin, uint64_t end, Place place, bool is_inlined) {
+// Adjacent parts of inlined code at one position are merged. The function's own lines are not,
+// because lookups return their start addresses.
+void PublishedFunction::add_record(uint64_t begin, uint64_t end, SourcePosition position,
+                                   bool is_inlined) {
   const auto size = static_cast<uint32_t>(end - begin);
   if (!records_.empty() && is_inlined && last_is_inlined_) {
     symb_line& last = records_.back();
-    if (end_of(last) == begin && last.source_file_id == place.file && last.line == place.line) {
+    if (end_of(last) == begin && last.source_file_id == position.file &&
+        last.line == position.line) {
       last.size += size;
       return;
     }
   }
-  records_.push_back({static_cast<uint32_t>(begin), size, place.file, place.line});
+  records_.push_back({static_cast<uint32_t>(begin), size, position.file, position.line});
   last_is_inlined_ = is_inlined;
 }
 
-// The call with this callee and place inside `parent`. Where a line of the function ends between
-// two of its ranges that touch, they are two calls, since lookups return where the line begins.
-uint32_t PublishedFunction::call_of(Open& open, uint32_t parent, Place place, uint64_t begin,
-                                    uint32_t line) {
+// Returns the call with this callee and position inside `parent`. Two adjacent ranges become
+// separate calls if a line of the function ends between them, because lookups return where the line
+// starts.
+uint32_t PublishedFunction::call_of(Open& open, uint32_t parent, SourcePosition position,
+                                    uint64_t begin, uint32_t line) {
   const auto continues = [&](uint32_t call) {
     return parent != kNone || nodes_[call].last_line == line || !ends_at(calls_[call], begin);
   };
-  if (open.call != kNone && open.parent == parent && open.place == place && continues(open.call)) {
+  if (open.call != kNone && open.parent == parent && open.position == position &&
+      continues(open.call)) {
     return open.call;
   }
   const uint64_t name = sites_[open.site].name;
   const auto [found, is_new] =
-      index_.try_emplace({parent, name, place}, static_cast<uint32_t>(calls_.size()));
+      index_.try_emplace({parent, name, position}, static_cast<uint32_t>(calls_.size()));
   if (!is_new && !continues(found->second)) found->second = static_cast<uint32_t>(calls_.size());
   const uint32_t call = found->second;
   if (call == calls_.size()) {
     const uint32_t depth = parent == kNone ? 0 : calls_[parent].depth + 1;
-    calls_.push_back({depth, place.line, place.file, name, {}});
+    calls_.push_back({depth, position.line, position.file, name, {}});
     nodes_.emplace_back().parent = parent;
     Node& around = parent == kNone ? root_ : nodes_[parent];
     if (around.first_child == kNone) {
@@ -143,11 +147,11 @@ uint32_t PublishedFunction::call_of(Open& open, uint32_t parent, Place place, ui
   }
   open.call = call;
   open.parent = parent;
-  open.place = place;
+  open.position = position;
   return call;
 }
 
-// Puts each call directly before those inside it.
+// Moves each call directly before the calls inside it.
 void PublishedFunction::order_calls() {
   ordered_calls_.clear();
   uint32_t call = root_.first_child;

@@ -1,18 +1,19 @@
-// SYMB: the binary symbol file, its records and what can be done with a block of it.
+// SYMB: the binary symbol file format, its records and operations.
 //
-// A SYMB file carries what a Breakpad text symbol file says about one module, as sorted tables of
-// fixed-size records and one table of strings, so that it can be mapped and searched as it lies on
-// disk. docs/symb-format.md describes it for those who read it in another language.
+// A SYMB file holds the contents of a Breakpad text symbol file for one module: sorted tables of
+// fixed-size records and one table of strings. It can be mapped and searched in place.
+// docs/symb-format.md describes the format independently of C++.
 //
-//   - Numbers are in the byte order of the host; records have natural alignment, and the gaps that
-//     this leaves hold zeros in a written file and are never read.
-//   - A reference is a 64-bit offset in bytes from the start of the file, wherever it stands. 0 is
-//     "absent" where a reference is optional. Strings end with a NUL byte.
-//   - A table is an offset and a count of records.
-//   - Addresses are relative to the module and 32 bits wide; a range is a first address and a size
-//     in bytes, except in symb_nested_window_frame_info, which holds its last address.
+//   - Numbers are in host byte order. Records have natural alignment; their padding is zero in a
+//     written file and is never read.
+//   - A reference is a 64-bit offset in bytes from the start of the file. 0 means "absent" where a
+//     reference is optional. Strings end with a NUL byte.
+//   - A table is an offset and a number of records.
+//   - Addresses are relative to the module and 32 bits wide. A range is a first address and a size
+//   in
+//     bytes, except in symb_nested_window_frame_info, which holds its last address.
 //
-// This header depends on nothing of the project.
+// This header includes no other header of the project.
 
 #pragma once
 
@@ -23,9 +24,9 @@
 // ---- Records ------------------------------------------------------------------------------------
 
 struct symb_header_metadata {
-  char magic[4];  // "SYMB", no terminator
-  // Less than 2: symb_header_v1 and symb_func. 2: symb_header_v2 and symb_func. Greater than 2:
-  // symb_header_v2 and symb_func_inline. The writer writes 3; no reader tests an upper limit.
+  char magic[4];  // "SYMB", not terminated
+  // 1: symb_header_v1 and symb_func. 2: symb_header_v2 and symb_func. 3 and above: symb_header_v2
+  // and symb_func_inline. The writer writes 3. Readers treat 0 like 1 and have no upper limit.
   uint32_t version;
 };
 static_assert(sizeof(symb_header_metadata) == 8);
@@ -40,7 +41,7 @@ struct symb_header_v1 {
   uint64_t code_id;     // string or 0
   uint64_t code_file;   // string or 0
   uint64_t string_table;
-  uint64_t string_table_size;  // bytes, with the padding at its end
+  uint64_t string_table_size;  // bytes, including the padding at its end
   uint64_t files;              // symb_file, ascending by signed index
   uint64_t file_count;
   uint64_t functions;  // symb_func or symb_func_inline, disjoint and ascending
@@ -76,13 +77,13 @@ static_assert(offsetof(symb_header_v2, sections) == 168);
 using symb_header = symb_header_v2;
 
 struct symb_section {
-  uint64_t virtaddr;  // relative to the module; no reference
-  uint64_t rawsize;   // bytes in the image's file
+  uint64_t virtaddr;  // relative to the module; not a reference
+  uint64_t rawsize;   // bytes in the image file
 };
 static_assert(sizeof(symb_section) == 16);
 
 struct symb_file {
-  int32_t index;  // the number of the FILE line; numbers may have holes
+  int32_t index;  // number of the FILE line; may have gaps
   // 4 bytes of padding
   uint64_t name;  // string
 };
@@ -104,7 +105,7 @@ static_assert(offsetof(symb_func, line_count) == 20);
 static_assert(offsetof(symb_func, lines) == 24);
 
 struct symb_func_inline {
-  uint64_t name;  // the fields of symb_func
+  uint64_t name;  // from here to `line_count`, as in symb_func
   uint32_t address;
   uint32_t size;
   int32_t parameter_size;
@@ -133,11 +134,11 @@ static_assert(sizeof(symb_line) == 16);
 static_assert(offsetof(symb_line, source_file_id) == 8 && offsetof(symb_line, line) == 12);
 
 struct symb_inline {
-  uint32_t address;  // the fields of symb_line
+  uint32_t address;  // from here to `source_file_id` as in symb_line
   uint32_t size;
   int32_t source_file_id;
   int32_t line;
-  uint32_t caller;  // how deep the site is nested, 0 for the outermost
+  uint32_t caller;  // nesting depth of the site, 0 for the outermost
   uint32_t __padding;
   uint64_t name;  // string
 };
@@ -155,9 +156,9 @@ struct symb_public {
 static_assert(sizeof(symb_public) == 16);
 static_assert(offsetof(symb_public, address) == 8 && offsetof(symb_public, parameter_size) == 12);
 
-// What a STACK WIN line says about its range, in the units of the line: bytes, but in symforge's
-// own lines of type 0 parameter_size and local_size are in double words, and saved_register_size
-// counts registers.
+// The contents of a STACK WIN line. Sizes are in bytes, except in lines of type 0 written by
+// symforge: there parameter_size and local_size are in 4-byte words, and saved_register_size is a
+// number of registers.
 struct symb_window_frame_info {
   int32_t type;   // 0 to 4, a WindowsFrameInfo::StackInfoTypes value
   int32_t valid;  // WindowsFrameInfo::Validity bits; -1 in a written file
@@ -181,8 +182,8 @@ static_assert(offsetof(symb_window_frame_info, program_string) == 32);
 struct symb_nested_window_frame_info {
   symb_window_frame_info wfi;
   uint32_t base;       // first address of the range
-  uint32_t address;    // last address of the range, inclusive
-  uint64_t map;        // the ranges directly inside this one, ascending by last address; or 0
+  uint32_t address;    // last address of the range (inclusive)
+  uint64_t map;        // ranges directly inside this one, ascending by last address; or 0
   uint64_t map_count;  // their number
 };
 static_assert(sizeof(symb_nested_window_frame_info) == 64);
@@ -207,68 +208,71 @@ static_assert(sizeof(symb_cfi_delta_rule) == 16 && offsetof(symb_cfi_delta_rule,
 
 // ---- Operations ---------------------------------------------------------------------------------
 //
-// All work on a whole file in memory, its size in bytes. None keeps state, so calls on different
-// blocks may run at the same time; symb_validate() only reads, so it may also run on a block that
-// others read. Failure is false, without a message unless one is named; memory that is not to be
-// had is std::bad_alloc.
+// All operations work on a whole file in memory.
+//
+// Threads: no operation has state, so calls on different blocks may run concurrently.
+// symb_validate() only reads the block and may run concurrently with other readers.
+//
+// Errors: failure is reported as false, without a message unless stated below. Running out of
+// memory throws std::bad_alloc.
 
-// Makes the SYMB image of a text symbol file.
+// Converts a text symbol file to a SYMB image.
 //
-// `symbol_data` is the NUL-terminated text; it is not changed. On true, *out_buffer is a new block
-// of exactly *out_buffer_size bytes that the caller releases with delete[]. On false, both are as
-// they were: the text has no MODULE line, ended by a line feed, with all of its four words. Lines
-// that do not parse are logged by the parser (the first 10) and are absent from the image.
+// `symbol_data` is the NUL-terminated text; it is not modified. On success, sets *out_buffer to a
+// new block of exactly *out_buffer_size bytes, which the caller releases with delete[]. Fails, and
+// leaves both unchanged, if the text has no MODULE line with all four fields that ends with a line
+// feed. Lines that do not parse are logged (only the first 10) and omitted from the image.
 //
-// Addresses and sizes are cut to 32 bits. An image of a text whose ranges all end at or below 4 GiB
-// passes symb_validate(); beyond that the cut may leave a table out of order.
+// Addresses and sizes are truncated to 32 bits. If all ranges of the text end at or below 4 GiB,
+// the image passes symb_validate(). Otherwise truncation may leave a table unsorted.
 bool symb_write(const char* symbol_data, char** out_buffer, size_t* out_buffer_size);
 
-// Makes the text symbol file of a SYMB block and appends it to `out`.
+// Converts a SYMB block to a text symbol file and appends it to `out`.
 //
-// The block is only read, and stays usable. False, with `out` as it was, if the block does not
-// begin with "SYMB", or if what has to be printed lies outside it in part: tables, strings without
-// an end in the block, frame info whose arrays contain themselves, or if its records share strings
-// so that the text would be out of all proportion (16 MiB + 16 times the block). Nothing outside
-// the block is ever read.
+// The block is only read and stays usable. Fails, and leaves `out` unchanged, if the block does not
+// begin with "SYMB", if something to be printed is not entirely inside it (tables, strings without
+// a NUL, frame info whose arrays contain themselves), or if records share strings such that the
+// text would exceed 16 MiB + 16 times the block. Never reads outside the block.
 bool symb_read(char* in_buffer, size_t in_buffer_size, std::stringstream& out);
 
-// Turns every reference of the block into the address that it stands for, in place. `base` is the
-// block's address. A block can be turned once and not back; lookups need one that was not turned.
+// Relocates the block in place: adds `base`, the address of the block, to each reference. The
+// result holds pointers and cannot be relocated back or used for lookups.
 //
-// False if the block is too small for its header, if a reference lies beyond `size` (equal to it is
-// allowed: an object of which nothing is read) or if a table whose references have to be turned
-// leaves the block; the block is then half turned and useless. The magic, and the ends of other
-// objects and of strings, are not looked at.
+// Fails if the block is smaller than its header, if a reference exceeds `size` (equal to it is
+// allowed), or if a table whose records contain references is not inside the block. On failure the
+// block is partially relocated; discard it. The magic, other tables and the ends of strings are not
+// checked.
 bool symb_relocate(uint64_t base, uint64_t size);
 
-// Whether a block is one that every operation can be trusted with. For hosts that take files from
-// outside; nothing else calls it. `base` is the block's address, which is only read.
+// Validates a block from an untrusted source. Lookups and loading do not call it; hosts do. `base`
+// is the address of the block, which is only read.
 //
-// What is demanded:
-//   - the magic, a version of 1, 2 or 3, the header inside the block;
-//   - every table inside the block, behind the header, at a multiple of 8; the string table's size
-//     too is a multiple of 8; no two tables share a byte; an empty table may stand anywhere, also
-//     at 0;
-//   - every string begins inside the string table, at its start or behind a NUL, and the table ends
-//     with a NUL; only code_id, code_file and program_string may be 0;
-//   - ascending orders, without repetition: files by index, publics and delta rules by address;
-//     functions, the lines of a function, initial rules disjoint and ascending;
-//   - inline sites of a function in pre-order, each wholly inside or wholly behind the one before
-//     it; one with the same range is inside if its `caller` is greater by 1;
-//   - five frame info roots; the ranges of each array disjoint and ascending, inside their
-//     container, of the type of their root;
+// Requirements:
+//
+//   - the magic, a version of 1, 2 or 3, and the header inside the block;
+//   - every table inside the block, after the header, at a multiple of 8; the size of the string
+//     table a multiple of 8; no two tables overlap; an empty table may have any offset, also 0;
+//   - every string inside the string table, at its start or after a NUL, and a NUL at the end of
+//   the
+//     table; only code_id, code_file and program_string may be 0;
+//   - strictly ascending order: files by index, public symbols and delta rules by address;
+//     functions, the lines of a function, and initial rules disjoint and ascending;
+//   - inline sites of a function in pre-order, each completely inside or completely after the one
+//     before it; one with the same range is inside if its `caller` is greater by 1;
+//   - five frame info roots; the ranges of each array disjoint and ascending, inside the range that
+//     contains the array, of the type of their root;
 //   - no range that ends above 4 GiB.
 //
-// True means that every lookup on the block (LoadMapFromMemory and what follows) reads nothing
-// outside of it, and that symb_read() on it succeeds. It also means that searches find what is
-// there. Time is linear in the size, memory 1/64 of it.
+// True guarantees that no lookup on the block (LoadMapFromMemory and later calls) reads outside of
+// it, that searches find all entries, and that symb_read() succeeds unless the text would exceed
+// its limit. Takes linear time, and memory of 1/64 of the size.
 bool symb_validate(uint64_t base, uint64_t size);
 
-// The part of that which concerns one frame info range and all that it contains: `parent` is the
-// address of the range's record inside the block (not of a root), `strtbl_end` the offset behind
-// the last byte of the string table. (The misspelling is the operation's name: hosts link to it.)
+// Validates one frame info range and everything it contains. `parent` is the address of its record
+// inside the block (not of a root), `strtbl_end` the offset of the end of the string table. The
+// misspelled name is kept because hosts link to it.
 bool valicate_window_frame_info(uint64_t parent, uint64_t base, uint64_t size, uint64_t strtbl_end);
 
-// Marks an open symbol file as used: its access time becomes now, its modification time stays. A
-// failure is ignored.
+// Sets the access time of an open symbol file to now, which marks it as used, and keeps its
+// modification time. Errors are ignored.
 void symb_touch(int fd);

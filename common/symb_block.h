@@ -1,5 +1,5 @@
-// What the operations on SYMB blocks share: how a block begins and what its version says, unaligned
-// access, and the one test of whether something lies inside the block. Internal to the library.
+// Shared by the operations on SYMB blocks: magic and version, unaligned access, and the bounds
+// check. Internal to the library.
 
 #pragma once
 
@@ -19,14 +19,14 @@ inline bool symb_has_magic(const char* block, size_t size) {
   return size >= kSymbMagic.size() && std::memcmp(block, kSymbMagic.data(), kSymbMagic.size()) == 0;
 }
 
-// The version that is written, and what a version says of the layout.
+// The version that the writer writes.
 constexpr uint32_t kSymbVersion = 3;
-// The header is a symb_header_v2, or else a symb_header_v1.
+// Whether the header is a symb_header_v2 (otherwise symb_header_v1).
 inline bool symb_has_sections(uint32_t version) { return version >= 2; }
-// Functions are symb_func_inline, or else symb_func.
+// Whether functions are symb_func_inline (otherwise symb_func).
 inline bool symb_has_inlines(uint32_t version) { return version > 2; }
 
-// A number or record at any address: files from elsewhere need not keep the alignment.
+// Loads a number or record from any address: untrusted files may be unaligned.
 template <typename T>
 inline T symb_load(const char* at) {
   T value;
@@ -39,12 +39,12 @@ inline void symb_store(char* at, T value) {
   std::memcpy(at, &value, sizeof(value));
 }
 
-// Whether `count` records of `record_size` bytes at `offset` lie inside `size` bytes.
+// Whether `count` records of `record_size` bytes at `offset` fit into `size` bytes.
 inline bool symb_holds(uint64_t size, uint64_t offset, uint64_t count, uint64_t record_size) {
   return offset <= size && count <= (size - offset) / record_size;
 }
 
-// The sizes of a STACK WIN record to and from the image, where four of them have 16 bits.
+// Converts the sizes of a STACK WIN record, four of which have 16 bits in an image.
 inline google_breakpad::StackWinSizes symb_sizes(const symb_window_frame_info& record) {
   return {record.prolog_size,         record.epilog_size, record.parameter_size,
           record.saved_register_size, record.local_size,  record.max_stack_size};
@@ -59,8 +59,8 @@ inline void symb_set_sizes(const google_breakpad::StackWinSizes& sizes,
   record->max_stack_size = sizes.max_stack_size;
 }
 
-// Whether symb_relocate() succeeds on a copy of the block. The block is only read; memory is an
-// eighth of its size.
+// Whether symb_relocate() would succeed. Only reads the block; takes memory of an eighth of its
+// size.
 bool symb_references_are_valid(const char* block, uint64_t size);
 
 }  // namespace symforge_internal

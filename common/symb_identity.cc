@@ -10,10 +10,10 @@ namespace {
 
 constexpr size_t kLineBuffer = 4096;
 
-// The next word of a line that is split in place at blanks; null if there is none.
+// The next field of a line that is split in place at blanks; null if there is none.
 char* next_word(char** rest) { return strtok_r(nullptr, " ", rest); }
 
-// Stores the words behind the line's keywords in `fields`, as far as there are any.
+// Stores the fields that follow the line's keywords, as many as there are.
 template <size_t kCount>
 void store_words(char** rest, std::string* const (&fields)[kCount]) {
   for (std::string* field : fields) {
@@ -23,14 +23,15 @@ void store_words(char** rest, std::string* const (&fields)[kCount]) {
   }
 }
 
-// A whole word in hexadecimal. The largest number stands for overflow.
+// Parses a field that is a hexadecimal number and nothing else. The largest value, which stands for
+// overflow, is rejected.
 bool parse_number(const char* word, uint64_t* number) {
   char* end;
   *number = std::strtoull(word, &end, 16);
   return *number != UINT64_MAX && *end == '\0';
 }
 
-// "<number> virtaddr <address> rawsize <size>": the words between the numbers are not looked at.
+// "<number> virtaddr <address> rawsize <size>". The keywords are not checked.
 bool parse_section(char** rest, symb_section* section) {
   char* words[5];
   for (char*& word : words) {
@@ -42,7 +43,7 @@ bool parse_section(char** rest, symb_section* section) {
          parse_number(words[4], &section->rawsize);
 }
 
-// False if the line is none of the header.
+// Returns false for the first line that is not a header line.
 bool parse_line(std::string_view line, SymbHeaderLines& info) {
   const bool module = line.starts_with("MODULE ");
   if (!module && !line.starts_with("INFO ")) return false;

@@ -1,6 +1,6 @@
-// What the SYMB writer takes from the header lines of a text symbol file: the lines before the
-// first one that is neither MODULE nor INFO. Internal to the writer; the converter's own reading of
-// these lines (symforge/src/utils.h) keeps blanks in file names and reads on to the end.
+// The header lines of a text symbol file (those before the first line that is neither MODULE nor
+// INFO) as the SYMB writer reads them. Internal to the writer. The converter has its own reader of
+// these lines in symforge/src/utils.h, which keeps blanks in file names and reads the whole text.
 
 #pragma once
 
@@ -21,8 +21,8 @@ struct SymbHeaderLines {
   std::vector<symb_section> sections;  // of the valid INFO SECTION lines
 };
 
-// Fills `info` from a NUL-terminated text. Only lines that end with a line feed count; one of 4096
-// bytes or more is stepped over. True if there is a debug identifier and a debug file name.
+// Fills `info` from a NUL-terminated text. A line without a line feed or of 4096 bytes or more is
+// skipped. Returns true if there are a debug identifier and a debug file name.
 bool sym_info_parse(const char* sym_data, SymbHeaderLines& info);
 
 }  // namespace symforge_internal

@@ -1,5 +1,5 @@
-// From a SYMB block back to text: the references are checked, then the tables are printed in order.
-// The block is only read.
+// Converts a SYMB block to text: checks the references, then prints the tables in order. The block
+// is only read.
 
 #include <cstring>
 #include <sstream>
@@ -19,9 +19,8 @@
 namespace symforge_internal {
 namespace {
 
-// Prints a block. Every view into the block is taken through records() or string(), so that what
-// lies outside makes the printer fail and is never read. Tables may begin at any address, so
-// records are copied out of the block one by one.
+// Prints a block. All access is through records() or string(), which fail for anything outside the
+// block. Tables may be unaligned, so records are copied out one by one.
 class Printer {
  public:
   Printer(const char* block, uint64_t size, TextBuffer& text)
@@ -32,7 +31,7 @@ class Printer {
     return identity() && sections() && files() && symbols() && stack_win() && stack_cfi();
   }
 
-  // The published form. Only files that lines or calls refer to are written.
+  // The published form. Only files used by lines or calls are written.
   bool print_standard() {
     is_standard_ = true;
     load_header();
@@ -51,7 +50,7 @@ class Printer {
     std::memcpy(&header_, block_, has_sections ? sizeof(symb_header_v2) : sizeof(symb_header_v1));
   }
 
-  // The records of a table. `*first` is null when `count` is 0.
+  // Sets `*first` to the records of a table; to null if `count` is 0.
   bool records(uint64_t offset, uint64_t count, size_t record_size, const char** first) const {
     if (count != 0 && (offset == 0 || !symb_holds(size_, offset, count, record_size))) return false;
     *first = count != 0 ? block_ + offset : nullptr;
@@ -67,9 +66,10 @@ class Printer {
     return true;
   }
 
-  // Functions may share lines, and ranges the ranges inside them, so that a small damaged block
-  // could print without end: no more lines and ranges are printed than the block has bytes.
-  bool spend(uint64_t records) {
+  // Consumes the budget of printed lines and ranges, which is the number of bytes of the block.
+  // Functions may share lines, and ranges may share nested ranges, so without a limit a small
+  // damaged block could produce endless output.
+  bool consume_budget(uint64_t records) {
     if (records > budget_) return false;
     budget_ -= records;
     return true;
@@ -98,7 +98,7 @@ class Printer {
   bool initial_rule(const symb_cfi_rule& rule, const char* changes);
   bool delta_rule(const symb_cfi_delta_rule& rule);
 
-  // The part of an array of frame info ranges that is still to be printed.
+  // The rest of an array of frame info ranges, still to be printed.
   struct Array {
     const char* next;
     const char* end;
@@ -175,7 +175,7 @@ bool Printer::symbols() {
                     : merged<symb_func>(function, public_function);
 }
 
-// Functions and publics by address; a function goes before a public at the same address.
+// Prints functions and publics by address; a function precedes a public at the same address.
 template <typename Function>
 bool Printer::merged(const char* function, const char* public_function) {
   uint64_t functions_left = header_.v1.function_count;
@@ -221,7 +221,7 @@ bool Printer::function_line(const symb_func& function, TextBuffer& out) {
 bool Printer::lines(const symb_func& function) {
   const char* at;
   if (!records(function.lines, function.line_count, sizeof(symb_line), &at) ||
-      !spend(function.line_count)) {
+      !consume_budget(function.line_count)) {
     return false;
   }
   for (uint32_t i = 0; i < function.line_count; ++i, at += sizeof(symb_line)) {
@@ -236,7 +236,7 @@ bool Printer::outputFunction(const symb_func& function) {
   return function.lines == 0 || function.line_count == 0 || lines(function);
 }
 
-// Inline sites of a function without lines are not printed: no reader of the text could use them.
+// Inline sites of a function without lines are omitted: no reader of the text could use them.
 bool Printer::outputFunctionInline(const symb_func_inline& function) {
   symb_func plain;
   static_assert(sizeof(plain) <= sizeof(function));
@@ -257,7 +257,7 @@ bool Printer::outputFunctionInline(const symb_func_inline& function) {
 }
 
 bool Printer::standard_functions(TextBuffer& out) {
-  // Far more parts of functions than any writer makes of the bytes that describe them.
+  // Far more parts of functions per byte than any writer produces.
   constexpr uint64_t kPartsPerByte = 16;
   parts_left_ = size_ * kPartsPerByte;
   const bool has_inline = symb_has_inlines(header_.v1.md.version);
@@ -289,7 +289,7 @@ bool Printer::standard_function(const symb_func_inline& function, TextBuffer& ou
   const char* first_site;
   if (!records(plain.lines, plain.line_count, sizeof(symb_line), &first_line) ||
       !records(function.inlines, function.inline_count, sizeof(symb_inline), &first_site) ||
-      !spend(plain.line_count)) {
+      !consume_budget(plain.line_count)) {
     return false;
   }
   const auto lines = copied<symb_line>(first_line, plain.line_count);
@@ -343,8 +343,8 @@ bool Printer::publics() {
   return true;
 }
 
-// Types from the last to the first; within a type a range goes before those that it contains.
-// Without recursion: nesting is as deep as the file wants it to be.
+// Types in descending order; within a type, outer ranges before inner ones. Not recursive, because
+// a file can nest ranges arbitrarily deep.
 bool Printer::stack_win() {
   constexpr size_t kRecord = sizeof(symb_nested_window_frame_info);
   const uint64_t count = header_.v1.windows_frame_info_count;
@@ -371,7 +371,7 @@ bool Printer::enter_map(const symb_nested_window_frame_info& owner) {
   constexpr size_t kRecord = sizeof(symb_nested_window_frame_info);
   if (owner.map_count == 0) return true;
   const char* first;
-  if (!records(owner.map, owner.map_count, kRecord, &first) || !spend(owner.map_count)) {
+  if (!records(owner.map, owner.map_count, kRecord, &first) || !consume_budget(owner.map_count)) {
     return false;
   }
   path_.push_back({first, first + owner.map_count * kRecord});
@@ -396,8 +396,8 @@ uint32_t delta_address(const char* delta) {
   return symb_load<uint32_t>(delta + offsetof(symb_cfi_delta_rule, address));
 }
 
-// Deltas follow the initial rule whose range holds them; those in no range are dropped. The ends of
-// ranges are 32-bit sums, as in the lookups.
+// Deltas follow the initial rule whose range contains them; others are dropped. The ends of ranges
+// are 32-bit sums, as in the lookups.
 bool Printer::stack_cfi() {
   const symb_header_v1& header = header_.v1;
   if (header.cfi_initial_rule_count == 0) return true;
@@ -427,7 +427,7 @@ bool Printer::stack_cfi() {
   return true;
 }
 
-// The published form has no changes at the start of a range: they join the initial rules.
+// The published form merges changes at the start of a range into the initial rules.
 bool Printer::initial_rule(const symb_cfi_rule& rule, const char* changes) {
   StackCFIFields fields = {true, rule.base, rule.size, {}};
   if (!string(rule.rule, &fields.rules)) return false;
@@ -462,7 +462,7 @@ bool symb_read(const char* block, size_t size, TextBuffer& out, TextDialect dial
     const bool is_standard = dialect == TextDialect::kStandard;
     if (is_standard ? printer.print_standard() : printer.print()) return true;
   } catch (const LimitExceeded&) {
-    // Records that share one long string ask for a text out of all proportion.
+    // Records that share one long string can require an excessive text.
   }
   out.truncate(before);
   return false;

@@ -1,5 +1,5 @@
-// The references of a SYMB block: turning them into addresses, or checking that this is possible.
-// Tables are visited in their order, frame info ranges from the outside in.
+// Relocation of the references of a SYMB block, and the check that relocation would succeed. Tables
+// are visited in a fixed order, frame info ranges from the outside in.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -13,12 +13,12 @@
 namespace symforge_internal {
 namespace {
 
-// A header table each of whose records has one reference.
+// A table of the header whose records contain one reference each.
 struct Table {
-  size_t offset_field;  // position in the header
+  size_t offset_field;  // offset of its reference in the header
   size_t count_field;
   size_t record_size;
-  size_t reference;  // position in the record
+  size_t reference;  // offset of the reference in a record
 };
 
 constexpr Table kFiles = {offsetof(symb_header_v1, files), offsetof(symb_header_v1, file_count),
@@ -33,20 +33,20 @@ constexpr Table kDeltaRules = {offsetof(symb_header_v1, cfi_delta_rules),
                                offsetof(symb_header_v1, cfi_delta_rule_count),
                                sizeof(symb_cfi_delta_rule), offsetof(symb_cfi_delta_rule, rule)};
 
-// Relocates each reference: adds the address of the block in place.
+// Relocates each reference in place by adding the address of the block.
 //
-// A reference that was relocated lies beyond the size of the block, so one that is met again, as a
-// part of another record, is refused.
+// A relocated reference exceeds the size of the block, so visiting it again, as part of another
+// record, fails.
 class Relocation {
  public:
   Relocation(char* block, uint64_t /*size*/)
       : block_(block), base_(reinterpret_cast<uint64_t>(block)) {}
 
-  bool take(uint64_t at, uint64_t value) {
+  bool visit(uint64_t at, uint64_t value) {
     symb_store(block_ + at, value + base_);
     return true;
   }
-  // The offset that the reference at `at` held before it was taken.
+  // The offset that the reference at `at` held before relocation.
   uint64_t offset(uint64_t at) const { return symb_load<uint64_t>(block_ + at) - base_; }
   bool is_taken(uint64_t /*at*/, size_t /*bytes*/) const { return false; }
 
@@ -55,31 +55,31 @@ class Relocation {
   uint64_t base_;
 };
 
-// Leaves the block as it is and notes which of its bytes are references, so that it refuses what a
-// relocation would refuse.
+// Leaves the block unchanged and records which of its bytes are references, so that it fails
+// exactly where a relocation would fail.
 class ReferenceCheck {
  public:
-  // One bit for each byte, and room for reading two bytes at the last one.
-  ReferenceCheck(const char* block, uint64_t size) : block_(block), taken_(size / 8 + 2) {
+  // One bit per byte, and spare bits to read two bytes at the last position.
+  ReferenceCheck(const char* block, uint64_t size) : block_(block), visited_(size / 8 + 2) {
     for (const size_t count :
          {offsetof(symb_header_v1, file_count), offsetof(symb_header_v1, function_count),
           offsetof(symb_header_v1, public_function_count),
           offsetof(symb_header_v1, windows_frame_info_count),
           offsetof(symb_header_v1, cfi_initial_rule_count),
           offsetof(symb_header_v1, cfi_delta_rule_count)}) {
-      taken_[count / 8] = 0xff;
+      visited_[count / 8] = 0xff;
     }
   }
 
-  bool take(uint64_t at, uint64_t /*value*/) {
+  bool visit(uint64_t at, uint64_t /*value*/) {
     if (is_taken(at, sizeof(uint64_t))) return false;
-    char* const bits = reinterpret_cast<char*>(&taken_[at / 8]);
+    char* const bits = reinterpret_cast<char*>(&visited_[at / 8]);
     symb_store(bits, static_cast<uint16_t>(symb_load<uint16_t>(bits) | mask(at, 8)));
     return true;
   }
   uint64_t offset(uint64_t at) const { return symb_load<uint64_t>(block_ + at); }
   bool is_taken(uint64_t at, size_t bytes) const {
-    const char* const bits = reinterpret_cast<const char*>(&taken_[at / 8]);
+    const char* const bits = reinterpret_cast<const char*>(&visited_[at / 8]);
     return (symb_load<uint16_t>(bits) & mask(at, bytes)) != 0;
   }
 
@@ -89,16 +89,16 @@ class ReferenceCheck {
   }
 
   const char* block_;
-  std::vector<uint8_t> taken_;
+  std::vector<uint8_t> visited_;
 };
 
-// One walk over the references of a block, each of which is given to `Action`. The order of the
-// steps decides how far a block is relocated when it fails. Positions are offsets from the start of
+// Walks the references of a block and passes each one to `Action`. The order of the steps
+// determines how far a block is relocated when it fails. Positions are offsets from the start of
 // the block.
 template <typename Action>
 class ReferenceWalk {
  public:
-  // `block` holds at least a symb_header_v1.
+  // `block` has at least the size of a symb_header_v1.
   ReferenceWalk(const char* block, uint64_t size, Action& action)
       : block_(block),
         size_(size),
@@ -112,24 +112,25 @@ class ReferenceWalk {
   }
 
  private:
-  // Reads a number that must not share bytes with a reference that was taken.
+  // Reads a number that must not overlap a reference already visited.
   template <typename T>
   bool number(uint64_t at, T* value) const {
     *value = symb_load<T>(block_ + at);
     return !action_.is_taken(at, sizeof(T));
   }
-  // The field at `at`, before or after it was taken.
+  // The field at `at`, before or after its relocation.
   uint64_t field(uint64_t at) const { return symb_load<uint64_t>(block_ + at); }
 
-  // The reference at `at` must lie inside the block. A value equal to the size passes.
-  bool take(uint64_t at) {
+  // Visits the reference at `at`, which must be inside the block. A value equal to the size is
+  // accepted.
+  bool visit(uint64_t at) {
     const uint64_t value = field(at);
-    return value <= size_ && action_.take(at, value);
+    return value <= size_ && action_.visit(at, value);
   }
-  bool take_if_set(uint64_t at) { return field(at) == 0 || take(at); }
+  bool visit_if_set(uint64_t at) { return field(at) == 0 || visit(at); }
 
-  // Where the reference at `at`, which was taken, leads, if that many records lie there inside the
-  // block. A reference of 0 leads nowhere.
+  // Sets `*first` to the target of the reference at `at`, which was visited, if that many records
+  // are inside the block there. A reference of 0 has no target.
   bool records(uint64_t at, uint64_t count, size_t record_size, uint64_t* first) const {
     if (field(at) == 0) return false;
     *first = action_.offset(at);
@@ -146,7 +147,7 @@ class ReferenceWalk {
   bool enter_map(uint64_t owner);
   bool ranges_entered();
 
-  // An array of frame info ranges on the way from a root to the current range.
+  // An array of frame info ranges on the path from a root to the current range.
   struct Array {
     uint64_t next;
     uint64_t end;
@@ -165,21 +166,21 @@ bool ReferenceWalk<Action>::header() {
   for (const size_t field :
        {offsetof(symb_header_v1, os), offsetof(symb_header_v1, arch),
         offsetof(symb_header_v1, debug_id), offsetof(symb_header_v1, debug_file)}) {
-    if (!take(field)) return false;
+    if (!visit(field)) return false;
   }
-  // One of the two alone stays a raw offset.
+  // Only one of these two is relocated.
   constexpr size_t kCodeId = offsetof(symb_header_v1, code_id);
   constexpr size_t kCodeFile = offsetof(symb_header_v1, code_file);
-  if (field(kCodeId) != 0 && field(kCodeFile) != 0 && !(take(kCodeId) && take(kCodeFile))) {
+  if (field(kCodeId) != 0 && field(kCodeFile) != 0 && !(visit(kCodeId) && visit(kCodeFile))) {
     return false;
   }
   for (const size_t field : {offsetof(symb_header_v1, string_table), kFiles.offset_field,
                              offsetof(symb_header_v1, functions), kPublics.offset_field,
                              offsetof(symb_header_v1, windows_frame_info),
                              kInitialRules.offset_field, kDeltaRules.offset_field}) {
-    if (!take_if_set(field)) return false;
+    if (!visit_if_set(field)) return false;
   }
-  return !symb_has_sections(version_) || take_if_set(offsetof(symb_header_v2, sections));
+  return !symb_has_sections(version_) || visit_if_set(offsetof(symb_header_v2, sections));
 }
 
 template <typename Action>
@@ -189,7 +190,7 @@ bool ReferenceWalk<Action>::table(const Table& table) {
   uint64_t at;
   if (!records(table.offset_field, count, table.record_size, &at)) return false;
   for (uint64_t i = 0; i < count; ++i, at += table.record_size) {
-    if (!take(at + table.reference)) return false;
+    if (!visit(at + table.reference)) return false;
   }
   return true;
 }
@@ -212,9 +213,9 @@ bool ReferenceWalk<Action>::functions() {
 template <typename Action>
 bool ReferenceWalk<Action>::function(uint64_t at) {
   uint32_t line_count;
-  if (!take(at + offsetof(symb_func, name)) ||
+  if (!visit(at + offsetof(symb_func, name)) ||
       !number(at + offsetof(symb_func, line_count), &line_count) ||
-      (line_count != 0 && !take_if_set(at + offsetof(symb_func, lines)))) {
+      (line_count != 0 && !visit_if_set(at + offsetof(symb_func, lines)))) {
     return false;
   }
   return !symb_has_inlines(version_) || inline_names(at);
@@ -227,16 +228,16 @@ bool ReferenceWalk<Action>::inline_names(uint64_t at) {
   if (count == 0) return true;
   constexpr size_t kInlines = offsetof(symb_func_inline, inlines);
   uint64_t site;
-  if (!take_if_set(at + kInlines) || !records(at + kInlines, count, sizeof(symb_inline), &site)) {
+  if (!visit_if_set(at + kInlines) || !records(at + kInlines, count, sizeof(symb_inline), &site)) {
     return false;
   }
   for (uint32_t i = 0; i < count; ++i, site += sizeof(symb_inline)) {
-    if (!take(site + offsetof(symb_inline, name))) return false;
+    if (!visit(site + offsetof(symb_inline, name))) return false;
   }
   return true;
 }
 
-// Roots are walked by their count alone; a table that is not there cannot hold them.
+// Roots are walked by their count. Fails if there is no table to hold them.
 template <typename Action>
 bool ReferenceWalk<Action>::frame_info_roots() {
   constexpr size_t kRecord = sizeof(symb_nested_window_frame_info);
@@ -253,14 +254,14 @@ bool ReferenceWalk<Action>::frame_info_roots() {
   return true;
 }
 
-// Takes the `map` of a range or root and puts its array on the path.
+// Visits the `map` of a range or root and pushes its array on the path.
 template <typename Action>
 bool ReferenceWalk<Action>::enter_map(uint64_t owner) {
   constexpr size_t kMap = offsetof(symb_nested_window_frame_info, map);
   constexpr size_t kRecord = sizeof(symb_nested_window_frame_info);
   uint64_t count;
   uint64_t first;
-  if (!take(owner + kMap) ||
+  if (!visit(owner + kMap) ||
       !number(owner + offsetof(symb_nested_window_frame_info, map_count), &count) ||
       !records(owner + kMap, count, kRecord, &first)) {
     return false;
@@ -269,10 +270,10 @@ bool ReferenceWalk<Action>::enter_map(uint64_t owner) {
   return true;
 }
 
-// Visits the ranges of the arrays on the path, each range before those that it contains, without
-// recursion: nesting is as deep as the file wants it to be. An array that contains itself ends the
-// walk, since no reference is taken twice; arrays that many ranges share could still make it very
-// long, so it visits no more ranges than the block has bytes.
+// Visits the ranges of the arrays on the path, outer ranges before inner ones. Not recursive,
+// because a file can nest ranges arbitrarily deep. An array that contains itself ends the walk,
+// because no reference is visited twice. Arrays shared by many ranges could still make the walk
+// very long, so it visits at most as many ranges as the block has bytes.
 template <typename Action>
 bool ReferenceWalk<Action>::ranges_entered() {
   while (!path_.empty()) {
@@ -290,7 +291,7 @@ bool ReferenceWalk<Action>::ranges_entered() {
 
 template <typename Action>
 bool ReferenceWalk<Action>::window_frame_info(uint64_t at) {
-  if (!take_if_set(at + offsetof(symb_nested_window_frame_info, wfi.program_string))) return false;
+  if (!visit_if_set(at + offsetof(symb_nested_window_frame_info, wfi.program_string))) return false;
   if (field(at + offsetof(symb_nested_window_frame_info, map)) == 0 ||
       field(at + offsetof(symb_nested_window_frame_info, map_count)) == 0) {
     return true;

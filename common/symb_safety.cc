@@ -14,9 +14,9 @@
 namespace symforge_internal {
 namespace {
 
-// Where strings of a block may begin, and how long they can be. A string is never longer than the
-// run of bytes without a NUL that it begins in, so it is enough to find the long runs; most of the
-// block is not read for that.
+// Positions and maximal lengths of the strings of a block. A string is no longer than the run of
+// non-NUL bytes in which it begins, so it suffices to find the long runs, which does not need to
+// read most of the block.
 class StringBounds {
  public:
   StringBounds(const char* block, uint64_t size) {
@@ -26,13 +26,13 @@ class StringBounds {
     find_long_runs(block);
   }
 
-  // Whether the string at `offset` ends inside the block, within kMaxStringBytes.
+  // Whether the string at `offset` ends inside the block and within kMaxStringBytes.
   bool accepts(uint64_t offset) const {
     return offset < end_ && (long_runs_.empty() || size_bound(offset) <= kMaxStringBytes);
   }
   bool accepts_or_none(uint64_t offset) const { return offset == 0 || accepts(offset); }
 
-  // At least the size of the string at `offset`: exact for long ones.
+  // An upper bound of the size of the string at `offset`; exact for long ones.
   uint64_t size_bound(uint64_t offset) const {
     const auto ends_before = [](const Run& run, uint64_t at) { return run.end <= at; };
     const auto run = std::lower_bound(long_runs_.begin(), long_runs_.end(), offset, ends_before);
@@ -47,7 +47,7 @@ class StringBounds {
     uint64_t end;  // the NUL after it
   };
 
-  // A run of this length shows as a window without a NUL.
+  // A run of this length contains a window without a NUL.
   void find_long_runs(const char* block) {
     uint64_t begin = 0;
     while (end_ - begin > kCommonStringBytes) {
@@ -62,7 +62,7 @@ class StringBounds {
     }
   }
 
-  uint64_t end_ = 0;  // strings begin below this
+  uint64_t end_ = 0;  // strings begin below this offset
   std::vector<Run> long_runs_;
 };
 
@@ -86,7 +86,7 @@ class SafetyCheck {
     return count == 0 || symb_holds(size_, offset, count, sizeof(Record));
   }
 
-  // Whether a table lies in the block and `record_is_safe` holds for each of its records.
+  // Whether a table is inside the block and `record_is_safe` is true for each of its records.
   template <typename Record, typename Check>
   bool records(uint64_t offset, uint64_t count, Check record_is_safe) const {
     if (!holds<Record>(offset, count)) return false;
@@ -96,8 +96,8 @@ class SafetyCheck {
     return true;
   }
 
-  // Adds the size of an array that belongs to one record. All together have to fit in the block:
-  // arrays that many records share would make the check as long as its author wants.
+  // Adds the size of an array that belongs to one record. The sum must not exceed the block: arrays
+  // shared by many records could make the check arbitrarily long.
   bool takes_array(uint64_t count, size_t record_size) {
     array_bytes_ += count * record_size;
     return array_bytes_ <= size_;
@@ -120,7 +120,7 @@ class SafetyCheck {
   uint64_t size_;
   StringBounds strings_;
   symb_header_v1 header_{};
-  uint64_t longest_path_ = 0;  // bound of the names of files
+  uint64_t longest_path_ = 0;  // upper bound of the names of files
   uint64_t array_bytes_ = 0;
 };
 
@@ -135,7 +135,7 @@ bool SafetyCheck::files() {
 }
 
 bool SafetyCheck::functions() {
-  if (header_.functions == 0) return true;  // not looked at
+  if (header_.functions == 0) return true;  // not used by lookups
   return symb_has_inlines(header_.md.version) ? function_table<symb_func_inline>()
                                               : function_table<symb_func>();
 }
@@ -161,23 +161,23 @@ bool SafetyCheck::inlines(uint64_t offset, uint32_t count) {
   if (count > kMaxInlineSites || !takes_array(count, sizeof(symb_inline))) return false;
   const auto name_is_safe = [this](const symb_inline& site) { return strings_.accepts(site.name); };
   if (!records<symb_inline>(offset, count, name_is_safe)) return false;
-  // So few sites cannot nest too deep.
+  // So few sites cannot be nested too deep.
   const bool few = strings_.all_are_common() &&
                    count <= kMaxInlinePathBytes / (kCommonStringBytes + longest_path_);
   return few || inline_paths(offset, count);
 }
 
-// Whether lookups find the sites in the order of nesting, without sorting.
+// Whether the sites are in pre-order, so that lookups need not sort them.
 bool SafetyCheck::is_in_order(uint64_t offset, uint32_t count) const {
   NestedRangeStack nesting;
   for (uint32_t i = 0; i < count; ++i) {
     const auto site = load<symb_inline>(offset + i * sizeof(symb_inline));
-    if (nesting.add(site.address, site.size) == NestedRangeStack::Place::kOutOfOrder) return false;
+    if (nesting.add(site.address, site.size) == NestedRangeStack::Result::kOutOfOrder) return false;
   }
   return true;
 }
 
-// Whether the inline frames at each address are small enough.
+// Whether the inline frames at each address are within the limit.
 bool SafetyCheck::inline_paths(uint64_t offset, uint32_t count) const {
   if (count > kMaxUnorderedInlineSites && !is_in_order(offset, count)) return false;
   std::vector<RangeNesting<uint64_t>::Range> ranges;
@@ -200,13 +200,13 @@ bool SafetyCheck::inline_paths(uint64_t offset, uint32_t count) const {
 }
 
 bool SafetyCheck::publics() const {
-  if (!symb_has_inlines(header_.md.version)) return true;  // not looked at
+  if (!symb_has_inlines(header_.md.version)) return true;  // not used by lookups
   return records<symb_public>(
       header_.public_functions, header_.public_function_count,
       [this](const symb_public& symbol) { return strings_.accepts(symbol.name); });
 }
 
-// The roots of the two types that lookups search.
+// Checks the roots of the two types that lookups search.
 bool SafetyCheck::frame_info() {
   constexpr uint64_t kFpo = 0, kFrameData = 4;
   if (header_.windows_frame_info == 0) return true;
@@ -221,7 +221,7 @@ bool SafetyCheck::frame_info() {
   return true;
 }
 
-// Without recursion; the sum of all arrays ends a walk in a cycle.
+// Not recursive. The sum of all arrays ends a walk into a cycle.
 bool SafetyCheck::frame_info_tree(uint64_t root) {
   constexpr size_t kRecord = sizeof(symb_nested_window_frame_info);
   struct Array {
@@ -272,8 +272,8 @@ bool SafetyCheck::rules() const {
          (!ordered || rules_in_ranges());
 }
 
-// Whether the rules that apply in each range fit into one lookup, where both tables are in order.
-// (Elsewhere the lookup has to stop by itself.) Texts are read only where there are many.
+// Whether the rules that apply in each range are within the limit of one lookup, if both tables are
+// in order; otherwise the lookup enforces it. Texts are only read where there are many.
 bool SafetyCheck::rules_in_ranges() const {
   constexpr uint64_t kFew = kMaxRuleCost / (kRuleTextCost + kRuleCost + kCommonStringBytes);
   const auto delta_at = [this](uint64_t i) {

@@ -1,4 +1,4 @@
-// Whether lookups may be asked of a SYMB block that comes from outside.
+// Checks that lookups are safe on a SYMB block from an untrusted source.
 
 #pragma once
 
@@ -6,14 +6,14 @@
 
 namespace symforge_internal {
 
-// True if every lookup on the block reads nothing outside of its `size` bytes and keeps to the
-// limits of common/lookup_limits.h. Less is demanded than by symb_validate(): any version, any
-// alignment, tables in any order and place; what no lookup reads is not looked at. The block is
+// Returns true if every lookup on the block reads only its `size` bytes and stays within the limits
+// of common/lookup_limits.h. Requires less than symb_validate(): the version, alignment, order and
+// position of tables are arbitrary, and data that lookups do not use are not checked. The block is
 // only read.
 //
-// Time is linear in the number of records, but n log n for functions with a thousand and more
-// inline sites that are out of order. Line records are not visited, and most strings are not read.
-// Memory is constant, but for such functions and for strings of more than kCommonStringBytes.
+// Takes linear time in the number of records, and n log n for functions with a thousand or more
+// unordered inline sites. Does not read line records and most strings. Memory is constant except
+// for such functions and for strings of more than kCommonStringBytes.
 bool symb_check_safety(const char* block, uint64_t size);
 
 }  // namespace symforge_internal

@@ -12,16 +12,15 @@ namespace {
 
 constexpr uint64_t kHashBits = 0xFFFFFFFF00000000;
 
-// ---- Sorting. Whole words of 8 bytes are compared as numbers; only strings that agree in a word
-// go on to the next one. Names of a program share long prefixes, so this saves most of the
-// comparing.
+// ---- Sorting. Words of 8 bytes are compared as numbers, and only strings with equal words go on
+// to the next word. Names of a program share long prefixes, so this saves most of the comparisons.
 
 struct SortKey {
-  uint64_t word;  // the 8 bytes at the current depth, the first one highest
+  uint64_t word;  // the 8 bytes at the current depth, big-endian
   uint32_t string;
 };
 
-// Bytes behind the end count as zeros, which no string holds: a prefix comes first.
+// Bytes after the end count as 0, which no string contains, so a prefix sorts first.
 uint64_t word_at(std::string_view text, size_t depth) {
   uint64_t word = 0;
   if (depth < text.size()) {
@@ -32,7 +31,7 @@ uint64_t word_at(std::string_view text, size_t depth) {
 
 bool ends_in(uint64_t word) { return (word & 0xFF) == 0; }
 
-// Part of the keys whose strings agree up to `depth`.
+// Keys whose strings are equal up to `depth`.
 struct Run {
   size_t begin;
   size_t end;
@@ -59,7 +58,7 @@ class StringSorter {
   }
 
  private:
-  // Sorts by the words at the run's depth; adds the parts that are still equal to `runs`.
+  // Sorts by the words at the run's depth. Appends the groups that are still equal to `runs`.
   void sort(const Run& run, std::vector<Run>& runs) {
     const auto begin = keys_.begin() + static_cast<ptrdiff_t>(run.begin);
     const auto end = keys_.begin() + static_cast<ptrdiff_t>(run.end);
@@ -72,14 +71,14 @@ class StringSorter {
       std::sort(begin, end, [](const SortKey& a, const SortKey& b) { return a.word < b.word; });
     }
     for (auto first = begin; first != end;) {
-      auto behind = first + 1;
-      while (behind != end && behind->word == first->word) ++behind;
-      // Distinct strings that agree in a word in which they end do not exist.
-      if (behind - first > 1 && !ends_in(first->word)) {
+      auto run_end = first + 1;
+      while (run_end != end && run_end->word == first->word) ++run_end;
+      // Distinct strings cannot be equal in the word in which they end.
+      if (run_end - first > 1 && !ends_in(first->word)) {
         runs.push_back({static_cast<size_t>(first - keys_.begin()),
-                        static_cast<size_t>(behind - keys_.begin()), run.depth + 8});
+                        static_cast<size_t>(run_end - keys_.begin()), run.depth + 8});
       }
-      first = behind;
+      first = run_end;
     }
   }
 
@@ -107,7 +106,7 @@ void SymbStrings::add(std::string_view text) {
   references_.push_back(static_cast<uint32_t>(distinct_.size() - 1));
 }
 
-// Slots go by the part of the hash that they keep, so that growing touches no string.
+// Slots are chosen by the part of the hash that they store, so growing does not read the strings.
 void SymbStrings::grow_index() {
   std::vector<uint64_t> grown(std::max<size_t>(1024, index_.size() * 2));
   const size_t mask = grown.size() - 1;

@@ -1,5 +1,5 @@
-// Conversions between SYMB and the text of a symbol file in a TextBuffer: symb_read() and
-// symb_write() of symb.h without a copy of the text. Internal to the project.
+// Conversions between SYMB and text in a TextBuffer: symb_read() and symb_write() of symb.h without
+// copies of the text. Internal to the project.
 
 #pragma once
 
@@ -10,16 +10,16 @@
 
 namespace symforge_internal {
 
-// symb_write() that takes ownership of the text and parses it in place. The text ends at its first
-// NUL, if there is one.
+// As symb_write() in symb.h, but takes ownership of the text and parses it in place. The text ends
+// at its first NUL, if there is one.
 bool symb_write(TextBuffer symbol_data, char** out_buffer, size_t* out_buffer_size);
 
-// The form of a text symbol file: that of the default mode, with I lines, or the published one,
-// with INLINE lines, which any reader of Breakpad's format understands.
+// The dialect of a text symbol file: that of the default mode, with I lines, or the published one,
+// with INLINE lines, which all readers of the Breakpad format understand.
 enum class TextDialect { kDefault, kStandard };
 
-// symb_read() that appends to `out`. The block is only read. `text_limit`: how much text is made of
-// a block of that size; what would be more fails. On false, `out` is unchanged.
+// As symb_read() in symb.h, but appends to a TextBuffer. Fails if the text would exceed
+// `text_limit` for a block of that size. On failure, `out` is unchanged.
 bool symb_read(const char* block, size_t size, TextBuffer& out,
                TextDialect dialect = TextDialect::kDefault,
                const Limit& text_limit = limits::kTextOfSymb);

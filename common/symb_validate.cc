@@ -1,4 +1,4 @@
-// The full check of a SYMB block that came from outside: see symb_validate in common/symb.h.
+// The full validation of an untrusted SYMB block: see symb_validate in common/symb.h.
 
 #include <cstring>
 #include <string_view>
@@ -15,12 +15,13 @@ constexpr uint64_t kAlignment = 8;              // of every table
 constexpr uint64_t kAddressLimit = 1ull << 32;  // no range ends above this
 constexpr uint64_t kFrameInfoTypes = 5;
 
-// Which parts of a block belong to a table already, in units of the alignment.
+// The parts of a block that tables occupy, in units of the alignment.
 class ClaimedParts {
  public:
   explicit ClaimedParts(uint64_t size) : words_(size / kAlignment / 64 + 1) {}
 
-  // False if any unit of the part is taken. The part lies in the block, its ends on whole units.
+  // Marks a part as occupied. Returns false if any unit is occupied already. The part must be
+  // inside the block and consist of whole units.
   bool claim(uint64_t offset, uint64_t bytes) {
     uint64_t unit = offset / kAlignment;
     const uint64_t end = unit + bytes / kAlignment;
@@ -40,7 +41,7 @@ class ClaimedParts {
   std::vector<uint64_t> words_;
 };
 
-// Lets ranges pass that are disjoint, ascending and within 32 bits.
+// Accepts only disjoint, ascending ranges below 4 GiB.
 class AscendingRanges {
  public:
   bool add(uint32_t base, uint32_t size) {
@@ -67,20 +68,21 @@ class Validator {
     return symb_load<T>(block_ + at);
   }
 
-  // Whether a table lies in the block, aligned, and shares nothing with another. Claims its place.
+  // Whether a table is inside the block, aligned, and does not overlap another. Claims its bytes.
   bool table(uint64_t offset, uint64_t count, size_t record_size) {
     if (!symb_holds(size_, offset, count, record_size)) return false;
     return count == 0 || (offset % kAlignment == 0 && claimed_.claim(offset, count * record_size));
   }
 
-  // Whether a string begins at `offset`. Its end is sure: the string table ends with a NUL.
+  // Whether a string begins at `offset`. The string table ends with a NUL, so the string does as
+  // well.
   bool string(uint64_t offset) const {
     if (offset < strings_ || offset >= strings_end_) return false;
     return offset == strings_ || block_[offset - 1] == '\0';
   }
   bool string_or_none(uint64_t offset) const { return offset == 0 || string(offset); }
 
-  // Whether a table is in order and `record_is_good` holds for each of its records.
+  // Whether a table is valid and `record_is_good` is true for each of its records.
   template <typename Record, typename Check>
   bool records(uint64_t offset, uint64_t count, Check record_is_good) {
     if (!table(offset, count, sizeof(Record))) return false;
@@ -103,12 +105,12 @@ class Validator {
   bool frame_info_range(const symb_nested_window_frame_info& range, int32_t type);
   bool rules();
 
-  // A frame info array that is being walked, and what its ranges have to fit into.
+  // A frame info array on the path, and the bounds of its ranges.
   struct Array {
     uint64_t next;
     uint64_t end;
-    uint64_t low;   // the next range begins at or above this
-    uint64_t high;  // and no range ends above this (inclusive)
+    uint64_t low;   // minimum of the next range's base
+    uint64_t high;  // maximum of a range's last address (inclusive)
   };
   bool enter_map(const symb_nested_window_frame_info& owner, uint64_t low, uint64_t high);
   bool walk_frame_info(int32_t type);
@@ -189,13 +191,13 @@ bool Validator::lines(uint64_t offset, uint32_t count) {
       offset, count, [&](const symb_line& line) { return order.add(line.address, line.size); });
 }
 
-// The sites have to nest as the lookup wants to find them. An empty site, or one that repeats the
-// range before it without being deeper by 1, is what no writer writes.
+// Sites must nest as lookups expect. Writers produce no empty site, and no site that repeats the
+// range before it without being deeper by 1.
 bool Validator::inlines(uint64_t offset, uint32_t count) {
   NestedRangeStack nesting;
   return records<symb_inline>(offset, count, [&](const symb_inline& site) {
     return string(site.name) && uint64_t{site.address} + site.size <= kAddressLimit &&
-           nesting.add(site.address, site.size, site.caller) == NestedRangeStack::Place::kInside;
+           nesting.add(site.address, site.size, site.caller) == NestedRangeStack::Result::kNested;
   });
 }
 
@@ -219,7 +221,7 @@ bool Validator::frame_info() {
                                                 });
 }
 
-// Puts the array inside a range on the path. Both fields are 0 when there is none.
+// Pushes the array inside a range on the path. Both fields are 0 if there is none.
 bool Validator::enter_map(const symb_nested_window_frame_info& owner, uint64_t low, uint64_t high) {
   constexpr size_t kRecord = sizeof(symb_nested_window_frame_info);
   if (owner.map == 0) return owner.map_count == 0;
@@ -228,8 +230,8 @@ bool Validator::enter_map(const symb_nested_window_frame_info& owner, uint64_t l
   return true;
 }
 
-// Checks the ranges of the arrays on the path and all below them, without recursion: nesting is as
-// deep as the file wants it to be. No array is met twice, since each claims its place.
+// Validates the ranges of the arrays on the path and everything inside them. Not recursive, because
+// a file can nest ranges arbitrarily deep. Each array claims its bytes, so none is visited twice.
 bool Validator::walk_frame_info(int32_t type) {
   while (!path_.empty()) {
     Array& array = path_.back();
@@ -257,7 +259,7 @@ bool Validator::run_frame_info(uint64_t range_at, uint64_t strtbl_end) {
       block_[strtbl_end - 1] != '\0' || range_at % kAlignment != 0) {
     return false;
   }
-  strings_ = sizeof(symb_header_metadata);  // where the table begins is not known here
+  strings_ = sizeof(symb_header_metadata);  // the offset of the string table is not known here
   strings_end_ = strtbl_end;
   const auto range = load<symb_nested_window_frame_info>(range_at);
   return claimed_.claim(range_at, kRecord) && frame_info_range(range, range.wfi.type) &&

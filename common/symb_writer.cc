@@ -1,6 +1,6 @@
-// From text to a SYMB image: the resolver's module parses the text, then its containers are walked
-// twice in the same order, once to measure the image and collect its strings, once to lay it down.
-// The containers' orders are what makes the image's tables sorted.
+// Converts text to a SYMB image: the resolver's module parses the text, then its containers are
+// traversed twice in the same order, first to measure the image and collect its strings, then to
+// write it. The containers are sorted, and so are the image's tables.
 
 #include <algorithm>
 #include <cstring>
@@ -32,10 +32,10 @@ bool has_code_id(const SymbHeaderLines& info) {
   return !info.code_id.empty() && !info.code_file.empty();
 }
 
-// Calls `visit(high, range, record)` for each range of a STACK WIN tree, a range before those that
-// it contains. `enter(owner_record, ranges)` comes before the ranges directly inside one and gives
-// the place of their records, `owner_record` being that of the range around them. Without
-// recursion: nesting is as deep as the text wants it to be.
+// Calls `visit(high, range, record)` for each range of a STACK WIN tree, outer ranges before inner
+// ones. Before the ranges directly inside one, calls `enter(owner_record, ranges)` with the record
+// of the outer range; it returns the position of their records. Not recursive, because a text can
+// nest ranges arbitrarily deep.
 template <typename Record, typename Enter, typename Visit>
 void walk_stack_win(Record* root, const StackWinRanges& top, Enter enter, Visit visit) {
   struct Level {
@@ -61,17 +61,17 @@ void walk_stack_win(Record* root, const StackWinRanges& top, Enter enter, Visit 
   }
 }
 
-// One image. measure() and write() visit the same records in the same order, which is what gives
-// each reference its string.
+// Writes one image. measure() and write() visit the records in the same order, which associates
+// each reference with its string.
 class ImageWriter {
  public:
   ImageWriter(const SymbHeaderLines& info, const Module& module) : info_(info), module_(module) {}
 
-  // The exact size of the image in bytes.
+  // Returns the exact size of the image in bytes.
   uint64_t measure();
 
-  // Lays the image down in `file_base`, a block of that size that holds zeros, aligned to 8.
-  // Returns the position behind the last byte written.
+  // Writes the image to `file_base`, a zeroed block of that size, aligned to 8. Returns the end of
+  // the last byte written.
   char* write(char* file_base);
 
  private:
@@ -92,7 +92,7 @@ class ImageWriter {
 
   uint64_t position() const { return static_cast<uint64_t>(file_ptr_ - file_base_); }
 
-  // Takes the place for `count` records.
+  // Allocates `count` records.
   template <typename Record>
   Record* reserve(size_t count) {
     Record* records = reinterpret_cast<Record*>(file_ptr_);
@@ -104,7 +104,7 @@ class ImageWriter {
   const Module& module_;
   SymbStrings strings_;
   char* file_base_ = nullptr;
-  char* file_ptr_ = nullptr;  // where the next block goes
+  char* file_ptr_ = nullptr;  // position of the next block
   symb_header_v2* header_ = nullptr;
 };
 
@@ -263,7 +263,7 @@ void ImageWriter::write_publics() {
   }
 }
 
-// All ranges inside one lie together, and their array is placed before any of them is looked into.
+// The ranges inside one are adjacent, and their array is allocated before any of them is visited.
 void ImageWriter::write_stack_win() {
   const Module::StackWinMaps& trees = module_.WinFrameInfo();
   header_->v1.windows_frame_info = position();
@@ -333,7 +333,7 @@ bool symb_write(TextBuffer text, char** out_buffer, size_t* out_buffer_size) {
   SymbHeaderLines info;
   char* const symbol_data = text.data();
   if (!sym_info_parse(symbol_data, info)) return false;
-  Module module("foo");  // a name that goes nowhere: no resolver knows the module
+  Module module("foo");  // any name: the module does not belong to a resolver
   module.LoadMapInPlace(symbol_data, std::strlen(symbol_data) + 1);
   if (info.os.empty() || info.arch.empty()) return false;
 

@@ -30,10 +30,10 @@ constexpr std::string_view kFile = "FILE ", kInlineOrigin = "INLINE_ORIGIN ", kF
                            kInit = "INIT ";
 constexpr char kWhitespace[] = " \r\n";
 
-// Replaces a missing name. Never written, but handed out like a position in a line.
+// Stands in for a missing name. Never written, but returned like a pointer into a line.
 char omitted[] = "<omitted>";
 
-// The order of the sizes on a STACK WIN line.
+// The order of the size fields on a STACK WIN line.
 constexpr uint32_t StackWinSizes::*kStackWinSizes[] = {
     &StackWinSizes::prolog_size,    &StackWinSizes::epilog_size,
     &StackWinSizes::parameter_size, &StackWinSizes::saved_register_size,
@@ -43,15 +43,15 @@ constexpr uint32_t StackWinSizes::*kStackWinSizes[] = {
 
 bool is_line_end(char c) { return c == '\n' || c == '\r' || c == '\0'; }
 
-// The rest of a line after one blank, which must not be empty: a missing text has a meaning of its
-// own in most kinds of lines.
+// The rest of a line after one blank. It must not be empty: missing text has a special meaning in
+// most kinds of lines.
 bool rest_of_line(NumberCursor& cursor, const char* end, std::string_view* rest) {
   if (!cursor.blank() || cursor.at() >= end) return false;
   *rest = {cursor.at(), static_cast<size_t>(end - cursor.at())};
   return true;
 }
 
-// The mark of folded symbols, "m" as a word of its own.
+// Consumes the optional flag "m" (multiple), which marks folded symbols.
 bool optional_multiple(NumberCursor& cursor) {
   if (cursor.at()[0] != 'm' || cursor.at()[1] != ' ') return false;
   return cursor.chr('m') && cursor.blank();
@@ -67,8 +67,8 @@ bool blank_and_hex(NumberCursor& cursor, Number* value) {
 
 // ---- For parse() --------------------------------------------------------------------------------
 
-// Tokenize for a line that may begin with the mark "m", which `max_tokens` counts. A missing last
-// field is no error: it becomes "<omitted>".
+// Tokenizes a line that may begin with the flag "m", which `max_tokens` includes. A missing last
+// field is accepted as "<omitted>".
 bool tokenize_with_multiple(char* line, int max_tokens, std::vector<char*>* tokens) {
   if (!Tokenize(line, kWhitespace, 2, tokens)) return false;
   const bool is_multiple = strcmp(tokens->front(), "m") == 0;
@@ -84,21 +84,21 @@ bool tokenize_with_multiple(char* line, int max_tokens, std::vector<char*>* toke
   return true;
 }
 
-// An address or size, which may be anything but the largest value (also the result of an overflow).
+// Parses an address or size: any value except the largest, which is also the result of an overflow.
 bool parse_hex64(const char* token, uint64_t* value) {
   char* after = nullptr;
   *value = strtoull(token, &after, 16);
   return is_valid_after_number(after) && *value != ULLONG_MAX;
 }
 
-// A number that may be neither negative nor the largest value.
+// Parses a number that is neither negative nor the largest value.
 bool parse_count(const char* token, int base, long* value) {
   char* after = nullptr;
   *value = strtol(token, &after, base);
   return is_valid_after_number(after) && *value >= 0 && *value != LONG_MAX;
 }
 
-// A number of an I line: only one that is out of range is refused.
+// Parses a number of an I line, which fails only if it is out of range.
 template <typename Number>
 bool parse_lenient(const char* token, int base, Number* value) {
   errno = 0;
@@ -276,7 +276,8 @@ bool parse(char* line, char* end, InlineFields* fields) {
       !parse_lenient(tokens[4], 16, &fields->caller)) {
     return false;
   }
-  // Where the splitting would go on: after the fifth number and one blank, or at the line's end.
+  // Where tokenizing would continue: after the fifth number and one blank, or at the end of the
+  // line.
   fields->name = position;
   return true;
 }
@@ -357,7 +358,7 @@ void split_stack_line(char* line, char* end, char** platform, char** stack_info)
   *platform = line + kStack.size();
   *platform += strspn(*platform, " ");
   char* word_end = *platform + strcspn(*platform, kWhitespace);
-  // A line that ends with the word has an empty rest; the next line is never touched.
+  // If the line ends with the word, its rest is empty; the next line is not read.
   *stack_info = word_end == end ? end : word_end + 1;
   *word_end = '\0';
 }
@@ -464,7 +465,7 @@ bool parse(char* stack_info, char* end, StackCFIFields* fields) {
 }
 
 std::string join_cfi_rules(std::string_view rules, std::string_view changes) {
-  // A rule is a word that ends in a colon and the words up to the next such word.
+  // A rule is a word that ends with a colon, and the words up to the next such word.
   std::vector<std::pair<std::string_view, std::string>> joined;
   std::unordered_map<std::string_view, size_t> index;
   for (std::string_view rest : {rules, changes}) {

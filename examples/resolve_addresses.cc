@@ -1,29 +1,29 @@
 // resolve_addresses SYMBOL_FILE [LOAD_ADDRESS]
 //
-// A host of the resolver in one file: loads the symbols of one module and answers questions about
-// code addresses, so that a program in any language can use the resolver through a pipe.
+// A complete host of the resolver in one file: loads the symbols of one module and resolves code
+// addresses, so that programs in any language can use the resolver through a pipe.
 //
-// SYMBOL_FILE is a text symbol file or a SYMB file; LOAD_ADDRESS (hexadecimal, 0 if left out) is
-// where the module lies in memory. Standard input holds absolute addresses in hexadecimal, with or
-// without "0x", one a line. Each is answered on standard output by one JSON object on one line,
-// flushed before the next address is read:
+// SYMBOL_FILE is a text symbol file or a SYMB file. LOAD_ADDRESS (hexadecimal, default 0) is where
+// the module is loaded. Standard input has one absolute address per line, in hexadecimal with or
+// without "0x". For each, one line with a JSON object is written to standard output and flushed
+// before the next address is read:
 //
-//   address, function_base, source_line_base   numbers, absolute addresses (0: not known)
-//   function_name, source_file_name            strings ("": not known)
-//   source_line                                number (0: not known)
+//   address, function_base, source_line_base   numbers, absolute addresses (0: unknown)
+//   function_name, source_file_name            strings ("": unknown)
+//   source_line                                number (0: unknown)
 //   inlines             array of {name, source_file_name, source_line}, innermost first; filled
 //                       from SYMB files
 //   windows_frame_info  null, or {type, valid, prolog_size, epilog_size, parameter_size,
 //                       saved_register_size, local_size, max_stack_size, allocates_base_pointer,
-//                       program_string}: numbers but for the last two, a bool and a string
-//   cfi                 null, or {cfa_rule, ra_rule, register_rules}, the last one an object of
-//                       register name to rule
+//                       program_string}: numbers except the last two, a bool and a string
+//   cfi                 null, or {cfa_rule, ra_rule, register_rules}, the last one an object that
+//                       maps register names to rules
 //
-// Numbers are decimal and may need all 64 bits. Strings are UTF-8: a byte of a symbol file that is
-// not part of a well-formed UTF-8 sequence comes out as U+FFFD, the replacement character.
+// Numbers are decimal and may need all 64 bits. Strings are UTF-8: a byte that is not part of a
+// well-formed UTF-8 sequence is replaced by U+FFFD, the replacement character.
 //
-// A line that is no address is answered by {"error": "..."}; an empty line is not answered. Log
-// lines go to standard error. Exit status: 0 at the end of the input, 1 when the symbols cannot be
+// The result for a line that is not an address is {"error": "..."}. Empty lines are skipped. Log
+// lines go to standard error. Exit status: 0 at the end of the input, 1 if the symbols cannot be
 // loaded, 2 for wrong arguments.
 
 #include <algorithm>
@@ -46,7 +46,7 @@ using google_breakpad::WindowsFrameInfo;
 
 namespace {
 
-// The one module of this program. Only its place and its names matter to the resolver.
+// The only module of this program. The resolver uses its address and names only.
 class LoadedModule : public CodeModule {
  public:
   LoadedModule(std::string file, uint64_t base) : file_(std::move(file)), base_(base) {}
@@ -67,7 +67,7 @@ class LoadedModule : public CodeModule {
   uint64_t base_;
 };
 
-// The length of the well-formed UTF-8 sequence at the start of `text`, 0 if there is none.
+// Returns the length of the well-formed UTF-8 sequence at the start of `text`, 0 if there is none.
 size_t utf8_length(std::string_view text) {
   const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
   const unsigned char first = byte(0);
@@ -77,8 +77,7 @@ size_t utf8_length(std::string_view text) {
   for (size_t i = 1; i < length; ++i) {
     if ((byte(i) & 0xc0) != 0x80) return 0;
   }
-  // Second bytes that would spell a longer form of a shorter sequence, a surrogate, or a code point
-  // above U+10FFFF.
+  // Second bytes that make an overlong encoding, a surrogate, or a code point above U+10FFFF.
   const unsigned char second = byte(1);
   if (first == 0xe0 && second < 0xa0) return 0;
   if (first == 0xed && second > 0x9f) return 0;
@@ -87,7 +86,7 @@ size_t utf8_length(std::string_view text) {
   return length;
 }
 
-// One JSON object, written member by member.
+// Builds one JSON object, member by member.
 class JsonObject {
  public:
   explicit JsonObject(std::string& out) : out_(out) { out_ += '{'; }
@@ -96,7 +95,7 @@ class JsonObject {
   void signed_number(std::string_view key, int value) { this->key(key) += std::to_string(value); }
   void boolean(std::string_view key, bool value) { this->key(key) += value ? "true" : "false"; }
   void string(std::string_view key, std::string_view value) { quote(value, this->key(key)); }
-  // The text to which the caller appends the member's value.
+  // Starts a member. The caller appends its value to the returned text.
   std::string& key(std::string_view key) {
     if (!first_) out_ += ", ";
     first_ = false;
@@ -175,7 +174,7 @@ void append_cfi(const CFIFrameInfo* info, std::string& out) {
   object.end();
 }
 
-// The symbols of the module, and the block that SYMB symbols are used in.
+// The symbols of the module, and the SYMB block they may be stored in.
 class Symbols {
  public:
   Symbols(const std::string& file, uint64_t load_address) : module_(file, load_address) {}
@@ -185,8 +184,8 @@ class Symbols {
     size_t size = 0;
     if (!google_breakpad::BasicSourceLineResolver::ReadSymbolFile(file, &data, &size)) return false;
     data_.reset(data);
-    // Lookups trust a SYMB block, so one from outside is checked once. The NUL behind the file's
-    // contents, which the size counts, is no part of the block.
+    // Lookups trust a SYMB block, so validate one from an untrusted source once. The size includes
+    // the NUL after the file's contents, which is not part of the block.
     if (strncmp(data, "SYMB", 4) == 0 &&
         !symb_validate(reinterpret_cast<uint64_t>(data), size - 1)) {
       std::cerr << file << ": damaged SYMB file\n";
@@ -220,7 +219,7 @@ class Symbols {
 
  private:
   LoadedModule module_;
-  std::unique_ptr<char[]> data_;  // outlives the resolver's symbols, which may lie in it
+  std::unique_ptr<char[]> data_;  // outlives the resolver, whose symbols may point into it
   google_breakpad::BasicSourceLineResolver resolver_;
 };
 

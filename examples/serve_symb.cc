@@ -1,15 +1,15 @@
 // serve_symb SYMB_FILE [LOAD_ADDRESS [THREADS]]: a symbol server for one module.
 //
-// Maps a SYMB file read-only, checks it, and answers questions about addresses from a pool of
-// threads (4 by default). Questions come on standard input, one hexadecimal absolute address a
-// line; LOAD_ADDRESS, hexadecimal too, is where the module is loaded (0 by default, so that
-// addresses are relative to the image). Answers come on standard output in the order of the
-// questions, a line each, with a tab between the fields: the address, the function, file and line,
-// then "function file:line" of each inline frame, the innermost first. What is not known is "?".
+// Maps a SYMB file read-only, validates it, and resolves addresses on a pool of threads (4 by
+// default). Standard input has one hexadecimal absolute address per line. LOAD_ADDRESS, also
+// hexadecimal, is where the module is loaded; with the default of 0, addresses are relative to the
+// image. Standard output has one line per input line, in the same order, with fields separated by
+// tabs: the address, function, file and line, then "function file:line" of each inline frame,
+// innermost first. Unknown values are "?".
 //
-// What it shows: one mapping and one resolver serve any number of threads without a lock, since
-// lookups only read; the block needs no parsing and no memory of the process; a block from outside
-// is given to the resolver only after symb_validate() has passed it.
+// The example shows three properties. One mapping and one resolver serve any number of threads
+// without locks, because lookups only read. SYMB needs no parsing and no private memory. A block
+// from an untrusted source must pass symb_validate() before the resolver uses it.
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -42,7 +42,7 @@ namespace {
 
 constexpr uint64_t kMostThreads = 256;
 
-// A whole file, mapped read-only; empty when that failed.
+// Maps a whole file read-only. Empty on failure.
 class MappedFile {
  public:
   explicit MappedFile(const char* path) {
@@ -73,7 +73,7 @@ class MappedFile {
   size_t size_ = 0;
 };
 
-// The module that a validated SYMB block describes, at a load address.
+// The module described by a validated SYMB block, at a load address.
 class SymbModule : public CodeModule {
  public:
   SymbModule(const char* block, uint64_t base_address)
@@ -82,7 +82,7 @@ class SymbModule : public CodeModule {
         base_address_(base_address) {}
 
   uint64_t base_address() const override { return base_address_; }
-  uint64_t size() const override { return 0; }  // not told by the file; the resolver does not ask
+  uint64_t size() const override { return 0; }  // not in the file; the resolver does not use it
   std::string code_file() const override { return string(header_->code_file); }
   std::string code_identifier() const override { return string(header_->code_id); }
   std::string debug_file() const override { return string(header_->debug_file); }
@@ -94,7 +94,7 @@ class SymbModule : public CodeModule {
   bool is_unloaded() const override { return false; }
 
  private:
-  // A reference of 0 means that there is no such string.
+  // A reference of 0 means that the string is absent.
   std::string string(uint64_t reference) const { return reference == 0 ? "" : block_ + reference; }
 
   const char* block_;
@@ -102,13 +102,13 @@ class SymbModule : public CodeModule {
   uint64_t base_address_;
 };
 
-// Runs jobs on a fixed number of threads, in the order in which they were given.
+// Runs jobs on a fixed number of threads, started in the order of submission.
 class ThreadPool {
  public:
   explicit ThreadPool(uint64_t threads) {
     for (uint64_t i = 0; i < threads; ++i) threads_.emplace_back([this] { work(); });
   }
-  // Finishes all jobs first.
+  // Waits for all jobs.
   ~ThreadPool() {
     {
       const std::lock_guard lock(mutex_);
@@ -150,8 +150,8 @@ class ThreadPool {
   std::vector<std::thread> threads_;
 };
 
-// Prints answers in the order of the questions, whenever the next one is ready. At most
-// kMostPending are on the way: a fast questioner waits.
+// Prints answers in the order of the queries, as soon as each is ready. At most kMostPending
+// queries are pending; reading the input blocks at that limit.
 class OrderedPrinter {
  public:
   ~OrderedPrinter() {
@@ -176,7 +176,7 @@ class OrderedPrinter {
   void print() {
     std::unique_lock lock(mutex_);
     while (true) {
-      if (answers_.empty()) std::fflush(stdout);  // the questioner may be waiting for it
+      if (answers_.empty()) std::fflush(stdout);  // the client may be waiting for it
       changed_.wait(lock, [this] { return closed_ || !answers_.empty(); });
       if (answers_.empty()) return;
       std::future<std::string> answer = std::move(answers_.front());
@@ -195,11 +195,11 @@ class OrderedPrinter {
   std::thread thread_{[this] { print(); }};
 };
 
-std::string place(const std::string& file, int line) {
+std::string position(const std::string& file, int line) {
   return file.empty() ? "?" : file + ":" + std::to_string(line);
 }
 
-// Called by many threads at once.
+// Called concurrently.
 std::string answer(BasicSourceLineResolver& resolver, const CodeModule& module,
                    const std::string& question) {
   StackFrame frame;
@@ -211,22 +211,22 @@ std::string answer(BasicSourceLineResolver& resolver, const CodeModule& module,
   std::snprintf(address, sizeof(address), "0x%" PRIx64, frame.instruction);
   std::string text = address;
   text += "\t" + (frame.function_name.empty() ? "?" : frame.function_name);
-  text += "\t" + place(frame.source_file_name, frame.source_line);
+  text += "\t" + position(frame.source_file_name, frame.source_line);
   for (const StackFrame::Inline& site : frame.inlines) {
-    text += "\t" + site.name + " " + place(site.source_file_name, site.source_line);
+    text += "\t" + site.name + " " + position(site.source_file_name, site.source_line);
   }
   return text + "\n";
 }
 
 void serve(BasicSourceLineResolver& resolver, const CodeModule& module, uint64_t threads) {
   OrderedPrinter printer;
-  ThreadPool pool(threads);  // ends first, so that every answer comes to be
+  ThreadPool pool(threads);  // destroyed first, so that all answers are printed
   for (std::string question; std::getline(std::cin, question);) {
     printer.add(pool.run([&, question] { return answer(resolver, module, question); }));
   }
 }
 
-// Whether `text` is a number of that base and nothing else.
+// Parses a number that is the whole of `text`.
 bool parse(const char* text, int base, uint64_t& number) {
   const char* end = text + std::strlen(text);
   return std::from_chars(text, end, number, base).ptr == end && text != end;
@@ -249,7 +249,7 @@ int main(int argc, char** argv) {
   }
   const SymbModule module(file.data(), load_address);
 
-  // The resolver keeps a pointer to the block and writes nothing to it.
+  // The resolver stores a pointer to the block and does not write to it.
   BasicSourceLineResolver resolver;
   if (!resolver.LoadModuleUsingMemoryBuffer(&module, file.data(), file.size())) return 1;
   serve(resolver, module, threads);

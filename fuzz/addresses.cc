@@ -7,8 +7,8 @@
 namespace fuzzing {
 namespace {
 
-// The next word of `line`, taken off it; empty at its end.
-std::string_view take_word(std::string_view& line) {
+// Removes the next word from `line` and returns it; empty at the end.
+std::string_view next_word(std::string_view& line) {
   line.remove_prefix(std::min(line.find_first_not_of(' '), line.size()));
   const std::string_view word = line.substr(0, line.find(' '));
   line.remove_prefix(word.size());
@@ -33,7 +33,7 @@ std::vector<uint64_t> addresses_in(std::string_view text) {
     text.remove_prefix(std::min(line.size() + 1, text.size()));
     std::optional<uint64_t> before;
     for (int i = 0; i < kWordsOfLine; ++i) {
-      const std::optional<uint64_t> number = hex_number(take_word(line));
+      const std::optional<uint64_t> number = hex_number(next_word(line));
       if (number) addresses.insert(addresses.end(), {*number - 1, *number});
       if (number && before)
         addresses.insert(addresses.end(), {*before + *number - 1, *before + *number});

@@ -1,4 +1,4 @@
-// What to ask a resolver about.
+// Addresses to look up in a fuzzed symbol file.
 
 #pragma once
 
@@ -8,8 +8,8 @@
 
 namespace fuzzing {
 
-// Addresses worth asking about: the hexadecimal numbers at the starts of lines and behind their
-// keywords, with their sums with the number that follows, and the neighbours of all these.
+// Collects hexadecimal numbers at the starts of lines and after their keywords, the sums of these
+// and the number that follows, and the neighbours of all of them.
 std::vector<uint64_t> addresses_in(std::string_view text);
 
 }  // namespace fuzzing

@@ -1,5 +1,5 @@
-// valicate_window_frame_info(): takes 8 bytes of input for its two offsets, the rest as the block.
-// What passes nests within the block, as a walk by hand sees it.
+// valicate_window_frame_info(): the first 8 bytes of input are its two offsets, the rest is the
+// block. An accepted range must be nested inside the block, as an independent traversal checks.
 
 #include <cstring>
 #include <memory>
@@ -14,7 +14,7 @@ namespace {
 
 using Range = symb_nested_window_frame_info;
 
-// Checks the ranges inside one, and returns how many there are in all.
+// Checks the ranges inside one range and returns their total number.
 uint64_t walk(std::string_view block, const Range& owner, uint64_t strings_end) {
   uint64_t count = owner.map == 0 ? 0 : owner.map_count;
   uint64_t next = owner.base;
@@ -37,7 +37,7 @@ uint64_t walk(std::string_view block, const Range& owner, uint64_t strings_end) 
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   constexpr size_t kOffsets = 2 * sizeof(uint32_t);
-  constexpr size_t kMaxBlock = 64 * 1024;  // the walk recurses
+  constexpr size_t kMaxBlock = 64 * 1024;  // the traversal is recursive
   if (size < kOffsets || size - kOffsets > kMaxBlock) return 0;
   uint32_t offsets[2];
   std::memcpy(offsets, data, sizeof offsets);

@@ -20,25 +20,25 @@
 #include "base/mapped_file.h"
 #include "symforge/src/StreamReader.h"
 
-extern "C" __attribute__((weak)) void __asan_init();  // there in builds with a sanitizer
+extern "C" __attribute__((weak)) void __asan_init();  // defined in builds with a sanitizer
 
 namespace fuzzing {
 namespace {
 
-// The assertions that a file can fail.
+// The assertions that input can violate.
 constexpr std::string_view kDocumentedAssertions[] = {
     "m_seqPageEnd > m_data",                      // a page number that wraps
-    "current_function != nullptr",                // an inline site outside of any function
-    "ok.second",                                  // unwind data that save one register twice
-    "fp_offset != INT32_MAX",                     // unwind data that never set their frame register
-    "number < uint64_t{m_indexPages} * m_items",  // a directory longer than its size
+    "current_function != nullptr",                // an inline site outside of a function
+    "ok.second",                                  // unwind data that save a register twice
+    "fp_offset != INT32_MAX",                     // unwind data that never set the frame register
+    "number < uint64_t{m_indexPages} * m_items",  // a directory longer than its declared size
 };
 
 sigjmp_buf run_start;
 size_t aborted = 0;
 bool left_mappings = false;
 
-// The heap that is in use by operator new, and its peak.
+// The heap memory in use by operator new, and its peak.
 std::atomic<size_t> heap_bytes = 0;
 std::atomic<size_t> heap_peak = 0;
 
@@ -62,8 +62,8 @@ void release(void* memory) {
   std::free(memory);
 }
 
-// Inputs are files in memory. What an aborted run has mapped of them is unmapped before the next
-// run: by then the target has destroyed its own objects.
+// Inputs are files in memory. Unmaps those that an aborted run has mapped before the next run; the
+// target has destroyed its own objects by then.
 void unmap_left_files() {
   using symforge_internal::MMapWrapper;
   std::ifstream maps("/proc/self/maps");
@@ -83,10 +83,10 @@ void unmap_left_files() {
   __builtin_trap();
 }
 
-// abort() raises its signal with all of its locks released, so that leaving by a jump is allowed.
+// abort() raises its signal after releasing its locks, so jumping out of the handler is safe.
 [[noreturn]] void leave_run(int) { siglongjmp(run_start, 1); }
 
-// Hands the two signals of a documented end to leave_run() while it lives.
+// Installs leave_run() for the two signals of documented exits while the object exists.
 class SignalScope {
  public:
   SignalScope() {
@@ -107,26 +107,26 @@ class SignalScope {
 
 }  // namespace
 
-End run_to_its_end(const std::function<void()>& conversion) {
+Outcome run_expecting_exit(const std::function<void()>& conversion) {
   if (std::exchange(left_mappings, false)) unmap_left_files();
   const SignalScope signals;
   if (sigsetjmp(run_start, /*savemask=*/1) != 0) {
     ++aborted;
     left_mappings = true;
-    return End::kAborted;
+    return Outcome::kAborted;
   }
   try {
     conversion();
   } catch (const symforge_internal::pdb_exception&) {
-    return End::kThrew;
+    return Outcome::kThrew;
   } catch (const symforge_internal::LimitExceeded&) {
-    return End::kThrew;
+    return Outcome::kThrew;
   } catch (const std::out_of_range&) {
-    return End::kThrew;
+    return Outcome::kThrew;
   } catch (const std::exception& e) {
     fault(e.what());
   }
-  return End::kReturned;
+  return Outcome::kReturned;
 }
 
 void bounded(const char* what, double seconds, size_t bytes, const std::function<void()>& call) {
@@ -149,7 +149,7 @@ void require(bool condition, const char* what) {
 
 }  // namespace fuzzing
 
-// In the place of the C++ library's, to count.
+// Replaces that of the C++ library in order to count.
 void* operator new(size_t size) { return fuzzing::allocate(size); }
 void* operator new[](size_t size) { return fuzzing::allocate(size); }
 void operator delete(void* memory) noexcept { fuzzing::release(memory); }
@@ -157,10 +157,10 @@ void operator delete[](void* memory) noexcept { fuzzing::release(memory); }
 void operator delete(void* memory, size_t) noexcept { fuzzing::release(memory); }
 void operator delete[](void* memory, size_t) noexcept { fuzzing::release(memory); }
 
-// Asked by the leak checker: what a run that was aborted has left behind is no leak of the program.
+// Called by the leak checker: what an aborted run did not free is not a leak of the program.
 extern "C" int __lsan_is_turned_off() { return fuzzing::aborted_runs() != 0; }
 
-// In the place of the C library's: an assertion that is no file's doing is a fault.
+// Replaces the C library's function: an assertion that input cannot violate is a fault.
 extern "C" void __assert_fail(const char* assertion, const char*, unsigned, const char*) noexcept {
   const auto& documented = fuzzing::kDocumentedAssertions;
   if (std::find(std::begin(documented), std::end(documented), assertion) == std::end(documented)) {

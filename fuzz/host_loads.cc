@@ -1,5 +1,5 @@
-// What a host does with a symbol file from outside, text or SYMB: loads it by name and from a
-// string, asks about it and unloads it. Everything has a cost to keep to.
+// A host with an untrusted symbol file, text or SYMB: loads it by name and from a string, runs
+// lookups and unloads it. Everything must stay within its limits.
 
 #include <algorithm>
 #include <cstring>
@@ -25,8 +25,7 @@ constexpr size_t kMebibyte = size_t{1} << 20;
 
 const test_support::TestModule code(0);
 
-// Every eighth text is made as long as a real one, by repetition: what costs more than it should
-// shows at that size.
+// Repeats every eighth text until it has a realistic size, at which excessive cost shows.
 std::string grown(std::string text) {
   if (text.empty() || text.size() % 8 != 0) return text;
   const std::string once = text;

@@ -1,6 +1,6 @@
-// One module as text and as a SYMB image answers alike, but for what the formats are documented to
-// differ in: addresses beyond 32 bits, inline frames, which only images know, the 16 bits of small
-// frame sizes, and the size of parameters where no STACK WIN line tells it.
+// Checks that lookups in a text and in its SYMB image return the same, except for documented
+// differences: addresses beyond 32 bits, inline frames (images only), frame sizes truncated to 16
+// bits, and parameter sizes where no STACK WIN line provides them.
 
 #include <algorithm>
 #include <memory>
@@ -26,7 +26,7 @@ void compare_frames(const Symbols& text, const Symbols& image, uint64_t address)
   require(a.source_file_name == b.source_file_name, "one file name");
   require(a.source_line == b.source_line, "one line");
   require(a.source_line_base == b.source_line_base, "one line base");
-  // Text answers inline frames from INLINE lines, images from all sites.
+  // Text returns inline frames for INLINE lines, images for all sites.
   if (a.inlines.empty()) return;
   require(a.inlines.size() == b.inlines.size(), "one number of inline frames");
   for (size_t i = 0; i < a.inlines.size(); ++i) {
@@ -36,8 +36,8 @@ void compare_frames(const Symbols& text, const Symbols& image, uint64_t address)
   }
 }
 
-// Whether a line holds what may be a number beyond 32 bits: more than eight hexadecimal digits, or
-// a minus sign. Identities may.
+// Whether a line may contain a number beyond 32 bits: more than eight hexadecimal digits, or a
+// minus sign. Identifiers may as well.
 bool may_hold_wide_number(std::string_view line) {
   constexpr std::string_view kDigits = "0123456789abcdefABCDEF";
   if (line.starts_with("MODULE ") || line.starts_with("INFO ")) return false;
@@ -86,7 +86,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (may_hold_wide_number_anywhere(text)) return 0;
   const auto image = test_support::image_of(text);
   if (!image || !test_support::is_valid(*image)) return 0;
-  // What an image is made of ends at the first NUL.
+  // The text of an image ends at the first NUL.
   const Symbols from_text(text.c_str());
   const Symbols from_image(*image);
   for (const uint64_t address : fuzzing::addresses_in(text)) {

@@ -1,6 +1,6 @@
-// A mutator for PDBs: takes the container apart, changes bytes of one stream (or puts a piece of
-// another into it), and lays the streams into a new container, so that what is broken is the
-// contents and not, each time, the container. Every third input is changed as plain bytes instead.
+// A mutator for PDBs: unpacks the container, changes bytes of one stream (or copies a part of
+// another stream into it), and packs the streams into a new container, so that mostly the contents
+// are damaged and not the container. One input in three is mutated as plain bytes instead.
 
 #include <algorithm>
 #include <cstring>
@@ -26,7 +26,8 @@ using Random = std::minstd_rand;
 
 constexpr size_t kHeader = 52;  // the list of index pages follows
 
-// The bytes of the pages that `list` numbers, cut to `size`. Fails by std::out_of_range.
+// Concatenates the pages numbered in `list` and truncates the result to `size`. Throws
+// std::out_of_range.
 std::string gather(const std::string& file, uint32_t page_size, std::string_view list,
                    uint32_t size) {
   if (size > file.size()) throw std::out_of_range("more than the file");
@@ -40,7 +41,7 @@ std::string gather(const std::string& file, uint32_t page_size, std::string_view
   return bytes;
 }
 
-Streams take_apart(const std::string& file) {
+Streams unpack(const std::string& file) {
   const uint32_t page_size = get_u32(file, 32);
   if (page_size < 64 || page_size > 4096 || page_size % 4 != 0)
     throw std::out_of_range("page size");
@@ -64,23 +65,24 @@ Streams take_apart(const std::string& file) {
 
 std::optional<Streams> streams_of(const std::string& file) {
   try {
-    return take_apart(file);
+    return unpack(file);
   } catch (const std::out_of_range&) {
     return std::nullopt;
   }
 }
 
-// Changes the stream as bytes: in place a short stretch of it, or whole, its length too.
+// Mutates the stream as bytes: either a short range in place, or the whole stream including its
+// length.
 void change_bytes(std::string& stream, Random& random) {
   const bool in_place = random() % 4 != 0 && !stream.empty();
   const size_t begin = in_place ? random() % stream.size() : 0;
-  const size_t room =
+  const size_t capacity =
       in_place ? std::min<size_t>(stream.size() - begin, 1 + random() % 32) : stream.size() + 64;
-  std::string part = stream.substr(begin, in_place ? room : std::string::npos);
+  std::string part = stream.substr(begin, in_place ? capacity : std::string::npos);
   const size_t size = part.size();
-  part.resize(room);
+  part.resize(capacity);
   auto* const bytes = reinterpret_cast<uint8_t*>(part.data());
-  const size_t changed = LLVMFuzzerMutate(bytes, size, room);
+  const size_t changed = LLVMFuzzerMutate(bytes, size, capacity);
   if (in_place) {
     stream.replace(begin, changed, part, 0, changed);
   } else {
@@ -88,7 +90,7 @@ void change_bytes(std::string& stream, Random& random) {
   }
 }
 
-// Puts a piece of `from` over or between the bytes of `to`, at a word like most records.
+// Copies a part of `from` over or between the bytes of `to`, at a multiple of 4 like most records.
 void splice(const std::string& from, std::string& to, Random& random) {
   if (from.empty()) return;
   const size_t begin = random() % from.size() & ~size_t{3};
@@ -97,7 +99,7 @@ void splice(const std::string& from, std::string& to, Random& random) {
   to.replace(at, random() % 2 == 0 ? piece.size() : 0, piece);
 }
 
-std::string put_together(Streams streams, Random& random) {
+std::string pack(Streams streams, Random& random) {
   constexpr uint32_t kPageSizes[] = {64, 128, 512, 4096};
   constexpr PageOrder kOrders[] = {PageOrder::kContiguous, PageOrder::kReversed,
                                    PageOrder::kInterleaved};
@@ -123,7 +125,7 @@ extern "C" size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t max
   } else {
     change_bytes(stream, random);
   }
-  const std::string changed = put_together(std::move(*streams), random);
+  const std::string changed = pack(std::move(*streams), random);
   if (changed.size() > max_size) return LLVMFuzzerMutate(data, size, max_size);
   std::memcpy(data, changed.data(), changed.size());
   return changed.size();

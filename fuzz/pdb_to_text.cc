@@ -1,5 +1,5 @@
-// A PDB to text, with inline sites, without, and in the standard format; pdb_debug_id() agrees
-// about what loads.
+// Converts a PDB to text with and without inline sites and in the standard format, and checks that
+// pdb_debug_id() accepts the same files.
 
 #include <memory>
 #include <string>
@@ -11,30 +11,30 @@
 
 using symforge_internal::TextBuffer;
 
-using fuzzing::End;
+using fuzzing::Outcome;
 using symforge_internal::PDBParser;
 
 namespace {
 
-End convert(const test_support::MemoryFile& pdb, bool inlines, std::string& debug_id) {
-  // Outside of the run: destroyed, and the file unmapped, also after a run that was aborted.
+Outcome convert(const test_support::MemoryFile& pdb, bool inlines, std::string& debug_id) {
+  // Outside of the run, so that it is destroyed and the file unmapped even if the run is aborted.
   PDBParser parser(inlines);
   TextBuffer text;
-  const End end = fuzzing::run_to_its_end([&] {
+  const Outcome outcome = fuzzing::run_expecting_exit([&] {
     parser.load(pdb.path(), nullptr, nullptr, text);
     debug_id = parser.debug_id();
     parser.printBreakpadSymbols(text, nullptr);
     fuzzing::require(text.view().starts_with("MODULE windows "), "a text begins with its module");
     fuzzing::require(text.view().ends_with('\n'), "a text is made of whole lines");
   });
-  return end;
+  return outcome;
 }
 
 void convertToStandard(const test_support::MemoryFile& pdb) {
   PDBParser parser(/*with_inlines=*/true);
   TextBuffer text;
   symforge_internal::StandardCounts counts;
-  fuzzing::run_to_its_end([&] {
+  fuzzing::run_expecting_exit([&] {
     parser.load(pdb.path(), nullptr, nullptr, text);
     parser.printStandardSymbols(text, counts);
     fuzzing::require(text.view().starts_with("MODULE windows "), "a text begins with its module");
@@ -47,7 +47,7 @@ void convertToStandard(const test_support::MemoryFile& pdb) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const test_support::MemoryFile pdb({reinterpret_cast<const char*>(data), size});
   std::string debug_id;
-  if (convert(pdb, true, debug_id) == End::kAborted) return 0;
+  if (convert(pdb, true, debug_id) == Outcome::kAborted) return 0;
   std::string without_inlines;
   convert(pdb, false, without_inlines);
   fuzzing::require(debug_id == without_inlines, "one identifier");

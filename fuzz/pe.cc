@@ -1,4 +1,5 @@
-// A PE image: its identity, and, beside a good PDB, its headers, sections and unwind data.
+// Reads a PE image: its identity, and, together with a valid PDB, its headers, sections and unwind
+// data.
 
 #include <optional>
 #include <string>
@@ -35,7 +36,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   PDBParser parser(true);
   TextBuffer text;
-  fuzzing::run_to_its_end([&] {
+  fuzzing::run_expecting_exit([&] {
     parser.load(good_pdb().path(), pe.path(), nullptr, text);
     parser.printBreakpadSymbols(text, nullptr);
   });

@@ -1,6 +1,6 @@
-// The address containers against simple models: RangeMap with each strategy for overlaps,
-// ContainedRangeMap at once and one by one, BlockMap with blocks that split and get empty. The
-// input is a list of 8-byte operations.
+// Compares the address containers with simple models: RangeMap with each strategy for overlaps,
+// ContainedRangeMap filled at once and one by one, BlockMap with blocks that split and become
+// empty. The input is a list of 8-byte operations.
 
 #include <algorithm>
 #include <array>
@@ -34,15 +34,15 @@ std::vector<Operation> operations_in(const uint8_t* data, size_t size) {
   return operations;
 }
 
-// Which operation covers each address, after storing one by one by the strategy.
+// The operation that covers each address, after storing them one by one with the strategy.
 class CoverageModel {
  public:
   static constexpr uint32_t kSpace = 1024;
 
   explicit CoverageModel(MergeRangeStrategy strategy) : strategy_(strategy) { owner_.fill(-1); }
 
-  // Each strategy in terms of single addresses. Of ranges with one base the lower one is undefined,
-  // so that such a range is refused, as is one of which nothing would be left.
+  // Each strategy by single addresses. Which of two ranges with the same base is the lower one is
+  // undefined, so such a range is rejected, and so is one that would become empty.
   bool store(uint32_t base, uint32_t size, int entry) {
     int first = -1;
     for (uint32_t at = base; at < base + size && first == -1; ++at) first = owner_[at];
@@ -115,7 +115,7 @@ void check_contained(const std::vector<Operation>& operations) {
   }
 }
 
-// An operation puts in or takes out a run of up to 255 keys.
+// An operation inserts or erases up to 255 consecutive keys.
 void check_block_map(const std::vector<Operation>& operations) {
   constexpr size_t kMany = 300;
   symforge_internal::BlockMap<uint32_t, int> map;

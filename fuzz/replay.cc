@@ -1,8 +1,8 @@
 // fuzz_TARGET [-m COUNT] [-o] FILE|FOLDER...
 //
-// The main of a fuzz target in every build without a fuzzing engine: runs the target on each file,
-// and on COUNT mutations of each, the same ones each time. A fault ends it behind the line that
-// names the file; with -o each mutation is written to ./fault first.
+// The main() of a fuzz target in builds without a fuzzing engine: runs the target on each file, and
+// on COUNT mutations of each, which are the same in every run. A fault ends the process after the
+// line with the name of the file. With -o each mutation is first written to ./fault.
 
 #include <unistd.h>
 
@@ -25,15 +25,15 @@ namespace fs = std::filesystem;
 std::minstd_rand engine;
 
 void run(const std::string& input) {
-  // A copy of exactly the input's size, so that a sanitizer sees what is read beyond.
+  // A copy of exactly the input's size, so that a sanitizer detects reads beyond it.
   const std::vector<uint8_t> bytes(input.begin(), input.end());
   LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
 }
 
 std::string mutated(const std::string& seed) {
-  constexpr size_t kRoomToGrow = 4096;
+  constexpr size_t kGrowth = 4096;
   std::string input = seed;
-  input.resize(seed.size() + kRoomToGrow);
+  input.resize(seed.size() + kGrowth);
   auto* const data = reinterpret_cast<uint8_t*>(input.data());
   const auto mutate = [&](size_t size) {
     return LLVMFuzzerCustomMutator != nullptr
@@ -68,7 +68,7 @@ std::vector<fs::path> files_in(const char* path) {
 
 }  // namespace
 
-// A byte changed, a stretch taken out or doubled, or a number put in.
+// Changes a byte, removes or duplicates a range, or inserts a number.
 extern "C" size_t LLVMFuzzerMutate(uint8_t* data, size_t size, size_t max_size) {
   constexpr uint32_t kNumbers[] = {0,      1,          0x7FFFFFFF, 0x80000000,
                                    0xFFFF, 0xFFFFFFFF, 0x10000,    0xFFFFFFF0};

@@ -1,5 +1,5 @@
-// Text to SYMB and back. The first trip may lose what the format does not carry; the second loses
-// nothing.
+// Converts text to SYMB and back, twice. The first round may lose what SYMB does not store; the
+// second must lose nothing.
 
 #include <algorithm>
 #include <cctype>
@@ -16,7 +16,7 @@ using test_support::text_of;
 
 namespace {
 
-// Whether the range that a line tells of is empty: what is left of a size of 4 GiB or more.
+// Whether the range on a line is empty: the truncation of a size of 4 GiB or more.
 bool has_empty_range(std::string_view line) {
   for (const std::string_view kind : {"FUNC ", "I ", "STACK CFI INIT ", "STACK WIN "}) {
     if (!line.starts_with(kind)) continue;
@@ -27,10 +27,10 @@ bool has_empty_range(std::string_view line) {
   return line.substr(std::min(line.find(' '), line.size())).starts_with(" 0 ");
 }
 
-// Whether a line of an image's text may change once more: an empty range is not read again, nor is
-// a line record or an inline record with a negative number, which is what is left of the number of
-// a line or a file beyond 31 bits; what stood behind a carriage return inside of the first line has
-// been read as a line of its own and may be cut where that line is written as the first one.
+// Whether a line of an image's text may change in the next round. An empty range is not parsed
+// again. Nor is a line or inline record with a negative number, the truncation of a line or file
+// number beyond 31 bits. Text after a carriage return inside the first line has been parsed as a
+// line of its own, and may be cut when that line becomes the first one.
 bool may_change_again(std::string_view line) {
   if (line.starts_with("MODULE ") || line.starts_with("INFO ")) return line.find('\r') != line.npos;
   const bool record = line.starts_with("I ") || line.starts_with("FILE ") ||
@@ -38,9 +38,8 @@ bool may_change_again(std::string_view line) {
   return has_empty_range(line) || (record && line.find(" -") != line.npos);
 }
 
-// Whether the size of a STACK WIN record may have been more than 32 bits wide and lost its high
-// ones: ranges that lay inside each other can be the same now, and the first one alone is read
-// again.
+// Whether the size of a STACK WIN record may have been truncated from more than 32 bits. Nested
+// ranges can then have become equal, and only the first of those is parsed again.
 bool may_have_been_cut(std::string_view line) {
   if (!line.starts_with("STACK WIN ")) return false;
   size_t digits = 0;
@@ -67,7 +66,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string input(reinterpret_cast<const char*>(data), size);
   const auto image = image_of(input);
   if (!image) return 0;
-  // I lines cannot say all that INLINE lines can: such a file comes back in the published form.
+  // I lines cannot express everything that INLINE lines can: such a file is converted back to the
+  // published form.
   const bool is_published =
       any_line(input, [](std::string_view line) { return line.starts_with("INLINE "); });
   const auto dialect = is_published ? TextDialect::kStandard : TextDialect::kDefault;
@@ -76,7 +76,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (any_line(*text, may_change_again) || any_line(input, may_have_been_cut)) return 0;
   const auto second_image = image_of(*text);
   require(second_image.has_value(), "its text has an identity");
-  // Addresses beyond 4 GiB were cut, and their tables may be out of order.
+  // Addresses beyond 4 GiB were truncated, so tables may be unsorted.
   if (!test_support::is_valid(*image)) return 0;
   require(test_support::is_valid(*second_image), "the image of such a text is good");
   const auto second_text = text_of(*second_image, dialect);

@@ -1,5 +1,6 @@
-// seeds FOLDER: writes the first inputs of every fuzz target to FOLDER/TARGET/, small files that
-// together hold every kind of record; made here and not kept, so that they follow the builders.
+// seeds DIRECTORY: writes the seed inputs of every fuzz target to DIRECTORY/TARGET/, small files
+// that together contain every kind of record. They are generated and not committed, so that they
+// follow the builders.
 
 #include <cstdio>
 #include <filesystem>
@@ -19,7 +20,7 @@ namespace {
 
 using namespace builders;
 
-// Modules with lines, nested inline sites, a thunk, types of many kinds, and public functions.
+// Adds modules with lines, nested inline sites, a thunk, types of many kinds, and public functions.
 void add_modules(PdbBuilder& pdb) {
   const uint32_t a = pdb.names.add("a.cc");
   const uint32_t h = pdb.names.add("b.h");
@@ -100,7 +101,7 @@ std::string image(bool pe32_plus) {
   return pe.build();
 }
 
-// A block after the offsets of a range with ranges inside and of the end of the strings.
+// A block with nested ranges, preceded by the offsets of a range and of the end of the strings.
 std::string frame_info() {
   SymbModel model;
   model.frame_info[4] = {{0, 99, "p", 0, {{0, 9, ""}, {10, 19, "q", 0, {{10, 11, ""}}}}}};
@@ -112,7 +113,7 @@ std::string frame_info() {
   return input.str() + block;
 }
 
-// Packed entries, and records with epilogs and without, on ARM64.
+// An ARM64 image with packed entries, and records with and without epilogs.
 std::string arm64_image() {
   PeBuilder pe;
   pe.machine(0xAA64).codeview({}, 1, "C:\\build\\a.pdb");

@@ -1,4 +1,4 @@
-// A SYMB image from outside: judged, then turned to text, and searched when it was found good.
+// An untrusted SYMB image: validates it, converts it to text, and if it is valid runs lookups.
 
 #include <cstring>
 #include <memory>
@@ -16,7 +16,7 @@ using symforge_internal::TextDialect;
 
 namespace {
 
-// An image in a block of exactly its size, as the functions get it.
+// An image in a block of exactly its size, as callers pass it.
 class Image {
  public:
   explicit Image(std::string_view bytes) : size_(bytes.size()), bytes_(new char[bytes.size()]) {
@@ -33,7 +33,7 @@ class Image {
   std::unique_ptr<char[]> bytes_;
 };
 
-// The image's words, and their sums: what addresses and the ends of ranges look like.
+// The words of the image and their sums, which are likely addresses and ends of ranges.
 std::set<uint64_t> words_of(std::string_view image) {
   constexpr size_t kEnough = 300;
   std::set<uint64_t> words = {0, UINT32_MAX, UINT64_MAX};

@@ -1,4 +1,4 @@
-// A text symbol file into the resolver, and every kind of question about it.
+// Loads a text symbol file into the resolver and runs every kind of lookup.
 
 #include <string_view>
 
@@ -8,7 +8,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string_view text(reinterpret_cast<const char*>(data), size);
-  if (text.starts_with("SYMB")) return 0;  // not looked at before it is used: see symb.cc
+  if (text.starts_with("SYMB")) return 0;  // not validated here: see symb.cc
   const test_support::Symbols symbols(text);
   for (const uint64_t address : fuzzing::addresses_in(text)) {
     const google_breakpad::StackFrame frame = symbols.frame(address);

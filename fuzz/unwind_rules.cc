@@ -1,12 +1,12 @@
-// A PE image of any machine: its unwind rules in the published format.
+// Converts the unwind data of a PE image of any machine to rules in the published format.
 
 #include <charconv>
 #include <string_view>
 
 #include "base/text_buffer.h"
 #include "fuzz/harness.h"
-#include "symforge/src/pe/unwind_rules.h"
 #include "symforge/src/pe/pe_image.h"
+#include "symforge/src/pe/unwind_rules.h"
 #include "tests/support/memory_file.h"
 
 using namespace symforge_internal;
@@ -18,7 +18,7 @@ constexpr CodeRange kFunctions[] = {{0x1000, 0x100}, {0x1080, 0x100}, {0x2000, 0
 constexpr std::string_view kInit = "STACK CFI INIT ";
 constexpr std::string_view kRow = "STACK CFI ";
 
-// Takes a hexadecimal number and the blank that follows it.
+// Parses a hexadecimal number and removes it and the blank after it from `line`.
 uint64_t number(std::string_view& line) {
   uint64_t value = 0;
   const auto result = std::from_chars(line.data(), line.data() + line.size(), value, 16);
@@ -28,7 +28,7 @@ uint64_t number(std::string_view& line) {
   return value;
 }
 
-// Rows ascend within their range.
+// Checks that rows ascend within their range.
 void check(std::string_view text) {
   uint64_t last = 0;
   uint64_t end = 0;

@@ -1,7 +1,8 @@
-// AddressMap: single addresses with nearest-below lookup.
+// AddressMap: entries at single addresses, with nearest-below lookup.
 //
-// Inserts and lookups are logarithmic, storing in ascending order is constant. Not safe for
-// concurrent changes; const operations are safe together when copying an EntryType is.
+// Inserting in ascending order takes constant time; other inserts and lookups are logarithmic.
+// Threads: const operations may run concurrently if EntryType can be copied concurrently; changes
+// need exclusive access.
 
 #pragma once
 
@@ -17,10 +18,10 @@ using symforge_internal::BlockMap;
 template <typename AddressType, typename EntryType>
 class AddressMap {
  public:
-  // Ordered by address; iteration gives (address, entry).
+  // Ordered by address. Iteration yields (address, entry).
   using AddressToEntryMap = BlockMap<AddressType, EntryType>;
 
-  // False, with a line in the log (see LogLimit), if `address` is taken: the first entry stays.
+  // Returns false if `address` exists already; the first entry is kept. Logs a line (see LogLimit).
   bool Store(const AddressType& address, const EntryType& entry) {
     if (map_.insert(address, entry)) return true;
     if (log_limit_.Admits()) {
@@ -29,8 +30,8 @@ class AddressMap {
     return false;
   }
 
-  // The entry at the highest stored address at or below `address`, and that address unless
-  // `entry_address` is null. False if there is none. `entry` must not be null.
+  // Copies the entry at the highest stored address that is not above `address`. `entry` must not be
+  // null; `entry_address` may be. Returns false if there is none.
   bool Retrieve(const AddressType& address, EntryType* entry, AddressType* entry_address) const {
     if (!entry) {
       SYMFORGE_LOG(ERROR) << "AddressMap::Retrieve requires |entry|";

@@ -1,13 +1,13 @@
-// BasicSourceLineResolver::Module: the symbols of one code module, from a text symbol file or in a
-// SYMB block.
+// BasicSourceLineResolver::Module: the symbols of one code module, parsed from text or in a SYMB
+// block.
 //
-// A text load (processor/text_module_loader.h) fills the containers below. Their records and
-// strings lie in one arena; entries are plain values and pointers, so that a lookup copies nothing
-// that is shared and several threads may look up at once.
+// Loading text (processor/text_module_loader.h) fills the containers below. Their records and
+// strings are stored in one arena. Entries are plain values and pointers, so a lookup shares no
+// mutable state and lookups can run concurrently.
 //
-// A SYMB load notes address and size of the block and reads nothing of it. Every lookup tests
-// `symb_loaded_` first and hands over to its counterpart with a B behind its name, which searches
-// the block's tables in place (processor/symb_lookups.cc).
+// Loading SYMB data only stores address and size of the block. Each lookup checks `symb_loaded_`
+// first and calls its variant with the suffix B, which searches the tables in place
+// (processor/symb_lookups.cc).
 
 #pragma once
 
@@ -32,12 +32,12 @@ using symforge_internal::BlockMap;
 
 struct BasicSourceLineResolver::InlineFunction : SourceLineResolverBase::InlineFunction {};
 
-// A function with its lines and inline sites. Both are in their final form: a text load settles
-// overlaps while it reads the function and then lays them down side by side.
+// A function with its lines and inline sites. Both arrays are final: overlaps are resolved while
+// the function is read, and the arrays are then stored one after the other.
 struct BasicSourceLineResolver::Function : SourceLineResolverBase::Function {
-  // Disjoint, in ascending order of address.
+  // Disjoint, ascending by address.
   std::span<const Line> lines() const { return {lines_, line_count_}; }
-  // Nested sites, each before what it contains, siblings in ascending order of address.
+  // In pre-order: each site precedes the sites inside it, siblings are ascending by address.
   std::span<const InlineFunction> inlines() const { return {inlines_, inline_count_}; }
 
   const Line* lines_ = nullptr;
@@ -46,7 +46,7 @@ struct BasicSourceLineResolver::Function : SourceLineResolverBase::Function {
   uint32_t inline_count_ = 0;
 };
 
-// A STACK WIN line without its range. All fields hold values (WindowsFrameInfo::VALID_ALL).
+// A STACK WIN line without its range. All fields are valid (WindowsFrameInfo::VALID_ALL).
 struct StackWinRecord : StackWinSizes {
   const char* program_string;  // empty if there is none
   int8_t type;                 // a WindowsFrameInfo::StackInfoTypes value
@@ -65,25 +65,25 @@ class BasicSourceLineResolver::Module : public SourceLineResolverBase::Module {
 
   explicit Module(const std::string& name) : name_(name) {}
 
-  // Takes text or, if it begins with "SYMB", a SYMB block. Text is changed by the load and may be
-  // released afterwards; a block must outlive the module. True always.
+  // Loads text or, if the data begins with "SYMB", a SYMB block. Text is modified and may be
+  // released afterwards. A block must outlive the module. Always returns true.
   bool LoadMapFromMemory(char* memory_buffer, size_t memory_buffer_size) override;
-  // The same, but the module's strings stay in the text: it must outlive the module and belongs to
-  // it until then.
+  // Like LoadMapFromMemory, but the module's strings point into the text, which must outlive the
+  // module and not be changed.
   bool LoadMapInPlace(char* memory_buffer, size_t memory_buffer_size);
   bool IsCorrupt() const override { return is_corrupt_; }
   void LookupAddress(StackFrame* frame) const override;
   WindowsFrameInfo* FindWindowsFrameInfo(const StackFrame* frame) const override;
   CFIFrameInfo* FindCFIFrameInfo(const StackFrame* frame) const override;
 
-  // The same on a SYMB block. The lookups find nothing unless one is loaded.
+  // Load and lookups for a SYMB block. The lookups find nothing unless one is loaded.
   virtual bool LoadMapFromMemoryB(char* memory_buffer, size_t memory_buffer_size);
   virtual void LookupAddressB(StackFrame* frame) const;
   virtual void LookupAddressBInline(StackFrame* frame) const;
   virtual WindowsFrameInfo* FindWindowsFrameInfoB(const StackFrame* frame) const;
   virtual CFIFrameInfo* FindCFIFrameInfoB(const StackFrame* frame) const;
 
-  // What a text load has filled.
+  // What loading text fills.
   const FileMap& Files() const { return files_; }                           // by number
   const FunctionMap& Functions() const { return functions_; }               // by last address
   const PublicMap& Publics() const { return public_symbols_; }              // by address

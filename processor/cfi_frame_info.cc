@@ -10,7 +10,7 @@ namespace {
 
 bool is_separator(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
 
-// The next token at or after `*at`, which moves to its end; empty at the end of the text.
+// Returns the next token at or after `*at`, which is set to its end; empty at the end of the text.
 std::string_view next_token(const char** at) {
   const char* begin = *at;
   while (is_separator(*begin)) ++begin;

@@ -1,8 +1,10 @@
-// CFIRuleParser: takes the text of a STACK CFI rule set apart into named rules.
+// CFIRuleParser: splits the text of a STACK CFI rule set into named rules.
 //
 // A rule set is a sequence of rules "NAME: EXPRESSION", such as
+//
 //   .cfa: $esp 4 + .ra: .cfa 4 - ^ $ebp: .cfa 8 - ^
-// Expressions are not evaluated; runs of blanks in them come out as one blank.
+//
+// Expressions are not evaluated. Runs of blanks in them become single blanks.
 
 #pragma once
 
@@ -16,7 +18,7 @@ namespace google_breakpad {
 
 class CFIRuleParser {
  public:
-  // What becomes of the rules.
+  // Receives the rules.
   class Handler {
    public:
     virtual ~Handler() = default;
@@ -28,29 +30,29 @@ class CFIRuleParser {
   // `handler` is not owned and must outlive the parser.
   explicit CFIRuleParser(Handler* handler) : handler_(handler) {}
 
-  // Hands each rule of `rule_set` to the handler, in order. False if the text is empty or has a
-  // rule without a name or without an expression; rules before the bad one were handed over.
+  // Passes each rule of `rule_set` to the handler, in order. Returns false if the text is empty or
+  // a rule lacks its name or expression; the rules before that one have been passed on.
   bool Parse(const std::string& rule_set);
 
  private:
   bool Report();
 
   Handler* handler_;
-  std::string name_;        // of the rule that is being gathered
-  std::string expression_;  // its text so far
+  std::string name_;        // of the current rule
+  std::string expression_;  // the expression so far
 };
 
-// Keeps the rule sets that one lookup applies within kMaxRuleCost (common/lookup_limits.h).
+// Limits the rule sets that one lookup applies to kMaxRuleCost (common/lookup_limits.h).
 class CFIRuleBudget {
  public:
-  // False if the text is too much.
+  // Returns false if `text` exceeds the limit.
   bool Take(std::string_view text);
 
  private:
   uint64_t taken_ = 0;
 };
 
-// Stores the rules in a CFIFrameInfo, which is not owned. A later rule replaces an earlier one.
+// Stores the rules in a CFIFrameInfo, which it does not own. A later rule replaces an earlier one.
 class CFIFrameInfoParseHandler : public CFIRuleParser::Handler {
  public:
   explicit CFIFrameInfoParseHandler(CFIFrameInfo* frame_info) : frame_info_(frame_info) {}

@@ -1,9 +1,9 @@
-// ContainedRangeMap: address ranges nested in one another.
+// ContainedRangeMap: nested address ranges.
 //
-// A range of size S at base B is inclusive: it covers B to B + S - 1, its `high`. Two ranges may be
-// disjoint, or one may lie in the other (a shared first or last address is no obstacle); a range
-// that would cut another in part is refused, as is one that is stored already. The result does not
-// depend on the order of storing: a wide range stored after its narrow ones takes them over.
+// A range of size S at base B covers B to B + S - 1, its inclusive `high`. Two ranges may be
+// disjoint, or one may contain the other (they may share a first or last address). A range that
+// partially overlaps another is rejected, and so is one that is stored already. A wide range may be
+// stored after the narrow ones inside it, which then become its children.
 //
 //   ContainedRangeMap<uint64_t, int> map;
 //   map.StoreRange(0x1000, 0x100, 1);
@@ -12,16 +12,18 @@
 //   map.RetrieveRange(0x1018, &entry);   // true, 2
 //   if (map.Map()) for (const auto& [high, range] : *map.Map()) visit(high, range->Base(), ...);
 //
-// Each range is a node with a map of the ranges directly inside it. Nodes come from an arena that
-// the map as a whole owns, so a range costs no allocation of its own, and destruction does not
-// recurse. Storing is logarithmic in the number of ranges at each level that is passed, and begins
-// where the way to the range stored last parts from the way to the new one, not at the outermost:
-// ranges that arrive in the order of nesting cost the same at any depth. In other orders a range
-// can cost as much as the depth of nesting, or as the number of ranges that it takes over;
-// StoreRanges() takes n log n for any order. Walks by hand should not recurse either: how deep
-// ranges nest is up to the input.
+// Each range is a node with a map of the ranges directly inside it. The nodes are stored in an
+// arena owned by the root, so a range needs no allocation of its own, and destruction is not
+// recursive.
 //
-// Not safe for concurrent changes; const operations are safe together when copying an EntryType is.
+// StoreRange() is logarithmic in the number of ranges at each level that it visits. It starts at
+// the deepest range shared by the paths to the last range and to the new one, so ranges stored in
+// pre-order cost the same at any depth. In other orders a range can cost as much as the nesting
+// depth, or the number of ranges that become its children. StoreRanges() takes O(n log n) for any
+// order. Code that traverses the tree should not recurse, because input determines the depth.
+//
+// Threads: const operations may run concurrently if EntryType can be copied concurrently; changes
+// need exclusive access.
 
 #pragma once
 
@@ -45,12 +47,12 @@ using symforge_internal::BlockMap;
 template <typename AddressType, typename EntryType>
 class ContainedRangeMap;
 
-// One range and the ranges inside it. Ranges do not know their own end: it is their key in the map
-// of the range around them.
+// One range and the ranges inside it. A range does not store its end, which is its key in the map
+// of its parent.
 template <typename AddressType, typename EntryType>
 class ContainedRange {
  public:
-  // Ordered by high; the ranges are disjoint and each lies inside the one that holds the map.
+  // Ordered by high. The ranges are disjoint and inside the range that owns the map.
   using AddressToRangeMap = BlockMap<AddressType, ContainedRange*>;
 
   ContainedRange(const AddressType& base, const EntryType& entry,
@@ -62,8 +64,8 @@ class ContainedRange {
   // The ranges directly inside this one; null if there are none.
   const AddressToRangeMap* Map() const { return map_.get(); }
 
-  // The entry of the narrowest range inside this one that holds `address`. False if there is none,
-  // or if more than `max_depth` ranges hold it. `entry` must not be null.
+  // Finds the narrowest range inside this one that contains `address`. Returns false if there is
+  // none, or if more than `max_depth` ranges contain it. `entry` must not be null.
   bool RetrieveRange(const AddressType& address, EntryType* entry,
                      size_t max_depth = SIZE_MAX) const {
     if (!entry) {
@@ -80,8 +82,8 @@ class ContainedRange {
     return true;
   }
 
-  // Appends to `entries` those of all ranges inside this one that hold `address`, the widest first.
-  // False if there are none.
+  // Appends the entries of all ranges inside this one that contain `address`, the widest first.
+  // Returns false if there are none.
   bool RetrieveRangeStack(const AddressType& address, std::vector<EntryType>& entries) const {
     const ContainedRange* range = ChildAt(address);
     if (range == nullptr) return false;
@@ -103,7 +105,7 @@ class ContainedRange {
   std::unique_ptr<AddressToRangeMap> map_;
 };
 
-// The root: a range over all addresses with the base 0 and an empty entry, which no lookup gives.
+// The root: a range over all addresses with base 0 and an empty entry, which lookups do not return.
 template <typename AddressType, typename EntryType>
 class ContainedRangeMap : public ContainedRange<AddressType, EntryType> {
  public:
@@ -114,15 +116,15 @@ class ContainedRangeMap : public ContainedRange<AddressType, EntryType> {
   ContainedRangeMap(const ContainedRangeMap&) = delete;
   ContainedRangeMap& operator=(const ContainedRangeMap&) = delete;
 
-  // False if the range is refused: empty, past the largest address, stored already, or cutting a
-  // stored one in part. A refused range leaves no trace.
+  // Returns false and changes nothing if the range is rejected: because it is empty, exceeds the
+  // largest address, is stored already, or partially overlaps a stored one.
   bool StoreRange(const AddressType& base, const AddressType& size, const EntryType& entry);
 
-  // An inclusive range: `high`, its last address, is not below `base`.
+  // An inclusive range: `high` is its last address and not less than `base`.
   using Extent = typename symforge_internal::RangeNesting<AddressType>::Range;
 
-  // Stores ranges one after the other in an empty map, with the result that StoreRange gives, in
-  // n log n time for any order. `entry_at(i)` returns the entry of extents[i].
+  // Stores ranges in an empty map, with the same result as StoreRange() one by one, in O(n log n)
+  // time for any order. `entry_at(i)` returns the entry of extents[i].
   template <typename EntryAt>
   void StoreRanges(const std::vector<Extent>& extents, EntryAt entry_at);
 
@@ -136,8 +138,7 @@ class ContainedRangeMap : public ContainedRange<AddressType, EntryType> {
  private:
   using Iterator = typename AddressToRangeMap::const_iterator;
 
-  // A step of the way down to the range stored last, or further down; a range knows its end only
-  // here.
+  // A step of the path to the range stored last. The end of a range is only stored here.
   struct Step {
     Range* range;
     AddressType high;
@@ -149,7 +150,7 @@ class ContainedRangeMap : public ContainedRange<AddressType, EntryType> {
     }
   };
 
-  // The nodes of all ranges, at addresses that stay, in blocks of doubling size.
+  // The nodes of all ranges, at stable addresses in blocks of doubling size.
   class NodeArena {
    public:
     template <typename... Args>
@@ -169,12 +170,12 @@ class ContainedRangeMap : public ContainedRange<AddressType, EntryType> {
     std::vector<std::vector<Range>> blocks_;
   };
 
-  size_t GoDown(AddressType base, AddressType high);
-  static std::unique_ptr<AddressToRangeMap> TakeOver(AddressToRangeMap& map, Iterator it,
-                                                     AddressType high);
+  size_t Descend(AddressType base, AddressType high);
+  static std::unique_ptr<AddressToRangeMap> ExtractContained(AddressToRangeMap& map, Iterator it,
+                                                             AddressType high);
 
   NodeArena nodes_;
-  // Ranges that arrive from the inside out are put in at the front, others at the end.
+  // Ranges stored from the inside out are inserted at the front, others at the end.
   std::deque<Step> path_;
 };
 
@@ -184,23 +185,23 @@ bool ContainedRangeMap<AddressType, EntryType>::StoreRange(const AddressType& ba
                                                            const EntryType& entry) {
   const AddressType high = base + size - 1;
   if (size == 0 || high < base) return false;
-  const size_t depth = GoDown(base, high);
+  const size_t depth = Descend(base, high);
   if (depth > 0 && path_[depth - 1].Is(base, high)) return false;
 
   Range* around = depth == 0 ? this : path_[depth - 1].range;
   if (!around->map_) around->map_ = std::make_unique<AddressToRangeMap>();
   AddressToRangeMap& map = *around->map_;
   const Iterator at_base = map.lower_bound(base);
-  if (at_base != map.end() && base > at_base.value()->base_) return false;  // cuts its upper part
+  if (at_base != map.end() && base > at_base.value()->base_) return false;  // crosses its end
   const Iterator at_high = map.lower_bound(high);
   const bool reaches_child = at_high != map.end() && high >= at_high.value()->base_;
-  if (reaches_child && high < at_high.key()) return false;  // cuts its lower part
+  if (reaches_child && high < at_high.key()) return false;  // crosses its base
 
   std::unique_ptr<AddressToRangeMap> inside;
-  if (at_base != at_high || reaches_child) inside = TakeOver(map, at_base, high);
+  if (at_base != at_high || reaches_child) inside = ExtractContained(map, at_base, high);
   Range* range = nodes_.create(base, entry, std::move(inside));
   map.insert(high, range);
-  // The way down goes through the new range; what lay on it below stays if it lies inside.
+  // The path leads through the new range. Steps below it are kept if they are inside it.
   const bool inside_new =
       depth < path_.size() && base <= path_[depth].range->Base() && path_[depth].high <= high;
   if (!inside_new) path_.resize(depth);
@@ -214,7 +215,7 @@ void ContainedRangeMap<AddressType, EntryType>::StoreRanges(const std::vector<Ex
                                                             EntryAt entry_at) {
   assert(!this->map_);
   symforge_internal::RangeNesting<AddressType> nesting;
-  std::vector<Step> open;  // the ranges around the present one
+  std::vector<Step> open;  // the ranges around the current one
   for (const uint32_t position : nesting.nest(extents)) {
     const auto [base, high] = extents[position];
     while (!open.empty() && open.back().high < base) open.pop_back();
@@ -226,10 +227,10 @@ void ContainedRangeMap<AddressType, EntryType>::StoreRanges(const std::vector<Ex
   }
 }
 
-// Makes the way down lead to the innermost range that holds [base, high], and returns how many
-// steps of it do. Steps behind these are part of the last way down, and are still right.
+// Descends to the innermost range that contains [base, high], and returns the number of steps of
+// the path up to it. The steps after these belong to the previous path and are still valid.
 template <typename AddressType, typename EntryType>
-size_t ContainedRangeMap<AddressType, EntryType>::GoDown(AddressType base, AddressType high) {
+size_t ContainedRangeMap<AddressType, EntryType>::Descend(AddressType base, AddressType high) {
   const auto holds = [&](const Step& step) { return step.Holds(base, high); };
   auto depth =
       static_cast<size_t>(std::partition_point(path_.begin(), path_.end(), holds) - path_.begin());
@@ -238,8 +239,8 @@ size_t ContainedRangeMap<AddressType, EntryType>::GoDown(AddressType base, Addre
     const Range* around = depth == 0 ? this : path_[depth - 1].range;
     if (!around->map_) return depth;
     const Iterator child = around->map_->lower_bound(base);
-    // The child's end is at or above `base`; it holds the range if its end is also at or above
-    // `high`.
+    // The end of the child is at or above `base`. The child contains the range if its end is also
+    // at or above `high`.
     if (child == around->map_->end() || child.key() < high || base < child.value()->base_) {
       return depth;
     }
@@ -249,10 +250,10 @@ size_t ContainedRangeMap<AddressType, EntryType>::GoDown(AddressType base, Addre
   }
 }
 
-// Moves the ranges from `it` on that end at or below `high` into a map of their own.
+// Moves the ranges from `it` on that end at or below `high` to a new map.
 template <typename AddressType, typename EntryType>
-auto ContainedRangeMap<AddressType, EntryType>::TakeOver(AddressToRangeMap& map, Iterator it,
-                                                         AddressType high)
+auto ContainedRangeMap<AddressType, EntryType>::ExtractContained(AddressToRangeMap& map,
+                                                                 Iterator it, AddressType high)
     -> std::unique_ptr<AddressToRangeMap> {
   auto inside = std::make_unique<AddressToRangeMap>();
   while (it != map.end() && it.key() <= high) {

@@ -38,15 +38,16 @@ void InlineCallGatherer::Convert(const BasicSourceLineResolver::Function& functi
   sites_.clear();
   BuildTree(function);
 
-  // Lines outside of the function stay: a file may have them, and no lookup sees them.
+  // Lines outside of the function are kept: files may contain them, and no lookup finds them.
   const Node& root = nodes_.front();
   for (const Line& line : lines) {
     if (line.address >= root.begin) break;
     own_lines_.push_back(line);
     own_lines_.back().size = std::min(line.size, root.begin - line.address);
   }
-  VisitParts(root, lines, [this](MemAddr begin, MemAddr end, const Place* place) {
-    if (place != nullptr) own_lines_.push_back({begin, end - begin, place->file, place->line});
+  VisitParts(root, lines, [this](MemAddr begin, MemAddr end, const SourcePosition* position) {
+    if (position != nullptr)
+      own_lines_.push_back({begin, end - begin, position->file, position->line});
   });
   for (const Line& line : lines) {
     if (line.address >= root.end) own_lines_.push_back(line);
@@ -57,7 +58,7 @@ void InlineCallGatherer::Convert(const BasicSourceLineResolver::Function& functi
       AddSites(nodes_[i], static_cast<uint32_t>(level - 1), lines);
     }
   }
-  // Outer sites before the sites inside them.
+  // Outer sites precede the sites inside them.
   std::sort(sites_.begin(), sites_.end(), [](const Site& a, const Site& b) {
     return std::tie(a.site.function_address, a.site.caller) <
            std::tie(b.site.function_address, b.site.caller);
@@ -82,8 +83,8 @@ void InlineCallGatherer::BuildTree(const BasicSourceLineResolver::Function& func
   }
 }
 
-// Adds the ranges of one depth, which are in order of their first addresses, as children of the
-// nodes of the level above.
+// Adds the ranges of one depth, ascending by first address, as children of the nodes of the level
+// above.
 void InlineCallGatherer::AddLevel(std::span<const Range> ranges, size_t first_parent,
                                   size_t end_parent) {
   size_t parent = first_parent;
@@ -92,7 +93,7 @@ void InlineCallGatherer::AddLevel(std::span<const Range> ranges, size_t first_pa
     const MemAddr begin = std::max(range.begin, last_end);
     while (parent < end_parent && nodes_[parent].end <= begin) ++parent;
     if (parent == end_parent) return;
-    // Only at depth 0 may a range begin before its parent, the function.
+    // Only at depth 0 may a range start before its parent, the function.
     const bool in_function = first_parent == 0;
     const MemAddr inside = in_function ? std::max(begin, nodes_[parent].begin) : begin;
     const MemAddr end = std::min(range.end, nodes_[parent].end);
@@ -110,8 +111,8 @@ void InlineCallGatherer::AddLevel(std::span<const Range> ranges, size_t first_pa
   }
 }
 
-// Calls `visit(begin, end, place)` for the parts of a node in ascending order: those of its
-// children with the places of the calls, and between them those of the lines. The place is null
+// Calls `visit(begin, end, position)` for the parts of a node in ascending order: its children with
+// the call positions, and the gaps between them with the positions of the lines. `position` is null
 // where there is no line.
 template <typename Visit>
 void InlineCallGatherer::VisitParts(const Node& node, std::span<const Line> lines,
@@ -127,8 +128,8 @@ void InlineCallGatherer::VisitParts(const Node& node, std::span<const Line> line
       if (begin < line_begin) visit(begin, line_begin, nullptr);
       if (!has_line) return;
       const MemAddr line_end = std::min(saturating_end(line->address, line->size), end);
-      const Place place = {line->source_file_id, line->line};
-      visit(line_begin, line_end, &place);
+      const SourcePosition position = {line->source_file_id, line->line};
+      visit(line_begin, line_end, &position);
       begin = line_end;
       ++line;
     }
@@ -137,7 +138,7 @@ void InlineCallGatherer::VisitParts(const Node& node, std::span<const Line> line
   for (uint32_t i = 0; i < node.child_count; ++i) {
     const Node& child = nodes_[node.first_child + i];
     visit_lines(at, child.begin);
-    visit(child.begin, child.end, &calls_[child.call].place);
+    visit(child.begin, child.end, &calls_[child.call].position);
     at = child.end;
   }
   visit_lines(at, node.end);
@@ -145,11 +146,11 @@ void InlineCallGatherer::VisitParts(const Node& node, std::span<const Line> line
 
 void InlineCallGatherer::AddSites(const Node& node, uint32_t depth, std::span<const Line> lines) {
   const size_t first = sites_.size();
-  VisitParts(node, lines, [&](MemAddr begin, MemAddr end, const Place* known) {
-    const Place place = known != nullptr ? *known : Place{kNoFile, 0};
+  VisitParts(node, lines, [&](MemAddr begin, MemAddr end, const SourcePosition* known) {
+    const SourcePosition position = known != nullptr ? *known : SourcePosition{kNoFile, 0};
     if (sites_.size() > first) {
       BasicSourceLineResolver::InlineFunction& last = sites_.back().site;
-      if (Place{last.file_id, last.source_line} == place) {
+      if (SourcePosition{last.file_id, last.source_line} == position) {
         last.code_size += end - begin;
         return;
       }
@@ -158,8 +159,8 @@ void InlineCallGatherer::AddSites(const Node& node, uint32_t depth, std::span<co
     added.origin = calls_[node.call].origin;
     added.site.function_address = begin;
     added.site.code_size = end - begin;
-    added.site.file_id = place.file;
-    added.site.source_line = place.line;
+    added.site.file_id = position.file;
+    added.site.source_line = position.line;
     added.site.caller = depth;
     added.site.name = nullptr;
   });

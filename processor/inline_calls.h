@@ -1,19 +1,20 @@
-// InlineCallGatherer: the INLINE lines of one function, turned into the records that lookups use.
+// InlineCallGatherer: converts the INLINE lines of one function to the records that lookups use.
 //
-// In the published text a function's line records hold the place of the innermost code, and an
-// INLINE line the place of the call in its caller. Lookups want it the other way round: a
-// function's own lines hold the place in the function itself (where a call was inlined, the place
-// of the call), and each inline site the place in its callee. So with calls nested in each other
+// In the published text a function's line records hold the position in the innermost code, and an
+// INLINE line the position of the call in its caller. Lookups need the inverse: a function's own
+// lines hold the position in the function itself (for inlined code that of the call), and each
+// inline site the position in its callee. For nested calls:
 //
-//   place in the function        = the call place of depth 0, or the line record
-//   place in the callee of depth d = the call place of depth d + 1, or the line record
+//   position in the function            = the call position of depth 0, or the line record
+//   position in the callee of depth d   = the call position of depth d + 1, or the line record
 //
-// Sites are cut where their place changes. A callee without a line record gets file -1 and line 0.
+// Sites are split where their position changes. A callee without a line record gets file -1 and
+// line 0.
 //
-// What counts of ranges that are not in order: of two at one depth that overlap, the second to
-// begin is cut at its front; a range outside of all ranges of the depth above is dropped, one that
-// leaves the range that it begins in is cut at its end; depth 0 is cut to the function. Time is O(n
-// log n) for n ranges and lines, memory O(n).
+// Invalid ranges are repaired: of two overlapping ranges of one depth, the second one loses its
+// start; a range outside of all ranges of the depth above is dropped; a range that exceeds the one
+// it starts in loses its end; ranges of depth 0 are clipped to the function. For n ranges and
+// lines, takes O(n log n) time and O(n) memory.
 
 #pragma once
 
@@ -29,19 +30,19 @@ namespace google_breakpad {
 class InlineCallGatherer {
  public:
   using Line = SourceLineResolverBase::Line;
-  // A site whose name is that of an INLINE_ORIGIN line, to be set in `site.name`.
+  // A site and the number of the INLINE_ORIGIN line with its name, which becomes `site.name`.
   struct Site {
     BasicSourceLineResolver::InlineFunction site;
     long origin;
   };
 
-  // Copies the fields.
+  // Adds one INLINE line. Copies the fields.
   void Store(const symforge_internal::InlineCallFields& fields);
   bool empty() const { return calls_.empty(); }
 
-  // Makes the function's own lines and its sites, both in their final order, of the gathered calls
-  // and of the function's line records, which are disjoint and ascending. The results are valid
-  // until the next call of an operation.
+  // Computes the function's own lines and its sites, both in final order, from the stored calls and
+  // the function's line records, which must be disjoint and ascending. The results are valid until
+  // the next call of a non-const member.
   void Convert(const BasicSourceLineResolver::Function& function, std::span<const Line> lines);
   const std::vector<Line>& own_lines() const { return own_lines_; }
   const std::vector<Site>& sites() const { return sites_; }
@@ -49,22 +50,22 @@ class InlineCallGatherer {
   void Clear();
 
  private:
-  struct Place {
+  struct SourcePosition {
     int32_t file;
     int32_t line;
-    bool operator==(const Place&) const = default;
+    bool operator==(const SourcePosition&) const = default;
   };
   struct Call {
-    Place place;
+    SourcePosition position;
     long origin;
   };
   struct Range {
     MemAddr begin;
     MemAddr end;  // exclusive
     uint32_t depth;
-    uint32_t call;  // index in calls_
+    uint32_t call;  // index into calls_
   };
-  // A range in its final form, or the function itself. The ranges directly inside it are adjacent.
+  // A repaired range, or the function itself. Its children are adjacent.
   struct Node {
     MemAddr begin;
     MemAddr end;
@@ -81,8 +82,8 @@ class InlineCallGatherer {
 
   std::vector<Call> calls_;
   std::vector<Range> ranges_;
-  std::vector<Node> nodes_;           // level by level, the function first
-  std::vector<size_t> level_starts_;  // in nodes_: where each level begins, and the end
+  std::vector<Node> nodes_;           // by level, the function first
+  std::vector<size_t> level_starts_;  // indexes into nodes_: the start of each level, and the end
   std::vector<Line> own_lines_;
   std::vector<Site> sites_;
 };

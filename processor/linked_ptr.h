@@ -1,25 +1,25 @@
-// linked_ptr: shared ownership without a count and without an allocation. For entries of the
-// address containers, which copy theirs, that are objects of their own; the resolver's entries are
+// linked_ptr: shared ownership without a reference count and without allocations. For objects
+// stored in the address containers, which copy their entries. The resolver's own entries are
 // values.
 //
-// All linked_ptrs to one object form a ring, a circular singly-linked list that runs through the
-// pointers themselves; the last one to leave the ring deletes the object. Copying and leaving walk
-// the ring, so both are linear in the number of owners: meant for objects with a handful of them.
+// All linked_ptrs to one object form a ring: a circular singly linked list through the pointers
+// themselves. The last one to leave deletes the object. Copying and destroying walk the ring, so
+// both are linear in the number of owners; intended for a few owners per object.
 //
-// Not safe for concurrent use in any form. Copying changes the ring of the pointer that is copied
-// *from*, also when that one is const.
+// Not safe for concurrent use in any form: copying modifies the ring of the source, even if that is
+// const.
 
 #pragma once
 
 namespace google_breakpad {
 
-// One pointer's place in the ring.
+// The link of one pointer in the ring.
 class linked_ptr_internal {
  public:
-  // Becomes a ring of one.
+  // Starts a ring of one member.
   void join_new() { next_ = this; }
 
-  // Joins the ring that `other` is part of.
+  // Joins the ring of `other`.
   void join(const linked_ptr_internal* other) {
     const linked_ptr_internal* last = other;
     while (last->next_ != other) last = last->next_;
@@ -27,8 +27,8 @@ class linked_ptr_internal {
     next_ = other;
   }
 
-  // Leaves the ring. True if this was its only member. The place itself must be joined anew before
-  // it is used again.
+  // Leaves the ring. Returns true if this was its only member. Must be joined again before further
+  // use.
   bool depart() {
     if (next_ == this) return true;
     const linked_ptr_internal* before = next_;
@@ -52,7 +52,7 @@ class linked_ptr {
 
   linked_ptr(const linked_ptr& other) { copy(&other); }
   template <typename U>
-  linked_ptr(const linked_ptr<U>& other) {  // NOLINT: implicit like the conversion of the pointers
+  linked_ptr(const linked_ptr<U>& other) {  // NOLINT: implicit, like the conversion of raw pointers
     copy(&other);
   }
   linked_ptr(linked_ptr&& other) noexcept {
@@ -82,7 +82,7 @@ class linked_ptr {
     return *this;
   }
 
-  // Gives up the object held so far and takes ownership of `ptr`.
+  // Releases the current object and takes ownership of `ptr`.
   void reset(T* ptr = nullptr) {
     leave();
     value_ = ptr;
@@ -93,7 +93,7 @@ class linked_ptr {
   T* operator->() const { return value_; }
   T& operator*() const { return *value_; }
 
-  // Gives up the object without deleting it, whether or not others own it too, and becomes null.
+  // Returns the object without deleting it and becomes null, even if there are other owners.
   T* release() {
     link_.depart();
     T* value = value_;

@@ -1,5 +1,4 @@
-// The resolver's log: one line a statement, on std::clog for information and on std::cerr for
-// errors.
+// The resolver's log: one line per statement, information to std::clog and errors to std::cerr.
 //
 //   SYMFORGE_LOG(ERROR) << "Could not open " << path;
 //
@@ -7,7 +6,7 @@
 //
 //   1605312000s: source_line_resolver_base.cc:186: ERROR: Could not open /tmp/a.sym
 //
-// and flushes. There are no locks: statements of two threads may interleave.
+// and flushes. There are no locks: the output of concurrent statements may interleave.
 
 #pragma once
 
@@ -17,7 +16,7 @@
 
 namespace google_breakpad {
 
-// One log line: the constructor writes its head, the call site streams the message into it, the
+// One log line: the constructor writes the prefix, the call site streams the message, the
 // destructor ends the line.
 class LogStream {
  public:
@@ -40,32 +39,31 @@ class LogStream {
   std::ostream& stream_;
 };
 
-// Gives a streamed message the type void, so that a conditional log statement is one expression:
+// Converts a streamed message to void, so that a conditional log statement is one expression:
 //   condition ? (void)0 : LogMessageVoidify() & LogStream(...) << "message"
 class LogMessageVoidify {
  public:
   void operator&(std::ostream&) {}
 };
 
-// Counts the messages of one kind, of which input decides how many there are.
+// Limits the number of messages of one kind, which input determines.
 //
 //   if (limit.Admits()) SYMFORGE_LOG(INFO) << ...;
 class LogLimit {
  public:
   static constexpr int kMaxMessages = 1000;
 
-  // Whether the next message is to be written. After the last one a line says that further ones are
-  // left out.
+  // Whether to write the next message. After the last one, logs that further ones are omitted.
   bool Admits();
 
  private:
   int messages_ = 0;
 };
 
-// The text of the current errno in `*error_string`; returns errno.
+// Stores the text of the current errno in `*error_string`; returns errno.
 int ErrnoString(std::string* error_string);
 
-// "0x" and the number in lower-case hexadecimal, unpadded.
+// Formats "0x" and the number in lower-case hexadecimal, unpadded.
 std::string HexString(unsigned long number);
 
 }  // namespace google_breakpad

@@ -1,4 +1,4 @@
-// ModuleFactory: how a resolver makes the modules that it loads.
+// ModuleFactory: creates the modules that a resolver loads.
 
 #pragma once
 
@@ -11,11 +11,11 @@ namespace google_breakpad {
 class ModuleFactory {
  public:
   virtual ~ModuleFactory() = default;
-  // A new, empty module that the caller owns.
+  // Returns a new, empty module that the caller owns.
   virtual SourceLineResolverBase::Module* CreateModule(const std::string& name) const = 0;
 };
 
-// Makes BasicSourceLineResolver::Module objects.
+// Creates BasicSourceLineResolver::Module objects.
 class BasicModuleFactory : public ModuleFactory {
  public:
   SourceLineResolverBase::Module* CreateModule(const std::string& name) const override;

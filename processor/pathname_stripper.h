@@ -1,4 +1,4 @@
-// PathnameStripper: the last component of a path of either system.
+// PathnameStripper: the last component of a Windows or Unix path.
 
 #pragma once
 
@@ -8,8 +8,8 @@ namespace google_breakpad {
 
 class PathnameStripper {
  public:
-  // What follows the last '/' or '\', whichever stands later; the path itself if it has neither.
-  // A path that ends in a separator gives the empty string.
+  // Returns the part after the last '/' or '\', or the whole path if it has neither. The result is
+  // empty if the path ends in a separator.
   static std::string File(const std::string& path);
 };
 

@@ -1,10 +1,11 @@
 // RangeMap: disjoint address ranges.
 //
-// A range of size S at base B is inclusive: it covers B to B + S - 1, its `high`. The key of a
-// range is its high, so that a lower bound on an address finds the one range that can hold it.
+// A range of size S at base B covers B to B + S - 1, its inclusive `high`. The map's key is the
+// high, so a lower bound of an address finds the only range that can contain it.
 //
-// Inserts and lookups are logarithmic, storing in ascending order is constant. Not safe for
-// concurrent changes; const operations are safe together when copying an EntryType is.
+// Inserting in ascending order takes constant time; other inserts and lookups are logarithmic.
+// Threads: const operations may run concurrently if EntryType can be copied concurrently; changes
+// need exclusive access.
 
 #pragma once
 
@@ -17,11 +18,11 @@ namespace google_breakpad {
 
 using symforge_internal::BlockMap;
 
-// How a new range that overlaps stored ones is treated.
+// How to treat a new range that overlaps stored ones.
 enum class MergeRangeStrategy {
-  kExclusiveRanges,  // the new range is refused
-  kTruncateLower,    // the range with the lower base is cut back
-  kTruncateUpper,    // the range with the higher base is cut at its lower end
+  kExclusiveRanges,  // the new range is rejected
+  kTruncateLower,    // the range with the lower base loses its upper end
+  kTruncateUpper,    // the range with the higher base loses its lower end
 };
 
 template <typename AddressType, typename EntryType>
@@ -32,7 +33,7 @@ class RangeMap {
     Range(const AddressType& base, const AddressType& delta, const EntryType& entry)
         : base_(base), delta_(delta), entry_(entry) {}
     AddressType base() const { return base_; }
-    // How far the base has been moved up from the base that the range was stored with.
+    // How far the base was moved up after the range was stored.
     AddressType delta() const { return delta_; }
     const EntryType& entry() const { return entry_; }
 
@@ -41,21 +42,21 @@ class RangeMap {
     AddressType delta_;
     EntryType entry_;
   };
-  // Ordered by high; iteration gives (high, Range).
+  // Ordered by high. Iteration yields (high, Range).
   using AddressToRangeMap = BlockMap<AddressType, Range>;
 
   void SetMergeStrategy(MergeRangeStrategy strategy) { merge_strategy_ = strategy; }
   MergeRangeStrategy GetMergeStrategy() const { return merge_strategy_; }
 
-  // Stores `entry` for `size` addresses from `base` on. False if the range is refused: for a size
-  // of 0, when it runs past the largest address (logged, as far as a LogLimit admits), or by the
+  // Stores `entry` for `size` addresses starting at `base`. Returns false if the range is rejected:
+  // because its size is 0, because it exceeds the largest address (logged, see LogLimit), or by the
   // merge strategy.
   bool StoreRange(const AddressType& base, const AddressType& size, const EntryType& entry) {
     return StoreRangeInternal(base, 0, size, entry);
   }
 
-  // The range that holds `address`. False if there is none. `entry` must not be null; the other
-  // results may be.
+  // Finds the range that contains `address`. Returns false if there is none. `entry` must not be
+  // null; the other output arguments may be.
   bool RetrieveRange(const AddressType& address, EntryType* entry, AddressType* entry_base,
                      AddressType* entry_delta, AddressType* entry_size) const {
     if (!entry) {
@@ -64,11 +65,11 @@ class RangeMap {
     }
     const Iterator it = map_.lower_bound(address);
     if (it == map_.end() || address < it.value().base()) return false;
-    Give(it, entry, entry_base, entry_delta, entry_size);
+    FillResult(it, entry, entry_base, entry_delta, entry_size);
     return true;
   }
 
-  // The range that holds `address`, or else the highest one that lies wholly below it.
+  // Finds the range that contains `address`, or else the highest range entirely below it.
   bool RetrieveNearestRange(const AddressType& address, EntryType* entry, AddressType* entry_base,
                             AddressType* entry_delta, AddressType* entry_size) const {
     if (!entry) {
@@ -77,16 +78,16 @@ class RangeMap {
     }
     Iterator it = map_.lower_bound(address);
     if (it == map_.end() || address < it.value().base()) {
-      // The range found, if any, lies above `address`: the one before it is the nearest below.
+      // The range found, if any, is above `address`; the one before it is the nearest below.
       if (it == map_.begin()) return false;
       --it;
     }
-    Give(it, entry, entry_base, entry_delta, entry_size);
+    FillResult(it, entry, entry_base, entry_delta, entry_size);
     return true;
   }
 
-  // The range at position `index` in key order, found by a walk from the first: to visit all of
-  // them iterate over GetMap() instead. False if there is no such position.
+  // Returns the range at position `index` in key order, or false if there is none. Takes linear
+  // time: to visit all ranges iterate over GetMap() instead.
   bool RetrieveRangeAtIndex(int index, EntryType* entry, AddressType* entry_base,
                             AddressType* entry_delta, AddressType* entry_size) const {
     if (!entry) {
@@ -96,7 +97,7 @@ class RangeMap {
     if (index < 0 || index >= GetCount()) return false;
     Iterator it = map_.begin();
     for (int i = 0; i < index; ++i) ++it;
-    Give(it, entry, entry_base, entry_delta, entry_size);
+    FillResult(it, entry, entry_base, entry_delta, entry_size);
     return true;
   }
 
@@ -107,8 +108,8 @@ class RangeMap {
  private:
   using Iterator = typename AddressToRangeMap::const_iterator;
 
-  static void Give(const Iterator& it, EntryType* entry, AddressType* entry_base,
-                   AddressType* entry_delta, AddressType* entry_size) {
+  static void FillResult(const Iterator& it, EntryType* entry, AddressType* entry_base,
+                         AddressType* entry_delta, AddressType* entry_size) {
     const Range& range = it.value();
     *entry = range.entry();
     if (entry_base) *entry_base = range.base();
@@ -121,13 +122,13 @@ class RangeMap {
   bool CutLower(const Iterator& other, AddressType base, AddressType* size);
   static bool Overlaps(const Iterator& it, AddressType high) { return it.value().base() <= high; }
 
-  bool enable_shrink_down_ = false;  // reserved: nothing reads it
+  bool enable_shrink_down_ = false;  // reserved, not used
   MergeRangeStrategy merge_strategy_ = MergeRangeStrategy::kExclusiveRanges;
   AddressToRangeMap map_;
   LogLimit log_limit_;
 };
 
-// Each turn of the loop cuts the new range, or a stored one out of its way, and looks again.
+// Each iteration truncates the new range or a stored one, and looks again.
 template <typename AddressType, typename EntryType>
 bool RangeMap<AddressType, EntryType>::StoreRangeInternal(AddressType base, AddressType delta,
                                                           AddressType size,
@@ -144,7 +145,7 @@ bool RangeMap<AddressType, EntryType>::StoreRangeInternal(AddressType base, Addr
       return false;
     }
     const Iterator at_base = map_.lower_bound(base);
-    // Where the range found reaches `high` it is the lower bound of `high` as well.
+    // If the range found reaches `high`, it is also the lower bound of `high`.
     const bool ends_inside = at_base != map_.end() && at_base.key() < high;
     if (!ends_inside && (at_base == map_.end() || !Overlaps(at_base, high))) {
       return map_.insert(high, Range(base, delta, entry));
@@ -157,13 +158,13 @@ bool RangeMap<AddressType, EntryType>::StoreRangeInternal(AddressType base, Addr
         break;
       case MergeRangeStrategy::kTruncateUpper:
         if (ends_inside) {
-          // The new range loses what lies at or below the end of the stored one.
+          // The new range loses what is at or below the end of the stored one.
           const AddressType cut = at_base.key() - base + 1;
           base += cut;
           delta += cut;
           size -= cut;
         } else {
-          // The stored range loses what lies at or below the end of the new one.
+          // The stored range loses what is at or below the end of the new one.
           if (high >= at_base.key()) return false;
           const Range other = at_base.value();
           map_.value_at(at_base) =
@@ -174,7 +175,8 @@ bool RangeMap<AddressType, EntryType>::StoreRangeInternal(AddressType base, Addr
   }
 }
 
-// kTruncateLower: cuts the new range below the stored one, or the stored one below the new one.
+// kTruncateLower: truncates the new range before the stored one, or the stored one before the new
+// one.
 template <typename AddressType, typename EntryType>
 bool RangeMap<AddressType, EntryType>::CutLower(const Iterator& other, AddressType base,
                                                 AddressType* size) {

@@ -17,17 +17,17 @@ void LineGatherer::Store(const Line& line) {
     StoreOutOfOrder(line);
     return;
   }
-  // Compared by last addresses: the first address behind a line may lie behind the largest one.
+  // Compares last addresses, because the address after a line may overflow.
   if (lines_.empty() || line.address > lines_.back().address + (lines_.back().size - 1)) {
     lines_.push_back(line);
   } else if (high < lines_.back().address) {
     StoreOutOfOrder(line);
   }
-  // What is left overlaps the last line and is dropped.
+  // Any other line overlaps the last one and is dropped.
 }
 
-// Leaves the fast way. Also asked about invalid ranges, which the container refuses, one that runs
-// past the largest address with a line in the log.
+// Falls back to the range map. Also called for invalid ranges, which the map rejects; it logs a
+// line for one that exceeds the largest address.
 void LineGatherer::StoreOutOfOrder(const Line& line) {
   if (ordered_) {
     ordered_ = false;
@@ -68,14 +68,14 @@ void InlineGatherer::Store(const InlineFunction& site, std::string_view name) {
   const Site new_site{site, name};
   if (site.code_size == 0 || new_site.high() < site.function_address) return;
   if (ordered_) {
-    const NestedRangeStack::Place place = nesting_.add(site.function_address, site.code_size);
-    if (place == NestedRangeStack::Place::kNothing) return;
-    ordered_ = place == NestedRangeStack::Place::kInside;
+    const NestedRangeStack::Result result = nesting_.add(site.function_address, site.code_size);
+    if (result == NestedRangeStack::Result::kIgnored) return;
+    ordered_ = result == NestedRangeStack::Result::kNested;
   }
   sites_.push_back(new_site);
 }
 
-// Keeps the sites that a ContainedRangeMap would keep, in the order of nesting.
+// Keeps the sites that a ContainedRangeMap would keep, in pre-order.
 void InlineGatherer::SortByNesting() {
   std::vector<RangeNesting<MemAddr>::Range> ranges;
   ranges.reserve(sites_.size());
@@ -91,9 +91,9 @@ void InlineGatherer::MoveTo(StringStorage& store, BasicSourceLineResolver::Funct
   final_.clear();
   for (size_t i = 0; i < sites_.size(); ++i) {
     final_.push_back(sites_[i].record);
-    // A site is often cut into several ranges, all with its name.
+    // A site often consists of several ranges with the same name.
     const bool same = i > 0 && sites_[i].name == sites_[i - 1].name;
-    final_[i].name = same ? final_[i - 1].name : store.keep(sites_[i].name);
+    final_[i].name = same ? final_[i - 1].name : store.store(sites_[i].name);
   }
   function->inlines_ = store.arena().copy(final_.data(), final_.size());
   function->inline_count_ = static_cast<uint32_t>(final_.size());

@@ -1,10 +1,10 @@
-// LineGatherer, InlineGatherer: the lines and inline sites of one function while its text is read.
+// LineGatherer, InlineGatherer: collect the lines and inline sites of one function while its text
+// is parsed.
 //
-// A function's records stand behind its FUNC line without a gap, so they are gathered in buffers
-// that serve one function after the other, and laid down in the module's arena in their final form
-// and exact size when the function is over. Symbol writers emit both kinds in order, which needs no
-// tree: an append with a look at the last record settles what is refused. Input in any other order
-// falls back to the address containers, with the same result.
+// The records of a function directly follow its FUNC line. They are collected in buffers that are
+// reused for each function, and copied to the module's arena in final form when the function ends.
+// Symbol writers emit both kinds in order; then an append only checks the last record. Records in
+// any other order fall back to the address containers, with the same result.
 
 #pragma once
 
@@ -19,18 +19,18 @@ namespace google_breakpad {
 
 using symforge_internal::Arena;
 
-// The lines of a function: disjoint ranges, the first stored stays.
+// The lines of a function: disjoint ranges, of which the first stored is kept.
 class LineGatherer {
  public:
   using Line = SourceLineResolverBase::Line;
 
-  // A range that is empty or overlaps a stored one is dropped; one that runs past the largest
-  // address is dropped with a line in the log.
+  // Drops a range that is empty or overlaps a stored one. Drops and logs one that exceeds the
+  // largest address.
   void Store(const Line& line);
-  // Copies the lines in ascending order into `arena` and makes them the function's.
+  // Copies the lines in ascending order to `arena` and assigns them to the function.
   void MoveTo(Arena& arena, BasicSourceLineResolver::Function* function);
   void Clear();
-  // The stored lines in ascending order, until the next Store, MoveTo or Clear.
+  // The stored lines in ascending order. Valid until the next Store, MoveTo or Clear.
   const std::vector<Line>& Sorted();
 
  private:
@@ -41,15 +41,15 @@ class LineGatherer {
   RangeMap<MemAddr, uint32_t> by_range_;  // otherwise: which of lines_ are stored
 };
 
-// The inline sites of a function: nested ranges, the first stored stays.
+// The inline sites of a function: nested ranges, of which the first stored is kept.
 class InlineGatherer {
  public:
   using InlineFunction = BasicSourceLineResolver::InlineFunction;
 
-  // A range that is empty, runs past the largest address, is stored already or cuts a stored one
-  // in part is dropped. `name` must stay valid until the next MoveTo or Clear.
+  // Drops a range that is empty, exceeds the largest address, is stored already or partially
+  // overlaps a stored one. `name` must stay valid until the next MoveTo or Clear.
   void Store(const InlineFunction& site, std::string_view name);
-  // Copies the sites, outer before inner, into the store and makes them the function's.
+  // Copies the sites in pre-order to `store` and assigns them to the function.
   void MoveTo(StringStorage& store, BasicSourceLineResolver::Function* function);
   void Clear();
 
@@ -63,10 +63,10 @@ class InlineGatherer {
   void SortByNesting();
 
   std::vector<Site> sites_;
-  // While `ordered_`: sites_ is in the order of nesting.
+  // While `ordered_`, sites_ is in pre-order.
   bool ordered_ = true;
   symforge_internal::NestedRangeStack nesting_;
-  // Otherwise: which of sites_ are stored is decided when the function is over.
+  // Otherwise the end of the function determines which of sites_ are stored.
   std::vector<InlineFunction> final_;
 };
 

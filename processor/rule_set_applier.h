@@ -1,4 +1,4 @@
-// RuleSetApplier: the STACK CFI rules of one lookup, put together from the texts that apply.
+// RuleSetApplier: combines the STACK CFI rules of one lookup from the texts that apply.
 
 #pragma once
 
@@ -14,22 +14,22 @@ namespace google_breakpad {
 
 class RuleSetApplier {
  public:
-  // `module` parses the texts; it must outlive this object.
+  // `module` parses the texts and must outlive this object.
   explicit RuleSetApplier(const SourceLineResolverBase::Module& module) : module_(module) {}
 
-  // The text of a STACK CFI INIT line. False if it is malformed or beyond what a lookup may cost:
-  // nothing is found.
+  // Applies the text of a STACK CFI INIT line. Returns false if it is malformed or exceeds the cost
+  // limit; the lookup then finds nothing.
   bool ApplyInitial(std::string_view rules) {
     return budget_.Take(rules) && module_.ParseCFIRuleSet(std::string(rules), info_.get());
   }
-  // The text of a STACK CFI line. A malformed one counts as far as it is good. False only if the
-  // texts so far are beyond what a lookup may cost: nothing is found.
+  // Applies the text of a STACK CFI line, a malformed one up to its first error. Returns false only
+  // if the texts so far exceed the cost limit; the lookup then finds nothing.
   bool ApplyDelta(std::string_view rules) {
     if (!budget_.Take(rules)) return false;
     module_.ParseCFIRuleSet(std::string(rules), info_.get());
     return true;
   }
-  // The rules, which the caller owns.
+  // Returns the rules. The caller owns them.
   CFIFrameInfo* Release() { return info_.release(); }
 
  private:

@@ -39,8 +39,8 @@ void log_failure(const char* what, const std::string& map_file) {
   SYMFORGE_LOG(ERROR) << what << printable(map_file) << ", error " << error << ": " << error_string;
 }
 
-// The size of a regular file that can be loaded. None, with a line in the log, for any other: to
-// open a FIFO or a device could block or have effects.
+// The size of a regular file that can be loaded. For any other logs a line and returns nullopt:
+// opening a FIFO or a device could block or have side effects.
 std::optional<size_t> size_to_read(const std::string& map_file) {
   struct stat status;
   if (stat(map_file.c_str(), &status) == -1) {
@@ -115,7 +115,7 @@ bool SourceLineResolverBase::ReadSymbolFile(const std::string& map_file, char** 
   if (!file_size) return false;
   *symbol_data_size = *file_size + 1;
   SYMFORGE_LOG(INFO) << "Opening " << printable(map_file);
-  // What has taken the file's place in the meantime must not block the host.
+  // The file may have been replaced since the check: do not block on what replaced it.
   const FileDescriptor file(open(map_file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
   if (!file.is_open() || !is_regular(file.get())) {
     log_failure("Could not open ", map_file);
@@ -133,7 +133,7 @@ bool SourceLineResolverBase::ReadSymbolFile(const std::string& map_file, char** 
   return true;
 }
 
-// What every load begins with.
+// The checks common to all loads.
 bool SourceLineResolverBase::MayLoad(const CodeModule* module) const {
   if (module == nullptr) return false;
   if (modules_->find(module->debug_identifier()) == modules_->end()) return true;
@@ -142,9 +142,9 @@ bool SourceLineResolverBase::MayLoad(const CodeModule* module) const {
   return false;
 }
 
-// Loads from a buffer made by array new, `size` bytes with a NUL after the contents, and keeps or
-// deletes it. SYMB symbols stay in the buffer, so with them it is kept whatever the resolver says
-// about text: lookups must not read freed memory.
+// Loads from a buffer of `size` bytes allocated by new[], including a NUL after the contents, and
+// keeps or deletes it. SYMB symbols point into the buffer, so it is always kept for them, whatever
+// the resolver does with text.
 bool SourceLineResolverBase::LoadOwnedBuffer(const CodeModule* module, char* buffer, size_t size) {
   std::unique_ptr<char[]> owned(buffer);
   const bool is_symb = symb_has_magic(buffer, size);

@@ -1,7 +1,7 @@
-// The module as the resolver base sees it, and the records of symbols.
+// The interface of a module towards the resolver base, and the records of symbols.
 //
 // Addresses are relative to the module and 64 bits wide; sizes are in bytes. Names are
-// NUL-terminated and lie in the arena of the module that the record belongs to.
+// NUL-terminated strings in the arena of the module that owns the record.
 
 #pragma once
 
@@ -18,7 +18,7 @@ using MemAddr = uint64_t;
 struct SourceLineResolverBase::Line {
   MemAddr address;
   MemAddr size;
-  int32_t source_file_id;  // the number of a FILE line
+  int32_t source_file_id;  // number of a FILE line
   int32_t line;
 };
 
@@ -26,19 +26,19 @@ struct SourceLineResolverBase::Function {
   const char* name;
   MemAddr address;
   MemAddr size;
-  unsigned int section;    // the number before the colon of the line's address, else 0
-  int32_t parameter_size;  // stack space of the parameters
-  bool is_multiple;        // stands for several symbols that were folded into one
-  bool has_inline_calls;   // its sites come from INLINE lines, so lookups on text return them
+  unsigned int section;    // the number before the colon of the address, else 0
+  int32_t parameter_size;  // bytes of parameters on the stack
+  bool is_multiple;        // the function is shared by several folded symbols
+  bool has_inline_calls;   // its sites come from INLINE lines, so text lookups return them
 };
 
-// One range of code of an inline site.
+// One address range of an inline site.
 struct SourceLineResolverBase::InlineFunction {
-  MemAddr function_address;  // the range's first address, despite its name
+  MemAddr function_address;  // first address of the range, despite the name
   MemAddr code_size;
-  int file_id;      // the number of a FILE line
+  int file_id;      // number of a FILE line
   int source_line;  // in the inlined function
-  MemAddr caller;   // how deep the site is nested, 0 for the outermost
+  MemAddr caller;   // nesting depth of the site, 0 for the outermost
   const char* name;
 };
 
@@ -49,26 +49,26 @@ struct SourceLineResolverBase::PublicSymbol {
   bool is_multiple;
 };
 
-// The symbols of one code module. Loaded once, by one thread, before any lookup. The lookups take a
-// frame whose `module` is set.
+// The symbols of one code module. Loaded once, by one thread, before any lookup. Lookups require a
+// frame whose `module` is not null.
 class SourceLineResolverBase::Module {
  public:
   virtual ~Module() = default;
 
-  // Fills the module from the contents of a symbol file. The buffer stays the caller's and is
-  // changed by the load.
+  // Fills the module from the contents of a symbol file. The caller keeps the buffer; loading
+  // modifies it.
   virtual bool LoadMapFromMemory(char* memory_buffer, size_t memory_buffer_size) = 0;
 
-  // Whether the load met lines that it could not parse.
+  // Whether loading found lines that did not parse.
   virtual bool IsCorrupt() const = 0;
 
-  // What the operations of SourceLineResolverInterface promise, for this module.
+  // The lookups as documented in SourceLineResolverInterface, for this module.
   virtual void LookupAddress(StackFrame* frame) const = 0;
   virtual WindowsFrameInfo* FindWindowsFrameInfo(const StackFrame* frame) const = 0;
   virtual CFIFrameInfo* FindCFIFrameInfo(const StackFrame* frame) const = 0;
 
-  // Stores the rules of a STACK CFI text in `frame_info`, over those that are there. False if the
-  // text is malformed; rules before the fault are stored.
+  // Applies the rules of a STACK CFI text to `frame_info`, replacing existing ones. Returns false
+  // if the text is malformed; the rules before the error have been applied.
   virtual bool ParseCFIRuleSet(const std::string& rule_set, CFIFrameInfo* frame_info) const;
 };
 

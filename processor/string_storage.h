@@ -1,8 +1,8 @@
-// StringStorage: where a text load keeps the strings of its module.
+// StringStorage: stores the strings of a module while text is loaded.
 //
-// Either in the module's arena, so that the text may go, or where they stand in the text, each
-// ended by a NUL in the place of its line's end: a module that lives no longer than its text needs
-// no second copy of it.
+// Strings are either copied to the module's arena, so that the text can be released, or stay in the
+// text, where the end of their line is overwritten by a NUL. The second avoids a copy when the text
+// outlives the module.
 
 #pragma once
 
@@ -18,12 +18,13 @@ class StringStorage {
  public:
   enum class Place { kArena, kText };
 
-  // `arena` must outlive the store.
+  // `arena` must outlive this object.
   StringStorage(Arena& arena, Place place) : arena_(arena), in_text_(place == Place::kText) {}
 
-  // `text` is a part of the loaded text up to the end of a line, which has been read already and is
-  // overwritten if the string stays there. Valid as long as the arena or the text.
-  const char* keep(std::string_view text) {
+  // `text` is a part of the loaded text that extends to the end of its line. That end must have
+  // been processed, because it is overwritten if the string stays in the text. The result is valid
+  // as long as the arena or the text.
+  const char* store(std::string_view text) {
     if (!in_text_) return arena_.copy(text);
     if (text.empty()) return "";
     const_cast<char*>(text.data())[text.size()] = '\0';

@@ -1,10 +1,10 @@
-// The lookups on a SYMB block: binary searches over its tables as they are stored, which may be in
-// a read-only mapping. Nothing is parsed or kept. Whatever the block holds, nothing outside of it
-// is read: a table ends with the block at the latest, and so does a string. What a lookup costs is
-// bounded by the limits in common/lookup_limits.h in a block that has passed symb_check_safety().
+// The lookups in a SYMB block: binary searches in its tables, which may be in a read-only mapping.
+// Nothing is parsed or cached. No lookup reads outside the block, whatever it contains: tables and
+// strings are clipped to the block. In a block that has passed symb_check_safety(), the limits of
+// common/lookup_limits.h bound the cost of a lookup.
 //
-// The searches visit the very records that their loops name, also in a table that is out of order:
-// what they answer there is part of what hosts see. Only what is fetched ahead is free.
+// The sequence of records that a search visits is fixed, because it determines the result in an
+// unsorted table, on which hosts may rely. Prefetching is not restricted.
 //
 // Addresses: functions, lines, initial rules and the fallback of the frame info search compare the
 // low 32 bits of the address, everything else the whole 64-bit address.
@@ -43,35 +43,35 @@ uint64_t relative_address(const StackFrame& frame) {
   return frame.instruction - frame.module->base_address();
 }
 
-// Fetches, all at once, the records that a search over [lo, hi) visits on its way to `guess`. Has
-// to be inlined: g++ takes a function that only prefetches for one without effect and drops the
-// call.
+// Prefetches all records that a search over [lo, hi) visits on its path to `guess`. Must be
+// inlined: g++ considers a function that only prefetches to have no effect and removes the call.
 template <size_t kStride>
 [[gnu::always_inline]] inline void prefetch_path(const char* table, uint64_t lo, uint64_t hi,
                                                  uint64_t guess) {
-  __builtin_prefetch(table + (guess + 1) * kStride - 1);  // the visits fetch the record's beginning
+  __builtin_prefetch(table + (guess + 1) * kStride - 1);  // the visits load the start of the record
   while (lo < hi) {
     const uint64_t mid = (lo + hi) / 2;
     __builtin_prefetch(table + mid * kStride);
     if (guess == mid) return;
-    const bool below = guess < mid;  // no branch: it could not be predicted
+    const bool below = guess < mid;  // branchless: the branch would be unpredictable
     hi = below ? mid : hi;
     lo = below ? lo : mid + 1;
   }
 }
 
-// The record whose range, a 32-bit first address at `kStart` and the size behind it, holds
-// `address`; null if the search ends without one.
+// Finds the record whose range contains `address`; null if there is none. The range is a 32-bit
+// first address at `kStart`, followed by the size.
 //
-// The first visits to a large table find their records in the cache, since every search makes them;
-// each of the later ones would wait for memory. So once these begin, the answer's place is guessed
-// from the addresses around it, and what lies on the way there is fetched together; sizes differ,
-// so the guess is taken again close to the answer. A wrong guess costs little and changes nothing.
+// The first steps of a search in a large table hit the cache, because all searches share them. Each
+// later step would wait for memory. So the position of the result is then estimated by
+// interpolation, and the records on the path to it are prefetched together. Sizes differ, so the
+// estimate is repeated closer to the result. A wrong estimate costs little and does not affect the
+// result.
 template <size_t kStride, size_t kStart>
 const char* find_range(const char* table, uint64_t count, uint32_t address) {
   constexpr uint64_t kFarPart = 4096;
   constexpr uint64_t kNearPart = 128;
-  uint64_t guess_at = count > kFarPart ? kFarPart : 0;  // the length of the part to guess in
+  uint64_t guess_at = count > kFarPart ? kFarPart : 0;  // part length for the next guess
   uint32_t start_below = 0;
   uint32_t start_above = UINT32_MAX;
   uint64_t lo = 0;
@@ -99,16 +99,16 @@ const char* find_range(const char* table, uint64_t count, uint32_t address) {
   return nullptr;
 }
 
-// The position of the first record whose address, at `kAddress`, is above `value`. A record at
-// `value` that the search meets ends it: the result is that record's position plus `behind`.
+// Returns the index of the first record whose address, at `kAddress`, is above `value`. If the
+// search meets a record at `value`, it ends and returns the index of that record plus `if_equal`.
 template <size_t kStride, size_t kAddress>
-uint64_t position(const char* table, uint64_t count, uint64_t value, uint64_t behind) {
+uint64_t bound(const char* table, uint64_t count, uint64_t value, uint64_t if_equal) {
   uint64_t lo = 0;
   uint64_t hi = count;
   while (lo < hi) {
     const uint64_t mid = lo + (hi - lo) / 2;
     const uint64_t address = symb_load<uint32_t>(table + mid * kStride + kAddress);
-    if (address == value) return mid + behind;
+    if (address == value) return mid + if_equal;
     if (address < value) {
       lo = mid + 1;
     } else {
@@ -118,48 +118,48 @@ uint64_t position(const char* table, uint64_t count, uint64_t value, uint64_t be
   return lo;
 }
 
-// The number of records up to the last one whose address is at or below `value`.
+// Returns the index after the last record whose address is at or below `value`.
 template <size_t kStride, size_t kAddress>
-uint64_t position_behind(const char* table, uint64_t count, uint64_t value) {
-  return position<kStride, kAddress>(table, count, value, 1);
+uint64_t upper_bound(const char* table, uint64_t count, uint64_t value) {
+  return bound<kStride, kAddress>(table, count, value, 1);
 }
 
-// The position of the first record whose address is at or above `value`.
+// Returns the index of the first record whose address is at or above `value`.
 template <size_t kStride, size_t kAddress>
-uint64_t position_at_or_above(const char* table, uint64_t count, uint64_t value) {
-  return position<kStride, kAddress>(table, count, value, 0);
+uint64_t lower_bound(const char* table, uint64_t count, uint64_t value) {
+  return bound<kStride, kAddress>(table, count, value, 0);
 }
 
-// Records that lie in the block.
+// Records inside the block.
 struct Table {
   const char* records;
   uint64_t count;
 };
 
-// The tables of a block, found anew for each lookup: the block is all there is.
+// The tables of a block, located anew for each lookup, because the block is the only state.
 class Tables {
  public:
   Tables(const char* base, uint64_t size) : base_(base), size_(size) {}
 
-  // A field of the header, given by its place.
+  // A field of the header, by offset.
   template <typename T = uint64_t>
   T header(size_t field) const {
     return symb_load<T>(base_ + field);
   }
   uint32_t version() const { return header<uint32_t>(offsetof(symb_header_metadata, version)); }
 
-  // The part of a table that lies in the block.
+  // The part of a table inside the block.
   template <size_t kStride>
   Table table(uint64_t offset, uint64_t count) const {
     if (offset > size_) return {base_, 0};
     return {base_ + offset, std::min(count, (size_ - offset) / kStride)};
   }
-  // A table of the header, given by the place of its offset.
+  // A table of the header, by the offset of its field.
   template <size_t kStride>
   Table header_table(size_t field) const {
     return table<kStride>(header(field), header(field + sizeof(uint64_t)));
   }
-  // Ends with the block, and is no longer than a lookup may return.
+  // Clipped to the block and to the maximal length of a string.
   std::string_view string(uint64_t offset) const {
     if (offset >= size_) return {};
     return {base_ + offset, strnlen(base_ + offset, std::min(size_ - offset, kMaxStringBytes))};
@@ -171,7 +171,7 @@ class Tables {
            header(offsetof(symb_header_v1, functions)) != 0;
   }
 
-  // `kStride` is the size of a function record, or what the search takes it to be.
+  // `kStride` is the size of a function record, or the size that the search assumes.
   template <size_t kStride>
   const char* function(uint64_t address) const {
     const Table functions = header_table<kStride>(offsetof(symb_header_v1, functions));
@@ -179,7 +179,7 @@ class Tables {
                                                              static_cast<uint32_t>(address));
   }
 
-  // The offset of its name; none if no file has that number.
+  // The offset of the file's name; nullopt if no file has that number.
   std::optional<uint64_t> file_name(int32_t source_file_id) const {
     const auto [files, count] = header_table<sizeof(symb_file)>(offsetof(symb_header_v1, files));
     uint64_t lo = 0;
@@ -233,8 +233,8 @@ void Tables::append_inline(const symb_inline& site, StackFrame* frame) const {
   if (const auto file = file_name(site.source_file_id)) inlined.source_file_name = string(*file);
 }
 
-// The sites around an address, the outermost first, as a tree of all of them would have them: for
-// tables whose sites are not in the order that a writer gives them.
+// The sites around an address, the outermost first, for tables whose sites are not in pre-order:
+// the result is that of a tree of all sites.
 std::vector<const char*> inline_stack_by_nesting(const Table& sites, uint64_t address) {
   std::vector<RangeNesting<uint64_t>::Range> ranges;
   std::vector<const char*> stored;
@@ -253,19 +253,19 @@ std::vector<const char*> inline_stack_by_nesting(const Table& sites, uint64_t ad
   return stack;
 }
 
-// The same without sorting. In a table in pre-order the tree would store every site, inside exactly
-// those before it that hold it whole (see NestedRangeStack); so the sites around an address are
-// those whose own range holds it, and the table's order is theirs. False if the table is not like
-// that.
+// As above without sorting. From a table in pre-order, the tree would store every site, inside
+// exactly those before it that contain it (see NestedRangeStack). So the sites around an address
+// are those whose range contains it, in the order of the table. Returns false if the table is not
+// in pre-order.
 bool inline_stack_in_order(const Table& sites, uint64_t address,
                            std::pmr::vector<const char*>& stack) {
   NestedRangeStack nesting;
   for (uint64_t i = 0; i < sites.count; ++i) {
     const char* record = sites.records + i * sizeof(symb_inline);
     const auto site = symb_load<symb_inline>(record);
-    const NestedRangeStack::Place place = nesting.add(site.address, site.size, site.caller);
-    if (place == NestedRangeStack::Place::kOutOfOrder) return false;
-    if (place == NestedRangeStack::Place::kInside && address - site.address < site.size) {
+    const NestedRangeStack::Result result = nesting.add(site.address, site.size, site.caller);
+    if (result == NestedRangeStack::Result::kOutOfOrder) return false;
+    if (result == NestedRangeStack::Result::kNested && address - site.address < site.size) {
       stack.push_back(record);
     }
   }
@@ -288,23 +288,23 @@ void Tables::append_inlines(const Table& sites, uint64_t address, StackFrame* fr
   }
 }
 
-// The start of the last function that begins at or below `address`; 0 for none.
+// Returns the start of the last function that starts at or below `address`; 0 if there is none.
 uint64_t Tables::nearest_function_inline(uint64_t address) const {
   constexpr size_t kRecord = sizeof(symb_func_inline);
   const Table functions = header_table<kRecord>(offsetof(symb_header_v1, functions));
-  const uint64_t position = position_behind<kRecord, offsetof(symb_func_inline, address)>(
+  const uint64_t position = upper_bound<kRecord, offsetof(symb_func_inline, address)>(
       functions.records, functions.count, address);
   if (position == 0) return 0;
   return symb_load<symb_func_inline>(functions.records + (position - 1) * kRecord).address;
 }
 
-// A public symbol stands for what lies behind it, up to the next function: one whose range has
-// ended hides the publics at and below its start.
+// A public symbol applies to the addresses from its own up to the next function. A function that
+// ended before the address hides the publics at and below its start.
 void Tables::set_public(uint64_t address, uint64_t nearest_function, StackFrame* frame) const {
   constexpr size_t kRecord = sizeof(symb_public);
   const Table publics = header_table<kRecord>(offsetof(symb_header_v1, public_functions));
-  const uint64_t position = position_behind<kRecord, offsetof(symb_public, address)>(
-      publics.records, publics.count, address);
+  const uint64_t position =
+      upper_bound<kRecord, offsetof(symb_public, address)>(publics.records, publics.count, address);
   if (position == 0) return;
   const auto symbol = symb_load<symb_public>(publics.records + (position - 1) * kRecord);
   if (nearest_function != 0 && symbol.address <= nearest_function) return;
@@ -312,7 +312,7 @@ void Tables::set_public(uint64_t address, uint64_t nearest_function, StackFrame*
   frame->function_base = symbol.address + frame->module->base_address();
 }
 
-// The narrowest range of that type that holds `address`, or null.
+// Returns the narrowest range of that type that contains `address`, or null.
 const char* Tables::find_frame_info(uint64_t type, uint64_t address) const {
   constexpr size_t kRecord = sizeof(symb_nested_window_frame_info);
   if (header(offsetof(symb_header_v1, windows_frame_info)) == 0) return nullptr;
@@ -321,8 +321,8 @@ const char* Tables::find_frame_info(uint64_t type, uint64_t address) const {
   return SymbNestedWFIFind(address, roots.records + type * kRecord);
 }
 
-// The narrowest range that holds `address` among those inside the given record, or null. Ranges
-// that nest deeper than in any real program, or for ever, are a damaged block: nothing is found.
+// Returns the narrowest range that contains `address` among those inside the given record, or null.
+// Nesting beyond that of real programs, or a cycle, is a sign of a damaged block: nothing is found.
 const char* Tables::SymbNestedWFIFind(uint64_t address, const char* nested_wfi) const {
   constexpr size_t kRecord = sizeof(symb_nested_window_frame_info);
   const char* found = nullptr;
@@ -331,7 +331,7 @@ const char* Tables::SymbNestedWFIFind(uint64_t address, const char* nested_wfi) 
     if (owner.map == 0 || owner.map_count == 0) return found;
     const Table array = table<kRecord>(owner.map, owner.map_count);
     const uint64_t position =
-        position_at_or_above<kRecord, offsetof(symb_nested_window_frame_info, address)>(
+        lower_bound<kRecord, offsetof(symb_nested_window_frame_info, address)>(
             array.records, array.count, address);
     if (position >= array.count) return found;
     const char* const candidate = array.records + position * kRecord;
@@ -356,7 +356,7 @@ std::unique_ptr<WindowsFrameInfo> frame_info_of(const Tables& tables, const char
 
 bool BasicSourceLineResolver::Module::LoadMapFromMemoryB(char* memory_buffer,
                                                          size_t memory_buffer_size) {
-  // What is too short for a header is a block without symbols.
+  // A block shorter than a header has no symbols.
   static constexpr symb_header_v1 kNoSymbols{};
   const bool has_header = memory_buffer_size >= sizeof kNoSymbols;
   symb_loaded_ = true;
@@ -397,12 +397,12 @@ void BasicSourceLineResolver::Module::LookupAddressBInline(StackFrame* frame) co
   const auto function = symb_load<symb_func>(record);
   const auto inline_count = symb_load<uint32_t>(record + offsetof(symb_func_inline, inline_count));
   const auto inlines = symb_load<uint64_t>(record + offsetof(symb_func_inline, inlines));
-  // What comes next lies in three places far from each other.
+  // The next accesses go to three distant locations.
   tables.prefetch(function.name);
   tables.prefetch(function.lines);
   if (inline_count != 0) tables.prefetch(inlines);
   tables.set_function(function, frame);
-  if (function.line_count == 0) return;  // such a function has no inline frames either
+  if (function.line_count == 0) return;  // such a function has no inline frames, either
   tables.set_line(function, address, frame);
   if (inline_count == 0 || inline_count > kMaxInlineSites) return;
   tables.append_inlines(tables.table<sizeof(symb_inline)>(inlines, inline_count), address, frame);
@@ -419,9 +419,9 @@ WindowsFrameInfo* BasicSourceLineResolver::Module::FindWindowsFrameInfoB(
     if (record != nullptr) return frame_info_of(tables, record).release();
   }
 
-  // A function tells the size of its parameters. Records are taken to be those of the versions up
-  // to 2, also in later ones, whose records are longer: the answer there is what stands at these
-  // places, and hosts have come to know it.
+  // Falls back to the parameter size of a function. All versions are read with the record size of
+  // version 2. In version 3, whose records are longer, the result is therefore wrong; it is kept
+  // for compatibility.
   if (!tables.has_functions()) return nullptr;
   const char* record = tables.function<sizeof(symb_func)>(address);
   if (record == nullptr) return nullptr;
@@ -447,7 +447,7 @@ CFIFrameInfo* BasicSourceLineResolver::Module::FindCFIFrameInfoB(const StackFram
 
   constexpr size_t kDelta = sizeof(symb_cfi_delta_rule);
   const Table deltas = tables.header_table<kDelta>(offsetof(symb_header_v1, cfi_delta_rules));
-  uint64_t i = position_at_or_above<kDelta, offsetof(symb_cfi_delta_rule, address)>(
+  uint64_t i = lower_bound<kDelta, offsetof(symb_cfi_delta_rule, address)>(
       deltas.records, deltas.count, initial.base);
   for (; i < deltas.count; ++i) {
     const auto delta = symb_load<symb_cfi_delta_rule>(deltas.records + i * kDelta);

@@ -9,13 +9,13 @@ namespace google_breakpad {
 
 namespace {
 
-// Reads a NUL-terminated line by the full grammar.
+// Parses a NUL-terminated line by the full grammar.
 template <typename Fields>
 bool parse_line(char* line, Fields* fields) {
   return symforge_internal::parse(line, line + strlen(line), fields);
 }
 
-// The text as a position in the writable line that it was read from; it ends at a NUL there.
+// The text as a writable pointer into the line it was read from, where a NUL terminates it.
 char* writable(std::string_view text) { return const_cast<char*>(text.data()); }
 
 }  // namespace

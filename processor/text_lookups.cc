@@ -1,5 +1,5 @@
-// Lookups on a module that was loaded from text. They read the containers and nothing else, so any
-// number of threads may look up at once.
+// Lookups in a module that was loaded from text. They only read the containers, so any number of
+// threads may run them concurrently.
 
 #include <algorithm>
 #include <memory>
@@ -25,8 +25,8 @@ MemAddr relative_address(const StackFrame* frame) {
   return frame->instruction - frame->module->base_address();
 }
 
-// The line whose range holds `address`, or null. Lines are disjoint and ascending. Without branches
-// on the addresses, which no predictor could guess.
+// Returns the line whose range contains `address`, or null. Lines are disjoint and ascending.
+// Branchless, because a branch on the addresses would be unpredictable.
 const Line* line_at(std::span<const Line> lines, MemAddr address) {
   if (lines.empty()) return nullptr;
   const Line* line = lines.data();
@@ -38,17 +38,17 @@ const Line* line_at(std::span<const Line> lines, MemAddr address) {
   return address - line->address < line->size ? line : nullptr;
 }
 
-// Fetches what lies behind a function in the arena: its name, and mostly all of its lines. Waiting
-// for the record first, to learn where they are, would cost a second trip to memory.
+// Prefetches what follows a function in the arena: its name and usually all of its lines. Reading
+// their addresses from the record first would cost a second memory access.
 void prefetch_with_records(const Function* function) {
   constexpr int kCacheLine = 64, kLines = 6;
   const char* at = reinterpret_cast<const char*>(function);
   for (int i = 0; i < kLines; ++i) __builtin_prefetch(at + i * kCacheLine);
 }
 
-// The function at or nearest below an address.
+// The function at an address, or the nearest one below it.
 struct NearestFunction {
-  const Function* function = nullptr;  // null: there is none
+  const Function* function = nullptr;  // null if there is none
   MemAddr base = 0;
   bool holds_address = false;
 
@@ -58,7 +58,7 @@ struct NearestFunction {
     prefetch_with_records(function);
     holds_address = address >= base && address - base < size;
   }
-  // A function hides the public symbols at and below its start, also behind its end.
+  // A function hides the public symbols at and below its start, even for addresses after its end.
   bool hides(MemAddr public_address) const { return function != nullptr && public_address <= base; }
 };
 
@@ -100,8 +100,8 @@ void BasicSourceLineResolver::Module::LookupAddress(StackFrame* frame) const {
   frame->function_base = module_base + public_address;
 }
 
-// The sites around the address, the innermost first. In their order, outer sites come first. None
-// where they are beyond the limits of a lookup.
+// Appends the sites around the address, innermost first. They are stored in pre-order. Appends none
+// if they exceed the limits of a lookup.
 void BasicSourceLineResolver::Module::AppendInlines(const Function& function, MemAddr address,
                                                     StackFrame* frame) const {
   if (function.inlines().size() > kMaxInlineSites) return;
@@ -137,9 +137,8 @@ WindowsFrameInfo* BasicSourceLineResolver::Module::FindWindowsFrameInfo(
     copy_record(record, info.get());
     return info.release();
   }
-  // A function can tell the size of its parameters. A public symbol could as well, but does not:
-  // hosts take a record without a function or a STACK WIN line behind it for one that they can
-  // unwind with.
+  // Falls back to the parameter size of a function. That of a public symbol is not used, because
+  // hosts would unwind with a record that neither a function nor a STACK WIN line supports.
   const NearestFunction nearest(functions_, address);
   if (!nearest.holds_address) return nullptr;
   info->valid |= WindowsFrameInfo::VALID_PARAMETER_SIZE;
@@ -157,7 +156,7 @@ CFIFrameInfo* BasicSourceLineResolver::Module::FindCFIFrameInfo(const StackFrame
   }
   RuleSetApplier rules(*this);
   if (!rules.ApplyInitial(limited_string(initial_rules))) return nullptr;
-  // Changes on the way from the start of the range to the address.
+  // The changes from the start of the range up to the address.
   for (auto delta = cfi_delta_rules_.lower_bound(initial_base);
        delta != cfi_delta_rules_.end() && delta.key() <= address; ++delta) {
     if (!rules.ApplyDelta(limited_string(delta.value()))) return nullptr;

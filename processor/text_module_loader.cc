@@ -23,7 +23,7 @@ namespace {
 
 constexpr int kMaxErrorsPrinted = 10;
 
-// For a site without an INLINE_ORIGIN line, as for a function without a name.
+// The name of a site without an INLINE_ORIGIN line, as of a function without a name.
 constexpr char kOmittedName[] = "<omitted>";
 
 bool is_line_break(char c) { return c == '\n' || c == '\r'; }
@@ -57,8 +57,8 @@ void TextModuleLoader::Load(char* buffer, size_t size) {
   module_.is_corrupt_ = num_errors_ > 0;
 }
 
-// The position behind the last byte that is not NUL. NULs before it become "_", and count as one
-// error of the text as a whole.
+// Returns the end of the last byte that is not NUL. NULs before it are replaced by "_" and count as
+// one error of the whole text.
 char* TextModuleLoader::EndOfText(char* buffer, size_t size) {
   char* end = buffer + size;
   while (end != buffer && end[-1] == '\0') --end;
@@ -75,9 +75,9 @@ char* TextModuleLoader::EndOfText(char* buffer, size_t size) {
   return end;
 }
 
-// The first carriage return or line feed at or behind `line`, or the end of the text. The line feed
-// found is kept for the next calls: text with carriage returns alone would be searched to its end
-// at each line.
+// Returns the first carriage return or line feed at or after `line`, or the end of the text. The
+// position of the line feed is cached, because a text with carriage returns only would otherwise be
+// searched to its end for each line.
 char* TextModuleLoader::LineEnd(char* line) {
   if (next_newline_ == nullptr || next_newline_ < line) {
     void* newline = memchr(line, '\n', static_cast<size_t>(end_ - line));
@@ -88,7 +88,7 @@ char* TextModuleLoader::LineEnd(char* line) {
 }
 
 char* TextModuleLoader::LoadLine(char* line) {
-  // Line records are most of a symbol file, and no prefix but "F" begins like a number.
+  // Most lines are line records, and no prefix except "F" begins like a number.
   if (static_cast<unsigned char>(*line) <= '9' || *line >= 'a') return LoadLineRecord(line);
   return LoadOtherLine(line);
 }
@@ -163,7 +163,7 @@ bool TextModuleLoader::ParseFile(char* line, char* end) {
   if (!(quick_ && quick_parse(line, end, &fields)) && !parse(line, end, &fields)) return false;
   const int index = static_cast<int>(fields.index);
   if (module_.files_.find(index) == module_.files_.end()) {
-    module_.files_.insert(index, strings_.keep(fields.name));
+    module_.files_.insert(index, strings_.store(fields.name));
   }
   return true;
 }
@@ -185,11 +185,11 @@ bool TextModuleLoader::ParseFunction(char* line, char* end) {
   cur_func_->is_multiple = fields.is_multiple;
   cur_func_->has_inline_calls = false;
   cur_func_stored_ = module_.functions_.StoreRange(fields.address, fields.size, cur_func_);
-  if (cur_func_stored_) cur_func_->name = strings_.keep(fields.name);
+  if (cur_func_stored_) cur_func_->name = strings_.store(fields.name);
   return true;
 }
 
-// Lays down what the current function has gathered; there is no current function afterwards.
+// Stores the records of the current function. Afterwards there is no current function.
 void TextModuleLoader::FinishFunction() {
   if (cur_func_ == nullptr) return;
   if (!cur_func_stored_) {
@@ -206,7 +206,7 @@ void TextModuleLoader::FinishFunction() {
   cur_func_ = nullptr;
 }
 
-// Of a function that has INLINE lines, I lines are dropped: both tell the same.
+// I lines of a function with INLINE lines are dropped, because they describe the same sites.
 void TextModuleLoader::StoreInlineCalls() {
   calls_.Convert(*cur_func_, lines_.Sorted());
   lines_.Clear();
@@ -235,7 +235,7 @@ void TextModuleLoader::StoreInlineCalls() {
   calls_.Clear();
 }
 
-// Gives the sites names that came only after their functions.
+// Sets the names of sites whose INLINE_ORIGIN line follows their function.
 void TextModuleLoader::NameSites() {
   for (const UnnamedSite& unnamed : unnamed_) {
     const auto name = origins_.find(unnamed.origin);
@@ -246,10 +246,10 @@ void TextModuleLoader::NameSites() {
 bool TextModuleLoader::ParsePublicSymbol(char* line, char* end) {
   PublicFields fields;
   if (!(quick_ && quick_parse(line, end, &fields)) && !parse(line, end, &fields)) return false;
-  // Several symbols at address 0 would clash with each other, and none of them is of use.
+  // Several symbols at address 0 would conflict, and none is useful.
   if (fields.address == 0) return true;
   return module_.public_symbols_.Store(
-      fields.address, {strings_.keep(fields.name), fields.address,
+      fields.address, {strings_.store(fields.name), fields.address,
                        static_cast<int32_t>(fields.stack_param_size), fields.is_multiple});
 }
 
@@ -271,7 +271,7 @@ bool TextModuleLoader::ParseInlineOrigin(char* line, char* end) {
   InlineOriginFields fields;
   if (!parse(line, end, &fields)) return false;
   const int index = static_cast<int>(fields.index);
-  if (origins_.find(index) == origins_.end()) origins_.insert(index, strings_.keep(fields.name));
+  if (origins_.find(index) == origins_.end()) origins_.insert(index, strings_.store(fields.name));
   return true;
 }
 
@@ -310,10 +310,10 @@ bool TextModuleLoader::ParseStackInfo(char* line, char* end) {
 }
 
 void TextModuleLoader::StoreStackWin(const StackWinFields& fields) {
-  // Few programs serve all functions of a module, mostly one after the other.
+  // A module has few distinct programs, and equal ones are usually adjacent.
   if (fields.program_string != last_program_) {
     last_program_ = fields.program_string;
-    last_program_kept_ = strings_.keep(fields.program_string);
+    last_program_kept_ = strings_.store(fields.program_string);
   }
   const MemAddr high = fields.rva + fields.code_size - 1;
   if (fields.code_size == 0 || high < fields.rva) return;
@@ -323,7 +323,7 @@ void TextModuleLoader::StoreStackWin(const StackWinFields& fields) {
                             static_cast<int8_t>(fields.type), fields.allocates_base_pointer});
 }
 
-// Decides which of the STACK WIN ranges the module keeps.
+// Determines which of the STACK WIN ranges the module keeps.
 void TextModuleLoader::FinishStackWin() {
   for (size_t type = 0; type < stack_win_.size(); ++type) {
     StackWinRanges ranges = std::move(stack_win_[type]);
@@ -334,7 +334,7 @@ void TextModuleLoader::FinishStackWin() {
 }
 
 void TextModuleLoader::StoreStackCFI(const StackCFIFields& fields) {
-  const char* rules = strings_.keep(fields.rules);
+  const char* rules = strings_.store(fields.rules);
   if (fields.is_init) {
     module_.cfi_initial_rules_.StoreRange(fields.address, fields.size, rules);
   } else if (!module_.cfi_delta_rules_.insert(fields.address, rules)) {

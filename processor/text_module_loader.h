@@ -1,18 +1,17 @@
 // TextModuleLoader: fills a module from the text of a symbol file.
 //
-// One pass over the text, line by line, in time linear in its length. Line ends are runs of
-// carriage returns and line feeds, so empty lines do not exist and are not counted. Each line is
-// read by the quick reader of its kind or, if that declines, by the exact one
-// (common/symbol_text.h).
+// Processes the text line by line in one pass, in linear time. Line ends are runs of carriage
+// returns and line feeds, so empty lines do not exist and are not counted. Each line is parsed by
+// the quick parser of its kind or, if that rejects it, by the exact one (common/symbol_text.h).
 //
-// Lines that do not parse are counted, the first 10 of them are logged, and they are skipped. What
-// a container refuses (a second function at one address, a line that overlaps another) is dropped
-// without a message, except where the container itself logs; a second PUBLIC at an address counts
-// as an error.
+// Lines that do not parse are counted and skipped, and the first 10 are logged. Records that a
+// container rejects (a second function at one address, a line that overlaps another) are dropped
+// without a message, unless the container logs one. A second PUBLIC at an address counts as an
+// error.
 //
-// The only state between lines is the current function, which line records, I and INLINE lines
-// join. FUNC sets it, or clears it if the line fails; PUBLIC clears it; other lines leave it alone.
-// A function that was refused is current like any other, and goes with what it gathered.
+// The only state between lines is the current function, to which line records, I and INLINE lines
+// belong. FUNC sets it, or clears it if the line fails. PUBLIC clears it. Other lines do not change
+// it. A rejected function becomes the current one as well, and is dropped with its records.
 
 #pragma once
 
@@ -35,24 +34,24 @@ class TextModuleLoader {
   using Module = BasicSourceLineResolver::Module;
   using Function = BasicSourceLineResolver::Function;
 
-  // Whether quick readers are asked at all; tests compare the two.
+  // Whether to use quick parsers; tests compare both.
   enum class Readers { kQuickAndExact, kExact };
 
-  // `module` must outlive the loader, and the text the module if the strings stay in the text.
+  // `module` must outlive the loader. The text must outlive the module if strings stay in the text.
   explicit TextModuleLoader(Module* module, Readers readers = Readers::kQuickAndExact,
                             StringStorage::Place strings = StringStorage::Place::kArena)
       : module_(*module),
         quick_(readers == Readers::kQuickAndExact),
         strings_(module_.arena_, strings) {}
 
-  // Reads `size` bytes and marks the module corrupt if a line did not parse. The last byte is
-  // overwritten by a NUL if it is none; other parts of the buffer are changed as lines are split.
+  // Loads `size` bytes and marks the module as corrupt if a line did not parse. The last byte is
+  // overwritten by a NUL; other bytes change as lines are split.
   void Load(char* buffer, size_t size);
 
  private:
   char* EndOfText(char* buffer, size_t size);
   char* LineEnd(char* line);
-  // Each takes the start of a line and returns its end.
+  // Each function takes the start of a line and returns its end.
   char* LoadLine(char* line);
   char* LoadOtherLine(char* line);
   char* LoadLineRecord(char* line);
@@ -77,13 +76,13 @@ class TextModuleLoader {
   Module& module_;
   const bool quick_;
   StringStorage strings_;
-  char* end_ = nullptr;           // of the text; a NUL stands there
-  char* next_newline_ = nullptr;  // the first line feed at or behind the last line asked about
+  char* end_ = nullptr;           // end of the text, where a NUL is stored
+  char* next_newline_ = nullptr;  // first line feed at or after the last line searched
   int line_number_ = 0;
   int num_errors_ = 0;
 
   Function* cur_func_ = nullptr;  // in the module's arena
-  bool cur_func_stored_ = false;  // the module's container took it
+  bool cur_func_stored_ = false;  // the module's container accepted it
   LineGatherer lines_;
   InlineGatherer inlines_;
   InlineCallGatherer calls_;
@@ -93,9 +92,9 @@ class TextModuleLoader {
     std::deque<StackWinRecord> records;
   };
   std::array<StackWinRanges, WindowsFrameInfo::STACK_INFO_LAST> stack_win_;
-  Function* spare_func_ = nullptr;  // the record of a refused function, to be used again
-  // INLINE_ORIGIN lines by number, and the sites whose origin was not known when their function
-  // ended: published files have the lines before the functions, but any order is accepted.
+  Function* spare_func_ = nullptr;  // the record of a rejected function, for reuse
+  // INLINE_ORIGIN lines by number, and the sites whose origin was unknown at the end of their
+  // function. Published files have these lines before the functions, but any order is accepted.
   struct UnnamedSite {
     BasicSourceLineResolver::InlineFunction* site;  // in the module's arena
     int origin;

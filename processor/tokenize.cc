@@ -15,7 +15,7 @@ int TokenizeTry(char* line, const char* separators, int num_tokens, std::vector<
     tokens->push_back(token);
     if (remaining > 1) token = strtok_r(nullptr, separators, &position);
   }
-  // Whatever is left of the line, blanks included, is the last token.
+  // The rest of the line, including separators, is the last token.
   if (remaining == 0) {
     token = strtok_r(nullptr, "\r\n", &position);
     if (token != nullptr) tokens->push_back(token);

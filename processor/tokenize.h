@@ -1,4 +1,4 @@
-// Splits a writable, NUL-terminated line in place: the separator behind each token becomes a NUL,
+// Splits a writable, NUL-terminated line in place: the separator after each token becomes a NUL,
 // and the tokens are pointers into the line.
 
 #pragma once
@@ -8,14 +8,15 @@
 
 namespace google_breakpad {
 
-// Splits `line` at runs of `separators` into `num_tokens` tokens, the last of them being the rest
-// of the line up to a carriage return or line feed, blanks included. Returns how many were found.
+// Splits `line` at runs of `separators` into at most `num_tokens` tokens. The last one is the rest
+// of the line up to a carriage return or line feed, including separators. Returns the number of
+// tokens found.
 int TokenizeTry(char* line, const char* separators, int num_tokens, std::vector<char*>* tokens);
 
-// The same; true if exactly `max_tokens` tokens were found.
+// As TokenizeTry(); returns true if exactly `max_tokens` tokens were found.
 bool Tokenize(char* line, const char* separators, int max_tokens, std::vector<char*>* tokens);
 
-// Makes `vec` a writable copy of `str`, with a NUL behind it.
+// Copies `str` to `vec` and appends a NUL.
 void StringToVector(const std::string& str, std::vector<char>& vec);
 
 }  // namespace google_breakpad

@@ -1,4 +1,4 @@
-// The STACK WIN record as hosts see it, under the name that the library's own code includes.
+// The public STACK WIN record, under the include path that the library's own code uses.
 
 #pragma once
 

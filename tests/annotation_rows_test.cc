@@ -1,4 +1,4 @@
-// Binary annotations of inline sites as exact rows.
+// Conversion of binary annotations of inline sites to exact rows.
 
 #include "symforge/src/standard/annotation_rows.h"
 
@@ -15,7 +15,7 @@ namespace {
 
 using builders::Annotations;
 
-// "start-end file:line" of each row, in hexadecimal offsets, of a site in line 10 of file 3.
+// "start-end file:line" of each row, with hexadecimal offsets, for a site in line 10 of file 3.
 std::string rows(const Annotations& annotations, uint32_t chunk = 0, uint32_t size = 0x100) {
   const std::string bytes = annotations.bytes() + std::string(kAnnotationSlack, '\xFF');
   std::vector<AnnotationRow> rows;

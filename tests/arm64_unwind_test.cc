@@ -24,7 +24,7 @@ struct Written {
   Arm64UnwindReport report;
 };
 
-// The rules of a whole image, whose table is in the exception directory.
+// The rules of a whole image, with its table in the exception directory.
 Written written(const std::string& image, const std::vector<CodeRange>& functions = {}) {
   symforge_internal::MMapWrapper mapping;
   EXPECT_TRUE(mapping.Map(MemoryFile(image).path()));
@@ -45,7 +45,7 @@ PeBuilder arm64() {
   return pe;
 }
 
-// The lines of one function at 0x1000.
+// The lines of a function at 0x1000.
 std::string linesOf(uint32_t unwind_data) {
   return written(arm64().arm64_entry(0x1000, unwind_data).build()).text;
 }
@@ -55,7 +55,7 @@ std::string linesOf(const Arm64Xdata& record) {
   return written(pe.arm64_entry(0x1000, rva).build()).text;
 }
 
-// "SIZE" and rows "ADDRESS RULES" as lines, the first with the rules at entry.
+// The expected lines: "SIZE" with the rules at entry, then rows "ADDRESS RULES".
 std::string lines(const std::string& size, const std::vector<std::string>& rows,
                   const std::string& first = ".cfa: sp 0 + .ra: x30") {
   std::string text = "STACK CFI INIT 1000 " + size + " " + first + "\n";
@@ -65,7 +65,7 @@ std::string lines(const std::string& size, const std::vector<std::string>& rows,
 
 const std::string kEnd = "\xE4";
 
-// Each code as the only one of a prolog: its row, if it makes one.
+// Each code as the only one of a prolog: its row, if it has one.
 TEST(Arm64UnwindTest, DecodesEachCode) {
   const struct {
     std::string codes;
@@ -97,7 +97,7 @@ TEST(Arm64UnwindTest, DecodesEachCode) {
       {"\xE2\x04", ".cfa: x29 32 -"},
       {"\xE3", ""},
       {"\xFC", ""},
-      // save_any_*: single and pair, in place and pre-indexed, of all three register files.
+      // save_any_*: single and pair, in place and pre-indexed, for all three register files.
       {"\xE7\x14\x03", "x20: .cfa 24 + ^"},
       {"\xE7\x54\x03", "x20: .cfa 48 + ^ x21: .cfa 56 + ^"},
       {"\xE7\x34\x03", ".cfa: sp 64 + x20: .cfa 64 - ^"},
@@ -120,7 +120,7 @@ TEST(Arm64UnwindTest, DecodesEachCode) {
   }
 }
 
-// The run of save_next precedes its pair in the record and follows it in the prolog.
+// In the record, save_next precedes the pair that it continues; in the prolog it follows it.
 TEST(Arm64UnwindTest, ContinuesPairs) {
   const struct {
     std::string pair;
@@ -145,7 +145,7 @@ TEST(Arm64UnwindTest, ContinuesPairs) {
   }
 }
 
-// Functions of 0x40 bytes. What follows the "|" are the rows of the epilog.
+// Functions of 0x40 bytes. Rows after the "|" belong to the epilog.
 TEST(Arm64UnwindTest, ExpandsPackedEntries) {
   const struct {
     Arm64Packed packed;
@@ -163,7 +163,7 @@ TEST(Arm64UnwindTest, ExpandsPackedEntries) {
         "103c .cfa: sp 0 + x19: x19 x20: x20"}},
       {{.reg_i = 1, .frame = 16},
        {"1004 .cfa: sp 16 + x19: .cfa 16 - ^", "103c .cfa: sp 0 + x19: x19"}},
-      // The return address has a place of its own, shares one, is alone, is with x19 alone.
+      // The return address has its own slot, shares one, is alone, is alone with x19.
       {{.reg_i = 2, .cr = 1, .frame = 32},
        {"1004 .cfa: sp 32 + x19: .cfa 32 - ^ x20: .cfa 24 - ^", "1008 .ra: .cfa 16 - ^",
         "1038 .ra: x30", "103c .cfa: sp 0 + x19: x19 x20: x20"}},
@@ -183,7 +183,7 @@ TEST(Arm64UnwindTest, ExpandsPackedEntries) {
       {{.reg_f = 1, .cr = 1, .frame = 32},
        {"1004 .cfa: sp 32 + .ra: .cfa 32 - ^", "1008 d8: .cfa 24 - ^ d9: .cfa 16 - ^",
         "1038 d8: d8 d9: d9", "103c .cfa: sp 0 + .ra: x30"}},
-      // Parameters are stored in the prolog only; alone they allocate their area.
+      // Parameters are stored in the prolog only; without other registers they allocate their area.
       {{.reg_i = 2, .homed = 1, .frame = 96},
        {"1004 .cfa: sp 80 + x19: .cfa 80 - ^ x20: .cfa 72 - ^", "1018 .cfa: sp 96 +",
         "1038 .cfa: sp 80 +", "103c .cfa: sp 0 + x19: x19 x20: x20"}},
@@ -234,12 +234,12 @@ TEST(Arm64UnwindTest, ReadsEpilogs) {
     Arm64Xdata record;
     std::vector<std::string> rows;
   } cases[] = {
-      // In the middle: the body's rules are in force again after the return.
+      // In the middle: the rules of the body apply again after the return.
       {{.length = 0x40, .epilogs = {{0x20, 0}}, .codes = kFrame},
        {"1024 .cfa: sp 16 +", "1028 .cfa: sp 0 + .ra: x30 x29: x29", "102c " + kBody}},
       {{.length = 0x40, .epilogs = {{0x34, 0}}, .codes = kFrame},
        {"1038 .cfa: sp 16 +", "103c .cfa: sp 0 + .ra: x30 x29: x29"}},
-      // Two in a row, the second with codes of its own.
+      // Two in a row, the second with its own codes.
       {{.length = 0x40, .epilogs = {{0x20, 0}, {0x2C, 1}}, .codes = kFrame},
        {"1024 .cfa: sp 16 +", "1028 .cfa: sp 0 + .ra: x30 x29: x29",
         "102c .cfa: sp 16 + .ra: .cfa 8 - ^ x29: .cfa 16 - ^",
@@ -254,13 +254,13 @@ TEST(Arm64UnwindTest, ReadsEpilogs) {
       // Nothing but a return: a leaf within the function.
       {{.length = 0x40, .epilogs = {{0x3C, 2}}, .codes = kFrame},
        {"103c .cfa: sp 0 + .ra: x30 x29: x29"}},
-      // What follows the last end is padding, whatever it is.
+      // Bytes after the last end code are padding, whatever their value.
       {{.length = 0x40, .handler = true, .codes = kFrame + "\xFF\xE8\xE7\x80\xFF"}, {}},
   };
   for (const auto& c : cases) {
     EXPECT_EQ(linesOf(c.record), lines("40", withProlog(c.rows))) << c.rows.size();
   }
-  // More scopes than the header's own field holds.
+  // More scopes than the field in the header can count.
   Arm64Xdata record{.length = 0x1000, .extended = true, .codes = kFrame};
   for (uint32_t i = 1; i <= 100; ++i) record.epilogs.push_back({i * 0x20, 0});
   const std::string text = linesOf(record);
@@ -270,7 +270,7 @@ TEST(Arm64UnwindTest, ReadsEpilogs) {
   EXPECT_EQ(bodies, 100u);
 }
 
-// Parts of a function: the codes after end_c have run elsewhere.
+// Fragments of a function: the codes after end_c have been executed elsewhere.
 TEST(Arm64UnwindTest, ReadsFragments) {
   const std::string host = kBody;
   const struct {
@@ -281,7 +281,7 @@ TEST(Arm64UnwindTest, ReadsFragments) {
       {{.length = 0x20, .single_epilog = 0, .codes = "\xE5" + kFrame}, {}},
       {{.length = 0x20, .single_epilog = 1, .codes = "\xE5" + kFrame},
        {"1018 .cfa: sp 16 +", "101c .cfa: sp 0 + .ra: x30 x29: x29"}},
-      // A register that is saved in the fragment only; its epilog ends without a return.
+      // A register saved in the fragment only; its epilog ends without a return.
       {{.length = 0x20, .epilogs = {{0x1C, 0}}, .codes = "\xC8\x84\xE5" + kFrame},
        {"1004 x21: .cfa 16 + ^ x22: .cfa 24 + ^"}},
       {{.length = 0x20, .epilogs = {{0x10, 0}, {0x14, 3}}, .codes = "\xC8\x84\xE5" + kFrame},
@@ -293,13 +293,13 @@ TEST(Arm64UnwindTest, ReadsFragments) {
   }
 }
 
-// Registers that are saved after x29 was set, and a stack that moves on after that.
+// Registers saved after x29 was set, and later changes of the stack pointer.
 TEST(Arm64UnwindTest, FollowsTheFramePointer) {
   // sub sp,#32; stp x19,x20,[sp,#16]; add x29,sp,#16; stp x29,lr,[sp,#-64]!
   EXPECT_EQ(linesOf(Arm64Xdata{.length = 0x20, .codes = "\x02\xC8\x02\xE2\x02\x87\xE4"}),
             lines("20", {"1004 .cfa: sp 64 + .ra: .cfa 56 - ^ x29: .cfa 64 - ^",
                          "1008 .cfa: x29 48 +", "100c x19: .cfa 48 - ^ x20: .cfa 40 - ^"}));
-  // A register that is saved twice has its caller's value in the place of the first store.
+  // The caller's value of a register saved twice is in the first slot.
   EXPECT_EQ(linesOf(Arm64Xdata{.length = 0x20, .codes = "\xD0\x03\x24\xE4"}),
             lines("20", {"1004 .cfa: sp 32 + x19: .cfa 32 - ^ x20: .cfa 24 - ^"}));
 }
@@ -319,7 +319,7 @@ TEST(Arm64UnwindTest, LeavesOutDamagedRecords) {
       {.length = 0x80, .codes = ""},
       {.length = 0x80, .codes = "\xE1\xE1\xE1\xE1"},              // no end
       {.length = 0x80, .codes = "\xE1\xE5\xE1\xE1"},              // none after end_c
-      {.length = 0x80, .codes = "\xE1\xE1\xE1\xC0"},              // cut inside of a code
+      {.length = 0x80, .codes = "\xE1\xE1\xE1\xC0"},              // truncated inside a code
       {.length = 0x80, .codes = {"\xE1\xE0\x00\x00", 4}},         //
       {.length = 0x04, .codes = kFrame},                          // prolog longer than the function
       {.length = 0x80, .codes = "\xCB\x01" + kEnd},               // x31
@@ -330,10 +330,10 @@ TEST(Arm64UnwindTest, LeavesOutDamagedRecords) {
       {.length = 0x80, .codes = "\xE6" + kEnd},                   //
       {.length = 0x80, .codes = "\xE6\xD0\x42" + kEnd},           //
       {.length = 0x80, .codes = "\xE6\xE6\xE6\xCA\x03" + kEnd},   // beyond the last register
-      {.length = 0x80, .epilogs = {{0x78, 0}}, .codes = kFrame},  // leaves the function
+      {.length = 0x80, .epilogs = {{0x78, 0}}, .codes = kFrame},  // exceeds the function
       {.length = 0x80, .epilogs = {{0x40000, 0}}, .codes = kFrame},
-      {.length = 0x80, .epilogs = {{0x04, 0}}, .codes = kFrame},  // inside of the prolog
-      {.length = 0x80, .epilogs = {{0x20, 4}}, .codes = kFrame},  // index outside of the codes
+      {.length = 0x80, .epilogs = {{0x04, 0}}, .codes = kFrame},  // inside the prolog
+      {.length = 0x80, .epilogs = {{0x20, 4}}, .codes = kFrame},  // index outside the codes
       {.length = 0x80, .epilogs = {{0x20, 1023}}, .codes = kFrame},
       {.length = 0x80, .single_epilog = 4, .codes = kFrame},
       {.length = 0x0C, .single_epilog = 0, .codes = kFrame},  // no space after the prolog
@@ -346,7 +346,7 @@ TEST(Arm64UnwindTest, LeavesOutDamagedRecords) {
     const Written result = withGood(pe, rva);
     EXPECT_EQ(result.report.entries, 2u);
     EXPECT_EQ(result.report.damaged, 1u) << &record - cases;
-    // Of what is known not to be the entry's, the rest of the function is a leaf.
+    // Of a rejected entry with a known length, the rest of the function is a leaf.
     const bool is_short = record.length != 0 && record.length < 0x80;
     const size_t good = result.text.find(kGood);
     EXPECT_EQ(good != 0, is_short) << &record - cases << result.text;
@@ -359,7 +359,7 @@ TEST(Arm64UnwindTest, LeavesOutDamagedPackedEntries) {
       {.length = 0, .frame = 16},
       {.length = 0x80, .reg_i = 11, .frame = 512},
       {.length = 0x80, .reg_i = 4, .frame = 16},           // too small for the registers
-      {.length = 0x80, .reg_i = 2, .cr = 3, .frame = 16},  // and for x29 and lr
+      {.length = 0x80, .reg_i = 2, .cr = 3, .frame = 16},  // too small for x29 and lr
       {.length = 0x80, .cr = 2},
       {.length = 0x08, .reg_i = 2, .frame = 32},  // no space for prolog and epilog
   };
@@ -376,7 +376,7 @@ TEST(Arm64UnwindTest, LeavesOutWhatRulesCannotDescribe) {
   for (int code = 0xE8; code <= 0xFF; ++code)
     if (code != 0xFC) codes.push_back(std::string(1, static_cast<char>(code)) + "\x01\x01\x01\x01");
   for (const std::string& code : codes) {
-    // In the prolog, and in an epilog alone.
+    // In the prolog, and in an epilog only.
     for (const Arm64Xdata& record :
          {Arm64Xdata{.length = 0x80, .codes = code + kEnd},
           Arm64Xdata{.length = 0x80, .epilogs = {{0x40, 1}}, .codes = kEnd + code + kEnd}}) {
@@ -394,7 +394,7 @@ TEST(Arm64UnwindTest, LeavesOutWhatRulesCannotDescribe) {
     const uint32_t rva = pe.raw_unwind_info(record.bytes());
     EXPECT_EQ(withGood(pe, rva).report.unsupported, 1u);
   }
-  // The reserved flag says nothing about the entry's length: its function has no rules.
+  // The reserved flag leaves the entry's length unknown: its function has no rules.
   PeBuilder pe = arm64();
   const Written result = withGood(pe, arm64_packed({.flag = 3, .length = 0x10}));
   EXPECT_EQ(result.report.unsupported, 1u);
@@ -406,20 +406,20 @@ TEST(Arm64UnwindTest, LeavesOutWhatLeavesTheImage) {
   EXPECT_EQ(withGood(pe, 0x00800000).report.damaged, 1u);  // in no section
   pe = arm64();
   EXPECT_EQ(withGood(pe, 0xFFFFFFFC).report.damaged, 1u);
-  // A function beyond the image's end.
+  // A function beyond the end of the image.
   pe = arm64();
   pe.size_of_image(0x2020);
   EXPECT_EQ(withGood(pe, arm64_packed({.length = 0x40})).report.damaged, 2u);
 }
 
-// Each part of a record is needed, and nothing beyond the file is read.
-TEST(Arm64UnwindTest, ReadsNoRecordThatIsCutShort) {
+// Every part of a record is required, and nothing beyond the end of the file is read.
+TEST(Arm64UnwindTest, RejectsTruncatedRecords) {
   const Arm64Xdata record{
       .length = 0x40, .extended = true, .epilogs = {{0x20, 0}, {0x34, 0}}, .codes = kFrame};
   const std::string bytes = record.bytes();
   ASSERT_EQ(bytes.size(), 20u);
   for (size_t size = 0; size <= bytes.size(); ++size) {
-    // The last section of the file holds the record's first bytes.
+    // The last section of the file contains the first bytes of the record.
     PeBuilder pe = arm64();
     const std::string table = Bytes().u32(0x1000).u32(0x8000).str();
     pe.section(".pdata", 0x4000, table).directory(3, 0x4000, 8);
@@ -437,7 +437,7 @@ TEST(Arm64UnwindTest, ReadsTheEntriesOfATruncatedTable) {
              Bytes().u32(0x1010).u32(arm64_packed({.length = 0x10})).u32(0).str());
   const Written result = written(pe.directory(3, 0x4000, 64).build(), {{0x1000, 0x40}});
   EXPECT_TRUE(result.report.truncated);
-  // Code above the last entry may belong to a lost one.
+  // Code above the last entry may belong to a missing one.
   EXPECT_EQ(result.text,
             "STACK CFI INIT 1000 10 .cfa: sp 0 + .ra: x30\n"
             "STACK CFI INIT 1010 10 .cfa: sp 0 + .ra: x30\n");
@@ -476,7 +476,7 @@ TEST(Arm64UnwindTest, GivesUncoveredCodeTheRulesOfALeaf) {
   EXPECT_EQ(written(arm64().build(), {{0x1100, 8}}).text, "STACK CFI INIT 1100 8" + leaf);
 }
 
-// Records that many entries share: time and text follow the size of the file.
+// Records shared by many entries: time and output are bounded by the size of the file.
 TEST(Arm64UnwindTest, BoundsSharedRecords) {
   PeBuilder pe = arm64();
   const std::string codes = "\xE5" + std::string(1018, '\xE3') + kEnd;
@@ -498,7 +498,7 @@ TEST(Arm64UnwindTest, BoundsSharedRecords) {
   EXPECT_LT(many_rows.text.size(), 10u << 20);
 }
 
-// What compilers and the assembler make is understood. scripts/check_against_llvm compares it.
+// The output of compilers and the assembler decodes. scripts/check_against_llvm checks the values.
 TEST(Arm64UnwindTest, ReadsTheFixtures) {
   const struct {
     const char* name;

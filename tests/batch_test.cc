@@ -1,5 +1,5 @@
-// Batches: what is collected, paired and converted in which order; what one bad file costs; many
-// batches on one tree; and a batch that is killed.
+// Batches: which files are found, how they are paired and in which order converted; the effect of a
+// bad file; several batches on one tree; a killed batch.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -60,7 +60,7 @@ std::string make_text(uint32_t number, const std::string& pdb_name, size_t funct
   return text;
 }
 
-// A folder "in" of inputs, with the order in which a batch has to convert them.
+// A directory "in" of inputs, and the order in which a batch has to convert them.
 class Inputs {
  public:
   explicit Inputs(const TemporaryDirectory& temp) : temp_(temp) {}
@@ -73,7 +73,7 @@ class Inputs {
   void pdb(const std::string& name, const std::string& bytes) { add(pdbs_, name, bytes); }
   void pe(const std::string& name, const std::string& bytes) { add(pes_, name, bytes); }
   void text(const std::string& name, const std::string& bytes) { add(syms_, name, bytes); }
-  // The arguments of the single conversions that a batch into `tree` stands for.
+  // The arguments of the single conversions that a batch into `tree` is equivalent to.
   std::vector<std::vector<std::string>> conversions(const std::string& tree) const {
     std::vector<std::vector<std::string>> runs;
     std::set<std::string> left = pdbs_;
@@ -103,7 +103,8 @@ std::string numbered(const std::string& stem, uint32_t number, const std::string
   return stem + std::to_string(number) + extension;
 }
 
-// Pairs under unrelated names in two folders, PDBs and PEs of their own, texts with their PE.
+// Pairs with unrelated names in two directories, PDBs and PEs without a partner, texts with their
+// PE.
 void add_good_files(Inputs& in, uint32_t count) {
   for (uint32_t i = 0; i < count; ++i) {
     in.pair(i, numbered("symbols/p", i, i % 3 ? ".pdb" : ".PDB"),
@@ -138,7 +139,7 @@ void add_bad_files(Inputs& in, const TemporaryDirectory& temp) {
   in.pdb("bad/foreign.pdb", foreign);
 }
 
-TEST(BatchTest, GivesWhatConvertingOneByOneGives) {
+TEST(BatchTest, MatchesSingleConversions) {
   const TemporaryDirectory temp;
   Inputs in(temp);
   add_good_files(in, 32);
@@ -177,8 +178,8 @@ TEST(BatchTest, ReportsEachFileOnceAndSucceedsForOneGoodOne) {
   EXPECT_THAT(result.err, Not(HasSubstr("a.exe")));
 }
 
-// A PDB that ends the process that reads it must not end the pairing either.
-TEST(BatchTest, GoesOnBehindAChildKilledByASignal) {
+// A PDB that kills the process reading its identifier must not stop the pairing.
+TEST(BatchTest, ContinuesAfterAChildKilledByASignal) {
   const TemporaryDirectory temp;
   Inputs in(temp);
   std::string deadly = make_pdb(1);
@@ -200,9 +201,9 @@ TEST(BatchTest, GoesOnBehindAChildKilledByASignal) {
   EXPECT_EQ(converted.at("b.pdb/5F0000024000000"), "link " + id);
 }
 
-// Closed standard streams and ignored signals: pairing reads identifiers through a pipe of its own,
-// and children are waited for.
-TEST(BatchTest, PairsWhateverItsParentLeftIt) {
+// Closed standard streams and ignored signals: pairing reads identifiers through a pipe and waits
+// for its children.
+TEST(BatchTest, PairsWithClosedStreamsAndIgnoredSignals) {
   for (const std::string parent : {">&- 2>&- ", "<&- 2>&- ", "env --ignore-signal=CHLD "}) {
     const TemporaryDirectory temp;
     Inputs in(temp);
@@ -214,7 +215,7 @@ TEST(BatchTest, PairsWhateverItsParentLeftIt) {
   }
 }
 
-TEST(BatchTest, HandsItsOptionsOn) {
+TEST(BatchTest, PassesItsOptionsOn) {
   const TemporaryDirectory temp;
   Inputs in(temp);
   in.pair(1, "a.pdb", "b.exe");
@@ -226,8 +227,8 @@ TEST(BatchTest, HandsItsOptionsOn) {
   EXPECT_EQ(image.substr(0, 14), "file 0600 SYMB");
 }
 
-// Whatever cannot be walked ends the batch before anything is converted.
-TEST(BatchWalkTest, StopsAtWhatItCannotRead) {
+// An unreadable directory ends the batch before any conversion.
+TEST(BatchWalkTest, StopsAtUnreadableDirectories) {
   const TemporaryDirectory temp;
   chmod(temp.path().c_str(), 0755);
   const std::string in = temp.folder("in");
@@ -252,7 +253,7 @@ TEST(BatchWalkTest, StopsAtWhatItCannotRead) {
             "symforge: Failed to stat " + (temp / "missing") + "\n");
 }
 
-// A batch runs its own program, whatever it was called by and whatever is found under that name.
+// A batch re-runs its own executable, whatever its argv[0] and whatever PATH finds under that name.
 TEST(BatchTest, RunsItsOwnProgramUnderABareName) {
   const TemporaryDirectory temp;
   const std::string in = temp.folder("in");
@@ -267,8 +268,8 @@ TEST(BatchTest, RunsItsOwnProgramUnderABareName) {
   EXPECT_FALSE(std::filesystem::exists(temp / "ran"));
 }
 
-// Neither as an input nor as the image of one does a FIFO keep a batch waiting.
-TEST(BatchWalkTest, PassesOverWhatIsNoRegularFile) {
+// A FIFO blocks a batch neither as an input nor as an image of one.
+TEST(BatchWalkTest, SkipsEverythingButRegularFiles) {
   const TemporaryDirectory temp;
   const std::string in = temp.folder("in");
   const std::string tree = temp.folder("tree");
@@ -300,8 +301,8 @@ std::string children_of(pid_t pid) {
   return first;
 }
 
-// The child waits for a FIFO in the place of the symbol file that its image is to join.
-TEST(BatchTest, EndsItsChildWithItself) {
+// The child blocks on a FIFO that replaces the symbol file to which it has to add an image.
+TEST(BatchTest, TerminatesItsChildWithItself) {
   const TemporaryDirectory temp;
   temp.file("in/a.exe", make_pe(1, "a.pdb"));
   const std::string tree = temp.folder("tree");
@@ -321,7 +322,7 @@ TEST(BatchTest, EndsItsChildWithItself) {
   EXPECT_TRUE(wait_while([&] { return std::filesystem::exists("/proc/" + child + "/exe"); }));
 }
 
-// Files of a tree that are complete by their names; what a killed process left behind is not.
+// The completed files of a tree, by name; temporary files of a killed process are not included.
 Tree targets(const std::string& root) {
   Tree tree = list_tree(root);
   std::erase_if(tree, [](const auto& entry) {
@@ -336,7 +337,8 @@ void wait_for_success(pid_t pid) {
   EXPECT_EQ(status, 0);
 }
 
-// A folder with several builds of one module, large files, and a tree that one batch made of it.
+// A directory with several builds of one module, large files, and the tree that one batch creates
+// from it.
 class SharedTreeTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -350,8 +352,8 @@ class SharedTreeTest : public ::testing::Test {
     wanted_ = list_tree(expected_);
   }
 
-  // Every target that a reader sees now is complete: it holds what a batch, or the step before
-  // its PE was joined, makes of it.
+  // Every visible target is complete: it is the result of a batch, or of the step before the PE was
+  // added.
   void expect_complete_targets(const std::string& tree) const {
     for (const auto& [path, content] : wanted_) {
       if (!content.starts_with("file")) continue;
@@ -369,7 +371,7 @@ class SharedTreeTest : public ::testing::Test {
   Tree wanted_;
 };
 
-TEST_F(SharedTreeTest, TakesEightBatchesAtOnce) {
+TEST_F(SharedTreeTest, SurvivesEightConcurrentBatches) {
   const std::string tree = temp_.folder("tree");
   std::vector<pid_t> batches;
   for (int i = 0; i < 8; ++i) batches.push_back(start({"-r", temp_ / "in", tree}));
@@ -379,7 +381,7 @@ TEST_F(SharedTreeTest, TakesEightBatchesAtOnce) {
   EXPECT_EQ(list_tree(tree), wanted_);
 }
 
-// SYMFORGE_KILL_ROUNDS sets how often; a few times by default.
+// SYMFORGE_KILL_ROUNDS sets the number of rounds; the default is small.
 TEST_F(SharedTreeTest, SurvivesKillsAtAnyMoment) {
   const char* wish = std::getenv("SYMFORGE_KILL_ROUNDS");
   const int rounds = wish != nullptr ? std::atoi(wish) : 5;

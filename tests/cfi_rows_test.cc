@@ -73,27 +73,28 @@ TEST(CfiRowsTest, WritesOnlyWhatChanges) {
     std::string lines;
   } cases[] = {
       {{{0x1004, pushed}}, init + push},
-      // The same rules again are no row, also not one after the other in several steps.
+      // Unchanged rules produce no row, not even when several changes at one address cancel out.
       {{{0x1004, pushed}, {0x1008, pushed}, {0x100C, entry}, {0x100C, pushed}}, init + push},
-      // A register that is saved elsewhere, and one that is no longer saved.
+      // A register saved to another slot, and one that is no longer saved.
       {{{0x1004, pushed},
         {0x1008, withReturnAddressBelow(8, rules(kSp, 16, {{kFp, 8}, {kX19, 32}}))},
         {0x101F, entry}},
        init + push +
            "STACK CFI 1008 x29: .cfa 8 - ^ x19: .cfa 32 - ^\n"
            "STACK CFI 101f .cfa: sp 0 + .ra: x30 x29: x29 x19: x19\n"},
-      // Several changes at one address are one row; at the first byte they belong to the INIT line.
+      // Several changes at one address are one row; at the first address they are part of the INIT
+      // line.
       {{{0x1004, rules(kSp, 32)}, {0x1004, pushed}}, init + push},
       {{{0x1000, rules(kSp, 32)}, {0x1000, rules(kFp, 48)}},
        "STACK CFI INIT 1000 20 .cfa: x29 48 + .ra: x30\n"},
-      // Nothing takes effect after the range.
+      // Changes after the range have no effect.
       {{{0x1004, pushed}, {0x1020, entry}, {UINT32_MAX, entry}}, init + push},
   };
   for (const auto& c : cases) EXPECT_EQ(linesOf(entry, c.rows), c.lines);
 }
 
-// The ranges of the INIT lines, each as "begin+size " in hexadecimal digits, those of entries with
-// rules of their own in brackets.
+// The ranges of the INIT lines, each as "begin+size " in hexadecimal. Entries with their own rules
+// are in brackets.
 std::string rangesOf(const std::vector<CodeRange>& functions, const std::vector<CodeRange>& entries,
                      std::vector<bool>* claimed = nullptr) {
   TextBuffer out;
@@ -131,9 +132,9 @@ TEST(CfiRowsTest, CoversTheRestOfFunctionsAsLeaves) {
       {{{0x10, 0x10}},
        {{0x0, 0x8}, {0x14, 4}, {0x1A, 2}, {0x40, 4}},
        "[0+8] 10+4 [14+4] 18+2 [1a+2] 1c+4 [40+4] "},
-      // An entry over several functions, and one that begins in the middle of one.
+      // An entry that covers several functions, and one that starts inside a function.
       {{{0x10, 0x10}, {0x20, 8}, {0x28, 8}, {0x30, 8}}, {{0x18, 0x1C}}, "10+8 [18+1c] 34+4 "},
-      // Functions that overlap, are the same, or have no code.
+      // Functions that overlap, are equal, or are empty.
       {{{0x10, 0x40}, {0x10, 0x40}, {0x20, 0}, {0x20, 8}, {0x48, 0x10}},
        {{0x24, 4}, {0x30, 4}},
        "10+14 [24+4] 28+8 [30+4] 34+1c 50+8 "},

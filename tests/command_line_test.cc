@@ -1,5 +1,5 @@
-// The program as its users meet it: options, exit statuses, messages, what it prints and what it
-// leaves in a symbol tree.
+// The command line as a process: options, exit statuses, messages, output and the files in a symbol
+// tree.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -157,12 +157,12 @@ TEST(TreeTest, HoldsTheFileItsFoldersAndTheLink) {
   }
 }
 
-// What stands in the way of a result in the tree: the message, status 0, and nothing new.
+// Obstacles to writing a result to the tree: the message, status 0, and no new file.
 TEST(TreeTest, ReportsWhatItCannotWrite) {
   const std::string long_name(252, 'n');
   const struct {
     std::string module;   // identifier and debug file
-    std::string blocker;  // file in the tree; a folder when it ends in '/'
+    std::string blocker;  // file in the tree; a directory if it ends in '/'
     std::string message;
   } cases[] = {
       {"X ../a.pdb", "", "failed to create symbol file path: ../a.pdb/X"},
@@ -191,7 +191,7 @@ TEST(TreeTest, ReportsWhatItCannotWrite) {
   }
 }
 
-// A full disk, by way of a limit on the size of files.
+// A full disk, simulated by a limit on the size of files.
 TEST(TreeTest, KeepsTheOldFileWhenTheNewOneCannotBeWritten) {
   const TemporaryDirectory temp;
   const std::string tree = temp.folder("tree");
@@ -204,8 +204,8 @@ TEST(TreeTest, KeepsTheOldFileWhenTheNewOneCannotBeWritten) {
   EXPECT_EQ(list_tree(tree), before);
 }
 
-// With --sync the data are on the disk before they get the name of the target, and the name is
-// before the run ends.
+// With --sync, the data are synced before the file is renamed to the target, and the target's name
+// before the program exits.
 TEST(TreeTest, ReachesTheDiskInOrder) {
   if (*SYMFORGE_RECORDER == '\0') GTEST_SKIP() << "a sanitizer must be loaded first";
   const TemporaryDirectory temp;
@@ -244,7 +244,7 @@ TEST(StdoutTest, ReportsAFullDevice) {
 
 const std::string kData = SYMFORGE_FIXTURES;
 
-// A pair of a real tool chain, taken apart: which parts a conversion finds, and where.
+// A pair from a real tool chain, split up: which parts a conversion finds, and where.
 class ImageTest : public ::testing::Test {
  protected:
   ImageTest()
@@ -291,8 +291,8 @@ TEST_F(ImageTest, ComesWithItsLink) {
                                     {target_, "file 0600 " + text}}));
 }
 
-// A link that leads nowhere is no folder, and stands in the way of one.
-TEST_F(ImageTest, EndsWhereItsFoldersCannotBeMade) {
+// A dangling link is not a directory and prevents creating one.
+TEST_F(ImageTest, FailsIfDirectoriesCannotBeCreated) {
   const std::string folder = tree_ + "/a.pdb";
   std::filesystem::create_symlink("nowhere", folder);
   const Result result = run({pdb_, tree_});
@@ -301,7 +301,7 @@ TEST_F(ImageTest, EndsWhereItsFoldersCannotBeMade) {
 }
 
 // The image's own debug record names engine64.pdb.
-TEST_F(ImageTest, JoinsTheSymbolFileInTheTreeOnce) {
+TEST_F(ImageTest, IsAddedToTheSymbolFileInTheTreeOnce) {
   const auto refused = [&](const std::string& message) {
     const Tree before = list_tree(tree_);
     const Result result = run({"-e", exe_, "-s", tree_});
@@ -320,11 +320,11 @@ TEST_F(ImageTest, JoinsTheSymbolFileInTheTreeOnce) {
   EXPECT_EQ(read_file(tree_ + "/engine64.pdb/" + id_ + "/engine64.sym"),
             without_image(whole) + lines_with(whole, {"INFO CODE_ID "}) +
                 lines_with(whole, {"STACK CFI "}));
-  EXPECT_EQ(list_tree(tree_).size(), 4u);  // two folders, the file, the link
+  EXPECT_EQ(list_tree(tree_).size(), 4u);  // two directories, the file, the link
   refused("exe/dll already exists");
 }
 
-TEST(SymbTest, GoesIntoTheTreeAndBackToText) {
+TEST(SymbTest, ConvertsToTheTreeAndBack) {
   const TemporaryDirectory temp;
   const std::string tree = temp.folder("tree");
   ASSERT_EQ(run({"-b", temp.file("a.sym", kText), tree}).status, 0);
@@ -335,8 +335,8 @@ TEST(SymbTest, GoesIntoTheTreeAndBackToText) {
   EXPECT_THAT(run({image}).out, StartsWith("MODULE windows x86_64 ABC1 my\n"));
 }
 
-// The writer of images stops at the first line that is no header, so it misses this identity. What
-// it refuses leaves an empty target, and no link.
+// The image writer stops at the first line that is not a header line, so it does not find this
+// identity. A rejected text leaves an empty target and no link.
 TEST(SymbTest, RefusedTextEmptiesTheTarget) {
   const TemporaryDirectory temp;
   const std::string tree = temp.folder("tree");

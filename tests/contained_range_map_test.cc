@@ -26,8 +26,8 @@ TEST(ContainedRangeMap, EdgesOfTheAddressSpace) {
   EXPECT_EQ(stack, (std::vector<int>{2, 1}));
 }
 
-// Whether a range is stored depends on the stored ones alone, so a flat list is a model of the
-// tree.
+// Whether a range is stored depends only on the set of stored ranges, so a flat list is a model of
+// the tree.
 TEST(ContainedRangeMap, AgreesWithAFlatList) {
   std::mt19937 random(11);
   for (int round = 0; round < 300; ++round) {
@@ -64,7 +64,7 @@ TEST(ContainedRangeMap, AgreesWithAFlatList) {
   }
 }
 
-// Base, last address and entry of every range, each before those inside it.
+// Base, last address and entry of every range in pre-order.
 template <typename Range>
 void walk(const Range& range, std::vector<std::array<uint64_t, 3>>& found) {
   if (range.Map() == nullptr) return;
@@ -74,8 +74,8 @@ void walk(const Range& range, std::vector<std::array<uint64_t, 3>>& found) {
   }
 }
 
-// Many ranges at once end in the tree that storing them one by one gives, at both ends of the
-// address space as well.
+// Storing many ranges at once yields the same tree as storing them one by one, also at both ends of
+// the address space.
 TEST(ContainedRangeMap, StoresManyAsOneByOne) {
   std::mt19937_64 random(23);
   for (int round = 0; round < 3000; ++round) {
@@ -94,12 +94,12 @@ TEST(ContainedRangeMap, StoresManyAsOneByOne) {
     walk(one_by_one, expected);
     walk(at_once, found);
     ASSERT_EQ(found, expected) << "round " << round;
-    // The map stays open for more.
+    // The map accepts further ranges.
     ASSERT_EQ(at_once.StoreRange(origin + 1, 2, -1), one_by_one.StoreRange(origin + 1, 2, -1));
   }
 }
 
-// Neither time nor stack may follow the depth of nesting, whichever way it is built.
+// Neither time nor stack use depends on the depth of nesting, in any order of insertion.
 TEST(ContainedRangeMap, NestsDeep) {
   constexpr uint32_t kDepth = 20000;
   for (const char* order : {"inwards", "outwards", "shuffled"}) {

@@ -5,8 +5,8 @@
 //   BEGIN LENGTH PROLOG [at START CODES]...     begin and lengths in bytes, hexadecimal
 //   BEGIN LENGTH malformed | unsupported
 //
-// Codes are in the order of the record. scripts/lib/check_arm64_codes.py compares this with what
-// llvm-readobj prints.
+// Codes are in the order of the record. scripts/lib/check_arm64_codes.py compares this with the
+// output of llvm-readobj.
 
 #include <cstdio>
 

@@ -1,5 +1,5 @@
-// The real fixtures, whole: what the program makes of each is compared byte for byte with the text
-// that was reviewed when it was committed (scripts/make_goldens remakes them).
+// Complete real fixtures: the output for each is compared byte for byte with the reviewed text in
+// the repository (scripts/make_goldens regenerates it).
 
 #include <gtest/gtest.h>
 
@@ -20,10 +20,10 @@ const std::string kData = SYMFORGE_FIXTURES "/";
 std::string golden(const std::string& name) { return read_file(kData + name + ".sym"); }
 std::string pdb(const std::string& name) { return kData + name + ".pdb"; }
 
-// The parameter is the name of a fixture; its image stands beside its PDB and is found there.
+// The parameter is the name of a fixture. Its image is next to its PDB, where symforge finds it.
 class GoldenTest : public testing::TestWithParam<const char*> {};
 
-// The standard output of a run that has to succeed silently.
+// The standard output of a run, which must succeed without messages.
 std::string converted(const std::vector<std::string>& args) {
   const Result result = run(args);
   EXPECT_EQ(result.status, 0) << result.err;
@@ -43,12 +43,12 @@ TEST_P(GoldenTest, LeavesOutInlineSites) {
   EXPECT_EQ(converted({"-i", pdb(GetParam())}), lines_without(golden(GetParam()), {"I "}));
 }
 
-TEST_P(GoldenTest, ComesBackFromSymbAsReviewed) {
+TEST_P(GoldenTest, ConvertsBackFromSymbAsReviewed) {
   const TemporaryDirectory folder;
   const std::string symb = folder.file("a.symb", converted({"-b", pdb(GetParam())}));
   const std::string text = converted({symb});
   EXPECT_EQ(text, read_file(kData + std::string(GetParam()) + ".back.sym"));
-  // Text and SYMB hold the same from here on.
+  // Text and SYMB are equivalent from here on.
   EXPECT_EQ(converted({"-b", folder.file("b.sym", text)}), read_file(symb));
 }
 

@@ -1,18 +1,18 @@
-// A program whose instructions show the flags of the build to hardening_test: hardening_probe SIZE
-// copies SIZE bytes into a block of 8.
+// A program whose machine code shows hardening_test the build's flags: hardening_probe SIZE copies
+// SIZE bytes into a block of 8.
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
-// The frame takes several pages, which -fstack-clash-protection touches one by one.
+// The frame has several pages, which -fstack-clash-protection probes one by one.
 extern "C" __attribute__((noinline)) char large_frame(const char* text) {
   char frame[64 * 1024];
   std::snprintf(frame, sizeof(frame), "%s", text);
   return frame[0];
 }
 
-// The size of the block is known at run time only: _FORTIFY_SOURCE checks it from level 3 on.
+// The size of the block is only known at run time: _FORTIFY_SOURCE checks it from level 3.
 extern "C" __attribute__((noinline)) char* copy(const char* from, size_t size, size_t block_size) {
   char* const block = static_cast<char*>(std::malloc(block_size));
   if (block != nullptr) {

@@ -1,5 +1,5 @@
-// Files of the published format: answers from the text, from its SYMB image, from the text that
-// comes back from that image, and from the image of this text.
+// Files of the published format: lookups in the text, in its SYMB image, in the text converted back
+// from that image, and in the image of that text.
 
 #include <gtest/gtest.h>
 
@@ -24,8 +24,8 @@ using test_support::Symbols;
 using test_support::test_data;
 using test_support::text_of;
 
-// "function file:line | inline file:line | ...", the innermost inline frame first. With bases:
-// also the first address of the function and of its line.
+// "function file:line | inline file:line | ...", innermost inline frame first. With bases: also the
+// first addresses of the function and of its line.
 std::string described(const StackFrame& frame, bool with_bases = false) {
   std::ostringstream out;
   out << frame.function_name;
@@ -37,7 +37,7 @@ std::string described(const StackFrame& frame, bool with_bases = false) {
   return out.str();
 }
 
-// The forms of one file. Their answers must be the same.
+// All forms of one file. Lookups must return the same in each.
 class Forms {
  public:
   explicit Forms(const std::string& text) : text_(text) {
@@ -98,7 +98,7 @@ TEST(InlineCalls, FilesOfOtherSystems) {
         {0x2000, "_start"}}},
       {"published_mac.sym",
        {{0x3f00, kApp + "20"},
-        // An origin that no line names.
+        // An origin without an INLINE_ORIGIN line.
         {0x3f04, kApp + "21 | <omitted> /Users/u/App/main.mm:6 | " + kShift + "5"},
         {0x3f08, kApp + "22"},
         {0x3f10, kApp + "21 | " + kShift + "5"},
@@ -112,8 +112,8 @@ TEST(InlineCalls, FilesOfOtherSystems) {
   }
 }
 
-// Published text that comes back from SYMB keeps its calls, their places and their ranges.
-TEST(InlineCalls, TextComesBack) {
+// Published text converted back from SYMB keeps its calls with their positions and ranges.
+TEST(InlineCalls, TextSurvivesTheRoundTrip) {
   std::string expected = test_data("published_linux.sym");
   const auto replace = [&expected](const std::string& from, const std::string& to) {
     const size_t at = expected.find(from);
@@ -132,7 +132,7 @@ TEST(InlineCalls, OddFiles) {
     uint64_t address;
     const char* answer;
   } kCases[] = {
-      // Origins after their function; the first of two counts; an unknown file.
+      // Origins after their function; the first of two is used; an unknown file.
       {"FUNC 100 10 0 f\nINLINE 0 5 2 3 100 4\n100 10 6 1\nINLINE_ORIGIN 3 g\nINLINE_ORIGIN 3 h\n",
        0x100, "f -:5 | g a.cc:6"},
       // No line record for the callee.
@@ -143,11 +143,11 @@ TEST(InlineCalls, OddFiles) {
       {"INLINE_ORIGIN 3 g\nFUNC 100 10 0 f\nINLINE 0 5 1 3 f0 20\nINLINE 1 7 1 3 10f 10\n"
        "100 10 6 1\n",
        0x10f, "f a.cc:5 | g a.cc:6 | g a.cc:7"},
-      // Of two calls at one depth that overlap the first to begin counts.
+      // Of two overlapping calls at one depth, the one that starts first is kept whole.
       {"INLINE_ORIGIN 3 g\nINLINE_ORIGIN 4 h\nFUNC 100 10 0 f\nINLINE 0 5 1 3 104 8\n"
        "INLINE 0 7 1 4 100 8\n100 10 6 1\n",
        0x106, "f a.cc:7 | h a.cc:6"},
-      // I lines of a function with INLINE lines do not count.
+      // I lines of a function with INLINE lines are ignored.
       {"INLINE_ORIGIN 3 g\nFUNC 100 10 0 f\nINLINE 0 5 1 3 100 8\n100 10 6 1\nI 100 4 9 1 0 i\n",
        0x100, "f a.cc:5 | g a.cc:6"},
   };
@@ -155,7 +155,7 @@ TEST(InlineCalls, OddFiles) {
 }
 
 // Lookups on text return inline frames for INLINE lines only.
-TEST(InlineCalls, TextWithSiteLinesAnswersNoInlines) {
+TEST(InlineCalls, TextWithILinesReturnsNoInlines) {
   const Symbols text("FILE 1 a.cc\nFUNC 100 10 0 f\n100 10 6 1\nI 100 4 9 1 0 i\n");
   EXPECT_EQ(described(text.frame(0x100)), "f a.cc:6");
 }
@@ -174,7 +174,7 @@ struct Row {
   int line, file;
 };
 
-// A published function, and its answers by the definition of the format.
+// A published function, and lookup results computed from the format's definition.
 class Model {
  public:
   Model(std::mt19937& random, uint64_t begin) : random_(random), begin_(begin) {
@@ -235,7 +235,8 @@ class Model {
     return "file " + std::to_string(file) + ":" + std::to_string(line);
   }
 
-  // Calls inside the given ranges: disjoint, often as large as their caller, often in parts.
+  // Adds calls inside the given ranges: disjoint, often as large as their caller, often in several
+  // parts.
   void add_calls(const std::vector<std::pair<uint64_t, uint64_t>>& around, int depth) {
     if (depth > 5 || pick(5) == 0) return;
     std::vector<Call> calls(1 + pick(3));
@@ -271,7 +272,7 @@ std::string head() {
   return text;
 }
 
-TEST(InlineCalls, AnswersOfGeneratedFiles) {
+TEST(InlineCalls, LookupsInGeneratedFiles) {
   std::mt19937 random(7);
   for (int round = 0; round < 60; ++round) {
     std::string text = head();
@@ -289,8 +290,8 @@ TEST(InlineCalls, AnswersOfGeneratedFiles) {
   }
 }
 
-// Whatever the ranges are, the forms agree.
-TEST(InlineCalls, AnswersOfDamagedFiles) {
+// All forms agree for arbitrary ranges.
+TEST(InlineCalls, LookupsInDamagedFiles) {
   std::mt19937 random(8);
   for (int round = 0; round < 300; ++round) {
     std::ostringstream text;

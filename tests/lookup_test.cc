@@ -1,5 +1,5 @@
-// Lookups, by text modules and by SYMB blocks, the latter on read-only memory that ends at an
-// unreadable page.
+// Lookups in text modules and in SYMB blocks. The blocks are in read-only memory that ends at an
+// inaccessible page.
 
 #include <gtest/gtest.h>
 
@@ -30,7 +30,7 @@ constexpr uint64_t kBase = 0x7ff600000000;
 Symbols symbols_of(const std::string& content) { return Symbols(content, kBase); }
 Symbols symbols_of(const SymbModel& model) { return Symbols(model.bytes(), kBase); }
 
-// "name@base file:line@base | inline file:line | ..."; bases relative to the module.
+// "name@base file:line@base | inline file:line | ...", with bases relative to the module.
 std::string described(const StackFrame& frame, bool with_inlines = true) {
   std::ostringstream out;
   if (frame.function_name.empty()) return "nothing";
@@ -60,7 +60,7 @@ std::string described(const std::unique_ptr<WindowsFrameInfo>& info) {
 TEST(LookupTest, FindsFunctionsLinesSitesAndPublics) {
   const struct {
     uint64_t address;
-    const char* version_3;  // the text's answer as well, but for the sites
+    const char* version_3;  // the same for text, except for inline frames
     const char* version_2;
   } kCases[] = {
       {0x7ff, "nothing", "nothing"},
@@ -75,9 +75,9 @@ TEST(LookupTest, FindsFunctionsLinesSitesAndPublics) {
       {0x10ff, "main@1000", "main@1000"},
       {0x1100, "between@1100", "nothing"},
       {0x1200, "no_lines@1200", "no_lines@1200"},
-      {0x1210, "nothing", "nothing"},  // the function hides the publics below it
-      {0x2000, "last@2000 -:3@2000", "last@2000 -:3@2000"},  // a file that is not there
-      {0x2020, "nothing", "nothing"},  // a public at the function's own address is hidden too
+      {0x1210, "nothing", "nothing"},  // the function hides the public symbols below it
+      {0x2000, "last@2000 -:3@2000", "last@2000 -:3@2000"},  // a file that does not exist
+      {0x2020, "nothing", "nothing"},  // a public symbol at the function's own address, too
       {0x3000, "above@3000", "nothing"},
       {0x100000800, "above@3000", "nothing"},
   };
@@ -93,7 +93,7 @@ TEST(LookupTest, FindsFunctionsLinesSitesAndPublics) {
     EXPECT_EQ(described(version_2.frame(c.address)), c.version_2);
     EXPECT_EQ(described(version_1.frame(c.address)), c.version_2);
   }
-  // In a block functions and lines see the low 32 bits, publics and sites all of them.
+  // In a block, functions and lines use the low 32 bits, publics and inline sites all of them.
   EXPECT_EQ(described(version_3.frame(0x100001010)), "main@1000 b.cpp:20@1010");
   EXPECT_EQ(described(text.frame(0x100001010)), "above@3000");
 }
@@ -102,16 +102,16 @@ TEST(LookupTest, FindsFrameInfo) {
   const struct {
     uint64_t address;
     const char* text;
-    const char* block = nullptr;  // null: as the text
+    const char* block = nullptr;  // null: same as the text
   } kCases[] = {
       {0xfff, "nothing"},
       {0x1000, "4 -1 1 2 3 4 5 6 0 $T0 .raSearch ="},
       {0x1010, "4 -1 1 2 3 4 5 6 0 inner program"},
       {0x1030, "4 -1 1 2 3 4 5 6 0 "},
       {0x10ff, "4 -1 1 2 3 4 5 6 0 $T0 .raSearch ="},
-      {0x1500, "nothing"},  // type 3 is not searched
+      {0x1500, "nothing"},  // type 3 is ignored
       {0x1700, "0 -1 1 2 3 4 5 6 1 "},
-      {0x2000, "-1 1 0 0 12 0 0 0 0 ", "nothing"},  // see TakesParametersAtTheStrideOfOlderVersions
+      {0x2000, "-1 1 0 0 12 0 0 0 0 ", "nothing"},  // see ReadsParametersAtTheStrideOfOlderVersions
       {0x3000, "nothing"},
   };
   const Symbols text = symbols_of(test_data("rich_shuffled.sym"));
@@ -141,9 +141,9 @@ TEST(LookupTest, AppliesRulesUpToTheAddress) {
   }
 }
 
-// The sites of a function may stand in any order and cut one another: the answer is that of a tree
-// into which they are stored one by one.
-TEST(LookupTest, StacksSitesAsATreeOfThemWould) {
+// The sites of a function may be in any order and overlap: the result is that of a tree into which
+// they are stored one by one.
+TEST(LookupTest, NestsSitesLikeATree) {
   std::mt19937 random(7);
   for (int round = 0; round < 300; ++round) {
     SymbModel model;
@@ -177,10 +177,10 @@ TEST(LookupTest, StacksSitesAsATreeOfThemWould) {
   }
 }
 
-// In version 3 the fallback takes records of 48 bytes to be 32 bytes long. Of two functions the
-// second one's place is then taken by the first one's `inlines`, whose offset passes for an
+// In version 3 the fallback reads records of 48 bytes at a stride of 32. Where it expects the
+// second of two functions, it reads the `inlines` of the first, whose offset is taken for an
 // address.
-TEST(LookupTest, TakesParametersAtTheStrideOfOlderVersions) {
+TEST(LookupTest, ReadsParametersAtTheStrideOfOlderVersions) {
   SymbModel model;
   model.functions = {{0x10, 8, 4, "low", {}, {}}, {0x10000, 8, 8, "high", {}, {}}};
   EXPECT_EQ(described(symbols_of(model).windows(0x12)), "-1 1 0 0 4 0 0 0 0 ");
@@ -189,8 +189,8 @@ TEST(LookupTest, TakesParametersAtTheStrideOfOlderVersions) {
   EXPECT_EQ(described(symbols_of(model).windows(0x10002)), "-1 1 0 0 8 0 0 0 0 ");
 }
 
-// Compares the lookups of a text and of its image; returns how many answers had inline frames. The
-// text module has no inline frames, and its parameter sizes without frame info differ by design.
+// Compares lookups in a text and in its image. Returns how many results had inline frames. The text
+// module has none, and its parameter sizes without frame info differ by design.
 int expect_agreement(const std::string& content, const std::vector<uint64_t>& addresses) {
   const Symbols text = symbols_of(content);
   const Symbols image = symbols_of(image_of(content).value());

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# Faults of the machine: machine_faults.sh PROGRAM DATA
+# Faults of the environment: machine_faults.sh PROGRAM DATA
 # Full disks and read-only trees (small tmpfs mounts, so root only; ends with 77, "skipped",
-# otherwise), missing rights, descriptors and memory, inputs that shrink, odd things in the tree.
-# Whatever happens, a target is the old file or the whole new one, and nothing else is left behind.
+# otherwise), missing permissions, descriptors and memory, inputs that shrink, obstacles in the tree.
+# In all cases, a target is the old file or the complete new one, and no other file is left.
 set -uo pipefail
 program=$(realpath "$1")
 data=$(realpath "$2")
@@ -28,7 +28,7 @@ report() {  # report NAME CONDITION...
   fi
 }
 
-# Inputs: a pair of a real tool chain, and its text in a short and a longer form.
+# Inputs: a pair from a real tool chain, and its text in a short and a longer form.
 cp "$data"/engine64.{pdb,exe} "$scratch/"
 "$program" "$scratch/engine64.pdb" >"$scratch/new.sym"
 head -n 40 "$scratch/new.sym" >"$scratch/old.sym"
@@ -41,7 +41,7 @@ no_strays() { [ -z "$(find "$tree" -type f ! -name '*.sym' ! -name '*.symb')" ];
 target_is() { cmp -s "$scratch/$1" "$target"; }
 old_or_new() { target_is old.sym && said . || target_is new.sym; }
 
-# A disk that fills up at every stage: bytes, then files.
+# A disk that becomes full at every stage: bytes, then files.
 full_disk() {
   mount -t tmpfs -o "$1" none "$tree" || return 1
   local result=0
@@ -92,7 +92,7 @@ few_descriptors() {
 }
 for count in 3 4 5 6; do report "$count file descriptors" few_descriptors "$count"; done
 
-# Without memory a conversion may be ended by an exception that nobody catches.
+# Without memory, an exception that is not caught may end a conversion.
 little_memory() {
   new_tree
   (ulimit -c 0 -v "$1" && convert "$scratch/big.sym" "$tree") 2>>"$scratch/err"
@@ -109,8 +109,8 @@ for kilobytes in 8000 16000 24000 32000 48000 64000 128000; do
   report "$kilobytes KiB of address space" little_memory "$kilobytes"
 done
 
-# An input that loses its end, or its name, while it is read: the target is never a part of a file,
-# and the run ends by itself or by the signal for reading a mapping beyond its file.
+# An input that is truncated or deleted while it is read: the target is never a partial file, and the run
+# exits normally or with the signal for accessing a mapping beyond the end of its file.
 changes() {  # changes INPUT COMMAND...
   new_tree
   cp "$scratch/$1" "$scratch/changing.${1##*.}"
@@ -130,7 +130,7 @@ for round in $(seq 5); do
   report "text that vanishes, $round" changes big.sym rm
 done
 
-# Standard mode: the same faults give a status, one line, and never a signal.
+# Standard mode: the same faults yield a status and one line, and never a signal.
 one_line() { [ "$(wc -l <"$scratch/err")" -eq 1 ] && said "^symforge: $scratch/[^:]*: "; }
 standard_full_disk() {
   mount -t tmpfs -o size=16k none "$tree" || return 1
@@ -180,7 +180,7 @@ odd_things() {
 }
 report "a folder, a link, a stale file in the target's place" odd_things
 
-# Links where the folders of the tree belong: to nowhere, to themselves, to a folder (which is used).
+# Links in place of directories of the tree: dangling, cyclic, or to a directory (which is used).
 odd_links() {
   local folder=$tree/engine64.pdb
   rm -rf "$tree" && mkdir "$tree" "$scratch/folder" && ln -s nowhere "$folder" || return 1

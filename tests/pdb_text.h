@@ -1,4 +1,4 @@
-// Converting a built PDB inside the test's own process.
+// Converts a built PDB inside the process of the test.
 
 #pragma once
 
@@ -18,7 +18,7 @@ namespace test_support {
 
 using namespace builders;
 
-// What came of a conversion: the symbol file, or the text of the exception; and standard error.
+// Result of one conversion: the symbol file or the text of the exception, and standard error.
 struct Conversion {
   std::string text;
   std::string failure;
@@ -30,7 +30,7 @@ struct Conversion {
 
 enum class Format { kDefault, kStandard };
 
-// Any exception but pdb_exception passes.
+// Exceptions other than pdb_exception propagate.
 inline Conversion convertAlone(const std::string& bytes, Format format = Format::kDefault,
                                symforge_internal::StandardCounts* counts = nullptr) {
   const MemoryFile file(bytes);
@@ -60,7 +60,7 @@ inline Conversion convert(const std::string& bytes) {
 
 inline Conversion convert(PdbBuilder& pdb) { return convert(pdb.build().bytes); }
 
-// A PDB with a code section at 0x1000, and the index of a function type without parameters.
+// A PDB with a code section at 0x1000, and the index of a type of functions without parameters.
 struct SmallPdb : PdbBuilder {
   explicit SmallPdb(uint32_t page_size = 4096) : PdbBuilder(page_size) {
     section({.name = ".text", .address = 0x1000, .virtual_size = 0x9000, .raw_size = 0x9000});
@@ -70,7 +70,7 @@ struct SmallPdb : PdbBuilder {
   uint32_t type;
 };
 
-// FUNC, PUBLIC and line records: everything after the head of the file.
+// FUNC, PUBLIC and line records: everything after the header.
 inline std::string records(const Conversion& result) {
   const size_t info = result.text.rfind("INFO SECTION");
   std::string rest = result.text.substr(result.text.find('\n', info) + 1);
@@ -78,7 +78,7 @@ inline std::string records(const Conversion& result) {
   return result.failure + rest;
 }
 
-// A PDB with one module and one file, changed by `change`; its records.
+// The records of a PDB with one module and one file, modified by `change`.
 inline std::string recordsOf(
     const std::function<void(SmallPdb&, ModuleBuilder&, uint32_t file)>& change) {
   SmallPdb pdb;

@@ -1,5 +1,5 @@
-// A library to be loaded ahead of the C library: at the first long write of the program, which is
-// that of the result, it tries what code from a file would try, and reports what worked.
+// A library for LD_PRELOAD: at the first long write of the program, which writes the result, it
+// tries what injected code might try, and reports which attempts succeeded.
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr size_t kLongWrite = 100;  // no message is that long
+constexpr size_t kLongWrite = 100;  // longer than any message
 
 void report(const char* attempt, bool works) {
   const std::string line =
@@ -21,7 +21,7 @@ void report(const char* attempt, bool works) {
   syscall(SYS_write, STDERR_FILENO, line.data(), line.size());
 }
 
-// Whether a process that is not the sandbox's own can be run: by a child, which would be replaced.
+// Whether another program can be executed. Tries it in a child process, which would be replaced.
 bool executes() {
   char program[] = "/bin/true";
   char* const args[] = {program, nullptr};
@@ -30,7 +30,7 @@ bool executes() {
     execve(program, args, nullptr);
     _exit(1);
   }
-  if (pid == -1) return execve(program, args, nullptr) == 0;  // it does not return
+  if (pid == -1) return execve(program, args, nullptr) == 0;  // returns only on failure
   int status = 1;
   waitpid(pid, &status, 0);
   return status == 0;

@@ -20,7 +20,7 @@ constexpr auto kExclusive = MergeRangeStrategy::kExclusiveRanges;
 constexpr auto kLower = MergeRangeStrategy::kTruncateLower;
 constexpr auto kUpper = MergeRangeStrategy::kTruncateUpper;
 
-// "base-high:entry" of each range, with "+delta" where there is one, in hexadecimal.
+// "base-high:entry" of each range, with "+delta" if it is not 0, in hexadecimal.
 std::string picture(const Map& map) {
   std::ostringstream out;
   out << std::hex;
@@ -35,7 +35,7 @@ std::string picture(const Map& map) {
 TEST(RangeMap, OverlapsByStrategy) {
   const struct {
     MergeRangeStrategy strategy;
-    uint64_t base, high;  // stored as entry 2 over [0x10, 0x1f], which is entry 1
+    uint64_t base, high;  // stored as entry 2 after [0x10, 0x1f], which is entry 1
     bool stored;
     const char* picture;
   } kCases[] = {
@@ -63,8 +63,8 @@ TEST(RangeMap, OverlapsByStrategy) {
   }
 }
 
-// A range in the second block is cut back to below where the first one ended.
-TEST(RangeMap, CutsARangeBackAcrossBlocks) {
+// Truncates a range of the second block to below where the first block ended.
+TEST(RangeMap, TruncatesARangeAcrossBlocks) {
   Map map;
   map.SetMergeStrategy(kLower);
   for (int i = 0; i < 65; ++i) map.StoreRange(static_cast<uint64_t>(i) * 10, 5, i);
@@ -75,8 +75,8 @@ TEST(RangeMap, CutsARangeBackAcrossBlocks) {
   EXPECT_EQ(entry, 101);
 }
 
-// The blocks under all containers against std::map, in orders that append, prepend, split and empty
-// blocks, with enough entries for several groups.
+// Compares BlockMap with std::map. The orders append, prepend, split and empty blocks, with enough
+// entries for several groups.
 TEST(BlockMap, AgreesWithAnOrderedMap) {
   for (const char* order : {"ascending", "descending", "random"}) {
     SCOPED_TRACE(order);
@@ -91,7 +91,7 @@ TEST(BlockMap, AgreesWithAnOrderedMap) {
       const std::string value = std::to_string(i);
       ASSERT_EQ(blocks.insert(key, value), map.emplace(key, value).second);
     }
-    for (int i = 0; i < 90000; ++i) {  // also between, below and above the keys
+    for (int i = 0; i < 90000; ++i) {  // between, below and above the keys
       const uint32_t key = random() % 130000;
       const auto expected = map.lower_bound(key);
       auto it = blocks.lower_bound(key);

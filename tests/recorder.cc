@@ -1,5 +1,5 @@
-// A library to be loaded ahead of the C library: reports the calls that decide on what a loss of
-// power leaves, in their order, and makes them.
+// A library for LD_PRELOAD: reports, in order, the calls on which the state after a loss of power
+// depends, and forwards them.
 
 #include <sys/syscall.h>
 #include <unistd.h>

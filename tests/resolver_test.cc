@@ -37,7 +37,7 @@ std::string function_at(BasicSourceLineResolver& resolver, const CodeModule* cod
   return frame.function_name;
 }
 
-// What a call writes to the log.
+// The log output of a call.
 template <typename Call>
 std::string log_of(Call call) {
   testing::internal::CaptureStderr();
@@ -86,7 +86,7 @@ TEST(Resolver, KeepsModulesByDebugIdentifier) {
   EXPECT_TRUE(resolver.LoadModuleUsingMapBuffer(&first, kText));
 }
 
-// SYMB symbols lie in the buffer that they were loaded from.
+// SYMB symbols point into the buffer from which they were loaded.
 TEST(Resolver, TheBufferOfSymbDataIsKept) {
   const TestModule code(kBase, "1");
   char* image = nullptr;
@@ -101,8 +101,8 @@ TEST(Resolver, TheBufferOfSymbDataIsKept) {
   EXPECT_EQ(function_at(resolver, &code, 0x40100f), "");
 }
 
-// What is no regular file of a size that can be loaded is refused without being opened: none of
-// these may block, and none is read without end.
+// Everything except a regular file of an acceptable size is rejected without opening it, because
+// opening may block and reading may not end.
 TEST(Resolver, OpensRegularFilesOnly) {
   const TemporaryDirectory directory;
   const TestModule code(kBase);
@@ -123,8 +123,8 @@ TEST(Resolver, OpensRegularFilesOnly) {
   EXPECT_FALSE(resolver.HasModule(&code));
 }
 
-// A block that a lookup could leave is refused where the resolver reads it. In memory that the host
-// keeps it is taken, and lookups end where it ends.
+// The resolver rejects an unsafe block that it reads itself. One in the host's memory is accepted,
+// and lookups do not read beyond its end.
 TEST(Resolver, RefusesUnsafeSymbData) {
   const TemporaryDirectory directory;
   const TestModule code(kBase);
@@ -146,7 +146,7 @@ TEST(Resolver, RefusesUnsafeSymbData) {
   }
 }
 
-// However many lines a container refuses.
+// For any number of rejected lines.
 TEST(Resolver, LimitsMessages) {
   const TestModule code(kBase);
   BasicSourceLineResolver resolver;

@@ -1,5 +1,5 @@
-// What a conversion can still do in its sandbox: a library that is loaded into the program tries to
-// open, connect and execute at the moment when the result is written.
+// What a conversion can do in its sandbox: a library loaded into the program tries to open files,
+// connect and execute when the result is written.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -18,7 +18,7 @@ using namespace test_support;
 
 const std::string kPdb = SYMFORGE_FIXTURES "/engine64.pdb";
 
-// Each attempt of tests/planted.cc and whether it worked, in its order.
+// The attempts of tests/planted.cc and whether they succeeded, in order.
 std::vector<std::string> attempts(const std::string& report) {
   std::vector<std::string> lines;
   for (size_t at = 0, end; (end = report.find('\n', at)) != std::string::npos; at = end + 1) {
@@ -41,7 +41,7 @@ const Attempts kAllFail = {"read a file: refused",    "write a file: refused",
 const Attempts kAllWork = {"read a file: works", "write a file: works",   "make a socket: works",
                            "execute: works",     "make a process: works", "make code: works"};
 
-TEST(SandboxTest, RefusesWhatAConversionDoesNotNeed) {
+TEST(SandboxTest, DeniesWhatAConversionDoesNotNeed) {
   const TemporaryDirectory temp;
   const std::string tree = temp.folder("tree");
   const std::string text = temp.file("a.sym", run({kPdb}).out);
@@ -55,12 +55,12 @@ TEST(SandboxTest, RefusesWhatAConversionDoesNotNeed) {
   }
 }
 
-// The attempts do work where nothing refuses them.
+// Without the sandbox all attempts succeed.
 TEST(SandboxTest, CanBeLeftOut) { EXPECT_EQ(run_planted({"--no-sandbox", kPdb}), kAllWork); }
 
-// Children of a batch have their sandbox; they get no environment, so no library either. A batch
-// finds in its tree what conversions one by one leave there.
-TEST(SandboxTest, LeavesConversionsTheirResults) {
+// Children of a batch have their own sandboxes. They get an empty environment, so the library is
+// not loaded. A batch produces the same tree as the single conversions.
+TEST(SandboxTest, DoesNotChangeResults) {
   const TemporaryDirectory temp;
   const std::string in = temp.folder("in");
   for (const char* name : {"engine64.pdb", "engine64.exe", "engine32.pdb", "engine32.exe"}) {
@@ -76,8 +76,8 @@ TEST(SandboxTest, LeavesConversionsTheirResults) {
   }
 }
 
-// A folder of the tree may be a link to a folder elsewhere, for every kind of input.
-TEST(SandboxTest, FollowsLinksInThePlaceOfDebugFiles) {
+// A directory of the tree may be a link to another directory, for every kind of input.
+TEST(SandboxTest, FollowsLinksInPlaceOfDirectories) {
   const TemporaryDirectory temp;
   const std::string tree = temp.folder("tree");
   const std::string elsewhere = temp.folder("elsewhere");
@@ -87,7 +87,7 @@ TEST(SandboxTest, FollowsLinksInThePlaceOfDebugFiles) {
   const std::string symb = temp.file("a.symb", run({"-b", sym}).out);
   for (const std::string& input : {kPdb, sym, symb}) {
     EXPECT_EQ(run({input, tree}).err, "");
-    EXPECT_EQ(list_tree(elsewhere).size(), 3u) << input;  // folder, file and link
+    EXPECT_EQ(list_tree(elsewhere).size(), 3u) << input;  // directory, file and link
     std::filesystem::remove_all(elsewhere);
     std::filesystem::create_directory(elsewhere);
   }

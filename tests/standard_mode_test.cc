@@ -1,5 +1,5 @@
-// Standard mode as its users meet it: exit statuses, messages, images found by their content, and
-// batches that go on.
+// Standard mode as a process: exit statuses, messages, images found by their content, and batches
+// that continue after errors.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -55,7 +55,7 @@ std::string make_pe(uint32_t number, bool pe32_plus = true) {
   return pe.build();
 }
 
-// Whatever is wrong with an input: status 1, one line that names it, no signal.
+// Any fault of an input: status 1, one line that names it, no signal.
 TEST(StandardStatusTest, IsOneForInputsThatFail) {
   const TemporaryDirectory temp;
   const std::string tree = temp.folder("tree");
@@ -87,8 +87,8 @@ TEST(StandardStatusTest, IsOneForInputsThatFail) {
   }
 }
 
-// Cuts of a PDB at every page and flips of its first bytes, which reach assertions, range checks
-// and exceptions.
+// PDBs truncated at every page or with their first bytes changed, which trigger assertions, range
+// checks and exceptions.
 TEST(StandardStatusTest, IsNeverASignal) {
   const TemporaryDirectory temp;
   const std::string pdb = read_file(kData + "/engine64.pdb");
@@ -115,7 +115,7 @@ TEST(StandardStatusTest, IsOneForResultsThatCannotBeWritten) {
   EXPECT_EQ(full.status, 1);
   EXPECT_EQ(full.err, "symforge: " + text + ": failed to write: File too large\n");
 
-  // The link of a code identifier: one with the same target is as good, another is not.
+  // The link of a code identifier: an existing link is accepted if its target is the same.
   EXPECT_EQ(run_standard({text, tree}).err, "");
   EXPECT_EQ(run_standard({text, tree}).status, 0);
   std::filesystem::remove(tree + "/a.pdb/5F000000");
@@ -125,7 +125,7 @@ TEST(StandardStatusTest, IsOneForResultsThatCannotBeWritten) {
   EXPECT_THAT(taken.err, HasSubstr(": failed to link " + tree + "/a.pdb/5F000000: File exists\n"));
 }
 
-TEST(StandardStatusTest, IsOneWhenTheReaderOfTheResultLeaves) {
+TEST(StandardStatusTest, IsOneWhenTheReaderClosesThePipe) {
   const TemporaryDirectory temp;
   int ends[2];
   ASSERT_EQ(pipe(ends), 0);
@@ -137,7 +137,7 @@ TEST(StandardStatusTest, IsOneWhenTheReaderOfTheResultLeaves) {
   EXPECT_EQ(result.err, "symforge: " + text + ": failed to write: Broken pipe\n");
 }
 
-// An image that no SYMB file can be made of leaves the old target alone.
+// A text without a SYMB form leaves the existing target unchanged.
 TEST(StandardStatusTest, IsOneForTextsWithoutSymbForm) {
   const TemporaryDirectory temp;
   const std::string tree = temp.folder("tree");
@@ -148,7 +148,7 @@ TEST(StandardStatusTest, IsOneForTextsWithoutSymbForm) {
   EXPECT_EQ(read_file(tree + "/a.pdb/X/a.symb"), "old");
 }
 
-TEST(StandardTreeTest, HasTheModesThatTheUmaskLeaves) {
+TEST(StandardTreeTest, AppliesTheUmask) {
   const TemporaryDirectory temp;
   const std::string tree = temp.folder("tree");
   ASSERT_EQ(run_standard({temp.file("a.sym", kText), tree}).err, "");
@@ -160,7 +160,7 @@ TEST(StandardTreeTest, HasTheModesThatTheUmaskLeaves) {
 
 class StandardImageTest : public ::testing::Test {
  protected:
-  // The second line of the result, or the message without one.
+  // The second line of the result, or the message if there is none.
   std::string image_of(std::vector<std::string> args) {
     const Result result = run_standard(std::move(args));
     if (result.status != 0) return result.err;
@@ -261,7 +261,7 @@ TEST_F(StandardBatchTest, EndsWithOneWhenNothingWasConverted) {
   EXPECT_EQ(run_standard({"-r", temp_ / "missing", tree_}).status, 1);
 }
 
-TEST_F(StandardBatchTest, GoesOnPastWhatItCannotRead) {
+TEST_F(StandardBatchTest, ContinuesAfterUnreadableInputs) {
   chmod(temp_.path().c_str(), 0755);
   chmod(tree_.c_str(), 0777);
   as_nobody_ = true;

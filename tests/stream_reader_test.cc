@@ -1,4 +1,4 @@
-// Reading streams: runs of pages, copies across their seams, strings, and the file's edges.
+// Reading streams: runs of pages, copies across page boundaries, strings, and the ends of the file.
 
 #include "symforge/src/StreamReader.h"
 
@@ -18,7 +18,7 @@ namespace {
 
 constexpr uint32_t kPage = 16;
 
-// A file of pages of 16 bytes: page n holds n * 16, n * 16 + 1, ... and in place of 0 a 1.
+// A file of pages of 16 bytes: page n contains n * 16, n * 16 + 1, ..., but 1 instead of 0.
 std::string pages(size_t count) {
   std::string bytes(count * kPage, '\0');
   for (size_t i = 0; i < bytes.size(); ++i)
@@ -28,7 +28,7 @@ std::string pages(size_t count) {
 
 class StreamReaderTest : public testing::Test {
  protected:
-  // A stream over the given pages of a file of 12 pages; `file` may be changed before.
+  // Opens a stream with the given pages of a file of 12 pages; `file` may be changed before.
   StreamReader open(std::vector<uint32_t> list, uint32_t size = 0) {
     m_mapping.emplace();
     EXPECT_TRUE(m_mapping->Map(test_support::MemoryFile(file).path()));
@@ -49,7 +49,7 @@ class StreamReaderTest : public testing::Test {
 
 using Refusal = pdb_recoverable_exception;
 
-TEST_F(StreamReaderTest, CopiesWhatCrossesASeam) {
+TEST_F(StreamReaderTest, CopiesAcrossPageBoundaries) {
   StreamReader reader = open({2, 5, 6});
   reader.seek(13);
   const DataPtr<char> eight = reader.read<char>(8);
@@ -62,7 +62,7 @@ TEST_F(StreamReaderTest, CopiesWhatCrossesASeam) {
   EXPECT_FALSE(reader.read<le_uint32>().isAllocated);
 }
 
-// A copy ends with a seek, and so fails where it ends with the last page; a read in place does not.
+// A copy ends with a seek, so it fails if it ends with the last page. A read in place does not.
 TEST_F(StreamReaderTest, RefusesACopyThatEndsWithTheLastPage) {
   StreamReader reader = open({2, 5});
   reader.seek(12);
@@ -73,12 +73,12 @@ TEST_F(StreamReaderTest, RefusesACopyThatEndsWithTheLastPage) {
   EXPECT_FALSE(reader.read<char>(kPage).isAllocated);
 }
 
-TEST_F(StreamReaderTest, MeasuresStringsAcrossSeams) {
+TEST_F(StreamReaderTest, MeasuresStringsAcrossPageBoundaries) {
   const struct {
     const char* what;
     std::vector<uint32_t> list;
     uint32_t start;
-    size_t nul;  // where in the file
+    size_t nul;  // position in the file
     bool copied;
     size_t length;
   } cases[] = {
@@ -101,11 +101,11 @@ TEST_F(StreamReaderTest, MeasuresStringsAcrossSeams) {
   }
 }
 
-// From the second seam on the scan lands too far: at 46 in place of 32, and then at 78, where the
-// byte in front of the last one of the page ends it. 33 bytes were looked at, and so many are
-// taken.
-TEST_F(StreamReaderTest, LandsTooFarBehindASecondSeam) {
-  file[7 * kPage + 2] = '\0';  // the string's true end
+// After the second page crossing the scan continues at a wrong position: at 46 instead of 32, and
+// then at 78, where the second to last byte of the page ends it. 33 bytes were scanned, so 33 are
+// returned.
+TEST_F(StreamReaderTest, ScansTooFarAfterASecondPageBoundary) {
+  file[7 * kPage + 2] = '\0';  // the actual end of the string
   file[11 * kPage + 14] = '\0';
   StreamReader reader = open({2, 5, 7, 9, 11});
   reader.seek(4);
@@ -114,7 +114,7 @@ TEST_F(StreamReaderTest, LandsTooFarBehindASecondSeam) {
   EXPECT_EQ(reader.getOffset(), 4u + 33);
 }
 
-TEST_F(StreamReaderTest, RefusesPagesThatTheFileDoesNotHold) {
+TEST_F(StreamReaderTest, RejectsPagesOutsideTheFile) {
   EXPECT_THROW(open({}), Refusal);
   EXPECT_THROW(open({12}), Refusal);
   StreamReader reader = open({11, 12});
@@ -122,8 +122,8 @@ TEST_F(StreamReaderTest, RefusesPagesThatTheFileDoesNotHold) {
   EXPECT_THROW(reader.read<char>(kPage + 1), Refusal);
 }
 
-// 0x10000000 pages of 16 bytes are 4 GiB: the position wraps to the file's start. What lies in
-// front of that is no part of the run.
+// 0x10000000 pages of 16 bytes are 4 GiB: the position wraps to the start of the file. Bytes before
+// that are not part of the run.
 TEST_F(StreamReaderTest, WrapsPositionsAtFourGigabytes) {
   StreamReader reader = open({3, 0x0FFFFFFF, 0x10000000});
   reader.seek(2 * kPage);
@@ -131,7 +131,7 @@ TEST_F(StreamReaderTest, WrapsPositionsAtFourGigabytes) {
   EXPECT_THROW(reader.seek(kPage), Refusal);
 }
 
-// A damaged size must fail before it costs memory.
+// An invalid size must fail before memory is allocated.
 TEST_F(StreamReaderTest, RefusesAHugeReadAtOnce) {
   StreamReader reader = open({2, 5});
   EXPECT_THROW(reader.read<char>(0xFFFFFFF2), Refusal);

@@ -1,5 +1,5 @@
-// The builders, each pinned by a dump that was checked by hand against the format's tables:
-// every other test of the PDB and PE side rests on them.
+// The builders, each compared with a dump that was checked by hand against the format's tables,
+// because all other tests of PDB and PE depend on them.
 
 #include <gtest/gtest.h>
 
@@ -21,7 +21,7 @@ std::string page_head(const MsfFile& file, uint32_t page, size_t count) {
   return hex_dump(file.bytes.substr(size_t{page} * file.page_size, count));
 }
 
-TEST(MsfBuilderTest, LaysHeaderStreamsAndDirectory) {
+TEST(MsfBuilderTest, WritesHeaderStreamsAndDirectory) {
   MsfBuilder msf(64);
   msf.add_stream("abc");
   msf.add_stream(std::string(64, 'x') + "tail");
@@ -47,7 +47,7 @@ TEST(MsfBuilderTest, LaysHeaderStreamsAndDirectory) {
   EXPECT_EQ(file.bytes[file.offset_of(1, 64)], 't');
 }
 
-TEST(ModuleBuilderTest, LaysSymbolsAndSubsections) {
+TEST(ModuleBuilderTest, WritesSymbolsAndSubsections) {
   ModuleBuilder module;
   const uint32_t first = module.file(0x11, "\xAA\xBB\xCC", 1);
   const uint32_t second = module.file(0x22);
@@ -76,7 +76,7 @@ TEST(ModuleBuilderTest, LaysSymbolsAndSubsections) {
             "0c00 0000");
 }
 
-TEST(TypeStreamBuilderTest, LaysRecordsWithEachPadding) {
+TEST(TypeStreamBuilderTest, WritesRecordsWithEachPadding) {
   TypeStreamBuilder types;
   EXPECT_EQ(types.modifier(0x70, 1), 0x1000u);
   EXPECT_EQ(types.add(0x1601, "abcde", TypePadding::kZeros), 0x1001u);
@@ -92,7 +92,7 @@ TEST(TypeStreamBuilderTest, LaysRecordsWithEachPadding) {
             "0000 0400 5300");
 }
 
-TEST(PeBuilderTest, LaysHeadersAndSections) {
+TEST(PeBuilderTest, WritesHeadersAndSections) {
   PeBuilder pe;
   pe.section(".text", 0x1000, "code").codeview(Guid{}, 1, "a.pdb");
   pe.function(0x1000, 0x1010,

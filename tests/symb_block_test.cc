@@ -1,5 +1,5 @@
-// SYMB blocks from outside: what symb_validate() refuses, and the text that symb_read() makes of
-// good ones, odd ones and damaged ones. rich.sym is the text of the builders' rich model.
+// Untrusted SYMB blocks: what symb_validate() rejects, and the text that symb_read() creates from
+// valid, unusual and damaged blocks. rich.sym is the text of the builders' rich model.
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -26,7 +26,7 @@ namespace {
 constexpr const char* kNotRead = "(false)";
 const std::string kRichText = test_support::test_data("rich.sym");
 
-// Reads a copy that ends at an unreadable page.
+// Reads a copy that ends at an inaccessible page.
 std::string read(const std::string& block) {
   const GuardedBlock copy(block);
   TextBuffer text;
@@ -49,7 +49,7 @@ TEST(SymbBlockTest, PrintsEveryKindOfLineInEveryVersion) {
   EXPECT_EQ(read(rich_symb_model(2).bytes()), lines_without(kRichText, {"I "}));
   EXPECT_EQ(read(rich_symb_model(1).bytes()), lines_without(kRichText, {"I ", "INFO SECTION"}));
 
-  // The version is compared with 2 only.
+  // The version is only compared with 2.
   std::string block = rich_symb_model(3).bytes();
   put_u32(block, kSymbVersion, 77);
   EXPECT_EQ(read(block), kRichText);
@@ -64,23 +64,23 @@ TEST(SymbBlockTest, OddBlocksPrintWhatTheyPointAt) {
   const std::string base = rich_symb_model().bytes();
   const uint64_t functions = get_u64(base, kSymbFunctions);
 
-  // A mandatory string at 0 is the magic and the version up to their first NUL.
+  // A required string at 0 is the magic and the version, up to the first NUL.
   std::string block = base;
   put_u64(block, kSymbOs, 0);
   EXPECT_TRUE(read(block).starts_with("MODULE SYMB\x03 x86_64"));
 
-  // One half of the code identifier alone is none.
+  // Half a code identifier is treated as none.
   block = base;
   put_u64(block, kSymbCodeFile, 0);
   put_u64(block, kSymbCodeId, UINT64_MAX);
   EXPECT_EQ(read(block), lines_without(kRichText, {"INFO CODE_ID"}));
 
-  // A function without a reference to lines prints neither lines nor sites.
+  // A function without a reference to lines is printed without lines and sites.
   block = base;
   put_u64(block, functions + 24, 0);
   EXPECT_EQ(read(block), lines_without(kRichText, {"1000", "1010", "I "}));
 
-  // Initial rules absent: no delta rules either. Ends of their ranges are 32-bit sums.
+  // Without initial rules there are no delta rules. Ends of their ranges are 32-bit sums.
   block = base;
   put_u64(block, kSymbInitialRules + 8, 0);
   EXPECT_EQ(read(block), lines_without(kRichText, {"STACK CFI"}));
@@ -90,7 +90,7 @@ TEST(SymbBlockTest, OddBlocksPrintWhatTheyPointAt) {
   EXPECT_EQ(read(model.bytes()),
             "MODULE windows x86_64 0123 a.pdb\nSTACK CFI INIT ffffff00 100 a: 1\n");
 
-  // Numbers of files and lines are signed.
+  // File and line numbers are signed.
   block = base;
   put_u32(block, get_u64(base, kSymbFiles), 0xFFFFFFFF);
   EXPECT_NE(read(block).find("FILE -1 zero.cpp\n"), std::string::npos);
@@ -107,7 +107,7 @@ TEST(SymbBlockTest, OddBlocksPrintWhatTheyPointAt) {
   EXPECT_NE(read(block).find("no_lines\n1000 10 10 1\nI 1200 8 1 1 0 unseen\n"), std::string::npos);
 }
 
-TEST(SymbBlockTest, TakesWrittenBlocks) {
+TEST(SymbBlockTest, AcceptsWrittenBlocks) {
   for (const uint32_t version : {1u, 2u, 3u}) {
     EXPECT_TRUE(valid(rich_symb_model(version).bytes())) << version;
   }
@@ -164,7 +164,7 @@ TEST(SymbBlockTest, RefusesDamagedReferences) {
   const uint64_t root4 = get_u64(base, kSymbFrameInfo) + 4 * 64;
   const uint64_t map4 = get_u64(base, root4 + 48);
   const uint64_t end = base.size();
-  // What stays inside of the block can be read all the same.
+  // Text can still be read while everything is inside the block.
   constexpr bool kReadable = true;
   const struct {
     const char* what;
@@ -249,8 +249,8 @@ TEST(SymbBlockTest, RefusesDamagedReferences) {
   EXPECT_NE(read(block + std::string("end\0", 4)), kNotRead);
 }
 
-TEST(SymbBlockTest, EndsOnAbsurdSharing) {
-  // Every range of an array shares one leaf array, so a block of n bytes stands for n * n ranges.
+TEST(SymbBlockTest, TerminatesOnExcessiveSharing) {
+  // All ranges of an array share one leaf array, so a block of n bytes represents n * n ranges.
   SymbModel model;
   model.frame_info[0].resize(3000, {0, 0, "", 0, {}});
   std::string block = model.bytes();

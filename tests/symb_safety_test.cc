@@ -1,5 +1,5 @@
-// Which SYMB blocks from outside a resolver takes, and that lookups keep to their limits and to the
-// block whatever it holds.
+// Which untrusted SYMB blocks a resolver accepts, and that lookups stay within their limits and the
+// block for any contents.
 
 #include "common/symb_safety.h"
 
@@ -74,10 +74,10 @@ TEST(SymbSafetyTest, RefusesWhatLeavesTheBlock) {
                                 kSymbInitialRules, kSymbDeltaRules}) {
     EXPECT_FALSE(is_safe(with(table, good.size() - 8))) << table;
     EXPECT_FALSE(is_safe(with(table, ~uint64_t{0} - 8))) << table;
-    if (table == kSymbFrameInfo) continue;  // five roots, however many are promised
+    if (table == kSymbFrameInfo) continue;  // five roots, whatever the count is
     EXPECT_FALSE(is_safe(with(table + 8, uint64_t{1} << 60))) << table;
   }
-  // A string that runs out of the block: its last byte is not NUL.
+  // A string without a NUL in the block: the last byte is not NUL.
   SymbModel model;
   model.functions = {{0, 16, 0, "f", {}, {}}};
   std::string block = model.bytes();
@@ -88,8 +88,8 @@ TEST(SymbSafetyTest, RefusesWhatLeavesTheBlock) {
   EXPECT_FALSE(is_safe(block));
 }
 
-// One more of each than a lookup may cost.
-TEST(SymbSafetyTest, RefusesWhatCostsTooMuch) {
+// One more of each kind than a lookup may cost.
+TEST(SymbSafetyTest, RejectsExcessiveCost) {
   const auto sites = [](uint32_t count, uint32_t step, uint32_t size, const std::string& name) {
     SymbModel model;
     model.functions = {{0, 1u << 30, 0, "f", {{0, 16, 1, 1}}, {}}};
@@ -147,7 +147,7 @@ TEST(SymbSafetyTest, RefusesWhatCostsTooMuch) {
   EXPECT_FALSE(is_safe(block));
 }
 
-// Blocks from memory are not checked, so lookups have to look after themselves.
+// Blocks in memory are not checked, so lookups must enforce their limits.
 TEST(SymbSafetyTest, LookupsStayInsideDamagedBlocks) {
   std::mt19937_64 random(3);
   for (int round = 0; round < 3000; ++round) {

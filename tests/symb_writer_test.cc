@@ -1,4 +1,4 @@
-// From text to SYMB images, and round trips in both directions.
+// Conversion from text to SYMB images, and round trips in both directions.
 
 #include <gtest/gtest.h>
 
@@ -24,9 +24,9 @@ std::string text_of(const std::string& image) {
   return test_support::text_of(image).value_or(kNone);
 }
 
-// A text with its lines in no order, and some that are dropped, against an image that a builder
-// lays out on its own from the same facts.
-TEST(SymbWriterTest, LaysDownEveryKindOfRecord) {
+// A text with unsorted lines, some of which are dropped, compared with an image that a builder
+// creates independently from the same data.
+TEST(SymbWriterTest, WritesEveryKindOfRecord) {
   const std::string image = image_of(test_data("rich_shuffled.sym"));
   EXPECT_EQ(hex_dump(image), hex_dump(rich_symb_model().bytes()));
   EXPECT_TRUE(is_valid(image));

@@ -1,5 +1,5 @@
-// The parsers of the lines of a text symbol file and of CFI rule sets, over the cases of
-// tests/data/parsed_lines.txt, and the quick readers of common lines against them.
+// The parsers of the lines of a text symbol file and of CFI rule sets, with the cases of
+// tests/data/parsed_lines.txt; the quick parsers of common lines must agree with them.
 
 #include <gtest/gtest.h>
 
@@ -32,7 +32,7 @@ using symforge_internal::StackWinFields;
 using Helper = SymbolParseHelper;
 using test_support::test_cases;
 
-// Numbers in hexadecimal; those that the format has in decimal are given as text.
+// Numbers in hexadecimal; those that are decimal in the format are passed as text.
 template <typename... Fields>
 std::string joined(bool accepted, const Fields&... fields) {
   if (!accepted) return "refused";
@@ -148,7 +148,7 @@ bool exact_stack(std::string& line, const char* platform, Fields* fields) {
 bool exact(std::string& line, StackWinFields* fields) { return exact_stack(line, "WIN", fields); }
 bool exact(std::string& line, StackCFIFields* fields) { return exact_stack(line, "CFI", fields); }
 
-// 1 if the quick reader accepted the line; the exact one must then read the same fields.
+// Returns 1 if the quick parser accepted the line; the exact one must then return the same fields.
 template <typename Fields>
 int compare(const std::string& line) {
   Fields quick_fields{}, exact_fields{};
@@ -170,8 +170,8 @@ int compare_readers(const std::string& line) {
   return compare<LineFields>(line);
 }
 
-// What a quick reader takes, the exact one reads alike: over the table, over the common lines, and
-// over lines with a few bytes changed, where mostly the quick one has to decline.
+// If a quick parser accepts a line, the exact one returns the same: for the table, for the common
+// lines, and for lines with a few changed bytes, most of which the quick one rejects.
 TEST(QuickReaders, AgreeWithTheExactOnes) {
   const std::string kCommon[] = {
       "FILE 12 /src/a b.cc",

@@ -1,4 +1,4 @@
-// Places in a symbol tree, and the identity of a symbol file as its text tells it.
+// Paths in a symbol tree, and the identity of a symbol file from its text.
 
 #include <gtest/gtest.h>
 
@@ -42,7 +42,7 @@ TEST(SymPathTest, NamesTheFileAfterTheDebugFile) {
   }
 }
 
-TEST(SymPathTest, RefusesWhatWouldLeadOutOfItsFolder) {
+TEST(SymPathTest, RejectsNamesThatLeaveTheirDirectory) {
   const TemporaryDirectory root;
   const std::string tree = root.folder("tree");
   const struct {
@@ -57,9 +57,9 @@ TEST(SymPathTest, RefusesWhatWouldLeadOutOfItsFolder) {
   EXPECT_EQ(list_tree(root.path()), (Tree{{"tree", "dir 0755"}}));
 }
 
-// A link in the place of an identifier's folder was made for another module, whose code identifier
-// is that name. A sibling's name is replaced by a folder, anything else stays.
-TEST(SymPathTest, LeadsNoIdentifierThroughALink) {
+// A link in place of an identifier's directory was made for another module with that name as its
+// code identifier. A link to a sibling is replaced by a directory; everything else is kept.
+TEST(SymPathTest, DoesNotFollowALinkForAnIdentifier) {
   const TemporaryDirectory root;
   const std::string tree = root.folder("tree");
   const std::string link = root.folder("tree/a.pdb") + "/VICTIM";
@@ -82,7 +82,7 @@ TEST(SymPathTest, LeadsNoIdentifierThroughALink) {
   EXPECT_EQ(existing_tree_path(tree, "..", "EVIL", false), "");
 }
 
-// The fields in the order of sym_info, behind "invalid" if need be.
+// The fields in the order of sym_info, after "invalid" if applicable.
 std::string identity_of(const std::string& text) {
   sym_info info;
   std::string identity = sym_info_parse(text.c_str(), info) ? "" : "invalid";
@@ -135,7 +135,7 @@ TEST(IdentityTest, RefusesIdentityLinesThatFillTheirBuffer) {
   EXPECT_TRUE(valid(module + "a.pdb\nFUNC " + std::string(9000, 'x') + "\n"));
 }
 
-TEST(PrintableTest, EscapesWhatATerminalObeys) {
+TEST(PrintableTest, EscapesControlCharacters) {
   EXPECT_EQ(printable("a\\b ~\xC3\xA4\xC2\xA0\xC2"), "a\\b ~\xC3\xA4\xC2\xA0\xC2");
   EXPECT_EQ(printable("\x1B[2J\r\n\t\x7F"), "\\x1b[2J\\x0d\\x0a\\x09\\x7f");
   EXPECT_EQ(printable("\xC2\x9B"

@@ -24,7 +24,7 @@ TEST(TextBufferTest, KeepsTheTextWhileItGrowsAndMoves) {
   EXPECT_STREQ(moved.c_str(), expected.c_str());
 }
 
-// Every count of digits, with room to spare and with none.
+// Every number of digits, with spare bytes and with none.
 TEST(LineWriterTest, WritesHexadecimalOfEveryWidth) {
   for (uint64_t number = 1, digits = 1; digits <= 16;
        number = number * 16 + digits % 16, ++digits) {

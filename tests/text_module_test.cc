@@ -1,5 +1,5 @@
-// Loading text modules: what becomes of bad lines, of odd ends of the buffer, and of texts made to
-// cost time or memory. What good lines become is seen by lookups and by the writer of SYMB.
+// Loading text modules: bad lines, unusual ends of the buffer, and texts crafted to cost time or
+// memory. Lookups and the SYMB writer's tests cover valid lines.
 
 #include <gmock/gmock.h>
 
@@ -22,7 +22,7 @@ struct Loaded {
   std::string log;
 };
 
-// Loads a text and the NUL behind it.
+// Loads a text and its terminating NUL.
 Loaded load(std::string text, Readers readers = Readers::kQuickAndExact) {
   Loaded loaded;
   testing::internal::CaptureStderr();
@@ -71,7 +71,7 @@ TEST(TextModule, EndOfTheBuffer) {
   }
 }
 
-// (Deep nesting: see the writer of SYMB, which loads a module first.)
+// For deep nesting see the tests of the SYMB writer, which loads a module first.
 TEST(TextModule, HostileShapes) {
   std::string shuffled = "FUNC 0 1000000 0 f\n", line(2 << 20, 'x');
   for (int i = 0; i < 50000; ++i) {

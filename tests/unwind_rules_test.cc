@@ -1,4 +1,4 @@
-// The unwind rules of an image by its machine, and of images with code for two machines.
+// The unwind rules of an image by machine, and of images with code for two machines.
 
 #include "symforge/src/pe/unwind_rules.h"
 
@@ -51,7 +51,7 @@ const std::string kArm64Text = "STACK CFI INIT 2000" + kArm64Leaf +
 const std::string kX64LeavesOnArm64 =
     "STACK CFI INIT 1000" + kArm64Leaf + "STACK CFI INIT 1010" + kArm64Leaf;
 
-// Tables of unwind data, as sections of their own.
+// Tables of unwind data, in separate sections.
 constexpr uint32_t kX64Table = 0x5000;
 constexpr uint32_t kX64Bytes = 12;
 constexpr uint32_t kArm64Table = 0x6000;
@@ -73,9 +73,9 @@ struct Hybrid {
   bool has_map = true;
 };
 
-// The load configuration has its size first and the metadata's address at offset 200. Metadata:
-// version, RVA and count of the code map, ..., at 64 RVA and bytes of the other table. Map: begin
-// with the kind in its low bits (ARM64, ARM64EC, x64), bytes.
+// The load configuration starts with its size and has the address of the metadata at offset 200.
+// Metadata: version, RVA and count of the code map, ..., at 64 the RVA and size of the other table.
+// Code map: start address with the kind in the low bits (ARM64, ARM64EC, x64), size.
 std::string image(const Hybrid& fields) {
   PeBuilder pe;
   pe.machine(fields.machine);
@@ -110,7 +110,7 @@ TEST(UnwindRulesTest, FollowsTheMachine) {
   const Written arm64 = written(image({.machine = 0xAA64, .metadata = 0}));
   EXPECT_EQ(arm64.text, kX64LeavesOnArm64 + kArm64Text);
   EXPECT_THAT(arm64.messages, IsEmpty());
-  // The load configuration of older images ends before the metadata's address.
+  // The load configuration of older images ends before the address of the metadata.
   EXPECT_EQ(written(image({.machine = 0xAA64, .config_size = 200})).text, arm64.text);
 
   EXPECT_THAT(written(PeBuilder(false).build()).messages, IsEmpty());
@@ -152,7 +152,7 @@ TEST(UnwindRulesTest, UsesNoTableThatIsNotOfTheCode) {
     EXPECT_EQ(result.text, kX64Text);
     EXPECT_THAT(result.messages, ElementsAre(HasSubstr("for ARM64 code")));
   }
-  // The table of the header's machine once more.
+  // The table of the header's machine, repeated.
   const Written same = written(image({.machine = 0xAA64}));
   EXPECT_EQ(same.text, kArm64Text);
   EXPECT_THAT(same.messages, ElementsAre(HasSubstr("for x64 code")));

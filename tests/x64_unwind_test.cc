@@ -15,7 +15,7 @@
 namespace symforge_internal {
 namespace {
 
-using namespace builders;  // NOLINT: names of operations in long tables
+using namespace builders;  // NOLINT: short names of operations in long tables
 using test_support::MemoryFile;
 using Slots = std::vector<uint16_t>;
 using Unwind = builders::UnwindInfo;
@@ -43,14 +43,14 @@ Result resultOf(const std::string& image, const std::vector<CodeRange>& function
   return result;
 }
 
-// Of a function at 0x1000 of 0x40 bytes, which begin with `code`.
+// The rules of a function of 0x40 bytes at 0x1000 that starts with `code`.
 Result resultOf(const Unwind& info, std::string code = "") {
   code.resize(0x40, '\x90');
   return resultOf(PeBuilder().section(".text", 0x1000, code).function(0x1000, 0x1040, info).build(),
                   {{0x1000, 0x40}});
 }
 
-// What follows the range in the INIT line of most functions.
+// The end of the INIT line of most functions.
 const std::string kEntry = ".cfa: $rsp 8 + .ra: .cfa 8 - ^\n";
 
 const uint16_t kPushRbx = unwind_slot(1, kPushNonvol, kRbx);
@@ -68,14 +68,14 @@ TEST(X64UnwindTest, WritesARowAfterEachInstruction) {
                 "1006 .cfa: $rsp 56 +\n"},
       {{unwind_slot(7, kAllocLarge, 0), 0x20}, kEntry + "1007 .cfa: $rsp 264 +\n"},
       {{unwind_slot(7, kAllocLarge, 1), 0xFFF8, 0xFFFF}, kEntry + "1007 .cfa: $rsp 4294967296 +\n"},
-      // A volatile register is only stack, and so is the stack pointer.
+      // A push of a volatile register or of the stack pointer only moves the stack pointer.
       {{unwind_slot(2, kPushNonvol, kRsp), unwind_slot(1, kPushNonvol, kRax)},
        kEntry + "1001 .cfa: $rsp 16 +\n1002 .cfa: $rsp 24 +\n"},
-      // The first copy of a register is the caller's.
+      // The first saved copy of a register is the caller's value.
       {{unwind_slot(7, kSaveNonvol, kRbx), 1, unwind_slot(2, kPushNonvol, kRbx), kPushRbx},
        kEntry + "1001 .cfa: $rsp 16 + $rbx: .cfa 16 - ^\n1002 .cfa: $rsp 24 +\n"},
-      // Places of saved registers count from the stack pointer after all allocations. They can be
-      // in the caller's frame.
+      // Offsets of saved registers are relative to the stack pointer after all allocations. The
+      // slots can be in the caller's frame.
       {{unwind_slot(11, kSaveNonvol, kRsi), 2, unwind_slot(9, kAllocSmall, 3),
         unwind_slot(5, kSaveNonvol, kRbx), 6, unwind_slot(2, kSaveNonvolFar, kRdi), 0, 2},
        kEntry + "1002 $rdi: .cfa 131032 + ^\n1005 $rbx: .cfa 8 + ^\n1009 .cfa: $rsp 40 +\n"
@@ -84,17 +84,19 @@ TEST(X64UnwindTest, WritesARowAfterEachInstruction) {
       {{unwind_slot(12, kSaveXmm128Far, 6), 0, 1, unwind_slot(8, kSaveXmm128, 6), 1,
         unwind_slot(4, kAllocSmall, 2)},
        kEntry + "1004 .cfa: $rsp 32 +\n"},
-      // What has the same offset is one row. What has offset 0 is done at the first instruction.
+      // Operations with equal offsets are one row. Those with offset 0 apply from the first
+      // instruction.
       {{unwind_slot(6, kSaveNonvol, kRsi), 1, unwind_slot(6, kAllocSmall, 1),
         unwind_slot(0, kPushNonvol, kRbx)},
        ".cfa: $rsp 16 + .ra: .cfa 8 - ^ $rbx: .cfa 16 - ^\n"
        "1006 .cfa: $rsp 32 + $rsi: .cfa 24 - ^\n"},
-      // All is done at the prolog's end. An offset that descends counts as the one before.
+      // At the end of the prolog all operations apply. A descending offset counts as the previous
+      // one.
       {{unwind_slot(0xFF, kAllocSmall, 0)}, kEntry + "1020 .cfa: $rsp 16 +\n"},
       {{unwind_slot(2, kAllocSmall, 0), unwind_slot(6, kPushNonvol, kRbx)},
        kEntry + "1006 .cfa: $rsp 24 + $rbx: .cfa 16 - ^\n"},
-      // With a frame register, later allocations change nothing, and saved registers count from
-      // the stack pointer that was.
+      // With a frame register, later allocations have no effect, and offsets of saved registers are
+      // relative to the stack pointer at that point.
       {{unwind_slot(14, kAllocSmall, 15), unwind_slot(10, kSaveNonvol, kRsi), 3,
         unwind_slot(9, kSetFpreg, 0), unwind_slot(4, kAllocSmall, 5),
         unwind_slot(1, kPushNonvol, kRbp)},
@@ -104,7 +106,7 @@ TEST(X64UnwindTest, WritesARowAfterEachInstruction) {
        kRbp,
        2},
       {{unwind_slot(4, kSetFpreg, 0)}, kEntry + "1004 .cfa: $r13 232 -\n", kR13, 15},
-      // An interrupt's frame holds the old stack pointer.
+      // The frame of an interrupt contains the old stack pointer.
       {{unwind_slot(4, kAllocSmall, 0), unwind_slot(0, kPushMachframe, 0)},
        ".cfa: $rsp 40 + .ra: .cfa 40 - ^ $rsp: .cfa 16 - ^\n1004 .cfa: $rsp 48 +\n"},
       {{unwind_slot(4, kSaveNonvol, kRbx), 0, unwind_slot(0, kPushMachframe, 1)},
@@ -120,7 +122,7 @@ TEST(X64UnwindTest, WritesARowAfterEachInstruction) {
   }
 }
 
-TEST(X64UnwindTest, BeginsAChainedRangeWithWhatItsParentsBuilt) {
+TEST(X64UnwindTest, StartsAChainedRangeWithTheFramesOfItsParents) {
   PeBuilder pe;
   const Unwind first{.prolog_size = 9,
                      .frame_register = kRbp,
@@ -133,7 +135,7 @@ TEST(X64UnwindTest, BeginsAChainedRangeWithWhatItsParentsBuilt) {
                       .slots = {unwind_slot(5, kSaveNonvol, kRsi), 1},
                       .chained = {0x1000, 0x1010, first_rva}};
   const uint32_t second_rva = pe.unwind_info(second);
-  // Without operations of its own, and by way of an entry that refers to another.
+  // Without operations of its own, and through an entry that refers to another.
   pe.function_entry({0x1000, 0x1010, first_rva}).function_entry({0x1010, 0x1020, second_rva});
   pe.function(0x1020, 0x1030, {.flags = kUnwindChained, .chained = {0x1010, 0x1020, second_rva}});
   pe.function_entry({0x1030, 0x1040, (PeBuilder::kFunctionsRva + 12) | 1});
@@ -150,7 +152,7 @@ TEST(X64UnwindTest, BeginsAChainedRangeWithWhatItsParentsBuilt) {
   EXPECT_EQ(result.report.entries, 4u);
 }
 
-TEST(X64UnwindTest, GivesNoRulesForDataThatMakeNoSense) {
+TEST(X64UnwindTest, WritesNoRulesForInvalidData) {
   constexpr uint32_t kSelf = PeBuilder::kUnwindRva;
   const struct {
     Unwind info;
@@ -187,7 +189,7 @@ TEST(X64UnwindTest, GivesNoRulesForDataThatMakeNoSense) {
   }
 }
 
-// The chain of `records` records, the last of which is chained to nothing.
+// A chain of `records` records, the last one not chained.
 std::string imageWithChain(size_t records) {
   PeBuilder pe;
   uint32_t last = pe.unwind_info({.slots = {kPushRbx}});
@@ -202,7 +204,7 @@ TEST(X64UnwindTest, FollowsAsManyLinksAsWindowsDoes) {
   EXPECT_EQ(resultOf(imageWithChain(kMostUnwindLinks + 1)).report.damaged, 1u);
 }
 
-TEST(X64UnwindTest, BoundsTheWorkOnRecordsThatManyEntriesShare) {
+TEST(X64UnwindTest, BoundsTheWorkOnSharedRecords) {
   PeBuilder pe;
   const uint32_t shared =
       pe.unwind_info({.prolog_size = 255, .slots = Slots(255, unwind_slot(1, kAllocSmall, 0))});
@@ -234,7 +236,7 @@ TEST(X64UnwindTest, SortsEntriesAndDropsThoseThatOverlap) {
   EXPECT_EQ(result.report.damaged, 2u);
 }
 
-TEST(X64UnwindTest, KnowsNoLeavesAfterAnExceptionDirectoryThatLeavesTheFile) {
+TEST(X64UnwindTest, AssumesNoLeavesIfTheExceptionDirectoryExceedsTheFile) {
   const std::vector<CodeRange> functions = {{0x1000, 8}, {0x1010, 8}, {0x1020, 8}};
   PeBuilder pe;
   EXPECT_EQ(resultOf(pe.build(), {{0x1000, 8}}).lines, "INIT 1000 8 " + kEntry) << "no directory";
@@ -260,7 +262,7 @@ const Prolog kPushes = {{unwind_slot(8, kSaveNonvol, kRsi), 8, unwind_slot(7, kA
                          kPushRbx}};
 const std::string kPops = "\x41\x5D\x5D\x5B";  // pop r13; pop rbp; pop rbx
 
-// The rows of an epilog that takes kPushes back: where the pops begin and the epilog ends.
+// The rows of an epilog that undoes kPushes: where the pops start and where the epilog ends.
 std::string rowsOfPops(uint32_t pops, uint32_t end) {
   char rows[400];
   std::snprintf(rows, sizeof(rows),
@@ -280,7 +282,7 @@ Prolog prologWithFrame(uint8_t reg) {
           1};
 }
 
-// The rows of its epilog, with where it pops rbp.
+// The rows of its epilog, given the address at which it pops rbp.
 std::string rowsWithFrame(uint32_t pop, const char* reg) {
   char rows[200];
   std::snprintf(rows, sizeof(rows),
@@ -290,16 +292,17 @@ std::string rowsWithFrame(uint32_t pop, const char* reg) {
   return rows;
 }
 
-// Version 2 lists epilogs in front of the prolog's operations. Each case has one at 0x1020 of a
+// Version 2 lists epilogs before the operations of the prolog. Each case has one at 0x1020 in a
 // function that ends at 0x1040.
-TEST(X64UnwindTest, WritesTheRowsOfAnEpilogThatTheDataList) {
+TEST(X64UnwindTest, WritesTheRowsOfListedEpilogs) {
   const struct {
     Prolog prolog;
     std::string code;
     size_t size;
-    std::string rows;  // none: the code is not that epilog
+    std::string rows;  // empty: the code is not that epilog
   } cases[] = {
-      // The ways out. The size counts the last instruction's first byte, all of it, or none.
+      // The final instructions. The size includes the first byte of the last instruction, all of
+      // it, or none.
       {kPushes, kPops + "\xC3", 5, rowsOfPops(0x1020, 0x1025)},
       {kPushes, kPops + "\xC3", 4, rowsOfPops(0x1020, 0x1025)},
       {kPushes,
@@ -332,7 +335,7 @@ TEST(X64UnwindTest, WritesTheRowsOfAnEpilogThatTheDataList) {
        6,
        "1023 .cfa: $rsp 16 +\n1025 .cfa: $rsp 8 + $r13: $r13\n"
        "1026 .cfa: $r13 16 + $r13: .cfa 16 - ^\n"},
-      // A pop of a volatile register frees stack.
+      // A pop of a volatile register only moves the stack pointer.
       {{{unwind_slot(1, kPushNonvol, 1)}},
        "\x59\xC3",
        2,
@@ -341,7 +344,7 @@ TEST(X64UnwindTest, WritesTheRowsOfAnEpilogThatTheDataList) {
        "\xC3",
        1,
        "1020 .cfa: $rsp 8 +\n1021 .cfa: $rsp 48 +\n"},
-      // What does not take back exactly what the prolog did, or has another size.
+      // Code that does not undo exactly the prolog, or has a different size.
       {kPushes, kPops + "\xC3", 3, ""},
       {kPushes, kPops + "\xC3", 6, ""},
       {kPushes, kPops + "\xCC", 4, ""},
@@ -415,8 +418,8 @@ TEST(X64UnwindTest, FindsEpilogsByTheirDistanceFromTheEnd) {
   }
 }
 
-// A frame that the parent built is taken back in the chained range.
-TEST(X64UnwindTest, TakesBackInAnEpilogWhatTheParentBuilt) {
+// In the chained range, an epilog undoes a frame that the parent built.
+TEST(X64UnwindTest, UndoesTheParentsFrameInAnEpilog) {
   PeBuilder pe;
   const uint32_t parent = pe.unwind_info({.prolog_size = 1, .slots = {kPushRbx}, .version = 2});
   pe.section(".text", 0x1000, std::string(0x1E, '\x90') + "\x5B\xC3");
@@ -430,7 +433,7 @@ TEST(X64UnwindTest, TakesBackInAnEpilogWhatTheParentBuilt) {
             "101f .cfa: $rsp 8 + $rbx: $rbx\n");
 }
 
-// Ranges and rows in the order that the text format demands.
+// Ranges and rows are in the order that the text format requires.
 void expectOrdered(const std::string& lines) {
   uint64_t end = 0;
   uint64_t last = 0;
@@ -464,7 +467,7 @@ TEST(X64UnwindTest, SurvivesAnyDamagedByteAndAnyEndOfTheFile) {
   const std::string image = pe.build();
   const std::vector<CodeRange> functions = {{0x1000, 0x26}};
   EXPECT_EQ(resultOf(image, functions).report.unmatched_epilogs, 0u);
-  const size_t headers = PeBuilder::kNtHeaders + 264;  // those that must be there
+  const size_t headers = PeBuilder::kNtHeaders + 264;  // the required headers
   for (size_t size = headers; size < image.size(); ++size) {
     expectOrdered(resultOf(image.substr(0, size), functions).lines);
   }

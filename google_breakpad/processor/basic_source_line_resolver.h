@@ -1,10 +1,11 @@
-// BasicSourceLineResolver: the resolver that a host makes.
+// BasicSourceLineResolver: the concrete resolver that a host creates.
 //
-// It loads Breakpad text symbol files and SYMB data. Text is copied into the module's containers
-// and its buffer released. SYMB data is used in place: LoadModule and LoadModuleUsingMapBuffer keep
-// their buffer until the module is unloaded; with LoadModuleUsingMemoryBuffer the block is the
-// host's, may be a read-only mapping, and has to outlive the symbols. SYMB data is not checked by a
-// load: symb_validate() of common/symb.h does that for files from strangers.
+// It loads Breakpad text symbol files and SYMB data. Text is parsed into the module's containers,
+// and its buffer is then released. SYMB data is used in place: LoadModule and
+// LoadModuleUsingMapBuffer keep their buffer until the module is unloaded. With
+// LoadModuleUsingMemoryBuffer the block belongs to the host, may be a read-only mapping, and must
+// outlive the symbols. Loading does not validate SYMB data: call symb_validate() of common/symb.h
+// first for files from untrusted sources.
 
 #pragma once
 

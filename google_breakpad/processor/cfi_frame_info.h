@@ -1,4 +1,5 @@
-// CFIFrameInfo: the rules of STACK CFI lines by which the caller's registers are recovered.
+// CFIFrameInfo: the rules of STACK CFI lines, with which an unwinder recovers the caller's
+// registers.
 
 #pragma once
 
@@ -7,22 +8,22 @@
 
 namespace google_breakpad {
 
-// Rules are texts, expressions in postfix notation such as "$rsp 8 +"; they are not evaluated here.
-// A plain value: nothing in it refers to the symbols that it came from.
+// Rules are postfix expressions as text, such as "$rsp 8 +". This class does not evaluate them. It
+// is a plain value and does not refer to the symbols it was read from.
 class CFIFrameInfo {
  public:
-  // Ordered by register name as it stands in the rule, "$rbp" with its dollar sign.
+  // Keyed by register name as written in the rule, such as "$rbp" with its dollar sign.
   using RuleMap = std::map<std::string, std::string>;
 
-  // Each replaces the rule that was there.
+  // Each setter replaces an existing rule.
   void SetCFARule(const std::string& expression) { cfa_rule_ = expression; }
   void SetRARule(const std::string& expression) { ra_rule_ = expression; }
   void SetRegisterRule(const std::string& name, const std::string& expression) {
     register_rules_[name] = expression;
   }
 
-  // The rule of the canonical frame address, of the return address, of the other registers; empty
-  // where there is none.
+  // The rules of the canonical frame address (CFA), of the return address, and of the other
+  // registers. Empty where no rule is set.
   const std::string& cfa_rule() const { return cfa_rule_; }
   const std::string& ra_rule() const { return ra_rule_; }
   const RuleMap& register_rules() const { return register_rules_; }

@@ -1,4 +1,4 @@
-// SourceLineResolverBase: keeps the loaded modules and routes each lookup to its module.
+// SourceLineResolverBase: stores the loaded modules and forwards each lookup to its module.
 
 #pragma once
 
@@ -15,19 +15,19 @@ class ModuleFactory;
 
 class SourceLineResolverBase : public SourceLineResolverInterface {
  public:
-  // Symbols of one code module, and the records in them. Their definitions are internal to the
-  // library: a host meets them only by name.
+  // The symbols of one code module and their records. Internal to the library: hosts see only the
+  // names of these types.
   class Module;
   struct Line;
   struct Function;
   struct InlineFunction;
   struct PublicSymbol;
 
-  // Reads a whole regular file, whatever it holds, into a new array with one NUL after its contents,
-  // which the caller deletes (array delete). The size counts that NUL. Marks the file as used: its
-  // access time becomes now. False, with a line in the log, if the file cannot be read, is no
-  // regular file (a FIFO is not opened) or has 2 GiB or more. There is nothing to delete then.
-  // Several threads may read at once.
+  // Reads a whole regular file of any content into a new array, followed by one NUL. The caller
+  // releases the array with delete[]. The size includes the NUL. Sets the file's access time to
+  // now, which marks it as used. Returns false and logs a line if the file cannot be read, is not a
+  // regular file (a FIFO is not opened) or has 2 GiB or more; there is nothing to delete then. Safe
+  // to call from several threads at once.
   static bool ReadSymbolFile(const std::string& map_file, char** symbol_data,
                              size_t* symbol_data_size);
 
@@ -39,7 +39,7 @@ class SourceLineResolverBase : public SourceLineResolverInterface {
   bool LoadModuleUsingMapBuffer(const CodeModule* module, const std::string& map_buffer) override;
   bool LoadModuleUsingMemoryBuffer(const CodeModule* module, char* memory_buffer,
                                    size_t memory_buffer_size) override;
-  // True: the text buffers of LoadModule and LoadModuleUsingMapBuffer are released after the load.
+  // True: the text buffers of LoadModule and LoadModuleUsingMapBuffer are released after loading.
   bool ShouldDeleteMemoryBufferAfterLoadModule() override;
   void UnloadModule(const CodeModule* module) override;
   bool HasModule(const CodeModule* module) override;
@@ -48,7 +48,7 @@ class SourceLineResolverBase : public SourceLineResolverInterface {
   WindowsFrameInfo* FindWindowsFrameInfo(const StackFrame* frame) override;
   CFIFrameInfo* FindCFIFrameInfo(const StackFrame* frame) override;
 
-  // A new, empty module that this resolver does not know; the caller owns it.
+  // Returns a new, empty module that is not registered with this resolver. The caller owns it.
   Module* CreateModule(const std::string& name);
 
  protected:
@@ -56,7 +56,7 @@ class SourceLineResolverBase : public SourceLineResolverInterface {
   explicit SourceLineResolverBase(ModuleFactory* module_factory);
 
  private:
-  // Orders as C strings: what follows a NUL byte does not count.
+  // Compares as C strings, up to the first NUL byte.
   struct CompareString {
     bool operator()(const std::string& a, const std::string& b) const;
   };
@@ -68,10 +68,10 @@ class SourceLineResolverBase : public SourceLineResolverInterface {
   bool LoadOwnedBuffer(const CodeModule* module, char* buffer, size_t size);
   Module* ModuleOf(const StackFrame* frame) const;
 
-  // All owned. The first three are keyed by the debug identifier of the code module.
+  // All owned. The first three are keyed by the code module's debug identifier.
   ModuleMap* modules_;
   ModuleSet* corrupt_modules_;
-  MemoryMap* memory_buffers_;  // arrays that modules still refer to
+  MemoryMap* memory_buffers_;  // arrays that modules still use
   ModuleFactory* module_factory_;
 };
 

@@ -1,4 +1,4 @@
-// SourceLineResolverInterface: from code addresses to functions, source lines and unwinding rules.
+// SourceLineResolverInterface: maps code addresses to functions, source lines and unwinding rules.
 //
 //   google_breakpad::BasicSourceLineResolver resolver;
 //   resolver.LoadModule(&module, "a.sym");
@@ -8,17 +8,13 @@
 //   resolver.FillSourceLineInfo(&frame);
 //   puts(frame.function_name.c_str());
 //
-// Symbols are kept by the debug identifier of their module. A resolver has no locks: loading and
-// unloading need it alone; the lookups (FillSourceLineInfo, FindWindowsFrameInfo,
-// FindCFIFrameInfo, HasModule, IsModuleCorrupt) may run in several threads at once as long as
-// nothing loads or unloads. No operation throws, but for std::bad_alloc.
+// Symbols are stored under the debug identifier of their module.
 //
-// Symbol files may come from strangers: LoadModule and LoadModuleUsingMapBuffer take any bytes, and
-// a lookup takes less than 10 ms and 16 MiB. To keep to that, lookups return at most 1 MiB of a
-// name, and nothing where STACK CFI texts or nested STACK WIN ranges are beyond anything real.
+// Untrusted files: LoadModule and LoadModuleUsingMapBuffer accept any bytes, and a lookup takes
+// less than 10 ms and 16 MiB. Therefore lookups truncate names to 1 MiB, and find nothing where
+// STACK CFI texts or nested STACK WIN ranges exceed limits far beyond real programs.
 //
-// What a symbol file holds, line by line, stands in docs/symbol-file.md, and what a SYMB block
-// holds in docs/symb-format.md.
+// docs/symbol-file.md describes the lines of a symbol file, docs/symb-format.md a SYMB block.
 
 #pragma once
 
@@ -36,63 +32,68 @@ class SourceLineResolverInterface {
  public:
   virtual ~SourceLineResolverInterface() = default;
 
-  // Loads symbols for `module`; each load is false for a null module and for one whose debug
-  // identifier has symbols already. Lines that do not parse are logged (the first 10 of a load),
-  // skipped, and mark the module corrupt: that is no failure of the load.
+  // Each load function reads symbols for `module`. It returns false if `module` is null or symbols
+  // are already loaded for its debug identifier. A line that does not parse is skipped, logged
+  // (only the first 10 per load) and marks the module as corrupt; the load still succeeds.
 
-  // From a symbol file: text or SYMB data. False also if it cannot be read, if it is no regular
-  // file, if it has 2 GiB or more, and, with a line in the log, for SYMB data on which a lookup
-  // would leave the data or cost too much. The check takes about a tenth of the time of reading.
+  // Loads a symbol file, text or SYMB data. Also returns false if it cannot be read, is not a
+  // regular file or has 2 GiB or more; and, after logging a line, for SYMB data on which a lookup
+  // would read outside the data or cost too much. That check takes about a tenth of the time of
+  // reading.
   virtual bool LoadModule(const CodeModule* module, const std::string& map_file) = 0;
 
-  // From the contents of a symbol file in a string, which is not changed. False also for SYMB data
-  // as above.
+  // Loads the contents of a symbol file from a string, which is not changed. Also returns false for
+  // SYMB data as above.
   virtual bool LoadModuleUsingMapBuffer(const CodeModule* module,
                                         const std::string& map_buffer) = 0;
 
-  // From the contents of a symbol file in memory, of `memory_buffer_size` bytes. The buffer stays
-  // the caller's. Text is changed by the load, and its last byte is overwritten by a NUL unless it
-  // is one: pass the terminator as part of the size. It may be released after the load.
+  // Loads the contents of a symbol file from memory. The caller keeps ownership of the buffer of
+  // `memory_buffer_size` bytes.
   //
-  // SYMB data (the first 4 bytes are "SYMB") is not changed, must not be changed by others and must
-  // outlive the module's symbols. It is not checked, so that the load of a mapped file costs
-  // nothing: lookups never read past `memory_buffer_size`, but on hostile data they can take long.
-  // Give data from outside to one of the loads above, or ask symb_validate() first.
+  // Text is modified while it is parsed, and its last byte is overwritten by a NUL: include the
+  // terminator in the size. The buffer may be released after the load.
+  //
+  // SYMB data (which begins with "SYMB") is not modified. It must outlive the module's symbols and
+  // must not change. It is not checked, so that loading a mapped file costs nothing: lookups never
+  // read beyond `memory_buffer_size`, but may take long on hostile data. Load untrusted data with
+  // one of the functions above, or call symb_validate() first.
   virtual bool LoadModuleUsingMemoryBuffer(const CodeModule* module, char* memory_buffer,
                                            size_t memory_buffer_size) = 0;
 
-  // Whether LoadModule and LoadModuleUsingMapBuffer release their buffer when the load is over,
-  // rather than when the module is unloaded. The buffer of SYMB data is always kept until then.
+  // Whether LoadModule and LoadModuleUsingMapBuffer release their buffer after loading instead of
+  // when the module is unloaded. The buffer of SYMB data is always kept until unloading.
   virtual bool ShouldDeleteMemoryBufferAfterLoadModule() = 0;
 
-  // Releases the symbols of `module`, if there are any.
+  // Releases the symbols of `module`, if any are loaded.
   virtual void UnloadModule(const CodeModule* module) = 0;
 
-  // Whether there are symbols for `module`, and whether they had lines that did not parse.
+  // Whether symbols are loaded for `module`, and whether some of their lines did not parse.
   virtual bool HasModule(const CodeModule* module) = 0;
   virtual bool IsModuleCorrupt(const CodeModule* module) = 0;
 
-  // The lookups ask about frame->instruction in frame->module. The frame must not be null; its
-  // module may be, and is then one without symbols.
+  // Lookups use frame->instruction and frame->module. The frame must not be null. A null module is
+  // treated as one without symbols.
 
-  // Sets what is known in the frame: the function that holds the instruction with its source line
-  // and inline frames. Where none does, the nearest public symbol below, unless a function begins
-  // at it or between it and the instruction; SYMB data of versions below 3 is not searched for
-  // these. What is not known, and a frame whose module has no symbols, stays as it is.
+  // Fills in the function that contains the instruction, its source line and its inline frames. If
+  // there is none, uses the nearest public symbol at or below the instruction, unless a function
+  // starts between the two. SYMB data of versions below 3 is not searched for public symbols.
+  // Fields with no known value are left unchanged, and so is a frame whose module has no symbols.
   virtual void FillSourceLineInfo(StackFrame* frame) = 0;
 
-  // The STACK WIN data for the instruction, in a new record that the caller owns. The narrowest
-  // range counts, and one of STACK_INFO_FRAME_DATA goes before one of STACK_INFO_FPO. Where there
-  // is neither, a function that holds the instruction gives a record of which parameter_size alone
-  // is set: its type_ is STACK_INFO_UNKNOWN, its `valid` VALID_PARAMETER_SIZE. (That number is not
-  // to be relied on with SYMB data of version 3, where it is looked for at the places of the
-  // shorter function records of version 2, and may be any.) Null if nothing is known.
+  // Returns the STACK WIN data for the instruction in a new record owned by the caller; null if
+  // nothing is known.
+  //
+  // The narrowest range that contains the instruction is used, and STACK_INFO_FRAME_DATA takes
+  // precedence over STACK_INFO_FPO. Without either, the result is made from the function that
+  // contains the instruction: only parameter_size is set, type_ is STACK_INFO_UNKNOWN and `valid`
+  // is VALID_PARAMETER_SIZE. With SYMB data of version 3 that parameter_size is not reliable: for
+  // compatibility it is read as if function records had the shorter layout of version 2.
   virtual WindowsFrameInfo* FindWindowsFrameInfo(const StackFrame* frame) = 0;
 
-  // The STACK CFI rules for the instruction, in a new object that the caller owns: those of the
-  // STACK CFI INIT line whose range holds it, and over them those of the STACK CFI lines from the
-  // start of the range up to the instruction. Null if there is no such range, or if its own rules
-  // are malformed; a malformed STACK CFI line counts as far as it is good.
+  // Returns the STACK CFI rules for the instruction in a new object owned by the caller: the rules
+  // of the STACK CFI INIT line whose range contains it, updated by the STACK CFI lines from the
+  // start of that range up to the instruction. Returns null if there is no such range or if its
+  // initial rules are malformed. A malformed STACK CFI line is applied up to its first error.
   virtual CFIFrameInfo* FindCFIFrameInfo(const StackFrame* frame) = 0;
 };
 

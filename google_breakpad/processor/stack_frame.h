@@ -1,4 +1,4 @@
-// StackFrame: one frame of a call stack; what a lookup is asked about and where its answer goes.
+// StackFrame: one frame of a call stack; input and output of a lookup.
 
 #pragma once
 
@@ -23,37 +23,36 @@ struct StackFrame {
     FRAME_TRUST_CONTEXT = 7,
   };
 
-  // A call that the compiler replaced by the body of its callee.
+  // A call that the compiler inlined.
   struct Inline {
     std::string name;              // of the callee
-    std::string source_file_name;  // the place in the callee; empty: not known
+    std::string source_file_name;  // position in the callee; empty if unknown
     int source_line = 0;
   };
 
   StackFrame() = default;
   virtual ~StackFrame() = default;
 
-  // The absolute address at which the frame's caller goes on; by default the instruction itself.
+  // The absolute address at which execution continues in this frame; by default the instruction.
   virtual uint64_t ReturnAddress() const { return instruction; }
 
-  // Set by the host: the absolute address of the instruction, and the module that holds it, not
-  // owned. Without a module the resolver leaves the frame as it is.
+  // Input, set by the host: the absolute address of the instruction, and the module that contains
+  // it. The frame does not own the module. With a null module the resolver does nothing.
   uint64_t instruction = 0;
   const CodeModule* module = nullptr;
 
-  // Set by SourceLineResolverInterface::FillSourceLineInfo. A lookup sets what it finds and leaves
-  // the rest as it was, so a frame that is used again must be cleared by the host.
+  // Output of SourceLineResolverInterface::FillSourceLineInfo. A lookup sets only what it finds, so
+  // the host must clear a frame before reusing it.
   std::string function_name;
-  uint64_t function_base = 0;  // absolute start of the function or public symbol
+  uint64_t function_base = 0;  // absolute start address of the function or public symbol
   std::string source_file_name;
   int source_line = 0;
-  uint64_t source_line_base = 0;  // absolute start of the code of that line
+  uint64_t source_line_base = 0;  // absolute start address of the code of that line
 
   FrameTrust trust = FRAME_TRUST_NONE;
 
-  // The inline frames at the instruction, the innermost first. Filled for modules that were loaded
-  // from SYMB data of version 3, or from text for functions with INLINE lines; new ones are
-  // appended.
+  // The inline frames at the instruction, innermost first. Filled for modules loaded from SYMB data
+  // of version 3, and from text for functions with INLINE lines. New frames are appended.
   std::vector<Inline> inlines;
 };
 

@@ -1,4 +1,4 @@
-// The order of functions, and which of those at one address are kept.
+// The order of functions, and which of several at one address are kept.
 
 #include "symforge/src/emit/function_list.h"
 
@@ -13,7 +13,7 @@
 namespace symforge_internal {
 namespace {
 
-// A record is recognised by its file index.
+// A record, identified by its file index.
 FunctionRecord recordAt(uint32_t segment, uint32_t rva, uint32_t type, uint32_t origin) {
   FunctionRecord record;
   record.segment = segment;
@@ -29,11 +29,11 @@ void expectSameOrder(const Functions& a, const Functions& b) {
     ASSERT_EQ(a[i].fileIndex, b[i].fileIndex) << i << " of " << a.size();
 }
 
-// Lines go to the first record of an address, so the types put the records in order only here.
+// Lines are assigned to the first record of an address, so types determine the order only here.
 TEST(FunctionListTest, KeepsOneRecordAnAddress) {
   static constexpr char kLines[8] = {};
   const std::pair<std::vector<bool>, uint32_t> cases[] = {
-      // which have lines, which is kept
+      // which records have lines, and which one is kept
       {{false, false, false}, 0},
       {{false, true, true}, 1},
       {{true, false, true}, 0},
@@ -50,7 +50,7 @@ TEST(FunctionListTest, KeepsOneRecordAnAddress) {
   }
 }
 
-// Sorting keys and moving the records once must leave equal records where sorting them would.
+// Sorting keys and moving each record once must leave equal records in the order of a plain sort.
 TEST(FunctionListTest, SortsLikeAPlainSortOfTheRecords) {
   std::mt19937 random(4);
   for (const uint32_t size : {0, 1, 2, 15, 17, 100, 5000}) {
@@ -66,8 +66,8 @@ TEST(FunctionListTest, SortsLikeAPlainSortOfTheRecords) {
   }
 }
 
-// Where a function without a section is at a public one's RVA, the order of a hash table
-// decides which comes first.
+// If a function without a section has the RVA of a public one, the order of a hash table determines
+// which is first.
 TEST(FunctionListTest, MergesInTheOrderOfAHashTable) {
   constexpr uint32_t kSize = 600;
   std::mt19937 random(5);

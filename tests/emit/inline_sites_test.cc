@@ -12,10 +12,10 @@
 namespace test_support {
 namespace {
 
-// Ids 0x1000 and 0x1001 have names; the rendering of 0x1002 warns; that of a method and of what is
-// no record fails, and then no site of the function is printed. Names are rendered twice: to find
-// that out, up to the first that fails, and to print.
-TEST(InlineSitesTest, SaysNothingWhenOneInlineeHasNoName) {
+// Ids 0x1000 and 0x1001 have names. Rendering 0x1002 warns. Rendering a method or an invalid id
+// fails, and then no site of the function is printed. Names are rendered twice: first up to the
+// first failure, to detect it, and then to print them.
+TEST(InlineSitesTest, PrintsNothingIfAnInlineeHasNoName) {
   const std::string warning = "Unknown ptr type encountered\n";
   const std::string g = "I 1014 1 8 1 0 ns::g()\nI 1014 1 8 1 0 ns::g()\n";
   const std::string h = "I 1014 1 1 0 0 h(int)\nI 1014 1 1 0 0 h(int)\n";

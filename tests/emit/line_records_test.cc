@@ -1,4 +1,4 @@
-// Which function gets a block of lines.
+// Which function a block of lines is assigned to.
 
 #include "symforge/src/emit/line_records.h"
 
@@ -14,7 +14,7 @@
 namespace test_support {
 namespace {
 
-TEST(LineRecordsTest, GivesABlockToTheFunctionAtOrBehindItsStart) {
+TEST(LineRecordsTest, AssignsABlockToTheFunctionAtOrAfterItsStart) {
   struct Block {
     uint16_t section;
     uint32_t offset;
@@ -76,8 +76,8 @@ TEST(LineRecordsTest, GivesABlockToTheFunctionAtOrBehindItsStart) {
       << "only the first file of a block counts";
 }
 
-// What runs off a module's pages costs that module what is left of its lines, and nothing else.
-TEST(LineRecordsTest, LosesOnlyTheModuleThatIsCutShort) {
+// Data that exceed the pages of a module lose the rest of that module's lines and nothing else.
+TEST(LineRecordsTest, LosesOnlyTheTruncatedModule) {
   SmallPdb pdb;
   for (const uint32_t offset : {0x10u, 0x20u}) {
     ModuleBuilder& module = pdb.add_module("m");

@@ -1,4 +1,4 @@
-// From a module's symbols to functions.
+// Conversion of a module's symbols to functions.
 
 #include "symforge/src/emit/module_functions.h"
 
@@ -22,7 +22,7 @@ TEST(ModuleFunctionsTest, MakesRecordsOfProceduresAndThunks) {
                   .thunk({.name = "nested", .offset = 0x60, .length = 5}, 4)
                   .proc({.name = "nowhere", .section = 0, .offset = 7, .length = 2})
                   .symbol(0, "")
-                  .proc({.name = "behind the end", .offset = 0x70, .length = 5});
+                  .proc({.name = "after the end", .offset = 0x70, .length = 5});
             }),
             "FUNC 0:7 2 0 nowhere\n"
             "FUNC 1:1010 1 0 local()\n"
@@ -32,7 +32,7 @@ TEST(ModuleFunctionsTest, MakesRecordsOfProceduresAndThunks) {
             "FUNC 1:1060 5 0 nested\n");
 }
 
-TEST(ModuleFunctionsDeathTest, DiesOfASiteWithoutItsFunction) {
+TEST(ModuleFunctionsDeathTest, AbortsOnASiteOutsideOfAFunction) {
   SmallPdb pdb;
   pdb.add_module("a").thunk({.name = "t", .length = 1}).inline_site(0x1000, Annotations());
   const std::string bytes = pdb.build().bytes;

@@ -1,4 +1,4 @@
-// Which ranges are kept, and in which order.
+// Which ranges are accepted, and in which order.
 
 #include "symforge/src/emit/nested_range_set.h"
 
@@ -16,7 +16,7 @@ namespace {
 using google_breakpad::ContainedRange;
 using google_breakpad::ContainedRangeMap;
 
-// The walk over the map that NestedRangeSet replaces, as (base, high, position).
+// The traversal of the map that NestedRangeSet replaces, as (base, high, position).
 using Visit = std::function<void(uint32_t base, uint32_t high, uint32_t position)>;
 void walk(const ContainedRange<uint32_t, uint32_t>& range, const Visit& visit) {
   if (range.Map() == nullptr) return;

@@ -1,4 +1,4 @@
-// Sizes of parameters: from frame data and from public names.
+// Sizes of parameters, from frame data and from public names.
 
 #include "symforge/src/emit/param_sizes.h"
 

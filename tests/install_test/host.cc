@@ -1,5 +1,5 @@
-// A host of the library: makes a SYMB block of a text, checks it, and asks about an address in
-// both. Prints one line for each. Has classes of its own with the names of internal ones.
+// A host of the library: converts a text to a SYMB block, validates it, and looks up an address in
+// both. Prints one line for each. Defines its own classes with the names of internal ones.
 
 #include <common/symb.h>
 #include <common/symforge_version.h>

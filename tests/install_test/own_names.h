@@ -1,5 +1,5 @@
-// Classes of a host that have the names, and the member functions, of internal classes of the
-// library: some functions inline, others in own_names.cc.
+// Classes of a host with the names and member functions of internal classes of the library. Some
+// functions are inline, others in own_names.cc.
 
 #pragma once
 
@@ -69,5 +69,5 @@ class SymbStrings {
   uint64_t next_ = 0;
 };
 
-// Uses all of them. True if they did what they should.
+// Uses all of them. Returns true if they worked.
 bool own_names_work();

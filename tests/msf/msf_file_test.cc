@@ -1,4 +1,4 @@
-// A PDB's container: signature and stream directory.
+// The container of a PDB: signature and stream directory.
 
 #include "symforge/src/msf/msf_file.h"
 
@@ -28,7 +28,7 @@ TEST(MsfFileTest, RefusesOtherFiles) {
   }
 }
 
-// Streams with pages in any order, and directories that need several pages and index pages.
+// Streams with pages in any order, and directories with several pages and index pages.
 TEST(MsfFileTest, ReadsEveryLayout) {
   const auto fill = [](SmallPdb& pdb, size_t modules) {
     for (size_t i = 0; i < modules; ++i) {
@@ -69,7 +69,7 @@ TEST(MsfFileTest, ChecksTheDirectorysPages) {
   EXPECT_EQ(index.messages, "[0] Root index: " + std::to_string(beyond) +
                                 " * 512: " + std::to_string(beyond * 512) +
                                 " >= " + std::to_string(file.bytes.size()) + "\n");
-  // A page of the directory, a count of streams that cannot be, a product that 32 bits would wrap.
+  // A page of the directory, an impossible number of streams, a product that wraps in 32 bits.
   const size_t list = size_t{file.index_pages[0]} * 512;
   for (const auto& [at, value] : std::vector<std::pair<size_t, uint32_t>>{
            {list, beyond},
@@ -79,13 +79,13 @@ TEST(MsfFileTest, ChecksTheDirectorysPages) {
     EXPECT_EQ(result.failure, kRefused) << at;
     EXPECT_EQ(result.messages, "");
   }
-  // Pages of streams are checked when they are read.
+  // Page numbers of streams are checked when the stream is read.
   std::string bytes = file.bytes;
   put_u32(bytes, file.directory_offset(4 + 4 * get_u32(bytes, file.directory_offset(0))), beyond);
   EXPECT_EQ(convert(bytes).failure, "Requesting offset outside of page range");
 }
 
-TEST(MsfFileDeathTest, DiesOfImpossibleDirectories) {
+TEST(MsfFileDeathTest, AbortsOnImpossibleDirectories) {
   SmallPdb pdb;
   const std::string bytes = pdb.build().bytes;
   const auto damaged = [&](size_t at, uint32_t value) {
@@ -93,7 +93,7 @@ TEST(MsfFileDeathTest, DiesOfImpossibleDirectories) {
     put_u32(other, at, value);
     return other;
   };
-  EXPECT_DEATH(convertAlone(damaged(32, 0)), "");  // SIGFPE, which sanitizers take for themselves
+  EXPECT_DEATH(convertAlone(damaged(32, 0)), "");  // SIGFPE, which sanitizers handle themselves
   EXPECT_DEATH(convertAlone(damaged(44, 0)), "");
 }
 

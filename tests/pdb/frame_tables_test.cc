@@ -40,16 +40,16 @@ TEST(FrameTablesTest, PrintsTheNewKindFirstInOrderOfAddressAndSize) {
             "STACK WIN 0 1000 20 5 0 3 2 10 0 0 1\n");
 }
 
-TEST(FrameTablesTest, KeepsTheFirstRecordOfAStretch) {
+TEST(FrameTablesTest, KeepsTheFirstRecordOfARange) {
   SmallPdb pdb;
-  pdb.fpo({});  // zeros in front are dropped, whatever else such a record holds
+  pdb.fpo({});  // leading zeros are dropped, whatever else the record contains
   pdb.fpo({.locals = 1});
   pdb.fpo({.start = 5, .code_size = 1, .locals = 1, .prolog = 1});
   pdb.fpo({.start = 5, .code_size = 1, .locals = 2, .prolog = 1});
   pdb.fpo({.start = 5, .code_size = 1, .locals = 3, .prolog = 2});
   pdb.fpo({.start = 4, .code_size = 2, .locals = 4});
   pdb.fpo({.start = 5, .code_size = 1, .locals = 5, .prolog = 3});
-  pdb.fpo({.locals = 6});  // zeros that follow something else count
+  pdb.fpo({.locals = 6});  // zeros after another value are kept
   EXPECT_EQ(convert(pdb).lines("STACK"),
             "STACK WIN 0 0 0 0 0 0 0 6 0 0 0\n"
             "STACK WIN 0 4 2 0 0 0 0 4 0 0 0\n"

@@ -1,4 +1,4 @@
-// Named streams of a PDB.
+// The named streams of a PDB.
 
 #include "symforge/src/pdb/info_stream.h"
 
@@ -16,7 +16,7 @@ namespace {
 
 constexpr char kRefused[] = "Failed to read PDB Root Stream";
 
-// The path of the one file is printed only when /NAMES was found.
+// The path of the only file is printed only if /NAMES was found.
 Conversion withNamedStreams(const std::function<void(SmallPdb&)>& change) {
   SmallPdb pdb;
   pdb.add_module("a.obj").file(pdb.names.add("a.cc"));

@@ -1,4 +1,4 @@
-// A module's signature and subsections.
+// The signature and subsections of a module.
 
 #include "symforge/src/pdb/module_stream.h"
 
@@ -18,12 +18,12 @@ TEST(ModuleStreamTest, WalksSubsections) {
   const std::string invalid = "Invalid subsection header detected";
   const struct {
     const char* what;
-    std::vector<uint32_t> words;  // in front of the lines of the module's function
+    std::vector<uint32_t> words;  // before the lines of the module's function
     std::string result;
   } cases[] = {
       {"another kind", {0xF3, 8, 1, 2}, found},
       {"a payload of no multiple of 4", {0xF3, 5, 1, 2}, found},
-      // Only the header counts: what it announces is read as further headers.
+      // Only the header is checked: the contents are parsed as further headers.
       {"kind 0", {0, 999}, found},
       {"a negative kind", {0x800000F2, 999}, found},
       {"an end beyond the pages", {0xF3, 5000}, invalid},

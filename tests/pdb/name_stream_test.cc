@@ -11,13 +11,12 @@
 namespace test_support {
 namespace {
 
-// The string table "abcd", without the NUL after it, of which the buckets call 1 and 0x10000
-// names.
-TEST(NameStreamTest, RefusesANameOutsideOnlyWhenItIsAskedFor) {
+// The string table "abcd" without its NUL, with buckets that refer to names at 1 and 0x10000.
+TEST(NameStreamTest, RejectsANameOutsideOnlyOnUse) {
   const auto named = [](uint32_t offset) {
     SmallPdb pdb;
     pdb.add_module("a.obj").file(offset);
-    pdb.names.add("");  // makes the stream
+    pdb.names.add("");  // creates the stream
     pdb.lay_out();
     pdb.msf.set_stream(
         pdb.info.named_streams.at(0).second,

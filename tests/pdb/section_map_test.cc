@@ -1,4 +1,4 @@
-// From section and offset to an RVA, also in an image that was rewritten after linking.
+// Mapping of section and offset to an RVA, also in an image rewritten after linking.
 
 #include "symforge/src/pdb/section_map.h"
 
@@ -14,7 +14,7 @@
 namespace symforge_internal {
 namespace {
 
-// The record whose bytes are given.
+// The record with the given bytes.
 template <typename Record>
 Record recordOf(const std::string& bytes) {
   EXPECT_EQ(bytes.size(), sizeof(Record));
@@ -60,8 +60,8 @@ TEST(SectionMapTest, MapsThroughTheAddressMap) {
   }
 }
 
-// The records and messages of a PDB whose function f and its lines are mapped.
-TEST(SectionMapTest, ReadsTheMapOnlyBesideItsOpposite) {
+// The records and messages of a PDB with a function f and lines at mapped addresses.
+TEST(SectionMapTest, ReadsTheMapOnlyIfTheReverseMapExists) {
   using namespace test_support;
   const auto mapped = [](const std::vector<std::pair<uint32_t, uint32_t>>& map, bool toSource) {
     SmallPdb pdb;

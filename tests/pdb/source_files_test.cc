@@ -19,11 +19,11 @@ TEST(SourceFilesTest, NumbersEveryEntryAndPrintsEachFileOnce) {
   ModuleBuilder& first = pdb.add_module("1");
   first.file(a, std::string(16, 'm'), 1);
   first.file(b);
-  first.file(7777);  // no such name: the number stays unused
+  first.file(7777);  // no such name: the number is not used
   ModuleBuilder& second = pdb.add_module("2");
   second.file(a, "odd");
   second.file(c);
-  pdb.add_module("3").file(pdb.names.add("a.h"));  // another string of the same text
+  pdb.add_module("3").file(pdb.names.add("a.h"));  // another string with the same text
   EXPECT_EQ(convert(pdb).lines("FILE"), "FILE 1 a.h\nFILE 2 b.h\nFILE 5 c.h\nFILE 6 a.h\n");
 }
 

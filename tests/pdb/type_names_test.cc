@@ -1,4 +1,4 @@
-// Type and id records: which of them a stream has, and their text.
+// Type and id records: finding them in a stream, and their text.
 
 #include "symforge/src/pdb/type_names.h"
 
@@ -28,7 +28,7 @@ constexpr uint32_t kInt = 0x74;
 constexpr uint32_t kChar = 0x70;
 constexpr uint32_t kFirst = 0x1000;
 
-// A mapped file that holds the records as stream 0 and ids as stream 1.
+// A mapped file with the type records as stream 0 and ids as stream 1.
 class Types {
  public:
   explicit Types(const TypeStreamBuilder& types, const TypeStreamBuilder& ids = TypeStreamBuilder(),
@@ -129,7 +129,7 @@ TEST(TypeNamesTest, RendersEachKindOfRecord) {
          const uint32_t s = b.structure("S");
          return b.member_function(kInt, s, 0, b.arguments({b.pointer(s)}), 1);
        }},
-      // A pointer to a function shows as the argument list, with its own qualifiers.
+      // A pointer to a function is printed as its argument list, with its own qualifiers.
       {"(int) const",
        [](auto& b) { return b.pointer(b.procedure(kInt, b.arguments({kInt}), 1), 0x400); }},
       {"U",
@@ -148,13 +148,14 @@ TEST(TypeNamesTest, RendersEachKindOfRecord) {
       {"f80", [](auto& b) { return b.add(LEAF::LF_REAL80, "0123456789"); }},
       {"f128", [](auto& b) { return b.add(LEAF::LF_REAL128, "0123456789abcdef"); }},
       {"", [](auto& b) { return b.add(0x801B, "date"); }},
-      // A class of 0x8000 bytes or more: its name begins inside the size field.
+      // A class of 0x8000 bytes or more: its name starts inside the size field.
       {"\x01\x80",
        [](auto& b) {
          return b.add(LEAF::LF_STRUCTURE,
                       Bytes().fill(16).u16(LEAF::LF_ULONG).u32(0x8001).zstr("Big").str());
        }},
-      // A kind without a text renders as the primitive of its index's low byte, here 0x1000.
+      // A kind without a text is printed as the primitive type of its index's low byte, here
+      // 0x1000.
       {"!Unknown!", [](auto& b) { return b.add(0x1203, "field list"); }},
   };
   for (const auto& c : cases) {
@@ -185,7 +186,7 @@ TEST(TypeNamesTest, WarnsOfAnUnknownPointerEachTime) {
   for (int i = 0; i < 2; ++i) {
     testing::internal::CaptureStderr();
     EXPECT_EQ(types.text(procedure), "(int const)");
-    EXPECT_EQ(types.text(of_function), "(int const)");  // takes no marker of its own
+    EXPECT_EQ(types.text(of_function), "(int const)");  // not followed by its own marker
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "Unknown ptr type encountered\nUnknown ptr type encountered\n");
   }
@@ -202,7 +203,7 @@ TEST(TypeNamesTest, BoundsNestingAndSize) {
   const uint32_t list = circle.arguments({kFirst + 2});
   circle.procedure(kInt, list, 1);
   const uint32_t self = circle.arguments({kFirst + 3, kFirst + 3});
-  TypeStreamBuilder bomb;  // each list holds the one in front of it twice
+  TypeStreamBuilder bomb;  // each list contains the previous one twice
   uint32_t doubled = kInt;
   for (int i = 0; i < 60; ++i) doubled = bomb.arguments({doubled, doubled});
   EXPECT_THROW(Types(circle).text(kFirst), pdb_exception);
@@ -211,20 +212,20 @@ TEST(TypeNamesTest, BoundsNestingAndSize) {
   EXPECT_THROW(Types(bomb).text(doubled), pdb_exception);
 }
 
-// ---- The walk over the records
+// ---- Iterating over the records
 
 TEST(TypeTableTest, SkipsFillAndNothingElse) {
   for (const TypePadding padding :
        {TypePadding::kCounted, TypePadding::kZeros, TypePadding::kNone}) {
     TypeStreamBuilder b;
-    // Ends 1, 2 and 3 bytes in front of a multiple of 4, then on one.
+    // Ends 1, 2 and 3 bytes before a multiple of 4, then on one.
     for (const char* name : {"a", "ab", "abc", "abcd", "abcde"})
       b.add(LEAF::LF_ENUM, Bytes().fill(12, 1).zstr(name).str(), padding);
     Types types(b);
     ASSERT_EQ(types.table().size(), 5u);
     EXPECT_EQ(types.text(kFirst) + types.text(kFirst + 1) + types.text(kFirst + 4), "aababcde");
   }
-  // Pad bytes after a record that does not count them.
+  // Pad bytes after a record whose length does not include them.
   const std::string enumeration = Bytes().u16(16).u16(LEAF::LF_ENUM).fill(12, 1).zstr("x").str();
   TypeStreamBuilder b;
   b.raw(enumeration + "\xF2\xF1" + enumeration).override_max(kFirst + 2);
@@ -253,8 +254,8 @@ TEST(TypeTableTest, RunsOffThePages) {
       << "a negative size";
 }
 
-// Whatever part of a record a page seam cuts, the text is that of the record in one piece.
-TEST(TypeTableTest, ReadsAcrossPageSeams) {
+// The text is the same wherever a page boundary splits the record.
+TEST(TypeTableTest, ReadsAcrossPageBoundaries) {
   TypeStreamBuilder b;
   std::vector<uint32_t> wanted;
   for (int i = 0; i < 40; ++i) {

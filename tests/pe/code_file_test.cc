@@ -1,4 +1,4 @@
-// The image of a PDB: which files are taken for one, and its identity.
+// The image of a PDB: which files are accepted as one, and its identity.
 
 #include "symforge/src/pe/code_file.h"
 
@@ -18,7 +18,7 @@ using builders::PeBuilder;
 using builders::put_u16;
 using builders::put_u32;
 
-// The image's identifier, or the text of the exception.
+// The identifier of the image, or the text of the exception.
 std::string identityOf(const std::string& bytes) {
   CodeFile image;
   try {

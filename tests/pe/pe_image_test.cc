@@ -1,4 +1,4 @@
-// A PE image's identity, and where its RVAs lie in the file.
+// The identity of a PE image, and the file positions of its RVAs.
 
 #include "symforge/src/pe/pe_image.h"
 
@@ -28,7 +28,7 @@ std::string imageWithIdentity(uint32_t age = 1) {
   return PeBuilder().codeview({}, age, kPdbPath).build();
 }
 
-// "ID NAME", or "" for a file without identity.
+// "ID NAME", or "" for a file without an identity.
 std::string identityOf(const std::string& bytes) {
   std::string id = "kept";
   std::string name = "kept";
@@ -71,8 +71,8 @@ TEST(PeIdentityTest, IsMissingFromEverythingElse) {
   EXPECT_FALSE(pe64_debug_id("/nonexistent", none, none));
 }
 
-TEST(PeImageTest, FindsAnRvaInTheFilesPartOfTheFirstSectionThatHoldsIt) {
-  // 512 bytes of each section are in the file; the second one begins inside the first.
+TEST(PeImageTest, MapsAnRvaByTheFirstSectionThatContainsIt) {
+  // 512 bytes of each section are in the file; the second one starts inside the first.
   const std::string bytes = PeBuilder()
                                 .section("a", 0x1000, std::string(0x200, 'a'), 0x1000)
                                 .section("b", 0x1100, std::string(0x200, 'b'))
@@ -91,7 +91,7 @@ TEST(PeImageTest, FindsAnRvaInTheFilesPartOfTheFirstSectionThatHoldsIt) {
   EXPECT_EQ(at(0x12FF), 'b');
   EXPECT_EQ(at(0x1300), '-');  // in memory only
   EXPECT_NE(image.bytesAt(0x1100, 0x300), nullptr);
-  EXPECT_EQ(image.bytesAt(0x1100, 0x301), nullptr);  // leaves the file
+  EXPECT_EQ(image.bytesAt(0x1100, 0x301), nullptr);  // exceeds the file
 }
 
 }  // namespace

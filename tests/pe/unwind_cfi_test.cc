@@ -15,7 +15,7 @@ namespace symforge_internal {
 namespace {
 
 using namespace builders;
-using namespace test_support;  // NOLINT: names of slots in long tables
+using namespace test_support;  // NOLINT: short names of slots in long tables
 using Slots = std::vector<uint16_t>;
 using Unwind = builders::UnwindInfo;
 
@@ -27,7 +27,7 @@ std::string textOf(const std::string& image) {
   return std::string(out.view());
 }
 
-// The lines of a function at 0x1000 of 0x20 bytes.
+// The lines of a function of 0x20 bytes at 0x1000.
 std::string textOf(const Unwind& info) {
   return textOf(PeBuilder().function(0x1000, 0x1020, info).build());
 }
@@ -37,7 +37,7 @@ std::string lines(const std::string& rules, int rip_offset = 8) {
          " - ^\nSTACK CFI 1000 .cfa: " + rules + "\n";
 }
 
-// Where the unwind data goes on behind an info without slots.
+// Where the unwind data continue after an info without slots.
 constexpr uint32_t kNext = PeBuilder::kUnwindRva + 4;
 
 uint16_t op(uint8_t operation, uint8_t info) { return unwind_slot(0, operation, info); }
@@ -69,10 +69,10 @@ TEST(UnwindCfiTest, SumsUpTheOperations) {
       {{op(kSaveNonvol, 0), 5, op(kAllocSmall, 0)}, "$rsp 16 +"},
       {{op(kSaveNonvol, 6)}, "$rsp 8 +"},
       {{op(kSaveNonvolFar, 6), 5}, "$rsp 8 +"},
-      // A save replaces what is there.
+      // A save replaces an earlier one.
       {{op(kPushNonvol, 6), op(kSaveNonvol, 6), 5, op(kSaveNonvol, 6), 7},
        "$rsp 16 + $rsi: $rsp 56 + ^"},
-      // Old XMM saves take one slot; what would be their operand is an operation.
+      // Old XMM saves take one slot; the slot of their operand is decoded as an operation.
       {{op(6, 1), op(kAllocSmall, 0), op(7, 1), op(kAllocSmall, 0)}, "$rsp 24 +"},
       {{op(kSaveXmm128, 1), op(kAllocSmall, 0), op(kAllocSmall, 1)}, "$rsp 24 +"},
       {{op(kSaveXmm128Far, 1), op(kAllocSmall, 0), op(kAllocSmall, 0), op(kAllocSmall, 1)},
@@ -86,7 +86,7 @@ TEST(UnwindCfiTest, SumsUpTheOperations) {
 }
 
 TEST(UnwindCfiTest, CountsFromTheFramePointer) {
-  // 0x40 bytes of stack, of which 0x20 when the register is set.
+  // 0x40 bytes of stack, 0x20 of them allocated before the register is set.
   const Slots slots = {op(kAllocSmall, 3), op(kSetFpreg, 0), op(kAllocSmall, 1), op(kPushNonvol, 5),
                        op(kPushNonvol, 3)};
   for (const uint8_t frame_register : {5, 13})
@@ -94,10 +94,10 @@ TEST(UnwindCfiTest, CountsFromTheFramePointer) {
               lines("$rbp 24 + $rbp: .cfa 24 - ^ $rbx: .cfa 16 - ^"));
 }
 
-TEST(UnwindCfiTest, StopsTheProcessForARegisterPushedTwiceOrAFrameNeverSet) {
+TEST(UnwindCfiTest, AbortsOnARegisterPushedTwiceOrAFrameNeverSet) {
   EXPECT_DEATH(textOf(Unwind{.slots = {op(kPushNonvol, 3), op(kPushNonvol, 3)}}), "ok.second");
   EXPECT_DEATH(textOf(Unwind{.frame_register = 5}), "fp_offset != INT32_MAX");
-  // Also when the second time is in a chain that comes round to itself.
+  // Also when the second time is in a cyclic chain.
   const Unwind round{.flags = kUnwindChained,
                      .slots = {op(kPushNonvol, 3)},
                      .chained = {0, 0, PeBuilder::kUnwindRva}};
@@ -114,7 +114,7 @@ TEST(UnwindCfiTest, AddsUpAChain) {
       .flags = kUnwindChained, .slots = {op(kPushNonvol, 3)}, .chained = {0x2000, 0x3000, middle}};
   EXPECT_EQ(textOf(pe.function(0x1000, 0x1020, top).build()),
             lines("$rsp 56 + $rbp: $rsp 40 + ^ $rbx: $rsp 0 + ^"));
-  // A link to nowhere ends the chain, and nothing else.
+  // An invalid link ends the chain and nothing else.
   EXPECT_EQ(textOf(Unwind{.flags = kUnwindChained, .chained = {0, 0, 0x9000000}}),
             lines("$rsp 8 +"));
 }
@@ -124,13 +124,13 @@ TEST(UnwindCfiTest, FollowsEntriesThatPointToEntries) {
   const uint32_t info = pe.unwind_info({.slots = {op(kAllocSmall, 0)}});
   const uint32_t entry = pe.raw_unwind_info(Bytes().u32(1).u32(2).u32(info).str());
   const uint32_t further = pe.raw_unwind_info(Bytes().u32(1).u32(2).u32(entry | 1).str());
-  pe.function_entry({0x0F00, 0x0F20, 0x9000000});  // data that lie nowhere: no lines for this one
+  pe.function_entry({0x0F00, 0x0F20, 0x9000000});  // invalid RVA: no lines for this function
   pe.function_entry({0x1000, 0x1020, further | 1});
   EXPECT_EQ(textOf(pe.build()), lines("$rsp 16 +"));
 }
 
-// What leads nowhere or never ends: the message, and the lines in front of it.
-TEST(UnwindCfiTest, GivesUpWhereLinksAreLost) {
+// Invalid or endless links: the message, and the lines before it.
+TEST(UnwindCfiTest, StopsAtInvalidLinks) {
   const auto expect_lost = [](const char* what, const std::function<void(PeBuilder&)>& add) {
     PeBuilder pe;
     pe.function(0x1000, 0x1020, {});

@@ -20,7 +20,7 @@ using builders::TypeStreamBuilder;
 constexpr uint32_t kVoid = 0x03;
 constexpr uint32_t kInt = 0x74;
 
-// Type and id records as they are read for the standard format.
+// Type and id records, loaded for the standard format.
 class Names {
  public:
   Names(const TypeStreamBuilder& types, const TypeStreamBuilder& ids) {
@@ -41,7 +41,7 @@ class Names {
     names_.appendFunction(name, type, text);
     return text;
   }
-  // "-" for an item without a name.
+  // Returns "-" for an item without a name.
   std::string inlinee(uint32_t item) {
     std::string text;
     return names_.appendInlinee(item, text) ? text : "-" + text;
@@ -122,8 +122,8 @@ TEST(FunctionNames, FunctionsLoseWhatOnlyTheCompilerSays) {
   EXPECT_EQ(names.function("f<int (__cdecl*)(void)>", 0), "f<int (__cdecl*)(void)>");
 }
 
-// Lists that contain themselves many times over.
-TEST(FunctionNames, StringsThatAreMadeOfThemselvesEnd) {
+// Lists that contain themselves several times.
+TEST(FunctionNames, BoundsStringsThatContainThemselves) {
   TypeStreamBuilder types;
   TypeStreamBuilder ids;
   const uint32_t function = types.procedure(kVoid, types.arguments({}), 0);

@@ -1,4 +1,4 @@
-// Inlined calls: ranges, nesting, call places and the lines of the innermost code.
+// Inlined calls: ranges, nesting, call positions and the lines of the innermost code.
 
 #include "symforge/src/standard/inline_calls.h"
 
@@ -15,8 +15,8 @@ namespace {
 
 constexpr uint64_t kPlenty = 1 << 20;
 
-// A site of the function: rows of {start, end, line} in the file of its origin's number, and the
-// sites inside of it. Origin 0 stands for a site without a name.
+// A site of the function: rows of {start, end, line} in the file with its origin's number, and the
+// sites inside it. Origin 0 is a site without a name.
 struct Site {
   uint32_t origin;
   std::vector<std::vector<uint32_t>> rows;
@@ -145,8 +145,8 @@ TEST(InlineCalls, EndWhenTheBudgetIsUsedUp) {
   EXPECT_THROW(calls.resolve({}), pdb_exception);
 }
 
-// Any rows, however they overlap: what the symbol file demands holds, and the lines cover exactly
-// the code that has a place.
+// For rows that overlap arbitrarily, the requirements of the symbol file are met, and the lines
+// cover exactly the code that has a position.
 TEST(InlineCalls, NestForAnyRows) {
   std::mt19937 random(7);
   const auto number = [&random](uint32_t limit) { return static_cast<uint32_t>(random() % limit); };
@@ -177,7 +177,7 @@ TEST(InlineCalls, NestForAnyRows) {
           ASSERT_LT(range.start, range.end);
           ASSERT_LE(range.end, kSize);
           for (uint32_t at = range.start; at < range.end; ++at) {
-            ASSERT_EQ(depths[at]++, depth);  // not twice in one depth, and inside of a caller
+            ASSERT_EQ(depths[at]++, depth);  // once per depth, and inside its caller
             innermost[at] = call.origin;
           }
         }

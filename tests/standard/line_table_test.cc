@@ -1,4 +1,4 @@
-// The lines of one function from its blocks.
+// The lines of one function, computed from its blocks.
 
 #include "symforge/src/standard/line_table.h"
 
@@ -22,7 +22,7 @@ struct Block {
 // "start-end file:line" of each row of a function of 0x40 bytes.
 std::string rows(const std::vector<Block>& blocks) {
   LineTable table;
-  for (int pass = 0; pass < 2; ++pass) {  // a table is used for one function after the other
+  for (int pass = 0; pass < 2; ++pass) {  // a table is reused for each function
     table.begin(0x40);
     for (const Block& block : blocks) {
       builders::Bytes bytes;

@@ -1,4 +1,4 @@
-// Whole texts in the standard format.
+// Complete texts in the standard format.
 
 #include <gtest/gtest.h>
 
@@ -15,14 +15,14 @@ constexpr uint32_t kInt = 0x74;
 
 uint32_t both(uint32_t code, int32_t line) { return Annotations::signed_operand(line) << 4 | code; }
 
-// The lines of a PDB but for its MODULE line.
+// The lines of a PDB except its MODULE line.
 std::string standard(PdbBuilder& pdb, StandardCounts* counts = nullptr) {
   const Conversion result = convertAlone(pdb.build().bytes, Format::kStandard, counts);
   EXPECT_EQ(result.failure, "");
   return lines_without(result.text, {"MODULE "});
 }
 
-// A PDB with one module and two files, and what its functions are made of.
+// A PDB with one module and two files, and the data for its functions.
 struct ModulePdb : SmallPdb {
   ModulePdb()
       : module(add_module("a.obj")),
@@ -101,7 +101,7 @@ TEST(StandardText, ACallerWithoutALineHasTheFileOfTheCallee) {
             "INLINE 0 0 1 0 1004 4\n1004 4 70 1\n");
 }
 
-// Items that a module imports: the list names the exporting module in lower case.
+// Imported items: the import list contains the name of the exporting module in lower case.
 TEST(StandardText, FollowsItemsOfOtherModules) {
   ModulePdb pdb;
   const uint32_t name = pdb.names.add("c:\\exporter.obj");
@@ -124,7 +124,7 @@ TEST(StandardText, FollowsItemsOfOtherModules) {
   EXPECT_EQ(counts.unnamedInlinees, 1u);
 }
 
-// Functions of one name and type share an item.
+// Functions with the same name and type share an item.
 TEST(StandardText, ModulesHaveInlineesOfTheirOwn) {
   ModulePdb pdb;
   const Annotations annotations = Annotations().op(12, 4, 4);
@@ -229,8 +229,7 @@ TEST(StandardText, SeparatedCodeHasTheNameOfItsFunction) {
             "1100 4 6 1\n1104 8 70 2\n110c 4 6 1\n");
 }
 
-// The rewrite moved the second half of the function in front of the first, and dropped code
-// between.
+// The rewrite moved the second half of the function before the first one and removed code between.
 TEST(StandardText, FollowsCodeThatARewriteMoved) {
   ModulePdb pdb;
   pdb.original_section({.name = ".text", .address = 0x1000, .virtual_size = 0x1000});

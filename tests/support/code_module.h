@@ -1,5 +1,5 @@
-// A code module for tests and benchmarks of the resolver. (Builders know nothing of the program;
-// this is the one piece of support that implements an interface of it.)
+// A code module for tests and benchmarks of the resolver. It is the only support file that
+// implements an interface of the program.
 
 #pragma once
 

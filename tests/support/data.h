@@ -1,4 +1,4 @@
-// Texts and tables of cases that tests read from tests/data.
+// Reads texts and tables of cases from tests/data.
 
 #pragma once
 
@@ -7,11 +7,11 @@
 
 namespace test_support {
 
-// A whole file.
+// Reads a whole file.
 std::string test_data(const std::string& name);
 
-// A file of lines "INPUT => EXPECTED" below headings "[SECTION]". "\\n", "\\r" and "\\t" stand for
-// these bytes; lines that begin with '#' are comments.
+// A file of lines "INPUT => EXPECTED" under headings "[SECTION]". The escapes "\\n", "\\r" and
+// "\\t" are decoded; lines that begin with '#' are comments.
 struct TestCase {
   std::string section, input, expected;
 };

@@ -1,4 +1,4 @@
-// The lines of a text that begin with one of some words, or with none of them.
+// Selects the lines of a text that begin with one of some words, or with none of them.
 
 #pragma once
 

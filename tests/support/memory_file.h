@@ -1,4 +1,4 @@
-// A file that lies in memory: input or output that is gone with the process, however that ends.
+// A file in memory, for input or output that disappears with the process however it ends.
 
 #pragma once
 
@@ -9,14 +9,14 @@ namespace test_support {
 
 class MemoryFile {
  public:
-  // Throws std::runtime_error when the file cannot be made.
+  // Throws std::runtime_error if the file cannot be created.
   explicit MemoryFile(std::string_view bytes = {});
   ~MemoryFile();
   MemoryFile(const MemoryFile&) = delete;
   MemoryFile& operator=(const MemoryFile&) = delete;
 
   int fd() const { return fd_; }
-  // A path by which this process can open it.
+  // A path through which this process can open it.
   const char* path() const { return path_.c_str(); }
 
  private:

@@ -45,7 +45,7 @@ void set_limit(int resource, std::optional<size_t> value) {
   if (!options.directory.empty() && chdir(options.directory.c_str()) != 0) _exit(kCannotStart);
   if (options.as_nobody && geteuid() == 0 && setuid(kNobody) != 0) _exit(kCannotStart);
   if (!options.preload.empty()) setenv("LD_PRELOAD", options.preload.c_str(), 1);
-  // By descriptor: a folder that only root may enter can hold the program.
+  // By descriptor: the program may be in a directory that only root can enter.
   fexecve(program, argv.data(), environ);
   _exit(kCannotStart);
 }

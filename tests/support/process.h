@@ -1,5 +1,5 @@
-// Running symforge as its users do: arguments in, standard output, standard error and exit status
-// out; and looking at what it left on disk.
+// Runs symforge as a process with arguments, and returns its standard output, standard error and
+// exit status. Also lists the files it wrote.
 
 #pragma once
 
@@ -17,28 +17,28 @@ namespace test_support {
 struct Result {
   std::string out;
   std::string err;
-  int status = -1;  // exit status; -1 when a signal ended the process
-  int signal = 0;   // 0 when the process ended by itself
+  int status = -1;  // exit status; -1 if a signal ended the process
+  int signal = 0;   // 0 if the process exited by itself
 };
 
 struct RunOptions {
-  std::string directory = {};              // working directory; empty: the caller's
+  std::string directory = {};              // working directory; empty: unchanged
   std::string name = SYMFORGE_PROGRAM;     // argv[0]
-  std::string stdout_path = {};            // where standard output goes in place of Result::out
-  int stdout_fd = -1;                      // the same as an open descriptor; -1: none
-  std::optional<size_t> descriptors = {};  // limit of their number
-  std::optional<size_t> file_size = {};    // limit of the size of any file written, in bytes
-  std::string preload = {};                // a library to load ahead of all others
-  bool as_nobody = false;                  // without root's rights, when the tests have these
+  std::string stdout_path = {};            // file for standard output, instead of Result::out
+  int stdout_fd = -1;                      // as above as an open descriptor; -1: none
+  std::optional<size_t> descriptors = {};  // limit on the number of open descriptors
+  std::optional<size_t> file_size = {};    // limit on the size of any written file, in bytes
+  std::string preload = {};                // a library for LD_PRELOAD
+  bool as_nobody = false;                  // drops root's rights if the tests have them
 };
 
-// Runs the program and waits for it. Throws std::runtime_error when it cannot be started.
+// Runs the program and waits for it. Throws std::runtime_error if it cannot be started.
 Result run(const std::vector<std::string>& args, const RunOptions& options = {});
 
-// Starts the program in a process group of its own, with its output discarded, and does not wait.
+// Starts the program in its own process group with its output discarded, and does not wait.
 pid_t start(const std::vector<std::string>& args);
 
-// A folder of its own below /tmp that goes with its contents.
+// A directory below /tmp that is deleted with its contents on destruction.
 class TemporaryDirectory {
  public:
   TemporaryDirectory();
@@ -48,16 +48,16 @@ class TemporaryDirectory {
 
   const std::string& path() const { return path_; }
   std::string operator/(std::string_view name) const { return path_ + "/" + std::string(name); }
-  // Makes a folder (and those above it) inside and returns its path.
+  // Creates a directory and its parents inside, and returns its path.
   std::string folder(std::string_view name) const;
-  // Writes a file, with the folders above it, and returns its path.
+  // Writes a file, creates its parent directories, and returns its path.
   std::string file(std::string_view name, std::string_view bytes) const;
 
  private:
   std::string path_;
 };
 
-// What lies below a folder: relative path to "dir 0700", "file 0600 CONTENT" or "link TARGET".
+// The contents of a directory: relative path to "dir 0700", "file 0600 CONTENT" or "link TARGET".
 using Tree = std::map<std::string, std::string>;
 Tree list_tree(const std::string& root);
 

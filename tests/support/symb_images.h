@@ -1,4 +1,4 @@
-// SYMB images made from text, and text made from images.
+// Conversions between text and SYMB images.
 
 #pragma once
 
@@ -13,7 +13,7 @@
 
 namespace test_support {
 
-// The image of a text; none if the text has no identity.
+// The image of a text; nullopt if the text has no identity.
 inline std::optional<std::string> image_of(const std::string& text) {
   char* image = nullptr;
   size_t size = 0;
@@ -26,7 +26,7 @@ inline bool is_valid(const std::string& image) {
   return symb_validate(reinterpret_cast<uintptr_t>(image.data()), image.size());
 }
 
-// The text of an image; none if it cannot be read.
+// The text of an image; nullopt if it cannot be read.
 inline std::optional<std::string> text_of(
     const std::string& image,
     symforge_internal::TextDialect dialect = symforge_internal::TextDialect::kDefault) {

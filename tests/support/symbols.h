@@ -1,4 +1,4 @@
-// A resolver that knows one module, to be asked about addresses relative to that module.
+// A resolver with one loaded module, for lookups of addresses relative to that module.
 
 #pragma once
 
@@ -17,8 +17,8 @@ namespace test_support {
 
 class Symbols {
  public:
-  // Text, or a SYMB block that symb_validate() has passed; loaded at `base`. Text is gone after the
-  // load, a block is read-only from the beginning; both end at an unreadable page.
+  // Loads text, or a SYMB block that has passed symb_validate(), at `base`. Text is freed after
+  // loading, a block is read-only from the start; both end at an inaccessible page.
   explicit Symbols(std::string_view content, uint64_t base = 0) : module_(base) {
     const bool is_text = !content.starts_with("SYMB");
     block_.emplace(is_text ? std::string(content) + '\0' : std::string(content));
@@ -50,7 +50,7 @@ class Symbols {
   }
 
  private:
-  // Not the values that a lookup writes, so that one that writes nothing shows.
+  // Different from all values that a lookup writes, so that missing writes are detected.
   google_breakpad::StackFrame question(uint64_t address) const {
     google_breakpad::StackFrame frame;
     frame.module = &module_;

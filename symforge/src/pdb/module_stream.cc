@@ -45,7 +45,7 @@ void ModuleStream::readModule(int32_t kind, const ModuleReadCB& visit) const {
     const uint32_t end = payload + header->size;
     if (!reader.isValidOffset(end)) throwInvalidSubsection();
     if (end < payload) {
-      if (jumps.again(end)) throwInvalidSubsection();
+      if (jumps.visit(end)) throwInvalidSubsection();
       visited.spend(payload - end);
     }
     if (header->sig == kind) {

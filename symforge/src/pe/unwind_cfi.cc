@@ -60,7 +60,7 @@ class UnwindLinks {
     CycleDetector<const UnwindInfo*> chain;
     int rounds = 0;
     while (info != nullptr) {
-      if (chain.again(info) && ++rounds == 2) return false;
+      if (chain.visit(info) && ++rounds == 2) return false;
       const uint64_t cost = 1 + uint64_t{info->count_of_codes};
       if (cost > m_left || !frame.add(*info)) return false;
       m_left -= cost;
