@@ -1,4 +1,4 @@
-// Taking a marker of the compiler out of a name.
+// Removing a marker of the compiler from a name.
 
 #pragma once
 
@@ -8,8 +8,8 @@
 
 namespace symforge_internal {
 
-// Takes the last occurrence of `part` out of what `text` has from `start` on until there is none,
-// those included that form when the text closes up. Linear in the length of the text.
+// Removes the last occurrence of `part` in `text` from `start` on until there is none, including
+// those that only a removal creates. Linear in the length of the text.
 void eraseFromTheEnd(std::string& text, size_t start, std::string_view part);
 
 }  // namespace symforge_internal
