@@ -1,6 +1,6 @@
 # Sourced by the scripts in the folder above and by .ci/run, after they have changed to the root of the
-# repository: prints the usage for -h, installs missing Debian packages, builds. shellcheck shell=bash
-# disable=SC2034
+# repository: prints the usage for -h, installs missing Debian packages, builds.
+# shellcheck shell=bash disable=SC2034
 
 caller_folder=$OLDPWD
 
