@@ -1,5 +1,6 @@
 # shellcheck shell=bash
-# Sourced: a Slurm cluster of this one machine, to test the job scripts of docs/scaling.md. Needs root and the packages slurm-wlm and munge. Writes only to the given folder.
+# Sourced: a Slurm cluster of this one machine, to test the job scripts of docs/scaling.md.
+# Needs root and the packages slurm-wlm and munge. Writes only to the given folder.
 
 # start_slurm FOLDER: starts the daemons and exports SLURM_CONF for the commands.
 start_slurm() {
