@@ -60,7 +60,7 @@ inline constexpr uint64_t kMiB = 1024 * kKiB;
 
 // Number of streams. Most fields that name a stream have 16 bits.
 inline constexpr uint64_t kStreams = 4 * 65536;
-// Sum of the sizes of all streams. A page belongs to one stream, so real files stay below n.
+// Sum of the sizes of all streams. A page belongs to one stream, so real files use up to 0.997 n.
 inline constexpr Limit kStreamBytes = {kMiB, 5, 4};
 // Number of pages of all streams, not counting one per stream. Only pages smaller than 64 bytes,
 // which no linker writes, make long lists in small files.
@@ -68,22 +68,24 @@ inline constexpr Limit kStreamPages = {16 * kKiB, 5, 4 * 64};
 
 // ---- Reading streams.
 
-// Bytes of page lists, names and subsections that are visited, including repeated visits.
+// Bytes of page lists, names and subsections visited, including repeated visits. Real: 0.90 n.
 inline constexpr Limit kVisitedBytes = {16 * kMiB, 8, 1};
-// Bytes that are copied because their pages are not adjacent.
+// Bytes that are copied because their pages are not adjacent. Real: 0.0002 n.
 inline constexpr Limit kCopiedBytes = {8 * kMiB, 1, 4};
-// Bytes of the modules' symbols. A stream shared by several modules counts for each of them.
+// Bytes of the modules' symbols. A stream shared by several modules counts for each of them. Real:
+// 0.63 n.
 inline constexpr Limit kSymbolBytes = {2 * kMiB, 5, 4};
 
 // ---- Tables.
 
-// Functions, thunks and public symbols.
+// Functions, thunks and public symbols. Real: n / 880.
 inline constexpr Limit kFunctions = {64 * kKiB, 1, 32};
-// Entries of the file checksums of all modules.
+// Entries of the file checksums of all modules. Real: n / 156.
 inline constexpr Limit kFileChecksums = {256 * kKiB, 1, 32};
 // Sections of the image. Symbols identify them with 16 bits.
 inline constexpr uint64_t kSections = 65535;
 // Code ranges of the inline sites of one function, and the bytes of the names of these sites.
+// Real: 101 ranges, 4.1 kB.
 inline constexpr Limit kInlineRanges = {128 * kKiB, 1, 32};
 inline constexpr Limit kInlineNames = {8 * kMiB, 1, 2};
 // Public symbols in one bucket of a hash table, which distributes real addresses evenly.
@@ -91,17 +93,17 @@ inline constexpr uint32_t kHashChain = 1000;
 
 // ---- Names of types.
 
-// Types visited to render the names of all functions and inline sites.
+// Types visited to render the names of all functions and inline sites. Real: 0.002 n.
 inline constexpr Limit kTypeVisits = {4 * kMiB, 1, 1};
-// Bytes of all these names.
+// Bytes of all these names. Real: 0.03 n.
 inline constexpr Limit kTypeText = {12 * kMiB, 1, 1};
 
 // ---- Results.
 
-// Bytes of the text converted from a PDB and its image.
+// Bytes of the text converted from a PDB and its image. Real: 0.44 n.
 inline constexpr Limit kText = {12 * kMiB, 4, 1};
 // Bytes of the text converted from a SYMB image. Its strings are stored once and may be printed
-// often. The text may be an intermediate result in memory, too.
+// often (real: 1.26 n). The text may be an intermediate result in memory, too.
 inline constexpr Limit kTextOfSymb = {12 * kMiB, 16, 1};
 inline constexpr Limit kTextBetweenImages = {12 * kMiB, 4, 1};
 // Slots of unwind data decoded per entry of an image's exception directory, plus the fixed number:

@@ -152,6 +152,12 @@ void require(bool condition, const char* what) {
 // Replaces that of the C++ library in order to count.
 void* operator new(size_t size) { return fuzzing::allocate(size); }
 void* operator new[](size_t size) { return fuzzing::allocate(size); }
+void* operator new(size_t size, const std::nothrow_t&) noexcept try {
+  return fuzzing::allocate(size);
+} catch (const std::bad_alloc&) {
+  return nullptr;
+}
+void operator delete(void* memory, const std::nothrow_t&) noexcept { fuzzing::release(memory); }
 void operator delete(void* memory) noexcept { fuzzing::release(memory); }
 void operator delete[](void* memory) noexcept { fuzzing::release(memory); }
 void operator delete(void* memory, size_t) noexcept { fuzzing::release(memory); }

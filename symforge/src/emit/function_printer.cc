@@ -5,6 +5,8 @@
 #include <iterator>
 #include <string_view>
 
+#include "symforge/src/emit/erase_marker.h"
+
 namespace symforge_internal {
 
 namespace {
@@ -16,18 +18,6 @@ constexpr size_t kMaxEndingBytes = 16;
 // "address size line file\n" with numbers of 8, 8 and 8 digits and such an end.
 constexpr size_t kMaxLineBytes = 8 + 1 + 8 + 1 + 8 + kMaxEndingBytes;
 constexpr uint32_t kLineNumberMask = 0x00FFFFFF;
-
-// Takes out the last occurrence of `part` until there is none, those included that form when the
-// text closes up. The text is moved to its end character by character; what was moved contains no
-// occurrence, so that the next one always begins with the character that came last.
-void eraseFromTheEnd(std::string& text, std::string_view part) {
-  size_t kept = text.size();
-  for (size_t i = text.size(); i-- > 0;) {
-    text[--kept] = text[i];
-    if (std::string_view(text).substr(kept).starts_with(part)) kept += part.size();
-  }
-  text.erase(0, kept);
-}
 
 // Whether there is anything to take out: most names have nothing, and one quick scan shows it.
 bool needsCleaning(std::string_view name) {
@@ -45,8 +35,8 @@ bool needsCleaning(std::string_view name) {
 std::string_view cleanName(std::string_view name, std::string& storage) {
   if (!needsCleaning(name)) return name;
   storage = name;
-  eraseFromTheEnd(storage, " __ptr64");
-  eraseFromTheEnd(storage, "__cdecl");
+  eraseFromTheEnd(storage, 0, " __ptr64");
+  eraseFromTheEnd(storage, 0, "__cdecl");
   return storage;
 }
 

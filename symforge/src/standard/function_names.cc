@@ -1,5 +1,7 @@
 #include "symforge/src/standard/function_names.h"
 
+#include "symforge/src/emit/erase_marker.h"
+
 namespace symforge_internal {
 
 namespace {
@@ -7,12 +9,6 @@ namespace {
 // Strings of ids can be made of others, which compilers do not nest.
 constexpr uint32_t kMaxStringDepth = 4;
 constexpr uint32_t kMaxStringParts = 4096;  // of one name
-
-void eraseAll(std::string& text, size_t from, std::string_view part) {
-  for (size_t at = text.rfind(part); at != std::string::npos && at >= from; at = text.rfind(part)) {
-    text.erase(at, part.size());
-  }
-}
 
 template <typename Record>
 const Record& recordOf(const TypeInfo& info) {
@@ -40,8 +36,8 @@ void FunctionNames::appendFunction(std::string_view name, uint32_t type, std::st
   output += name;
   if (type == 0) return;
   if (name.find("__") != std::string_view::npos) {
-    eraseAll(output, start, " __ptr64");
-    eraseAll(output, start, "__cdecl");
+    eraseFromTheEnd(output, start, " __ptr64");
+    eraseFromTheEnd(output, start, "__cdecl");
   }
   appendType(type, output);
 }

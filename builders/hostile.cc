@@ -1,0 +1,343 @@
+#include "builders/hostile.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <string_view>
+#include <utility>
+
+#include "builders/bytes.h"
+#include "builders/codeview_builder.h"
+#include "builders/msf_builder.h"
+#include "builders/pdb_builder.h"
+#include "builders/pe_builder.h"
+#include "builders/symb_builder.h"
+
+namespace builders {
+
+namespace {
+
+uint32_t count_of(size_t size, size_t record) {
+  return static_cast<uint32_t>(std::max<size_t>(size / record, 1));
+}
+
+std::string long_name(size_t size) { return std::string(size, 'n'); }
+
+PdbBuilder with_section(uint32_t page_size = 512) {
+  PdbBuilder pdb(page_size);
+  pdb.section({.name = ".text", .address = 0x1000, .virtual_size = 0x1000000});
+  return pdb;
+}
+
+std::string built(PdbBuilder& pdb) { return pdb.build().bytes; }
+
+// The stream of public symbols names one page with symbols again and again.
+std::string repeated_page(size_t size) {
+  PdbBuilder pdb = with_section();
+  while (pdb.symbol_records.size() < 480) pdb.public_function("p", 1, 16);
+  pdb.lay_out();
+  const uint32_t pages = count_of(size, 4);
+  pdb.msf.override_size(pdb.dbi.symbol_records, pages * 512);
+  pdb.msf.override_pages(pdb.dbi.symbol_records, std::vector<uint32_t>(pages, 9));
+  // The pages that the size asks for are not needed: the list names one.
+  std::string bytes = pdb.msf.build().bytes;
+  return bytes;
+}
+
+// Module records that all name one stream.
+std::string shared_module_stream(size_t size) {
+  PdbBuilder pdb = with_section();
+  ModuleBuilder& module = pdb.add_module("m");
+  for (uint32_t i = 0; i < count_of(size / 2, 48); ++i) {
+    module.proc({.name = "f", .offset = 16 * i, .length = 16});
+  }
+  pdb.lay_out();
+  const ModuleRecord record = pdb.dbi.modules[0];
+  pdb.dbi.modules.assign(count_of(size / 2, 68), record);
+  pdb.msf.set_stream(3, pdb.dbi.bytes());
+  return built(pdb);
+}
+
+// Subsections of which every second one leads back to where a longer walk begins.
+std::string subsections_back(size_t size) {
+  PdbBuilder pdb = with_section();
+  ModuleBuilder& module = pdb.add_module("m");
+  Bytes bytes;
+  const uint32_t count = count_of(size, 16);
+  for (uint32_t i = 0; i < count; ++i) {
+    const uint32_t at = 16 * i;
+    // An empty subsection, and one whose size wraps to a header that was not yet a start.
+    bytes.u32(kLines).u32(0);
+    bytes.u32(kFileChecksums).u32(i % 2 == 0 ? 0 : (at / 2 & ~uint32_t{7}) + 4 - (at + 20));
+  }
+  module.raw_subsections(bytes.str());
+  return built(pdb);
+}
+
+// Names of functions that all end at one far NUL: no byte before it is 0.
+std::string overlapping_names(size_t size) {
+  constexpr uint16_t kRecord = 0x0101;
+  PdbBuilder pdb = with_section();
+  for (uint32_t i = 1; i < kRecord; ++i) pdb.section({.name = "s", .address = 0x1000});
+  Bytes symbols;
+  for (uint32_t i = 0; i < count_of(size, kRecord + 2); ++i) {
+    symbols.u16(kRecord).u16(kGProc32).fill(32, 1).u16(kRecord).fill(kRecord - 36, 'n');
+  }
+  pdb.add_module("m").raw_symbols(symbols.u16(2).u16(kEnd).str());
+  return built(pdb);
+}
+
+// Symbol records of two bytes, each the start of a function that reads on in the next ones.
+std::string dense_functions(size_t size) {
+  PdbBuilder pdb = with_section();
+  pdb.section({.name = "s", .address = 0x2000});
+  Bytes symbols;
+  for (uint32_t i = 0; i < count_of(size, 4); ++i) symbols.u16(2).u16(kThunk32);
+  pdb.add_module("m").raw_symbols(symbols.fill(64).str());
+  return built(pdb);
+}
+
+std::string public_symbols(size_t size, uint32_t step) {
+  PdbBuilder pdb = with_section();
+  const uint32_t count = count_of(size, 16);
+  for (uint32_t i = 0; i < count; ++i) {
+    pdb.symbol_records.u16(14).u16(kPub32).u32(2).u32(step * i).u16(0).u8('p').u8(0);
+  }
+  pdb.add_module("m").thunk({.name = "t", .section = 0, .offset = 1});
+  return built(pdb);
+}
+
+// Named streams whose entries share one long name.
+std::string named_streams(size_t size) {
+  PdbBuilder pdb = with_section();
+  pdb.lay_out();
+  const uint32_t names = count_of(size / 2, 1);
+  const uint32_t entries = count_of(size / 2, 9);
+  Bytes info;
+  info.u32(20000404).u32(0).u32(1).text(guid_bytes({})).u32(names).text(long_name(names - 1)).u8(0);
+  const uint32_t words = (entries + 31) / 32;
+  info.u32(entries).u32(entries).u32(words).fill(4 * words, 0xFF).u32(0);
+  for (uint32_t i = 0; i < entries; ++i) info.u32(i % names).u32(5);
+  pdb.msf.set_stream(1, info.fill(512).str());
+  return built(pdb);
+}
+
+// Frame data that share one program string.
+std::string shared_program(size_t size) {
+  PdbBuilder pdb = with_section();
+  const uint32_t program = pdb.names.add(long_name(size / 2));
+  for (uint32_t i = 0; i < count_of(size / 2, 32); ++i) {
+    pdb.frame_data({.start = 16 * i, .code_size = 16, .program = program});
+  }
+  return built(pdb);
+}
+
+// Inline sites that share one inlinee with a long name.
+std::string inline_names(size_t size) {
+  PdbBuilder pdb = with_section();
+  pdb.ids.function_id(long_name(std::min<size_t>(size / 2, 60000)), 0);
+  ModuleBuilder& module = pdb.add_module("m");
+  module.proc({.name = "f", .offset = 0, .length = 0x1000000, .type = 0x1000});
+  for (uint32_t i = 0; i < count_of(size / 2, 28); ++i) {
+    module.inline_site(0x1000, Annotations().op(11, 0x14).op(4, 1)).inline_site_end();
+  }
+  return built(pdb);
+}
+
+// One function with a range for every other byte of its annotations.
+std::string inline_ranges(size_t size) {
+  PdbBuilder pdb = with_section();
+  pdb.ids.function_id("i", 0);
+  ModuleBuilder& module = pdb.add_module("m");
+  module.proc({.name = "f", .offset = 0, .length = 0x1000000});
+  Annotations annotations;
+  for (uint32_t i = 0; i < 15000; ++i) annotations.op(3, 1).op(4, 1);
+  for (uint32_t i = 0; i < count_of(size, 60000); ++i) {
+    module.inline_site(0x1000, annotations).inline_site_end();
+  }
+  return built(pdb);
+}
+
+// Pointers of an unknown kind: a warning for each time that one is rendered.
+std::string warnings(size_t size) {
+  PdbBuilder pdb = with_section();
+  const uint32_t pointer = pdb.types.pointer(0x74, 7 << 5);
+  std::vector<uint32_t> types(1000, pointer);
+  const uint32_t function = pdb.types.procedure(3, pdb.types.arguments(types), 1000);
+  ModuleBuilder& module = pdb.add_module("m");
+  for (uint32_t i = 0; i < count_of(size, 48); ++i) {
+    module.proc({.name = "f", .offset = 16 * i, .length = 16, .type = function});
+  }
+  return built(pdb);
+}
+
+// Argument lists of argument lists: the text doubles with each.
+std::string type_tree(size_t size) {
+  PdbBuilder pdb = with_section();
+  uint32_t type = 0x74;
+  for (int i = 0; i < 18; ++i) type = pdb.types.arguments({type, type});
+  const uint32_t function = pdb.types.procedure(3, type, 2);
+  ModuleBuilder& module = pdb.add_module("m");
+  for (uint32_t i = 0; i < count_of(size, 48); ++i) {
+    module.proc({.name = "f", .offset = 16 * i, .length = 16, .type = function});
+  }
+  return built(pdb);
+}
+
+std::string file_checksums(size_t size) {
+  PdbBuilder pdb = with_section();
+  ModuleBuilder& module = pdb.add_module("m");
+  for (uint32_t i = 0; i < count_of(size, 8); ++i) module.file(i * 7919);
+  return built(pdb);
+}
+
+// Blocks of lines that each claim all lines to the end of the stream.
+std::string overlapping_lines(size_t size) {
+  PdbBuilder pdb = with_section();
+  ModuleBuilder& module = pdb.add_module("m");
+  const uint32_t count = count_of(size, 88);
+  for (uint32_t i = 0; i < count; ++i) {
+    module.proc({.name = "f", .offset = 16 * i, .length = 16, .type = 0x1000});
+  }
+  pdb.types.procedure(3, pdb.types.arguments({}), 0);
+  const uint32_t file = module.file(pdb.names.add("a.cc"));
+  for (uint32_t i = 0; i < count; ++i) {
+    Bytes lines;
+    lines.u32(16 * i).u16(1).u16(0).u32(16).u32(file).u32((count - i) * 32 / 8).u32(0);
+    module.subsection(kLines, lines.str());
+  }
+  module.tail(std::string(4096, '\0'));
+  return built(pdb);
+}
+
+// Pages of 64 bytes, none behind the one before it in its stream.
+std::string scattered_pages(size_t size) {
+  PdbBuilder pdb = with_section(64);
+  pdb.msf.order(PageOrder::kReversed);
+  ModuleBuilder& module = pdb.add_module("m");
+  for (uint32_t i = 0; i < count_of(std::min<size_t>(size, 48 * 1024), 64); ++i) {
+    module.proc({.name = "f" + long_name(i % 13), .offset = 16 * i, .length = 16});
+  }
+  return built(pdb);
+}
+
+std::string cut_names(size_t) {
+  PdbBuilder pdb = with_section();
+  pdb.add_module("m").proc({.name = "f\nPUBLIC 1 0 forged\r", .length = 16});
+  return built(pdb);
+}
+
+// Names with markers that form anew when one is taken out.
+std::string nested_markers(size_t size) {
+  PdbBuilder pdb = with_section();
+  pdb.types.procedure(3, pdb.types.arguments({}), 0);
+  ModuleBuilder& module = pdb.add_module("m");
+  std::string name;
+  for (int i = 0; i < 4000; ++i) name += "__cd";
+  for (int i = 0; i < 4000; ++i) name += "__cdeclecl";
+  for (uint32_t i = 0; i < count_of(size, name.size()); ++i) {
+    module.proc({.name = name, .offset = 16 * i, .length = 16, .type = 0x1001});
+  }
+  return built(pdb);
+}
+
+SymbModel symb_with_functions(uint32_t functions, const std::string& name) {
+  SymbModel model;
+  for (uint32_t i = 0; i < functions; ++i) {
+    model.functions.push_back({.address = 16 * i,
+                               .size = 16,
+                               .parameter_size = 0,
+                               .name = name,
+                               .lines = {},
+                               .sites = {}});
+  }
+  return model;
+}
+
+std::string symb_names(size_t size) {
+  return symb_with_functions(count_of(size / 2, 48), long_name(size / 2)).bytes();
+}
+
+std::string symb_rules(size_t size) {
+  SymbModel model;
+  for (uint32_t i = 0; i < count_of(size / 2, 16); ++i) {
+    model.initial_rules.push_back({16 * i, 16, long_name(size / 2)});
+  }
+  return model.bytes();
+}
+
+std::string symb_sites(size_t size) {
+  SymbModel model = symb_with_functions(1, "f");
+  model.functions[0].lines.push_back({0, 16, 1, 1});
+  for (uint32_t i = 0; i < count_of(size / 2, 32); ++i) {
+    model.functions[0].sites.push_back({i, 1, 1, 1, 0, long_name(size / 2)});
+  }
+  return model.bytes();
+}
+
+// The shortest records of a text.
+std::string repeated_lines(size_t size, std::string_view head, std::string_view line) {
+  std::string text = "MODULE windows x86 0123 a.pdb\n" + std::string(head);
+  while (text.size() < size) text += line;
+  return text;
+}
+
+std::string numbered_lines(size_t size, std::string_view before, std::string_view after) {
+  std::string text = "MODULE windows x86 0123 a.pdb\n";
+  constexpr char kDigits[] = "0123456789abcdef";
+  for (uint32_t i = 1; text.size() < size; ++i) {
+    std::string number;
+    for (uint32_t rest = i; rest != 0; rest /= 16) number.insert(0, 1, kDigits[rest % 16]);
+    text.append(before).append(number).append(after);
+  }
+  return text;
+}
+
+// Entries whose unwind data are a chain that all of them share.
+std::string shared_unwind_chain(size_t size) {
+  PeBuilder pe;
+  pe.codeview({}, 1, "a.pdb");
+  std::vector<uint16_t> slots(255, unwind_slot(1, kAllocSmall, 1));
+  uint32_t chained = pe.unwind_info({.slots = slots});
+  for (int i = 0; i < 30; ++i) {
+    chained = pe.unwind_info({.flags = kUnwindChained, .slots = slots, .chained = {1, 2, chained}});
+  }
+  for (uint32_t i = 0; i < count_of(size, 12); ++i) pe.function_entry({i, i + 1, chained});
+  return pe.build();
+}
+
+}  // namespace
+
+std::vector<HostileFile> hostile_files(size_t size) {
+  return {
+      {"repeated_page.pdb", repeated_page(size)},
+      {"shared_module_stream.pdb", shared_module_stream(size)},
+      {"subsections_back.pdb", subsections_back(size)},
+      {"overlapping_names.pdb", overlapping_names(size)},
+      {"dense_functions.pdb", dense_functions(size)},
+      {"public_symbols.pdb", public_symbols(size, 1)},
+      {"colliding_publics.pdb", public_symbols(size, 107897)},
+      {"named_streams.pdb", named_streams(size)},
+      {"shared_program.pdb", shared_program(size)},
+      {"inline_names.pdb", inline_names(size)},
+      {"inline_ranges.pdb", inline_ranges(size)},
+      {"warnings.pdb", warnings(size)},
+      {"type_tree.pdb", type_tree(size)},
+      {"file_checksums.pdb", file_checksums(size)},
+      {"overlapping_lines.pdb", overlapping_lines(size)},
+      {"scattered_pages.pdb", scattered_pages(size)},
+      {"cut_names.pdb", cut_names(size)},
+      {"nested_markers.pdb", nested_markers(size)},
+      {"symb_names.symb", symb_names(size)},
+      {"symb_rules.symb", symb_rules(size)},
+      {"symb_sites.symb", symb_sites(size)},
+      {"lines.sym", repeated_lines(size, "FUNC 1 ffffff 0 f\n", "1 1 1 1\n")},
+      {"functions.sym", numbered_lines(size, "FUNC ", "0 9 0 f\n")},
+      {"publics.sym", numbered_lines(size, "PUBLIC ", " 0 p\n")},
+      {"rules.sym", numbered_lines(size, "STACK CFI INIT ", "0 9 r\n")},
+      {"files.sym", numbered_lines(size, "FILE ", " f\n")},
+      {"frame_data.sym", numbered_lines(size, "STACK WIN 4 ", "0 ff 0 0 0 0 0 0 1 p\n")},
+      {"shared_unwind_chain.exe", shared_unwind_chain(size)},
+  };
+}
+
+}  // namespace builders

@@ -1,0 +1,16 @@
+// Writes the hostile files of a size into a folder: write_hostile SIZE FOLDER
+
+#include <cstdlib>
+#include <string>
+
+#include "builders/bytes.h"
+#include "builders/hostile.h"
+
+int main(int argc, char** argv) {
+  const size_t size = argc == 3 ? std::strtoul(argv[1], nullptr, 10) : 0;
+  if (size < 32 * 1024) return 2;
+  for (const builders::HostileFile& file : builders::hostile_files(size)) {
+    builders::write_file(std::string(argv[2]) + "/" + file.name, file.bytes);
+  }
+  return 0;
+}
