@@ -60,7 +60,7 @@ inline constexpr uint64_t kMiB = 1024 * kKiB;
 
 // Number of streams. Most fields that name a stream have 16 bits.
 inline constexpr uint64_t kStreams = 4 * 65536;
-// Sum of the sizes of all streams. A page belongs to one stream: real files use up to 0.997 n.
+// Sum of the sizes of all streams. A page belongs to one stream, so real files use up to 0.997 n.
 inline constexpr Limit kStreamBytes = {kMiB, 5, 4};
 // Number of pages of all streams, not counting one per stream. Only pages smaller than 64 bytes,
 // which no linker writes, make long lists in small files.
@@ -68,8 +68,7 @@ inline constexpr Limit kStreamPages = {16 * kKiB, 5, 4 * 64};
 
 // ---- Reading streams.
 
-// Bytes of page lists, names and subsections that are visited, including repeated visits. Real:
-// 0.90 n.
+// Bytes of page lists, names and subsections visited, including repeated visits. Real: 0.90 n.
 inline constexpr Limit kVisitedBytes = {16 * kMiB, 8, 1};
 // Bytes that are copied because their pages are not adjacent. Real: 0.0002 n.
 inline constexpr Limit kCopiedBytes = {8 * kMiB, 1, 4};
@@ -103,8 +102,8 @@ inline constexpr Limit kTypeText = {12 * kMiB, 1, 1};
 
 // Bytes of the text converted from a PDB and its image. Real: 0.44 n.
 inline constexpr Limit kText = {12 * kMiB, 4, 1};
-// Bytes of the text converted from a SYMB image, whose strings are stored once and may be printed
-// often (real: 1.26 n). The text may also be an intermediate result in memory.
+// Bytes of the text converted from a SYMB image. Its strings are stored once and may be printed
+// often (real: 1.26 n). The text may be an intermediate result in memory, too.
 inline constexpr Limit kTextOfSymb = {12 * kMiB, 16, 1};
 inline constexpr Limit kTextBetweenImages = {12 * kMiB, 4, 1};
 // Slots of unwind data decoded per entry of an image's exception directory, plus the fixed number:

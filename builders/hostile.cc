@@ -30,7 +30,7 @@ PdbBuilder with_section(uint32_t page_size = 512) {
 
 std::string built(PdbBuilder& pdb) { return pdb.build().bytes; }
 
-// The stream of public symbols names one page with symbols again and again.
+// The stream of public symbols consists of one page with symbols, repeated.
 std::string repeated_page(size_t size) {
   PdbBuilder pdb = with_section();
   while (pdb.symbol_records.size() < 480) pdb.public_function("p", 1, 16);
@@ -38,12 +38,12 @@ std::string repeated_page(size_t size) {
   const uint32_t pages = count_of(size, 4);
   pdb.msf.override_size(pdb.dbi.symbol_records, pages * 512);
   pdb.msf.override_pages(pdb.dbi.symbol_records, std::vector<uint32_t>(pages, 9));
-  // The pages that the size asks for are not needed: the list names one.
+  // The pages that the size implies are not needed: the list contains one page only.
   std::string bytes = pdb.msf.build().bytes;
   return bytes;
 }
 
-// Module records that all name one stream.
+// Module records that all refer to one stream.
 std::string shared_module_stream(size_t size) {
   PdbBuilder pdb = with_section();
   ModuleBuilder& module = pdb.add_module("m");
@@ -57,7 +57,7 @@ std::string shared_module_stream(size_t size) {
   return built(pdb);
 }
 
-// Subsections of which every second one leads back to where a longer walk begins.
+// Subsections of which every second one jumps back to the start of a longer walk.
 std::string subsections_back(size_t size) {
   PdbBuilder pdb = with_section();
   ModuleBuilder& module = pdb.add_module("m");
@@ -65,7 +65,7 @@ std::string subsections_back(size_t size) {
   const uint32_t count = count_of(size, 16);
   for (uint32_t i = 0; i < count; ++i) {
     const uint32_t at = 16 * i;
-    // An empty subsection, and one whose size wraps to a header that was not yet a start.
+    // An empty subsection, and one whose size wraps to a header that was not a start before.
     bytes.u32(kLines).u32(0);
     bytes.u32(kFileChecksums).u32(i % 2 == 0 ? 0 : (at / 2 & ~uint32_t{7}) + 4 - (at + 20));
   }
@@ -73,7 +73,7 @@ std::string subsections_back(size_t size) {
   return built(pdb);
 }
 
-// Names of functions that all end at one far NUL: no byte before it is 0.
+// Names of functions that all end at one distant NUL.
 std::string overlapping_names(size_t size) {
   constexpr uint16_t kRecord = 0x0101;
   PdbBuilder pdb = with_section();
@@ -86,7 +86,7 @@ std::string overlapping_names(size_t size) {
   return built(pdb);
 }
 
-// Symbol records of two bytes, each the start of a function that reads on in the next ones.
+// Symbol records of two bytes, each the start of a function that extends into the following ones.
 std::string dense_functions(size_t size) {
   PdbBuilder pdb = with_section();
   pdb.section({.name = "s", .address = 0x2000});
@@ -106,7 +106,7 @@ std::string public_symbols(size_t size, uint32_t step) {
   return built(pdb);
 }
 
-// Named streams whose entries share one long name.
+// Entries of named streams that share one long name.
 std::string named_streams(size_t size) {
   PdbBuilder pdb = with_section();
   pdb.lay_out();
@@ -121,7 +121,7 @@ std::string named_streams(size_t size) {
   return built(pdb);
 }
 
-// Frame data that share one program string.
+// Frame data records that share one program string.
 std::string shared_program(size_t size) {
   PdbBuilder pdb = with_section();
   const uint32_t program = pdb.names.add(long_name(size / 2));
@@ -143,7 +143,7 @@ std::string inline_names(size_t size) {
   return built(pdb);
 }
 
-// One function with a range for every other byte of its annotations.
+// One function with a code range for every second byte of its annotations.
 std::string inline_ranges(size_t size) {
   PdbBuilder pdb = with_section();
   pdb.ids.function_id("i", 0);
@@ -157,7 +157,7 @@ std::string inline_ranges(size_t size) {
   return built(pdb);
 }
 
-// Pointers of an unknown kind: a warning for each time that one is rendered.
+// Pointers of an unknown kind, with a warning for each rendering.
 std::string warnings(size_t size) {
   PdbBuilder pdb = with_section();
   const uint32_t pointer = pdb.types.pointer(0x74, 7 << 5);
@@ -170,7 +170,7 @@ std::string warnings(size_t size) {
   return built(pdb);
 }
 
-// Argument lists of argument lists: the text doubles with each.
+// Nested argument lists: the text doubles at each level.
 std::string type_tree(size_t size) {
   PdbBuilder pdb = with_section();
   uint32_t type = 0x74;
@@ -190,7 +190,7 @@ std::string file_checksums(size_t size) {
   return built(pdb);
 }
 
-// Blocks of lines that each claim all lines to the end of the stream.
+// Blocks of lines that each claim all lines up to the end of the stream.
 std::string overlapping_lines(size_t size) {
   PdbBuilder pdb = with_section();
   ModuleBuilder& module = pdb.add_module("m");
@@ -209,7 +209,7 @@ std::string overlapping_lines(size_t size) {
   return built(pdb);
 }
 
-// Pages of 64 bytes, none behind the one before it in its stream.
+// Pages of 64 bytes, none adjacent to the previous one of its stream.
 std::string scattered_pages(size_t size) {
   PdbBuilder pdb = with_section(64);
   pdb.msf.order(PageOrder::kReversed);
@@ -226,7 +226,7 @@ std::string cut_names(size_t) {
   return built(pdb);
 }
 
-// Names with markers that form anew when one is taken out.
+// Names in which removing a marker forms another one.
 std::string nested_markers(size_t size) {
   PdbBuilder pdb = with_section();
   pdb.types.procedure(3, pdb.types.arguments({}), 0);
@@ -274,7 +274,7 @@ std::string symb_sites(size_t size) {
   return model.bytes();
 }
 
-// The shortest records of a text.
+// The shortest lines of a text.
 std::string repeated_lines(size_t size, std::string_view head, std::string_view line) {
   std::string text = "MODULE windows x86 0123 a.pdb\n" + std::string(head);
   while (text.size() < size) text += line;
@@ -292,7 +292,7 @@ std::string numbered_lines(size_t size, std::string_view before, std::string_vie
   return text;
 }
 
-// Entries whose unwind data are a chain that all of them share.
+// Entries that share one chain of unwind data.
 std::string shared_unwind_chain(size_t size) {
   PeBuilder pe;
   pe.codeview({}, 1, "a.pdb");

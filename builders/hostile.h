@@ -1,5 +1,5 @@
-// Inputs that try to cost far more than their size: the kinds of attack that limits answer, each in
-// a size of choice. Well-formed but for what makes them hostile.
+// Inputs crafted to cost far more than their size: one for each kind of attack that a limit
+// prevents, in any size. They are well-formed otherwise.
 
 #pragma once
 
@@ -10,11 +10,11 @@
 namespace builders {
 
 struct HostileFile {
-  std::string name;  // with the extension pdb, symb, sym or exe
+  std::string name;  // including the extension pdb, symb, sym or exe
   std::string bytes;
 };
 
-// One file of each kind, of about `size` bytes each. `size` is at least 32 KiB.
+// Returns one file of each kind, of about `size` bytes each. `size` is at least 32 KiB.
 std::vector<HostileFile> hostile_files(size_t size);
 
 }  // namespace builders

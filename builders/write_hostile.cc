@@ -1,4 +1,4 @@
-// Writes the hostile files of a size into a folder: write_hostile SIZE FOLDER
+// write_hostile SIZE DIRECTORY: writes the hostile files of that size to a directory.
 
 #include <cstdlib>
 #include <string>

@@ -149,7 +149,7 @@ void require(bool condition, const char* what) {
 
 }  // namespace fuzzing
 
-// Replaces that of the C++ library in order to count.
+// Replaces the operator of the C++ library in order to count.
 void* operator new(size_t size) { return fuzzing::allocate(size); }
 void* operator new[](size_t size) { return fuzzing::allocate(size); }
 void* operator new(size_t size, const std::nothrow_t&) noexcept try {

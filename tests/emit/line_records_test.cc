@@ -27,7 +27,7 @@ TEST(LineRecordsTest, AssignsABlockToTheFunctionAtOrAfterItsStart) {
     std::string lines;  // of f at 0x1010, 8 bytes, and g at 0x1020, 8 bytes
   } cases[] = {
       {"exact", {{1, 0x20, {{0, 1}}}}, "g 1020 8 1 1"},
-      {"in front of all", {{1, 1, {{0, 1}}}}, "f 1010 8 1 1"},
+      {"before all", {{1, 1, {{0, 1}}}}, "f 1010 8 1 1"},
       {"inside f", {{1, 0x14, {{0, 1}}}}, "g 1020 8 1 1"},
       {"after all", {{1, 99, {{0, 1}}}}, "g 1020 8 1 1"},
       {"no section", {{0, 99, {{0, 1}}}}, "f 1010 8 1 1"},

@@ -44,7 +44,7 @@ TEST(PeIdentityTest, IsMissingFromEverythingElse) {
   } cases[] = {
       {"no DOS signature", [](std::string& b) { put_u16(b, 0, 0x5A4E); }},
       {"no NT headers", [](std::string& b) { put_u32(b, 60, 0); }},
-      {"NT headers in front of the end", [](std::string& b) { put_u32(b, 60, b.size() - 263); }},
+      {"NT headers before the end", [](std::string& b) { put_u32(b, 60, b.size() - 263); }},
       {"NT headers far outside", [](std::string& b) { put_u32(b, 60, 0xFFFFFFFF); }},
       {"other optional header",
        [](std::string& b) { put_u16(b, PeBuilder::kNtHeaders + 20, 248); }},
@@ -53,10 +53,9 @@ TEST(PeIdentityTest, IsMissingFromEverythingElse) {
       {"no debug directory", [](std::string& b) { put_u32(b, kDebugDirectory, 0); }},
       {"debug directory nowhere", [](std::string& b) { put_u32(b, kDebugDirectory, 0x500000); }},
       {"empty debug directory", [](std::string& b) { put_u32(b, kDebugDirectory + 4, 27); }},
-      {"CodeView entry behind the end",
-       [](std::string& b) { put_u32(b, kDebugDirectory + 4, 55); }},
+      {"CodeView entry after the end", [](std::string& b) { put_u32(b, kDebugDirectory + 4, 55); }},
       {"old CodeView record", [](std::string& b) { put_u32(b, b.find("RSDS"), 0x3031424E); }},
-      {"section behind the file",
+      {"section after the file",
        [](std::string& b) { put_u32(b, kFirstSection + 20, 0xFFFFFFF0); }},
       {"record cut short", [](std::string& b) { b.resize(b.find("RSDS") + 23); }},
   };
