@@ -77,7 +77,7 @@ TEST(FunctionListTest, MergesInTheOrderOfAHashTable) {
   for (uint32_t i = 0; i < kSize; ++i) {
     for (auto* functions : {&list, &plain}) functions->push_back(recordAt(0, i / 2, 0, 1));
     const auto offset = static_cast<uint32_t>(random() % kSize);
-    globals.insert({{}, offset, 0, false, false});
+    globals.insert({DataPtr<char>("name", /*allocated=*/false), offset, 0, false, false});
     table.emplace(offset, i);
   }
   for (const auto& entry : table) plain.push_back(recordAt(0, entry.first, 0, 0));

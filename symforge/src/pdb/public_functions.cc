@@ -11,6 +11,9 @@ namespace {
 
 constexpr uint32_t kFunctionFlag = 2;
 
+// Names that differ only after so many bytes count as one: a comparison has to end.
+constexpr size_t kMaxComparedBytes = 4096;
+
 }  // namespace
 
 void PublicFunctions::insert(PublicFunction&& symbol) {
@@ -19,7 +22,7 @@ void PublicFunctions::insert(PublicFunction&& symbol) {
   const uint32_t position = m_symbols.insert(rva, std::move(symbol));
   if (position >= before) return;
   PublicFunction& kept = m_symbols.values()[position];
-  if (std::strcmp(kept.name.data, symbol.name.data) != 0) kept.shared = true;
+  if (std::strncmp(kept.name.data, symbol.name.data, kMaxComparedBytes) != 0) kept.shared = true;
 }
 
 // A record is a 16-bit length and that many bytes; any record long enough for a public symbol is
