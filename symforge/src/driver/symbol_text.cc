@@ -39,9 +39,11 @@ void take_text(TextBuffer content, SymbolText& result) {
   result.text = std::move(content);
 }
 
-bool text_of_symb(TextBuffer image, const char* path, bool binary, SymbolText& result) {
-  const Limit& limit = binary ? limits::kTextBetweenImages : limits::kTextOfSymb;
-  if (symb_read(image.data(), image.size(), result.text, TextDialect::kDefault, limit)) return true;
+bool text_of_symb(TextBuffer image, const char* path, const ConversionOptions& options,
+                  SymbolText& result) {
+  const Limit& limit = options.binary ? limits::kTextBetweenImages : limits::kTextOfSymb;
+  const TextDialect dialect = options.standard ? TextDialect::kStandard : TextDialect::kDefault;
+  if (symb_read(image.data(), image.size(), result.text, dialect, limit)) return true;
   report_about("failed to parse symb file", path, nullptr);
   return false;
 }
@@ -131,7 +133,7 @@ bool text_of(OpenedInput& opened, const ConversionOptions& options, SymbolText& 
       take_text(std::move(opened.content()), result);
       return true;
     case OpenedInput::Kind::kSymb:
-      return text_of_symb(std::move(opened.content()), input.pdb, options.binary, result);
+      return text_of_symb(std::move(opened.content()), input.pdb, options, result);
     case OpenedInput::Kind::kPdb:
     case OpenedInput::Kind::kPeAlone:
       break;
