@@ -29,10 +29,9 @@ bool has_empty_range(std::string_view line) {
 
 // Whether a line of an image's text may change once more: an empty range is not read again, nor is
 // a line record or an inline record with a negative number, which is what is left of the number of
-// a line or a file beyond 31 bits; what stood behind a carriage return inside of the first line has
-// been read as a line of its own and may be cut where that line is written as the first one.
+// a line or a file beyond 31 bits.
 bool may_change_again(std::string_view line) {
-  if (line.starts_with("MODULE ") || line.starts_with("INFO ")) return line.find('\r') != line.npos;
+  if (line.starts_with("MODULE ") || line.starts_with("INFO ")) return false;
   const bool record = line.starts_with("I ") || line.starts_with("FILE ") ||
                       line.find_first_of("0123456789abcdef") == 0;
   return has_empty_range(line) || (record && line.find(" -") != line.npos);
@@ -74,6 +73,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const auto text = text_of(*image, dialect);
   require(text.has_value(), "an image that was written can be read");
   if (any_line(*text, may_change_again) || any_line(input, may_have_been_cut)) return 0;
+  // Carriage returns in names come back as blanks, which split or are cut in the second reading.
+  if (input.find('\r') != std::string::npos) return 0;
   const auto second_image = image_of(*text);
   require(second_image.has_value(), "its text has an identity");
   // Addresses beyond 4 GiB were cut, and their tables may be out of order.

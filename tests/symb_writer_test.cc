@@ -47,7 +47,7 @@ TEST(SymbWriterTest, TakesTheIdentityFromTheHeaderLines) {
       {"an empty line before it", "\n" + module, kNone},
       {"blanks", "MODULE  windows x86_64   0123 a b.pdb\n", "MODULE windows x86_64 0123 a\n"},
       {"one carriage return", "MODULE windows x86_64 0123 a.pdb\r\r\n",
-       "MODULE windows x86_64 0123 a.pdb\r\n"},
+       "MODULE windows x86_64 0123 a.pdb \n"},
       {"last MODULE line, as far as it goes", module + "MODULE linux arm\n",
        "MODULE linux arm 0123 a.pdb\n"},
       {"code identifier", module + "INFO CODE_ID 12 a.exe more\n",

@@ -19,6 +19,9 @@ void PublicFunctions::insert(PublicFunction&& symbol) {
   const uint32_t position = m_symbols.insert(rva, std::move(symbol));
   if (position >= before) return;
   PublicFunction& kept = m_symbols.values()[position];
+  if (kept.shared || symbol.name.data == nullptr) return;
+  // Names may go on beyond their records.
+  visited().spend(std::strlen(symbol.name.data));
   if (std::strcmp(kept.name.data, symbol.name.data) != 0) kept.shared = true;
 }
 
