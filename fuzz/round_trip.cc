@@ -29,19 +29,12 @@ bool has_empty_range(std::string_view line) {
 
 // Whether a line of an image's text may change in the next round. An empty range is not parsed
 // again. Nor is a line or inline record with a negative number, the truncation of a line or file
-// number beyond 31 bits. Text after a carriage return inside the first line has been parsed as a
-// line of its own, and may be cut when that line becomes the first one.
+// number beyond 31 bits.
 bool may_change_again(std::string_view line) {
-  if (line.starts_with("MODULE ") || line.starts_with("INFO ")) return line.find('\r') != line.npos;
+  if (line.starts_with("MODULE ") || line.starts_with("INFO ")) return false;
   const bool record = line.starts_with("I ") || line.starts_with("FILE ") ||
                       line.find_first_of("0123456789abcdef") == 0;
   return has_empty_range(line) || (record && line.find(" -") != line.npos);
-}
-
-// Whether the first lines hold a carriage return, which is stored and comes back as a blank.
-bool has_carriage_return(std::string_view line) {
-  const bool header = line.starts_with("MODULE ") || line.starts_with("INFO ");
-  return header && line.find('\r') != line.npos;
 }
 
 // Whether the size of a STACK WIN record may have been truncated from more than 32 bits. Nested
@@ -80,7 +73,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const auto text = text_of(*image, dialect);
   require(text.has_value(), "an image that was written can be read");
   if (any_line(*text, may_change_again) || any_line(input, may_have_been_cut)) return 0;
-  if (any_line(input, has_carriage_return)) return 0;
+  // Carriage returns in names come back as blanks, which split or are cut in the second reading.
+  if (input.find('\r') != std::string::npos) return 0;
   const auto second_image = image_of(*text);
   require(second_image.has_value(), "its text has an identity");
   // Addresses beyond 4 GiB were truncated, so tables may be unsorted.
