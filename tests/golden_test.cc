@@ -3,12 +3,15 @@
 
 #include <gtest/gtest.h>
 
+#include <charconv>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "builders/bytes.h"
 #include "tests/support/lines.h"
 #include "tests/support/process.h"
+#include "tests/support/symbols.h"
 
 namespace test_support {
 
@@ -55,6 +58,42 @@ TEST_P(GoldenTest, ConvertsBackFromSymbAsReviewed) {
 INSTANTIATE_TEST_SUITE_P(Fixtures, GoldenTest,
                          testing::Values("engine64", "engine32", "calls64", "calls32"),
                          [](const auto& fixture) { return std::string(fixture.param); });
+
+// Images of 64-bit ARM have unwind rules in the standard format alone.
+class Arm64GoldenTest : public testing::TestWithParam<const char*> {};
+
+TEST_P(Arm64GoldenTest, HasTheReviewedRulesInTextAndSymb) {
+  const std::string name = std::string("arm64/") + GetParam();
+  const std::string text = golden(name + ".std");
+  EXPECT_EQ(converted({"--standard", pdb(name)}), text);
+  const std::string symb = converted({"--standard", "-b", pdb(name)});
+  const Symbols of_text(text), of_symb(symb);
+  size_t rules = 0;
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
+    uint64_t address = 0;
+    if (!line.starts_with("STACK CFI ")) continue;
+    const size_t digits = line.find_first_of("0123456789");
+    std::from_chars(line.data() + digits, line.data() + line.size(), address, 16);
+    const std::string found = of_text.cfi(address);
+    EXPECT_TRUE(found.starts_with(".cfa: ")) << line;
+    EXPECT_EQ(found.find('$'), found.npos) << line;
+    EXPECT_EQ(of_symb.cfi(address), found) << line;
+    ++rules;
+  }
+  EXPECT_GT(rules, 50u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Fixtures, Arm64GoldenTest,
+                         testing::Values("frames_o0", "frames_o2", "frames_signed"),
+                         [](const auto& fixture) { return std::string(fixture.param); });
+
+TEST(Arm64GoldenTest, FindsTheRulesOfAPrologue) {
+  const Symbols symbols(golden("arm64/frames_o0.std"));
+  EXPECT_EQ(symbols.cfi(0x102C), ".cfa: sp 32 + .ra: x30");
+  EXPECT_EQ(symbols.cfi(0x1030), ".cfa: sp 32 + .ra: .cfa 16 - ^");
+  EXPECT_EQ(symbols.cfi(0x1044), ".cfa: sp 32 + .ra: x30");
+}
 
 }  // namespace
 }  // namespace test_support
