@@ -117,7 +117,7 @@ TEST(Resolver, OpensRegularFilesOnly) {
       {huge, "ERROR: Could not slurp "},
       {"a\n\x1b[31m", "ERROR: Could not open a\\x0a\\x1b[31m, error 2"}};
   for (const auto& [path, message] : kCases) {
-    EXPECT_THAT(log_of([&] { EXPECT_FALSE(resolver.LoadModule(&code, path)); }),
+    EXPECT_THAT(log_of([&, file = path] { EXPECT_FALSE(resolver.LoadModule(&code, file)); }),
                 HasSubstr(message));
   }
   EXPECT_FALSE(resolver.HasModule(&code));
