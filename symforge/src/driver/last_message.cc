@@ -123,7 +123,7 @@ extern "C" [[noreturn]] void __assert_fail(const char* check, const char* file, 
 
 namespace std {
 [[gnu::noreturn]] void __glibcxx_assert_fail(const char* file, int line, const char* function,
-                                        const char* check) noexcept {
+                                             const char* check) noexcept {
   symforge_internal::fail_check(check, [=] {
     std::fprintf(stderr, "%s:%d: %s: Assertion '%s' failed.\n", file, line, function, check);
   });
