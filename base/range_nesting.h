@@ -49,7 +49,7 @@ class RangeNesting {
   std::vector<Address> bases_;   // by rank
   std::vector<uint32_t> ranks_;  // by index of the range; kDropped if it is rejected
   // Last addresses of the ranges accepted so far, as a max segment tree. The leaves are in order of
-  // rank, an inner node holds the maximum of its children, the root is node 1. 0 stands for none or
+  // rank, an inner node holds the maximum of its children, the root is node 1. 0 means none or
   // for a range that ends at 0; queries never need the latter.
   std::vector<Address> ends_;
   size_t leaves_ = 0;

@@ -72,7 +72,7 @@ class PeBuilder {
   PeBuilder& machine(uint16_t machine);
   PeBuilder& time_stamp(uint32_t seconds);
   PeBuilder& size_of_image(uint32_t bytes);
-  // `virtual_size` 0 stands for the number of bytes.
+  // `virtual_size` 0 means the number of bytes.
   PeBuilder& section(std::string_view name, uint32_t rva, std::string bytes,
                      uint32_t virtual_size = 0, uint32_t characteristics = 0x40000040);
   // Sets a data directory: 3 exceptions, 6 debug, 14 CLR.

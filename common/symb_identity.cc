@@ -23,7 +23,7 @@ void store_words(char** rest, std::string* const (&fields)[kCount]) {
   }
 }
 
-// Parses a field that is a hexadecimal number and nothing else. The largest value, which stands for
+// Parses a field that is a hexadecimal number and nothing else. The largest value, which means
 // overflow, is rejected.
 bool parse_number(const char* word, uint64_t* number) {
   char* end;

@@ -27,7 +27,7 @@ enum BinaryAnnotationOpcode : uint32_t {
   BA_OP_ChangeColumnEnd = 13,
 };
 
-// The addend that an operand stands for: a magnitude with the sign in the lowest bit.
+// The addend that an operand encodes: a magnitude with the sign in the lowest bit.
 inline uint32_t signedAnnotation(uint32_t operand) {
   const uint32_t magnitude = operand >> 1;
   return (operand & 1) != 0 ? 0 - magnitude : magnitude;

@@ -7,7 +7,7 @@
 //   calls.close();
 //   calls.resolve(lineTable.rows());
 //
-// A site has its code by its rows, as far as it lies inside of the site around it. Where rows of
+// A site has its code by its rows, as far as it is inside of the site around it. Where rows of
 // sibling sites, or of one site, overlap, the row that starts last counts, and of several that
 // start together the last one added: no two ranges of one depth overlap. A call's place is the line
 // of the code around it at the same address: of the function's own lines at depth 0, of the rows of
