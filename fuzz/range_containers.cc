@@ -6,6 +6,7 @@
 #include <array>
 #include <cstring>
 #include <map>
+#include <numeric>
 #include <vector>
 
 #include "fuzz/harness.h"
@@ -106,7 +107,9 @@ void check_contained(const std::vector<Operation>& operations) {
     one_by_one.StoreRange(base, size, static_cast<int>(extents.size()));
     extents.push_back({base, base + size - 1});
   }
-  at_once.StoreRanges(extents, [](size_t i) { return static_cast<int>(i); });
+  std::vector<int> entries(extents.size());
+  std::iota(entries.begin(), entries.end(), 0);
+  at_once.StoreRanges(extents, entries);
   for (uint32_t at = 0; at < 4096 + 512; ++at) {
     std::vector<int> a, b;
     one_by_one.RetrieveRangeStack(at, a);

@@ -124,9 +124,9 @@ class ContainedRangeMap : public ContainedRange<AddressType, EntryType> {
   using Extent = typename symforge_internal::RangeNesting<AddressType>::Range;
 
   // Stores ranges in an empty map, with the same result as StoreRange() one by one, in O(n log n)
-  // time for any order. `entry_at(i)` returns the entry of extents[i].
-  template <typename EntryAt>
-  void StoreRanges(const std::vector<Extent>& extents, EntryAt entry_at);
+  // time for any order. entries[i] belongs to extents[i]; Entries is a vector or a deque.
+  template <typename Entries>
+  void StoreRanges(const std::vector<Extent>& extents, const Entries& entries);
 
   // Removes all ranges and releases their memory.
   void Clear() {
@@ -210,10 +210,11 @@ bool ContainedRangeMap<AddressType, EntryType>::StoreRange(const AddressType& ba
 }
 
 template <typename AddressType, typename EntryType>
-template <typename EntryAt>
+template <typename Entries>
 void ContainedRangeMap<AddressType, EntryType>::StoreRanges(const std::vector<Extent>& extents,
-                                                            EntryAt entry_at) {
+                                                            const Entries& entries) {
   assert(!this->map_);
+  assert(extents.size() == entries.size());
   symforge_internal::RangeNesting<AddressType> nesting;
   std::vector<Step> open;  // the ranges around the current one
   for (const uint32_t position : nesting.nest(extents)) {
@@ -221,7 +222,7 @@ void ContainedRangeMap<AddressType, EntryType>::StoreRanges(const std::vector<Ex
     while (!open.empty() && open.back().high < base) open.pop_back();
     Range* around = open.empty() ? this : open.back().range;
     if (!around->map_) around->map_ = std::make_unique<AddressToRangeMap>();
-    Range* range = nodes_.create(base, entry_at(position), nullptr);
+    Range* range = nodes_.create(base, entries[position], nullptr);
     around->map_->insert(high, range);
     open.push_back({range, high});
   }

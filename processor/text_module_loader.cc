@@ -328,8 +328,7 @@ void TextModuleLoader::FinishStackWin() {
   for (size_t type = 0; type < stack_win_.size(); ++type) {
     StackWinRanges ranges = std::move(stack_win_[type]);
     if (ranges.extents.empty()) continue;
-    module_.windows_frame_info_[type].StoreRanges(
-        ranges.extents, [&](size_t i) -> const StackWinRecord& { return ranges.records[i]; });
+    module_.windows_frame_info_[type].StoreRanges(ranges.extents, ranges.records);
   }
 }
 

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include <array>
+#include <numeric>
 #include <random>
 #include <string>
 #include <vector>
@@ -89,7 +90,9 @@ TEST(ContainedRangeMap, StoresManyAsOneByOne) {
       extents[i] = {base, wanted < base ? ~uint64_t{0} : wanted};
       one_by_one.StoreRange(base, extents[i].high - base + 1, static_cast<int>(i));
     }
-    at_once.StoreRanges(extents, [](size_t i) { return static_cast<int>(i); });
+    std::vector<int> entries(extents.size());
+    std::iota(entries.begin(), entries.end(), 0);
+    at_once.StoreRanges(extents, entries);
     std::vector<std::array<uint64_t, 3>> expected, found;
     walk(one_by_one, expected);
     walk(at_once, found);
