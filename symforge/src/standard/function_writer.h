@@ -95,6 +95,7 @@ class FunctionWriter {
   std::vector<AnnotationRow> m_annotationRows;
   std::vector<CodeRow> m_moved;
   std::vector<CodeRow> m_movedSite;
+  Allowance m_movedParts;  // of the file
   uint32_t m_anyFile = kNoFile;
 };
 
