@@ -318,13 +318,25 @@ std::string repeated_lines(size_t size, std::string_view head, std::string_view 
   return text;
 }
 
-std::string numbered_lines(size_t size, std::string_view before, std::string_view after) {
-  std::string text = "MODULE windows x86 0123 a.pdb\n";
+std::string hex(uint32_t number) {
   constexpr char kDigits[] = "0123456789abcdef";
+  std::string digits;
+  for (; number != 0; number /= 16) digits.insert(0, 1, kDigits[number % 16]);
+  return digits;
+}
+
+std::string numbered_lines(size_t size, std::string_view head, std::string_view before,
+                           std::string_view after) {
+  std::string text = "MODULE windows x86 0123 a.pdb\n" + std::string(head);
+  for (uint32_t i = 1; text.size() < size; ++i) text.append(before).append(hex(i)).append(after);
+  return text;
+}
+
+// Each range contains the next one.
+std::string nested_frame_data(size_t size) {
+  std::string text = "MODULE windows x86 0123 a.pdb\n";
   for (uint32_t i = 1; text.size() < size; ++i) {
-    std::string number;
-    for (uint32_t rest = i; rest != 0; rest /= 16) number.insert(0, 1, kDigits[rest % 16]);
-    text.append(before).append(number).append(after);
+    text += "STACK WIN 4 " + hex(i) + " " + hex(0x7FFFFFFF - 2 * i) + " 0 0 0 0 0 0 1 p\n";
   }
   return text;
 }
@@ -368,11 +380,15 @@ std::vector<HostileFile> hostile_files(size_t size) {
       {"symb_rules.symb", symb_rules(size)},
       {"symb_sites.symb", symb_sites(size)},
       {"lines.sym", repeated_lines(size, "FUNC 1 ffffff 0 f\n", "1 1 1 1\n")},
-      {"functions.sym", numbered_lines(size, "FUNC ", "0 9 0 f\n")},
-      {"publics.sym", numbered_lines(size, "PUBLIC ", " 0 p\n")},
-      {"rules.sym", numbered_lines(size, "STACK CFI INIT ", "0 9 r\n")},
-      {"files.sym", numbered_lines(size, "FILE ", " f\n")},
-      {"frame_data.sym", numbered_lines(size, "STACK WIN 4 ", "0 ff 0 0 0 0 0 0 1 p\n")},
+      {"functions.sym", numbered_lines(size, "", "FUNC ", "0 9 0 f\n")},
+      {"publics.sym", numbered_lines(size, "", "PUBLIC ", " 0 p\n")},
+      {"rules.sym", numbered_lines(size, "", "STACK CFI INIT ", "0 9 r\n")},
+      {"files.sym", numbered_lines(size, "", "FILE ", " f\n")},
+      {"inline_sites.sym",
+       numbered_lines(size, "FUNC 0 ffffffff 0 f\n0 ffffffff 1 1\n", "I ", " 1 1 1 0 i\n")},
+      {"call_ranges.sym", numbered_lines(size, "FUNC 0 ffffffff 0 f\nINLINE 0 1 1 1", " ", "0 1")},
+      {"nested_frame_data.sym", nested_frame_data(size)},
+      {"frame_data.sym", numbered_lines(size, "", "STACK WIN 4 ", "0 ff 0 0 0 0 0 0 1 p\n")},
       {"shared_unwind_chain.exe", shared_unwind_chain(size)},
   };
 }
