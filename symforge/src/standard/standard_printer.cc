@@ -10,6 +10,7 @@
 #include "symforge/src/pdb/section_map.h"
 #include "symforge/src/pdb/source_files.h"
 #include "symforge/src/pdb/type_table.h"
+#include "symforge/src/pe/architecture.h"
 #include "symforge/src/standard/file_numbers.h"
 #include "symforge/src/standard/function_collector.h"
 #include "symforge/src/standard/function_layout.h"
@@ -21,23 +22,6 @@
 namespace symforge_internal {
 
 namespace {
-
-const char* architecture(uint16_t machine) {
-  switch (machine) {
-    case IMAGE_FILE_MACHINE_I386:
-      return "x86";
-    case IMAGE_FILE_MACHINE_ARM:
-      return "arm";
-    case IMAGE_FILE_MACHINE_ARM64:
-      return "arm64";
-    case IMAGE_FILE_MACHINE_PPC64:
-      return "ppc64";
-    case IMAGE_FILE_MACHINE_AMD64:
-      return "x86_64";
-    default:
-      return "unknown";
-  }
-}
 
 void printPublic(const PlacedPublic& symbol, TextBuffer& out) {
   constexpr size_t kNumbers = 64;
@@ -67,7 +51,9 @@ void StandardPrinter::printHeader(TextBuffer& out) const {
   std::string storage;
   const std::string_view name = lineName(last_component(m_source.pdbFile), storage);
   LineWriter line(out, kWords + m_source.debugId.size() + name.size());
-  line.str("MODULE windows ").str(architecture(m_source.dbi.header().machine)).chr(' ');
+  line.str("MODULE windows ")
+      .str(architectureName(m_source.dbi.header().machine, TextDialect::kStandard))
+      .chr(' ');
   line.str(m_source.debugId).chr(' ').str(name).chr('\n');
 }
 
