@@ -8,6 +8,7 @@
 
 #include "base/limits.h"
 #include "base/path_names.h"
+#include "common/symbol_text.h"
 #include "symforge/src/driver/tree_folders.h"
 #include "symforge/src/emit/function_list.h"
 #include "symforge/src/emit/function_printer.h"
@@ -110,11 +111,8 @@ bool PDBParser::readRootStream(const char* sympath) {
 void PDBParser::printHeader(TextBuffer& out) const {
   if (m_rep->dbi) {
     const std::string_view name = last_component(m_rep->pdbFile);
-    LineWriter line(out, 64 + m_rep->debugId.size() + name.size());
-    line.str("MODULE windows ")
-        .str(architectureName(m_rep->dbi->header().machine, TextDialect::kDefault))
-        .chr(' ');
-    line.str(m_rep->debugId).chr(' ').name(name).chr('\n');
+    const char* arch = architectureName(m_rep->dbi->header().machine, TextDialect::kDefault);
+    append_line(out, ModuleFields{"windows", arch, m_rep->debugId, name});
   }
   m_rep->codeFile.printCodeId(out);
 }

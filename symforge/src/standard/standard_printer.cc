@@ -3,6 +3,7 @@
 #include <string_view>
 
 #include "base/path_names.h"
+#include "common/symbol_text.h"
 #include "symforge/src/WinStructs.h"
 #include "symforge/src/pdb/frame_tables.h"
 #include "symforge/src/pdb/name_stream.h"
@@ -24,13 +25,10 @@ namespace symforge_internal {
 namespace {
 
 void printPublic(const PlacedPublic& symbol, TextBuffer& out) {
-  constexpr size_t kNumbers = 64;
   std::string storage;
   std::string_view name = lineName(symbol.name, storage);
   if (name.empty()) name = "<unnamed symbol>";
-  LineWriter line(out, kNumbers + name.size());
-  line.str(symbol.shared ? "PUBLIC m " : "PUBLIC ").hex(symbol.rva).chr(' ');
-  line.hex(symbol.paramSize).chr(' ').str(name).chr('\n');
+  append_line(out, PublicFields{symbol.shared, symbol.rva, symbol.paramSize, name});
 }
 
 // The type and id records.
@@ -47,14 +45,10 @@ struct Types {
 }  // namespace
 
 void StandardPrinter::printHeader(TextBuffer& out) const {
-  constexpr size_t kWords = 64;
   std::string storage;
   const std::string_view name = lineName(last_component(m_source.pdbFile), storage);
-  LineWriter line(out, kWords + m_source.debugId.size() + name.size());
-  line.str("MODULE windows ")
-      .str(architectureName(m_source.dbi.header().machine, TextDialect::kStandard))
-      .chr(' ');
-  line.str(m_source.debugId).chr(' ').str(name).chr('\n');
+  const char* arch = architectureName(m_source.dbi.header().machine, TextDialect::kStandard);
+  append_line(out, ModuleFields{"windows", arch, m_source.debugId, name});
 }
 
 void StandardPrinter::printUnwindRules(const std::vector<PlacedFunction>& functions,
