@@ -76,6 +76,7 @@ std::string HexString(unsigned long number);
                                ::google_breakpad::LogStream::SEVERITY_##severity, __FILE__, \
                                __LINE__)
 // The message continues after the macro, so the expression cannot be in parentheses.
-// NOLINTNEXTLINE(bugprone-macro-parentheses)
+// NOLINTBEGIN(bugprone-macro-parentheses)
 #define SYMFORGE_LOG_IF(severity, condition) \
   !(condition) ? (void)0 : ::google_breakpad::LogMessageVoidify() & SYMFORGE_LOG(severity)
+// NOLINTEND(bugprone-macro-parentheses)
