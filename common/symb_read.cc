@@ -29,7 +29,7 @@ class Printer {
 
   bool print() {
     load_header();
-    return identity() && sections() && files() && symbols() && stack_win() && stack_cfi();
+    return identity() && sections() && files(text_) && symbols() && stack_win() && stack_cfi();
   }
 
   // The published form. Only files used by lines or calls are written.
@@ -75,7 +75,7 @@ class Printer {
 
   bool identity();
   bool sections();
-  bool files();
+  bool files(TextBuffer& out);
   bool symbols();
   template <typename Function>
   bool merged(const char* function, const char* public_function);
@@ -87,7 +87,6 @@ class Printer {
   bool standard_functions();
   bool standard_function(const symb_func_inline& function);
   bool standard_tables(size_t at);
-  bool standard_files(TextBuffer& out);
   bool standard_origins(TextBuffer& out);
   bool publics();
   bool stack_win();
@@ -147,7 +146,7 @@ bool Printer::sections() {
   return true;
 }
 
-bool Printer::files() {
+bool Printer::files(TextBuffer& out) {
   const uint64_t count = header_.v1.file_count;
   const char* at;
   if (!records(header_.v1.files, count, sizeof(symb_file), &at)) return false;
@@ -155,7 +154,8 @@ bool Printer::files() {
     const auto file = symb_load<symb_file>(at);
     std::string_view name;
     if (!string(file.name, &name)) return false;
-    append_line(text_, FileFields{file.index, name});
+    const bool is_used = !is_standard_ || used_files_.contains(file.index);
+    if (is_used) append_line(out, FileFields{file.index, name});
   }
   return true;
 }
@@ -313,21 +313,8 @@ bool Printer::standard_function(const symb_func_inline& function) {
 bool Printer::standard_tables(size_t at) {
   TextBuffer tables;
   const TextLimit limit(tables, limits::kTables.of(size_));
-  if (!standard_files(tables) || !standard_origins(tables)) return false;
+  if (!files(tables) || !standard_origins(tables)) return false;
   text_.insert(at, tables.view());
-  return true;
-}
-
-bool Printer::standard_files(TextBuffer& out) {
-  const uint64_t count = header_.v1.file_count;
-  const char* at;
-  if (!records(header_.v1.files, count, sizeof(symb_file), &at)) return false;
-  for (uint64_t i = 0; i < count; ++i, at += sizeof(symb_file)) {
-    const auto file = symb_load<symb_file>(at);
-    std::string_view name;
-    if (!string(file.name, &name)) return false;
-    if (used_files_.contains(file.index)) append_line(out, FileFields{file.index, name});
-  }
   return true;
 }
 

@@ -75,5 +75,8 @@ std::string HexString(unsigned long number);
   ::google_breakpad::LogStream(SYMFORGE_LOG_STREAM_##severity,                              \
                                ::google_breakpad::LogStream::SEVERITY_##severity, __FILE__, \
                                __LINE__)
+// The message continues after the macro, so the expression cannot be in parentheses.
+// NOLINTBEGIN(bugprone-macro-parentheses)
 #define SYMFORGE_LOG_IF(severity, condition) \
   !(condition) ? (void)0 : ::google_breakpad::LogMessageVoidify() & SYMFORGE_LOG(severity)
+// NOLINTEND(bugprone-macro-parentheses)
