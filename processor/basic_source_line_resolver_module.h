@@ -75,6 +75,8 @@ class BasicSourceLineResolver::Module : public SourceLineResolverBase::Module {
   void LookupAddress(StackFrame* frame) const override;
   WindowsFrameInfo* FindWindowsFrameInfo(const StackFrame* frame) const override;
   CFIFrameInfo* FindCFIFrameInfo(const StackFrame* frame) const override;
+  void LookupAddresses(std::span<const uint64_t> addresses, std::span<ResolvedAddress> answers,
+                       ResolvedInlines* inlines) const override;
 
   // Load and lookups for a SYMB block. The lookups find nothing unless one is loaded.
   virtual bool LoadMapFromMemoryB(char* memory_buffer, size_t memory_buffer_size);
@@ -82,6 +84,8 @@ class BasicSourceLineResolver::Module : public SourceLineResolverBase::Module {
   virtual void LookupAddressBInline(StackFrame* frame) const;
   virtual WindowsFrameInfo* FindWindowsFrameInfoB(const StackFrame* frame) const;
   virtual CFIFrameInfo* FindCFIFrameInfoB(const StackFrame* frame) const;
+  virtual void LookupAddressesB(std::span<const uint64_t> addresses,
+                                std::span<ResolvedAddress> answers, ResolvedInlines* inlines) const;
 
   // What loading text fills.
   const FileMap& Files() const { return files_; }                           // by number
@@ -95,7 +99,8 @@ class BasicSourceLineResolver::Module : public SourceLineResolverBase::Module {
   friend class TextModuleLoader;
 
   bool Load(char* buffer, size_t size, StringStorage::Place strings);
-  void AppendInlines(const Function& function, MemAddr address, StackFrame* frame) const;
+  void Resolve(MemAddr address, ResolvedAddress* answer, ResolvedInlines* inlines) const;
+  void AppendInlines(const Function& function, MemAddr address, ResolvedInlines* inlines) const;
 
   bool symb_loaded_ = false;
   const char* symb_base_ = nullptr;  // not owned
