@@ -76,6 +76,8 @@ class BasicSourceLineResolver::Module : public SourceLineResolverBase::Module {
   void LookupAddress(StackFrame* frame) const override;
   WindowsFrameInfo* FindWindowsFrameInfo(const StackFrame* frame) const override;
   CFIFrameInfo* FindCFIFrameInfo(const StackFrame* frame) const override;
+  void LookupAddresses(std::span<const uint64_t> addresses, std::span<ResolvedAddress> answers,
+                       ResolvedInlines* inlines) const override;
 
   // The memory that the symbols of a text take, in bytes. 0 for a SYMB block.
   size_t ByteCount() const;
@@ -86,6 +88,8 @@ class BasicSourceLineResolver::Module : public SourceLineResolverBase::Module {
   virtual void LookupAddressBInline(StackFrame* frame) const;
   virtual WindowsFrameInfo* FindWindowsFrameInfoB(const StackFrame* frame) const;
   virtual CFIFrameInfo* FindCFIFrameInfoB(const StackFrame* frame) const;
+  virtual void LookupAddressesB(std::span<const uint64_t> addresses,
+                                std::span<ResolvedAddress> answers, ResolvedInlines* inlines) const;
 
   // What loading text fills.
   const FileMap& Files() const { return files_; }                           // by number
@@ -99,7 +103,8 @@ class BasicSourceLineResolver::Module : public SourceLineResolverBase::Module {
   friend class TextModuleLoader;
 
   bool Load(char* buffer, size_t size, StringStorage::Place strings);
-  void AppendInlines(const Function& function, MemAddr address, StackFrame* frame) const;
+  void Resolve(MemAddr address, ResolvedAddress* answer, ResolvedInlines* inlines) const;
+  void AppendInlines(const Function& function, MemAddr address, ResolvedInlines* inlines) const;
 
   bool symb_loaded_ = false;
   const char* symb_base_ = nullptr;  // not owned
