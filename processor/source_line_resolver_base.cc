@@ -154,6 +154,7 @@ bool SourceLineResolverBase::LoadOwnedBuffer(const CodeModule* module, char* buf
     return false;
   }
   const bool loaded = LoadModuleUsingMemoryBuffer(module, buffer, size);
+  if (loaded && is_symb) modules_->find(module->debug_identifier())->second->IndexTables();
   if (loaded && (is_symb || !ShouldDeleteMemoryBufferAfterLoadModule())) {
     memory_buffers_->emplace(module->debug_identifier(), owned.release());
   }
