@@ -61,6 +61,7 @@ symforge_status ModuleSymbols::take_symb(std::string_view block, const char* nam
   }
   symb_ = block;
   symbols_.LoadMapFromMemory(const_cast<char*>(block.data()), block.size());  // only read
+  symbols_.IndexTables();
   return SYMFORGE_OK;
 }
 

@@ -12,6 +12,7 @@
 #pragma once
 
 #include <array>
+#include <memory>
 #include <span>
 #include <string>
 
@@ -23,6 +24,7 @@
 #include "processor/range_map.h"
 #include "processor/source_line_resolver_base_types.h"
 #include "processor/string_storage.h"
+#include "processor/symb_index.h"
 #include "processor/windows_frame_info.h"
 
 namespace google_breakpad {
@@ -78,6 +80,7 @@ class BasicSourceLineResolver::Module : public SourceLineResolverBase::Module {
   CFIFrameInfo* FindCFIFrameInfo(const StackFrame* frame) const override;
   void LookupAddresses(std::span<const uint64_t> addresses, std::span<ResolvedAddress> answers,
                        ResolvedInlines* inlines) const override;
+  void IndexTables() override;
 
   // The memory that the symbols of a text take, in bytes. 0 for a SYMB block.
   size_t ByteCount() const;
@@ -109,6 +112,7 @@ class BasicSourceLineResolver::Module : public SourceLineResolverBase::Module {
   bool symb_loaded_ = false;
   const char* symb_base_ = nullptr;  // not owned
   size_t symb_size_ = 0;
+  std::unique_ptr<const SymbIndex> symb_index_;  // null if there is none
   std::string name_;
   FileMap files_;
   FunctionMap functions_;

@@ -99,6 +99,7 @@ bool SourceLineResolverBase::LoadFrom(const CodeModule* module, std::unique_ptr<
   }
   const size_t size = is_symb ? storage->size : storage->size + 1;
   const bool loaded = LoadModuleUsingMemoryBuffer(module, storage->data, size);
+  if (loaded && is_symb) modules_->find(module->debug_identifier())->second->IndexTables();
   if (loaded && (is_symb || !ShouldDeleteMemoryBufferAfterLoadModule())) {
     memory_buffers_->insert_or_assign(module->debug_identifier(), std::move(storage));
   }

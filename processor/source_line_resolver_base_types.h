@@ -85,6 +85,11 @@ class SourceLineResolverBase::Module {
   virtual void LookupAddresses(std::span<const uint64_t> addresses,
                                std::span<ResolvedAddress> answers,
                                ResolvedInlines* inlines) const = 0;
+
+  // Makes later lookups in a SYMB block faster. Reads its tables of functions, public symbols and
+  // rules once, and takes memory of about 1 % of the block. Does nothing for text. Call it after
+  // the load and before the first lookup. Throws std::bad_alloc.
+  virtual void IndexTables() = 0;
 };
 
 }  // namespace google_breakpad

@@ -19,6 +19,18 @@ namespace {
 // More accesses than a core has in flight, and few enough to stay in its first cache.
 constexpr size_t kGroup = 32;
 
+// Prefetches all lines of most functions, and the records that the search of any other visits
+// first.
+[[gnu::always_inline]] inline void prefetch_lines(const SymbSearch& search) {
+  constexpr size_t kLine = 64, kMost = 4;
+  const size_t bytes = search.hi * sizeof(symb_line);
+  if (bytes > kMost * kLine) {
+    __builtin_prefetch(search.records + search.middle() * sizeof(symb_line));
+    return;
+  }
+  for (size_t at = 0; at < bytes; at += kLine) __builtin_prefetch(search.records + at);
+}
+
 // Resolves up to kGroup addresses. `Function` is the record type of the block's version.
 template <typename Function>
 class GroupLookup {
@@ -64,7 +76,7 @@ void GroupLookup<Function>::find_functions() {
     functions_[i] = table.search_for(addresses_[i]);
     if (!has_functions) functions_[i].hi = 0;
   }
-  search_together<Step>(used(functions_));
+  tables_.template run_together<Step, kGroup>(used(functions_), &SymbIndex::functions);
   // A record may extend into the cache line after the one that the search has read.
   for (const SymbSearch& search : used(functions_)) {
     if (!search.has_found()) continue;
@@ -85,8 +97,9 @@ void GroupLookup<Function>::find_lines(std::span<ResolvedAddress> answers) {
       if (records_[i].inline_count != 0) tables_.prefetch(records_[i].inlines);
     }
     lines_[i] = tables_.line_search(records_[i], addresses_[i]);
+    prefetch_lines(lines_[i]);
   }
-  search_together<LineStep>(used(lines_));
+  for (SymbSearch& search : used(lines_)) search_by_guess<LineStep>(search);
   for (size_t i = 0; i < size_; ++i) {
     if (lines_[i].has_found()) {
       tables_.set_line(SymbTables::found<symb_line>(lines_[i]), &answers[i]);
@@ -122,8 +135,9 @@ void GroupLookup<Function>::find_publics(std::span<ResolvedAddress> answers) {
     starts[count].hi = tables_.has_functions() ? tables_.template functions<Function>().count : 0;
     publics[count++] = tables_.public_search(addresses_[i]);
   }
-  search_together<FunctionStartStep>({starts.data(), count});
-  search_together<PublicStep>({publics.data(), count});
+  tables_.template run_together<FunctionStartStep, kGroup>({starts.data(), count},
+                                                           &SymbIndex::functions);
+  tables_.template run_together<PublicStep, kGroup>({publics.data(), count}, &SymbIndex::publics);
   for (size_t i = 0; i < count; ++i) {
     tables_.set_public(publics[i], starts[i], &answers[positions[i]]);
   }
@@ -151,7 +165,7 @@ void BasicSourceLineResolver::Module::LookupAddressesB(std::span<const uint64_t>
                                                        ResolvedInlines* inlines) const {
   std::fill(answers.begin(), answers.end(), ResolvedAddress());
   if (!symb_loaded_) return;
-  const SymbTables tables(symb_base_, symb_size_);
+  const SymbTables tables(symb_base_, symb_size_, symb_index_.get());
   const bool has_inlines = symb_has_inlines(tables.version());
   for (size_t at = 0; at < addresses.size(); at += kGroup) {
     const size_t count = std::min(kGroup, addresses.size() - at);

@@ -1,5 +1,6 @@
 // The lookups in a SYMB block: binary searches in its tables, which may be in a read-only mapping.
-// Nothing is parsed or cached. Array lookups are in symb_array_lookups.cc.
+// Nothing is parsed or cached; IndexTables() adds an index, which does not change results. Array
+// lookups are in symb_array_lookups.cc.
 
 #include <memory>
 #include <memory_resource>
@@ -26,9 +27,6 @@ uint64_t relative_address(const StackFrame& frame) {
   return frame.instruction - frame.module->base_address();
 }
 
-using InitialRuleStep = RangeStep<symb_cfi_rule, offsetof(symb_cfi_rule, base)>;
-using DeltaRuleStep = AddressStep<symb_cfi_delta_rule, offsetof(symb_cfi_delta_rule, address)>;
-
 template <typename Function>
 void resolve_line(const SymbTables& tables, const Function& function, uint64_t address,
                   ResolvedAddress* answer) {
@@ -46,7 +44,7 @@ void resolve_line(const SymbTables& tables, const Function& function, uint64_t a
 void resolve_plain(const SymbTables& tables, uint64_t address, ResolvedAddress* answer) {
   if (!tables.has_functions()) return;
   SymbSearch search = tables.functions<symb_func>().search_for(address);
-  search_by_guess<FunctionStep>(search);
+  tables.run<FunctionStep>(search, &SymbIndex::functions);
   if (!search.has_found()) return;
   const auto function = SymbTables::found<symb_func>(search);
   tables.prefetch(function.name);
@@ -57,8 +55,8 @@ void resolve_plain(const SymbTables& tables, uint64_t address, ResolvedAddress* 
 // Looks up an address outside of all functions.
 void resolve_public(const SymbTables& tables, SymbSearch function, ResolvedAddress* answer) {
   SymbSearch symbol = tables.public_search(function.key);
-  search_by_guess<PublicStep>(symbol);
-  search_alone<FunctionStartStep>(function);
+  tables.run<PublicStep>(symbol, &SymbIndex::publics);
+  tables.run<FunctionStartStep>(function, &SymbIndex::functions);
   tables.set_public(symbol, function, answer);
 }
 
@@ -68,7 +66,7 @@ void resolve_with_inlines(const SymbTables& tables, uint64_t address, ResolvedAd
   const SymbTable functions =
       tables.has_functions() ? tables.functions<symb_func_inline>() : SymbTable();
   SymbSearch search = functions.search_for(address);
-  search_by_guess<InlineFunctionStep>(search);
+  tables.run<InlineFunctionStep>(search, &SymbIndex::functions);
   if (!search.has_found()) {
     resolve_public(tables, functions.search_for(address), answer);
     return;
@@ -132,14 +130,20 @@ bool BasicSourceLineResolver::Module::LoadMapFromMemoryB(char* memory_buffer,
   static constexpr symb_header_v1 kNoSymbols{};
   const bool has_header = memory_buffer_size >= sizeof kNoSymbols;
   symb_loaded_ = true;
+  symb_index_.reset();
   symb_base_ = has_header ? memory_buffer : reinterpret_cast<const char*>(&kNoSymbols);
   symb_size_ = has_header ? memory_buffer_size : sizeof kNoSymbols;
   return true;
 }
 
+void BasicSourceLineResolver::Module::IndexTables() {
+  if (!symb_loaded_) return;
+  symb_index_ = std::make_unique<const SymbIndex>(SymbTables(symb_base_, symb_size_));
+}
+
 void BasicSourceLineResolver::Module::LookupAddressB(StackFrame* frame) const {
   if (!symb_loaded_) return;
-  const SymbTables tables(symb_base_, symb_size_);
+  const SymbTables tables(symb_base_, symb_size_, symb_index_.get());
   if (symb_has_inlines(tables.version())) {
     LookupAddressBInline(frame);
     return;
@@ -155,15 +159,15 @@ void BasicSourceLineResolver::Module::LookupAddressBInline(StackFrame* frame) co
   std::pmr::monotonic_buffer_resource resource(memory, sizeof(memory));
   ResolvedInlines inlines(&resource);
   ResolvedAddress answer;
-  resolve_with_inlines(SymbTables(symb_base_, symb_size_), relative_address(*frame), &answer,
-                       &inlines);
+  resolve_with_inlines(SymbTables(symb_base_, symb_size_, symb_index_.get()),
+                       relative_address(*frame), &answer, &inlines);
   copy_to_frame(answer, inlines, frame);
 }
 
 WindowsFrameInfo* BasicSourceLineResolver::Module::FindWindowsFrameInfoB(
     const StackFrame* frame) const {
   if (!symb_loaded_) return nullptr;
-  const SymbTables tables(symb_base_, symb_size_);
+  const SymbTables tables(symb_base_, symb_size_, symb_index_.get());
   const uint64_t address = relative_address(*frame);
   for (const auto type :
        {WindowsFrameInfo::STACK_INFO_FRAME_DATA, WindowsFrameInfo::STACK_INFO_FPO}) {
@@ -186,21 +190,18 @@ WindowsFrameInfo* BasicSourceLineResolver::Module::FindWindowsFrameInfoB(
 
 CFIFrameInfo* BasicSourceLineResolver::Module::FindCFIFrameInfoB(const StackFrame* frame) const {
   if (!symb_loaded_) return nullptr;
-  const SymbTables tables(symb_base_, symb_size_);
+  const SymbTables tables(symb_base_, symb_size_, symb_index_.get());
   const uint64_t address = relative_address(*frame);
-  SymbSearch search =
-      tables.header_table<symb_cfi_rule>(offsetof(symb_header_v1, cfi_initial_rules))
-          .search_for(address);
-  search_by_guess<InitialRuleStep>(search);
+  SymbSearch search = tables.initial_rules().search_for(address);
+  tables.run<InitialRuleStep>(search, &SymbIndex::initial_rules);
   if (!search.has_found()) return nullptr;
   const auto initial = SymbTables::found<symb_cfi_rule>(search);
   RuleSetApplier rules(*this);
   if (!rules.ApplyInitial(tables.string(initial.rule))) return nullptr;
 
-  const SymbTable deltas =
-      tables.header_table<symb_cfi_delta_rule>(offsetof(symb_header_v1, cfi_delta_rules));
+  const SymbTable deltas = tables.delta_rules();
   SymbSearch first = deltas.search_for(initial.base);
-  search_by_guess<DeltaRuleStep>(first);
+  tables.run<DeltaRuleStep>(first, &SymbIndex::delta_rules);
   for (uint64_t i = first.end_below(); i < deltas.count; ++i) {
     const auto delta =
         symb_load<symb_cfi_delta_rule>(deltas.records + i * sizeof(symb_cfi_delta_rule));

@@ -12,23 +12,19 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <span>
 #include <string_view>
 
 #include "common/lookup_limits.h"
 #include "common/symb.h"
 #include "common/symb_block.h"
 #include "processor/resolved_address.h"
+#include "processor/symb_index.h"
 #include "processor/symb_search.h"
 
 namespace google_breakpad {
 
 using symforge_internal::symb_load;
-
-using FunctionStep = RangeStep<symb_func, offsetof(symb_func, address)>;
-using InlineFunctionStep = RangeStep<symb_func_inline, offsetof(symb_func_inline, address)>;
-using LineStep = RangeStep<symb_line, offsetof(symb_line, address)>;
-using FunctionStartStep = AddressStep<symb_func_inline, offsetof(symb_func_inline, address)>;
-using PublicStep = AddressStep<symb_public, offsetof(symb_public, address)>;
 
 // Records inside the block.
 struct SymbTable {
@@ -41,8 +37,9 @@ struct SymbTable {
 // Holds no data, so an object is made for each lookup.
 class SymbTables {
  public:
-  // The block has at least the size of a symb_header_v1.
-  SymbTables(const char* base, uint64_t size) : base_(base), size_(size) {}
+  // The block has at least the size of a symb_header_v1. `index` is null or made from it.
+  SymbTables(const char* base, uint64_t size, const SymbIndex* index = nullptr)
+      : base_(base), size_(size), index_(index) {}
 
   // A field of the header, by offset.
   template <typename T = uint64_t>
@@ -74,6 +71,31 @@ class SymbTables {
   SymbTable publics() const {
     return header_table<symb_public>(offsetof(symb_header_v1, public_functions));
   }
+  SymbTable initial_rules() const {
+    return header_table<symb_cfi_rule>(offsetof(symb_header_v1, cfi_initial_rules));
+  }
+  SymbTable delta_rules() const {
+    return header_table<symb_cfi_delta_rule>(offsetof(symb_header_v1, cfi_delta_rules));
+  }
+
+  // Runs one search, or several that wait for memory at once, over the whole of a table of the
+  // header. `index` is the index of that table.
+  template <typename Step>
+  void run(SymbSearch& search, AddressIndex SymbIndex::*index) const {
+    if (const AddressIndex* built = built_index(index)) {
+      built->search<Step>(search);
+    } else {
+      search_by_guess<Step>(search);
+    }
+  }
+  template <typename Step, size_t kMost>
+  void run_together(std::span<SymbSearch> searches, AddressIndex SymbIndex::*index) const {
+    if (const AddressIndex* built = built_index(index)) {
+      built->search_together<Step, kMost>(searches);
+    } else {
+      search_together<Step>(searches);
+    }
+  }
 
   // Clipped to the block and to the maximal length of a string.
   std::string_view string(uint64_t offset) const {
@@ -83,15 +105,22 @@ class SymbTables {
   }
   void prefetch(uint64_t offset) const { __builtin_prefetch(base_ + offset); }
 
-  // The searches of a file by number, and of the line and the public symbol at an address.
-  SymbSearch file_search(int32_t index) const {
-    return files().search_for(static_cast<uint64_t>(int64_t{index}));
-  }
+  // Searches that have not begun: for the line and the public symbol at an address.
   template <typename Function>
   SymbSearch line_search(const Function& function, uint64_t address) const {
     return table<symb_line>(function.lines, function.line_count).search_for(address);
   }
   SymbSearch public_search(uint64_t address) const { return publics().search_for(address); }
+  // The search for a file by number; over if the index knows the result.
+  SymbSearch file_search(int32_t number) const {
+    SymbSearch search = files().search_for(static_cast<uint64_t>(int64_t{number}));
+    if (index_ == nullptr || !index_->files_are_dense) return search;
+    const int64_t position = int64_t{number} - index_->first_file;
+    const bool exists = position >= 0 && static_cast<uint64_t>(position) < search.hi;
+    search.hi = 0;
+    if (exists) search.end_at(static_cast<uint64_t>(position));
+    return search;
+  }
 
   // Store the result of a search.
   template <typename Function>
@@ -126,8 +155,13 @@ class SymbTables {
   }
 
  private:
+  const AddressIndex* built_index(AddressIndex SymbIndex::*index) const {
+    return index_ != nullptr && (index_->*index).is_built() ? &(index_->*index) : nullptr;
+  }
+
   const char* base_;
   uint64_t size_;
+  const SymbIndex* index_;
 };
 
 }  // namespace google_breakpad
