@@ -11,6 +11,7 @@
 
 #include "base/printable.h"
 #include "common/symforge_version.h"
+#include "google_breakpad/processor/log_sink.h"
 #include "symforge/src/driver/batch.h"
 #include "symforge/src/driver/conversion_options.h"
 #include "symforge/src/driver/convert.h"
@@ -225,6 +226,7 @@ int main(int argc, char** argv) {
   signal(SIGCHLD, SIG_DFL);
 
   symforge_internal::install_last_message();
+  google_breakpad::SetLogInformation(true);
   Options options;
   options.conversion.sandbox = true;
   if (const int status = take_options(argc, argv, options); status != kGoOn) return status;
