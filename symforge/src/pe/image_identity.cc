@@ -1,7 +1,5 @@
 #include "symforge/src/pe/image_identity.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,16 +15,6 @@ namespace {
 
 constexpr uint32_t kMaxDebugEntries = 64;      // linkers write fewer than ten
 constexpr size_t kLongestPdbName = 32 * 1024;  // bytes, the longest path of Windows
-
-int open_regular(const char* path) {
-  const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  struct stat status;
-  if (fd != -1 && (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode))) {
-    close(fd);
-    return -1;
-  }
-  return fd;
-}
 
 class ImageFile {
  public:
