@@ -8,14 +8,18 @@
 
 #include <cstdio>
 #include <optional>
+#include <string>
+#include <vector>
 
 #include "base/printable.h"
 #include "common/symforge_version.h"
 #include "symforge/src/driver/batch.h"
 #include "symforge/src/driver/conversion_options.h"
 #include "symforge/src/driver/convert.h"
+#include "symforge/src/driver/identify.h"
 #include "symforge/src/driver/last_message.h"
 #include "symforge/src/driver/messages.h"
+#include "symforge/src/driver/sandbox.h"
 
 using symforge_internal::ConversionInput;
 using symforge_internal::ConversionOptions;
@@ -26,13 +30,14 @@ namespace {
 
 struct Options {
   bool recursive = false;
+  bool identify = false;
   std::optional<bool> sync;  // empty: the mode decides
   ConversionInput input;     // with -r, `pdb` is usually a folder
   ConversionOptions conversion;
 };
 
 // Long options without a short form.
-enum LongOption { kHelp = 256, kStandard, kSync, kNoSync, kNoSandbox };
+enum LongOption { kHelp = 256, kStandard, kSync, kNoSync, kNoSandbox, kIdentify };
 
 constexpr option kLongOptions[] = {
     {"help", no_argument, nullptr, kHelp},
@@ -46,6 +51,7 @@ constexpr option kLongOptions[] = {
     {"sync", no_argument, nullptr, kSync},
     {"no-sync", no_argument, nullptr, kNoSync},
     {"no-sandbox", no_argument, nullptr, kNoSandbox},
+    {"identify", no_argument, nullptr, kIdentify},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -83,7 +89,8 @@ void print_help() {
   printf(
       "Usage: %s [options] INPUT [TREE]\n"
       "       %s [options] -e IMAGE -s TREE\n"
-      "       %s [options] -r FOLDER TREE\n\n"
+      "       %s [options] -r FOLDER TREE\n"
+      "       %s --identify FILE...\n\n"
       "Makes a Breakpad symbol file of a PDB, a text symbol file or a SYMB file, on standard\n"
       "output or in the symbol tree TREE.\n\n"
       "  -e, --image IMAGE   the exe or dll of the PDB\n"
@@ -96,12 +103,13 @@ void print_help() {
       "                      (with --standard by default)\n"
       "      --no-sync       leave that to the system (by default without --standard)\n"
       "      --no-sandbox    keep all rights of the process during a conversion\n"
+      "      --identify      print what each file is, one JSON object a line\n"
       "  -v, --version       print the version\n"
       "  -h                  print the short usage\n"
       "      --help          print this text\n\n"
       "Exit status: 0 success; 1 failure or wrong usage; 2 with --standard -r, some inputs "
       "failed.\n",
-      command, command, command);
+      command, command, command, command);
 }
 
 int usage_error() {
@@ -147,6 +155,9 @@ int take_option(int letter, Options& options) {
       return kGoOn;
     case kNoSandbox:
       options.conversion.sandbox = false;
+      return kGoOn;
+    case kIdentify:
+      options.identify = true;
       return kGoOn;
     default:
       return usage_error();
@@ -210,6 +221,19 @@ int run_single(const Options& options) {
   return symforge_internal::convert(options.input, options.conversion) ? 0 : 1;
 }
 
+// Reads files without a conversion.
+int run_on_files(const Options& options, const std::vector<std::string>& files) {
+  symforge_internal::select_standard_messages(true);
+  if (options.recursive || options.input.exe != nullptr || options.conversion.tree != nullptr) {
+    return fail("option '--identify' takes files alone, without '-e', '-r' and '-s'");
+  }
+  if (files.empty()) return usage_error();
+  if (options.conversion.sandbox) {
+    symforge_internal::enter_sandbox({.readable = files, .writable = {}});
+  }
+  return symforge_internal::identify_files(files);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -228,6 +252,7 @@ int main(int argc, char** argv) {
   Options options;
   options.conversion.sandbox = true;
   if (const int status = take_options(argc, argv, options); status != kGoOn) return status;
+  if (options.identify) return run_on_files(options, {argv + optind, argv + argc});
   if (options.conversion.standard) {
     symforge_internal::select_standard_messages(true);
     signal(SIGPIPE, SIG_IGN);  // a closed pipe is a failed write

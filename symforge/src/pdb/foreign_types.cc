@@ -21,12 +21,11 @@ std::string typeServer(const MsfFile& file) {
     const DataPtr<TypeInfoHeader> header = reader.read<TypeInfoHeader>();
     if (header->min >= header->max) return {};
     const DataPtr<TypeRecord> record = reader.read<TypeRecord>();
+    if (!isTypeServer(record->leafType)) return {};
     if (record->leafType == LEAF::LF_TYPESERVER2) {
       reader.read<LeafTypeServer2>();
-    } else if (record->leafType == LEAF::LF_TYPESERVER) {
-      reader.read<LeafTypeServer>();
     } else {
-      return {};
+      reader.read<LeafTypeServer>();
     }
     const std::string name = reader.readString().data;
     return name.empty() ? "an unnamed file" : name;
@@ -37,8 +36,11 @@ std::string typeServer(const MsfFile& file) {
 
 }  // namespace
 
+bool isTypeServer(uint16_t leaf) {
+  return leaf == LEAF::LF_TYPESERVER || leaf == LEAF::LF_TYPESERVER2;
+}
+
 void refuseForeignTypes(const MsfFile& file, const InfoStream& info) {
-  constexpr uint32_t kMinimalDebugInfo = 0x494E494D;  // "MINI"
   if (info.hasFeature(kMinimalDebugInfo)) {
     throw pdb_refusal(kTypesElsewhere,
                       "this PDB was linked with /DEBUG:FASTLINK, its types and symbols are in the "

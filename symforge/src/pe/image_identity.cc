@@ -23,6 +23,15 @@ class ImageFile {
   // False without an image: no MZ header, or optional header of another kind than PE32 and PE32+.
   bool read_headers();
 
+  // What the headers say, without the record.
+  ImageSummary summary() const {
+    return {.machine = header_.Machine,
+            .time_stamp = header_.TimeDateStamp,
+            .size = size_,
+            .managed = clr_.VirtualAddress != 0,
+            .pdb = std::nullopt};
+  }
+
   // The record that `directory` refers to.
   std::optional<ImageIdentity> read_identity() const;
 
@@ -43,7 +52,10 @@ class ImageFile {
   std::string read_name(uint64_t position) const;
 
   const FileDescriptor file_;
+  IMAGE_FILE_HEADER header_ = {};
+  uint32_t size_ = 0;                    // of the image in memory
   IMAGE_DATA_DIRECTORY directory_ = {};  // of the debug entries
+  IMAGE_DATA_DIRECTORY clr_ = {};
   std::vector<IMAGE_SECTION_HEADER> sections_;
 };
 
@@ -51,11 +63,10 @@ bool ImageFile::read_headers() {
   IMAGE_DOS_HEADER dos;
   if (!file_.is_open() || !read(0, &dos) || dos.e_magic != IMAGE_DOS_SIGNATURE) return false;
   const uint64_t headers = dos.e_lfanew;
-  IMAGE_FILE_HEADER header;
-  if (!read(headers + offsetof(IMAGE_NT_HEADERS32, FileHeader), &header)) return false;
+  if (!read(headers + offsetof(IMAGE_NT_HEADERS32, FileHeader), &header_)) return false;
   const uint64_t optional_header = headers + offsetof(IMAGE_NT_HEADERS32, OptionalHeader);
   if (!read_directory(optional_header)) return false;
-  read_sections(optional_header + header.SizeOfOptionalHeader, header.NumberOfSections);
+  read_sections(optional_header + header_.SizeOfOptionalHeader, header_.NumberOfSections);
   return true;
 }
 
@@ -70,8 +81,15 @@ bool ImageFile::read_directory(uint64_t optional_header) {
   } else {
     return false;
   }
-  constexpr size_t kEntry = IMAGE_DIRECTORY_ENTRY_DEBUG * sizeof(IMAGE_DATA_DIRECTORY);
-  return read(optional_header + directories + kEntry, &directory_);
+  constexpr size_t kEntry = sizeof(IMAGE_DATA_DIRECTORY);
+  le_uint32 size;
+  static_assert(offsetof(IMAGE_OPTIONAL_HEADER, SizeOfImage) ==
+                offsetof(IMAGE_OPTIONAL_HEADER64, SizeOfImage));
+  if (read(optional_header + offsetof(IMAGE_OPTIONAL_HEADER, SizeOfImage), &size)) size_ = size;
+  const uint64_t table = optional_header + directories;
+  IMAGE_DATA_DIRECTORY clr;
+  if (read(table + IMAGE_DIRECTORY_ENTRY_COM_DESCRIPTOR * kEntry, &clr)) clr_ = clr;
+  return read(table + IMAGE_DIRECTORY_ENTRY_DEBUG * kEntry, &directory_);
 }
 
 // The section headers in the file; at most 65535.
@@ -131,6 +149,14 @@ bool begins_like_image(const char* path) {
   le_uint16 magic;
   return file.is_open() && read(file.get(), &magic, sizeof magic) == sizeof magic &&
          magic == IMAGE_DOS_SIGNATURE;
+}
+
+std::optional<ImageSummary> read_image_summary(const char* path) {
+  ImageFile image(path);
+  if (!image.read_headers()) return std::nullopt;
+  ImageSummary summary = image.summary();
+  summary.pdb = image.read_identity();
+  return summary;
 }
 
 std::optional<ImageIdentity> pe_debug_id(const char* path) {

@@ -3,7 +3,6 @@
 #include <string_view>
 
 #include "base/path_names.h"
-#include "symforge/src/WinStructs.h"
 #include "symforge/src/pdb/foreign_types.h"
 #include "symforge/src/pdb/frame_tables.h"
 #include "symforge/src/pdb/name_stream.h"
@@ -11,6 +10,7 @@
 #include "symforge/src/pdb/section_map.h"
 #include "symforge/src/pdb/source_files.h"
 #include "symforge/src/pdb/type_table.h"
+#include "symforge/src/pe/machine_name.h"
 #include "symforge/src/standard/file_numbers.h"
 #include "symforge/src/standard/function_collector.h"
 #include "symforge/src/standard/function_layout.h"
@@ -22,23 +22,6 @@
 namespace symforge_internal {
 
 namespace {
-
-const char* architecture(uint16_t machine) {
-  switch (machine) {
-    case IMAGE_FILE_MACHINE_I386:
-      return "x86";
-    case IMAGE_FILE_MACHINE_ARM:
-      return "arm";
-    case IMAGE_FILE_MACHINE_ARM64:
-      return "arm64";
-    case IMAGE_FILE_MACHINE_PPC64:
-      return "ppc64";
-    case IMAGE_FILE_MACHINE_AMD64:
-      return "x86_64";
-    default:
-      return "unknown";
-  }
-}
 
 void printPublic(const PlacedPublic& symbol, TextBuffer& out) {
   constexpr size_t kNumbers = 64;
@@ -68,7 +51,8 @@ void StandardPrinter::printHeader(TextBuffer& out) const {
   std::string storage;
   const std::string_view name = lineName(last_component(m_source.pdbFile), storage);
   LineWriter line(out, kWords + m_source.debugId.size() + name.size());
-  line.str("MODULE windows ").str(architecture(m_source.dbi.header().machine)).chr(' ');
+  const char* const machine = machineName(m_source.dbi.header().machine);
+  line.str("MODULE windows ").str(machine != nullptr ? machine : "unknown").chr(' ');
   line.str(m_source.debugId).chr(' ').str(name).chr('\n');
 }
 
