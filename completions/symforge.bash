@@ -3,14 +3,14 @@
 _symforge() {
   local word=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} pattern='' i arguments=0
 
-  local options=(-b -e -h -i -r -s -v --binary --help --identify --image --no-inlines --no-sandbox --no-sync
+  local options=(-b -e -h -i -r -s -v --against --binary --check --help --identify --image --no-inlines --no-sandbox --no-sync
     --recursive --standard --sync --tree --version)
 
   # Arguments after the options that have been typed already.
   for ((i = 1; i < COMP_CWORD; ++i)); do
     case ${COMP_WORDS[i]} in
-      --image | --tree) ((++i)) ;;
-      --identify) pattern='*' ;;  # any number of files of any kind
+      --against | --image | --tree) ((++i)) ;;
+      --check | --identify) pattern='*' ;;  # any number of files of any kind
       --*) ;;
       -*[es]) ((++i)) ;;
       -*) ;;
@@ -19,6 +19,7 @@ _symforge() {
   done
 
   case $previous in
+    --against) pattern='*.@(exe|dll|pdb|EXE|DLL|PDB)' ;;
     --image) pattern='*.@(exe|dll|EXE|DLL)' ;;
     --tree) ;;
     -[!-]*e | -e) pattern='*.@(exe|dll|EXE|DLL)' ;;
@@ -28,7 +29,7 @@ _symforge() {
         mapfile -t COMPREPLY < <(compgen -W "${options[*]}" -- "$word")
         return
       fi
-      ((arguments)) || pattern='*.@(pdb|PDB|sym|symb)'
+      ((arguments)) || : "${pattern:=*.@(pdb|PDB|sym|symb)}"
       ;;
   esac
 

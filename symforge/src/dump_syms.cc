@@ -9,11 +9,13 @@
 #include <cstdio>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "base/printable.h"
 #include "common/symforge_version.h"
 #include "symforge/src/driver/batch.h"
+#include "symforge/src/driver/check_file.h"
 #include "symforge/src/driver/conversion_options.h"
 #include "symforge/src/driver/convert.h"
 #include "symforge/src/driver/identify.h"
@@ -31,13 +33,15 @@ namespace {
 struct Options {
   bool recursive = false;
   bool identify = false;
-  std::optional<bool> sync;  // empty: the mode decides
-  ConversionInput input;     // with -r, `pdb` is usually a folder
+  bool check = false;
+  const char* against = nullptr;  // of --check, borrowed
+  std::optional<bool> sync;       // empty: the mode decides
+  ConversionInput input;          // with -r, `pdb` is usually a folder
   ConversionOptions conversion;
 };
 
 // Long options without a short form.
-enum LongOption { kHelp = 256, kStandard, kSync, kNoSync, kNoSandbox, kIdentify };
+enum LongOption { kHelp = 256, kStandard, kSync, kNoSync, kNoSandbox, kIdentify, kCheck, kAgainst };
 
 constexpr option kLongOptions[] = {
     {"help", no_argument, nullptr, kHelp},
@@ -52,6 +56,8 @@ constexpr option kLongOptions[] = {
     {"no-sync", no_argument, nullptr, kNoSync},
     {"no-sandbox", no_argument, nullptr, kNoSandbox},
     {"identify", no_argument, nullptr, kIdentify},
+    {"check", no_argument, nullptr, kCheck},
+    {"against", required_argument, nullptr, kAgainst},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -90,7 +96,8 @@ void print_help() {
       "Usage: %s [options] INPUT [TREE]\n"
       "       %s [options] -e IMAGE -s TREE\n"
       "       %s [options] -r FOLDER TREE\n"
-      "       %s --identify FILE...\n\n"
+      "       %s --identify FILE...\n"
+      "       %s --check [--against FILE] FILE...\n\n"
       "Makes a Breakpad symbol file of a PDB, a text symbol file or a SYMB file, on standard\n"
       "output or in the symbol tree TREE.\n\n"
       "  -e, --image IMAGE   the exe or dll of the PDB\n"
@@ -104,12 +111,14 @@ void print_help() {
       "      --no-sync       leave that to the system (by default without --standard)\n"
       "      --no-sandbox    keep all rights of the process during a conversion\n"
       "      --identify      print what each file is, one JSON object a line\n"
+      "      --check         check symbol files, one JSON object a line\n"
+      "      --against FILE  with --check: the PDB or image that they must belong to\n"
       "  -v, --version       print the version\n"
       "  -h                  print the short usage\n"
       "      --help          print this text\n\n"
       "Exit status: 0 success; 1 failure or wrong usage; 2 with --standard -r, some inputs "
       "failed.\n",
-      command, command, command, command);
+      command, command, command, command, command);
 }
 
 int usage_error() {
@@ -158,6 +167,12 @@ int take_option(int letter, Options& options) {
       return kGoOn;
     case kIdentify:
       options.identify = true;
+      return kGoOn;
+    case kCheck:
+      options.check = true;
+      return kGoOn;
+    case kAgainst:
+      options.against = optarg;
       return kGoOn;
     default:
       return usage_error();
@@ -224,14 +239,18 @@ int run_single(const Options& options) {
 // Reads files without a conversion.
 int run_on_files(const Options& options, const std::vector<std::string>& files) {
   symforge_internal::select_standard_messages(true);
-  if (options.recursive || options.input.exe != nullptr || options.conversion.tree != nullptr) {
-    return fail("option '--identify' takes files alone, without '-e', '-r' and '-s'");
+  if (options.recursive || options.input.exe != nullptr || options.conversion.tree != nullptr ||
+      (options.identify && options.check)) {
+    return fail("options '--identify' and '--check' take files alone, without '-e', '-r' and '-s'");
   }
   if (files.empty()) return usage_error();
   if (options.conversion.sandbox) {
-    symforge_internal::enter_sandbox({.readable = files, .writable = {}});
+    std::vector<std::string> readable = files;
+    if (options.against != nullptr) readable.emplace_back(options.against);
+    symforge_internal::enter_sandbox({.readable = std::move(readable), .writable = {}});
   }
-  return symforge_internal::identify_files(files);
+  return options.identify ? symforge_internal::identify_files(files)
+                          : symforge_internal::check_files(files, options.against);
 }
 
 }  // namespace
@@ -252,7 +271,7 @@ int main(int argc, char** argv) {
   Options options;
   options.conversion.sandbox = true;
   if (const int status = take_options(argc, argv, options); status != kGoOn) return status;
-  if (options.identify) return run_on_files(options, {argv + optind, argv + argc});
+  if (options.identify || options.check) return run_on_files(options, {argv + optind, argv + argc});
   if (options.conversion.standard) {
     symforge_internal::select_standard_messages(true);
     signal(SIGPIPE, SIG_IGN);  // a closed pipe is a failed write
