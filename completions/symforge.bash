@@ -3,15 +3,15 @@
 _symforge() {
   local word=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} pattern='' i arguments=0
 
-  local options=(-b -e -h -i -r -s -v --binary --help --image --no-inlines --no-sandbox --no-sync
+  local options=(-b -e -h -i -j -r -s -v --binary --help --image --jobs --no-inlines --no-sandbox --no-sync
     --recursive --standard --sync --tree --version)
 
   # Arguments after the options that have been typed already.
   for ((i = 1; i < COMP_CWORD; ++i)); do
     case ${COMP_WORDS[i]} in
-      --image | --tree) ((++i)) ;;
+      --image | --jobs | --tree) ((++i)) ;;
       --*) ;;
-      -*[es]) ((++i)) ;;
+      -*[ejs]) ((++i)) ;;
       -*) ;;
       *) ((++arguments)) ;;
     esac
@@ -20,6 +20,10 @@ _symforge() {
   case $previous in
     --image) pattern='*.@(exe|dll|EXE|DLL)' ;;
     --tree) ;;
+    --jobs | -[!-]*j | -j)
+      COMPREPLY=()
+      return
+      ;;
     -[!-]*e | -e) pattern='*.@(exe|dll|EXE|DLL)' ;;
     -[!-]*s | -s) ;;
     *)

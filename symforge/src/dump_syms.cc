@@ -27,6 +27,7 @@ namespace {
 struct Options {
   bool recursive = false;
   std::optional<bool> sync;  // empty: the mode decides
+  const char* jobs = "1";    // the argument of -j, borrowed
   ConversionInput input;     // with -r, `pdb` is usually a folder
   ConversionOptions conversion;
 };
@@ -41,6 +42,7 @@ constexpr option kLongOptions[] = {
     {"image", required_argument, nullptr, 'e'},
     {"tree", required_argument, nullptr, 's'},
     {"recursive", no_argument, nullptr, 'r'},
+    {"jobs", required_argument, nullptr, 'j'},
     {"no-inlines", no_argument, nullptr, 'i'},
     {"standard", no_argument, nullptr, kStandard},
     {"sync", no_argument, nullptr, kSync},
@@ -89,6 +91,7 @@ void print_help() {
       "  -e, --image IMAGE   the exe or dll of the PDB\n"
       "  -s, --tree TREE     root of the symbol tree, the same as a second argument\n"
       "  -r, --recursive     convert everything in FOLDER\n"
+      "  -j, --jobs N        use N processors, 0: all (by default 1)\n"
       "  -b, --binary        write SYMB, the binary format, instead of text\n"
       "  -i, --no-inlines    no inlined calls\n"
       "      --standard      the published text format, complete content, strict exit statuses\n"
@@ -129,6 +132,9 @@ int take_option(int letter, Options& options) {
     case 'i':
       do_inline = false;
       return kGoOn;
+    case 'j':
+      options.jobs = optarg;
+      return kGoOn;
     case 'r':
       options.recursive = true;
       return kGoOn;
@@ -155,7 +161,8 @@ int take_option(int letter, Options& options) {
 
 // Applies the options in the order given. Returns the program's exit status, or kGoOn.
 int take_options(int argc, char** argv, Options& options) {
-  for (int letter; (letter = getopt_long(argc, argv, "be:hrs:vi", kLongOptions, nullptr)) != -1;) {
+  for (int letter;
+       (letter = getopt_long(argc, argv, "be:hij:rs:v", kLongOptions, nullptr)) != -1;) {
     if (const int status = take_option(letter, options); status != kGoOn) return status;
   }
   options.conversion.sync = options.sync.value_or(options.conversion.standard);
@@ -177,6 +184,14 @@ int take_arguments(int argc, char** argv, Options& options) {
 
 int fail(const char* message) {
   report("%s", message);
+  return 1;
+}
+
+// Reads the arguments of options that are numbers.
+int read_numbers(Options& options) {
+  if (symforge_internal::parse_jobs(options.jobs, options.conversion.jobs)) return kGoOn;
+  report("option '-j' needs a number from 0 to %u: %s", symforge_internal::kMostJobs,
+         printable(options.jobs).c_str());
   return 1;
 }
 
@@ -232,6 +247,7 @@ int main(int argc, char** argv) {
     symforge_internal::select_standard_messages(true);
     signal(SIGPIPE, SIG_IGN);  // a closed pipe is a failed write
   }
+  if (const int status = read_numbers(options); status != kGoOn) return status;
   if (const int status = take_arguments(argc, argv, options); status != kGoOn) return status;
   return options.recursive ? run_batch(options) : run_single(options);
 }
