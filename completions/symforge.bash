@@ -3,13 +3,13 @@
 _symforge() {
   local word=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} pattern='' i arguments=0
 
-  local options=(-b -e -h -i -j -r -s -v --binary --help --image --jobs --no-inlines --no-sandbox --no-sync
-    --recursive --standard --sync --tree --version)
+  local options=(-b -e -h -i -j -q -r -s -v --binary --help --image --jobs --max-memory --no-inlines --no-sandbox --no-sync
+    --quiet --recursive --standard --sync --tree --version)
 
   # Arguments after the options that have been typed already.
   for ((i = 1; i < COMP_CWORD; ++i)); do
     case ${COMP_WORDS[i]} in
-      --image | --jobs | --tree) ((++i)) ;;
+      --image | --jobs | --max-memory | --tree) ((++i)) ;;
       --*) ;;
       -*[ejs]) ((++i)) ;;
       -*) ;;
@@ -20,7 +20,7 @@ _symforge() {
   case $previous in
     --image) pattern='*.@(exe|dll|EXE|DLL)' ;;
     --tree) ;;
-    --jobs | -[!-]*j | -j)
+    --jobs | --max-memory | -[!-]*j | -j)
       COMPREPLY=()
       return
       ;;

@@ -14,6 +14,8 @@
 #include "symforge/src/driver/batch.h"
 #include "symforge/src/driver/conversion_options.h"
 #include "symforge/src/driver/convert.h"
+#include "symforge/src/driver/end_signals.h"
+#include "symforge/src/driver/free_memory.h"
 #include "symforge/src/driver/last_message.h"
 #include "symforge/src/driver/messages.h"
 
@@ -27,13 +29,16 @@ namespace {
 struct Options {
   bool recursive = false;
   std::optional<bool> sync;  // empty: the mode decides
-  const char* jobs = "1";    // the argument of -j, borrowed
-  ConversionInput input;     // with -r, `pdb` is usually a folder
+  // The arguments of options that are numbers, borrowed.
+  const char* jobs = "1";
+  const char* max_memory = "0";
+  ConversionInput input;  // with -r, `pdb` is usually a folder
   ConversionOptions conversion;
+  symforge_internal::BatchOptions batch;
 };
 
 // Long options without a short form.
-enum LongOption { kHelp = 256, kStandard, kSync, kNoSync, kNoSandbox };
+enum LongOption { kHelp = 256, kStandard, kSync, kNoSync, kNoSandbox, kMaxMemory };
 
 constexpr option kLongOptions[] = {
     {"help", no_argument, nullptr, kHelp},
@@ -44,6 +49,8 @@ constexpr option kLongOptions[] = {
     {"recursive", no_argument, nullptr, 'r'},
     {"jobs", required_argument, nullptr, 'j'},
     {"no-inlines", no_argument, nullptr, 'i'},
+    {"max-memory", required_argument, nullptr, kMaxMemory},
+    {"quiet", no_argument, nullptr, 'q'},
     {"standard", no_argument, nullptr, kStandard},
     {"sync", no_argument, nullptr, kSync},
     {"no-sync", no_argument, nullptr, kNoSync},
@@ -92,6 +99,9 @@ void print_help() {
       "  -s, --tree TREE     root of the symbol tree, the same as a second argument\n"
       "  -r, --recursive     convert everything in FOLDER\n"
       "  -j, --jobs N        use N processors, 0: all (by default 1)\n"
+      "      --max-memory SIZE\n"
+      "                      in a batch, start no conversion while less memory is free (500M, 2G)\n"
+      "  -q, --quiet         in a batch, no progress and no summary\n"
       "  -b, --binary        write SYMB, the binary format, instead of text\n"
       "  -i, --no-inlines    no inlined calls\n"
       "      --standard      the published text format, complete content, strict exit statuses\n"
@@ -103,7 +113,8 @@ void print_help() {
       "  -h                  print the short usage\n"
       "      --help          print this text\n\n"
       "Exit status: 0 success; 1 failure or wrong usage; 2 with --standard -r, some inputs "
-      "failed.\n",
+      "failed;\n"
+      "128 and the number of the signal for a batch that a signal ended.\n",
       command, command, command);
 }
 
@@ -135,6 +146,12 @@ int take_option(int letter, Options& options) {
     case 'j':
       options.jobs = optarg;
       return kGoOn;
+    case 'q':
+      options.batch.quiet = true;
+      return kGoOn;
+    case kMaxMemory:
+      options.max_memory = optarg;
+      return kGoOn;
     case 'r':
       options.recursive = true;
       return kGoOn;
@@ -162,7 +179,7 @@ int take_option(int letter, Options& options) {
 // Applies the options in the order given. Returns the program's exit status, or kGoOn.
 int take_options(int argc, char** argv, Options& options) {
   for (int letter;
-       (letter = getopt_long(argc, argv, "be:hij:rs:v", kLongOptions, nullptr)) != -1;) {
+       (letter = getopt_long(argc, argv, "be:hij:qrs:v", kLongOptions, nullptr)) != -1;) {
     if (const int status = take_option(letter, options); status != kGoOn) return status;
   }
   options.conversion.sync = options.sync.value_or(options.conversion.standard);
@@ -189,10 +206,17 @@ int fail(const char* message) {
 
 // Reads the arguments of options that are numbers.
 int read_numbers(Options& options) {
-  if (symforge_internal::parse_jobs(options.jobs, options.conversion.jobs)) return kGoOn;
-  report("option '-j' needs a number from 0 to %u: %s", symforge_internal::kMostJobs,
-         printable(options.jobs).c_str());
-  return 1;
+  if (!symforge_internal::parse_jobs(options.jobs, options.conversion.jobs)) {
+    report("option '-j' needs a number from 0 to %u: %s", symforge_internal::kMostJobs,
+           printable(options.jobs).c_str());
+    return 1;
+  }
+  if (!symforge_internal::parse_size(options.max_memory, options.batch.min_free_memory)) {
+    report("option '--max-memory' needs a size such as 500M or 2G: %s",
+           printable(options.max_memory).c_str());
+    return 1;
+  }
+  return kGoOn;
 }
 
 int check_tree(const char* tree) {
@@ -209,7 +233,7 @@ int run_batch(const Options& options) {
   }
   if (options.input.pdb == nullptr) return usage_error();
   if (const int status = check_tree(tree); status != kGoOn) return status;
-  return symforge_internal::convert_batch(options.input.pdb, options.conversion);
+  return symforge_internal::convert_batch({options.input.pdb}, options.conversion, options.batch);
 }
 
 int run_single(const Options& options) {
@@ -240,6 +264,7 @@ int main(int argc, char** argv) {
   signal(SIGCHLD, SIG_DFL);
 
   symforge_internal::install_last_message();
+  symforge_internal::clean_up_on_end_signals();
   Options options;
   options.conversion.sandbox = true;
   if (const int status = take_options(argc, argv, options); status != kGoOn) return status;

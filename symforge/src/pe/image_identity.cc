@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <vector>
 
 #include "base/file_io.h"
@@ -38,6 +39,8 @@ class ImageFile {
   // The record that `directory` refers to.
   std::optional<ImageIdentity> read_identity() const;
 
+  std::string code_id() const;
+
  private:
   // Reads records at a file position. False if the file ends within them.
   template <typename Record>
@@ -55,6 +58,8 @@ class ImageFile {
   std::string read_name(uint64_t position) const;
 
   const FileDescriptor file_;
+  uint32_t time_stamp_ = 0;
+  uint32_t image_size_ = 0;
   IMAGE_DATA_DIRECTORY directory_ = {};  // of the debug entries
   std::vector<IMAGE_SECTION_HEADER> sections_;
 };
@@ -66,6 +71,13 @@ bool ImageFile::read_headers() {
   IMAGE_FILE_HEADER header;
   if (!read(headers + offsetof(IMAGE_NT_HEADERS32, FileHeader), &header)) return false;
   const uint64_t optional_header = headers + offsetof(IMAGE_NT_HEADERS32, OptionalHeader);
+  // This field has the same place in both kinds of header.
+  static_assert(offsetof(IMAGE_OPTIONAL_HEADER, SizeOfImage) ==
+                offsetof(IMAGE_OPTIONAL_HEADER64, SizeOfImage));
+  le_uint32 size;
+  if (!read(optional_header + offsetof(IMAGE_OPTIONAL_HEADER, SizeOfImage), &size)) return false;
+  time_stamp_ = header.TimeDateStamp;
+  image_size_ = size;
   if (!read_directory(optional_header)) return false;
   read_sections(optional_header + header.SizeOfOptionalHeader, header.NumberOfSections);
   return true;
@@ -136,6 +148,12 @@ std::optional<ImageIdentity> ImageFile::read_identity() const {
                        read_name(position + sizeof(record))};
 }
 
+std::string ImageFile::code_id() const {
+  char text[2 * 8 + 1];
+  snprintf(text, sizeof text, "%08X%X", time_stamp_, image_size_);
+  return text;
+}
+
 }  // namespace
 
 bool begins_like_image(const char* path) {
@@ -149,6 +167,11 @@ std::optional<ImageIdentity> pe_debug_id(const char* path) {
   ImageFile image(path);
   if (!image.read_headers()) return std::nullopt;
   return image.read_identity();
+}
+
+std::string pe_code_id(const char* path) {
+  ImageFile image(path);
+  return image.read_headers() ? image.code_id() : std::string();
 }
 
 }  // namespace symforge_internal

@@ -22,4 +22,8 @@ bool begins_like_image(const char* path);
 // calls at file positions; nothing is mapped. Throws only bad_alloc.
 std::optional<ImageIdentity> pe_debug_id(const char* path);
 
+// The code identifier of an image: time stamp and size as upper-case hexadecimal digits, the first
+// padded to 8. Empty for a file that is not an image. Reads only headers.
+std::string pe_code_id(const char* path);
+
 }  // namespace symforge_internal
