@@ -3,16 +3,16 @@
 _symforge() {
   local word=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} pattern='' i arguments=0
 
-  local options=(-b -e -h -i -r -s -v --against --binary --check --help --identify --image --no-inlines --no-sandbox --no-sync
-    --recursive --standard --sync --tree --version)
+  local options=(-b -e -h -i -j -q -r -s -v --against --binary --check --help --identify --image --jobs --max-memory
+    --no-inlines --no-sandbox --no-sync --quiet --recursive --standard --sync --tree --version)
 
   # Arguments after the options that have been typed already.
   for ((i = 1; i < COMP_CWORD; ++i)); do
     case ${COMP_WORDS[i]} in
-      --against | --image | --tree) ((++i)) ;;
+      --against | --image | --jobs | --max-memory | --tree) ((++i)) ;;
       --check | --identify) pattern='*' ;;  # any number of files of any kind
       --*) ;;
-      -*[es]) ((++i)) ;;
+      -*[ejs]) ((++i)) ;;
       -*) ;;
       *) ((++arguments)) ;;
     esac
@@ -22,6 +22,10 @@ _symforge() {
     --against) pattern='*.@(exe|dll|pdb|EXE|DLL|PDB)' ;;
     --image) pattern='*.@(exe|dll|EXE|DLL)' ;;
     --tree) ;;
+    --jobs | --max-memory | -[!-]*j | -j)
+      COMPREPLY=()
+      return
+      ;;
     -[!-]*e | -e) pattern='*.@(exe|dll|EXE|DLL)' ;;
     -[!-]*s | -s) ;;
     *)

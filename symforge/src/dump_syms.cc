@@ -18,6 +18,8 @@
 #include "symforge/src/driver/check_file.h"
 #include "symforge/src/driver/conversion_options.h"
 #include "symforge/src/driver/convert.h"
+#include "symforge/src/driver/end_signals.h"
+#include "symforge/src/driver/free_memory.h"
 #include "symforge/src/driver/identify.h"
 #include "symforge/src/driver/last_message.h"
 #include "symforge/src/driver/messages.h"
@@ -36,12 +38,26 @@ struct Options {
   bool check = false;
   const char* against = nullptr;  // of --check, borrowed
   std::optional<bool> sync;       // empty: the mode decides
-  ConversionInput input;          // with -r, `pdb` is usually a folder
+  // The arguments of options that are numbers, borrowed.
+  const char* jobs = "1";
+  const char* max_memory = "0";
+  ConversionInput input;  // with -r, `pdb` is usually a folder
   ConversionOptions conversion;
+  symforge_internal::BatchOptions batch;
 };
 
 // Long options without a short form.
-enum LongOption { kHelp = 256, kStandard, kSync, kNoSync, kNoSandbox, kIdentify, kCheck, kAgainst };
+enum LongOption {
+  kHelp = 256,
+  kStandard,
+  kSync,
+  kNoSync,
+  kNoSandbox,
+  kMaxMemory,
+  kIdentify,
+  kCheck,
+  kAgainst,
+};
 
 constexpr option kLongOptions[] = {
     {"help", no_argument, nullptr, kHelp},
@@ -50,7 +66,10 @@ constexpr option kLongOptions[] = {
     {"image", required_argument, nullptr, 'e'},
     {"tree", required_argument, nullptr, 's'},
     {"recursive", no_argument, nullptr, 'r'},
+    {"jobs", required_argument, nullptr, 'j'},
     {"no-inlines", no_argument, nullptr, 'i'},
+    {"max-memory", required_argument, nullptr, kMaxMemory},
+    {"quiet", no_argument, nullptr, 'q'},
     {"standard", no_argument, nullptr, kStandard},
     {"sync", no_argument, nullptr, kSync},
     {"no-sync", no_argument, nullptr, kNoSync},
@@ -103,6 +122,10 @@ void print_help() {
       "  -e, --image IMAGE   the exe or dll of the PDB\n"
       "  -s, --tree TREE     root of the symbol tree, the same as a second argument\n"
       "  -r, --recursive     convert everything in FOLDER\n"
+      "  -j, --jobs N        use N processors, 0: all (by default 1)\n"
+      "      --max-memory SIZE\n"
+      "                      in a batch, start no conversion while less memory is free (500M, 2G)\n"
+      "  -q, --quiet         in a batch, no progress and no summary\n"
       "  -b, --binary        write SYMB, the binary format, instead of text\n"
       "  -i, --no-inlines    no inlined calls\n"
       "      --standard      the published text format, complete content, strict exit statuses\n"
@@ -117,7 +140,8 @@ void print_help() {
       "  -h                  print the short usage\n"
       "      --help          print this text\n\n"
       "Exit status: 0 success; 1 failure or wrong usage; 2 with --standard -r, some inputs "
-      "failed.\n",
+      "failed;\n"
+      "128 and the number of the signal for a batch that a signal ended.\n",
       command, command, command, command, command);
 }
 
@@ -145,6 +169,15 @@ int take_option(int letter, Options& options) {
       return 0;
     case 'i':
       do_inline = false;
+      return kGoOn;
+    case 'j':
+      options.jobs = optarg;
+      return kGoOn;
+    case 'q':
+      options.batch.quiet = true;
+      return kGoOn;
+    case kMaxMemory:
+      options.max_memory = optarg;
       return kGoOn;
     case 'r':
       options.recursive = true;
@@ -181,7 +214,8 @@ int take_option(int letter, Options& options) {
 
 // Applies the options in the order given. Returns the program's exit status, or kGoOn.
 int take_options(int argc, char** argv, Options& options) {
-  for (int letter; (letter = getopt_long(argc, argv, "be:hrs:vi", kLongOptions, nullptr)) != -1;) {
+  for (int letter;
+       (letter = getopt_long(argc, argv, "be:hij:qrs:v", kLongOptions, nullptr)) != -1;) {
     if (const int status = take_option(letter, options); status != kGoOn) return status;
   }
   options.conversion.sync = options.sync.value_or(options.conversion.standard);
@@ -206,6 +240,21 @@ int fail(const char* message) {
   return 1;
 }
 
+// Reads the arguments of options that are numbers.
+int read_numbers(Options& options) {
+  if (!symforge_internal::parse_jobs(options.jobs, options.conversion.jobs)) {
+    report("option '-j' needs a number from 0 to %u: %s", symforge_internal::kMostJobs,
+           printable(options.jobs).c_str());
+    return 1;
+  }
+  if (!symforge_internal::parse_size(options.max_memory, options.batch.min_free_memory)) {
+    report("option '--max-memory' needs a size such as 500M or 2G: %s",
+           printable(options.max_memory).c_str());
+    return 1;
+  }
+  return kGoOn;
+}
+
 int check_tree(const char* tree) {
   if (access(tree, F_OK) == 0) return kGoOn;
   report("symbol path doesn't exist: %s", printable(tree).c_str());
@@ -220,7 +269,7 @@ int run_batch(const Options& options) {
   }
   if (options.input.pdb == nullptr) return usage_error();
   if (const int status = check_tree(tree); status != kGoOn) return status;
-  return symforge_internal::convert_batch(options.input.pdb, options.conversion);
+  return symforge_internal::convert_batch({options.input.pdb}, options.conversion, options.batch);
 }
 
 int run_single(const Options& options) {
@@ -268,6 +317,7 @@ int main(int argc, char** argv) {
   signal(SIGCHLD, SIG_DFL);
 
   symforge_internal::install_last_message();
+  symforge_internal::clean_up_on_end_signals();
   Options options;
   options.conversion.sandbox = true;
   if (const int status = take_options(argc, argv, options); status != kGoOn) return status;
@@ -276,6 +326,7 @@ int main(int argc, char** argv) {
     symforge_internal::select_standard_messages(true);
     signal(SIGPIPE, SIG_IGN);  // a closed pipe is a failed write
   }
+  if (const int status = read_numbers(options); status != kGoOn) return status;
   if (const int status = take_arguments(argc, argv, options); status != kGoOn) return status;
   return options.recursive ? run_batch(options) : run_single(options);
 }

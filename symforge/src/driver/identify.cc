@@ -5,7 +5,6 @@
 
 #include <cerrno>
 #include <charconv>
-#include <cstdio>
 #include <cstring>
 #include <string_view>
 
@@ -55,9 +54,7 @@ void identify_image(const std::string& path, FileIdentity& identity) {
   const std::optional<ImageSummary> image = read_image_summary(path.c_str());
   identity.code_file = last_component(path);
   if (!image) return;
-  char code_id[32];
-  std::snprintf(code_id, sizeof code_id, "%08X%X", image->time_stamp, image->size);
-  identity.code_id = code_id;
+  identity.code_id = image->code_id();
   identity.image_size = image->size;
   identity.time_stamp = image->time_stamp;
   identity.architecture = name_of(machineName(image->machine));

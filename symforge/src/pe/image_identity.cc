@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <vector>
 
 #include "base/file_io.h"
@@ -65,6 +66,12 @@ bool ImageFile::read_headers() {
   const uint64_t headers = dos.e_lfanew;
   if (!read(headers + offsetof(IMAGE_NT_HEADERS32, FileHeader), &header_)) return false;
   const uint64_t optional_header = headers + offsetof(IMAGE_NT_HEADERS32, OptionalHeader);
+  // This field has the same place in both kinds of header.
+  static_assert(offsetof(IMAGE_OPTIONAL_HEADER, SizeOfImage) ==
+                offsetof(IMAGE_OPTIONAL_HEADER64, SizeOfImage));
+  le_uint32 size;
+  if (!read(optional_header + offsetof(IMAGE_OPTIONAL_HEADER, SizeOfImage), &size)) return false;
+  size_ = size;
   if (!read_directory(optional_header)) return false;
   read_sections(optional_header + header_.SizeOfOptionalHeader, header_.NumberOfSections);
   return true;
@@ -82,10 +89,6 @@ bool ImageFile::read_directory(uint64_t optional_header) {
     return false;
   }
   constexpr size_t kEntry = sizeof(IMAGE_DATA_DIRECTORY);
-  le_uint32 size;
-  static_assert(offsetof(IMAGE_OPTIONAL_HEADER, SizeOfImage) ==
-                offsetof(IMAGE_OPTIONAL_HEADER64, SizeOfImage));
-  if (read(optional_header + offsetof(IMAGE_OPTIONAL_HEADER, SizeOfImage), &size)) size_ = size;
   const uint64_t table = optional_header + directories;
   IMAGE_DATA_DIRECTORY clr;
   if (read(table + IMAGE_DIRECTORY_ENTRY_COM_DESCRIPTOR * kEntry, &clr)) clr_ = clr;
@@ -144,6 +147,12 @@ std::optional<ImageIdentity> ImageFile::read_identity() const {
 
 }  // namespace
 
+std::string ImageSummary::code_id() const {
+  char text[2 * 8 + 1];
+  snprintf(text, sizeof text, "%08X%X", time_stamp, size);
+  return text;
+}
+
 bool begins_like_image(const char* path) {
   const FileDescriptor file(open_regular(path));
   le_uint16 magic;
@@ -163,6 +172,11 @@ std::optional<ImageIdentity> pe_debug_id(const char* path) {
   ImageFile image(path);
   if (!image.read_headers()) return std::nullopt;
   return image.read_identity();
+}
+
+std::string pe_code_id(const char* path) {
+  ImageFile image(path);
+  return image.read_headers() ? image.summary().code_id() : std::string();
 }
 
 }  // namespace symforge_internal

@@ -21,6 +21,9 @@ struct ImageSummary {
   uint32_t size = 0;     // of the image in memory, bytes
   bool managed = false;  // has a CLR header
   std::optional<ImageIdentity> pdb;
+
+  // Time stamp and size as upper-case hexadecimal digits, the first padded to 8.
+  std::string code_id() const;
 };
 
 // Whether the file begins like an image ("MZ"). Reads two bytes of a regular file; false for
@@ -35,5 +38,7 @@ std::optional<ImageIdentity> pe_debug_id(const char* path);
 // The same, with what the headers say about the image itself. Empty for every file that is not an
 // image.
 std::optional<ImageSummary> read_image_summary(const char* path);
+// The code identifier of an image. Empty for a file that is not an image. Reads only headers.
+std::string pe_code_id(const char* path);
 
 }  // namespace symforge_internal
