@@ -2,6 +2,7 @@
 
 #include <string_view>
 
+#include "base/limits.h"
 #include "base/path_names.h"
 #include "common/symbol_text.h"
 #include "symforge/src/pdb/foreign_types.h"
@@ -76,6 +77,7 @@ ModuleStreams StandardPrinter::readModules() {
 void StandardPrinter::insertTables(const FileNumbers& files, const InlineOrigins& origins,
                                    size_t at, TextBuffer& out) {
   TextBuffer tables;
+  const TextLimit limit(tables, limits::kTables.of(m_source.file.size()));
   files.print(tables);
   origins.print(tables);
   out.insert(at, tables.view());
