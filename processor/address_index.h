@@ -12,6 +12,7 @@
 
 #include <emmintrin.h>
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <cstddef>
@@ -47,11 +48,14 @@ class AddressIndex {
   // Runs a search over the whole table.
   template <typename Step>
   void search(SymbSearch& search) const {
-    const Key key = key_of<Step>(search);
-    uint32_t node = 0;
-    for (size_t level = levels_; level-- > 0;) node = child(level, node, key);
-    prefetch_records<Step>(search, node);
-    finish<Step>(search, node);
+    const uint32_t key = lowest_key<Step>(search);
+    prefetch_records<Step>(search, key);
+    finish<Step>(search, key);
+  }
+  // Prefetches the records at which a search would end.
+  template <typename Step>
+  [[gnu::always_inline]] void prefetch(const SymbSearch& search) const {
+    if (is_built()) prefetch_records<Step>(search, lowest_key<Step>(search));
   }
 
   // Runs several searches over the whole table together, so that all wait for memory at once.
@@ -62,7 +66,7 @@ class AddressIndex {
       for (size_t i = 0; i < searches.size(); ++i) {
         nodes[i] = child(level, nodes[i], key_of<Step>(searches[i]));
         if (level > 0) {
-          prefetch(level - 1, nodes[i]);
+          prefetch_node(level - 1, nodes[i]);
         } else {
           prefetch_records<Step>(searches[i], nodes[i]);
         }
@@ -110,7 +114,15 @@ class AddressIndex {
     const uint32_t found = node * kNodeKeys + count - (count > 0 ? 1 : 0);
     return found < level_sizes_[level] ? found : level_sizes_[level] - 1;
   }
-  void prefetch(size_t level, uint32_t node) const {
+  // The last key at or below that of a search; the first one if there is none.
+  template <typename Step>
+  uint32_t lowest_key(const SymbSearch& search) const {
+    const Key key = key_of<Step>(search);
+    uint32_t node = 0;
+    for (size_t level = levels_; level-- > 0;) node = child(level, node, key);
+    return node;
+  }
+  void prefetch_node(size_t level, uint32_t node) const {
     __builtin_prefetch(&keys_[level_starts_[level] + node * kNodeKeys]);
   }
   template <typename Step>
