@@ -16,6 +16,37 @@
 
 namespace google_breakpad {
 
+// One rule of a rule set.
+struct CFIRule {
+  std::string_view name;        // without the colon
+  std::string_view expression;  // as in the text, without blanks around it
+  bool has_single_blanks = true;
+
+  // The expression with single blanks.
+  std::string JoinedExpression() const;
+};
+
+// Splits a rule set without copying it.
+class CFIRuleCursor {
+ public:
+  enum class Result { kRule, kEnd, kMalformed };
+
+  // `rule_set` ends at the first NUL, and must outlive the rules.
+  explicit CFIRuleCursor(std::string_view rule_set)
+      : rest_(rule_set.substr(0, rule_set.find('\0'))), token_(NextToken()) {}
+
+  // Sets `*rule` to the next rule. Returns kMalformed if the text is empty or the next rule lacks
+  // its name or expression, also if a colon without a name follows it.
+  Result Next(CFIRule* rule);
+
+ private:
+  std::string_view NextToken();
+
+  std::string_view rest_;
+  std::string_view token_;  // the first one of the next rule; empty at the end
+  bool is_first_ = true;
+};
+
 class CFIRuleParser {
  public:
   // Receives the rules.
@@ -36,11 +67,9 @@ class CFIRuleParser {
   bool Parse(std::string_view rule_set);
 
  private:
-  bool Report();
+  void Report(const CFIRule& rule);
 
   Handler* handler_;
-  std::string name_;        // of the current rule
-  std::string expression_;  // the expression so far
 };
 
 // Limits the rule sets that one lookup applies to kMaxRuleCost (common/lookup_limits.h).
