@@ -4,7 +4,7 @@
 
 #include <algorithm>
 #include <bit>
-#include <utility>
+#include <cstring>
 
 #include "common/lookup_limits.h"
 
@@ -34,9 +34,14 @@ uint64_t count_colons(std::string_view text) {
 }  // namespace
 
 std::string CFIRule::JoinedExpression() const {
-  if (has_single_blanks) return std::string(expression);
-  std::string joined;
-  joined.reserve(expression.size());
+  std::string joined(expression);
+  bool has_single_blanks = true;  // the usual case; without branches
+  for (size_t i = 1; i < joined.size(); ++i) {
+    const bool other = is_separator(joined[i]) && (joined[i] != ' ' || is_separator(joined[i - 1]));
+    has_single_blanks = has_single_blanks && !other;
+  }
+  if (has_single_blanks) return joined;
+  joined.clear();
   for (const char c : expression) {
     if (!is_separator(c)) {
       joined += c;
@@ -47,38 +52,41 @@ std::string CFIRule::JoinedExpression() const {
   return joined;
 }
 
-// Removes the next token and returns it; empty at the end.
-std::string_view CFIRuleCursor::NextToken() {
-  const char* at = rest_.data();
-  const char* const end = at + rest_.size();
-  while (at != end && is_separator(*at)) ++at;
-  const char* const begin = at;
-  while (at != end && !is_separator(*at)) ++at;
-  rest_ = {at, static_cast<size_t>(end - at)};
-  return {begin, static_cast<size_t>(at - begin)};
+CFIRuleCursor::CFIRuleCursor(std::string_view rule_set) {
+  rule_set = rule_set.substr(0, rule_set.find('\0'));
+  const char* begin = rule_set.data();
+  end_ = begin + rule_set.size();
+  while (begin != end_ && is_separator(*begin)) ++begin;
+  FindName(begin);
+  is_malformed_ = name_begin_ != begin || name_begin_ == name_end_;
+}
+
+// Finds the first token at or after the start of a token that ends with a colon.
+void CFIRuleCursor::FindName(const char* from) {
+  for (const char* at = from; at != end_; ++at) {
+    at = static_cast<const char*>(std::memchr(at, ':', static_cast<size_t>(end_ - at)));
+    if (at == nullptr) break;
+    if (at + 1 != end_ && !is_separator(at[1])) continue;
+    name_end_ = at;
+    name_begin_ = at;
+    while (name_begin_ != from && !is_separator(name_begin_[-1])) --name_begin_;
+    return;
+  }
+  name_begin_ = name_end_ = end_;
 }
 
 CFIRuleCursor::Result CFIRuleCursor::Next(CFIRule* rule) {
-  const std::string_view name = token_;
-  if (name.empty() && !std::exchange(is_first_, false)) return Result::kEnd;
-  is_first_ = false;
-  if (name.size() < 2 || name.back() != ':') return Result::kMalformed;
-  const char* begin = nullptr;
-  const char* end = nullptr;
-  bool has_single_blanks = true;
-  for (token_ = NextToken(); !token_.empty() && token_.back() != ':'; token_ = NextToken()) {
-    if (begin == nullptr) {
-      begin = token_.data();
-    } else if (token_.data() != end + 1 || *end != ' ') {
-      has_single_blanks = false;
-    }
-    end = token_.data() + token_.size();
-  }
-  const bool colon_alone = token_.size() == 1;
-  if (begin == nullptr || colon_alone) return Result::kMalformed;
-  *rule = {name.substr(0, name.size() - 1),
-           {begin, static_cast<size_t>(end - begin)},
-           has_single_blanks};
+  if (is_malformed_) return Result::kMalformed;
+  if (name_begin_ == end_) return Result::kEnd;
+  rule->name = {name_begin_, static_cast<size_t>(name_end_ - name_begin_)};
+  const char* begin = name_end_ + 1;
+  while (begin != end_ && is_separator(*begin)) ++begin;
+  FindName(begin);
+  const bool colon_alone = name_begin_ == name_end_ && name_begin_ != end_;
+  const char* end = name_begin_;
+  while (end != begin && is_separator(end[-1])) --end;
+  if (begin == end || colon_alone) return Result::kMalformed;
+  rule->expression = {begin, static_cast<size_t>(end - begin)};
   return Result::kRule;
 }
 

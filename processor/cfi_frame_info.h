@@ -20,7 +20,6 @@ namespace google_breakpad {
 struct CFIRule {
   std::string_view name;        // without the colon
   std::string_view expression;  // as in the text, without blanks around it
-  bool has_single_blanks = true;
 
   // The expression with single blanks.
   std::string JoinedExpression() const;
@@ -32,19 +31,20 @@ class CFIRuleCursor {
   enum class Result { kRule, kEnd, kMalformed };
 
   // `rule_set` ends at the first NUL, and must outlive the rules.
-  explicit CFIRuleCursor(std::string_view rule_set)
-      : rest_(rule_set.substr(0, rule_set.find('\0'))), token_(NextToken()) {}
+  explicit CFIRuleCursor(std::string_view rule_set);
 
   // Sets `*rule` to the next rule. Returns kMalformed if the text is empty or the next rule lacks
   // its name or expression, also if a colon without a name follows it.
   Result Next(CFIRule* rule);
 
  private:
-  std::string_view NextToken();
+  void FindName(const char* from);
 
-  std::string_view rest_;
-  std::string_view token_;  // the first one of the next rule; empty at the end
-  bool is_first_ = true;
+  const char* end_;
+  // The next name, with its colon at `name_end_`. Both are `end_` if there is none.
+  const char* name_begin_;
+  const char* name_end_;
+  bool is_malformed_ = false;  // the text does not begin with a name
 };
 
 class CFIRuleParser {
