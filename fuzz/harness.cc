@@ -27,7 +27,6 @@ namespace {
 
 // The assertions that input can violate.
 constexpr std::string_view kDocumentedAssertions[] = {
-    "m_seqPageEnd > m_data",                      // a page number that wraps
     "current_function != nullptr",                // an inline site outside of a function
     "ok.second",                                  // unwind data that save a register twice
     "fp_offset != INT32_MAX",                     // unwind data that never set the frame register
