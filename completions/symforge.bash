@@ -3,13 +3,13 @@
 _symforge() {
   local word=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} pattern='' i arguments=0
 
-  local options=(-b -e -h -i -j -q -r -s -v --binary --help --image --jobs --max-memory --no-inlines --no-sandbox --no-sync
+  local options=(-b -e -h -i -j -q -r -s -v --binary --files-from --help --image --jobs --max-memory --no-inlines --no-sandbox --no-sync
     --quiet --recursive --standard --sync --tree --version)
 
   # Arguments after the options that have been typed already.
   for ((i = 1; i < COMP_CWORD; ++i)); do
     case ${COMP_WORDS[i]} in
-      --image | --jobs | --max-memory | --tree) ((++i)) ;;
+      --files-from | --image | --jobs | --max-memory | --tree) ((++i)) ;;
       --*) ;;
       -*[ejs]) ((++i)) ;;
       -*) ;;
@@ -19,6 +19,7 @@ _symforge() {
 
   case $previous in
     --image) pattern='*.@(exe|dll|EXE|DLL)' ;;
+    --files-from) pattern='*' ;;
     --tree) ;;
     --jobs | --max-memory | -[!-]*j | -j)
       COMPREPLY=()
@@ -31,6 +32,8 @@ _symforge() {
         mapfile -t COMPREPLY < <(compgen -W "${options[*]}" -- "$word")
         return
       fi
+      # With -s all arguments are inputs.
+      [[ " ${COMP_WORDS[*]}" == *" -s"* || " ${COMP_WORDS[*]}" == *" --tree"* ]] && arguments=0
       ((arguments)) || pattern='*.@(pdb|PDB|sym|symb)'
       ;;
   esac

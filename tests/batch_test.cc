@@ -378,6 +378,86 @@ TEST(BatchTest, TerminatesItsChildWithItself) {
   EXPECT_TRUE(wait_while([&] { return std::filesystem::exists("/proc/" + child + "/exe"); }));
 }
 
+// Several inputs without -r: by content, whatever their names.
+TEST(SeveralInputsTest, ComeFromArgumentsAndLists) {
+  const TemporaryDirectory temp;
+  temp.file("a.pdb", make_pdb(1));
+  temp.file("image.bin", make_pe(1, "a.pdb"));
+  temp.file("text", make_text(2, "t.pdb"));
+  temp.file("-x.pdb", make_pdb(3));
+  temp.file("line\nfeed.pdb", make_pdb(4));
+  const auto tree_of = [&](const std::string& tree, const std::string& command) {
+    temp.folder(tree);
+    const std::string line = "cd " + temp.path() + " && " + command;
+    EXPECT_EQ(std::system(line.c_str()), 0) << command;
+    return list_tree(temp / tree);
+  };
+  const std::string program = SYMFORGE_PROGRAM " --standard -q --no-sync ";
+  const std::string names = "text image.bin '-x.pdb' 'line\nfeed.pdb' a.pdb";
+  const Tree expected = tree_of(
+      "one", program + "-s one text && " + program + "-s one -e image.bin a.pdb && " + program +
+                 "-s one ./-x.pdb 2>&- && " + program + "-s one 'line\nfeed.pdb' 2>&-");
+  ASSERT_EQ(expected.size(), 12u);
+  EXPECT_EQ(tree_of("two", program + "-s two -- " + names + " 2>&-"), expected);
+  EXPECT_EQ(tree_of("three", "printf '%s\\0' " + names + " | " + program +
+                                 "-j2 --files-from - -s three 2>&-"),
+            expected);
+  EXPECT_EQ(tree_of("four", "printf '%s\n\n' text image.bin a.pdb > list && " + program +
+                                "--files-from list -s four ./-x.pdb line*.pdb 2>&-"),
+            expected);
+}
+
+TEST(SeveralInputsTest, AreRefusedWithAReason) {
+  const TemporaryDirectory temp;
+  temp.file("a.pdb", make_pdb(1));
+  temp.file("b.sym", make_text(2, "t.pdb"));
+  temp.folder("tree");
+  temp.folder("in");
+  const struct {
+    std::vector<std::string> args;
+    std::string message;
+  } cases[] = {
+      {{"a.pdb", "b.sym"},
+       "symbol path is not a folder: b.sym (several inputs need a tree that is named with '-s')"},
+      {{"--standard", "b.sym", "tree", "a.pdb"},
+       "several inputs need a tree that is named with '-s'"},
+      {{"--standard", "-s", "tree", "a.pdb", "in"},
+       "output symbol path is already set in -s option: tree"},
+      {{"-e", "a.exe", "-s", "tree", "a.pdb", "b.sym"}, "option '-e' needs a single input"},
+      {{"-s", "tree", "a.pdb", "-"}, "standard input must be the only input"},
+      {{"--files-from", "list"}, "option '--files-from' needs a tree that is named with '-s'"},
+      {{"--files-from", "list", "-s", "tree"},
+       "failed to read the list list: No such file or directory"},
+      {{"-s", "tree", "missing", "b.sym"}, "Failed to stat missing"},
+  };
+  for (const auto& c : cases) {
+    const Result result = run(c.args, {.directory = temp.path()});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err, "symforge: " + c.message + "\n");
+  }
+  EXPECT_EQ(list_tree(temp / "tree"), Tree());
+}
+
+TEST(StandardInputTest, CanBeTextOrSymb) {
+  const TemporaryDirectory temp;
+  const std::string text = make_text(1, "a.pdb");
+  temp.file("a.sym", text);
+  temp.file("a.pdb", make_pdb(1));
+  const std::string begin = "cd " + temp.path() + " && ";
+  const std::string program = SYMFORGE_PROGRAM " ";
+  for (const std::string mode : {"", "--standard "}) {
+    const std::string round = program + mode + "-b a.sym > a.symb && " + program + mode +
+                              "a.symb > back && cat a.sym | " + program + mode + "-b - | " +
+                              program + mode + "- | cmp back - && mkdir -p tree && " + program +
+                              mode + "- tree < a.sym && cmp tree/a.pdb/*/a.sym a.sym";
+    EXPECT_EQ(std::system((begin + round).c_str()), 0) << round;
+    const std::string bad = program + mode +
+                            "- < a.pdb 2> err; test $? = 1 && "
+                            "grep -q 'standard input is neither a text symbol file nor SYMB' err";
+    EXPECT_EQ(std::system((begin + bad).c_str()), 0) << bad;
+  }
+}
+
 bool has_temporary_file(const std::string& folder) {
   if (!std::filesystem::exists(folder)) return false;
   for (const auto& entry : std::filesystem::directory_iterator(folder)) {

@@ -235,7 +235,7 @@ int convert_batch(const std::vector<std::string>& paths, const ConversionOptions
   BatchInput found;
   BatchWalk walk(options.standard, found);
   for (const std::string& path : paths) {
-    if (!walk.run(path.c_str())) return 1;
+    if (!(batch_options.recursive ? walk.run(path.c_str()) : walk.add_file(path))) return 1;
   }
   BatchPlan plan(found, options);
   const bool shown = !batch_options.quiet && has_terminal();
@@ -249,7 +249,8 @@ int convert_batch(const std::vector<std::string>& paths, const ConversionOptions
 
   if (options.standard) {
     if (plan.jobs().empty() && progress.failed() == 0) {
-      report("%s: no input", printable(paths.front()).c_str());
+      const std::string where = paths.size() == 1 ? printable(paths.front()) + ": " : "";
+      report("%sno input", where.c_str());
     } else if (!batch_options.quiet) {
       progress.summarize(end_signal());
     }

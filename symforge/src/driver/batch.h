@@ -22,13 +22,14 @@ namespace symforge_internal {
 
 // What concerns a batch alone.
 struct BatchOptions {
+  bool recursive = false;        // folders are walked, and files in them selected by extension
   bool quiet = false;            // neither a line of progress nor a summary
   uint64_t min_free_memory = 0;  // bytes; with less, no conversion starts while another one runs
 };
 
-// Runs a whole batch over folders and files: text symbol files first, so that a PE without a PDB
-// finds the symbol file that it belongs to; then PEs, each with the first unused PDB of its debug
-// identifier; then the PDBs that are left. Returns the exit status.
+// Runs a whole batch over folders, or files selected by content: text symbol files first, so that a
+// PE without a PDB finds the symbol file that it belongs to; then PEs, each with the first unused
+// PDB of its debug identifier; then the PDBs that are left. Returns the exit status.
 //
 // With several jobs the tree is the same as with one, and the messages of a conversion are printed
 // together when it ends.

@@ -1,6 +1,7 @@
 #include "symforge/src/driver/symbol_text.h"
 
 #include <fcntl.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -15,6 +16,7 @@
 #include "symforge/src/PDBParser.h"
 #include "symforge/src/driver/convert.h"
 #include "symforge/src/driver/image_search.h"
+#include "symforge/src/driver/input_list.h"
 #include "symforge/src/driver/messages.h"
 #include "symforge/src/pe/image_identity.h"
 
@@ -103,19 +105,25 @@ void standard_text_of(const OpenedInput& opened, SymbolText& result) {
 }  // namespace
 
 bool OpenedInput::open(const ConversionOptions& options) {
-  constexpr size_t kMagicBytes = 6;
   if (input_.pdb == nullptr) {
     kind_ = Kind::kPeAlone;
     return true;
   }
-  const FileDescriptor file(::open(input_.pdb, O_RDONLY | O_CLOEXEC));
+  const bool standard_input = std::string_view(input_.pdb) == kStandardInput;
+  const FileDescriptor file(standard_input ? dup(STDIN_FILENO)
+                                           : ::open(input_.pdb, O_RDONLY | O_CLOEXEC));
   if (!file.is_open() && options.standard) {
     report("%s", strerror(errno));
     return false;
   }
-  const bool opened = file.is_open() && read_file(file.get(), content_, kMagicBytes);
-  const bool text = opened && content_.view().starts_with("MODULE");
+  const bool opened = file.is_open() && read_file(file.get(), content_, kTextMagic.size());
+  const bool text = opened && content_.view().starts_with(kTextMagic);
   if (!text && !(opened && content_.view().starts_with(kSymbMagic))) {
+    if (standard_input) {
+      // The name of a PDB is part of the result, and it is mapped.
+      report("standard input is neither a text symbol file nor SYMB");
+      return false;
+    }
     image_candidates_ =
         options.standard ? files_of_same_stem(input_.pdb) : default_images(input_.pdb);
     return true;
