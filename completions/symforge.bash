@@ -3,8 +3,8 @@
 _symforge() {
   local word=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} pattern='' i arguments=0
 
-  local options=(-b -e -h -i -j -q -r -s -v --binary --files-from --help --image --jobs --max-memory --no-inlines --no-sandbox --no-sync
-    --quiet --recursive --standard --sync --tree --version)
+  local options=(-b -e -h -i -j -q -r -s -v --binary --files-from --help --if-changed --image --jobs
+    --max-memory --no-inlines --no-sandbox --no-sync --quiet --recursive --standard --sync --tree --version)
 
   # Arguments after the options that have been typed already.
   for ((i = 1; i < COMP_CWORD; ++i)); do

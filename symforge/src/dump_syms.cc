@@ -46,7 +46,16 @@ struct Options {
 };
 
 // Long options without a short form.
-enum LongOption { kHelp = 256, kStandard, kSync, kNoSync, kNoSandbox, kMaxMemory, kFilesFrom };
+enum LongOption {
+  kHelp = 256,
+  kStandard,
+  kSync,
+  kNoSync,
+  kNoSandbox,
+  kMaxMemory,
+  kFilesFrom,
+  kIfChanged
+};
 
 constexpr option kLongOptions[] = {
     {"help", no_argument, nullptr, kHelp},
@@ -58,6 +67,7 @@ constexpr option kLongOptions[] = {
     {"jobs", required_argument, nullptr, 'j'},
     {"no-inlines", no_argument, nullptr, 'i'},
     {"files-from", required_argument, nullptr, kFilesFrom},
+    {"if-changed", no_argument, nullptr, kIfChanged},
     {"max-memory", required_argument, nullptr, kMaxMemory},
     {"quiet", no_argument, nullptr, 'q'},
     {"standard", no_argument, nullptr, kStandard},
@@ -112,6 +122,7 @@ void print_help() {
       "  -j, --jobs N        use N processors, 0: all (by default 1)\n"
       "      --files-from LIST\n"
       "                      more inputs, one per line or separated by NUL; -: standard input\n"
+      "      --if-changed    skip inputs whose result in the tree is up to date\n"
       "      --max-memory SIZE\n"
       "                      in a batch, start no conversion while less memory is free (500M, 2G)\n"
       "  -q, --quiet         in a batch, no progress and no summary\n"
@@ -164,6 +175,9 @@ int take_option(int letter, Options& options) {
       return kGoOn;
     case kFilesFrom:
       options.files_from = optarg;
+      return kGoOn;
+    case kIfChanged:
+      options.batch.if_changed = true;
       return kGoOn;
     case kMaxMemory:
       options.max_memory = optarg;
@@ -265,13 +279,15 @@ int run_batch(Options& options) {
   const char* tree = options.conversion.tree;
   const bool recursive = options.batch.recursive;
   if (options.input.exe != nullptr) {
+    if (options.batch.if_changed)
+      return fail("options '-e' and '--if-changed' are mutually exclusive");
     return fail(recursive ? "options '-e' and '-r' are mutually exclusive"
                           : "option '-e' needs a single input");
   }
   if (tree == nullptr) {
     return fail(recursive ? "option '-r' implies multiple pdb files and the output symbol path "
                             "must be set"
-                          : "option '--files-from' needs a tree that is named with '-s'");
+                          : "options '--files-from' and '--if-changed' need a symbol tree");
   }
   if (options.inputs.empty() && options.files_from == nullptr) return usage_error();
   if (const int status = check_tree(tree); status != kGoOn) return status;
@@ -299,7 +315,8 @@ int run_single(const Options& options) {
 }
 
 bool is_batch(const Options& options) {
-  return options.batch.recursive || options.inputs.size() > 1 || options.files_from != nullptr;
+  return options.batch.recursive || options.batch.if_changed || options.inputs.size() > 1 ||
+         options.files_from != nullptr;
 }
 
 }  // namespace
