@@ -15,6 +15,7 @@
 
 #include "base/printable.h"
 #include "common/symforge_version.h"
+#include "google_breakpad/processor/log_sink.h"
 #include "symforge/src/driver/batch.h"
 #include "symforge/src/driver/conversion_options.h"
 #include "symforge/src/driver/convert.h"
@@ -335,6 +336,7 @@ int main(int argc, char** argv) {
 
   symforge_internal::install_last_message();
   symforge_internal::clean_up_on_end_signals();
+  google_breakpad::SetLogInformation(true);
   Options options;
   options.conversion.sandbox = true;
   if (const int status = take_options(argc, argv, options); status != kGoOn) return status;
