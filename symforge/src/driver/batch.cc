@@ -9,6 +9,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
+#include <map>
 #include <optional>
 #include <vector>
 
@@ -22,6 +24,7 @@
 #include "symforge/src/driver/end_signals.h"
 #include "symforge/src/driver/free_memory.h"
 #include "symforge/src/driver/job_order.h"
+#include "symforge/src/driver/made_records.h"
 #include "symforge/src/driver/messages.h"
 #include "symforge/src/utils.h"
 
@@ -120,6 +123,8 @@ class Batch {
       : plan_(plan),
         options_(options),
         min_free_memory_(batch_options.min_free_memory),
+        records_(options),
+        with_records_(batch_options.if_changed),
         most_(resolved_jobs(options.jobs)),
         progress_(progress),
         children_(hold_messages) {}
@@ -184,6 +189,7 @@ class Batch {
           children_.running() > 0 && min_free_memory_ > 0 && free_memory() < min_free_memory_;
       if (held_back_) return;
       const size_t job = *order_.take();
+      if (with_records_) start_times_[job] = MadeRecords::now();
       const ConversionInput input = plan_.jobs()[job].input();
       progress_.started(input.name());
       if (!start_conversion(children_, job, input, options_)) end_job(job, false);
@@ -192,9 +198,17 @@ class Batch {
   }
 
   void end_job(size_t job, bool converted) {
+    if (with_records_) store_record(job, converted);
     order_.finish(job);
     if (order_.unfinished() == 0) alone_ = false;
     progress_.ended(plan_.jobs()[job].input().name(), converted);
+  }
+
+  void store_record(size_t number, bool converted) {
+    const timespec start = start_times_[number];
+    start_times_.erase(number);
+    const BatchJob& job = plan_.jobs()[number];
+    if (converted) records_.store(job, plan_.places_of(job), start);
   }
 
   void finish_job(const std::optional<Children::End>& end) {
@@ -209,7 +223,10 @@ class Batch {
   BatchPlan& plan_;
   const ConversionOptions& options_;
   const uint64_t min_free_memory_;
-  const unsigned most_;  // conversions at a time
+  const MadeRecords records_;
+  const bool with_records_;
+  std::map<size_t, timespec> start_times_;  // of the running jobs, for their records
+  const unsigned most_;                     // conversions at a time
   BatchProgress& progress_;
   Children children_;
   JobOrder order_;
@@ -219,11 +236,12 @@ class Batch {
   bool held_back_ = false;                 // a job that can start waits for memory
 };
 
-int status_of(const BatchProgress& progress, bool standard) {
+// `unneeded`: the number of inputs whose result is up to date.
+int status_of(const BatchProgress& progress, size_t unneeded, bool standard) {
   constexpr int kNothingDone = 1;
   constexpr int kSomeFailed = 2;
-  if (!standard) return progress.converted() > 0 ? 0 : kNothingDone;
-  if (progress.converted() == 0) return kNothingDone;
+  if (progress.converted() == 0 && unneeded == 0) return kNothingDone;
+  if (!standard) return 0;
   return progress.failed() == 0 ? 0 : kSomeFailed;
 }
 
@@ -235,12 +253,15 @@ int convert_batch(const std::vector<std::string>& paths, const ConversionOptions
   BatchInput found;
   BatchWalk walk(options.standard, found);
   for (const std::string& path : paths) {
-    if (!walk.run(path.c_str())) return 1;
+    if (!(batch_options.recursive ? walk.run(path.c_str()) : walk.add_file(path))) return 1;
   }
-  BatchPlan plan(found, options);
+  BatchPlan plan(found, /*whole_folders=*/batch_options.recursive, options);
+  const size_t all_jobs = plan.jobs().size();
+  if (batch_options.if_changed) plan.remove(MadeRecords(options).unneeded(plan));
+  const size_t unneeded = all_jobs - plan.jobs().size();
   const bool shown = !batch_options.quiet && has_terminal();
   BatchProgress progress(plan.jobs().size(), shown);
-  progress.add_skipped(plan.skipped());
+  progress.add_skipped(plan.skipped() + unneeded);
   progress.add_unreadable(walk.failures());
   store_end_signals();
   const bool hold_messages = shown || resolved_jobs(options.jobs) > 1;
@@ -248,14 +269,15 @@ int convert_batch(const std::vector<std::string>& paths, const ConversionOptions
   progress.hide();
 
   if (options.standard) {
-    if (plan.jobs().empty() && progress.failed() == 0) {
-      report("%s: no input", printable(paths.front()).c_str());
+    if (all_jobs == 0 && progress.failed() == 0) {
+      const std::string where = paths.size() == 1 ? printable(paths.front()) + ": " : "";
+      report("%sno input", where.c_str());
     } else if (!batch_options.quiet) {
       progress.summarize(end_signal());
     }
   }
   if (end_signal() != 0) return status_of_signal(end_signal());
-  return status_of(progress, options.standard);
+  return status_of(progress, unneeded, options.standard);
 }
 
 }  // namespace symforge_internal
