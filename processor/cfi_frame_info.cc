@@ -10,24 +10,25 @@ namespace {
 
 bool is_separator(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
 
-// Returns the next token at or after `*at`, which is set to its end; empty at the end of the text.
-std::string_view next_token(const char** at) {
-  const char* begin = *at;
-  while (is_separator(*begin)) ++begin;
-  const char* end = begin;
-  while (*end != '\0' && !is_separator(*end)) ++end;
-  *at = end;
-  return {begin, static_cast<size_t>(end - begin)};
+// Removes the next token from `*text` and returns it; empty at the end of the text.
+std::string_view next_token(std::string_view* text) {
+  size_t begin = 0;
+  while (begin < text->size() && is_separator((*text)[begin])) ++begin;
+  size_t end = begin;
+  while (end < text->size() && !is_separator((*text)[end])) ++end;
+  const std::string_view token = text->substr(begin, end - begin);
+  text->remove_prefix(end);
+  return token;
 }
 
 }  // namespace
 
-bool CFIRuleParser::Parse(const std::string& rule_set) {
+bool CFIRuleParser::Parse(std::string_view rule_set) {
   name_.clear();
   expression_.clear();
 
-  const char* position = rule_set.c_str();
-  for (std::string_view token; !(token = next_token(&position)).empty();) {
+  std::string_view rest = rule_set.substr(0, rule_set.find('\0'));
+  for (std::string_view token; !(token = next_token(&rest)).empty();) {
     if (token.back() == ':') {
       if (token.size() == 1) return false;
       if ((!name_.empty() || !expression_.empty()) && !Report()) return false;

@@ -30,9 +30,10 @@ class CFIRuleParser {
   // `handler` is not owned and must outlive the parser.
   explicit CFIRuleParser(Handler* handler) : handler_(handler) {}
 
-  // Passes each rule of `rule_set` to the handler, in order. Returns false if the text is empty or
-  // a rule lacks its name or expression; the rules before that one have been passed on.
-  bool Parse(const std::string& rule_set);
+  // Passes each rule of `rule_set`, which ends at the first NUL, to the handler, in order. Returns
+  // false if the text is empty or a rule lacks its name or expression; the rules before that one
+  // have been passed on.
+  bool Parse(std::string_view rule_set);
 
  private:
   bool Report();
