@@ -36,7 +36,7 @@ class Printer {
     is_standard_ = true;
     load_header();
     TextBuffer functions;
-    if (!identity() || !standard_functions(functions) || !standard_files() || !standard_origins()) {
+    if (!identity() || !standard_functions(functions) || !files() || !standard_origins()) {
       return false;
     }
     text_.append(functions.view());
@@ -88,7 +88,6 @@ class Printer {
   bool lines(const symb_func& function);
   bool standard_functions(TextBuffer& out);
   bool standard_function(const symb_func_inline& function, TextBuffer& out);
-  bool standard_files();
   bool standard_origins();
   bool publics();
   bool stack_win();
@@ -156,7 +155,8 @@ bool Printer::files() {
     const auto file = symb_load<symb_file>(at);
     std::string_view name;
     if (!string(file.name, &name)) return false;
-    append_line(text_, FileFields{file.index, name});
+    const bool is_used = !is_standard_ || used_files_.contains(file.index);
+    if (is_used) append_line(text_, FileFields{file.index, name});
   }
   return true;
 }
@@ -307,19 +307,6 @@ bool Printer::standard_function(const symb_func_inline& function, TextBuffer& ou
   for (const symb_line& line : published_.line_records()) {
     used_files_.insert(line.source_file_id);
     append_line(out, LineFields{line.address, line.size, line.line, line.source_file_id});
-  }
-  return true;
-}
-
-bool Printer::standard_files() {
-  const uint64_t count = header_.v1.file_count;
-  const char* at;
-  if (!records(header_.v1.files, count, sizeof(symb_file), &at)) return false;
-  for (uint64_t i = 0; i < count; ++i, at += sizeof(symb_file)) {
-    const auto file = symb_load<symb_file>(at);
-    std::string_view name;
-    if (!string(file.name, &name)) return false;
-    if (used_files_.contains(file.index)) append_line(text_, FileFields{file.index, name});
   }
   return true;
 }

@@ -30,7 +30,7 @@ Outcome convert(const test_support::MemoryFile& pdb, bool inlines, std::string& 
   return outcome;
 }
 
-void convertToStandard(const test_support::MemoryFile& pdb) {
+void convert_to_standard(const test_support::MemoryFile& pdb) {
   PDBParser parser(/*with_inlines=*/true);
   TextBuffer text;
   symforge_internal::StandardCounts counts;
@@ -51,7 +51,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::string without_inlines;
   convert(pdb, false, without_inlines);
   fuzzing::require(debug_id == without_inlines, "one identifier");
-  convertToStandard(pdb);
+  convert_to_standard(pdb);
   std::string alone;
   fuzzing::require(
       symforge_internal::pdb_debug_id(pdb.path(), alone) == !debug_id.empty() && alone == debug_id,

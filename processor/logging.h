@@ -72,10 +72,13 @@ std::string HexString(unsigned long number);
 
 }  // namespace google_breakpad
 
-// severity: INFO or ERROR.
+// severity: INFO or ERROR. The message continues after the macro, so the expression cannot be in
+// parentheses.
+// NOLINTBEGIN(bugprone-macro-parentheses)
 #define SYMFORGE_LOG(severity)                                                              \
   !::google_breakpad::LogWanted(::google_breakpad::LogStream::SEVERITY_##severity)          \
       ? (void)0                                                                             \
       : ::google_breakpad::LogMessageVoidify() &                                            \
             ::google_breakpad::LogStream(::google_breakpad::LogStream::SEVERITY_##severity, \
                                          __FILE__, __LINE__)
+// NOLINTEND(bugprone-macro-parentheses)

@@ -80,10 +80,11 @@ void NameStream::index(int64_t buckets) {
   for (uint32_t i = 0; i < count; ++i) {
     const uint32_t offset = wordAt(buckets + kWord + kWord * i);
     if (offset == 0) continue;
-    if (offset < m_size)
+    if (offset < m_size) {
       m_named[offset] = true;
-    else
+    } else {
       m_namedBeyond.push_back(offset);
+    }
   }
   std::sort(m_namedBeyond.begin(), m_namedBeyond.end());
 }

@@ -9,6 +9,7 @@
 
 #include "base/file_io.h"
 #include "base/path_names.h"
+#include "common/symbol_text.h"
 #include "symforge/src/pdb_exception.h"
 #include "symforge/src/pe/pe_image.h"
 #include "symforge/src/pe/unwind_cfi.h"
@@ -104,8 +105,7 @@ void CodeFile::printStandardCodeId(TextBuffer& out) const {
 void CodeFile::printCodeId(const std::string& identifier, TextBuffer& out) const {
   if (!m_found) return;
   const std::string_view name = last_component(m_path);
-  LineWriter line(out, 64 + name.size());
-  line.str("INFO CODE_ID ").str(identifier).chr(' ').name(name).chr('\n');
+  append_line(out, CodeIdFields{identifier, name});
 }
 
 void CodeFile::PrintFrameDataUsingEXE(TextBuffer& out) const {

@@ -3,6 +3,7 @@
 #include <charconv>
 #include <string>
 
+#include "common/symbol_text.h"
 #include "symforge/src/standard/line_name.h"
 
 namespace symforge_internal {
@@ -31,12 +32,10 @@ std::string_view FileNumbers::nameOf(uint32_t file) const {
 }
 
 void FileNumbers::print(TextBuffer& out) const {
-  constexpr size_t kNumbers = 32;
   std::string storage;
   for (size_t i = 0; i < m_used.size(); ++i) {
     const std::string_view name = lineName(nameOf(m_used[i]), storage);
-    LineWriter line(out, kNumbers + name.size());
-    line.str("FILE ").dec(i + 1).chr(' ').str(name).chr('\n');
+    append_line(out, FileFields{static_cast<long>(i + 1), name});
   }
 }
 

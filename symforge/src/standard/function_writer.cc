@@ -73,14 +73,12 @@ void FunctionWriter::write(const PlacedFunction& function, TextBuffer& out) {
 }
 
 void FunctionWriter::writeFuncLine(const PlacedFunction& function, TextBuffer& out) {
-  constexpr size_t kNumbers = 64;
   m_name.clear();
   m_sources.names.appendFunction(m_function->name.data, m_function->typeIndex, m_name);
   std::string_view name = lineName(m_name, m_printableName);
   if (name.empty()) name = "<unnamed function>";
-  LineWriter line(out, kNumbers + name.size());
-  line.str(function.shared ? "FUNC m " : "FUNC ").hex(function.rva).chr(' ').hex(function.size);
-  line.chr(' ').hex(function.paramSize).chr(' ').str(name).chr('\n');
+  append_line(out, FunctionFields{function.shared, std::nullopt, function.rva, function.size,
+                                  function.paramSize, name});
   ++m_counts.functions;
   m_counts.sharedFunctions += function.shared ? 1 : 0;
 }
@@ -214,17 +212,14 @@ void FunctionWriter::addRow(const PlacedFunction& function, const AnnotationRow&
 }
 
 void FunctionWriter::writeInlineLines(const PlacedFunction& function, TextBuffer& out) {
-  constexpr size_t kNumbers = 96;
-  constexpr size_t kRangeBytes = 2 * (8 + 1) + 8;
   for (const InlinedCall& call : m_calls.calls()) {
-    LineWriter line(out, kNumbers + kRangeBytes * call.rangeCount);
-    line.str("INLINE ").dec(call.depth).chr(' ').dec(call.caller.line).chr(' ');
-    line.dec(m_files.number(callFile(call))).chr(' ').dec(m_origins.number(call.origin));
+    m_ranges.clear();
     for (uint32_t i = 0; i < call.rangeCount; ++i) {
       const InlineRange& range = m_calls.ranges()[call.firstRange + i];
-      line.chr(' ').hex(function.rva + range.start).chr(' ').hex(range.end - range.start);
+      m_ranges.push_back({function.rva + range.start, range.end - range.start});
     }
-    line.chr('\n');
+    append_line(out, InlineCallFields{call.depth, call.caller.line, m_files.number(callFile(call)),
+                                      m_origins.number(call.origin), m_ranges});
   }
   m_counts.inlinedCalls += m_calls.calls().size();
 }

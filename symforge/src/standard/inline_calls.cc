@@ -96,10 +96,11 @@ inline void InlineCalls::addPiece(const OpenCall& call, uint32_t start, uint32_t
 // Rows that touch and have one place are parts of what a call was cut into.
 inline void InlineCalls::addLine(uint32_t start, uint32_t end, const SourcePlace& place) {
   if (!place.known()) return;
-  if (!m_lines.empty() && m_lines.back().end == start && m_lines.back().place == place)
+  if (!m_lines.empty() && m_lines.back().end == start && m_lines.back().place == place) {
     m_lines.back().end = end;
-  else
+  } else {
     m_lines.push_back({start, end, place});
+  }
 }
 
 void InlineCalls::resolve(const std::vector<CodeRow>& ownLines) {

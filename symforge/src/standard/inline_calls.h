@@ -7,15 +7,16 @@
 //   calls.close();
 //   calls.resolve(lineTable.rows());
 //
-// A site has its code by its rows, as far as it is inside of the site around it. Where rows of
-// sibling sites, or of one site, overlap, the row that starts last counts, and of several that
-// start together the last one added: no two ranges of one depth overlap. A call's place is the line
-// of the code around it at the same address: of the function's own lines at depth 0, of the rows of
-// the enclosing site below.
+// Ranges: the code of a site is that of its rows, cut to the code of the site that contains it.
+// Each address belongs to one site of a depth: if rows of two sites overlap, the row that starts
+// last wins, and of rows with the same start the one that was added last.
 //
-// One sweep over the code finds at each address the path of open calls from the function to the
-// innermost one. Its time is that of sorting the rows and of the paths; the steps along them are
-// counted against a budget of the whole file.
+// Call places: the line of the caller's code at the address of the call. The caller is the function
+// itself for a site of depth 0, and the enclosing site for a deeper one.
+//
+// resolve() walks over the code once and keeps the open sites at the current address, outermost
+// first. It takes the time of sorting the rows, and a step for each open site at each change; these
+// steps are limited for the whole file.
 
 #pragma once
 

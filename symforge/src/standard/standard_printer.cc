@@ -3,6 +3,7 @@
 #include <string_view>
 
 #include "base/path_names.h"
+#include "common/symbol_text.h"
 #include "symforge/src/WinStructs.h"
 #include "symforge/src/pdb/frame_tables.h"
 #include "symforge/src/pdb/name_stream.h"
@@ -10,6 +11,7 @@
 #include "symforge/src/pdb/section_map.h"
 #include "symforge/src/pdb/source_files.h"
 #include "symforge/src/pdb/type_table.h"
+#include "symforge/src/pe/architecture.h"
 #include "symforge/src/standard/file_numbers.h"
 #include "symforge/src/standard/function_collector.h"
 #include "symforge/src/standard/function_layout.h"
@@ -22,31 +24,11 @@ namespace symforge_internal {
 
 namespace {
 
-const char* architecture(uint16_t machine) {
-  switch (machine) {
-    case IMAGE_FILE_MACHINE_I386:
-      return "x86";
-    case IMAGE_FILE_MACHINE_ARM:
-      return "arm";
-    case IMAGE_FILE_MACHINE_ARM64:
-      return "arm64";
-    case IMAGE_FILE_MACHINE_PPC64:
-      return "ppc64";
-    case IMAGE_FILE_MACHINE_AMD64:
-      return "x86_64";
-    default:
-      return "unknown";
-  }
-}
-
 void printPublic(const PlacedPublic& symbol, TextBuffer& out) {
-  constexpr size_t kNumbers = 64;
   std::string storage;
   std::string_view name = lineName(symbol.name, storage);
   if (name.empty()) name = "<unnamed symbol>";
-  LineWriter line(out, kNumbers + name.size());
-  line.str(symbol.shared ? "PUBLIC m " : "PUBLIC ").hex(symbol.rva).chr(' ');
-  line.hex(symbol.paramSize).chr(' ').str(name).chr('\n');
+  append_line(out, PublicFields{symbol.shared, symbol.rva, symbol.paramSize, name});
 }
 
 // The type and id records.
@@ -63,12 +45,10 @@ struct Types {
 }  // namespace
 
 void StandardPrinter::printHeader(TextBuffer& out) const {
-  constexpr size_t kWords = 64;
   std::string storage;
   const std::string_view name = lineName(last_component(m_source.pdbFile), storage);
-  LineWriter line(out, kWords + m_source.debugId.size() + name.size());
-  line.str("MODULE windows ").str(architecture(m_source.dbi.header().machine)).chr(' ');
-  line.str(m_source.debugId).chr(' ').str(name).chr('\n');
+  const char* arch = architectureName(m_source.dbi.header().machine, TextDialect::kStandard);
+  append_line(out, ModuleFields{"windows", arch, m_source.debugId, name});
 }
 
 void StandardPrinter::printUnwindRules(const std::vector<PlacedFunction>& functions,
