@@ -3,11 +3,13 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pty.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -16,6 +18,7 @@
 #include <map>
 #include <random>
 #include <set>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -31,6 +34,7 @@ using namespace builders;
 using namespace test_support;
 using ::testing::HasSubstr;
 using ::testing::Not;
+using ::testing::StartsWith;
 
 Guid guid_of(uint32_t number) { return {.data1 = number}; }
 
@@ -153,6 +157,58 @@ TEST(BatchTest, MatchesSingleConversions) {
   EXPECT_EQ(run({"-r", temp / "in", tree}).status, 0);
   for (const auto& args : in.conversions(expected)) run(args);
   EXPECT_EQ(list_tree(tree), list_tree(expected));
+}
+
+// Files that meet in the tree, so that the order of conversions shows: the last of several texts of
+// one module is kept, the first link, the first image of an identifier; the name of a link can be
+// the identifier of another module; the first conversion of a name makes its folder.
+void add_files_that_meet(Inputs& in) {
+  for (uint32_t i = 0; i < 20; ++i) {
+    const std::string folder = numbered("meet", i, "/");
+    in.text(folder + "t.sym", make_text(5000 + i % 3, "t.pdb", 10 + 500 * (i % 7)));
+    in.text(folder + "linked.sym", "MODULE windows x86_64 ID" + std::to_string(i) +
+                                       " t.pdb\nINFO CODE_ID ID" + std::to_string(i * 7 % 20) +
+                                       " t.exe\n");
+    in.pair(5010 + i % 5, folder + "app.pdb", folder + "app.exe", 5 + 40 * (i % 4));
+    in.pdb(folder + "t.pdb", make_pdb(5000 + i % 4, 1 + i));
+    in.pe(folder + "joined.dll", make_pe(5000 + i % 3, "t.pdb"));
+  }
+}
+
+std::vector<std::string> sorted_lines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream stream(text);
+  for (std::string line; std::getline(stream, line);) lines.push_back(line);
+  std::sort(lines.begin(), lines.end());
+  return lines;
+}
+
+TEST(BatchTest, MakesTheSameTreeWithSeveralJobs) {
+  const TemporaryDirectory temp;
+  Inputs in(temp);
+  add_good_files(in, 8);
+  add_bad_files(in, temp);
+  add_files_that_meet(in);
+  const std::vector<std::string> modes[] = {{"-b"}, {}, {"--standard", "-q", "--no-sync"}};
+  for (const std::vector<std::string>& mode : modes) {
+    Tree trees[2];
+    const auto batch = [&](const std::string& jobs, Tree& tree) {
+      std::vector<std::string> args = mode;
+      args.insert(args.end(), {"-j", jobs, "-r", "in", temp.folder("tree")});
+      const Result result = run(args, {.directory = temp.path()});
+      tree = list_tree(temp / "tree");
+      std::filesystem::remove_all(temp / "tree");
+      return result;
+    };
+    const Result expected = batch("1", trees[0]);
+    const Result result = batch("7", trees[1]);
+    EXPECT_TRUE(trees[0] == trees[1]);
+    EXPECT_EQ(result.status, expected.status);
+    // Default mode prints addresses, which differ.
+    if (mode.size() < 2) continue;
+    EXPECT_GT(sorted_lines(result.err).size(), 50u);
+    EXPECT_EQ(sorted_lines(result.err), sorted_lines(expected.err));
+  }
 }
 
 TEST(BatchTest, ReportsEachFileOnceAndSucceedsForOneGoodOne) {
@@ -320,6 +376,90 @@ TEST(BatchTest, TerminatesItsChildWithItself) {
   kill(batch, SIGKILL);
   waitpid(batch, nullptr, 0);
   EXPECT_TRUE(wait_while([&] { return std::filesystem::exists("/proc/" + child + "/exe"); }));
+}
+
+bool has_temporary_file(const std::string& folder) {
+  if (!std::filesystem::exists(folder)) return false;
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+    if (entry.path().extension().string().size() == sizeof ".symXXXXXX" - 1) return true;
+  }
+  return false;
+}
+
+// Signals that arrive while a large file is written.
+TEST(EndSignalTest, RemovesTheUnfinishedFile) {
+  const TemporaryDirectory temp;
+  const std::string text = temp.file("in/a.sym", make_text(1, "a.pdb", 2'000'000));
+  temp.file("in/b.sym", make_text(2, "b.pdb"));
+  const std::string tree = temp.folder("tree");
+  const std::string folder = tree + "/a.pdb/" + debug_id(guid_of(1), 10);
+  const struct {
+    std::vector<std::string> args;
+    int signal;
+    int status;  // exit status; 0: ended by the signal
+  } cases[] = {{{"-r", temp / "in", tree}, SIGINT, 130},
+               {{"-j2", "-r", "--standard", temp / "in", tree}, SIGTERM, 143},
+               {{text, tree}, SIGTERM, 0}};
+  for (const auto& c : cases) {
+    bool seen = false;
+    for (int round = 0; round < 50 && !seen; ++round) {
+      const pid_t pid = start(c.args);
+      int status = 0;
+      while (!(seen = has_temporary_file(folder)) && waitpid(pid, &status, WNOHANG) == 0) {
+      }
+      if (!seen) continue;
+      kill(pid, c.signal);
+      waitpid(pid, &status, 0);
+      EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : 0, c.status);
+      EXPECT_EQ(WIFSIGNALED(status) ? WTERMSIG(status) : 0, c.status == 0 ? c.signal : 0);
+    }
+    EXPECT_TRUE(seen);
+    EXPECT_FALSE(has_temporary_file(folder));
+  }
+}
+
+// What a batch prints on a terminal.
+std::string terminal_output(const std::vector<std::string>& args) {
+  std::string command = "exec " SYMFORGE_PROGRAM;
+  for (const std::string& arg : args) command += " " + arg;
+  int terminal = -1;
+  const pid_t pid = forkpty(&terminal, nullptr, nullptr, nullptr);
+  if (pid == 0) {
+    execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+    _exit(127);
+  }
+  std::string output;
+  char block[4096];
+  for (ssize_t got; (got = read(terminal, block, sizeof block)) > 0;) {
+    output.append(block, static_cast<size_t>(got));
+  }
+  close(terminal);
+  waitpid(pid, nullptr, 0);
+  return output;
+}
+
+TEST(BatchProgressTest, IsShownOnTerminalsAlone) {
+  const TemporaryDirectory temp;
+  const std::string tree = temp.folder("tree");
+  const std::string in = temp.folder("in");
+  temp.file("in/a.sym", make_text(1, "a.pdb"));
+  temp.file("in/b\x1B.sym", "MODULE no\n");
+  const std::string progress = "\r0 done, 0 failed, 2 left, 0.0/s: " + in + "/a.sym";
+  const std::string message =
+      "symforge: " + in + "/b\\x1b.sym: the text has no complete MODULE line";
+  const std::string summary =
+      "symforge: 1 converted, 1 failed (" + in + "/b\\x1b.sym), 0 skipped, ";
+  const std::string shown = terminal_output({"--standard", "-r", in, tree});
+  EXPECT_THAT(shown, StartsWith(progress));
+  EXPECT_THAT(shown, HasSubstr(" \r" + message + "\r\n"));
+  EXPECT_THAT(shown, HasSubstr(" \r" + summary));
+  EXPECT_THAT(terminal_output({"-r", in, tree}), StartsWith(progress));
+  EXPECT_EQ(terminal_output({"--standard", "-q", "-r", in, tree}), message + "\r\n");
+
+  const Result result = run({"--standard", "-r", in, tree});
+  EXPECT_EQ(result.status, 2);
+  EXPECT_THAT(result.err, StartsWith(message + "\n" + summary));
+  EXPECT_EQ(run({"-r", temp / "in/a.sym", tree}).err, "");
 }
 
 // The completed files of a tree, by name; temporary files of a killed process are not included.

@@ -158,7 +158,11 @@ void PDBParser::printBreakpadSymbols(TextBuffer& out, FileMod* fileMod) {
   TypeTable ids;
   loadTypeStream(file, kTypeInfoStream, types, /*required=*/true);
   loadTypeStream(file, kIPIStream, ids, /*required=*/false);
-  refuseTokenMap(*debugHeader);
+  if (hasTokenMap(*debugHeader)) {
+    throw pdb_refusal(kHasTokenMap,
+                      "this PDB has managed code, which is not converted; --standard converts its "
+                      "native functions, if it has any");
+  }
 
   TypeNames typeNames(types, ids);
   InlineeLines inlinees;

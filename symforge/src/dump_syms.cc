@@ -8,15 +8,23 @@
 
 #include <cstdio>
 #include <optional>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "base/printable.h"
 #include "common/symforge_version.h"
 #include "google_breakpad/processor/log_sink.h"
 #include "symforge/src/driver/batch.h"
+#include "symforge/src/driver/check_file.h"
 #include "symforge/src/driver/conversion_options.h"
 #include "symforge/src/driver/convert.h"
+#include "symforge/src/driver/end_signals.h"
+#include "symforge/src/driver/free_memory.h"
+#include "symforge/src/driver/identify.h"
 #include "symforge/src/driver/last_message.h"
 #include "symforge/src/driver/messages.h"
+#include "symforge/src/driver/sandbox.h"
 
 using symforge_internal::ConversionInput;
 using symforge_internal::ConversionOptions;
@@ -27,13 +35,30 @@ namespace {
 
 struct Options {
   bool recursive = false;
-  std::optional<bool> sync;  // empty: the mode decides
-  ConversionInput input;     // with -r, `pdb` is usually a folder
+  bool identify = false;
+  bool check = false;
+  const char* against = nullptr;  // of --check, borrowed
+  std::optional<bool> sync;       // empty: the mode decides
+  // The arguments of options that are numbers, borrowed.
+  const char* jobs = "1";
+  const char* max_memory = "0";
+  ConversionInput input;  // with -r, `pdb` is usually a folder
   ConversionOptions conversion;
+  symforge_internal::BatchOptions batch;
 };
 
 // Long options without a short form.
-enum LongOption { kHelp = 256, kStandard, kSync, kNoSync, kNoSandbox };
+enum LongOption {
+  kHelp = 256,
+  kStandard,
+  kSync,
+  kNoSync,
+  kNoSandbox,
+  kMaxMemory,
+  kIdentify,
+  kCheck,
+  kAgainst,
+};
 
 constexpr option kLongOptions[] = {
     {"help", no_argument, nullptr, kHelp},
@@ -42,11 +67,17 @@ constexpr option kLongOptions[] = {
     {"image", required_argument, nullptr, 'e'},
     {"tree", required_argument, nullptr, 's'},
     {"recursive", no_argument, nullptr, 'r'},
+    {"jobs", required_argument, nullptr, 'j'},
     {"no-inlines", no_argument, nullptr, 'i'},
+    {"max-memory", required_argument, nullptr, kMaxMemory},
+    {"quiet", no_argument, nullptr, 'q'},
     {"standard", no_argument, nullptr, kStandard},
     {"sync", no_argument, nullptr, kSync},
     {"no-sync", no_argument, nullptr, kNoSync},
     {"no-sandbox", no_argument, nullptr, kNoSandbox},
+    {"identify", no_argument, nullptr, kIdentify},
+    {"check", no_argument, nullptr, kCheck},
+    {"against", required_argument, nullptr, kAgainst},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -84,12 +115,18 @@ void print_help() {
   printf(
       "Usage: %s [options] INPUT [TREE]\n"
       "       %s [options] -e IMAGE -s TREE\n"
-      "       %s [options] -r FOLDER TREE\n\n"
+      "       %s [options] -r FOLDER TREE\n"
+      "       %s --identify FILE...\n"
+      "       %s --check [--against FILE] FILE...\n\n"
       "Makes a Breakpad symbol file of a PDB, a text symbol file or a SYMB file, on standard\n"
       "output or in the symbol tree TREE.\n\n"
       "  -e, --image IMAGE   the exe or dll of the PDB\n"
       "  -s, --tree TREE     root of the symbol tree, the same as a second argument\n"
       "  -r, --recursive     convert everything in FOLDER\n"
+      "  -j, --jobs N        use N processors, 0: all (by default 1)\n"
+      "      --max-memory SIZE\n"
+      "                      in a batch, start no conversion while less memory is free (500M, 2G)\n"
+      "  -q, --quiet         in a batch, no progress and no summary\n"
       "  -b, --binary        write SYMB, the binary format, instead of text\n"
       "  -i, --no-inlines    no inlined calls\n"
       "      --standard      the published text format, complete content, strict exit statuses\n"
@@ -97,12 +134,16 @@ void print_help() {
       "                      (with --standard by default)\n"
       "      --no-sync       leave that to the system (by default without --standard)\n"
       "      --no-sandbox    keep all rights of the process during a conversion\n"
+      "      --identify      print what each file is, one JSON object a line\n"
+      "      --check         check symbol files, one JSON object a line\n"
+      "      --against FILE  with --check: the PDB or image that they must belong to\n"
       "  -v, --version       print the version\n"
       "  -h                  print the short usage\n"
       "      --help          print this text\n\n"
       "Exit status: 0 success; 1 failure or wrong usage; 2 with --standard -r, some inputs "
-      "failed.\n",
-      command, command, command);
+      "failed;\n"
+      "128 and the number of the signal for a batch that a signal ended.\n",
+      command, command, command, command, command);
 }
 
 int usage_error() {
@@ -130,6 +171,15 @@ int take_option(int letter, Options& options) {
     case 'i':
       do_inline = false;
       return kGoOn;
+    case 'j':
+      options.jobs = optarg;
+      return kGoOn;
+    case 'q':
+      options.batch.quiet = true;
+      return kGoOn;
+    case kMaxMemory:
+      options.max_memory = optarg;
+      return kGoOn;
     case 'r':
       options.recursive = true;
       return kGoOn;
@@ -149,6 +199,15 @@ int take_option(int letter, Options& options) {
     case kNoSandbox:
       options.conversion.sandbox = false;
       return kGoOn;
+    case kIdentify:
+      options.identify = true;
+      return kGoOn;
+    case kCheck:
+      options.check = true;
+      return kGoOn;
+    case kAgainst:
+      options.against = optarg;
+      return kGoOn;
     default:
       return usage_error();
   }
@@ -156,7 +215,8 @@ int take_option(int letter, Options& options) {
 
 // Applies the options in the order given. Returns the program's exit status, or kGoOn.
 int take_options(int argc, char** argv, Options& options) {
-  for (int letter; (letter = getopt_long(argc, argv, "be:hrs:vi", kLongOptions, nullptr)) != -1;) {
+  for (int letter;
+       (letter = getopt_long(argc, argv, "be:hij:qrs:v", kLongOptions, nullptr)) != -1;) {
     if (const int status = take_option(letter, options); status != kGoOn) return status;
   }
   options.conversion.sync = options.sync.value_or(options.conversion.standard);
@@ -181,6 +241,21 @@ int fail(const char* message) {
   return 1;
 }
 
+// Reads the arguments of options that are numbers.
+int read_numbers(Options& options) {
+  if (!symforge_internal::parse_jobs(options.jobs, options.conversion.jobs)) {
+    report("option '-j' needs a number from 0 to %u: %s", symforge_internal::kMostJobs,
+           printable(options.jobs).c_str());
+    return 1;
+  }
+  if (!symforge_internal::parse_size(options.max_memory, options.batch.min_free_memory)) {
+    report("option '--max-memory' needs a size such as 500M or 2G: %s",
+           printable(options.max_memory).c_str());
+    return 1;
+  }
+  return kGoOn;
+}
+
 int check_tree(const char* tree) {
   if (access(tree, F_OK) == 0) return kGoOn;
   report("symbol path doesn't exist: %s", printable(tree).c_str());
@@ -195,7 +270,7 @@ int run_batch(const Options& options) {
   }
   if (options.input.pdb == nullptr) return usage_error();
   if (const int status = check_tree(tree); status != kGoOn) return status;
-  return symforge_internal::convert_batch(options.input.pdb, options.conversion);
+  return symforge_internal::convert_batch({options.input.pdb}, options.conversion, options.batch);
 }
 
 int run_single(const Options& options) {
@@ -209,6 +284,23 @@ int run_single(const Options& options) {
   }
   symforge_internal::set_message_input(options.input.name());
   return symforge_internal::convert(options.input, options.conversion) ? 0 : 1;
+}
+
+// Reads files without a conversion.
+int run_on_files(const Options& options, const std::vector<std::string>& files) {
+  symforge_internal::select_standard_messages(true);
+  if (options.recursive || options.input.exe != nullptr || options.conversion.tree != nullptr ||
+      (options.identify && options.check)) {
+    return fail("options '--identify' and '--check' take files alone, without '-e', '-r' and '-s'");
+  }
+  if (files.empty()) return usage_error();
+  if (options.conversion.sandbox) {
+    std::vector<std::string> readable = files;
+    if (options.against != nullptr) readable.emplace_back(options.against);
+    symforge_internal::enter_sandbox({.readable = std::move(readable), .writable = {}});
+  }
+  return options.identify ? symforge_internal::identify_files(files)
+                          : symforge_internal::check_files(files, options.against);
 }
 
 }  // namespace
@@ -227,13 +319,16 @@ int main(int argc, char** argv) {
 
   symforge_internal::install_last_message();
   google_breakpad::SetLogInformation(true);
+  symforge_internal::clean_up_on_end_signals();
   Options options;
   options.conversion.sandbox = true;
   if (const int status = take_options(argc, argv, options); status != kGoOn) return status;
+  if (options.identify || options.check) return run_on_files(options, {argv + optind, argv + argc});
   if (options.conversion.standard) {
     symforge_internal::select_standard_messages(true);
     signal(SIGPIPE, SIG_IGN);  // a closed pipe is a failed write
   }
+  if (const int status = read_numbers(options); status != kGoOn) return status;
   if (const int status = take_arguments(argc, argv, options); status != kGoOn) return status;
   return options.recursive ? run_batch(options) : run_single(options);
 }

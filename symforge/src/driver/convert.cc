@@ -56,10 +56,12 @@ std::string backtrace_text() {
 }
 
 // True if the input was converted to text; `written`: whether that was written.
-bool convert_to_result(const ConversionInput& input, const ConversionOptions& options,
-                       bool& written) {
-  OpenedInput opened(input);
+bool convert_to_result(OpenedInput& opened, const ConversionOptions& options, bool& written) {
   if (!opened.open(options)) return false;
+  if (options.standard && opened.refusal() != nullptr) {
+    report("%s", opened.refusal());
+    return false;
+  }
   if (options.sandbox) {
     prepare_for_sandbox(opened, options);
     enter_sandbox(sandbox_rights(opened, options));
@@ -83,11 +85,14 @@ void report_failure(const char* what, const HeldWarnings& warnings) {
 // Catches every exception: damaged files can cause any of them.
 bool convert_standard(const ConversionInput& input, const ConversionOptions& options) {
   HeldWarnings warnings;
+  OpenedInput opened(input);
   try {
     bool written = false;
-    const bool converted = convert_to_result(input, options, written) && written;
+    const bool converted = convert_to_result(opened, options, written) && written;
     if (converted) warnings.pass_on();
     return converted;
+  } catch (const pdb_refusal& e) {
+    report("%s", printable(e.advice()).c_str());
   } catch (const pdb_exception& e) {
     report_failure(e.what(), warnings);
   } catch (const LimitExceeded& e) {
@@ -105,12 +110,22 @@ void report_exception(const ConversionInput& input, const std::exception& e) {
          printable(input.name()).c_str(), e.what(), backtrace_text().c_str());
 }
 
+// What the input is, after the message about its failure.
+void report_advice(const ConversionInput& input, const std::string& advice) {
+  report("%s: %s", printable(input.name()).c_str(), printable(advice).c_str());
+}
+
 bool convert_default(const ConversionInput& input, const ConversionOptions& options) {
+  OpenedInput opened(input);
   try {
     bool written;  // a result that could not be written is not a failure here
-    return convert_to_result(input, options, written);
+    return convert_to_result(opened, options, written);
+  } catch (const pdb_refusal& e) {
+    report_exception(input, e);
+    report_advice(input, e.advice());
   } catch (const pdb_exception& e) {
     report_exception(input, e);
+    if (opened.refusal() != nullptr) report_advice(input, opened.refusal());
   } catch (const LimitExceeded& e) {
     report_exception(input, e);
   }

@@ -10,7 +10,6 @@
 #include "base/file_io.h"
 #include "base/limits.h"
 #include "base/printable.h"
-#include "common/symb_block.h"
 #include "common/symb_text.h"
 #include "symforge/src/PDBParser.h"
 #include "symforge/src/driver/convert.h"
@@ -41,9 +40,8 @@ void take_text(TextBuffer content, SymbolText& result) {
 
 bool text_of_symb(TextBuffer image, const char* path, const ConversionOptions& options,
                   SymbolText& result) {
-  const Limit& limit = options.binary ? limits::kTextBetweenImages : limits::kTextOfSymb;
   const TextDialect dialect = options.standard ? TextDialect::kStandard : TextDialect::kDefault;
-  if (symb_read(image.data(), image.size(), result.text, dialect, limit)) return true;
+  if (symb_read(image.data(), image.size(), result.text, dialect)) return true;
   report_about("failed to parse symb file", path, nullptr);
   return false;
 }
@@ -103,9 +101,9 @@ void standard_text_of(const OpenedInput& opened, SymbolText& result) {
 }  // namespace
 
 bool OpenedInput::open(const ConversionOptions& options) {
-  constexpr size_t kMagicBytes = 6;
   if (input_.pdb == nullptr) {
     kind_ = Kind::kPeAlone;
+    file_kind_ = kind_of_file(input_.exe);
     return true;
   }
   const FileDescriptor file(::open(input_.pdb, O_RDONLY | O_CLOEXEC));
@@ -113,9 +111,10 @@ bool OpenedInput::open(const ConversionOptions& options) {
     report("%s", strerror(errno));
     return false;
   }
-  const bool opened = file.is_open() && read_file(file.get(), content_, kMagicBytes);
-  const bool text = opened && content_.view().starts_with("MODULE");
-  if (!text && !(opened && content_.view().starts_with(kSymbMagic))) {
+  const bool opened = file.is_open() && read_file(file.get(), content_, kFileKindBytes);
+  if (opened) file_kind_ = symforge_internal::file_kind(content_.view());
+  const bool text = file_kind_ == FileKind::kSymbolText;
+  if (!text && file_kind_ != FileKind::kSymb) {
     image_candidates_ =
         options.standard ? files_of_same_stem(input_.pdb) : default_images(input_.pdb);
     return true;
@@ -124,6 +123,11 @@ bool OpenedInput::open(const ConversionOptions& options) {
   if (read_file(file.get(), content_)) return true;
   report_about("failed to read", input_.pdb, strerror(errno));
   return false;
+}
+
+const char* OpenedInput::refusal() const {
+  if (kind_ == Kind::kPeAlone && file_kind_ == FileKind::kImage) return nullptr;
+  return refusal_of(file_kind_);
 }
 
 bool text_of(OpenedInput& opened, const ConversionOptions& options, SymbolText& result) {

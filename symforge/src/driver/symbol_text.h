@@ -8,6 +8,7 @@
 
 #include "base/text_buffer.h"
 #include "symforge/src/driver/conversion_options.h"
+#include "symforge/src/driver/file_kind.h"
 #include "symforge/src/utils.h"
 
 namespace symforge_internal {
@@ -27,6 +28,9 @@ class OpenedInput {
 
   const ConversionInput& input() const { return input_; }
   Kind kind() const { return kind_; }
+  // If the file is of a known kind that is not converted: what it is and what to do, in one line.
+  // Else null.
+  const char* refusal() const;
   TextBuffer& content() { return content_; }
   const TextBuffer& content() const { return content_; }
 
@@ -37,6 +41,7 @@ class OpenedInput {
  private:
   ConversionInput input_;
   Kind kind_ = Kind::kPdb;
+  FileKind file_kind_ = FileKind::kUnknown;
   TextBuffer content_;
   std::vector<std::string> image_candidates_;
 };
