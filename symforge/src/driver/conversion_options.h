@@ -8,7 +8,9 @@ namespace symforge_internal {
 
 // One input, or a pair. Paths are borrowed. At least one of them is not null.
 struct ConversionInput {
-  const char* pdb = nullptr;  // a PDB, a text symbol file or a SYMB image, by content
+  // A PDB, a text symbol file or a SYMB image, by content; "-": one of the latter two on standard
+  // input.
+  const char* pdb = nullptr;
   const char* exe = nullptr;  // the PE image of the PDB; with a null `pdb` it is converted alone
 
   // The path that messages name.

@@ -1,6 +1,7 @@
 #include "symforge/src/driver/symbol_text.h"
 
 #include <fcntl.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -14,6 +15,7 @@
 #include "symforge/src/PDBParser.h"
 #include "symforge/src/driver/convert.h"
 #include "symforge/src/driver/image_search.h"
+#include "symforge/src/driver/input_list.h"
 #include "symforge/src/driver/messages.h"
 #include "symforge/src/pe/code_file.h"
 #include "symforge/src/pe/image_identity.h"
@@ -110,7 +112,9 @@ bool OpenedInput::open(const ConversionOptions& options) {
     file_kind_ = kind_of_file(input_.exe);
     return true;
   }
-  const FileDescriptor file(::open(input_.pdb, O_RDONLY | O_CLOEXEC));
+  const bool standard_input = std::string_view(input_.pdb) == kStandardInput;
+  const FileDescriptor file(standard_input ? dup(STDIN_FILENO)
+                                           : ::open(input_.pdb, O_RDONLY | O_CLOEXEC));
   if (!file.is_open() && options.standard) {
     report("%s", strerror(errno));
     return false;
@@ -119,6 +123,11 @@ bool OpenedInput::open(const ConversionOptions& options) {
   if (opened) file_kind_ = symforge_internal::file_kind(content_.view());
   const bool text = file_kind_ == FileKind::kSymbolText;
   if (!text && file_kind_ != FileKind::kSymb) {
+    if (standard_input) {
+      // The name of a PDB is part of the result, and it is mapped.
+      report("standard input is neither a text symbol file nor SYMB");
+      return false;
+    }
     image_candidates_ =
         options.standard ? files_of_same_stem(input_.pdb) : default_images(input_.pdb);
     return true;

@@ -4,6 +4,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "base/text_buffer.h"
@@ -13,6 +14,9 @@
 #include "symforge/src/utils.h"
 
 namespace symforge_internal {
+
+// The first bytes of a text symbol file.
+inline constexpr std::string_view kTextMagic = "MODULE";
 
 // An input whose kind is known. Text symbol files and SYMB images are read as a whole; PDBs and
 // PE images are left to their parser, which maps them.
@@ -24,7 +28,8 @@ class OpenedInput {
 
   explicit OpenedInput(const ConversionInput& input) : input_(input) {}
 
-  // False, and reported, for a text or SYMB file that cannot be read to its end.
+  // False, and reported, for a text or SYMB file that cannot be read to its end, and for standard
+  // input that is neither.
   bool open(const ConversionOptions& options);
 
   const ConversionInput& input() const { return input_; }
