@@ -12,6 +12,7 @@
 #pragma once
 
 #include <array>
+#include <memory>
 #include <span>
 #include <string>
 
@@ -23,6 +24,7 @@
 #include "processor/range_map.h"
 #include "processor/source_line_resolver_base_types.h"
 #include "processor/string_storage.h"
+#include "processor/symb_index.h"
 #include "processor/windows_frame_info.h"
 
 namespace google_breakpad {
@@ -71,10 +73,17 @@ class BasicSourceLineResolver::Module : public SourceLineResolverBase::Module {
   // Like LoadMapFromMemory, but the module's strings point into the text, which must outlive the
   // module and not be changed.
   bool LoadMapInPlace(char* memory_buffer, size_t memory_buffer_size);
-  bool IsCorrupt() const override { return is_corrupt_; }
+  bool IsCorrupt() const override { return bad_lines_.count > 0; }
+  BadLines FindBadLines() const override { return bad_lines_; }
   void LookupAddress(StackFrame* frame) const override;
   WindowsFrameInfo* FindWindowsFrameInfo(const StackFrame* frame) const override;
   CFIFrameInfo* FindCFIFrameInfo(const StackFrame* frame) const override;
+  void LookupAddresses(std::span<const uint64_t> addresses, std::span<ResolvedAddress> answers,
+                       ResolvedInlines* inlines) const override;
+  void IndexTables() override;
+
+  // The memory that the symbols of a text take, in bytes. 0 for a SYMB block.
+  size_t ByteCount() const;
 
   // Load and lookups for a SYMB block. The lookups find nothing unless one is loaded.
   virtual bool LoadMapFromMemoryB(char* memory_buffer, size_t memory_buffer_size);
@@ -82,6 +91,8 @@ class BasicSourceLineResolver::Module : public SourceLineResolverBase::Module {
   virtual void LookupAddressBInline(StackFrame* frame) const;
   virtual WindowsFrameInfo* FindWindowsFrameInfoB(const StackFrame* frame) const;
   virtual CFIFrameInfo* FindCFIFrameInfoB(const StackFrame* frame) const;
+  virtual void LookupAddressesB(std::span<const uint64_t> addresses,
+                                std::span<ResolvedAddress> answers, ResolvedInlines* inlines) const;
 
   // What loading text fills.
   const FileMap& Files() const { return files_; }                           // by number
@@ -95,16 +106,18 @@ class BasicSourceLineResolver::Module : public SourceLineResolverBase::Module {
   friend class TextModuleLoader;
 
   bool Load(char* buffer, size_t size, StringStorage::Place strings);
-  void AppendInlines(const Function& function, MemAddr address, StackFrame* frame) const;
+  void Resolve(MemAddr address, ResolvedAddress* answer, ResolvedInlines* inlines) const;
+  void AppendInlines(const Function& function, MemAddr address, ResolvedInlines* inlines) const;
 
   bool symb_loaded_ = false;
   const char* symb_base_ = nullptr;  // not owned
   size_t symb_size_ = 0;
+  std::unique_ptr<const SymbIndex> symb_index_;  // null if there is none
   std::string name_;
   FileMap files_;
   FunctionMap functions_;
   PublicMap public_symbols_;
-  bool is_corrupt_ = false;
+  BadLines bad_lines_;
   StackWinMaps windows_frame_info_;
   CFIInitialMap cfi_initial_rules_;
   CFIDeltaMap cfi_delta_rules_;

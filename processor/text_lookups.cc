@@ -2,7 +2,9 @@
 // threads may run them concurrently.
 
 #include <algorithm>
+#include <cassert>
 #include <memory>
+#include <memory_resource>
 #include <span>
 
 #include "common/lookup_limits.h"
@@ -77,51 +79,82 @@ void BasicSourceLineResolver::Module::LookupAddress(StackFrame* frame) const {
     LookupAddressB(frame);
     return;
   }
-  const MemAddr address = relative_address(frame);
-  const MemAddr module_base = frame->module->base_address();
+  char memory[16 * sizeof(ResolvedInline)];
+  std::pmr::monotonic_buffer_resource resource(memory, sizeof(memory));
+  ResolvedInlines inlines(&resource);
+  ResolvedAddress answer;
+  Resolve(relative_address(frame), &answer, &inlines);
+  copy_to_frame(answer, inlines, frame);
+}
+
+void BasicSourceLineResolver::Module::LookupAddresses(std::span<const uint64_t> addresses,
+                                                      std::span<ResolvedAddress> answers,
+                                                      ResolvedInlines* inlines) const {
+  assert(answers.size() == addresses.size());
+  if (symb_loaded_) {
+    LookupAddressesB(addresses, answers, inlines);
+    return;
+  }
+  for (size_t i = 0; i < addresses.size(); ++i) {
+    answers[i] = ResolvedAddress();
+    Resolve(addresses[i], &answers[i], inlines);
+  }
+}
+
+void BasicSourceLineResolver::Module::Resolve(MemAddr address, ResolvedAddress* answer,
+                                              ResolvedInlines* inlines) const {
   const NearestFunction nearest(functions_, address);
   if (nearest.holds_address) {
-    frame->function_name = limited_string(nearest.function->name);
-    frame->function_base = module_base + nearest.base;
+    answer->has_function = true;
+    answer->function_name = limited_string(nearest.function->name);
+    answer->function_base = nearest.base;
     if (const Line* line = line_at(nearest.function->lines(), address)) {
       const auto file = files_.find(line->source_file_id);
-      if (file != files_.end()) frame->source_file_name = limited_string(file.value());
-      frame->source_line = line->line;
-      frame->source_line_base = module_base + line->address;
+      answer->has_file = file != files_.end();
+      if (answer->has_file) answer->source_file = limited_string(file.value());
+      answer->has_line = true;
+      answer->source_line = line->line;
+      answer->line_base = line->address;
     }
-    if (nearest.function->has_inline_calls) AppendInlines(*nearest.function, address, frame);
+    if (nearest.function->has_inline_calls) {
+      answer->first_inline = inlines->size();
+      AppendInlines(*nearest.function, address, inlines);
+      answer->inline_count = static_cast<uint32_t>(inlines->size() - answer->first_inline);
+    }
     return;
   }
   PublicSymbol symbol;
   MemAddr public_address = 0;
   if (!public_symbols_.Retrieve(address, &symbol, &public_address)) return;
   if (nearest.hides(public_address)) return;
-  frame->function_name = limited_string(symbol.name);
-  frame->function_base = module_base + public_address;
+  answer->has_function = true;
+  answer->is_public = true;
+  answer->function_name = limited_string(symbol.name);
+  answer->function_base = public_address;
 }
 
 // Appends the sites around the address, innermost first. They are stored in pre-order. Appends none
 // if they exceed the limits of a lookup.
 void BasicSourceLineResolver::Module::AppendInlines(const Function& function, MemAddr address,
-                                                    StackFrame* frame) const {
+                                                    ResolvedInlines* inlines) const {
   if (function.inlines().size() > kMaxInlineSites) return;
-  const size_t before = frame->inlines.size();
+  const size_t before = inlines->size();
   uint64_t bytes = 0;
   for (const InlineFunction& site : function.inlines()) {
     if (site.function_address > address) break;
     if (address - site.function_address >= site.code_size) continue;
-    StackFrame::Inline& inlined = frame->inlines.emplace_back();
+    ResolvedInline& inlined = inlines->emplace_back();
     inlined.name = limited_string(site.name);
     inlined.source_line = site.source_line;
     const auto file = files_.find(site.file_id);
-    if (file != files_.end()) inlined.source_file_name = limited_string(file.value());
-    bytes += sizeof inlined + inlined.name.size() + inlined.source_file_name.size();
+    if (file != files_.end()) inlined.source_file = limited_string(file.value());
+    bytes += sizeof(StackFrame::Inline) + inlined.name.size() + inlined.source_file.size();
     if (bytes > kMaxInlinePathBytes) {
-      frame->inlines.resize(before);
+      inlines->resize(before);
       return;
     }
   }
-  std::reverse(frame->inlines.begin() + static_cast<ptrdiff_t>(before), frame->inlines.end());
+  std::reverse(inlines->begin() + static_cast<ptrdiff_t>(before), inlines->end());
 }
 
 WindowsFrameInfo* BasicSourceLineResolver::Module::FindWindowsFrameInfo(
@@ -154,7 +187,7 @@ CFIFrameInfo* BasicSourceLineResolver::Module::FindCFIFrameInfo(const StackFrame
   if (!cfi_initial_rules_.RetrieveRange(address, &initial_rules, &initial_base, nullptr, nullptr)) {
     return nullptr;
   }
-  RuleSetApplier rules(*this);
+  RuleSetApplier rules;
   if (!rules.ApplyInitial(limited_string(initial_rules))) return nullptr;
   // The changes from the start of the range up to the address.
   for (auto delta = cfi_delta_rules_.lower_bound(initial_base);

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "builders/bytes.h"
+#include "builders/pe_builder.h"
 #include "tests/support/lines.h"
 #include "tests/support/process.h"
 
@@ -288,6 +289,14 @@ TEST_F(ImageTest, IsFoundBesideThePdbOrWhereTheOptionSays) {
   const Result foreign = run({pdb_});
   EXPECT_EQ(foreign.status, 1);
   EXPECT_THAT(foreign.err, HasSubstr("\nException caught: Error reading PE header\n"));
+
+  const std::string fifo = temp_ / "fifo";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  for (const std::string& path : {temp_.path(), fifo, std::string("/dev/null")}) {
+    const Result other = run({"-e", path, pdb_});
+    EXPECT_EQ(other.status, 1) << path;
+    EXPECT_THAT(other.err, HasSubstr("\nException caught: Error reading PE header\n")) << path;
+  }
 }
 
 TEST_F(ImageTest, ComesWithItsLink) {
@@ -332,6 +341,25 @@ TEST_F(ImageTest, IsAddedToTheSymbolFileInTheTreeOnce) {
                 lines_with(whole, {"STACK CFI "}));
   EXPECT_EQ(list_tree(tree_).size(), 4u);  // two directories, the file, the link
   refused("exe/dll already exists");
+}
+
+TEST(ImageAloneTest, OfAnotherMachineAddsItsIdentifierOnly) {
+  const TemporaryDirectory temp;
+  const std::string text =
+      "MODULE windows x86 0123456789ABCDEF1032547698BADCFE1 a.pdb\nPUBLIC 1 0 p\n";
+  for (const uint16_t machine : {0x14C, 0xAA64}) {
+    PeBuilder image(/*pe32_plus=*/machine != 0x14C);
+    image.machine(machine).time_stamp(0x5F001234).size_of_image(0xA000);
+    image.codeview({}, 1, "C:\\a.pdb").function(0x1000, 0x1020, {});
+    const std::string exe = temp.file("a.exe", image.build());
+    const std::string tree = temp.folder("tree" + std::to_string(machine));
+    EXPECT_EQ(run({"-e", exe, "-s", tree}).status, 1);
+    ASSERT_EQ(run({temp.file("a.sym", text), tree}).status, 0);
+    EXPECT_EQ(run({"-e", exe, "-s", tree}).status, 0) << machine;
+    EXPECT_EQ(read_file(tree + "/a.pdb/0123456789ABCDEF1032547698BADCFE1/a.sym"),
+              text + "INFO CODE_ID 5F001234A000 a.exe\n");
+    EXPECT_EQ(run({"-e", exe, "-s", tree}).status, 1);
+  }
 }
 
 TEST(SymbTest, ConvertsToTheTreeAndBack) {

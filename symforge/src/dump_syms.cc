@@ -16,6 +16,7 @@
 
 #include "base/printable.h"
 #include "common/symforge_version.h"
+#include "google_breakpad/processor/log_sink.h"
 #include "symforge/src/driver/batch.h"
 #include "symforge/src/driver/check_file.h"
 #include "symforge/src/driver/conversion_options.h"
@@ -388,6 +389,7 @@ int main(int argc, char** argv) {
   signal(SIGCHLD, SIG_DFL);
 
   symforge_internal::install_last_message();
+  google_breakpad::SetLogInformation(true);
   symforge_internal::clean_up_on_end_signals();
   Options options;
   options.conversion.sandbox = true;

@@ -17,7 +17,7 @@
 #include "symforge/src/driver/messages.h"
 #include "symforge/src/msf/pdb_summary.h"
 #include "symforge/src/pe/image_identity.h"
-#include "symforge/src/pe/machine_name.h"
+#include "symforge/src/pe/architecture.h"
 #include "symforge/src/utils.h"
 
 namespace symforge_internal {
@@ -36,16 +36,12 @@ std::string bytes_at(int fd, uint64_t position, size_t size) {
   return bytes;
 }
 
-std::string name_of(const char* machine_name) {
-  return machine_name != nullptr ? machine_name : std::string();
-}
-
 void identify_pdb(int fd, std::string_view path, FileIdentity& identity) {
   const std::optional<PdbSummary> summary = read_pdb_summary(fd);
   identity.debug_file = last_component(path);
   if (!summary) return;
   identity.debug_id = summary->debug_id;
-  identity.architecture = name_of(machineName(summary->machine));
+  identity.architecture = architectureName(summary->machine, TextDialect::kStandard);
   if (summary->foreign_types) identity.kind_name = "pdb_without_types";
   if (summary->managed) identity.kind_name = "managed_pdb";
 }
@@ -57,7 +53,7 @@ void identify_image(const std::string& path, FileIdentity& identity) {
   identity.code_id = image->code_id();
   identity.image_size = image->size;
   identity.time_stamp = image->time_stamp;
-  identity.architecture = name_of(machineName(image->machine));
+  identity.architecture = architectureName(image->machine, TextDialect::kStandard);
   if (image->managed) identity.kind_name = "managed_image";
   if (!image->pdb) return;
   identity.debug_id = image->pdb->debug_id;

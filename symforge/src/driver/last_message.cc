@@ -119,6 +119,7 @@ void install_last_message() {
 
 // The libraries' operations for failed checks: assert(), and the range checks of containers.
 
+// NOLINTNEXTLINE(readability-identifier-naming)
 extern "C" [[noreturn]] void __assert_fail(const char* check, const char* file, unsigned line,
                                            const char* function) noexcept {
   symforge_internal::fail_check(check, [=] {

@@ -43,9 +43,8 @@ void take_text(TextBuffer content, SymbolText& result) {
 
 bool text_of_symb(TextBuffer image, const char* path, const ConversionOptions& options,
                   SymbolText& result) {
-  const Limit& limit = options.binary ? limits::kTextBetweenImages : limits::kTextOfSymb;
   const TextDialect dialect = options.standard ? TextDialect::kStandard : TextDialect::kDefault;
-  if (symb_read(image.data(), image.size(), result.text, dialect, limit)) return true;
+  if (symb_read(image.data(), image.size(), result.text, dialect)) return true;
   report_about("failed to parse symb file", path, nullptr);
   return false;
 }

@@ -2,7 +2,9 @@
 
 #include <string_view>
 
+#include "base/limits.h"
 #include "base/path_names.h"
+#include "common/symbol_text.h"
 #include "symforge/src/pdb/foreign_types.h"
 #include "symforge/src/pdb/frame_tables.h"
 #include "symforge/src/pdb/name_stream.h"
@@ -10,7 +12,7 @@
 #include "symforge/src/pdb/section_map.h"
 #include "symforge/src/pdb/source_files.h"
 #include "symforge/src/pdb/type_table.h"
-#include "symforge/src/pe/machine_name.h"
+#include "symforge/src/pe/architecture.h"
 #include "symforge/src/standard/file_numbers.h"
 #include "symforge/src/standard/function_collector.h"
 #include "symforge/src/standard/function_layout.h"
@@ -24,13 +26,10 @@ namespace symforge_internal {
 namespace {
 
 void printPublic(const PlacedPublic& symbol, TextBuffer& out) {
-  constexpr size_t kNumbers = 64;
   std::string storage;
   std::string_view name = lineName(symbol.name, storage);
   if (name.empty()) name = "<unnamed symbol>";
-  LineWriter line(out, kNumbers + name.size());
-  line.str(symbol.shared ? "PUBLIC m " : "PUBLIC ").hex(symbol.rva).chr(' ');
-  line.hex(symbol.paramSize).chr(' ').str(name).chr('\n');
+  append_line(out, PublicFields{symbol.shared, symbol.rva, symbol.paramSize, name});
 }
 
 // The type and id records.
@@ -47,13 +46,10 @@ struct Types {
 }  // namespace
 
 void StandardPrinter::printHeader(TextBuffer& out) const {
-  constexpr size_t kWords = 64;
   std::string storage;
   const std::string_view name = lineName(last_component(m_source.pdbFile), storage);
-  LineWriter line(out, kWords + m_source.debugId.size() + name.size());
-  const char* const machine = machineName(m_source.dbi.header().machine);
-  line.str("MODULE windows ").str(machine != nullptr ? machine : "unknown").chr(' ');
-  line.str(m_source.debugId).chr(' ').str(name).chr('\n');
+  const char* arch = architectureName(m_source.dbi.header().machine, TextDialect::kStandard);
+  append_line(out, ModuleFields{"windows", arch, m_source.debugId, name});
 }
 
 void StandardPrinter::printUnwindRules(const std::vector<PlacedFunction>& functions,
@@ -81,6 +77,7 @@ ModuleStreams StandardPrinter::readModules() {
 void StandardPrinter::insertTables(const FileNumbers& files, const InlineOrigins& origins,
                                    size_t at, TextBuffer& out) {
   TextBuffer tables;
+  const TextLimit limit(tables, limits::kTables.of(m_source.file.size()));
   files.print(tables);
   origins.print(tables);
   out.insert(at, tables.view());
