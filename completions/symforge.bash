@@ -4,13 +4,13 @@ _symforge() {
   local word=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} pattern='' i arguments=0
 
   local options=(-b -e -h -i -j -q -r -s -v --against --binary --check --files-from --help --identify --if-changed
-    --image --jobs --max-memory --no-inlines --no-sandbox --no-sync --quiet --recursive --standard --sync --tree
-    --version)
+    --image --jobs --max-memory --no-inlines --no-sandbox --no-sync --quiet --recursive --report --standard --sync
+    --tree --version)
 
   # Arguments after the options that have been typed already.
   for ((i = 1; i < COMP_CWORD; ++i)); do
     case ${COMP_WORDS[i]} in
-      --against | --files-from | --image | --jobs | --max-memory | --tree) ((++i)) ;;
+      --against | --files-from | --image | --jobs | --max-memory | --report | --tree) ((++i)) ;;
       --check | --identify) pattern='*' ;;  # any number of files of any kind
       --*) ;;
       -*[ejs]) ((++i)) ;;
@@ -21,6 +21,7 @@ _symforge() {
 
   case $previous in
     --against) pattern='*.@(exe|dll|pdb|EXE|DLL|PDB)' ;;
+    --report) pattern='*' ;;
     --image) pattern='*.@(exe|dll|EXE|DLL)' ;;
     --files-from) pattern='*' ;;
     --tree) ;;

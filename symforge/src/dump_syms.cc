@@ -61,11 +61,13 @@ enum LongOption {
   kNoSync,
   kNoSandbox,
   kMaxMemory,
+  kFilesFrom,
+  kIfChanged,
   kIdentify,
   kCheck,
   kAgainst,
-  kFilesFrom,
-  kIfChanged
+  kReport,
+  kReportOfBatch,
 };
 
 constexpr option kLongOptions[] = {
@@ -88,6 +90,8 @@ constexpr option kLongOptions[] = {
     {"identify", no_argument, nullptr, kIdentify},
     {"check", no_argument, nullptr, kCheck},
     {"against", required_argument, nullptr, kAgainst},
+    {"report", required_argument, nullptr, kReport},
+    {"report-of-batch", required_argument, nullptr, kReportOfBatch},  // for children of a batch
     {nullptr, 0, nullptr, 0},
 };
 
@@ -149,6 +153,7 @@ void print_help() {
       "                      (with --standard by default)\n"
       "      --no-sync       leave that to the system (by default without --standard)\n"
       "      --no-sandbox    keep all rights of the process during a conversion\n"
+      "      --report FILE   append one JSON object for each conversion; -: to standard error\n"
       "      --identify      print what each file is, one JSON object a line\n"
       "      --check         check symbol files, one JSON object a line\n"
       "      --against FILE  with --check: the PDB or image that they must belong to\n"
@@ -228,6 +233,11 @@ int take_option(int letter, Options& options) {
       return kGoOn;
     case kAgainst:
       options.against = optarg;
+      return kGoOn;
+    case kReport:
+    case kReportOfBatch:
+      options.conversion.report = optarg;
+      options.conversion.in_batch = letter == kReportOfBatch;
       return kGoOn;
     default:
       return usage_error();

@@ -17,6 +17,7 @@
 #include "symforge/src/driver/image_search.h"
 #include "symforge/src/driver/input_list.h"
 #include "symforge/src/driver/messages.h"
+#include "symforge/src/pe/code_file.h"
 #include "symforge/src/pe/image_identity.h"
 
 namespace symforge_internal {
@@ -52,8 +53,10 @@ void text_of_pdb(const ConversionInput& input, const ConversionOptions& options,
                  SymbolText& result) {
   PDBParser parser(do_inline);
   parser.load(input.pdb, input.exe, options.tree, result.text);
+  result.image = parser.codeFile().path();
+  result.image_bytes = parser.codeFile().size();
   if (options.standard) {
-    symforge_internal::StandardCounts counts;
+    StandardCounts& counts = result.counts.emplace();
     parser.printStandardSymbols(result.text, counts);
     for (const std::string& message : counts.messages) report("%s", message.c_str());
   } else {
