@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "symforge/src/driver/messages.h"
+#include "symforge/src/parallel/worker_pool.h"
 
 namespace symforge_internal {
 
@@ -53,6 +54,7 @@ void put_line(std::string_view reason) {
 }
 
 void on_fatal_signal(int number) {
+  WorkerPool::stopWorker();
   for (const FatalSignal& fatal : kFatalSignals) {
     if (fatal.number == number) put_line(fatal.reason);
   }
@@ -62,6 +64,7 @@ void on_fatal_signal(int number) {
 }
 
 [[noreturn]] void on_terminate() {
+  WorkerPool::stopWorker();
   if (standard_messages()) {
     put_line("ended by an exception");
     _exit(1);
@@ -75,6 +78,7 @@ void on_fatal_signal(int number) {
 // In standard mode prints the one line; in default mode calls `report`, like the library.
 template <typename Report>
 [[noreturn]] void fail_check(const char* check, Report report) {
+  WorkerPool::stopWorker();
   if (standard_messages()) {
     put_line(std::string("damaged or not supported, this does not hold: ").append(check));
     _exit(1);

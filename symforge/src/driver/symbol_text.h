@@ -8,6 +8,7 @@
 
 #include "base/text_buffer.h"
 #include "symforge/src/driver/conversion_options.h"
+#include "symforge/src/parallel/worker_pool.h"
 #include "symforge/src/utils.h"
 
 namespace symforge_internal {
@@ -48,8 +49,9 @@ struct SymbolText {
   std::optional<sym_info> identity;
 };
 
-// Converts the input to text; consumes its content. False, and reported, for a damaged SYMB image.
-// PDBs and PE images throw what PDBParser throws.
-bool text_of(OpenedInput& opened, const ConversionOptions& options, SymbolText& result);
+// Converts the input to text; consumes its content. `pool`: threads that help; null: none. False,
+// and reported, for a damaged SYMB image. PDBs and PE images throw what PDBParser throws.
+bool text_of(OpenedInput& opened, const ConversionOptions& options, WorkerPool* pool,
+             SymbolText& result);
 
 }  // namespace symforge_internal
