@@ -228,7 +228,7 @@ void PDBParser::printStandardSymbols(TextBuffer& out, StandardCounts& counts) {
   const TextLimit limit(out, limits::kText.of(m_rep->file.size() + m_rep->codeFile.size()));
   m_rep->standard = true;
   StandardPrinter({m_rep->file, *m_rep->info, *m_rep->dbi, m_rep->codeFile, m_rep->pdbFile,
-                   m_rep->debugId, m_rep->do_inline},
+                   m_rep->debugId, m_rep->do_inline, m_rep->pool},
                   counts)
       .print(out);
 }

@@ -46,7 +46,7 @@ bool FileAttempt::finish() {
 }
 
 void OrderedText::append(size_t number, std::string_view text) {
-  waitFor(number);
+  m_pool.waitForTurn(WorkerPool::kSecondOrder, static_cast<uint32_t>(number));
   // The text may move when it grows.
   if (m_out.room() < text.size()) {
     while (m_copying.load() != 0) {
@@ -57,7 +57,7 @@ void OrderedText::append(size_t number, std::string_view text) {
   char* const to = m_out.prepare(text.size());
   m_out.commit(text.size());
   m_copying.fetch_add(1);
-  m_pool.passTurn();
+  m_pool.passTurn(WorkerPool::kSecondOrder);
   if (!text.empty()) std::memcpy(to, text.data(), text.size());
   m_copying.fetch_sub(1);
 }

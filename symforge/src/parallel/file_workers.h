@@ -50,6 +50,7 @@ class WorkQueue {
 };
 
 // Appends texts of workers to one text, in the order of their numbers, each copied by its worker.
+// Uses the pool's second order.
 class OrderedText {
  public:
   // Both must outlive this.
@@ -58,10 +59,6 @@ class OrderedText {
   // To be called for each number from 0 on, by the worker that has the text. Waits for the lower
   // numbers. Throws what TextBuffer::prepare() throws.
   void append(size_t number, std::string_view text);
-
-  // The two halves of append(), for a text that is made in between and depends on what lower
-  // numbers have done.
-  void waitFor(size_t number) { m_pool.waitForTurn(static_cast<uint32_t>(number)); }
 
  private:
   WorkerPool& m_pool;

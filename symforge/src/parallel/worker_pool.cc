@@ -14,7 +14,7 @@ namespace {
 // damaged file must not catch it.
 struct GivenUp {};
 
-// Of `turn`: the attempt has failed.
+// Of the turns: the attempt has failed.
 constexpr uint32_t kFailed = uint32_t{1} << 31;
 
 // Handlers of fatal signals need a stack of their own, as that of the thread may have overflowed.
@@ -44,18 +44,20 @@ class SignalStack {
 struct WorkerPool::State {
   std::atomic<uint32_t> round = 0;    // of the task that is to be done; an odd number ends
   std::atomic<uint32_t> working = 0;  // threads that have not ended the task
-  std::atomic<uint32_t> turn = 0;
+  std::atomic<uint32_t> turns[2] = {};
   std::atomic<bool> stopped = false;  // a thread will not end
   const WorkerTask* task = nullptr;
 
   void fail() {
-    turn.fetch_or(kFailed);
-    turn.notify_all();
+    for (std::atomic<uint32_t>& turn : turns) {
+      turn.fetch_or(kFailed);
+      turn.notify_all();
+    }
   }
   void endTask() {
     if (working.fetch_sub(1) == 1) working.notify_all();
   }
-  bool failed() const { return (turn.load() & kFailed) != 0; }
+  bool failed() const { return (turns[0].load() & kFailed) != 0; }
 };
 
 namespace {
@@ -104,7 +106,7 @@ bool WorkerPool::run(const WorkerTask& task) {
 
 void WorkerPool::start(const WorkerTask& task) {
   if (!usable()) return;
-  m_state->turn.store(0);
+  for (std::atomic<uint32_t>& turn : m_state->turns) turn.store(0);
   m_state->working.store(size());
   m_state->task = &task;
   m_state->round.fetch_add(2);
@@ -116,16 +118,16 @@ bool WorkerPool::finish() {
   return usable() && !m_state->failed();
 }
 
-void WorkerPool::waitForTurn(uint32_t number) {
-  std::atomic<uint32_t>& turn = m_state->turn;
+void WorkerPool::waitForTurn(Order order, uint32_t number) {
+  std::atomic<uint32_t>& turn = m_state->turns[order];
   for (uint32_t now; (now = turn.load()) != number; turn.wait(now)) {
     if ((now & kFailed) != 0) throw GivenUp();
   }
 }
 
-void WorkerPool::passTurn() {
-  m_state->turn.fetch_add(1);
-  m_state->turn.notify_all();
+void WorkerPool::passTurn(Order order) {
+  m_state->turns[order].fetch_add(1);
+  m_state->turns[order].notify_all();
 }
 
 void WorkerPool::checkAttempt() const {

@@ -49,10 +49,13 @@ class WorkerPool {
 
   // ---- For tasks.
 
+  // For what the parts of a task do one after the other. There are two independent orders.
+  enum Order : unsigned { kFirstOrder, kSecondOrder };
+
   // Waits until passTurn() was called `number` times since the task was started. Does not return if
-  // the attempt has failed. For parts with an order; every number must come.
-  void waitForTurn(uint32_t number);
-  void passTurn();
+  // the attempt has failed. Every number must come.
+  void waitForTurn(Order order, uint32_t number);
+  void passTurn(Order order);
   // Does not return if the attempt has failed.
   void checkAttempt() const;
 
