@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "symforge/src/emit/function_list.h"
@@ -16,20 +17,26 @@ bool collectWithWorkers(WorkerPool& pool, const ModuleSources& sources, size_t m
   if (!pool.usable()) return false;
   const std::vector<ModulePart> parts = moduleParts(sources.modules, pool.size());
   std::vector<Functions> functionsOf(parts.size());
-  std::vector<InlineSites> sitesOf(parts.size(), InlineSites(sources.names));
+  std::vector<std::optional<InlineSites>> sitesOf(parts.size());
   WorkQueue queue(parts.size());
   FileAttempt attempt(pool, sources.file, [&](unsigned) {
     size_t part;
     while (queue.take(part)) {
+      // What is changed often is on the thread's own stack: threads slow each other down when they
+      // write to the same cache line.
+      Functions some;
+      InlineSites someSites(sources.names);
       for (size_t i = parts[part].first; i < parts[part].end; ++i) {
         getModuleFunctions(sources.modules[i], sources.sections,
-                           sites != nullptr ? &sitesOf[part] : nullptr, functionsOf[part]);
+                           sites != nullptr ? &someSites : nullptr, some);
       }
+      functionsOf[part] = std::move(some);
+      sitesOf[part].emplace(std::move(someSites));
     }
   });
   if (!attempt.finish()) return false;
   for (size_t part = 0; sites != nullptr && part < parts.size(); ++part) {
-    sites->append(sitesOf[part], functionsOf[part]);
+    sites->append(*sitesOf[part], functionsOf[part]);
   }
   joinSorted(functionsOf, more, functions);
   return true;

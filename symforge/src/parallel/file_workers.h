@@ -16,8 +16,8 @@
 namespace symforge_internal {
 
 // An attempt of a FileWorkers. Workers have budgets of their own, as the file's is for one thread.
-// Together they often spend more than one thread would, as each reads what it needs: an attempt
-// that comes near a limit fails, so that only one thread decides whether the limit is exceeded.
+// Together they can spend more than one thread would, as each reads what it needs: an attempt that
+// comes near such a limit fails, so that only one thread decides whether the limit is exceeded.
 class FileAttempt {
  public:
   // Starts `task` on all workers of `pool`; waits in the destructor.
@@ -29,7 +29,7 @@ class FileAttempt {
  private:
   const MsfFile& m_file;
   const FileBudget m_before;
-  std::vector<FileBudget> m_budgets;  // by worker
+  std::vector<FileBudget> m_budgets;  // what each worker has left
   WorkerRun m_run;
 };
 

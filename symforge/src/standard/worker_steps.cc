@@ -62,18 +62,21 @@ bool collectWithWorkers(WorkerPool& pool, const MsfFile& file, const ModuleStrea
   if (!pool.usable()) return false;
   const std::vector<ModulePart> parts = moduleParts(modules, pool.size());
   const std::vector<bool> repeated = FunctionCollector::repeatedStreams(modules);
-  std::vector<FunctionCollector> collectors;
-  collectors.reserve(parts.size());
-  while (collectors.size() < parts.size()) collectors.emplace_back(sections, withInlines);
+  std::vector<std::optional<FunctionCollector>> collectors(parts.size());
   WorkQueue queue(parts.size());
   FileAttempt attempt(pool, file, [&](unsigned) {
     size_t part;
     while (queue.take(part)) {
-      collectors[part].collectPart(modules, repeated, parts[part].first, parts[part].end);
+      FunctionCollector some(sections, withInlines);  // on the thread's own stack while it changes
+      some.collectPart(modules, repeated, parts[part].first, parts[part].end);
+      collectors[part].emplace(std::move(some));
     }
   });
   if (!attempt.finish()) return false;
-  collector.join(collectors);
+  std::vector<FunctionCollector> found;
+  found.reserve(parts.size());
+  for (std::optional<FunctionCollector>& some : collectors) found.push_back(*std::move(some));
+  collector.join(found);
   return true;
 }
 
