@@ -73,6 +73,18 @@ size_t bytes_expected(int fd) {
 
 }  // namespace
 
+int open_regular(const char* path) {
+  const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  struct stat status;
+  if (fd == -1) return -1;
+  const bool known = fstat(fd, &status) == 0;
+  if (known && S_ISREG(status.st_mode)) return fd;
+  const int error = known ? EINVAL : errno;
+  close(fd);
+  errno = error;
+  return -1;
+}
+
 bool FileDescriptor::close() {
   if (fd_ == -1) return true;
   const bool closed = ::close(fd_) == 0;

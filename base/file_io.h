@@ -31,6 +31,10 @@ class FileDescriptor {
   int fd_;
 };
 
+// Opens a regular file for reading. -1 for a file that cannot be opened, and for everything else:
+// opening a FIFO or a device would block or have side effects. `errno` is then EINVAL.
+int open_regular(const char* path);
+
 // Appends the file, from its current position, to `content`: to the end of the file, or at most
 // `limit` bytes. The rest of a regular file is read with one call.
 bool read_file(int fd, TextBuffer& content, size_t limit = SIZE_MAX);

@@ -172,8 +172,8 @@ bool quick_parse(const char* line, const char* end, PublicFields* fields);
 bool quick_parse(const char* line, const char* end, InlineFields* fields);
 bool quick_parse(const char* line, const char* end, StackWinFields* fields);
 bool quick_parse(const char* line, const char* end, StackCFIFields* fields);
-// Finds the end of the line and stores it in `*end`.
-bool quick_parse(const char* line, const char** end, LineFields* fields);
+// Finds the end of the line and stores it in `*end`. The text ends at `text_end`.
+bool quick_parse(const char* line, const char* text_end, const char** end, LineFields* fields);
 
 bool parse(char* line, char* end, FileFields* fields);
 bool parse(char* line, char* end, FunctionFields* fields);
@@ -185,7 +185,8 @@ bool parse(char* line, char* end, InlineFields* fields);
 
 bool parse(char* line, char* end, InlineOriginFields* fields);
 // Replaces the contents of `ranges` by those that fields->ranges refers to. Numbers consist of
-// digits only, at most 18 decimal or 15 hexadecimal ones. The line is not modified.
+// digits only, at most 18 decimal or 15 hexadecimal ones. More than kMaxInlineSites ranges are
+// rejected. The line is not modified.
 bool parse(const char* line, const char* end, InlineCallFields* fields,
            std::vector<InlineCallFields::Range>* ranges);
 

@@ -14,6 +14,7 @@
 #include "google_breakpad/processor/basic_source_line_resolver.h"
 #include "tests/support/code_module.h"
 #include "tests/support/memory_file.h"
+#include "tests/support/module_lookups.h"
 
 using fuzzing::require;
 using google_breakpad::BasicSourceLineResolver;
@@ -57,6 +58,20 @@ void ask(BasicSourceLineResolver& resolver, uint64_t address) {
                    [&] { delete resolver.FindCFIFrameInfo(&frame); });
 }
 
+// LoadModule makes an index of the tables that are in order.
+void compare_routes(const std::string& block, const std::vector<uint64_t>& addresses) {
+  const test_support::ModuleLookups plain(block, false);
+  const test_support::ModuleLookups indexed(block, true);
+  const std::vector<std::string> array = plain.array(addresses);
+  const std::vector<std::string> indexed_array = indexed.array(addresses);
+  for (size_t i = 0; i < addresses.size(); ++i) {
+    const std::string frame = plain.one(addresses[i]);
+    require(array[i] == frame && indexed_array[i] == frame, "one frame from arrays");
+    require(indexed.one(addresses[i]) == frame, "one frame by the index");
+    require(indexed.rules(addresses[i]) == plain.rules(addresses[i]), "one set of rules");
+  }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -77,6 +92,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::vector<uint64_t> addresses = is_symb ? words_of(content) : fuzzing::addresses_in(content);
   addresses.resize(std::min<size_t>(addresses.size(), 100));
   for (const uint64_t address : addresses) ask(resolver, address);
+  if (is_symb && loaded) compare_routes(content, addresses);
   const bool corrupt = resolver.IsModuleCorrupt(&code);
   resolver.UnloadModule(&code);
   require(!resolver.HasModule(&code) && !resolver.IsModuleCorrupt(&code),

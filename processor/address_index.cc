@@ -4,8 +4,12 @@
 
 namespace google_breakpad {
 
-void AddressIndex::allocate(uint64_t records, uint64_t records_per_key) {
-  uint64_t size = (records + records_per_key - 1) / records_per_key;
+void AddressIndex::allocate(uint64_t records) {
+  constexpr uint64_t kUsualKeys = 32768;
+  constexpr unsigned kMinShift = 2, kMaxShift = 6;
+  records_shift_ = kMinShift;
+  while (records_shift_ < kMaxShift && records >> records_shift_ > kUsualKeys) ++records_shift_;
+  uint64_t size = ((records - 1) >> records_shift_) + 1;
   uint64_t total = 0;
   levels_ = 0;
   while (true) {

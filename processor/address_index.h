@@ -1,9 +1,10 @@
 // AddressIndex: finds positions in a sorted table of a SYMB block with few cache misses.
 //
 // A binary search in a table of a million records reads twenty cache lines, of which about ten are
-// in no cache. The index holds the address of every fourth or eighth record in a tree of nodes of
-// 16 keys, which are one cache line each. A search reads one node on each of its five levels, which
-// mostly stay in the caches, and then the records from one key to the next.
+// in no cache. The index holds the addresses of some records in a tree of nodes of 16 keys, which
+// are one cache line each. It has at most about 32,768 keys, so that it stays in a core's second
+// cache while many random lookups are made: of a million records every 32nd. The position between
+// two keys is estimated by interpolation, and the records around it are prefetched.
 //
 // A search by the index ends in the same state as a binary search in the same table. It is only
 // made for tables for which that is true: their addresses ascend, and ranges are disjoint.
@@ -12,6 +13,7 @@
 
 #include <emmintrin.h>
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <cstddef>
@@ -29,15 +31,15 @@ class AddressIndex {
   static constexpr size_t kNodeKeys = 16;
 
   // Indexes the table of a search, which covers the whole table. Returns false, and changes
-  // nothing, if the table is empty, is not in order or has more than 2^32 - 1 records. Reads all of
-  // it. Takes memory of at most a fifth of a byte for each byte of addresses. Throws
-  // std::bad_alloc.
+  // nothing, if the table is empty, is not in order or has more than 2^32 - 2 records. Reads all of
+  // it. Takes memory of about a byte for each record, at most about 140 KB for the first two
+  // million records. Throws std::bad_alloc.
   template <typename Step>
   bool build(const SymbSearch& whole) {
     if (whole.hi == 0 || whole.hi >= UINT32_MAX || !Step::is_in_order(whole)) return false;
-    allocate(whole.hi, kRecordsPerKey<Step>);
+    allocate(whole.hi);
     for (uint64_t key = 0; key < level_sizes_[0]; ++key) {
-      keys_[key] = biased(Step::start(whole, key * kRecordsPerKey<Step>));
+      keys_[key] = biased(Step::start(whole, key << records_shift_));
     }
     fill_upper_levels();
     return true;
@@ -47,28 +49,34 @@ class AddressIndex {
   // Runs a search over the whole table.
   template <typename Step>
   void search(SymbSearch& search) const {
-    const Key key = key_of<Step>(search);
-    uint32_t node = 0;
-    for (size_t level = levels_; level-- > 0;) node = child(level, node, key);
-    prefetch_records<Step>(search, node);
-    finish<Step>(search, node);
+    const uint64_t guess = guess_of<Step>(search, lowest_key<Step>(search));
+    prefetch_around<Step>(search, guess);
+    finish<Step>(search, guess);
+  }
+  // Prefetches the records at which a search would end.
+  template <typename Step>
+  [[gnu::always_inline]] void prefetch(const SymbSearch& search) const {
+    if (is_built()) {
+      prefetch_around<Step>(search, guess_of<Step>(search, lowest_key<Step>(search)));
+    }
   }
 
   // Runs several searches over the whole table together, so that all wait for memory at once.
   template <typename Step, size_t kMost>
   void search_together(std::span<SymbSearch> searches) const {
     std::array<uint32_t, kMost> nodes{};
+    std::array<uint64_t, kMost> guesses;
     for (size_t level = levels_; level-- > 0;) {
       for (size_t i = 0; i < searches.size(); ++i) {
         nodes[i] = child(level, nodes[i], key_of<Step>(searches[i]));
-        if (level > 0) {
-          prefetch(level - 1, nodes[i]);
-        } else {
-          prefetch_records<Step>(searches[i], nodes[i]);
-        }
+        if (level > 0) prefetch_node(level - 1, nodes[i]);
       }
     }
-    for (size_t i = 0; i < searches.size(); ++i) finish<Step>(searches[i], nodes[i]);
+    for (size_t i = 0; i < searches.size(); ++i) {
+      guesses[i] = guess_of<Step>(searches[i], nodes[i]);
+      prefetch_around<Step>(searches[i], guesses[i]);
+    }
+    for (size_t i = 0; i < searches.size(); ++i) finish<Step>(searches[i], guesses[i]);
   }
 
  private:
@@ -80,17 +88,13 @@ class AddressIndex {
     void operator()(Key* keys) const { ::operator delete (keys, std::align_val_t{kNodeBytes}); }
   };
 
-  // The records of one key take two or three cache lines.
-  template <typename Step>
-  static constexpr uint64_t kRecordsPerKey = Step::kStride <= 16 ? 8 : 4;
-
   static Key biased(uint32_t address) { return static_cast<Key>(address ^ 0x80000000); }
   template <typename Step>
   static Key key_of(const SymbSearch& search) {
     return biased(Step::low_key(search.key));
   }
 
-  void allocate(uint64_t records, uint64_t records_per_key);
+  void allocate(uint64_t records);
   void fill_upper_levels();
 
   // The number of keys of a node, which ascend, at or below `key`.
@@ -110,28 +114,49 @@ class AddressIndex {
     const uint32_t found = node * kNodeKeys + count - (count > 0 ? 1 : 0);
     return found < level_sizes_[level] ? found : level_sizes_[level] - 1;
   }
-  void prefetch(size_t level, uint32_t node) const {
+  // The last key at or below that of a search; the first one if there is none.
+  template <typename Step>
+  uint32_t lowest_key(const SymbSearch& search) const {
+    const Key key = key_of<Step>(search);
+    uint32_t node = 0;
+    for (size_t level = levels_; level-- > 0;) node = child(level, node, key);
+    return node;
+  }
+  void prefetch_node(size_t level, uint32_t node) const {
     __builtin_prefetch(&keys_[level_starts_[level] + node * kNodeKeys]);
   }
+  // Where the result of a search is expected, given the last key at or below.
   template <typename Step>
-  [[gnu::always_inline]] static void prefetch_records(const SymbSearch& search, uint32_t key) {
-    constexpr size_t kLine = 64, kBytes = kRecordsPerKey<Step> * Step::kStride;
-    const char* at = search.records + key * kBytes;
-    for (size_t line = 0; line < kBytes; line += kLine) __builtin_prefetch(at + line);
-    __builtin_prefetch(at + kBytes - 1);
+  uint64_t guess_of(const SymbSearch& search, uint32_t key) const {
+    const uint64_t first = uint64_t{key} << records_shift_;
+    if (key + 1 >= level_sizes_[0]) return first;
+    const auto distance = [this, key](Key to) {
+      return static_cast<uint32_t>(to) - static_cast<uint32_t>(keys_[key]);
+    };
+    const uint32_t span = distance(keys_[key + 1]);
+    const uint32_t part = std::min(distance(key_of<Step>(search)), span - 1);  // if below the first
+    return first + (uint64_t{part} << records_shift_) / span;
   }
-  // Ends a search whose result is among the records of a key.
   template <typename Step>
-  static void finish(SymbSearch& search, uint32_t key) {
-    const uint64_t begin = key * kRecordsPerKey<Step>;
-    const uint64_t end = std::min(begin + kRecordsPerKey<Step>, search.hi);
+  [[gnu::always_inline]] static void prefetch_around(const SymbSearch& search, uint64_t position) {
+    constexpr ptrdiff_t kLine = 64;
+    const char* at = search.records + position * Step::kStride;
+    for (const ptrdiff_t line : {-kLine, ptrdiff_t{0}, kLine, 2 * kLine}) {
+      __builtin_prefetch(at + line);
+    }
+  }
+  // Ends a search whose result is expected at `position`.
+  template <typename Step>
+  static void finish(SymbSearch& search, uint64_t position) {
     const uint32_t address = Step::low_key(search.key);
-    uint64_t at_most = begin;
-    for (uint64_t i = begin; i < end; ++i) at_most += Step::start(search, i) <= address ? 1 : 0;
-    Step::finish(search, at_most);
+    uint64_t end = position;  // no record before it starts above the address
+    while (end > 0 && Step::start(search, end - 1) > address) --end;
+    while (end < search.hi && Step::start(search, end) <= address) ++end;
+    Step::finish(search, end);
   }
 
   std::unique_ptr<Key[], Release> keys_;  // the lowest level first
+  unsigned records_shift_ = 0;            // a key for each 2^n records
   size_t levels_ = 0;
   // In keys. Each level begins at a multiple of a node; the rest of its last node is the highest
   // key.

@@ -16,6 +16,37 @@
 
 namespace google_breakpad {
 
+// One rule of a rule set.
+struct CFIRule {
+  std::string_view name;        // without the colon
+  std::string_view expression;  // as in the text, without blanks around it
+
+  // The expression with single blanks.
+  std::string JoinedExpression() const;
+};
+
+// Splits a rule set without copying it.
+class CFIRuleCursor {
+ public:
+  enum class Result { kRule, kEnd, kMalformed };
+
+  // `rule_set` ends at the first NUL, and must outlive the rules.
+  explicit CFIRuleCursor(std::string_view rule_set);
+
+  // Sets `*rule` to the next rule. Returns kMalformed if the text is empty or the next rule lacks
+  // its name or expression, also if a colon without a name follows it.
+  Result Next(CFIRule* rule);
+
+ private:
+  void FindName(const char* from);
+
+  const char* end_;
+  // The next name, with its colon at `name_end_`. Both are `end_` if there is none.
+  const char* name_begin_;
+  const char* name_end_;
+  bool is_malformed_ = false;  // the text does not begin with a name
+};
+
 class CFIRuleParser {
  public:
   // Receives the rules.
@@ -30,16 +61,15 @@ class CFIRuleParser {
   // `handler` is not owned and must outlive the parser.
   explicit CFIRuleParser(Handler* handler) : handler_(handler) {}
 
-  // Passes each rule of `rule_set` to the handler, in order. Returns false if the text is empty or
-  // a rule lacks its name or expression; the rules before that one have been passed on.
-  bool Parse(const std::string& rule_set);
+  // Passes each rule of `rule_set`, which ends at the first NUL, to the handler, in order. Returns
+  // false if the text is empty or a rule lacks its name or expression; the rules before that one
+  // have been passed on.
+  bool Parse(std::string_view rule_set);
 
  private:
-  bool Report();
+  void Report(const CFIRule& rule);
 
   Handler* handler_;
-  std::string name_;        // of the current rule
-  std::string expression_;  // the expression so far
 };
 
 // Limits the rule sets that one lookup applies to kMaxRuleCost (common/lookup_limits.h).

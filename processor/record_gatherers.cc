@@ -3,28 +3,13 @@
 #include <utility>
 
 #include "base/range_nesting.h"
+#include "common/lookup_limits.h"
 
 namespace google_breakpad {
 
 using symforge_internal::Arena;
 using symforge_internal::NestedRangeStack;
 using symforge_internal::RangeNesting;
-
-void LineGatherer::Store(const Line& line) {
-  const MemAddr high = line.address + line.size - 1;
-  const bool valid = line.size > 0 && high >= line.address;
-  if (!ordered_ || !valid) {
-    StoreOutOfOrder(line);
-    return;
-  }
-  // Compares last addresses, because the address after a line may overflow.
-  if (lines_.empty() || line.address > lines_.back().address + (lines_.back().size - 1)) {
-    lines_.push_back(line);
-  } else if (high < lines_.back().address) {
-    StoreOutOfOrder(line);
-  }
-  // Any other line overlaps the last one and is dropped.
-}
 
 // Falls back to the range map. Also called for invalid ranges, which the map rejects; it logs a
 // line for one that exceeds the largest address.
@@ -67,6 +52,7 @@ void LineGatherer::Clear() {
 void InlineGatherer::Store(const InlineFunction& site, std::string_view name) {
   const Site new_site{site, name};
   if (site.code_size == 0 || new_site.high() < site.function_address) return;
+  if (sites_.size() == symforge_internal::kMaxInlineSites) return;
   if (ordered_) {
     const NestedRangeStack::Result result = nesting_.add(site.function_address, site.code_size);
     if (result == NestedRangeStack::Result::kIgnored) return;

@@ -19,18 +19,6 @@ namespace {
 // More accesses than a core has in flight, and few enough to stay in its first cache.
 constexpr size_t kGroup = 32;
 
-// Prefetches all lines of most functions, and the records that the search of any other visits
-// first.
-[[gnu::always_inline]] inline void prefetch_lines(const SymbSearch& search) {
-  constexpr size_t kLine = 64, kMost = 4;
-  const size_t bytes = search.hi * sizeof(symb_line);
-  if (bytes > kMost * kLine) {
-    __builtin_prefetch(search.records + search.middle() * sizeof(symb_line));
-    return;
-  }
-  for (size_t at = 0; at < bytes; at += kLine) __builtin_prefetch(search.records + at);
-}
-
 // Resolves up to kGroup addresses. `Function` is the record type of the block's version.
 template <typename Function>
 class GroupLookup {
@@ -92,12 +80,12 @@ void GroupLookup<Function>::find_lines(std::span<ResolvedAddress> answers) {
     lines_[i] = {};
     if (!functions_[i].has_found()) continue;
     records_[i] = SymbTables::found<Function>(functions_[i]);
-    tables_.prefetch(records_[i].name);
+    tables_.prefetch_name(records_[i].name);
     if constexpr (kHasInlines) {
       if (records_[i].inline_count != 0) tables_.prefetch(records_[i].inlines);
     }
     lines_[i] = tables_.line_search(records_[i], addresses_[i]);
-    prefetch_lines(lines_[i]);
+    prefetch_start<LineStep>(lines_[i]);
   }
   for (SymbSearch& search : used(lines_)) search_by_guess<LineStep>(search);
   for (size_t i = 0; i < size_; ++i) {
@@ -116,7 +104,7 @@ void GroupLookup<Function>::find_files(std::span<ResolvedAddress> answers) {
   }
   search_together<FileStep>(used(files_));
   for (const SymbSearch& search : used(files_)) {
-    if (search.has_found()) tables_.prefetch(SymbTables::found<symb_file>(search).name);
+    if (search.has_found()) tables_.prefetch_name(SymbTables::found<symb_file>(search).name);
   }
 }
 

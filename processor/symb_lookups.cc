@@ -2,6 +2,7 @@
 // Nothing is parsed or cached; IndexTables() adds an index, which does not change results. Array
 // lookups are in symb_array_lookups.cc.
 
+#include <algorithm>
 #include <memory>
 #include <memory_resource>
 #include <string_view>
@@ -31,6 +32,7 @@ template <typename Function>
 void resolve_line(const SymbTables& tables, const Function& function, uint64_t address,
                   ResolvedAddress* answer) {
   SymbSearch search = tables.line_search(function, address);
+  prefetch_start<LineStep>(search);
   search_by_guess<LineStep>(search);
   if (!search.has_found()) return;
   const auto line = SymbTables::found<symb_line>(search);
@@ -47,7 +49,7 @@ void resolve_plain(const SymbTables& tables, uint64_t address, ResolvedAddress* 
   tables.run<FunctionStep>(search, &SymbIndex::functions);
   if (!search.has_found()) return;
   const auto function = SymbTables::found<symb_func>(search);
-  tables.prefetch(function.name);
+  tables.prefetch_name(function.name);
   resolve_line(tables, function, address, answer);
   tables.set_function(function, answer);
 }
@@ -72,9 +74,8 @@ void resolve_with_inlines(const SymbTables& tables, uint64_t address, ResolvedAd
     return;
   }
   const auto function = SymbTables::found<symb_func_inline>(search);
-  // The next accesses go to three distant locations.
-  tables.prefetch(function.name);
-  tables.prefetch(function.lines);
+  // The next accesses go to three distant locations: the name, the lines and the sites.
+  tables.prefetch_name(function.name);
   if (function.inline_count != 0) tables.prefetch(function.inlines);
   resolve_line(tables, function, address, answer);
   tables.set_function(function, answer);
@@ -193,18 +194,31 @@ CFIFrameInfo* BasicSourceLineResolver::Module::FindCFIFrameInfoB(const StackFram
   const SymbTables tables(symb_base_, symb_size_, symb_index_.get());
   const uint64_t address = relative_address(*frame);
   SymbSearch search = tables.initial_rules().search_for(address);
+  // The changes to the initial rules are near the address in their own table. Waiting for both
+  // tables at once is shorter.
+  SymbSearch near = tables.delta_rules().search_for(address);
+  if (symb_index_ != nullptr) symb_index_->delta_rules.prefetch<DeltaRuleStep>(near);
   tables.run<InitialRuleStep>(search, &SymbIndex::initial_rules);
   if (!search.has_found()) return nullptr;
   const auto initial = SymbTables::found<symb_cfi_rule>(search);
-  RuleSetApplier rules(*this);
-  if (!rules.ApplyInitial(tables.string(initial.rule))) return nullptr;
+  tables.prefetch_name(initial.rule);
 
   const SymbTable deltas = tables.delta_rules();
   SymbSearch first = deltas.search_for(initial.base);
   tables.run<DeltaRuleStep>(first, &SymbIndex::delta_rules);
+  const auto delta_at = [&deltas](uint64_t position) {
+    return symb_load<symb_cfi_delta_rule>(deltas.records + position * sizeof(symb_cfi_delta_rule));
+  };
+  constexpr uint64_t kUsual = 4;
+  for (uint64_t i = first.end_below(); i < std::min(first.end_below() + kUsual, deltas.count);
+       ++i) {
+    tables.prefetch_name(delta_at(i).rule);
+  }
+
+  RuleSetApplier rules;
+  if (!rules.ApplyInitial(tables.string(initial.rule))) return nullptr;
   for (uint64_t i = first.end_below(); i < deltas.count; ++i) {
-    const auto delta =
-        symb_load<symb_cfi_delta_rule>(deltas.records + i * sizeof(symb_cfi_delta_rule));
+    const symb_cfi_delta_rule delta = delta_at(i);
     if (delta.address > address) break;
     if (!rules.ApplyDelta(tables.string(delta.rule))) return nullptr;
   }

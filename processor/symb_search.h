@@ -134,7 +134,7 @@ struct FileStep {
 // Takes one step. The branches are hard to predict, but let the processor load the next record
 // before the comparison is known.
 template <typename Step>
-void take_step(SymbSearch& search) {
+[[gnu::always_inline]] inline void take_step(SymbSearch& search) {
   const uint64_t mid = search.middle();
   const SymbOrder order = Step::compare(search, mid);
   if (order.below) {
@@ -148,7 +148,9 @@ void take_step(SymbSearch& search) {
 
 template <typename Step>
 void search_alone(SymbSearch& search) {
-  while (!search.is_over()) take_step<Step>(search);
+  SymbSearch state = search;  // in registers
+  while (!state.is_over()) take_step<Step>(state);
+  search = state;
 }
 
 // Takes steps of all searches in turn until all are over, so that all wait for memory at once.
@@ -189,6 +191,19 @@ template <typename Step>
   }
 }
 
+// Prefetches all records of a short table, and the first one that the search of any other visits.
+template <typename Step>
+[[gnu::always_inline]] inline void prefetch_start(const SymbSearch& search) {
+  constexpr size_t kLine = 64, kShort = 4 * kLine;
+  const size_t bytes = search.hi * Step::kStride;
+  if (bytes > kShort) {
+    __builtin_prefetch(search.records + search.middle() * Step::kStride);
+    return;
+  }
+  for (size_t at = 0; at < bytes; at += kLine) __builtin_prefetch(search.records + at);
+  __builtin_prefetch(search.records + bytes);
+}
+
 // A search of one address.
 //
 // The first steps in a large table hit the cache, because all searches share them. Each later step
@@ -198,21 +213,20 @@ template <typename Step>
 template <typename Step>
 void search_by_guess(SymbSearch& search) {
   constexpr uint64_t kParts[] = {4096, 128};
-  const uint64_t count = search.hi;
+  SymbSearch state = search;  // in registers
   for (const uint64_t part : kParts) {
-    if (count <= part) continue;
-    while (search.lo + part < search.hi) take_step<Step>(search);
-    if (search.is_over()) return;
+    if (search.hi <= part) continue;
+    while (state.lo + part < state.hi) take_step<Step>(state);
+    if (state.is_over()) break;
     // The records around the part have been visited.
-    const uint32_t below = search.lo == 0 ? 0 : Step::start(search, search.lo - 1);
-    const uint32_t above = search.hi == count ? UINT32_MAX : Step::start(search, search.hi);
-    const auto address = static_cast<uint32_t>(search.key);
-    const uint64_t span = uint64_t{above} - below + 1;
-    const uint64_t guess =
-        search.lo + (search.hi - search.lo) * uint64_t{address - below} / (span | 1);
-    prefetch_path<Step>(search, guess);
+    const uint32_t below = state.lo == 0 ? 0 : Step::start(state, state.lo - 1);
+    const uint32_t above = state.hi == search.hi ? UINT32_MAX : Step::start(state, state.hi);
+    const uint64_t span = uint64_t{above - below} + 1;
+    const uint32_t distance = Step::low_key(state.key) - below;
+    prefetch_path<Step>(state, state.lo + (state.hi - state.lo) * distance / span);
   }
-  search_alone<Step>(search);
+  while (!state.is_over()) take_step<Step>(state);
+  search = state;
 }
 
 }  // namespace google_breakpad

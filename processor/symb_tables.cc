@@ -85,7 +85,7 @@ void SymbTables::append_inlines(uint64_t offset, uint32_t count, uint64_t addres
     const auto by_nesting = inline_stack_by_nesting(sites, address);
     stack.assign(by_nesting.begin(), by_nesting.end());
   }
-  for (const char* site : stack) prefetch(symb_load<symb_inline>(site).name);
+  for (const char* site : stack) prefetch_name(symb_load<symb_inline>(site).name);
   answer->first_inline = inlines->size();
   answer->inline_count = static_cast<uint32_t>(stack.size());
   for (auto record = stack.rbegin(); record != stack.rend(); ++record) {

@@ -187,7 +187,7 @@ CFIFrameInfo* BasicSourceLineResolver::Module::FindCFIFrameInfo(const StackFrame
   if (!cfi_initial_rules_.RetrieveRange(address, &initial_rules, &initial_base, nullptr, nullptr)) {
     return nullptr;
   }
-  RuleSetApplier rules(*this);
+  RuleSetApplier rules;
   if (!rules.ApplyInitial(limited_string(initial_rules))) return nullptr;
   // The changes from the start of the range up to the address.
   for (auto delta = cfi_delta_rules_.lower_bound(initial_base);

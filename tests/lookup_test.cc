@@ -14,6 +14,7 @@
 #include "builders/symbol_text.h"
 #include "processor/contained_range_map.h"
 #include "tests/support/data.h"
+#include "tests/support/module_lookups.h"
 #include "tests/support/symb_images.h"
 #include "tests/support/symbols.h"
 
@@ -225,6 +226,51 @@ TEST(LookupTest, TextAndBlockAgree) {
     EXPECT_GT(
         expect_agreement(read_file(std::string(SYMFORGE_FIXTURES "/") + name + ".sym"), addresses),
         0);
+  }
+}
+
+// With functions out of order, which no index may change: the results of a binary search.
+SymbModel disordered(SymbModel model) {
+  std::swap(model.functions.front(), model.functions.back());
+  model.files.push_back(model.files.front());
+  model.delta_rules.push_back(model.delta_rules.front());
+  return model;
+}
+
+TEST(LookupTest, ArraysAndIndexesAgreeWithSingleLookups) {
+  SymbolTextShape shape;
+  shape.functions = 40000;  // an index of four levels
+  shape.lines = 2;
+  shape.inline_depth = 1;
+  const std::string at_the_end = image_of(
+                                     "MODULE windows x86_64 01 a.pdb\nFUNC 1000 10 0 f\n"
+                                     "FUNC fffffff0 f 0 last\nPUBLIC ffffffff 0 end\n")
+                                     .value();
+  const std::string contents[] = {test_data("rich_shuffled.sym"),
+                                  rich_symb_model(1).bytes(),
+                                  rich_symb_model(2).bytes(),
+                                  rich_symb_model(3).bytes(),
+                                  disordered(rich_symb_model()).bytes(),
+                                  at_the_end,
+                                  image_of(symbol_text(shape)).value(),
+                                  read_file(SYMFORGE_FIXTURES "/engine64.sym")};
+  std::mt19937_64 random(13);
+  std::vector<uint64_t> addresses = {0, UINT32_MAX - 1, UINT32_MAX, UINT64_MAX, 0x100001010};
+  for (uint64_t address = 0xff0; address < 0x3100; address += 5) addresses.push_back(address);
+  while (addresses.size() < 5000) addresses.push_back(random() % (symbol_text_end(shape) + 0x100));
+  for (const std::string& content : contents) {
+    const test_support::ModuleLookups plain(content, false);
+    const test_support::ModuleLookups indexed(content, true);
+    const std::vector<std::string> plain_array = plain.array(addresses);
+    const std::vector<std::string> indexed_array = indexed.array(addresses);
+    for (size_t i = 0; i < addresses.size() && !HasFailure(); ++i) {
+      SCOPED_TRACE(addresses[i]);
+      const std::string expected = plain.one(addresses[i]);
+      EXPECT_EQ(plain_array[i], expected);
+      EXPECT_EQ(indexed_array[i], expected);
+      EXPECT_EQ(indexed.one(addresses[i]), expected);
+      EXPECT_EQ(indexed.rules(addresses[i]), plain.rules(addresses[i]));
+    }
   }
 }
 

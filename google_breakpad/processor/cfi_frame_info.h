@@ -19,7 +19,7 @@ class CFIFrameInfo {
   void SetCFARule(const std::string& expression) { cfa_rule_ = expression; }
   void SetRARule(const std::string& expression) { ra_rule_ = expression; }
   void SetRegisterRule(const std::string& name, const std::string& expression) {
-    register_rules_[name] = expression;
+    register_rules_.insert_or_assign(register_rules_.end(), name, expression);
   }
 
   // The rules of the canonical frame address (CFA), of the return address, and of the other

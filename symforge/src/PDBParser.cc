@@ -81,6 +81,8 @@ PDBParser::~PDBParser() = default;
 
 const std::string& PDBParser::debug_id() const { return m_rep->debugId; }
 
+const CodeFile& PDBParser::codeFile() const { return m_rep->codeFile; }
+
 void PDBParser::close() { m_rep->file.close(); }
 
 void PDBParser::load(const char* pdb, const char* exe, const char* sympath, TextBuffer& out) {
@@ -158,7 +160,11 @@ void PDBParser::printBreakpadSymbols(TextBuffer& out, FileMod* fileMod) {
   TypeTable ids;
   loadTypeStream(file, kTypeInfoStream, types, /*required=*/true);
   loadTypeStream(file, kIPIStream, ids, /*required=*/false);
-  refuseTokenMap(*debugHeader);
+  if (hasTokenMap(*debugHeader)) {
+    throw pdb_refusal(kHasTokenMap,
+                      "this PDB has managed code, which is not converted; --standard converts its "
+                      "native functions, if it has any");
+  }
 
   TypeNames typeNames(types, ids);
   InlineeLines inlinees;

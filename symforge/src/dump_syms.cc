@@ -11,19 +11,23 @@
 #include <cstdio>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "base/printable.h"
 #include "common/symforge_version.h"
 #include "google_breakpad/processor/log_sink.h"
 #include "symforge/src/driver/batch.h"
+#include "symforge/src/driver/check_file.h"
 #include "symforge/src/driver/conversion_options.h"
 #include "symforge/src/driver/convert.h"
 #include "symforge/src/driver/end_signals.h"
 #include "symforge/src/driver/free_memory.h"
+#include "symforge/src/driver/identify.h"
 #include "symforge/src/driver/input_list.h"
 #include "symforge/src/driver/last_message.h"
 #include "symforge/src/driver/messages.h"
+#include "symforge/src/driver/sandbox.h"
 
 using symforge_internal::ConversionInput;
 using symforge_internal::ConversionOptions;
@@ -35,7 +39,10 @@ using symforge_internal::report;
 namespace {
 
 struct Options {
-  std::optional<bool> sync;  // empty: the mode decides
+  bool identify = false;
+  bool check = false;
+  const char* against = nullptr;  // of --check, borrowed
+  std::optional<bool> sync;       // empty: the mode decides
   // The arguments of options that are numbers, borrowed.
   const char* jobs = "1";
   const char* max_memory = "0";
@@ -55,7 +62,12 @@ enum LongOption {
   kNoSandbox,
   kMaxMemory,
   kFilesFrom,
-  kIfChanged
+  kIfChanged,
+  kIdentify,
+  kCheck,
+  kAgainst,
+  kReport,
+  kReportOfBatch,
 };
 
 constexpr option kLongOptions[] = {
@@ -75,6 +87,11 @@ constexpr option kLongOptions[] = {
     {"sync", no_argument, nullptr, kSync},
     {"no-sync", no_argument, nullptr, kNoSync},
     {"no-sandbox", no_argument, nullptr, kNoSandbox},
+    {"identify", no_argument, nullptr, kIdentify},
+    {"check", no_argument, nullptr, kCheck},
+    {"against", required_argument, nullptr, kAgainst},
+    {"report", required_argument, nullptr, kReport},
+    {"report-of-batch", required_argument, nullptr, kReportOfBatch},  // for children of a batch
     {nullptr, 0, nullptr, 0},
 };
 
@@ -113,7 +130,9 @@ void print_help() {
       "Usage: %s [options] INPUT [TREE]\n"
       "       %s [options] -e IMAGE -s TREE\n"
       "       %s [options] -s TREE INPUT...\n"
-      "       %s [options] -r FOLDER TREE\n\n"
+      "       %s [options] -r FOLDER TREE\n"
+      "       %s --identify FILE...\n"
+      "       %s --check [--against FILE] FILE...\n\n"
       "Makes a Breakpad symbol file of a PDB, a text symbol file or a SYMB file, on standard\n"
       "output or in the symbol tree TREE. With several inputs or a folder this is a batch. The\n"
       "INPUT - is a text or SYMB file on standard input.\n\n"
@@ -134,13 +153,17 @@ void print_help() {
       "                      (with --standard by default)\n"
       "      --no-sync       leave that to the system (by default without --standard)\n"
       "      --no-sandbox    keep all rights of the process during a conversion\n"
+      "      --report FILE   append one JSON object for each conversion; -: to standard error\n"
+      "      --identify      print what each file is, one JSON object a line\n"
+      "      --check         check symbol files, one JSON object a line\n"
+      "      --against FILE  with --check: the PDB or image that they must belong to\n"
       "  -v, --version       print the version\n"
       "  -h                  print the short usage\n"
       "      --help          print this text\n\n"
       "Exit status: 0 success; 1 failure or wrong usage; 2 with --standard, some inputs of a batch "
       "failed;\n"
       "128 and the number of the signal for a batch that a signal ended.\n",
-      command, command, command, command);
+      command, command, command, command, command, command);
 }
 
 int usage_error() {
@@ -201,6 +224,20 @@ int take_option(int letter, Options& options) {
       return kGoOn;
     case kNoSandbox:
       options.conversion.sandbox = false;
+      return kGoOn;
+    case kIdentify:
+      options.identify = true;
+      return kGoOn;
+    case kCheck:
+      options.check = true;
+      return kGoOn;
+    case kAgainst:
+      options.against = optarg;
+      return kGoOn;
+    case kReport:
+    case kReportOfBatch:
+      options.conversion.report = optarg;
+      options.conversion.in_batch = letter == kReportOfBatch;
       return kGoOn;
     default:
       return usage_error();
@@ -315,6 +352,23 @@ int run_single(const Options& options) {
   return symforge_internal::convert(options.input, options.conversion) ? 0 : 1;
 }
 
+// Reads files without a conversion.
+int run_on_files(const Options& options, const std::vector<std::string>& files) {
+  symforge_internal::select_standard_messages(true);
+  if (options.batch.recursive || options.input.exe != nullptr ||
+      options.conversion.tree != nullptr || (options.identify && options.check)) {
+    return fail("options '--identify' and '--check' take files alone, without '-e', '-r' and '-s'");
+  }
+  if (files.empty()) return usage_error();
+  if (options.conversion.sandbox) {
+    std::vector<std::string> readable = files;
+    if (options.against != nullptr) readable.emplace_back(options.against);
+    symforge_internal::enter_sandbox({.readable = std::move(readable), .writable = {}});
+  }
+  return options.identify ? symforge_internal::identify_files(files)
+                          : symforge_internal::check_files(files, options.against);
+}
+
 bool is_batch(const Options& options) {
   return options.batch.recursive || options.batch.if_changed || options.inputs.size() > 1 ||
          options.files_from != nullptr;
@@ -335,11 +389,12 @@ int main(int argc, char** argv) {
   signal(SIGCHLD, SIG_DFL);
 
   symforge_internal::install_last_message();
-  symforge_internal::clean_up_on_end_signals();
   google_breakpad::SetLogInformation(true);
+  symforge_internal::clean_up_on_end_signals();
   Options options;
   options.conversion.sandbox = true;
   if (const int status = take_options(argc, argv, options); status != kGoOn) return status;
+  if (options.identify || options.check) return run_on_files(options, {argv + optind, argv + argc});
   if (options.conversion.standard) {
     symforge_internal::select_standard_messages(true);
     signal(SIGPIPE, SIG_IGN);  // a closed pipe is a failed write

@@ -18,6 +18,7 @@
 #include "base/printable.h"
 #include "symforge/src/driver/batch_plan.h"
 #include "symforge/src/driver/batch_progress.h"
+#include "symforge/src/driver/batch_report.h"
 #include "symforge/src/driver/batch_walk.h"
 #include "symforge/src/driver/child_process.h"
 #include "symforge/src/driver/convert.h"
@@ -57,6 +58,7 @@ std::vector<const char*> arguments_of(const ConversionInput& input,
   if (options.standard) args.push_back("--standard");
   if (options.sync != options.standard) args.push_back(options.sync ? "--sync" : "--no-sync");
   if (!options.sandbox) args.push_back("--no-sandbox");
+  if (options.report != nullptr) args.insert(args.end(), {"--report-of-batch", options.report});
   // A path can begin with a dash.
   if (input.pdb != nullptr) args.insert(args.end(), {"--", input.pdb});
   args.push_back(nullptr);
@@ -119,9 +121,10 @@ bool is_end_signal(int status) {
 class Batch {
  public:
   Batch(BatchPlan& plan, const ConversionOptions& options, const BatchOptions& batch_options,
-        BatchProgress& progress, bool hold_messages)
+        BatchReport& report, BatchProgress& progress, bool hold_messages)
       : plan_(plan),
         options_(options),
+        report_(report),
         min_free_memory_(batch_options.min_free_memory),
         records_(options),
         with_records_(batch_options.if_changed),
@@ -216,12 +219,14 @@ class Batch {
     const bool stopped = is_end_signal(end->status) && end_signal() != 0;
     if (!end->messages.empty() || WIFSIGNALED(end->status)) progress_.hide();
     write_file(STDERR_FILENO, end->messages);
+    report_.add_end(plan_.jobs()[end->number].input(), *end);
     if (stopped) return;
     end_job(end->number, succeeded(*end, plan_.jobs()[end->number].input().name()));
   }
 
   BatchPlan& plan_;
   const ConversionOptions& options_;
+  BatchReport& report_;
   const uint64_t min_free_memory_;
   const MadeRecords records_;
   const bool with_records_;
@@ -249,11 +254,16 @@ int status_of(const BatchProgress& progress, size_t unneeded, bool standard) {
 
 int convert_batch(const std::vector<std::string>& paths, const ConversionOptions& options,
                   const BatchOptions& batch_options) {
+  BatchReport batch_report(options.report);
+  if (!batch_report.is_ready()) return 1;
   exit_on_end_signals();
   BatchInput found;
   BatchWalk walk(options.standard, found);
   for (const std::string& path : paths) {
-    if (!(batch_options.recursive ? walk.run(path.c_str()) : walk.add_file(path))) return 1;
+    const bool read = batch_options.recursive ? walk.run(path.c_str()) : walk.add_file(path);
+    if (read) continue;
+    batch_report.add_summary({.inputs = paths, .unreadable = walk.failures()}, 1);
+    return 1;
   }
   BatchPlan plan(found, /*whole_folders=*/batch_options.recursive, options);
   const size_t all_jobs = plan.jobs().size();
@@ -265,7 +275,7 @@ int convert_batch(const std::vector<std::string>& paths, const ConversionOptions
   progress.add_unreadable(walk.failures());
   store_end_signals();
   const bool hold_messages = shown || resolved_jobs(options.jobs) > 1;
-  Batch(plan, options, batch_options, progress, hold_messages).run();
+  Batch(plan, options, batch_options, batch_report, progress, hold_messages).run();
   progress.hide();
 
   if (options.standard) {
@@ -276,8 +286,16 @@ int convert_batch(const std::vector<std::string>& paths, const ConversionOptions
       progress.summarize(end_signal());
     }
   }
-  if (end_signal() != 0) return status_of_signal(end_signal());
-  return status_of(progress, unneeded, options.standard);
+  const int status = end_signal() != 0 ? status_of_signal(end_signal())
+                                       : status_of(progress, unneeded, options.standard);
+  batch_report.add_summary({.inputs = paths,
+                            .conversions = plan.jobs().size(),
+                            .converted = progress.converted(),
+                            .failed = progress.failed() - walk.failures(),
+                            .skipped = progress.skipped(),
+                            .unreadable = walk.failures()},
+                           status);
+  return status;
 }
 
 }  // namespace symforge_internal

@@ -26,7 +26,9 @@ struct ConversionOptions {
   // In a batch the number of children at a time, in the conversion of one file of threads; 0: as
   // many as this process has processors.
   unsigned jobs = 1;
-  const char* tree = nullptr;  // root of the symbol tree, borrowed; null: standard output
+  const char* report = nullptr;  // file to append a line about the conversion to, borrowed, or null
+  bool in_batch = false;         // a batch waits for the end of this process
+  const char* tree = nullptr;    // root of the symbol tree, borrowed; null: standard output
 };
 
 constexpr unsigned kMostJobs = 1024;

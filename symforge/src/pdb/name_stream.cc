@@ -34,6 +34,7 @@ bool isContiguous(const std::vector<uint32_t>& pages) {
 }  // namespace
 
 void NameStream::load(const StreamPair& stream, const MsfPages& file) {
+  m_budget = file.budget;
   gather(stream, file);
   if (wordAt(offsetof(NameStreamHeader, sig)) != kNamesSignature ||
       wordAt(offsetof(NameStreamHeader, version)) != kNamesVersion)
@@ -101,6 +102,7 @@ bool NameStream::find(uint32_t offset, std::string_view& name) const {
   const void* nul = std::memchr(text, '\0', m_size - start);
   if (nul == nullptr) throwInvalid();
   name = std::string_view(text, static_cast<size_t>(static_cast<const char*>(nul) - text));
+  if (m_budget != nullptr) m_budget->visited.spend(name.size());
   return true;
 }
 

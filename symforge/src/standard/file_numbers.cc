@@ -19,10 +19,18 @@ void FileNumbers::add(uint32_t file) {
   line.endingSize = static_cast<uint32_t>(end + 1 - line.ending);
 }
 
-uint32_t FileNumbers::lookUp(size_t module, uint32_t offset) const {
+uint32_t FileNumbers::lookUp(size_t module, uint32_t offset) {
   uint32_t position;
   if (!m_sources.findPosition(module, offset, position)) return kNoFile;
-  return nameOf(position + 1).empty() ? kNoFile : position + 1;
+  return hasName(position + 1) ? position + 1 : kNoFile;
+}
+
+bool FileNumbers::hasName(uint32_t file) {
+  if (file >= m_named.size()) m_named.resize(file + file / 2 + 1, Named::kUnknown);
+  if (m_named[file] == Named::kUnknown) {
+    m_named[file] = nameOf(file).empty() ? Named::kNo : Named::kYes;
+  }
+  return m_named[file] == Named::kYes;
 }
 
 std::string_view FileNumbers::nameOf(uint32_t file) const {

@@ -18,6 +18,8 @@ constexpr uint32_t kNoChecksum = 0xFFFFFFFF;
 // Each byte of the file may cut an inlined call once; real files cut far less.
 constexpr uint64_t kLeastBudget = uint64_t{1} << 20;
 
+constexpr char kTooManyParts[] = "Lines are moved in too many parts";
+
 // "ADDRESS SIZE LINE" and the end of the record.
 constexpr size_t kMaxRecordBytes = 8 + 1 + 8 + 1 + 10 + FileNumbers::kEndingBytes;
 
@@ -30,7 +32,9 @@ FunctionWriter::FunctionWriter(const FunctionSources& sources, FileNumbers& file
       m_origins(origins),
       m_counts(counts),
       m_inlinees(sources.modules),
-      m_calls(sources.file.pages().length + kLeastBudget) {}
+      m_calls(sources.file.pages().length + kLeastBudget,
+              limits::kInlineRanges.of(sources.file.pages().length)),
+      m_movedParts(limits::kMovedParts.of(sources.file.pages().length), kTooManyParts) {}
 
 void FunctionWriter::writeAll(const std::vector<PlacedFunction>& functions, TextBuffer& out) {
   for (size_t i = 0; i < functions.size(); ++i) {
@@ -61,7 +65,7 @@ void FunctionWriter::write(const PlacedFunction& function, TextBuffer& out) {
   readLines(function);
   const std::vector<CodeRow>* rows = &m_table.rows();
   if (m_sources.sections.isRewritten()) {
-    moveRows(m_sources.sections, function, *rows, m_moved);
+    moveRows(m_sources.sections, function, *rows, m_movedParts, m_moved);
     rows = &m_moved;
   }
   if (m_function->siteCount != 0 && readInlineCalls(function)) {
@@ -207,7 +211,7 @@ void FunctionWriter::addRow(const PlacedFunction& function, const AnnotationRow&
     return;
   }
   m_movedSite.clear();
-  appendMovedRow(m_sources.sections, function, code, m_movedSite);
+  appendMovedRow(m_sources.sections, function, code, m_movedParts, m_movedSite);
   for (const CodeRow& moved : m_movedSite) m_calls.addRow(moved);
 }
 

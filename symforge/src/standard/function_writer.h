@@ -96,6 +96,7 @@ class FunctionWriter {
   std::vector<AnnotationRow> m_annotationRows;
   std::vector<CodeRow> m_moved;
   std::vector<CodeRow> m_movedSite;
+  Allowance m_movedParts;  // of the file
   std::vector<InlineCallFields::Range> m_ranges;
   uint32_t m_anyFile = kNoFile;
 };

@@ -19,8 +19,12 @@ void InlineCalls::begin(uint32_t size) {
 }
 
 inline void InlineCalls::spend(size_t steps) {
-  if (steps > m_budget) throw pdb_exception("Inlined calls are cut into too many ranges");
+  if (steps > m_budget) throwTooMany();
   m_budget -= steps;
+}
+
+void InlineCalls::throwTooMany() {
+  throw pdb_exception("Inlined calls are cut into too many ranges");
 }
 
 // By start, and those that start together in the order in which they were added.
@@ -82,6 +86,7 @@ inline void InlineCalls::addPiece(const OpenCall& call, uint32_t start, uint32_t
       return;
     }
   }
+  if (m_pieces.size() >= m_maxParts) throwTooMany();
   const auto number = static_cast<uint32_t>(m_pieces.size());
   if (site.lastPiece == kNone) {
     site.firstPiece = number;

@@ -50,7 +50,9 @@ class InlineCalls {
   static constexpr uint32_t kMaxDepth = 256;
 
   // `maxSteps`: how many ranges all functions together may be cut into, counted at each depth.
-  explicit InlineCalls(uint64_t maxSteps) : m_budget(maxSteps) {}
+  // `maxParts`: how many rows one function may have, and into how many ranges they may be cut.
+  explicit InlineCalls(uint64_t maxSteps, uint64_t maxParts = UINT32_MAX)
+      : m_budget(maxSteps), m_maxParts(maxParts) {}
 
   // Starts a function of `size` bytes; keeps the memory.
   void begin(uint32_t size);
@@ -73,9 +75,10 @@ class InlineCalls {
     return parent != 0 && m_sites[parent].depth + 1 == kMaxDepth;
   }
   // Adds a row to the site that was opened last, in any order. To be called before a further site
-  // is opened.
+  // is opened. Throws pdb_exception for too many rows.
   void addRow(const CodeRow& row) {
     if (row.start >= row.end) return;
+    if (m_rows.size() >= m_maxParts) throwTooMany();
     m_rows.push_back({row, static_cast<uint32_t>(m_sites.size()) - 1, kNone});
   }
   // Closes the innermost open site; without one it does nothing.
@@ -139,8 +142,10 @@ class InlineCalls {
   void addCalls(const Site& site);
   void addCall(const Site& site, const Piece* first, const Piece* last);
   void spend(size_t steps);
+  [[noreturn]] static void throwTooMany();
 
   uint64_t m_budget;
+  uint64_t m_maxParts;
   uint32_t m_size = 0;
   std::vector<Site> m_sites;
   std::vector<uint32_t> m_open;  // sites; for one that was left out, the site around it

@@ -2,9 +2,10 @@
 
 #include <string_view>
 
+#include "base/limits.h"
 #include "base/path_names.h"
 #include "common/symbol_text.h"
-#include "symforge/src/WinStructs.h"
+#include "symforge/src/pdb/foreign_types.h"
 #include "symforge/src/pdb/frame_tables.h"
 #include "symforge/src/pdb/name_stream.h"
 #include "symforge/src/pdb/public_functions.h"
@@ -76,6 +77,7 @@ ModuleStreams StandardPrinter::readModules() {
 void StandardPrinter::insertTables(const FileNumbers& files, const InlineOrigins& origins,
                                    size_t at, TextBuffer& out) {
   TextBuffer tables;
+  const TextLimit limit(tables, limits::kTables.of(m_source.file.size()));
   files.print(tables);
   origins.print(tables);
   out.insert(at, tables.view());
@@ -93,11 +95,18 @@ void StandardPrinter::print(TextBuffer& out) {
 
   ModuleStreams modules = readModules();
   const DataPtr<DBIDebugHeader> debugHeader = m_source.dbi.readDebugHeader();
-  refuseTokenMap(*debugHeader);
   SectionMap sections;
   sections.readSections(file, debugHeader->sectionHdr);
   sections.readOMAPData(file, debugHeader->sectionHdrOriginal, debugHeader->omapToSource,
                         debugHeader->omapFromSource);
+  FunctionCollector collector(sections, m_source.withInlines);
+  collector.collect(modules);
+  if (hasTokenMap(*debugHeader) && collector.functions().empty()) {
+    throw pdb_refusal(kHasTokenMap,
+                      "this PDB is of managed code and has no native functions; "
+                      "there is nothing to convert");
+  }
+  refuseForeignTypes(file, m_source.info);
   NameStream strings;
   loadNameStream(file, m_source.info, m_source.pdbFile, strings);
   PublicFunctions publics;
@@ -106,8 +115,6 @@ void StandardPrinter::print(TextBuffer& out) {
   frames.readFrameData(file, *debugHeader);
   const Types types(file);
 
-  FunctionCollector collector(sections, m_source.withInlines);
-  collector.collect(modules);
   FunctionNames names(types.types, types.ids);
   FunctionLayout layout(collector, sections, frames, publics, names);
   layout.place();
