@@ -6,11 +6,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <string>
 #include <vector>
 
 #include "builders/bytes.h"
+#include "builders/pdb_builder.h"
 #include "builders/pe_builder.h"
 #include "tests/support/lines.h"
 #include "tests/support/process.h"
@@ -290,9 +292,7 @@ TEST_F(ImageTest, IsFoundBesideThePdbOrWhereTheOptionSays) {
   EXPECT_EQ(foreign.status, 1);
   EXPECT_THAT(foreign.err, HasSubstr("\nException caught: Error reading PE header\n"));
 
-  const std::string fifo = temp_ / "fifo";
-  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-  for (const std::string& path : {temp_.path(), fifo, std::string("/dev/null")}) {
+  for (const std::string& path : {temp_.path(), std::string("/dev/null")}) {
     const Result other = run({"-e", path, pdb_});
     EXPECT_EQ(other.status, 1) << path;
     EXPECT_THAT(other.err, HasSubstr("\nException caught: Error reading PE header\n")) << path;
@@ -386,6 +386,36 @@ TEST(SymbTest, RefusedTextEmptiesTheTarget) {
   EXPECT_EQ(
       list_tree(tree),
       (Tree{{"a.pdb", "dir 0755"}, {"a.pdb/X", "dir 0755"}, {"a.pdb/X/a.symb", "file 0600 "}}));
+}
+
+// A PDB whose names have line ends, which cannot start lines of their own, and with 1,500 warnings.
+TEST(HostilePdbTest, AddsNeitherLinesNorEndlessWarnings) {
+  const TemporaryDirectory temp;
+  const std::string forged = "\nPUBLIC 1 0 forged\rPUBLIC 2 0 forged";
+  PdbBuilder pdb(512);
+  pdb.section({.name = ".text", .address = 0x1000, .virtual_size = 0x1000});
+  const uint32_t pointer = pdb.types.pointer(0x74, 7 << 5);
+  const uint32_t list = pdb.types.arguments(std::vector<uint32_t>(1500, pointer));
+  const uint32_t type = pdb.types.procedure(3, list, 1500);
+  const uint32_t inlinee = pdb.ids.function_id("i" + forged, 0);
+  ModuleBuilder& module = pdb.add_module("m");
+  const uint32_t file = module.file(pdb.names.add("a" + forged));
+  module.proc({.name = "f" + forged, .length = 16, .type = type});
+  module.inline_site(inlinee, Annotations().op(3, 1).op(4, 1)).inline_site_end().end();
+  module.lines(1, 0, 16, file, {{0, 1}}).inlinees({{inlinee, file, 1}});
+  pdb.public_function("p" + forged, 1, 32);
+  pdb.frame_data({.start = 0x1000, .code_size = 16, .program = pdb.names.add("s" + forged)});
+  const std::string path = temp.file("a.pdb", pdb.build().bytes);
+  for (const std::string mode : {"--no-sync", "--standard"}) {
+    const Result result = run({mode, path});
+    EXPECT_EQ(result.status, 0) << mode;
+    EXPECT_THAT(result.out, HasSubstr(" PUBLIC 1 0 forged PUBLIC 2 0 forged")) << mode;
+    EXPECT_EQ(lines_with(result.out, {"PUBLIC 1", "PUBLIC 2"}), "") << mode;
+    EXPECT_EQ(result.out.find('\r'), std::string::npos) << mode;
+    const auto warnings = std::count(result.err.begin(), result.err.end(), '\n');
+    EXPECT_TRUE(warnings > 1000 && warnings < 1010) << mode << warnings;
+    EXPECT_THAT(result.err, HasSubstr("\nFurther warnings of this kind are left out\n")) << mode;
+  }
 }
 
 TEST(FailureTest, IsLoggedWithItsBacktrace) {

@@ -81,6 +81,8 @@ PDBParser::~PDBParser() = default;
 
 const std::string& PDBParser::debug_id() const { return m_rep->debugId; }
 
+const CodeFile& PDBParser::codeFile() const { return m_rep->codeFile; }
+
 void PDBParser::close() { m_rep->file.close(); }
 
 void PDBParser::load(const char* pdb, const char* exe, const char* sympath, TextBuffer& out) {

@@ -1,6 +1,7 @@
 #include "symforge/src/driver/symbol_text.h"
 
 #include <fcntl.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -14,7 +15,9 @@
 #include "symforge/src/PDBParser.h"
 #include "symforge/src/driver/convert.h"
 #include "symforge/src/driver/image_search.h"
+#include "symforge/src/driver/input_list.h"
 #include "symforge/src/driver/messages.h"
+#include "symforge/src/pe/code_file.h"
 #include "symforge/src/pe/image_identity.h"
 
 namespace symforge_internal {
@@ -50,8 +53,10 @@ void text_of_pdb(const ConversionInput& input, const ConversionOptions& options,
                  SymbolText& result) {
   PDBParser parser(do_inline);
   parser.load(input.pdb, input.exe, options.tree, result.text);
+  result.image = parser.codeFile().path();
+  result.image_bytes = parser.codeFile().size();
   if (options.standard) {
-    symforge_internal::StandardCounts counts;
+    StandardCounts& counts = result.counts.emplace();
     parser.printStandardSymbols(result.text, counts);
     for (const std::string& message : counts.messages) report("%s", message.c_str());
   } else {
@@ -106,7 +111,9 @@ bool OpenedInput::open(const ConversionOptions& options) {
     file_kind_ = kind_of_file(input_.exe);
     return true;
   }
-  const FileDescriptor file(::open(input_.pdb, O_RDONLY | O_CLOEXEC));
+  const bool standard_input = std::string_view(input_.pdb) == kStandardInput;
+  const FileDescriptor file(standard_input ? dup(STDIN_FILENO)
+                                           : ::open(input_.pdb, O_RDONLY | O_CLOEXEC));
   if (!file.is_open() && options.standard) {
     report("%s", strerror(errno));
     return false;
@@ -115,6 +122,11 @@ bool OpenedInput::open(const ConversionOptions& options) {
   if (opened) file_kind_ = symforge_internal::file_kind(content_.view());
   const bool text = file_kind_ == FileKind::kSymbolText;
   if (!text && file_kind_ != FileKind::kSymb) {
+    if (standard_input) {
+      // The name of a PDB is part of the result, and it is mapped.
+      report("standard input is neither a text symbol file nor SYMB");
+      return false;
+    }
     image_candidates_ =
         options.standard ? files_of_same_stem(input_.pdb) : default_images(input_.pdb);
     return true;

@@ -26,13 +26,22 @@ void replaceExtension(std::string& path, const char* extension) {
   path += extension;
 }
 
-// Throws for a folder, FIFO or device that could be read. A sandboxed process cannot open folders.
-void refuseOtherKinds(const char* path, const FileDescriptor& file) {
+enum class FileKind { kNone, kRegular, kOther };
+
+// FIFOs and sockets count as missing: opening one could block. A sandboxed process cannot open
+// folders, which are detected by their names.
+FileKind kindOf(const char* path, const FileDescriptor& file) {
   struct stat status;
-  const bool known = file.is_open() ? fstat(file.get(), &status) == 0
-                                    : stat(path, &status) == 0 && S_ISDIR(status.st_mode);
-  if (!known || S_ISREG(status.st_mode)) return;
-  if (!file.is_open() && access(path, R_OK) != 0) return;
+  if (!file.is_open()) {
+    const bool folder = stat(path, &status) == 0 && S_ISDIR(status.st_mode);
+    return folder && access(path, R_OK) == 0 ? FileKind::kOther : FileKind::kNone;
+  }
+  if (fstat(file.get(), &status) != 0 || S_ISFIFO(status.st_mode)) return FileKind::kNone;
+  return S_ISREG(status.st_mode) ? FileKind::kRegular : FileKind::kOther;
+}
+
+// For a folder or a device.
+[[noreturn]] void throwNoImage(const FileDescriptor& file) {
   TextBuffer start;
   const bool read = file.is_open() && read_file(file.get(), start, sizeof(IMAGE_DOS_HEADER));
   const bool whole = read && start.size() == sizeof(IMAGE_DOS_HEADER);
@@ -69,10 +78,10 @@ std::string siblingPePath(const char* pdb) {
 }
 
 void CodeFile::readPeHeaders(const char* path) {
-  // A FIFO without a writer must not block.
   const FileDescriptor file(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-  refuseOtherKinds(path, file);
-  if (!file.is_open()) return;
+  const FileKind kind = kindOf(path, file);
+  if (kind == FileKind::kNone) return;
+  if (kind == FileKind::kOther) throwNoImage(file);
   m_path = path;
   if (!m_mapping.Map(file.get()) || m_mapping.length() < sizeof(IMAGE_DOS_HEADER)) {
     throw pdb_exception("Error reading PE header");
