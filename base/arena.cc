@@ -11,18 +11,24 @@ void* Arena::allocate_in_new_block(size_t bytes) {
   constexpr size_t kFirst = 4 * 1024;
   const size_t next = std::clamp(size_ * 2, kFirst, HugePageBlock::kUnit);
   if (bytes > next / 4) {
-    small_blocks_.emplace_back(new char[bytes]);
-    return small_blocks_.back().get();
+    return new_small_block(bytes);
   }
   if (next == HugePageBlock::kUnit) {
     block_ = page_blocks_.emplace_back(next).data();
+    byte_count_ += next;
   } else {
-    small_blocks_.emplace_back(new char[next]);
-    block_ = small_blocks_.back().get();
+    block_ = new_small_block(next);
   }
   size_ = next;
   used_ = bytes;
   return block_;
+}
+
+char* Arena::new_small_block(size_t bytes) {
+  std::unique_ptr<char[]> block(new char[bytes]);
+  small_blocks_.push_back(std::move(block));
+  byte_count_ += bytes;
+  return small_blocks_.back().get();
 }
 
 }  // namespace symforge_internal

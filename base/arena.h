@@ -49,14 +49,19 @@ class Arena {
     return memory;
   }
 
+  // The memory of all blocks.
+  size_t byte_count() const { return byte_count_; }
+
  private:
   void* allocate_in_new_block(size_t bytes);
+  char* new_small_block(size_t bytes);
 
   std::vector<std::unique_ptr<char[]>> small_blocks_;
   std::vector<HugePageBlock> page_blocks_;
   char* block_ = nullptr;  // the block being filled
   size_t size_ = 0;        // of that block, in bytes
   size_t used_ = 0;
+  size_t byte_count_ = 0;
 };
 
 }  // namespace symforge_internal

@@ -78,6 +78,12 @@ class BlockMap {
   bool empty() const { return size_ == 0; }
   void clear();
 
+  // The memory of the entries, without the separators.
+  size_t byte_count() const {
+    if (directory_) return directory_->memory.byte_count();
+    return single_ == nullptr ? 0 : Block::bytes_for(single_->capacity);
+  }
+
   const_iterator begin() const { return size_ == 0 ? end() : position(0, 0, 0); }
   const_iterator end() const {
     const_iterator it;

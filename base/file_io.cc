@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
@@ -18,6 +19,18 @@ namespace {
 constexpr size_t kBlock = 64 * 1024;
 
 constexpr char kNameCharacters[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
+
+// The path of the temporary file that is being written, for signal handlers.
+char unfinished_path[PATH_MAX];
+std::atomic<bool> is_unfinished = false;
+
+// Called before the file is created. A path that is too long cannot be created either.
+void set_unfinished(const std::string& path) {
+  is_unfinished = false;
+  if (path.size() >= sizeof unfinished_path) return;
+  std::copy_n(path.c_str(), path.size() + 1, unfinished_path);
+  is_unfinished = true;
+}
 
 // Fills `to` with random characters, so that concurrent processes choose different names.
 void fill_random(char* to, size_t size) {
@@ -41,6 +54,7 @@ int create_beside(std::string& name, mode_t mode) {
   name.resize(length + kSuffix);
   for (int i = 0; i < kAttempts; ++i) {
     fill_random(name.data() + length, kSuffix);
+    set_unfinished(name);
     const int fd = open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
     if (fd != -1 || errno != EEXIST) return fd;
   }
@@ -58,6 +72,18 @@ size_t bytes_expected(int fd) {
 }
 
 }  // namespace
+
+int open_regular(const char* path) {
+  const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  struct stat status;
+  if (fd == -1) return -1;
+  const bool known = fstat(fd, &status) == 0;
+  if (known && S_ISREG(status.st_mode)) return fd;
+  const int error = known ? EINVAL : errno;
+  close(fd);
+  errno = error;
+  return -1;
+}
 
 bool FileDescriptor::close() {
   if (fd_ == -1) return true;
@@ -95,10 +121,14 @@ const char* replace_file(const std::string& target, std::string_view content,
                          const ReplaceOptions& options) {
   std::string name = target;
   FileDescriptor file(create_beside(name, options.mode));
-  if (!file.is_open()) return "failed to mkstemp";
+  if (!file.is_open()) {
+    is_unfinished = false;
+    return "failed to mkstemp";
+  }
   const auto give_up = [&name](const char* step) {
     const int error = errno;
     unlink(name.c_str());
+    is_unfinished = false;
     errno = error;
     return step;
   };
@@ -106,7 +136,12 @@ const char* replace_file(const std::string& target, std::string_view content,
   if (options.sync && fdatasync(file.get()) != 0) return give_up("failed to write");
   if (!file.close()) return give_up("failed to write");
   if (rename(name.c_str(), target.c_str()) != 0) return give_up("failed to rename");
+  is_unfinished = false;
   return nullptr;
+}
+
+void remove_unfinished_file() {
+  if (is_unfinished) unlink(unfinished_path);
 }
 
 bool sync_folder(const std::string& path) {

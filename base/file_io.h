@@ -15,6 +15,7 @@ namespace symforge_internal {
 class FileDescriptor {
  public:
   explicit FileDescriptor(int fd) : fd_(fd) {}
+  FileDescriptor(FileDescriptor&& other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
   ~FileDescriptor() { close(); }
   FileDescriptor(const FileDescriptor&) = delete;
   FileDescriptor& operator=(const FileDescriptor&) = delete;
@@ -29,6 +30,10 @@ class FileDescriptor {
  private:
   int fd_;
 };
+
+// Opens a regular file for reading. -1 for a file that cannot be opened, and for everything else:
+// opening a FIFO or a device would block or have side effects. `errno` is then EINVAL.
+int open_regular(const char* path);
 
 // Appends the file, from its current position, to `content`: to the end of the file, or at most
 // `limit` bytes. The rest of a regular file is read with one call.
@@ -50,6 +55,10 @@ struct ReplaceOptions {
 // to rename". On failure the temporary file is removed and the target is unchanged.
 const char* replace_file(const std::string& target, std::string_view content,
                          const ReplaceOptions& options);
+
+// Removes the temporary file that replace_file() is writing in this process, if there is one. Safe
+// in a signal handler; the process must then end.
+void remove_unfinished_file();
 
 // Syncs the entries of a directory to disk.
 bool sync_folder(const std::string& path);

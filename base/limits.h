@@ -85,9 +85,11 @@ inline constexpr Limit kFileChecksums = {256 * kKiB, 1, 32};
 // Sections of the image. Symbols identify them with 16 bits.
 inline constexpr uint64_t kSections = 65535;
 // Code ranges of the inline sites of one function, and the bytes of the names of these sites.
-// Real: 101 ranges, 4.1 kB.
-inline constexpr Limit kInlineRanges = {128 * kKiB, 1, 32};
+// Real: 101 ranges, 4.1 kB. In standard mode also the parts that these are cut into.
+inline constexpr Limit kInlineRanges = {128 * kKiB, 1, 64};
 inline constexpr Limit kInlineNames = {8 * kMiB, 1, 2};
+// Parts into which the lines and inlined calls of a rewritten image are cut.
+inline constexpr Limit kMovedParts = {2 * kMiB, 1, 2};
 // Public symbols in one bucket of a hash table, which distributes real addresses evenly.
 inline constexpr uint32_t kHashChain = 1000;
 
@@ -103,9 +105,18 @@ inline constexpr Limit kTypeText = {12 * kMiB, 1, 1};
 // Bytes of the text converted from a PDB and its image. Real: 0.44 n.
 inline constexpr Limit kText = {12 * kMiB, 4, 1};
 // Bytes of the text converted from a SYMB image. Its strings are stored once and may be printed
-// often (real: 1.26 n). The text may be an intermediate result in memory, too.
-inline constexpr Limit kTextOfSymb = {12 * kMiB, 16, 1};
-inline constexpr Limit kTextBetweenImages = {12 * kMiB, 4, 1};
+// often. Real: 1.26 n.
+inline constexpr Limit kTextOfSymb = {12 * kMiB, 4, 1};
+// Lines and frame info ranges printed from a SYMB image, including those that functions or ranges
+// share. Real: n / 16, without sharing.
+inline constexpr Limit kRecordsOfSymb = {256 * kKiB, 1, 8};
+// Bytes of the lists of files and inlined functions, which are made in a second buffer. Real: 0.07 n
+// of a PDB, 0.5 n of a SYMB image.
+inline constexpr Limit kTables = {12 * kMiB, 2, 1};
+// Parts that the code of one function in a SYMB image, and of all of them, is cut into for the
+// published form. Real: 0.03 n.
+inline constexpr Limit kFunctionParts = {128 * kKiB, 1, 64};
+inline constexpr Limit kParts = {2 * kMiB, 2, 1};
 // Slots of unwind data decoded per entry of an image's exception directory, plus the fixed number:
 // entries may share unwind infos and chains of them.
 inline constexpr uint64_t kUnwindSlots = 4 * kMiB;

@@ -11,7 +11,7 @@ namespace {
 
 // Reserves zeroed bytes for file and guard, then maps the file over the start. The rest of the
 // file's last page and the guard stay zero.
-void* mapWithGuard(int fd, size_t length) {
+void* map_with_guard(int fd, size_t length) {
   const size_t reserved = length + MMapWrapper::kGuardBytes;
   void* base =
       mmap(nullptr, reserved, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
@@ -37,15 +37,15 @@ bool MMapWrapper::Map(int fd) {
   struct stat status;
   // mmap() rejects an empty mapping, and a directory.
   if (fstat(fd, &status) != 0 || status.st_size <= 0) return false;
-  m_length = static_cast<size_t>(status.st_size);
-  m_base = static_cast<const uint8_t*>(mapWithGuard(fd, m_length));
-  return m_base != nullptr;
+  length_ = static_cast<size_t>(status.st_size);
+  base_ = static_cast<const uint8_t*>(map_with_guard(fd, length_));
+  return base_ != nullptr;
 }
 
 void MMapWrapper::Unmap() {
-  if (m_base == nullptr) return;
-  munmap(const_cast<uint8_t*>(m_base), m_length + kGuardBytes);
-  m_base = nullptr;
+  if (base_ == nullptr) return;
+  munmap(const_cast<uint8_t*>(base_), length_ + kGuardBytes);
+  base_ = nullptr;
 }
 
 }  // namespace symforge_internal

@@ -9,6 +9,7 @@ namespace symforge_internal {
 
 // A private read-only mapping of a file, followed by kGuardBytes zero bytes. Unmapped on
 // destruction.
+// NOLINTBEGIN(readability-identifier-naming): the names of its operations are those of its users
 class MMapWrapper {
  public:
   // Number of readable zero bytes after the end of the file.
@@ -26,13 +27,14 @@ class MMapWrapper {
   bool Map(int fd);
   void Unmap();
 
-  bool Valid() const { return m_base != nullptr; }
-  const uint8_t* base() const { return m_base; }
-  size_t length() const { return m_length; }  // size of the file in bytes, without the guard
+  bool Valid() const { return base_ != nullptr; }
+  const uint8_t* base() const { return base_; }
+  size_t length() const { return length_; }  // size of the file in bytes, without the guard
 
  private:
-  size_t m_length = 0;
-  const uint8_t* m_base = nullptr;
+  size_t length_ = 0;
+  const uint8_t* base_ = nullptr;
 };
+// NOLINTEND(readability-identifier-naming)
 
 }  // namespace symforge_internal

@@ -1,12 +1,11 @@
 // NestedRangeStack: processes a list of nested ranges in pre-order; at each range it holds those
 // that contain it.
 //
-// The inline sites of a function are such a list. google_breakpad::ContainedRangeMap, filled in the
-// same order, stores a range exactly if this class accepts it, as a child of the range on top of
-// the stack. The reason: the first addresses of accepted ranges never decrease, and each accepted
-// range is either on the stack and contains the new one, or ends before it. So at each level of the
-// tree the new range belongs into the child that is on the stack, or after all children on the last
-// level.
+// The inline sites of a function are such a list. For a list in pre-order the stack accepts the
+// same ranges as google_breakpad::ContainedRangeMap, which accepts ranges in any order, and gives
+// each the same parent; but it needs no tree. This holds because accepted ranges never start before
+// an earlier one: an accepted range that is no longer on the stack ends before the new range, so
+// only ranges on the stack can contain the new one or cross its ends.
 //
 // Addresses are 64 bits wide so that the end of a 32-bit range cannot wrap. One thread at a time.
 

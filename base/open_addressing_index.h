@@ -19,17 +19,17 @@ class OpenAddressingIndex {
  public:
   // Returns the position stored under `key` plus 1; 0 when there is none.
   uint32_t find(uint32_t key) const {
-    return m_slots.empty() ? 0 : m_slots[slotOf(m_slots, key)].place;
+    return slots_.empty() ? 0 : slots_[slot_of(slots_, key)].place;
   }
 
   // Returns the value under `key`: the position plus 1, or 0 in a new entry. The caller must set a
   // new entry before the next call. The reference is valid until then.
   uint32_t& operator[](uint32_t key) {
-    if ((m_used + 1) * 3 > m_slots.size() * 2) grow();
-    Slot& slot = m_slots[slotOf(m_slots, key)];
+    if ((used_ + 1) * 3 > slots_.size() * 2) grow();
+    Slot& slot = slots_[slot_of(slots_, key)];
     if (slot.place == 0) {
       slot.key = key;
-      ++m_used;
+      ++used_;
     }
     return slot.place;
   }
@@ -41,23 +41,24 @@ class OpenAddressingIndex {
   };
 
   // The slot that contains `key`, or the free slot for it.
-  size_t slotOf(const std::vector<Slot>& slots, uint32_t key) const {
+  size_t slot_of(const std::vector<Slot>& slots, uint32_t key) const {
     const size_t mask = slots.size() - 1;
-    size_t at = (key * m_multiplier >> 32) & mask;
+    size_t at = (key * multiplier_ >> 32) & mask;
     while (slots[at].place != 0 && slots[at].key != key) at = (at + 1) & mask;
     return at;
   }
 
   void grow() {
-    std::vector<Slot> larger(m_slots.empty() ? 64 : m_slots.size() * 2);
-    for (const Slot& slot : m_slots)
-      if (slot.place != 0) larger[slotOf(larger, slot.key)] = slot;
-    m_slots.swap(larger);
+    std::vector<Slot> larger(slots_.empty() ? 64 : slots_.size() * 2);
+    for (const Slot& slot : slots_) {
+      if (slot.place != 0) larger[slot_of(larger, slot.key)] = slot;
+    }
+    slots_.swap(larger);
   }
 
-  std::vector<Slot> m_slots;  // size is a power of two
-  size_t m_used = 0;
-  uint64_t m_multiplier = hash_multiplier();
+  std::vector<Slot> slots_;  // size is a power of two
+  size_t used_ = 0;
+  uint64_t multiplier_ = hash_multiplier();
 };
 
 }  // namespace symforge_internal

@@ -2,8 +2,11 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <numeric>
 #include <string_view>
+#include <unordered_set>
 #include <utility>
+#include <vector>
 
 #include "builders/bytes.h"
 #include "builders/codeview_builder.h"
@@ -30,17 +33,17 @@ PdbBuilder with_section(uint32_t page_size = 512) {
 
 std::string built(PdbBuilder& pdb) { return pdb.build().bytes; }
 
-// The stream of public symbols consists of one page with symbols, repeated.
+// The stream of public symbols consists of one page, named again and again by a directory in pages
+// of numbers.
 std::string repeated_page(size_t size) {
-  PdbBuilder pdb = with_section();
-  while (pdb.symbol_records.size() < 480) pdb.public_function("p", 1, 16);
+  PdbBuilder pdb = with_section(4096);
+  while (pdb.symbol_records.size() < 4080) pdb.public_function("p", 1, 16);
+  pdb.symbol_records.fill(4096 - pdb.symbol_records.size());
   pdb.lay_out();
   const uint32_t pages = count_of(size, 4);
-  pdb.msf.override_size(pdb.dbi.symbol_records, pages * 512);
+  pdb.msf.override_size(pdb.dbi.symbol_records, pages * 4096);
   pdb.msf.override_pages(pdb.dbi.symbol_records, std::vector<uint32_t>(pages, 9));
-  // The pages that the size implies are not needed: the list contains one page only.
-  std::string bytes = pdb.msf.build().bytes;
-  return bytes;
+  return built(pdb);
 }
 
 // Module records that all refer to one stream.
@@ -96,14 +99,33 @@ std::string dense_functions(size_t size) {
   return built(pdb);
 }
 
-std::string public_symbols(size_t size, uint32_t step) {
+// Public symbols without a section, which are printed in the order of a hash table.
+std::string public_symbols(const std::vector<uint32_t>& addresses) {
   PdbBuilder pdb = with_section();
-  const uint32_t count = count_of(size, 16);
-  for (uint32_t i = 0; i < count; ++i) {
-    pdb.symbol_records.u16(14).u16(kPub32).u32(2).u32(step * i).u16(0).u8('p').u8(0);
+  for (const uint32_t address : addresses) {
+    pdb.symbol_records.u16(14).u16(kPub32).u32(2).u32(address).u16(0).u8('p').u8(0);
   }
   pdb.add_module("m").thunk({.name = "t", .section = 0, .offset = 1});
   return built(pdb);
+}
+
+std::string adjacent_publics(size_t size) {
+  std::vector<uint32_t> addresses(count_of(size, 16));
+  std::iota(addresses.begin(), addresses.end(), 0);
+  return public_symbols(addresses);
+}
+
+// Half of the addresses belong to one bucket of the hash table in its final size.
+std::string colliding_publics(size_t size) {
+  std::vector<uint32_t> addresses(count_of(size, 16));
+  std::iota(addresses.begin(), addresses.end(), 0);
+  const auto buckets = static_cast<uint32_t>(
+      std::unordered_set<uint32_t>(addresses.begin(), addresses.end()).bucket_count());
+  const size_t first = addresses.size() / 2;
+  for (size_t i = first; i < addresses.size() && (i - first + 2) < UINT32_MAX / buckets; ++i) {
+    addresses[i] = static_cast<uint32_t>(i - first + 2) * buckets;
+  }
+  return public_symbols(addresses);
 }
 
 // Entries of named streams that share one long name.
@@ -240,38 +262,53 @@ std::string nested_markers(size_t size) {
   return built(pdb);
 }
 
-SymbModel symb_with_functions(uint32_t functions, const std::string& name) {
-  SymbModel model;
-  for (uint32_t i = 0; i < functions; ++i) {
-    model.functions.push_back({.address = 16 * i,
-                               .size = 16,
-                               .parameter_size = 0,
-                               .name = name,
-                               .lines = {},
-                               .sites = {}});
+const char kShared[] = "shared";
+
+// The block of the model, with one long string in place of kShared.
+std::string with_long_string(SymbModel model, size_t size) {
+  model.os = long_name(size);
+  model.arch = kShared;
+  std::string bytes = model.bytes();
+  const uint64_t long_string = get_u64(bytes, kSymbOs);
+  const uint64_t shared = get_u64(bytes, kSymbOs + 8);
+  for (size_t at = kSymbFiles; at + 8 <= bytes.size(); at += 8) {
+    if (get_u64(bytes, at) == shared) put_u64(bytes, at, long_string);
   }
-  return model;
+  return bytes;
+}
+
+SymbFunction symb_function(uint32_t address) {
+  return {.address = address,
+          .size = 16,
+          .parameter_size = 0,
+          .name = kShared,
+          .lines = {{address, 16, 1, 1}},
+          .sites = {}};
 }
 
 std::string symb_names(size_t size) {
-  return symb_with_functions(count_of(size / 2, 48), long_name(size / 2)).bytes();
+  SymbModel model;
+  for (uint32_t i = 0; i < count_of(size / 2, 64); ++i) {
+    model.functions.push_back(symb_function(16 * i));
+  }
+  return with_long_string(model, size / 2);
 }
 
 std::string symb_rules(size_t size) {
   SymbModel model;
   for (uint32_t i = 0; i < count_of(size / 2, 16); ++i) {
-    model.initial_rules.push_back({16 * i, 16, long_name(size / 2)});
+    model.initial_rules.push_back({16 * i, 16, kShared});
   }
-  return model.bytes();
+  return with_long_string(model, size / 2);
 }
 
 std::string symb_sites(size_t size) {
-  SymbModel model = symb_with_functions(1, "f");
-  model.functions[0].lines.push_back({0, 16, 1, 1});
+  SymbModel model;
+  model.functions.push_back(symb_function(0));
   for (uint32_t i = 0; i < count_of(size / 2, 32); ++i) {
-    model.functions[0].sites.push_back({i, 1, 1, 1, 0, long_name(size / 2)});
+    model.functions[0].sites.push_back({i, 1, 1, 1, 0, kShared});
   }
-  return model.bytes();
+  return with_long_string(model, size / 2);
 }
 
 // The shortest lines of a text.
@@ -281,13 +318,25 @@ std::string repeated_lines(size_t size, std::string_view head, std::string_view 
   return text;
 }
 
-std::string numbered_lines(size_t size, std::string_view before, std::string_view after) {
-  std::string text = "MODULE windows x86 0123 a.pdb\n";
+std::string hex(uint32_t number) {
   constexpr char kDigits[] = "0123456789abcdef";
+  std::string digits;
+  for (; number != 0; number /= 16) digits.insert(0, 1, kDigits[number % 16]);
+  return digits;
+}
+
+std::string numbered_lines(size_t size, std::string_view head, std::string_view before,
+                           std::string_view after) {
+  std::string text = "MODULE windows x86 0123 a.pdb\n" + std::string(head);
+  for (uint32_t i = 1; text.size() < size; ++i) text.append(before).append(hex(i)).append(after);
+  return text;
+}
+
+// Each range contains the next one.
+std::string nested_frame_data(size_t size) {
+  std::string text = "MODULE windows x86 0123 a.pdb\n";
   for (uint32_t i = 1; text.size() < size; ++i) {
-    std::string number;
-    for (uint32_t rest = i; rest != 0; rest /= 16) number.insert(0, 1, kDigits[rest % 16]);
-    text.append(before).append(number).append(after);
+    text += "STACK WIN 4 " + hex(i) + " " + hex(0x7FFFFFFF - 2 * i) + " 0 0 0 0 0 0 1 p\n";
   }
   return text;
 }
@@ -314,8 +363,8 @@ std::vector<HostileFile> hostile_files(size_t size) {
       {"subsections_back.pdb", subsections_back(size)},
       {"overlapping_names.pdb", overlapping_names(size)},
       {"dense_functions.pdb", dense_functions(size)},
-      {"public_symbols.pdb", public_symbols(size, 1)},
-      {"colliding_publics.pdb", public_symbols(size, 107897)},
+      {"public_symbols.pdb", adjacent_publics(size)},
+      {"colliding_publics.pdb", colliding_publics(size)},
       {"named_streams.pdb", named_streams(size)},
       {"shared_program.pdb", shared_program(size)},
       {"inline_names.pdb", inline_names(size)},
@@ -331,11 +380,15 @@ std::vector<HostileFile> hostile_files(size_t size) {
       {"symb_rules.symb", symb_rules(size)},
       {"symb_sites.symb", symb_sites(size)},
       {"lines.sym", repeated_lines(size, "FUNC 1 ffffff 0 f\n", "1 1 1 1\n")},
-      {"functions.sym", numbered_lines(size, "FUNC ", "0 9 0 f\n")},
-      {"publics.sym", numbered_lines(size, "PUBLIC ", " 0 p\n")},
-      {"rules.sym", numbered_lines(size, "STACK CFI INIT ", "0 9 r\n")},
-      {"files.sym", numbered_lines(size, "FILE ", " f\n")},
-      {"frame_data.sym", numbered_lines(size, "STACK WIN 4 ", "0 ff 0 0 0 0 0 0 1 p\n")},
+      {"functions.sym", numbered_lines(size, "", "FUNC ", "0 9 0 f\n")},
+      {"publics.sym", numbered_lines(size, "", "PUBLIC ", " 0 p\n")},
+      {"rules.sym", numbered_lines(size, "", "STACK CFI INIT ", "0 9 r\n")},
+      {"files.sym", numbered_lines(size, "", "FILE ", " f\n")},
+      {"inline_sites.sym",
+       numbered_lines(size, "FUNC 0 ffffffff 0 f\n0 ffffffff 1 1\n", "I ", " 1 1 1 0 i\n")},
+      {"call_ranges.sym", numbered_lines(size, "FUNC 0 ffffffff 0 f\nINLINE 0 1 1 1", " ", "0 1")},
+      {"nested_frame_data.sym", nested_frame_data(size)},
+      {"frame_data.sym", numbered_lines(size, "", "STACK WIN 4 ", "0 ff 0 0 0 0 0 0 1 p\n")},
       {"shared_unwind_chain.exe", shared_unwind_chain(size)},
   };
 }

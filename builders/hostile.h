@@ -16,5 +16,7 @@ struct HostileFile {
 
 // Returns one file of each kind, of about `size` bytes each. `size` is at least 32 KiB.
 std::vector<HostileFile> hostile_files(size_t size);
+// As above, those that cost most with --standard.
+std::vector<HostileFile> hostile_standard_files(size_t size);
 
 }  // namespace builders

@@ -119,6 +119,7 @@ uint32_t MsfBuilder::directory_size_of(uint32_t stream) const {
 void MsfBuilder::lay_streams(MsfFile& file) {
   file.stream_pages.resize(stream_count());
   for (const auto& [stream, size] : sizes_) {
+    if (page_lists_.contains(stream)) continue;
     const size_t bytes = size == kDeletedStream ? 0 : size;
     streams_.at(stream).resize(bytes);
   }

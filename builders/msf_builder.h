@@ -57,7 +57,8 @@ class MsfBuilder {
   // Inserts an unused page before the given page (1 or more) of the stream.
   MsfBuilder& split(uint32_t stream, uint32_t page);
   // Sets the stream's size in the directory to a wrong value. The stream gets as many pages as that
-  // size needs, the added ones zeroed. 0xFFFFFFFF (a deleted stream) gets none.
+  // size needs, the added ones zeroed, unless override_pages() lists them. 0xFFFFFFFF (a deleted
+  // stream) gets none.
   MsfBuilder& override_size(uint32_t stream, uint32_t size);
   // Sets the stream's page numbers in the directory to wrong values.
   MsfBuilder& override_pages(uint32_t stream, std::vector<uint32_t> pages);

@@ -9,8 +9,11 @@
 int main(int argc, char** argv) {
   const size_t size = argc == 3 ? std::strtoul(argv[1], nullptr, 10) : 0;
   if (size < 32 * 1024) return 2;
-  for (const builders::HostileFile& file : builders::hostile_files(size)) {
-    builders::write_file(std::string(argv[2]) + "/" + file.name, file.bytes);
+  for (const auto& files :
+       {builders::hostile_files(size), builders::hostile_standard_files(size)}) {
+    for (const builders::HostileFile& file : files) {
+      builders::write_file(std::string(argv[2]) + "/" + file.name, file.bytes);
+    }
   }
   return 0;
 }

@@ -1,10 +1,13 @@
 # The files of `cmake --install`, and the packages that cpack makes of them (scripts/package).
 #
 #   bin/symforge                                    the program
+#   lib/libsymforge.so.1                            the C interface: symforge::symforge
+#   include/symforge/symforge.h                     its header, included as <symforge/symforge.h>
 #   lib/libsymforge-resolver.a                      resolver, SYMB format and SYMB writer in one library
-#   include/symforge/                               include folder of hosts:
+#   include/symforge/                               include folder of its hosts:
 #     google_breakpad/processor/*.h, common/symb.h  its includes are written like that
-#   lib/cmake/symforge, lib/pkgconfig/symforge.pc   how a host finds both
+#   lib/cmake/symforge                              how a host finds these with CMake
+#   lib/pkgconfig/{libsymforge,symforge}.pc         and with pkg-config: the first is the C interface
 #   share/...                                       manual page, documents, completion for bash
 #
 # A host reads the version from common/symforge_version.h, which is made here.
@@ -45,7 +48,7 @@ function(compressed file output)
     OUTPUT_FILE ${PROJECT_BINARY_DIR}/${output} COMMAND_ERROR_IS_FATAL ANY)
 endfunction()
 
-# ---- Files, in two components that become two Debian packages ---------------------------------------
+# ---- Files, in three components that become three Debian packages -----------------------------------
 install(TARGETS symforge RUNTIME COMPONENT program)
 compressed(docs/symforge.1 symforge.1.gz)
 install(FILES ${PROJECT_BINARY_DIR}/symforge.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT program)
@@ -58,14 +61,17 @@ foreach(document IN LISTS documents)
   set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${document})
   file(READ ${document} text)
   string(REPLACE "](docs/symforge.1)" "](${from_documents}${CMAKE_INSTALL_MANDIR}/man1/symforge.1.gz)" text "${text}")
-  string(REPLACE "](google_breakpad/processor)" "](${from_documents}${header_root}/google_breakpad/processor)"
-    text "${text}")
+  foreach(up IN ITEMS "" "../")  # of the documents here and in docs
+    string(REPLACE "](${up}google_breakpad/processor)"
+      "](${up}${from_documents}${header_root}/google_breakpad/processor)" text "${text}")
+    string(REPLACE "](${up}symforge/symforge.h)" "](${up}${from_documents}${header_root}/symforge.h)" text "${text}")
+  endforeach()
   file(CONFIGURE OUTPUT documents/${document} CONTENT "@text@" @ONLY)
 endforeach()
 install(DIRECTORY ${PROJECT_BINARY_DIR}/documents/ DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT program
   FILES_MATCHING PATTERN "*.md")
 install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT program
-  FILES_MATCHING PATTERN "*.cc")
+  FILES_MATCHING PATTERN "*.cc" PATTERN "*.c" PATTERN "*.h" PATTERN "*.py")
 
 # Files that Debian's policy requires in every package.
 string(TIMESTAMP changed "%a, %d %b %Y %H:%M:%S +0000" UTC)
@@ -76,7 +82,7 @@ file(CONFIGURE OUTPUT changelog CONTENT "symforge (@PROJECT_VERSION@) unstable; 
  -- @contact@  @changed@
 " @ONLY)
 compressed(${PROJECT_BINARY_DIR}/changelog changelog.gz)
-foreach(package IN ITEMS "program symforge" "development libsymforge-dev")
+foreach(package IN ITEMS "program symforge" "library libsymforge1" "development libsymforge-dev")
   separate_arguments(package)
   list(POP_FRONT package component name)
   install(FILES ${PROJECT_BINARY_DIR}/changelog.gz DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${name} COMPONENT ${component})
@@ -85,6 +91,9 @@ endforeach()
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/symforge)
 install(TARGETS symforge_resolver EXPORT symforge ARCHIVE COMPONENT development)
+install(TARGETS symforge_shared EXPORT symforge
+  LIBRARY COMPONENT library NAMELINK_COMPONENT development)
+install(FILES symforge/symforge.h DESTINATION ${header_root} COMPONENT development)
 install(DIRECTORY google_breakpad/processor DESTINATION ${header_root}/google_breakpad
   COMPONENT development FILES_MATCHING PATTERN "*.h")
 install(FILES common/symb.h ${version_header} DESTINATION ${header_root}/common COMPONENT development)
@@ -101,8 +110,10 @@ install(FILES ${PROJECT_BINARY_DIR}/symforge-config-version.cmake
 set(pc_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 file(RELATIVE_PATH prefix_from_pc /prefix/${pc_dir} /prefix)
 string(REGEX REPLACE "/$" "" prefix_from_pc ${prefix_from_pc})
-configure_file(cmake/symforge.pc.in ${PROJECT_BINARY_DIR}/symforge.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/symforge.pc DESTINATION ${pc_dir} COMPONENT development)
+foreach(name IN ITEMS symforge libsymforge)
+  configure_file(cmake/${name}.pc.in ${PROJECT_BINARY_DIR}/${name}.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/${name}.pc DESTINATION ${pc_dir} COMPONENT development)
+endforeach()
 
 # ---- Packages ------------------------------------------------------------------------------------
 set(CPACK_GENERATOR DEB TGZ)
@@ -119,10 +130,17 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PROGRAM_PACKAGE_NAME symforge)
 set(CPACK_DEBIAN_PROGRAM_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_PROGRAM_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_NAME libsymforge1)
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libsymforge-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "libsymforge1 (= ${PROJECT_VERSION})")
 set(CPACK_COMPONENT_PROGRAM_DESCRIPTION
   "Turns PDB files and PE images into Breakpad text symbol files and SYMB,\na binary format that is searched in place.")
+set(CPACK_COMPONENT_LIBRARY_DESCRIPTION
+  "Symbol lookups for programs in any language.\nTells a crash-processing host the function, source line, inline frames\nand unwinding rules of a code address, and keeps a store of symbol files.")
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
-  "Resolver library of symforge, static, with its headers.\nTells a crash-processing host the function, source line, inline frames\nand unwinding rules of a code address.")
+  "Development files of symforge's libraries.\nThe header of the C interface, and the static resolver library for hosts\nin C++ with its headers.")
 include(CPack)

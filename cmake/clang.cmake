@@ -7,3 +7,7 @@ if(NOT CMAKE_CXX_COMPILER)
       NAMES clang++ clang++-19 clang++-18 clang++-17 clang++-16 clang++-15 clang++-14)
   endif()
 endif()
+# The C of examples and tests, by the compiler of the same version.
+if(NOT CMAKE_C_COMPILER)
+  string(REPLACE "clang++" "clang" CMAKE_C_COMPILER "${CMAKE_CXX_COMPILER}")
+endif()

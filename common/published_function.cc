@@ -7,6 +7,8 @@ namespace symforge_internal {
 
 namespace {
 
+constexpr char kTooManyParts[] = "Inlined calls are cut into too many parts";
+
 uint64_t end_of(const symb_line& line) { return uint64_t{line.address} + line.size; }
 
 bool ends_at(const PublishedFunction::Call& call, uint64_t address) {
@@ -15,8 +17,9 @@ bool ends_at(const PublishedFunction::Call& call, uint64_t address) {
 
 }  // namespace
 
-bool PublishedFunction::convert(const symb_func& function, std::span<const symb_line> lines,
-                                std::span<const symb_inline> sites, uint64_t* budget) {
+void PublishedFunction::convert(const symb_func& function, std::span<const symb_line> lines,
+                                std::span<const symb_inline> sites, uint64_t most_parts,
+                                Allowance& parts) {
   lines_ = lines;
   sites_ = sites;
   next_site_ = 0;
@@ -27,6 +30,7 @@ bool PublishedFunction::convert(const symb_func& function, std::span<const symb_
   root_ = {};
   index_.clear();
 
+  Allowance own_parts(most_parts, kTooManyParts);
   // Step from each address where something starts or ends to the next one.
   uint64_t at = function.address;
   const uint64_t function_end = at + function.size;
@@ -43,11 +47,12 @@ bool PublishedFunction::convert(const symb_func& function, std::span<const symb_
     if (line < lines_.size()) {
       next = std::min(next, has_line ? end_of(lines_[line]) : lines_[line].address);
     }
-    if (!add_part(at, next, has_line ? static_cast<uint32_t>(line) : kNone, budget)) return false;
+    own_parts.spend(open_.size() + 1);
+    parts.spend(open_.size() + 1);
+    add_part(at, next, has_line ? static_cast<uint32_t>(line) : kNone);
     at = next;
   }
   order_calls();
-  return true;
 }
 
 // Opens the sites that start at `at` (or before the function), in the order of lookups.
@@ -67,11 +72,7 @@ void PublishedFunction::open_sites(uint64_t at) {
 
 // Adds the code from `begin` to `end`, throughout which the open sites are the same and `line` is
 // the index of the function's line.
-bool PublishedFunction::add_part(uint64_t begin, uint64_t end, uint32_t line, uint64_t* budget) {
-  const uint64_t cost = open_.size() + 1;
-  if (*budget < cost) return false;
-  *budget -= cost;
-
+void PublishedFunction::add_part(uint64_t begin, uint64_t end, uint32_t line) {
   SourcePosition position = {0, 0};
   if (line != kNone) {
     position = {lines_[line].source_file_id, lines_[line].line};
@@ -96,7 +97,6 @@ bool PublishedFunction::add_part(uint64_t begin, uint64_t end, uint32_t line, ui
   if (open_.empty() ? line != kNone : position != kNoPosition) {
     add_record(begin, end, position, !open_.empty());
   }
-  return true;
 }
 
 // Adjacent parts of inlined code at one position are merged. The function's own lines are not,

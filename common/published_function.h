@@ -15,6 +15,7 @@
 #include <tuple>
 #include <vector>
 
+#include "base/limits.h"
 #include "common/symb.h"
 #include "common/symbol_text.h"
 
@@ -31,10 +32,10 @@ class PublishedFunction {
   };
 
   // Converts the `lines` and `sites` of `function`. Records that are out of order or outside of the
-  // function are dropped. Subtracts the number of resulting records from `*budget`; returns false
-  // if they exceed it.
-  bool convert(const symb_func& function, std::span<const symb_line> lines,
-               std::span<const symb_inline> sites, uint64_t* budget);
+  // function are dropped. Spends one of `parts` for each part that the function or a call is cut
+  // into. Throws LimitExceeded when there are more, or more than `most_parts` in this function.
+  void convert(const symb_func& function, std::span<const symb_line> lines,
+               std::span<const symb_inline> sites, uint64_t most_parts, Allowance& parts);
 
   // The results of the last conversion. An outer call precedes the calls inside it.
   const std::vector<symb_line>& line_records() const { return records_; }
@@ -68,7 +69,7 @@ class PublishedFunction {
   };
 
   void open_sites(uint64_t at);
-  bool add_part(uint64_t begin, uint64_t end, uint32_t line, uint64_t* budget);
+  void add_part(uint64_t begin, uint64_t end, uint32_t line);
   void add_record(uint64_t begin, uint64_t end, SourcePosition position, bool is_inlined);
   uint32_t call_of(Open& open, uint32_t parent, SourcePosition position, uint64_t begin,
                    uint32_t line);

@@ -232,7 +232,7 @@ bool symb_write(const char* symbol_data, char** out_buffer, size_t* out_buffer_s
 // The block is only read and stays usable. Fails, and leaves `out` unchanged, if the block does not
 // begin with "SYMB", if something to be printed is not entirely inside it (tables, strings without
 // a NUL, frame info whose arrays contain themselves), or if records share strings such that the
-// text would exceed 16 MiB + 16 times the block. Never reads outside the block.
+// text would exceed 12 MiB + 4 times the block. Never reads outside the block.
 bool symb_read(char* in_buffer, size_t in_buffer_size, std::stringstream& out);
 
 // Relocates the block in place: adds `base`, the address of the block, to each reference. The

@@ -9,6 +9,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "base/limits.h"
 #include "base/text_buffer.h"
 #include "common/published_function.h"
 #include "common/symb.h"
@@ -24,22 +25,20 @@ namespace {
 class Printer {
  public:
   Printer(const char* block, uint64_t size, TextBuffer& text)
-      : block_(block), size_(size), budget_(size), text_(text) {}
+      : block_(block), size_(size), budget_(limits::kRecordsOfSymb.of(size)), text_(text) {}
 
   bool print() {
     load_header();
-    return identity() && sections() && files() && symbols() && stack_win() && stack_cfi();
+    return identity() && sections() && files(text_) && symbols() && stack_win() && stack_cfi();
   }
 
   // The published form. Only files used by lines or calls are written.
   bool print_standard() {
     is_standard_ = true;
     load_header();
-    TextBuffer functions;
-    if (!identity() || !standard_functions(functions) || !standard_files() || !standard_origins()) {
-      return false;
-    }
-    text_.append(functions.view());
+    if (!identity()) return false;
+    const size_t tables = text_.size();
+    if (!standard_functions() || !standard_tables(tables)) return false;
     return publics() && stack_win() && stack_cfi();
   }
 
@@ -66,9 +65,8 @@ class Printer {
     return true;
   }
 
-  // Consumes the budget of printed lines and ranges, which is the number of bytes of the block.
-  // Functions may share lines, and ranges may share nested ranges, so without a limit a small
-  // damaged block could produce endless output.
+  // Consumes the budget of printed lines and ranges. Functions may share lines, and ranges may
+  // share nested ranges, so without a limit a small damaged block could produce endless output.
   bool consume_budget(uint64_t records) {
     if (records > budget_) return false;
     budget_ -= records;
@@ -77,19 +75,19 @@ class Printer {
 
   bool identity();
   bool sections();
-  bool files();
+  bool files(TextBuffer& out);
   bool symbols();
   template <typename Function>
   bool merged(const char* function, const char* public_function);
   bool outputFunction(const symb_func& function);
   bool outputFunctionInline(const symb_func_inline& function);
   bool outputPublicFunction(const symb_public& symbol);
-  bool function_line(const symb_func& function, TextBuffer& out);
+  bool function_line(const symb_func& function);
   bool lines(const symb_func& function);
-  bool standard_functions(TextBuffer& out);
-  bool standard_function(const symb_func_inline& function, TextBuffer& out);
-  bool standard_files();
-  bool standard_origins();
+  bool standard_functions();
+  bool standard_function(const symb_func_inline& function);
+  bool standard_tables(size_t at);
+  bool standard_origins(TextBuffer& out);
   bool publics();
   bool stack_win();
   bool enter_map(const symb_nested_window_frame_info& owner);
@@ -114,7 +112,7 @@ class Printer {
   // For the published form.
   bool is_standard_ = false;
   PublishedFunction published_;
-  uint64_t parts_left_ = 0;
+  Allowance parts_;
   std::unordered_set<int32_t> used_files_;
   std::unordered_map<uint64_t, long> origin_numbers_;  // by reference
   std::vector<uint64_t> origins_;                      // by number
@@ -148,7 +146,7 @@ bool Printer::sections() {
   return true;
 }
 
-bool Printer::files() {
+bool Printer::files(TextBuffer& out) {
   const uint64_t count = header_.v1.file_count;
   const char* at;
   if (!records(header_.v1.files, count, sizeof(symb_file), &at)) return false;
@@ -156,7 +154,8 @@ bool Printer::files() {
     const auto file = symb_load<symb_file>(at);
     std::string_view name;
     if (!string(file.name, &name)) return false;
-    append_line(text_, FileFields{file.index, name});
+    const bool is_used = !is_standard_ || used_files_.contains(file.index);
+    if (is_used) append_line(out, FileFields{file.index, name});
   }
   return true;
 }
@@ -209,12 +208,12 @@ bool Printer::outputPublicFunction(const symb_public& symbol) {
   return true;
 }
 
-bool Printer::function_line(const symb_func& function, TextBuffer& out) {
+bool Printer::function_line(const symb_func& function) {
   FunctionFields fields = {
       false, {}, function.address, function.size, static_cast<uint32_t>(function.parameter_size),
       {}};
   if (!string(function.name, &fields.name)) return false;
-  append_line(out, fields);
+  append_line(text_, fields);
   return true;
 }
 
@@ -232,7 +231,7 @@ bool Printer::lines(const symb_func& function) {
 }
 
 bool Printer::outputFunction(const symb_func& function) {
-  if (!function_line(function, text_)) return false;
+  if (!function_line(function)) return false;
   return function.lines == 0 || function.line_count == 0 || lines(function);
 }
 
@@ -256,10 +255,8 @@ bool Printer::outputFunctionInline(const symb_func_inline& function) {
   return true;
 }
 
-bool Printer::standard_functions(TextBuffer& out) {
-  // Far more parts of functions per byte than any writer produces.
-  constexpr uint64_t kPartsPerByte = 16;
-  parts_left_ = size_ * kPartsPerByte;
+bool Printer::standard_functions() {
+  parts_ = Allowance(limits::kParts.of(size_), "Functions are cut into too many parts");
   const bool has_inline = symb_has_inlines(header_.v1.md.version);
   const size_t record_size = has_inline ? sizeof(symb_func_inline) : sizeof(symb_func);
   const uint64_t count = header_.v1.function_count;
@@ -268,7 +265,7 @@ bool Printer::standard_functions(TextBuffer& out) {
   for (uint64_t i = 0; i < count; ++i, at += record_size) {
     symb_func_inline function = {};
     std::memcpy(&function, at, record_size);
-    if (!standard_function(function, out)) return false;
+    if (!standard_function(function)) return false;
   }
   return true;
 }
@@ -280,55 +277,52 @@ std::vector<Record> copied(const char* first, uint64_t count) {
   return records;
 }
 
-bool Printer::standard_function(const symb_func_inline& function, TextBuffer& out) {
+bool Printer::standard_function(const symb_func_inline& function) {
   symb_func plain;
   std::memcpy(&plain, &function, sizeof(plain));
-  if (!function_line(plain, out)) return false;
+  if (!function_line(plain)) return false;
   if (plain.lines == 0 || plain.line_count == 0) return true;
   const char* first_line;
   const char* first_site;
   if (!records(plain.lines, plain.line_count, sizeof(symb_line), &first_line) ||
       !records(function.inlines, function.inline_count, sizeof(symb_inline), &first_site) ||
-      !consume_budget(plain.line_count)) {
+      !consume_budget(uint64_t{plain.line_count} + function.inline_count)) {
     return false;
   }
   const auto lines = copied<symb_line>(first_line, plain.line_count);
   const auto sites = copied<symb_inline>(first_site, function.inline_count);
-  if (!published_.convert(plain, lines, sites, &parts_left_)) return false;
+  published_.convert(plain, lines, sites, limits::kFunctionParts.of(size_), parts_);
 
   for (const PublishedFunction::Call& call : published_.calls()) {
     const auto number = static_cast<long>(origins_.size());
     const auto [origin, is_new] = origin_numbers_.try_emplace(call.name, number);
     if (is_new) origins_.push_back(call.name);
     used_files_.insert(call.file);
-    append_line(out,
+    append_line(text_,
                 InlineCallFields{call.depth, call.line, call.file, origin->second, call.ranges});
   }
   for (const symb_line& line : published_.line_records()) {
     used_files_.insert(line.source_file_id);
-    append_line(out, LineFields{line.address, line.size, line.line, line.source_file_id});
+    append_line(text_, LineFields{line.address, line.size, line.line, line.source_file_id});
   }
   return true;
 }
 
-bool Printer::standard_files() {
-  const uint64_t count = header_.v1.file_count;
-  const char* at;
-  if (!records(header_.v1.files, count, sizeof(symb_file), &at)) return false;
-  for (uint64_t i = 0; i < count; ++i, at += sizeof(symb_file)) {
-    const auto file = symb_load<symb_file>(at);
-    std::string_view name;
-    if (!string(file.name, &name)) return false;
-    if (used_files_.contains(file.index)) append_line(text_, FileFields{file.index, name});
-  }
+// Which files and callees there are is known when all functions are written. Their lines are
+// inserted before those of the functions.
+bool Printer::standard_tables(size_t at) {
+  TextBuffer tables;
+  const TextLimit limit(tables, limits::kTables.of(size_));
+  if (!files(tables) || !standard_origins(tables)) return false;
+  text_.insert(at, tables.view());
   return true;
 }
 
-bool Printer::standard_origins() {
+bool Printer::standard_origins(TextBuffer& out) {
   for (size_t i = 0; i < origins_.size(); ++i) {
     InlineOriginFields fields = {static_cast<long>(i), {}};
     if (!string(origins_[i], &fields.name)) return false;
-    append_line(text_, fields);
+    append_line(out, fields);
   }
   return true;
 }
@@ -451,13 +445,12 @@ bool Printer::delta_rule(const symb_cfi_delta_rule& rule) {
 
 }  // namespace
 
-bool symb_read(const char* block, size_t size, TextBuffer& out, TextDialect dialect,
-               const Limit& text_limit) {
+bool symb_read(const char* block, size_t size, TextBuffer& out, TextDialect dialect) {
   if (!std::string_view(block, size).starts_with(kSymbMagic)) return false;
   if (!symb_references_are_valid(block, size)) return false;
   const size_t before = out.size();
   try {
-    const TextLimit limit(out, text_limit.of(size));
+    const TextLimit limit(out, limits::kTextOfSymb.of(size));
     Printer printer(block, size, out);
     const bool is_standard = dialect == TextDialect::kStandard;
     if (is_standard ? printer.print_standard() : printer.print()) return true;

@@ -19,9 +19,8 @@ bool symb_write(TextBuffer symbol_data, char** out_buffer, size_t* out_buffer_si
 enum class TextDialect { kDefault, kStandard };
 
 // As symb_read() in symb.h, but appends to a TextBuffer. Fails if the text would exceed
-// `text_limit` for a block of that size. On failure, `out` is unchanged.
+// limits::kTextOfSymb for a block of that size. On failure, `out` is unchanged.
 bool symb_read(const char* block, size_t size, TextBuffer& out,
-               TextDialect dialect = TextDialect::kDefault,
-               const Limit& text_limit = limits::kTextOfSymb);
+               TextDialect dialect = TextDialect::kDefault);
 
 }  // namespace symforge_internal

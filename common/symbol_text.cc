@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "base/number_cursor.h"
+#include "common/lookup_limits.h"
 #include "processor/tokenize.h"
 
 namespace symforge_internal {
@@ -320,6 +321,7 @@ bool parse(const char* line, const char* end, InlineCallFields* fields,
     InlineCallFields::Range range;
     if (!cursor.hex(&range.address) || !skip_blanks() || !cursor.hex(&range.size)) return false;
     if (!skip_blanks() && cursor.at() != end) return false;
+    if (ranges->size() == kMaxInlineSites) return false;
     ranges->push_back(range);
   }
   fields->ranges = *ranges;

@@ -185,7 +185,8 @@ bool parse(char* line, char* end, InlineFields* fields);
 
 bool parse(char* line, char* end, InlineOriginFields* fields);
 // Replaces the contents of `ranges` by those that fields->ranges refers to. Numbers consist of
-// digits only, at most 18 decimal or 15 hexadecimal ones. The line is not modified.
+// digits only, at most 18 decimal or 15 hexadecimal ones. More than kMaxInlineSites ranges are
+// rejected. The line is not modified.
 bool parse(const char* line, const char* end, InlineCallFields* fields,
            std::vector<InlineCallFields::Range>* ranges);
 

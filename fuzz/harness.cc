@@ -27,7 +27,6 @@ namespace {
 
 // The assertions that input can violate.
 constexpr std::string_view kDocumentedAssertions[] = {
-    "m_seqPageEnd > m_data",                      // a page number that wraps
     "current_function != nullptr",                // an inline site outside of a function
     "ok.second",                                  // unwind data that save a register twice
     "fp_offset != INT32_MAX",                     // unwind data that never set the frame register
@@ -86,23 +85,18 @@ void unmap_left_files() {
 // abort() raises its signal after releasing its locks, so jumping out of the handler is safe.
 [[noreturn]] void leave_run(int) { siglongjmp(run_start, 1); }
 
-// Installs leave_run() for the two signals of documented exits while the object exists.
+// Installs leave_run() for the signal of documented exits while the object exists.
 class SignalScope {
  public:
   SignalScope() {
     struct sigaction action = {};
     action.sa_handler = leave_run;
     sigaction(SIGABRT, &action, &old_abort_);
-    sigaction(SIGFPE, &action, &old_division_);
   }
-  ~SignalScope() {
-    sigaction(SIGABRT, &old_abort_, nullptr);
-    sigaction(SIGFPE, &old_division_, nullptr);
-  }
+  ~SignalScope() { sigaction(SIGABRT, &old_abort_, nullptr); }
 
  private:
   struct sigaction old_abort_ = {};
-  struct sigaction old_division_ = {};
 };
 
 }  // namespace
@@ -139,6 +133,25 @@ void bounded(const char* what, double seconds, size_t bytes, const std::function
   const std::string name = what;
   if (taken > slower * seconds) fault((name + ": too long").c_str());
   if (heap_peak - before > bytes) fault((name + ": too much memory").c_str());
+}
+
+// The time includes the factor 5 of bounded().
+void bounded_conversion(size_t input_bytes, const std::function<size_t()>& convert) {
+  constexpr size_t kMebibyte = size_t{1} << 20;
+  const double seconds = (1 + 120e-9 * static_cast<double>(input_bytes)) / 5;
+  size_t output = 0;
+  bounded("a conversion", seconds, 64 * kMebibyte + 6 * input_bytes, [&] { output = convert(); });
+  require(output <= 16 * kMebibyte + 16 * input_bytes, "a limited output");
+}
+
+Outcome run_limited(size_t input_bytes, const symforge_internal::TextBuffer& output,
+                    const std::function<void()>& conversion) {
+  Outcome outcome = Outcome::kReturned;
+  bounded_conversion(input_bytes, [&] {
+    outcome = run_expecting_exit(conversion);
+    return output.size();
+  });
+  return outcome;
 }
 
 size_t aborted_runs() { return aborted; }

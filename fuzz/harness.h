@@ -1,10 +1,10 @@
 // Shared by all fuzz targets: the entry point, and the distinction between documented ways to exit
 // and faults.
 //
-// Some damaged PDBs end the program by design: an assertion or a container's range check aborts, a
-// page size of 0 raises SIGFPE, std::out_of_range propagates. run_expecting_exit() treats these as
-// expected, so that fuzzing continues. Everything else ends the process: a sanitizer report, an
-// undocumented assertion, another exception or signal, exit(), or a failed require() of the target.
+// Some damaged PDBs end the program by design: an assertion or a container's range check aborts,
+// std::out_of_range propagates. run_expecting_exit() treats these as expected, so that fuzzing
+// continues. Everything else ends the process: a sanitizer report, an undocumented assertion,
+// another exception or signal, exit(), or a failed require() of the target.
 // Texts, SYMB images and PEs have no documented exits except for two assertions about unwind data,
 // so their targets do not use run_expecting_exit().
 
@@ -13,6 +13,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+
+#include "base/text_buffer.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
@@ -34,6 +36,14 @@ size_t aborted_runs();
 // heap. The time limit is multiplied by 5, because tests run in parallel, and by 100 in builds with
 // a sanitizer.
 void bounded(const char* what, double seconds, size_t bytes, const std::function<void()>& call);
+
+// bounded() with the limits of a conversion of `input_bytes`. `convert` returns the size of its
+// output, which is limited too.
+void bounded_conversion(size_t input_bytes, const std::function<size_t()>& convert);
+
+// run_expecting_exit() with the limits of a conversion, whose result is `output`.
+Outcome run_limited(size_t input_bytes, const symforge_internal::TextBuffer& output,
+                    const std::function<void()>& conversion);
 
 // A condition that a target requires. If false, prints it and ends the process as a fault.
 void require(bool condition, const char* what);

@@ -36,7 +36,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   PDBParser parser(true);
   TextBuffer text;
-  fuzzing::run_expecting_exit([&] {
+  fuzzing::run_limited(size, text, [&] {
     parser.load(good_pdb().path(), pe.path(), nullptr, text);
     parser.printBreakpadSymbols(text, nullptr);
   });

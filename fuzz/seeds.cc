@@ -11,6 +11,7 @@
 #include "builders/arm64_unwind_builder.h"
 #include "builders/bytes.h"
 #include "builders/codeview_builder.h"
+#include "builders/hostile.h"
 #include "builders/pdb_builder.h"
 #include "builders/pe_builder.h"
 #include "builders/symb_builder.h"
@@ -136,6 +137,21 @@ std::string arm64_image() {
   return pe.build();
 }
 
+// Files that cost much, for runs with large inputs.
+void write_large_seeds(const std::filesystem::path& root) {
+  constexpr size_t kBytes = 64 * 1024;
+  for (const auto& files : {hostile_files(kBytes), hostile_standard_files(kBytes)}) {
+    for (const HostileFile& file : files) {
+      const char* target = "host_loads";
+      if (file.name.ends_with(".pdb")) target = "pdb_to_text";
+      if (file.name.ends_with(".exe")) target = "pe";
+      if (file.name.ends_with(".symb")) target = "symb";
+      std::filesystem::create_directories(root / target);
+      write_file((root / target / file.name).string(), file.bytes);
+    }
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -148,19 +164,25 @@ int main(int argc, char** argv) {
   seed("pdb_to_text", "x64", pdb64(512, PageOrder::kContiguous));
   seed("pdb_to_text", "x64_small_pages", pdb64(64, PageOrder::kInterleaved));
   seed("pdb_to_text", "x86", pdb32());
-  seed("pe", "pe32_plus", image(true));
-  seed("pe", "pe32", image(false));
+  for (const char* target : {"pe", "image_alone", "batch_pairing"}) {
+    seed(target, "pe32_plus", image(true));
+    seed(target, "pe32", image(false));
+  }
+  seed("batch_pairing", "pdb", pdb32());
+  seed("tree_files", "text", test_support::test_data("round_trip.sym"));
+  seed("tree_files", "outside",
+       "MODULE windows x86 0123 ../a.pdb\nINFO CODE_ID 4567 a.exe\nPUBLIC 1 0 p\n");
   seed("unwind_rules", "x64", image(true));
   seed("unwind_rules", "arm64", arm64_image());
   for (const char* text : {"rich.sym", "rich_shuffled.sym", "round_trip.sym", "published_linux.sym",
                            "published_mac.sym"}) {
     for (const char* target :
-         {"text_load_lookup", "round_trip", "lookup_agreement", "host_loads"}) {
+         {"text_load_lookup", "round_trip", "lookup_agreement", "host_loads", "embedding"}) {
       seed(target, text, test_support::test_data(text));
     }
   }
   for (const uint32_t version : {1, 2, 3}) {
-    for (const char* target : {"symb", "host_loads"}) {
+    for (const char* target : {"symb", "host_loads", "embedding"}) {
       seed(target, ("version_" + std::to_string(version)).c_str(),
            rich_symb_model(version).bytes());
     }
@@ -171,5 +193,6 @@ int main(int argc, char** argv) {
     operations.push_back(static_cast<char>(random()));
   }
   seed("range_containers", "random", operations);
+  write_large_seeds(root / "large");
   return 0;
 }

@@ -54,12 +54,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Image image(bytes);
   const bool valid = image.valid();
   TextBuffer text;
-  const bool read = image.read(text, TextDialect::kDefault);
+  bool read = false;
+  fuzzing::bounded_conversion(size, [&] {
+    read = image.read(text, TextDialect::kDefault);
+    return text.size();
+  });
   fuzzing::require(read || text.empty(), "no text of what cannot be read");
   fuzzing::require(read || !valid, "what is valid can be read");
   TextBuffer published;
-  fuzzing::require(image.read(published, TextDialect::kStandard) || published.empty(),
-                   "no published text of what cannot be read");
+  fuzzing::bounded_conversion(size, [&] {
+    fuzzing::require(image.read(published, TextDialect::kStandard) || published.empty(),
+                     "no published text of what cannot be read");
+    return published.size();
+  });
   if (!valid) return 0;
 
   const test_support::Symbols symbols(bytes);

@@ -28,6 +28,14 @@ bool BasicSourceLineResolver::Module::LoadMapInPlace(char* memory_buffer,
   return Load(memory_buffer, memory_buffer_size, StringStorage::Place::kText);
 }
 
+size_t BasicSourceLineResolver::Module::ByteCount() const {
+  size_t bytes = arena_.byte_count() + files_.byte_count() + functions_.GetMap().byte_count() +
+                 public_symbols_.Map().byte_count() + cfi_initial_rules_.GetMap().byte_count() +
+                 cfi_delta_rules_.byte_count();
+  for (const StackWinMap& ranges : windows_frame_info_) bytes += ranges.byte_count();
+  return bytes;
+}
+
 bool BasicSourceLineResolver::Module::Load(char* buffer, size_t size,
                                            StringStorage::Place strings) {
   if (buffer != nullptr && symb_has_magic(buffer, size)) return LoadMapFromMemoryB(buffer, size);

@@ -73,13 +73,17 @@ class BasicSourceLineResolver::Module : public SourceLineResolverBase::Module {
   // Like LoadMapFromMemory, but the module's strings point into the text, which must outlive the
   // module and not be changed.
   bool LoadMapInPlace(char* memory_buffer, size_t memory_buffer_size);
-  bool IsCorrupt() const override { return is_corrupt_; }
+  bool IsCorrupt() const override { return bad_lines_.count > 0; }
+  BadLines FindBadLines() const override { return bad_lines_; }
   void LookupAddress(StackFrame* frame) const override;
   WindowsFrameInfo* FindWindowsFrameInfo(const StackFrame* frame) const override;
   CFIFrameInfo* FindCFIFrameInfo(const StackFrame* frame) const override;
   void LookupAddresses(std::span<const uint64_t> addresses, std::span<ResolvedAddress> answers,
                        ResolvedInlines* inlines) const override;
   void IndexTables() override;
+
+  // The memory that the symbols of a text take, in bytes. 0 for a SYMB block.
+  size_t ByteCount() const;
 
   // Load and lookups for a SYMB block. The lookups find nothing unless one is loaded.
   virtual bool LoadMapFromMemoryB(char* memory_buffer, size_t memory_buffer_size);
@@ -113,7 +117,7 @@ class BasicSourceLineResolver::Module : public SourceLineResolverBase::Module {
   FileMap files_;
   FunctionMap functions_;
   PublicMap public_symbols_;
-  bool is_corrupt_ = false;
+  BadLines bad_lines_;
   StackWinMaps windows_frame_info_;
   CFIInitialMap cfi_initial_rules_;
   CFIDeltaMap cfi_delta_rules_;

@@ -128,6 +128,9 @@ class ContainedRangeMap : public ContainedRange<AddressType, EntryType> {
   template <typename Entries>
   void StoreRanges(const std::vector<Extent>& extents, const Entries& entries);
 
+  // The memory of all ranges. Takes linear time.
+  size_t byte_count() const { return map_bytes(*this) + nodes_.byte_count(); }
+
   // Removes all ranges and releases their memory.
   void Clear() {
     path_.clear();
@@ -137,6 +140,10 @@ class ContainedRangeMap : public ContainedRange<AddressType, EntryType> {
 
  private:
   using Iterator = typename AddressToRangeMap::const_iterator;
+
+  static size_t map_bytes(const Range& range) {
+    return range.map_ ? sizeof(AddressToRangeMap) + range.map_->byte_count() : 0;
+  }
 
   // A step of the path to the range stored last. The end of a range is only stored here.
   struct Step {
@@ -159,6 +166,14 @@ class ContainedRangeMap : public ContainedRange<AddressType, EntryType> {
       return &blocks_.back().emplace_back(std::forward<Args>(args)...);
     }
     void clear() { blocks_.clear(); }
+    size_t byte_count() const {
+      size_t bytes = 0;
+      for (const std::vector<Range>& block : blocks_) {
+        bytes += block.capacity() * sizeof(Range);
+        for (const Range& range : block) bytes += map_bytes(range);
+      }
+      return bytes;
+    }
 
    private:
     void add_block() {

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <tuple>
 
+#include "common/lookup_limits.h"
+
 namespace google_breakpad {
 
 namespace {
@@ -22,6 +24,7 @@ void InlineCallGatherer::Store(const symforge_internal::InlineCallFields& fields
        fields.origin});
   for (const auto& range : fields.ranges) {
     if (range.size == 0) continue;
+    if (ranges_.size() == symforge_internal::kMaxInlineSites) return;
     ranges_.push_back(
         {range.address, saturating_end(range.address, range.size), fields.depth, call});
   }

@@ -36,7 +36,8 @@ class InlineCallGatherer {
     long origin;
   };
 
-  // Adds one INLINE line. Copies the fields.
+  // Adds one INLINE line. Copies the fields. Ranges beyond kMaxInlineSites of a function are
+  // dropped.
   void Store(const symforge_internal::InlineCallFields& fields);
   bool empty() const { return calls_.empty(); }
 

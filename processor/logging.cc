@@ -1,10 +1,13 @@
 #include "processor/logging.h"
 
+#include <atomic>
 #include <cassert>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <iostream>
+#include <mutex>
 
 #include "processor/pathname_stripper.h"
 
@@ -12,27 +15,57 @@ namespace google_breakpad {
 
 namespace {
 
-const char* severity_word(LogStream::Severity severity) {
+const char* severity_word(LogSeverity severity) {
   switch (severity) {
-    case LogStream::SEVERITY_INFO:
+    case LogSeverity::kInfo:
       return "INFO";
-    case LogStream::SEVERITY_ERROR:
+    case LogSeverity::kError:
       return "ERROR";
-    case LogStream::SEVERITY_CRITICAL:
+    case LogSeverity::kCritical:
       return "CRITICAL";
   }
   return "UNKNOWN_SEVERITY";
 }
 
-}  // namespace
-
-LogStream::LogStream(std::ostream& stream, Severity severity, const char* file, int line)
-    : stream_(stream) {
-  stream_ << std::time(nullptr) << "s: " << PathnameStripper::File(file) << ":" << line << ": "
-          << severity_word(severity) << ": ";
+// The default sink. There are no locks: the output of concurrent statements may interleave.
+void write_to_standard_stream(void*, const LogLine& line) {
+  std::ostream& stream = line.severity == LogSeverity::kInfo ? std::clog : std::cerr;
+  stream << std::time(nullptr) << "s: " << PathnameStripper::File(std::string(line.file)) << ":"
+         << line.line << ": " << severity_word(line.severity) << ": " << line.message << std::endl;
 }
 
-LogStream::~LogStream() { stream_ << std::endl; }
+struct LogTarget {
+  LogSink sink = write_to_standard_stream;
+  void* context = nullptr;
+};
+
+std::mutex log_target_mutex;
+LogTarget log_target;
+std::atomic<bool> log_information = false;
+
+}  // namespace
+
+LogStream::~LogStream() {
+  LogTarget target;
+  {
+    const std::lock_guard lock(log_target_mutex);
+    target = log_target;
+  }
+  target.sink(target.context, {severity_, file_, line_, stream_.view()});
+}
+
+bool LogWanted(LogSeverity severity) {
+  return severity != LogSeverity::kInfo || log_information.load(std::memory_order_relaxed);
+}
+
+void SetLogSink(LogSink sink, void* context) {
+  const std::lock_guard lock(log_target_mutex);
+  log_target = {sink == nullptr ? write_to_standard_stream : sink, context};
+}
+
+void DiscardLogLine(void*, const LogLine&) {}
+
+void SetLogInformation(bool wanted) { log_information = wanted; }
 
 bool LogLimit::Admits() {
   if (messages_ > kMaxMessages) return false;

@@ -1,30 +1,28 @@
-// The resolver's log: one line per statement, information to std::clog and errors to std::cerr.
+// The resolver's log: one line per statement, passed to the sink of log_sink.h.
 //
 //   SYMFORGE_LOG(ERROR) << "Could not open " << path;
 //
-// writes
-//
-//   1605312000s: source_line_resolver_base.cc:186: ERROR: Could not open /tmp/a.sym
-//
-// and flushes. There are no locks: the output of concurrent statements may interleave.
+// Nothing is formatted for information lines unless the host asked for them.
 
 #pragma once
 
-#include <iostream>
 #include <ostream>
+#include <sstream>
 #include <string>
+
+#include "google_breakpad/processor/log_sink.h"
 
 namespace google_breakpad {
 
-// One log line: the constructor writes the prefix, the call site streams the message, the
-// destructor ends the line.
+// One log line: the call site streams the message, the destructor passes the line to the sink.
 class LogStream {
  public:
-  enum Severity : int { SEVERITY_INFO = 0, SEVERITY_ERROR = 1, SEVERITY_CRITICAL = 2 };
+  static constexpr LogSeverity SEVERITY_INFO = LogSeverity::kInfo;
+  static constexpr LogSeverity SEVERITY_ERROR = LogSeverity::kError;
 
-  // Writes "<seconds since the epoch>s: <last component of file>:<line>: <severity>: ".
-  // `stream` must outlive this object; `file` must not be null.
-  LogStream(std::ostream& stream, Severity severity, const char* file, int line);
+  // `file` must not be null and must outlive this object.
+  LogStream(LogSeverity severity, const char* file, int line)
+      : severity_(severity), file_(file), line_(line) {}
   ~LogStream();
 
   LogStream(const LogStream&) = delete;
@@ -36,8 +34,14 @@ class LogStream {
   }
 
  private:
-  std::ostream& stream_;
+  const LogSeverity severity_;
+  const char* const file_;
+  const int line_;
+  std::ostringstream stream_;
 };
+
+// Whether lines of that severity are written.
+bool LogWanted(LogSeverity severity);
 
 // Converts a streamed message to void, so that a conditional log statement is one expression:
 //   condition ? (void)0 : LogMessageVoidify() & LogStream(...) << "message"
@@ -68,12 +72,13 @@ std::string HexString(unsigned long number);
 
 }  // namespace google_breakpad
 
-#define SYMFORGE_LOG_STREAM_INFO std::clog
-#define SYMFORGE_LOG_STREAM_ERROR std::cerr
-// severity: INFO or ERROR.
+// severity: INFO or ERROR. The message continues after the macro, so the expression cannot be in
+// parentheses.
+// NOLINTBEGIN(bugprone-macro-parentheses)
 #define SYMFORGE_LOG(severity)                                                              \
-  ::google_breakpad::LogStream(SYMFORGE_LOG_STREAM_##severity,                              \
-                               ::google_breakpad::LogStream::SEVERITY_##severity, __FILE__, \
-                               __LINE__)
-#define SYMFORGE_LOG_IF(severity, condition) \
-  !(condition) ? (void)0 : ::google_breakpad::LogMessageVoidify() & SYMFORGE_LOG(severity)
+  !::google_breakpad::LogWanted(::google_breakpad::LogStream::SEVERITY_##severity)          \
+      ? (void)0                                                                             \
+      : ::google_breakpad::LogMessageVoidify() &                                            \
+            ::google_breakpad::LogStream(::google_breakpad::LogStream::SEVERITY_##severity, \
+                                         __FILE__, __LINE__)
+// NOLINTEND(bugprone-macro-parentheses)

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "base/range_nesting.h"
+#include "common/lookup_limits.h"
 
 namespace google_breakpad {
 
@@ -51,6 +52,7 @@ void LineGatherer::Clear() {
 void InlineGatherer::Store(const InlineFunction& site, std::string_view name) {
   const Site new_site{site, name};
   if (site.code_size == 0 || new_site.high() < site.function_address) return;
+  if (sites_.size() == symforge_internal::kMaxInlineSites) return;
   if (ordered_) {
     const NestedRangeStack::Result result = nesting_.add(site.function_address, site.code_size);
     if (result == NestedRangeStack::Result::kIgnored) return;

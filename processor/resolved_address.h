@@ -27,6 +27,7 @@ using ResolvedInlines = std::pmr::vector<ResolvedInline>;
 
 struct ResolvedAddress {
   bool has_function = false;  // `function_name` and `function_base` are set
+  bool is_public = false;     // the function is a public symbol
   bool has_file = false;      // `source_file` is set; only if `has_line` is true
   bool has_line = false;      // `source_line` and `line_base` are set
   int source_line = 0;

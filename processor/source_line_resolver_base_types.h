@@ -63,6 +63,7 @@ class SourceLineResolverBase::Module {
 
   // Whether loading found lines that did not parse.
   virtual bool IsCorrupt() const = 0;
+  virtual BadLines FindBadLines() const = 0;
 
   // The lookups as documented in SourceLineResolverInterface, for this module.
   virtual void LookupAddress(StackFrame* frame) const = 0;

@@ -68,6 +68,7 @@ void SymbTables::set_public(const SymbSearch& search, const SymbSearch& function
   }
   if (nearest != 0 && symbol.address <= nearest) return;
   answer->has_function = true;
+  answer->is_public = true;
   answer->function_name = string(symbol.name);
   answer->function_base = symbol.address;
 }

@@ -128,6 +128,7 @@ void BasicSourceLineResolver::Module::Resolve(MemAddr address, ResolvedAddress* 
   if (!public_symbols_.Retrieve(address, &symbol, &public_address)) return;
   if (nearest.hides(public_address)) return;
   answer->has_function = true;
+  answer->is_public = true;
   answer->function_name = limited_string(symbol.name);
   answer->function_base = public_address;
 }

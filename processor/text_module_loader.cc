@@ -21,7 +21,7 @@ using symforge_internal::StackWinFields;
 
 namespace {
 
-constexpr int kMaxErrorsPrinted = 10;
+constexpr uint64_t kMaxErrorsPrinted = 10;
 
 // The name of a site without an INLINE_ORIGIN line, as of a function without a name.
 constexpr char kOmittedName[] = "<omitted>";
@@ -54,7 +54,6 @@ void TextModuleLoader::Load(char* buffer, size_t size) {
   FinishFunction();
   NameSites();
   FinishStackWin();
-  module_.is_corrupt_ = num_errors_ > 0;
 }
 
 // Returns the end of the last byte that is not NUL. NULs before it are replaced by "_" and count as
@@ -69,8 +68,7 @@ char* TextModuleLoader::EndOfText(char* buffer, size_t size) {
     found = true;
   }
   if (found) {
-    LogParseError("Null terminator is not expected in the middle of the symbol data", 0,
-                  &num_errors_);
+    LogParseError("Null terminator is not expected in the middle of the symbol data", 0);
   }
   return end;
 }
@@ -341,8 +339,10 @@ void TextModuleLoader::StoreStackCFI(const StackCFIFields& fields) {
   }
 }
 
-void TextModuleLoader::LogParseError(const std::string& message, int line_number, int* num_errors) {
-  if (++*num_errors > kMaxErrorsPrinted) return;
+void TextModuleLoader::LogParseError(const char* message, uint64_t line_number) {
+  BadLines& bad = module_.bad_lines_;
+  if (bad.first == 0) bad.first = line_number;
+  if (++bad.count > kMaxErrorsPrinted) return;
   if (line_number > 0) {
     SYMFORGE_LOG(ERROR) << "Line " << line_number << ": " << message;
   } else {

@@ -44,7 +44,7 @@ class TextModuleLoader {
         quick_(readers == Readers::kQuickAndExact),
         strings_(module_.arena_, strings) {}
 
-  // Loads `size` bytes and marks the module as corrupt if a line did not parse. The last byte is
+  // Loads `size` bytes, and counts the lines that do not parse in the module. The last byte is
   // overwritten by a NUL; other bytes change as lines are split.
   void Load(char* buffer, size_t size);
 
@@ -70,16 +70,15 @@ class TextModuleLoader {
   void StoreInlineCalls();
   void NameSites();
   void FinishStackWin();
-  void LogParseError(const std::string& message, int line_number, int* num_errors);
-  void LineError(const char* message) { LogParseError(message, line_number_, &num_errors_); }
+  void LogParseError(const char* message, uint64_t line_number);
+  void LineError(const char* message) { LogParseError(message, line_number_); }
 
   Module& module_;
   const bool quick_;
   StringStorage strings_;
   char* end_ = nullptr;           // end of the text, where a NUL is stored
   char* next_newline_ = nullptr;  // first line feed at or after the last line searched
-  int line_number_ = 0;
-  int num_errors_ = 0;
+  uint64_t line_number_ = 0;
 
   Function* cur_func_ = nullptr;  // in the module's arena
   bool cur_func_stored_ = false;  // the module's container accepted it

@@ -7,6 +7,8 @@
 
 namespace google_breakpad {
 
+// The signature is that of the interface.
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
 WindowsFrameInfo* WindowsFrameInfo::ParseFromString(std::string stack_info_string, int& type,
                                                     uint64_t& rva, uint64_t& code_size) {
   std::vector<char> line;

@@ -3,11 +3,13 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pty.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -16,6 +18,7 @@
 #include <map>
 #include <random>
 #include <set>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -31,6 +34,7 @@ using namespace builders;
 using namespace test_support;
 using ::testing::HasSubstr;
 using ::testing::Not;
+using ::testing::StartsWith;
 
 Guid guid_of(uint32_t number) { return {.data1 = number}; }
 
@@ -153,6 +157,58 @@ TEST(BatchTest, MatchesSingleConversions) {
   EXPECT_EQ(run({"-r", temp / "in", tree}).status, 0);
   for (const auto& args : in.conversions(expected)) run(args);
   EXPECT_EQ(list_tree(tree), list_tree(expected));
+}
+
+// Files that meet in the tree, so that the order of conversions shows: the last of several texts of
+// one module is kept, the first link, the first image of an identifier; the name of a link can be
+// the identifier of another module; the first conversion of a name makes its folder.
+void add_files_that_meet(Inputs& in) {
+  for (uint32_t i = 0; i < 20; ++i) {
+    const std::string folder = numbered("meet", i, "/");
+    in.text(folder + "t.sym", make_text(5000 + i % 3, "t.pdb", 10 + 500 * (i % 7)));
+    in.text(folder + "linked.sym", "MODULE windows x86_64 ID" + std::to_string(i) +
+                                       " t.pdb\nINFO CODE_ID ID" + std::to_string(i * 7 % 20) +
+                                       " t.exe\n");
+    in.pair(5010 + i % 5, folder + "app.pdb", folder + "app.exe", 5 + 40 * (i % 4));
+    in.pdb(folder + "t.pdb", make_pdb(5000 + i % 4, 1 + i));
+    in.pe(folder + "joined.dll", make_pe(5000 + i % 3, "t.pdb"));
+  }
+}
+
+std::vector<std::string> sorted_lines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream stream(text);
+  for (std::string line; std::getline(stream, line);) lines.push_back(line);
+  std::sort(lines.begin(), lines.end());
+  return lines;
+}
+
+TEST(BatchTest, MakesTheSameTreeWithSeveralJobs) {
+  const TemporaryDirectory temp;
+  Inputs in(temp);
+  add_good_files(in, 8);
+  add_bad_files(in, temp);
+  add_files_that_meet(in);
+  const std::vector<std::string> modes[] = {{"-b"}, {}, {"--standard", "-q", "--no-sync"}};
+  for (const std::vector<std::string>& mode : modes) {
+    Tree trees[2];
+    const auto batch = [&](const std::string& jobs, Tree& tree) {
+      std::vector<std::string> args = mode;
+      args.insert(args.end(), {"-j", jobs, "-r", "in", temp.folder("tree")});
+      const Result result = run(args, {.directory = temp.path()});
+      tree = list_tree(temp / "tree");
+      std::filesystem::remove_all(temp / "tree");
+      return result;
+    };
+    const Result expected = batch("1", trees[0]);
+    const Result result = batch("7", trees[1]);
+    EXPECT_TRUE(trees[0] == trees[1]);
+    EXPECT_EQ(result.status, expected.status);
+    // Default mode prints addresses, which differ.
+    if (mode.size() < 2) continue;
+    EXPECT_GT(sorted_lines(result.err).size(), 50u);
+    EXPECT_EQ(sorted_lines(result.err), sorted_lines(expected.err));
+  }
 }
 
 TEST(BatchTest, ReportsEachFileOnceAndSucceedsForOneGoodOne) {
@@ -320,6 +376,274 @@ TEST(BatchTest, TerminatesItsChildWithItself) {
   kill(batch, SIGKILL);
   waitpid(batch, nullptr, 0);
   EXPECT_TRUE(wait_while([&] { return std::filesystem::exists("/proc/" + child + "/exe"); }));
+}
+
+// Several inputs without -r: by content, whatever their names.
+TEST(SeveralInputsTest, ComeFromArgumentsAndLists) {
+  const TemporaryDirectory temp;
+  temp.file("a.pdb", make_pdb(1));
+  temp.file("image.bin", make_pe(1, "a.pdb"));
+  temp.file("text", make_text(2, "t.pdb"));
+  temp.file("-x.pdb", make_pdb(3));
+  temp.file("line\nfeed.pdb", make_pdb(4));
+  const auto tree_of = [&](const std::string& tree, const std::string& command) {
+    temp.folder(tree);
+    const std::string line = "cd " + temp.path() + " && " + command;
+    EXPECT_EQ(std::system(line.c_str()), 0) << command;
+    return list_tree(temp / tree);
+  };
+  const std::string program = SYMFORGE_PROGRAM " --standard -q --no-sync ";
+  const std::string names = "text image.bin '-x.pdb' 'line\nfeed.pdb' a.pdb";
+  const Tree expected = tree_of(
+      "one", program + "-s one text && " + program + "-s one -e image.bin a.pdb && " + program +
+                 "-s one ./-x.pdb 2>&- && " + program + "-s one 'line\nfeed.pdb' 2>&-");
+  ASSERT_EQ(expected.size(), 12u);
+  EXPECT_EQ(tree_of("two", program + "-s two -- " + names + " 2>&-"), expected);
+  EXPECT_EQ(tree_of("three", "printf '%s\\0' " + names + " | " + program +
+                                 "-j2 --files-from - -s three 2>&-"),
+            expected);
+  EXPECT_EQ(tree_of("four", "printf '%s\n\n' text image.bin a.pdb > list && " + program +
+                                "--files-from list -s four ./-x.pdb line*.pdb 2>&-"),
+            expected);
+}
+
+TEST(SeveralInputsTest, AreRefusedWithAReason) {
+  const TemporaryDirectory temp;
+  temp.file("a.pdb", make_pdb(1));
+  temp.file("b.sym", make_text(2, "t.pdb"));
+  temp.folder("tree");
+  temp.folder("in");
+  const struct {
+    std::vector<std::string> args;
+    std::string message;
+  } cases[] = {
+      {{"a.pdb", "b.sym"},
+       "symbol path is not a folder: b.sym (several inputs need a tree that is named with '-s')"},
+      {{"--standard", "b.sym", "tree", "a.pdb"},
+       "several inputs need a tree that is named with '-s'"},
+      {{"--standard", "-s", "tree", "a.pdb", "in"},
+       "output symbol path is already set in -s option: tree"},
+      {{"-e", "a.exe", "-s", "tree", "a.pdb", "b.sym"}, "option '-e' needs a single input"},
+      {{"-s", "tree", "a.pdb", "-"}, "standard input must be the only input"},
+      {{"--files-from", "list"}, "options '--files-from' and '--if-changed' need a symbol tree"},
+      {{"--files-from", "list", "-s", "tree"},
+       "failed to read the list list: No such file or directory"},
+      {{"-s", "tree", "missing", "b.sym"}, "Failed to stat missing"},
+  };
+  for (const auto& c : cases) {
+    const Result result = run(c.args, {.directory = temp.path()});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err, "symforge: " + c.message + "\n");
+  }
+  EXPECT_EQ(list_tree(temp / "tree"), Tree());
+}
+
+TEST(StandardInputTest, CanBeTextOrSymb) {
+  const TemporaryDirectory temp;
+  const std::string text = make_text(1, "a.pdb");
+  temp.file("a.sym", text);
+  temp.file("a.pdb", make_pdb(1));
+  const std::string begin = "cd " + temp.path() + " && ";
+  const std::string program = SYMFORGE_PROGRAM " ";
+  for (const std::string mode : {"", "--standard "}) {
+    const std::string round = program + mode + "-b a.sym > a.symb && " + program + mode +
+                              "a.symb > back && cat a.sym | " + program + mode + "-b - | " +
+                              program + mode + "- | cmp back - && mkdir -p tree && " + program +
+                              mode + "- tree < a.sym && cmp tree/a.pdb/*/a.sym a.sym";
+    EXPECT_EQ(std::system((begin + round).c_str()), 0) << round;
+    const std::string bad = program + mode +
+                            "- < a.pdb 2> err; test $? = 1 && "
+                            "grep -q 'standard input is neither a text symbol file nor SYMB' err";
+    EXPECT_EQ(std::system((begin + bad).c_str()), 0) << bad;
+  }
+}
+
+// A drop folder that is converted again and again. After each run its files are an hour old, and
+// the results half an hour.
+class IfChangedTest : public ::testing::Test {
+ protected:
+  void add(const std::string& name, const std::string& bytes) {
+    set_age(temp_.file("in/" + name, bytes), 3600);
+  }
+  static void set_age(const std::string& path, int seconds) {
+    static const auto now = std::filesystem::file_time_type::clock::now();
+    std::filesystem::last_write_time(path, now - std::chrono::seconds(seconds));
+  }
+  // The counts of the summary, without the time.
+  std::string counts(std::vector<std::string> args = {}) {
+    args.insert(args.end(), {"--standard", "--if-changed", "-r", temp_ / "in", tree_});
+    const Result result = run(args);
+    EXPECT_EQ(result.status, 0) << result.err;
+    for (const auto& [folder, age] : {std::pair(temp_ / "in", 3600), std::pair(tree_, 1800)}) {
+      for (const auto& entry : std::filesystem::recursive_directory_iterator(folder)) {
+        if (entry.is_regular_file()) set_age(entry.path(), age);
+      }
+    }
+    const size_t line = result.err.rfind("symforge: ");
+    return result.err.substr(line + 10, result.err.rfind(", ") - line - 10);
+  }
+
+  TemporaryDirectory temp_;
+  std::string tree_ = temp_.folder("tree");
+};
+
+TEST_F(IfChangedTest, SkipsWhatIsUpToDate) {
+  add("a.pdb", make_pdb(1));
+  add("b.pdb", make_pdb(2));
+  add("image.dll", make_pe(2, "b.pdb"));
+  add("copy/b.pdb", make_pdb(2));
+  add("t.sym", make_text(3, "t.pdb"));
+  const std::string a = "/a.pdb/" + debug_id(guid_of(1), 10);
+  EXPECT_EQ(counts(), "4 converted, 0 failed, 0 skipped");
+  const auto spoil = [&](const std::string& record, const char* old, const char* text) {
+    const auto time = std::filesystem::last_write_time(record);
+    std::string content = read_file(record);
+    content.replace(content.find(old), std::string(old).size(), text);
+    write_file(record, content);
+    std::filesystem::last_write_time(record, time);
+  };
+  const struct {
+    const char* what;
+    std::function<void()> change;
+    std::vector<std::string> args;
+    std::string counts;
+  } cases[] = {
+      {"a PDB of the future",
+       [&] { set_age(temp_ / "in/a.pdb", -600); },
+       {},
+       "1 converted, 0 failed, 3"},
+      {"no record of that", [] {}, {}, "1 converted, 0 failed, 3"},
+      {"then none", [] {}, {}, "0 converted, 0 failed, 4"},
+      {"a newer copy", [&] { set_age(temp_ / "in/copy/b.pdb", 900); }, {}, ""},
+      {"a newer image", [&] { set_age(temp_ / "in/image.dll", 900); }, {}, ""},
+      {"a missing result", [&] { std::filesystem::remove(tree_ + a + "/a.sym"); }, {}, "1 conv"},
+      {"a replaced result",
+       [&] {
+         run({temp_ / "in/a.pdb", tree_});
+       },
+       {},
+       "1 conv"},
+      {"a missing record", [&] { std::filesystem::remove(tree_ + a + "/.a.sym.made"); }, {}, "1"},
+      {"a version", [&] { spoil(tree_ + a + "/.a.sym.made", "1.50", "1.49"); }, {}, "1 converted"},
+      {"an image arrives", [&] { add("a.exe", make_pe(1, "a.pdb")); }, {}, "1 converted"},
+      {"and leaves", [&] { std::filesystem::remove(temp_ / "in/a.exe"); }, {}, "0 converted"},
+      {"another option", [] {}, {"-i"}, "4 converted, 0 failed, 0 skipped"},
+      {"another form", [] {}, {"-i", "-b"}, "4 converted, 0 failed, 0 skipped"},
+      {"both again", [] {}, {"-i"}, "0 converted, 0 failed, 4 skipped"},
+  };
+  for (const auto& c : cases) {
+    c.change();
+    const std::string expected = c.counts.empty() ? "2 converted, 0 failed, 2 skipped" : c.counts;
+    EXPECT_THAT(counts(c.args), StartsWith(expected)) << c.what;
+  }
+}
+
+// A text and its image are converted together or not at all.
+TEST_F(IfChangedTest, JoinsAgainAfterAChange) {
+  add("t.sym", make_text(3, "t.pdb"));
+  add("t.exe", make_pe(3, "t.pdb"));
+  const std::string target = tree_ + "/t.pdb/" + debug_id(guid_of(3), 10) + "/t.sym";
+  std::string joined;
+  for (const bool changed : {true, false, true}) {
+    if (changed) set_age(temp_ / "in/t.sym", 900);
+    struct stat before = {}, after = {};
+    stat(target.c_str(), &before);
+    const Result result = run({"--if-changed", "-r", temp_ / "in", tree_});
+    EXPECT_EQ(result.status, 0);
+    stat(target.c_str(), &after);
+    EXPECT_EQ(before.st_mtim.tv_nsec != after.st_mtim.tv_nsec, changed);
+    if (joined.empty()) joined = read_file(target);
+    EXPECT_EQ(read_file(target), joined);
+    EXPECT_THAT(joined, HasSubstr("INFO CODE_ID"));
+    set_age(temp_ / "in/t.sym", 3600);
+    for (const std::string name : {"t.sym", ".t.sym.made"}) {
+      set_age(target.substr(0, target.rfind('/') + 1) + name, 1800);
+    }
+  }
+}
+
+bool has_temporary_file(const std::string& folder) {
+  if (!std::filesystem::exists(folder)) return false;
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+    if (entry.path().extension().string().size() == sizeof ".symXXXXXX" - 1) return true;
+  }
+  return false;
+}
+
+// Signals that arrive while a large file is written.
+TEST(EndSignalTest, RemovesTheUnfinishedFile) {
+  const TemporaryDirectory temp;
+  const std::string text = temp.file("in/a.sym", make_text(1, "a.pdb", 2'000'000));
+  temp.file("in/b.sym", make_text(2, "b.pdb"));
+  const std::string tree = temp.folder("tree");
+  const std::string folder = tree + "/a.pdb/" + debug_id(guid_of(1), 10);
+  const struct {
+    std::vector<std::string> args;
+    int signal;
+    int status;  // exit status; 0: ended by the signal
+  } cases[] = {{{"-r", temp / "in", tree}, SIGINT, 130},
+               {{"-j2", "-r", "--standard", temp / "in", tree}, SIGTERM, 143},
+               {{text, tree}, SIGTERM, 0}};
+  for (const auto& c : cases) {
+    bool seen = false;
+    for (int round = 0; round < 50 && !seen; ++round) {
+      const pid_t pid = start(c.args);
+      int status = 0;
+      while (!(seen = has_temporary_file(folder)) && waitpid(pid, &status, WNOHANG) == 0) {
+      }
+      if (!seen) continue;
+      kill(pid, c.signal);
+      waitpid(pid, &status, 0);
+      EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : 0, c.status);
+      EXPECT_EQ(WIFSIGNALED(status) ? WTERMSIG(status) : 0, c.status == 0 ? c.signal : 0);
+    }
+    EXPECT_TRUE(seen);
+    EXPECT_FALSE(has_temporary_file(folder));
+  }
+}
+
+// What a batch prints on a terminal.
+std::string terminal_output(const std::vector<std::string>& args) {
+  std::string command = "exec " SYMFORGE_PROGRAM;
+  for (const std::string& arg : args) command += " " + arg;
+  int terminal = -1;
+  const pid_t pid = forkpty(&terminal, nullptr, nullptr, nullptr);
+  if (pid == 0) {
+    execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+    _exit(127);
+  }
+  std::string output;
+  char block[4096];
+  for (ssize_t got; (got = read(terminal, block, sizeof block)) > 0;) {
+    output.append(block, static_cast<size_t>(got));
+  }
+  close(terminal);
+  waitpid(pid, nullptr, 0);
+  return output;
+}
+
+TEST(BatchProgressTest, IsShownOnTerminalsAlone) {
+  const TemporaryDirectory temp;
+  const std::string tree = temp.folder("tree");
+  const std::string in = temp.folder("in");
+  temp.file("in/a.sym", make_text(1, "a.pdb"));
+  temp.file("in/b\x1B.sym", "MODULE no\n");
+  const std::string progress = "\r0 done, 0 failed, 2 left, 0.0/s: " + in + "/a.sym";
+  const std::string message =
+      "symforge: " + in + "/b\\x1b.sym: the text has no complete MODULE line";
+  const std::string summary =
+      "symforge: 1 converted, 1 failed (" + in + "/b\\x1b.sym), 0 skipped, ";
+  const std::string shown = terminal_output({"--standard", "-r", in, tree});
+  EXPECT_THAT(shown, StartsWith(progress));
+  EXPECT_THAT(shown, HasSubstr(" \r" + message + "\r\n"));
+  EXPECT_THAT(shown, HasSubstr(" \r" + summary));
+  EXPECT_THAT(terminal_output({"-r", in, tree}), StartsWith(progress));
+  EXPECT_EQ(terminal_output({"--standard", "-q", "-r", in, tree}), message + "\r\n");
+
+  const Result result = run({"--standard", "-r", in, tree});
+  EXPECT_EQ(result.status, 2);
+  EXPECT_THAT(result.err, StartsWith(message + "\n" + summary));
+  EXPECT_EQ(run({"-r", temp / "in/a.sym", tree}).err, "");
 }
 
 // The completed files of a tree, by name; temporary files of a killed process are not included.

@@ -6,11 +6,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <string>
 #include <vector>
 
 #include "builders/bytes.h"
+#include "builders/pdb_builder.h"
+#include "builders/pe_builder.h"
 #include "tests/support/lines.h"
 #include "tests/support/process.h"
 
@@ -77,6 +80,16 @@ TEST(OptionsTest, ChecksInTheirOrder) {
       {{"-e", "x", "-s", "/no/where"}, 1, "", nowhere},
       {{text, "/no/where"}, 1, "", nowhere},
       {{text, "-s", "/no/where"}, 1, "", nowhere},
+      {{"-j", "1025", text}, 1, "", "symforge: option '-j' needs a number from 0 to 1024: 1025\n"},
+      {{"--standard", "--jobs=2x", text},
+       1,
+       "",
+       "symforge: option '-j' needs a number from 0 to 1024: 2x\n"},
+      {{"--max-memory=2X", text},
+       1,
+       "",
+       "symforge: option '--max-memory' needs a size such as 500M or 2G: 2X\n"},
+      {{"-qj0", "--max-memory=2g", text}, 0, kText, ""},
       {{text}, 0, kText, ""},
       {{text, tree, "third", "-i"}, 0, "", ""},
       {{"-r", temp.folder("empty"), tree}, 1, "", ""},
@@ -278,6 +291,12 @@ TEST_F(ImageTest, IsFoundBesideThePdbOrWhereTheOptionSays) {
   const Result foreign = run({pdb_});
   EXPECT_EQ(foreign.status, 1);
   EXPECT_THAT(foreign.err, HasSubstr("\nException caught: Error reading PE header\n"));
+
+  for (const std::string& path : {temp_.path(), std::string("/dev/null")}) {
+    const Result other = run({"-e", path, pdb_});
+    EXPECT_EQ(other.status, 1) << path;
+    EXPECT_THAT(other.err, HasSubstr("\nException caught: Error reading PE header\n")) << path;
+  }
 }
 
 TEST_F(ImageTest, ComesWithItsLink) {
@@ -324,6 +343,25 @@ TEST_F(ImageTest, IsAddedToTheSymbolFileInTheTreeOnce) {
   refused("exe/dll already exists");
 }
 
+TEST(ImageAloneTest, OfAnotherMachineAddsItsIdentifierOnly) {
+  const TemporaryDirectory temp;
+  const std::string text =
+      "MODULE windows x86 0123456789ABCDEF1032547698BADCFE1 a.pdb\nPUBLIC 1 0 p\n";
+  for (const uint16_t machine : {0x14C, 0xAA64}) {
+    PeBuilder image(/*pe32_plus=*/machine != 0x14C);
+    image.machine(machine).time_stamp(0x5F001234).size_of_image(0xA000);
+    image.codeview({}, 1, "C:\\a.pdb").function(0x1000, 0x1020, {});
+    const std::string exe = temp.file("a.exe", image.build());
+    const std::string tree = temp.folder("tree" + std::to_string(machine));
+    EXPECT_EQ(run({"-e", exe, "-s", tree}).status, 1);
+    ASSERT_EQ(run({temp.file("a.sym", text), tree}).status, 0);
+    EXPECT_EQ(run({"-e", exe, "-s", tree}).status, 0) << machine;
+    EXPECT_EQ(read_file(tree + "/a.pdb/0123456789ABCDEF1032547698BADCFE1/a.sym"),
+              text + "INFO CODE_ID 5F001234A000 a.exe\n");
+    EXPECT_EQ(run({"-e", exe, "-s", tree}).status, 1);
+  }
+}
+
 TEST(SymbTest, ConvertsToTheTreeAndBack) {
   const TemporaryDirectory temp;
   const std::string tree = temp.folder("tree");
@@ -348,6 +386,36 @@ TEST(SymbTest, RefusedTextEmptiesTheTarget) {
   EXPECT_EQ(
       list_tree(tree),
       (Tree{{"a.pdb", "dir 0755"}, {"a.pdb/X", "dir 0755"}, {"a.pdb/X/a.symb", "file 0600 "}}));
+}
+
+// A PDB whose names have line ends, which cannot start lines of their own, and with 1,500 warnings.
+TEST(HostilePdbTest, AddsNeitherLinesNorEndlessWarnings) {
+  const TemporaryDirectory temp;
+  const std::string forged = "\nPUBLIC 1 0 forged\rPUBLIC 2 0 forged";
+  PdbBuilder pdb(512);
+  pdb.section({.name = ".text", .address = 0x1000, .virtual_size = 0x1000});
+  const uint32_t pointer = pdb.types.pointer(0x74, 7 << 5);
+  const uint32_t list = pdb.types.arguments(std::vector<uint32_t>(1500, pointer));
+  const uint32_t type = pdb.types.procedure(3, list, 1500);
+  const uint32_t inlinee = pdb.ids.function_id("i" + forged, 0);
+  ModuleBuilder& module = pdb.add_module("m");
+  const uint32_t file = module.file(pdb.names.add("a" + forged));
+  module.proc({.name = "f" + forged, .length = 16, .type = type});
+  module.inline_site(inlinee, Annotations().op(3, 1).op(4, 1)).inline_site_end().end();
+  module.lines(1, 0, 16, file, {{0, 1}}).inlinees({{inlinee, file, 1}});
+  pdb.public_function("p" + forged, 1, 32);
+  pdb.frame_data({.start = 0x1000, .code_size = 16, .program = pdb.names.add("s" + forged)});
+  const std::string path = temp.file("a.pdb", pdb.build().bytes);
+  for (const std::string mode : {"--no-sync", "--standard"}) {
+    const Result result = run({mode, path});
+    EXPECT_EQ(result.status, 0) << mode;
+    EXPECT_THAT(result.out, HasSubstr(" PUBLIC 1 0 forged PUBLIC 2 0 forged")) << mode;
+    EXPECT_EQ(lines_with(result.out, {"PUBLIC 1", "PUBLIC 2"}), "") << mode;
+    EXPECT_EQ(result.out.find('\r'), std::string::npos) << mode;
+    const auto warnings = std::count(result.err.begin(), result.err.end(), '\n');
+    EXPECT_TRUE(warnings > 1000 && warnings < 1010) << mode << warnings;
+    EXPECT_THAT(result.err, HasSubstr("\nFurther warnings of this kind are left out\n")) << mode;
+  }
 }
 
 TEST(FailureTest, IsLoggedWithItsBacktrace) {

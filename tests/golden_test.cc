@@ -56,7 +56,7 @@ TEST_P(GoldenTest, ConvertsBackFromSymbAsReviewed) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Fixtures, GoldenTest,
-                         testing::Values("engine64", "engine32", "calls64", "calls32"),
+                         testing::Values("engine64", "engine32", "calls64", "calls32", "mingw64"),
                          [](const auto& fixture) { return std::string(fixture.param); });
 
 // Images of 64-bit ARM have unwind rules in the standard format alone.

@@ -31,9 +31,8 @@ struct Conversion {
 enum class Format { kDefault, kStandard };
 
 // Exceptions other than pdb_exception propagate.
-inline Conversion convertAlone(const std::string& bytes, Format format = Format::kDefault,
+inline Conversion convertAlone(const MemoryFile& file, Format format = Format::kDefault,
                                symforge_internal::StandardCounts* counts = nullptr) {
-  const MemoryFile file(bytes);
   Conversion result;
   try {
     symforge_internal::TextBuffer text;
@@ -49,6 +48,11 @@ inline Conversion convertAlone(const std::string& bytes, Format format = Format:
     result.failure = e.what();
   }
   return result;
+}
+
+inline Conversion convertAlone(const std::string& bytes, Format format = Format::kDefault,
+                               symforge_internal::StandardCounts* counts = nullptr) {
+  return convertAlone(MemoryFile(bytes), format, counts);
 }
 
 inline Conversion convert(const std::string& bytes) {

@@ -5,13 +5,19 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
 
 #include "builders/guarded_block.h"
 #include "builders/symb_builder.h"
 #include "common/symb.h"
+#include "google_breakpad/processor/basic_code_module.h"
 #include "google_breakpad/processor/basic_source_line_resolver.h"
+#include "google_breakpad/processor/log_sink.h"
 #include "processor/logging.h"
 #include "processor/module_factory.h"
 #include "processor/pathname_stripper.h"
@@ -37,11 +43,13 @@ std::string function_at(BasicSourceLineResolver& resolver, const CodeModule* cod
   return frame.function_name;
 }
 
-// The log output of a call.
+// The log output of a call, with information lines.
 template <typename Call>
 std::string log_of(Call call) {
+  SetLogInformation(true);
   testing::internal::CaptureStderr();
   call();
+  SetLogInformation(false);
   return testing::internal::GetCapturedStderr();
 }
 
@@ -160,23 +168,96 @@ TEST(Resolver, LimitsMessages) {
 }
 
 TEST(Logging, LinesAndHelpers) {
-  const auto line = [](int severity) {
-    std::ostringstream out;
-    { LogStream(out, static_cast<LogStream::Severity>(severity), "/a\\b/c.cc", 7) << "x" << 1; }
-    { LogStream stream(out, LogStream::SEVERITY_INFO, "c.cc", 8); }
-    return out.str();
-  };
-  EXPECT_THAT(line(0),
-              testing::MatchesRegex("[0-9]+s: c.cc:7: INFO: x1\n[0-9]+s: c.cc:8: INFO: \n"));
-  EXPECT_THAT(line(1), HasSubstr(": ERROR: x1\n"));
-  EXPECT_THAT(line(2), HasSubstr(": CRITICAL: x1\n"));
-  EXPECT_THAT(line(7), HasSubstr(": UNKNOWN_SEVERITY: x1\n"));
+  const std::string lines = log_of([] {
+    LogStream(LogStream::SEVERITY_INFO, "/a\\b/c.cc", 7) << "x" << 1;
+    LogStream(LogStream::SEVERITY_INFO, "c.cc", 8);
+    LogStream(LogStream::SEVERITY_ERROR, "c.cc", 9) << "y";
+  });
+  EXPECT_THAT(lines, testing::MatchesRegex("[0-9]+s: c.cc:7: INFO: x1\n[0-9]+s: c.cc:8: INFO: \n"
+                                           "[0-9]+s: c.cc:9: ERROR: y\n"));
 
   const std::pair<const char*, const char*> kPaths[] = {
       {"", ""},        {"a", "a"},      {"/a/b", "b"}, {"c:\\a\\b.c", "b.c"},
       {"a\\b/c", "c"}, {"a/b\\c", "c"}, {"a/", ""},    {"a\\", ""}};
   for (const auto& [path, file] : kPaths) EXPECT_EQ(PathnameStripper::File(path), file) << path;
   EXPECT_EQ(HexString(0) + HexString(255) + HexString(~0ul), "0x00xff0xffffffffffffffff");
+}
+
+// A host's sink gets errors, and information if it asks for it; nothing else is written.
+TEST(Logging, SinkOfTheHost) {
+  const TestModule code(kBase);
+  std::vector<std::string> lines;
+  testing::internal::CaptureStderr();
+  SetLogSink(
+      [](void* context, const LogLine& line) {
+        static_cast<std::vector<std::string>*>(context)->push_back(
+            std::string(line.severity == LogSeverity::kInfo ? "info " : "error ") +
+            std::string(line.message));
+      },
+      &lines);
+  for (const bool information : {false, true}) {
+    SetLogInformation(information);
+    BasicSourceLineResolver resolver;
+    EXPECT_TRUE(resolver.LoadModuleUsingMapBuffer(&code, "FUNC 1 1 0 f\n\n\nFILE \nzz\n"));
+    const BadLines bad = resolver.FindBadLines(&code);
+    EXPECT_TRUE(bad.count == 2 && bad.first == 2) << bad.count << " " << bad.first;
+    resolver.UnloadModule(&code);
+    EXPECT_EQ(resolver.FindBadLines(&code).count, 0u);
+  }
+  SetLogInformation(false);
+  SetLogSink(nullptr, nullptr);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  const char* const kErrors[] = {"error Line 2: ParseFile on buffer failed",
+                                 "error Line 3: ParseLine failed"};
+  EXPECT_THAT(lines,
+              testing::ElementsAre(kErrors[0], kErrors[1],
+                                   "info Loading symbols for module a.exe from memory buffer",
+                                   kErrors[0], kErrors[1]));
+}
+
+// Each form of contents gives the same answers, by a const resolver, and may be released, written
+// over or unloaded as documented.
+TEST(Resolver, EveryFormOfContents) {
+  const TemporaryDirectory directory;
+  const BasicCodeModule code("a.pdb", "1", kBase);
+  char* image = nullptr;
+  size_t size = 0;
+  ASSERT_TRUE(
+      symb_write("MODULE windows x86 1 a.pdb\nFUNC 1000 10 0 f\n1000 10 1 1\n", &image, &size));
+  const std::unique_ptr<char[]> owned(image);
+  const std::string_view block(image, size);
+  const std::string path = directory.file("a.symb", std::string(block));
+  const builders::GuardedBlock text("FUNC 1000 10 0 f");  // no NUL follows
+
+  using Load = std::function<bool(BasicSourceLineResolver&)>;
+  const Load kLoads[] = {
+      [&](auto& resolver) { return resolver.LoadModule(&code, path) && unlink(path.c_str()) == 0; },
+      [&](auto& resolver) {
+        return resolver.LoadModuleUsingMapBuffer(&code, std::string_view(block));
+      },
+      [&](auto& resolver) { return resolver.LoadModuleUsingMapBuffer(&code, kText); },
+      [&](auto& resolver) {
+        return resolver.LoadModuleUsingMemoryBuffer(&code, block.data(), size);
+      },
+      [&](auto& resolver) {
+        const char* read_only = text.data();
+        return resolver.LoadModuleUsingMemoryBuffer(&code, read_only, text.size());
+      }};
+  for (const Load& load : kLoads) {
+    BasicSourceLineResolver resolver;
+    ASSERT_TRUE(load(resolver)) << &load - kLoads;
+    const BasicSourceLineResolver& lookups = resolver;
+    EXPECT_TRUE(lookups.HasModule(&code) && !lookups.IsModuleCorrupt(&code));
+    StackFrame frame;
+    frame.module = &code;
+    frame.instruction = kBase + 0x100f;
+    lookups.FillSourceLineInfo(&frame);
+    EXPECT_EQ(frame.function_name, "f") << &load - kLoads;
+    frame.function_name.append(100, '.');  // too long to be stored in the string itself
+    const char* const name = frame.function_name.data();
+    const StackFrame moved = std::move(frame);
+    EXPECT_EQ(moved.function_name.data(), name) << "copied instead of moved";
+  }
 }
 
 }  // namespace

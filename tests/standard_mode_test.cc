@@ -87,6 +87,68 @@ TEST(StandardStatusTest, IsOneForInputsThatFail) {
   }
 }
 
+// Files that are not converted: one line that says what they are, in default mode after its
+// message.
+TEST(StandardStatusTest, IsOneForOtherKindsOfFiles) {
+  PdbBuilder managed(512);
+  managed.dbi.debug.token_rid_map = 1;
+  PdbBuilder server(512);
+  server.types.add(0x1515, Bytes().fill(20).zstr("C:\\obj\\vc140.pdb").str());
+  PdbBuilder fast(512);
+  fast.lay_out();
+  fast.msf.set_stream(1, fast.info.bytes() + Bytes().u32(0).u32(20140508).text("MINI").str());
+  using namespace std::string_literals;
+  const struct {
+    std::string bytes;
+    std::string message;
+    bool in_default_mode = true;
+  } cases[] = {
+      {"Microsoft MSFZ Container\r\n\x1A", "compressed PDB"},
+      {"BSJB\1\0\1\0"s, "portable PDB"},
+      {"Microsoft C/C++ program database 2.00\r\n\x1AJG", "format 2.00"},
+      {"PK\3\4", "zip archive"},
+      {"MSCF\0\0\0\0"s, "cabinet"},
+      {"\x1F\x8B\x08", "gzip"},
+      {"\x28\xB5\x2F\xFD", "zstd"},
+      {"\x7F"
+       "ELF\2",
+       "ELF"},
+      {"\xCF\xFA\xED\xFE", "Mach-O"},
+      {"\xCA\xFE\xBA\xBE\0\0\0\2"s, "Mach-O"},
+      {make_pe(1), "image"},
+      {managed.build().bytes, "managed"},
+      {server.build().bytes, "type server C:\\obj\\vc140.pdb; link", false},
+      {fast.build().bytes, "/DEBUG:FASTLINK", false},
+  };
+  const TemporaryDirectory temp;
+  for (const auto& c : cases) {
+    const std::string path = temp.file("a.pdb", c.bytes);
+    const Result result = run_standard({path});
+    EXPECT_EQ(result.status, 1) << c.message;
+    EXPECT_THAT(result.err, MatchesRegex("symforge: [^\n:]+: th[^\n]+\n"));
+    EXPECT_THAT(result.err, HasSubstr(c.message));
+    if (!c.in_default_mode) continue;
+    const Result by_default = run({path});
+    EXPECT_EQ(by_default.status, 1) << c.message;
+    EXPECT_THAT(by_default.err, HasSubstr("Exception caught: "));
+    EXPECT_THAT(by_default.err, HasSubstr("\nsymforge: " + path + ": this "));
+    EXPECT_THAT(by_default.err, HasSubstr(c.message));
+  }
+  // Java's classes begin like Mach-O files for several machines.
+  const std::string java = temp.file("a.pdb", "\xCA\xFE\xBA\xBE\0\0\0\x34"s);
+  EXPECT_THAT(run_standard({java}).err, HasSubstr("Failed to read PDB Root Stream"));
+}
+
+TEST(StandardStatusTest, IsZeroForNativeFunctionsOfManagedPdbs) {
+  PdbBuilder pdb(512);
+  pdb.dbi.debug.token_rid_map = 1;
+  pdb.section({.name = ".text", .address = 0x1000, .virtual_size = 0x1000});
+  pdb.add_module("m.obj").proc({.name = "native", .length = 16}).end();
+  const TemporaryDirectory temp;
+  const Result result = run_standard({temp.file("a.pdb", pdb.build().bytes)});
+  EXPECT_THAT(result.out, HasSubstr("FUNC 1000 10 0 native\n"));
+}
+
 // PDBs truncated at every page or with their first bytes changed, which trigger assertions, range
 // checks and exceptions.
 TEST(StandardStatusTest, IsNeverASignal) {
@@ -246,11 +308,13 @@ TEST_F(StandardBatchTest, EndsWithTwoWhenSomeInputsFailed) {
   temp_.file("in/lone.exe", make_pe(5));
   const Result result = batch();
   EXPECT_EQ(result.status, 2);
-  EXPECT_EQ(result.err, "symforge: " + in_ +
-                            "/lone.exe: PE file without matching pdb or sym file\n" +
-                            "symforge: " + in_ +
-                            "/bad.pdb: Failed to read PDB Root Stream (Input file has an "
-                            "invalid signature)\n");
+  EXPECT_THAT(result.err, StartsWith("symforge: " + in_ +
+                                     "/lone.exe: PE file without matching pdb or sym file\n" +
+                                     "symforge: " + in_ +
+                                     "/bad.pdb: Failed to read PDB Root Stream (Input file has an "
+                                     "invalid signature)\n" +
+                                     "symforge: 1 converted, 2 failed (" + in_ + "/lone.exe, " +
+                                     in_ + "/bad.pdb), 0 skipped, "));
   EXPECT_THAT(results(), ::testing::ElementsAre("a.sym"));
 }
 

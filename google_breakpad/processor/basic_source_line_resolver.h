@@ -1,11 +1,11 @@
 // BasicSourceLineResolver: the concrete resolver that a host creates.
 //
 // It loads Breakpad text symbol files and SYMB data. Text is parsed into the module's containers,
-// and its buffer is then released. SYMB data is used in place: LoadModule and
-// LoadModuleUsingMapBuffer keep their buffer until the module is unloaded. With
+// and its buffer is then released. SYMB data is used in place: LoadModule maps the file, and
+// LoadModuleUsingMapBuffer keeps its copy, until the module is unloaded; both check the data. With
 // LoadModuleUsingMemoryBuffer the block belongs to the host, may be a read-only mapping, and must
-// outlive the symbols. Loading does not validate SYMB data: call symb_validate() of common/symb.h
-// first for files from untrusted sources.
+// outlive the symbols. That load checks nothing: call symb_validate() of common/symb.h first for
+// data from untrusted sources.
 
 #pragma once
 

@@ -3,15 +3,24 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
+#include <string_view>
 
 #include "google_breakpad/processor/source_line_resolver_interface.h"
 
 namespace google_breakpad {
 
 class ModuleFactory;
+
+// What loading found wrong with a text. Lines are counted from 1, and empty lines are not counted.
+struct BadLines {
+  uint64_t count = 0;  // lines that were skipped; NULs inside the text count as one more
+  uint64_t first = 0;  // the number of the first of these lines, 0 if there is none
+};
 
 class SourceLineResolverBase : public SourceLineResolverInterface {
  public:
@@ -48,6 +57,27 @@ class SourceLineResolverBase : public SourceLineResolverInterface {
   WindowsFrameInfo* FindWindowsFrameInfo(const StackFrame* frame) override;
   CFIFrameInfo* FindCFIFrameInfo(const StackFrame* frame) override;
 
+  // The functions of the interface that only read, for a resolver that is const. They do the same.
+  bool HasModule(const CodeModule* module) const;
+  bool IsModuleCorrupt(const CodeModule* module) const;
+  void FillSourceLineInfo(StackFrame* frame) const;
+  WindowsFrameInfo* FindWindowsFrameInfo(const StackFrame* frame) const;
+  CFIFrameInfo* FindCFIFrameInfo(const StackFrame* frame) const;
+
+  // As the function of the interface, for contents that are not in a std::string. They are copied.
+  bool LoadModuleUsingMapBuffer(const CodeModule* module, std::string_view map_buffer);
+  bool LoadModuleUsingMapBuffer(const CodeModule* module, const char* map_buffer);
+
+  // As the function of the interface, for memory that cannot be written, such as a mapped file.
+  // Text is copied for the duration of the load, and needs no NUL. SYMB data is used in place: it
+  // must outlive the module's symbols, and is not checked.
+  bool LoadModuleUsingMemoryBuffer(const CodeModule* module, const char* memory_buffer,
+                                   size_t memory_buffer_size);
+
+  // The lines of the module's text that did not parse. None for SYMB data and for a module without
+  // symbols.
+  BadLines FindBadLines(const CodeModule* module) const;
+
   // Returns a new, empty module that is not registered with this resolver. The caller owns it.
   Module* CreateModule(const std::string& name);
 
@@ -62,16 +92,18 @@ class SourceLineResolverBase : public SourceLineResolverInterface {
   };
   using ModuleMap = std::map<std::string, Module*, CompareString>;
   using ModuleSet = std::set<std::string, CompareString>;
-  using MemoryMap = std::map<std::string, char*, CompareString>;
+  struct Storage;  // memory that a module's symbols point into
+  using MemoryMap = std::map<std::string, std::unique_ptr<Storage>, CompareString>;
 
   bool MayLoad(const CodeModule* module) const;
-  bool LoadOwnedBuffer(const CodeModule* module, char* buffer, size_t size);
-  Module* ModuleOf(const StackFrame* frame) const;
+  bool LoadFrom(const CodeModule* module, std::unique_ptr<Storage> storage);
+  bool LoadCopy(const CodeModule* module, std::string_view contents);
+  const Module* FindModule(const CodeModule* module) const;
 
   // All owned. The first three are keyed by the code module's debug identifier.
   ModuleMap* modules_;
   ModuleSet* corrupt_modules_;
-  MemoryMap* memory_buffers_;  // arrays that modules still use
+  MemoryMap* memory_buffers_;  // what modules still use
   ModuleFactory* module_factory_;
 };
 

@@ -1,5 +1,6 @@
 // SourceLineResolverInterface: maps code addresses to functions, source lines and unwinding rules.
 //
+//   google_breakpad::BasicCodeModule module("a.pdb", "5D3F...1", 0x140000000);
 //   google_breakpad::BasicSourceLineResolver resolver;
 //   resolver.LoadModule(&module, "a.sym");
 //   google_breakpad::StackFrame frame;
@@ -40,6 +41,9 @@ class SourceLineResolverInterface {
   // regular file or has 2 GiB or more; and, after logging a line, for SYMB data on which a lookup
   // would read outside the data or cost too much. That check takes about a tenth of the time of
   // reading.
+  //
+  // A SYMB file is mapped read-only until the module is unloaded. Replace such a file by renaming
+  // another one over it, as symforge does; after truncation a lookup would end the process.
   virtual bool LoadModule(const CodeModule* module, const std::string& map_file) = 0;
 
   // Loads the contents of a symbol file from a string, which is not changed. Also returns false for

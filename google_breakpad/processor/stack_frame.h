@@ -32,6 +32,10 @@ struct StackFrame {
 
   StackFrame() = default;
   virtual ~StackFrame() = default;
+  StackFrame(const StackFrame&) = default;
+  StackFrame& operator=(const StackFrame&) = default;
+  StackFrame(StackFrame&&) = default;
+  StackFrame& operator=(StackFrame&&) = default;
 
   // The absolute address at which execution continues in this frame; by default the instruction.
   virtual uint64_t ReturnAddress() const { return instruction; }

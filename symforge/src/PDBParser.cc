@@ -8,6 +8,7 @@
 
 #include "base/limits.h"
 #include "base/path_names.h"
+#include "common/symbol_text.h"
 #include "symforge/src/driver/tree_folders.h"
 #include "symforge/src/emit/function_list.h"
 #include "symforge/src/emit/function_printer.h"
@@ -26,6 +27,7 @@
 #include "symforge/src/pdb/source_files.h"
 #include "symforge/src/pdb/type_names.h"
 #include "symforge/src/pdb/type_table.h"
+#include "symforge/src/pe/architecture.h"
 #include "symforge/src/pe/code_file.h"
 #include "symforge/src/pe/symbol_file_of_pe.h"
 #include "symforge/src/standard/standard_printer.h"
@@ -33,21 +35,6 @@
 namespace symforge_internal {
 
 namespace {
-
-const char* architecture(uint16_t machine) {
-  switch (machine) {
-    case IMAGE_FILE_MACHINE_I386:
-      return "x86";
-    case IMAGE_FILE_MACHINE_ARM:
-      return "arm";
-    case IMAGE_FILE_MACHINE_PPC64:
-      return "ppc64";
-    case IMAGE_FILE_MACHINE_AMD64:
-      return "x86_64";
-    default:
-      return "unknown";
-  }
-}
 
 // Reads the lines and inlinees of each module. If a module's stream ends too early, the rest of
 // them is dropped silently.
@@ -94,6 +81,8 @@ PDBParser::~PDBParser() = default;
 
 const std::string& PDBParser::debug_id() const { return m_rep->debugId; }
 
+const CodeFile& PDBParser::codeFile() const { return m_rep->codeFile; }
+
 void PDBParser::close() { m_rep->file.close(); }
 
 void PDBParser::load(const char* pdb, const char* exe, const char* sympath, TextBuffer& out) {
@@ -124,9 +113,8 @@ bool PDBParser::readRootStream(const char* sympath) {
 void PDBParser::printHeader(TextBuffer& out) const {
   if (m_rep->dbi) {
     const std::string_view name = last_component(m_rep->pdbFile);
-    LineWriter line(out, 64 + m_rep->debugId.size() + name.size());
-    line.str("MODULE windows ").str(architecture(m_rep->dbi->header().machine)).chr(' ');
-    line.str(m_rep->debugId).chr(' ').name(name).chr('\n');
+    const char* arch = architectureName(m_rep->dbi->header().machine, TextDialect::kDefault);
+    append_line(out, ModuleFields{"windows", arch, m_rep->debugId, name});
   }
   m_rep->codeFile.printCodeId(out);
 }
@@ -172,7 +160,11 @@ void PDBParser::printBreakpadSymbols(TextBuffer& out, FileMod* fileMod) {
   TypeTable ids;
   loadTypeStream(file, kTypeInfoStream, types, /*required=*/true);
   loadTypeStream(file, kIPIStream, ids, /*required=*/false);
-  refuseTokenMap(*debugHeader);
+  if (hasTokenMap(*debugHeader)) {
+    throw pdb_refusal(kHasTokenMap,
+                      "this PDB has managed code, which is not converted; --standard converts its "
+                      "native functions, if it has any");
+  }
 
   TypeNames typeNames(types, ids);
   InlineeLines inlinees;

@@ -30,6 +30,8 @@
 
 namespace symforge_internal {
 
+class CodeFile;
+
 class PDBParser {
  public:
   // with_inlines: whether inline sites are resolved and printed.
@@ -59,6 +61,9 @@ class PDBParser {
   // The identity of the PDB's symbol file, taken from the PDB and the image, not from lines of the
   // text. `os` and `arch` stay empty. Valid after load() of a PDB.
   sym_info identity() const;
+
+  // The image, if there is one. Valid after load().
+  const CodeFile& codeFile() const;
 
   // Releases the mapping of the PDB.
   void close();

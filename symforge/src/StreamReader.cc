@@ -1,6 +1,5 @@
 #include "symforge/src/StreamReader.h"
 
-#include <cassert>
 #include <cstring>
 #include <new>
 
@@ -14,21 +13,21 @@ constexpr char kOutsideOfPages[] = "Requesting offset outside of page range";
 
 }  // namespace
 
-// File positions are 32-bit products here: they wrap in files above 4 GiB. The assertion ends the
-// process if a run then ends before it begins.
 void StreamReader::seekToOtherRun(uint32_t offset) {
   const std::vector<uint32_t>& pages = m_stream.pageIndices;
-  const uint32_t pageSize = m_file.pageSize;
-  const uint32_t page = offset / pageSize;
-  const uint32_t inner = offset % pageSize;
+  const uint64_t pageSize = m_file.pageSize;
+  const uint32_t page = offset / m_file.pageSize;
+  const uint32_t inner = offset % m_file.pageSize;
   if (page >= pages.size()) throw pdb_recoverable_exception(kOutsideOfPages);
-  const uint32_t position = pageSize * pages[page];
+  const uint64_t position = pageSize * pages[page];
   if (position >= m_file.length) throw pdb_recoverable_exception(kOutsideOfPages);
 
   // The run ends before the first page that is not adjacent, or that is not in the file.
   size_t last = page;
-  uint64_t next = uint64_t{position} + pageSize;
-  while (last + 1 < pages.size() && pages[last + 1] == pages[last] + 1 && next < m_file.length) {
+  uint64_t next = position + pageSize;
+  const auto adjacent = [](uint64_t before, uint32_t after) { return before + 1 == after; };
+  while (last + 1 < pages.size() && adjacent(pages[last], pages[last + 1]) &&
+         next < m_file.length) {
     ++last;
     next += pageSize;
   }
@@ -36,24 +35,21 @@ void StreamReader::seekToOtherRun(uint32_t offset) {
   // bytes after the position are the same as if it began with the requested page.
   size_t first = page;
   uint64_t before = 0;
-  while (first != 0 && pages[first - 1] + 1 == pages[first] && before + pageSize <= position) {
+  while (first != 0 && adjacent(pages[first - 1], pages[first])) {
     --first;
     before += pageSize;
   }
   if (m_file.budget != nullptr) {
     m_file.budget->visited.spend((last - first + 1) * sizeof(uint32_t));
   }
-  const uint32_t lastPosition = pageSize * pages[last];
-  const uint64_t end = uint64_t{lastPosition} + pageSize;
-  if (end + kCopySlack > m_file.length + MMapWrapper::kGuardBytes)
+  if (next + kCopySlack > m_file.length + MMapWrapper::kGuardBytes)
     throw pdb_recoverable_exception(kOutsideOfPages);
 
   m_data = m_file.base + position + inner;
   m_runData = m_file.base + position - before;
   m_runStart = offset - inner - static_cast<uint32_t>(before);
   m_offset = offset;
-  m_seqPageEnd = m_file.base + end;
-  assert(m_seqPageEnd > m_data);
+  m_seqPageEnd = m_file.base + next;
   m_runBytes = static_cast<uint64_t>(m_seqPageEnd - m_runData);
 }
 

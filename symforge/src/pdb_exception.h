@@ -3,6 +3,8 @@
 #pragma once
 
 #include <stdexcept>
+#include <string>
+#include <utility>
 
 namespace symforge_internal {
 
@@ -17,6 +19,19 @@ class pdb_exception : public std::runtime_error {
 class pdb_recoverable_exception : public pdb_exception {
  public:
   explicit pdb_recoverable_exception(const char* message) : pdb_exception(message) {}
+};
+
+// A sound file of a kind that is not converted. what() is the message of default mode; advice()
+// says what the file is and what to do, in one line.
+class pdb_refusal : public pdb_exception {
+ public:
+  pdb_refusal(const char* message, std::string advice)
+      : pdb_exception(message), m_advice(std::move(advice)) {}
+
+  const std::string& advice() const { return m_advice; }
+
+ private:
+  std::string m_advice;
 };
 
 }  // namespace symforge_internal

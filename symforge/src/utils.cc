@@ -143,19 +143,6 @@ bool is_link(const std::string& path) {
   return lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
 }
 
-bool is_tree_component(std::string_view name) {
-  return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos;
-}
-
-std::string tree_path(std::string_view root, std::string_view debug_file, std::string_view debug_id,
-                      bool binary) {
-  std::string_view stem = debug_file;
-  if (stem.size() > 4 && stem.ends_with(".pdb")) stem.remove_suffix(4);
-  std::string path(root);
-  path.append("/").append(debug_file).append("/").append(debug_id);
-  return path.append("/").append(stem).append(binary ? ".symb" : ".sym");
-}
-
 std::string existing_tree_path(std::string_view root, std::string_view debug_file,
                                std::string_view debug_id, bool binary) {
   if (!is_tree_component(debug_file) || !is_tree_component(debug_id)) return {};

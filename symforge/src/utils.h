@@ -15,6 +15,8 @@
 #include <string>
 #include <string_view>
 
+#include "common/tree_path.h"
+
 // A symbol file's identity, from its MODULE and INFO CODE_ID lines. All strings are empty at first.
 struct sym_info {
   std::string os;          // MODULE, word 2
@@ -42,14 +44,6 @@ bool synthesize_sym_path(const char* sym_path, const char* debug_file, const cha
 char* strupper(char* str);
 
 namespace symforge_internal {
-
-// Whether `name` can be one component of a path inside the tree: not empty, no separator in it,
-// neither "." nor "..". Identities come from untrusted files.
-bool is_tree_component(std::string_view name);
-
-// The path of a symbol file, from a root, a debug file name and a debug identifier. Pure.
-std::string tree_path(std::string_view root, std::string_view debug_file, std::string_view debug_id,
-                      bool binary);
 
 // The path of the symbol file of that identity when it exists in the tree, else empty. Nothing
 // outside the identity's own folder is reached: neither by names that are not tree components nor

@@ -13,6 +13,7 @@
 #include "base/limits.h"
 #include "base/printable.h"
 #include "symforge/src/PDBParser.h"
+#include "symforge/src/driver/conversion_report.h"
 #include "symforge/src/driver/held_warnings.h"
 #include "symforge/src/driver/messages.h"
 #include "symforge/src/driver/sandbox.h"
@@ -55,18 +56,52 @@ std::string backtrace_text() {
   return text;
 }
 
+void note_opened(const OpenedInput& opened, ConversionFacts& facts) {
+  FileIdentity& identity = facts.identity;
+  if (identity.kind_name.empty() && opened.file_kind() != FileKind::kUnknown) {
+    identity.kind_name = kind_name(opened.file_kind());
+  }
+  if (facts.bytes_in == 0) facts.bytes_in = opened.content().size();  // not a regular file
+}
+
+void note_text(const ConversionInput& input, const SymbolText& result, ConversionFacts& facts) {
+  facts.counts = count_lines(result.text.view());
+  if (result.counts) facts.left_out = left_out_of(*result.counts);
+  if (input.pdb == nullptr || !result.identity) return;
+  facts.image = result.image;
+  facts.bytes_in += result.image_bytes;
+  if (result.image.empty()) facts.left_out.push_back({"image", 1, "not found"});
+}
+
+void note_written(const WrittenResult& written, ConversionFacts& facts) {
+  if (written.target.empty()) return;
+  facts.target = written.target;
+  facts.bytes_out = written.bytes;
+  facts.identity.debug_file = written.identity.debug_file;
+  facts.identity.debug_id = written.identity.debug_id;
+  facts.identity.code_file = written.identity.code_file;
+  facts.identity.code_id = written.identity.code_id;
+}
+
 // True if the input was converted to text; `written`: whether that was written.
-bool convert_to_result(const ConversionInput& input, const ConversionOptions& options,
-                       bool& written) {
-  OpenedInput opened(input);
+bool convert_to_result(OpenedInput& opened, const ConversionOptions& options, bool& written) {
   if (!opened.open(options)) return false;
+  ConversionFacts* const facts = report_facts();
+  if (facts != nullptr) note_opened(opened, *facts);
+  if (options.standard && opened.refusal() != nullptr) {
+    report("%s", opened.refusal());
+    return false;
+  }
   if (options.sandbox) {
     prepare_for_sandbox(opened, options);
     enter_sandbox(sandbox_rights(opened, options));
   }
   SymbolText result;
   if (!text_of(opened, options, result)) return false;
-  written = write_result(std::move(result), options);
+  if (facts != nullptr) note_text(opened.input(), result, *facts);
+  WrittenResult target;
+  written = write_result(std::move(result), options, &target);
+  if (facts != nullptr) note_written(target, *facts);
   return true;
 }
 
@@ -83,11 +118,14 @@ void report_failure(const char* what, const HeldWarnings& warnings) {
 // Catches every exception: damaged files can cause any of them.
 bool convert_standard(const ConversionInput& input, const ConversionOptions& options) {
   HeldWarnings warnings;
+  OpenedInput opened(input);
   try {
     bool written = false;
-    const bool converted = convert_to_result(input, options, written) && written;
+    const bool converted = convert_to_result(opened, options, written) && written;
     if (converted) warnings.pass_on();
     return converted;
+  } catch (const pdb_refusal& e) {
+    report("%s", printable(e.advice()).c_str());
   } catch (const pdb_exception& e) {
     report_failure(e.what(), warnings);
   } catch (const LimitExceeded& e) {
@@ -103,14 +141,25 @@ bool convert_standard(const ConversionInput& input, const ConversionOptions& opt
 void report_exception(const ConversionInput& input, const std::exception& e) {
   report("Failed to convert symbol file %s.\nException caught: %s\nBacktrace:\n%s",
          printable(input.name()).c_str(), e.what(), backtrace_text().c_str());
+  set_latest_message(e.what());
+}
+
+// What the input is, after the message about its failure.
+void report_advice(const ConversionInput& input, const std::string& advice) {
+  report("%s: %s", printable(input.name()).c_str(), printable(advice).c_str());
 }
 
 bool convert_default(const ConversionInput& input, const ConversionOptions& options) {
+  OpenedInput opened(input);
   try {
     bool written;  // a result that could not be written is not a failure here
-    return convert_to_result(input, options, written);
+    return convert_to_result(opened, options, written);
+  } catch (const pdb_refusal& e) {
+    report_exception(input, e);
+    report_advice(input, e.advice());
   } catch (const pdb_exception& e) {
     report_exception(input, e);
+    if (opened.refusal() != nullptr) report_advice(input, opened.refusal());
   } catch (const LimitExceeded& e) {
     report_exception(input, e);
   }
@@ -120,7 +169,14 @@ bool convert_default(const ConversionInput& input, const ConversionOptions& opti
 }  // namespace
 
 bool convert(const ConversionInput& input, const ConversionOptions& options) {
-  return options.standard ? convert_standard(input, options) : convert_default(input, options);
+  if (options.report != nullptr && !begin_report(input, options)) return false;
+  const bool converted =
+      options.standard ? convert_standard(input, options) : convert_default(input, options);
+  if (options.report == nullptr) return converted;
+  // Warnings are no reason for what succeeded.
+  const bool written = converted && !report_facts()->target.empty();
+  const bool reported = end_report(converted ? 0 : 1, written ? "" : latest_message());
+  return converted && (reported || !options.standard);
 }
 
 }  // namespace symforge_internal

@@ -11,6 +11,7 @@
 #include <string>
 #include <string_view>
 
+#include "symforge/src/driver/conversion_report.h"
 #include "symforge/src/driver/messages.h"
 
 namespace symforge_internal {
@@ -52,20 +53,26 @@ void put_line(std::string_view reason) {
   put({line, size});
 }
 
+// Ends a conversion of standard mode with a message.
+[[noreturn]] void end_with(std::string_view reason) {
+  put_line(reason);
+  end_report_by_exit(1, reason);
+  _exit(1);
+}
+
 void on_fatal_signal(int number) {
   for (const FatalSignal& fatal : kFatalSignals) {
-    if (fatal.number == number) put_line(fatal.reason);
+    if (fatal.number != number) continue;
+    if (standard_messages()) end_with(fatal.reason);
+    put_line(fatal.reason);
+    end_report_by_signal(number, fatal.reason);
   }
-  if (standard_messages()) _exit(1);
   signal(number, SIG_DFL);
   raise(number);  // takes effect when the handler returns
 }
 
 [[noreturn]] void on_terminate() {
-  if (standard_messages()) {
-    put_line("ended by an exception");
-    _exit(1);
-  }
+  if (standard_messages()) end_with("ended by an exception");
   // The library's own handler prints which exception it is, and aborts.
   std::set_terminate(nullptr);
   std::get_terminate()();
@@ -76,8 +83,7 @@ void on_fatal_signal(int number) {
 template <typename Report>
 [[noreturn]] void fail_check(const char* check, Report report) {
   if (standard_messages()) {
-    put_line(std::string("damaged or not supported, this does not hold: ").append(check));
-    _exit(1);
+    end_with(std::string("damaged or not supported, this does not hold: ").append(check));
   }
   report();
   std::abort();
@@ -113,6 +119,7 @@ void install_last_message() {
 
 // The libraries' operations for failed checks: assert(), and the range checks of containers.
 
+// NOLINTNEXTLINE(readability-identifier-naming)
 extern "C" [[noreturn]] void __assert_fail(const char* check, const char* file, unsigned line,
                                            const char* function) noexcept {
   symforge_internal::fail_check(check, [=] {

@@ -1,6 +1,7 @@
 #include "symforge/src/driver/pdb_matcher.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -54,7 +55,7 @@ bool read_ids_in_child(const Paths& pdbs, size_t first, bool sandbox,
   const pid_t pid = fork();
   if (pid == -1) return false;
   if (pid == 0) {
-    end_with_parent(parent);
+    end_with_parent(parent, SIGKILL);
     report_ids(pdbs, first, to.get(), sandbox);
   }
 
@@ -102,8 +103,16 @@ void PdbMatcher::read_ids() {
   const Paths pdbs(pdbs_.rbegin(), pdbs_.rend());
   const std::vector<std::string> ids = read_all_ids(pdbs, sandbox_);
   for (size_t i = 0; i < pdbs.size(); ++i) {
-    if (!ids[i].empty()) paths_[ids[i]].push_back(pdbs[i]);
+    if (ids[i].empty()) continue;
+    ids_[pdbs[i]] = ids[i];
+    paths_[ids[i]].push_back(pdbs[i]);
   }
+}
+
+std::string PdbMatcher::id_of(const std::string& pdb) {
+  if (!read_) read_ids();
+  const auto found = ids_.find(pdb);
+  return found == ids_.end() ? std::string() : found->second;
 }
 
 PdbMatcher::Match PdbMatcher::exe_pdb_match(const std::string& exe, std::string& pdb) {

@@ -6,6 +6,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "symforge/src/driver/conversion_options.h"
@@ -32,6 +33,9 @@ class PdbMatcher {
   // not taken before.
   Match exe_pdb_match(const std::string& exe, std::string& pdb);
 
+  // The debug identifier of one of the PDBs, or an empty string.
+  std::string id_of(const std::string& pdb);
+
  private:
   void read_ids();
 
@@ -39,6 +43,7 @@ class PdbMatcher {
   const bool any_width_;
   const bool sandbox_;
   bool read_ = false;
+  std::unordered_map<std::string, std::string> ids_;  // by path
   // By identifier, the paths in descending order.
   std::map<std::string, std::vector<std::string>> paths_;
 };

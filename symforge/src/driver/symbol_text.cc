@@ -1,6 +1,7 @@
 #include "symforge/src/driver/symbol_text.h"
 
 #include <fcntl.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -10,12 +11,13 @@
 #include "base/file_io.h"
 #include "base/limits.h"
 #include "base/printable.h"
-#include "common/symb_block.h"
 #include "common/symb_text.h"
 #include "symforge/src/PDBParser.h"
 #include "symforge/src/driver/convert.h"
 #include "symforge/src/driver/image_search.h"
+#include "symforge/src/driver/input_list.h"
 #include "symforge/src/driver/messages.h"
+#include "symforge/src/pe/code_file.h"
 #include "symforge/src/pe/image_identity.h"
 
 namespace symforge_internal {
@@ -41,9 +43,8 @@ void take_text(TextBuffer content, SymbolText& result) {
 
 bool text_of_symb(TextBuffer image, const char* path, const ConversionOptions& options,
                   SymbolText& result) {
-  const Limit& limit = options.binary ? limits::kTextBetweenImages : limits::kTextOfSymb;
   const TextDialect dialect = options.standard ? TextDialect::kStandard : TextDialect::kDefault;
-  if (symb_read(image.data(), image.size(), result.text, dialect, limit)) return true;
+  if (symb_read(image.data(), image.size(), result.text, dialect)) return true;
   report_about("failed to parse symb file", path, nullptr);
   return false;
 }
@@ -52,8 +53,10 @@ void text_of_pdb(const ConversionInput& input, const ConversionOptions& options,
                  SymbolText& result) {
   PDBParser parser(do_inline);
   parser.load(input.pdb, input.exe, options.tree, result.text);
+  result.image = parser.codeFile().path();
+  result.image_bytes = parser.codeFile().size();
   if (options.standard) {
-    symforge_internal::StandardCounts counts;
+    StandardCounts& counts = result.counts.emplace();
     parser.printStandardSymbols(result.text, counts);
     for (const std::string& message : counts.messages) report("%s", message.c_str());
   } else {
@@ -103,19 +106,27 @@ void standard_text_of(const OpenedInput& opened, SymbolText& result) {
 }  // namespace
 
 bool OpenedInput::open(const ConversionOptions& options) {
-  constexpr size_t kMagicBytes = 6;
   if (input_.pdb == nullptr) {
     kind_ = Kind::kPeAlone;
+    file_kind_ = kind_of_file(input_.exe);
     return true;
   }
-  const FileDescriptor file(::open(input_.pdb, O_RDONLY | O_CLOEXEC));
+  const bool standard_input = std::string_view(input_.pdb) == kStandardInput;
+  const FileDescriptor file(standard_input ? dup(STDIN_FILENO)
+                                           : ::open(input_.pdb, O_RDONLY | O_CLOEXEC));
   if (!file.is_open() && options.standard) {
     report("%s", strerror(errno));
     return false;
   }
-  const bool opened = file.is_open() && read_file(file.get(), content_, kMagicBytes);
-  const bool text = opened && content_.view().starts_with("MODULE");
-  if (!text && !(opened && content_.view().starts_with(kSymbMagic))) {
+  const bool opened = file.is_open() && read_file(file.get(), content_, kFileKindBytes);
+  if (opened) file_kind_ = symforge_internal::file_kind(content_.view());
+  const bool text = file_kind_ == FileKind::kSymbolText;
+  if (!text && file_kind_ != FileKind::kSymb) {
+    if (standard_input) {
+      // The name of a PDB is part of the result, and it is mapped.
+      report("standard input is neither a text symbol file nor SYMB");
+      return false;
+    }
     image_candidates_ =
         options.standard ? files_of_same_stem(input_.pdb) : default_images(input_.pdb);
     return true;
@@ -124,6 +135,11 @@ bool OpenedInput::open(const ConversionOptions& options) {
   if (read_file(file.get(), content_)) return true;
   report_about("failed to read", input_.pdb, strerror(errno));
   return false;
+}
+
+const char* OpenedInput::refusal() const {
+  if (kind_ == Kind::kPeAlone && file_kind_ == FileKind::kImage) return nullptr;
+  return refusal_of(file_kind_);
 }
 
 bool text_of(OpenedInput& opened, const ConversionOptions& options, SymbolText& result) {

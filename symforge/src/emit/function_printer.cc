@@ -5,14 +5,13 @@
 #include <iterator>
 #include <string_view>
 
+#include "common/symbol_text.h"
 #include "symforge/src/emit/erase_marker.h"
 
 namespace symforge_internal {
 
 namespace {
 
-// Four numbers of eight digits and their separators.
-constexpr size_t kMaxNumbersBytes = 64;
 // " file\n", which ends every line of a block, padded so that all of it is copied at once.
 constexpr size_t kMaxEndingBytes = 16;
 // "address size line file\n" with numbers of 8, 8 and 8 digits and such an end.
@@ -42,15 +41,14 @@ std::string_view cleanName(std::string_view name, std::string& storage) {
 
 void printFunction(const FunctionRecord& func, std::string_view name, std::string_view parameters,
                    TextBuffer& out) {
-  LineWriter line(out, kMaxNumbersBytes + name.size() + parameters.size());
-  line.str("FUNC ").hex(func.segment).chr(':').hex(func.rva).chr(' ').hex(func.length);
-  line.chr(' ').hex(func.paramSize).chr(' ').name(name, parameters).chr('\n');
+  append_line(
+      out,
+      FunctionFields{false, uint32_t{func.segment}, func.rva, func.length, func.paramSize, name},
+      parameters);
 }
 
 void printPublic(const FunctionRecord& func, TextBuffer& out) {
-  const std::string_view name = func.name.data;
-  LineWriter line(out, kMaxNumbersBytes + name.size());
-  line.str("PUBLIC ").hex(func.rva).chr(' ').hex(func.paramSize).chr(' ').name(name).chr('\n');
+  append_line(out, PublicFields{false, func.rva, func.paramSize, func.name.data});
 }
 
 // The number of bytes that a block of lines is moved down: if its last line begins after the

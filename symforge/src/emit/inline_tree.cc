@@ -2,6 +2,8 @@
 
 #include <string_view>
 
+#include "common/symbol_text.h"
+
 namespace symforge_internal {
 
 void InlineTree::clear() {
@@ -45,13 +47,10 @@ void InlineTree::print(TextBuffer& out) {
 }
 
 void InlineTree::printLine(const InlineSite& site, uint32_t length, TextBuffer& out) const {
-  constexpr size_t kNumbers = 64;
   const size_t start = site.name == 0 ? 0 : m_nameEnds[site.name - 1];
   const auto name = std::string_view(m_names).substr(start, m_nameEnds[site.name] - start);
-  LineWriter line(out, name.size() + kNumbers);
-  line.str("I ").hex(site.offset).chr(' ').hex(length).chr(' ');
-  line.dec(site.line_offset).chr(' ').dec(site.file_id).chr(' ').hex(site.tower).chr(' ');
-  line.str(name).chr('\n');
+  append_line(out,
+              InlineFields{site.offset, length, site.line_offset, site.file_id, site.tower, name});
 }
 
 }  // namespace symforge_internal

@@ -16,10 +16,11 @@ bool parameterBytes(std::string_view name, uint32_t& bytes) {
   const long number = std::strtol(name.data() + at + 1, &end, 10);
   if (*end != '\0') return false;
   constexpr long kInRegisters = 8;
-  if (name[0] == '_')
+  if (name[0] == '_') {
     bytes = static_cast<uint32_t>(number);
-  else
+  } else {
     bytes = number > kInRegisters ? static_cast<uint32_t>(number - kInRegisters) : 0;
+  }
   return true;
 }
 

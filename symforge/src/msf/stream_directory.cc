@@ -58,7 +58,6 @@ class DirectoryReader {
   uint64_t m_start = 0;     // its offset in the file
   uint32_t m_position = 0;  // words after its start
   bool m_atPageEnd = false;
-  bool m_positionsWrap = false;  // at 4 GiB; so from the second page of page numbers on
 };
 
 // A word that begins in the file, and can end in the zeros after it.
@@ -107,7 +106,7 @@ bool DirectoryReader::openDirectory() {
 bool DirectoryReader::turnPage() {
   uint32_t page;
   if (!directoryPage(++m_page, page)) return false;
-  m_start = m_positionsWrap ? m_file.pageSize * page : uint64_t{page} * m_file.pageSize;
+  m_start = uint64_t{page} * m_file.pageSize;
   m_position = 0;
   m_atPageEnd = false;
   return true;
@@ -148,7 +147,6 @@ bool DirectoryReader::readPages(std::vector<StreamPair>& streams) {
       if (!take(number)) return false;
       stream.pageIndices.push_back(number);
       notePageEnd();
-      m_positionsWrap = true;
     }
   }
   return true;

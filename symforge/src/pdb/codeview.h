@@ -205,12 +205,14 @@ enum Enum : uint16_t {
   LF_MFUNCTION = 0x1009,
   LF_ARGLIST = 0x1201,
   LF_INDEX = 0x1404,
+  LF_TYPESERVER = 0x1501,
   LF_ARRAY = 0x1503,
   LF_CLASS = 0x1504,
   LF_STRUCTURE = 0x1505,
   LF_UNION = 0x1506,
   LF_ENUM = 0x1507,
   LF_ALIAS = 0x150A,
+  LF_TYPESERVER2 = 0x1515,
   LF_FUNC_ID = 0x1601,
   LF_MFUNC_ID = 0x1602,
   LF_SUBSTR_LIST = 0x1604,
@@ -249,6 +251,15 @@ struct LeafPointer {
   le_uint32 attr;
 
   uint32_t mode() const { return attr >> 5 & 7; }
+};
+// References to the file that has the types; the NUL-terminated path follows.
+struct LeafTypeServer {
+  le_uint32 signature;
+  le_uint32 age;
+};
+struct LeafTypeServer2 {
+  uint8_t guid[16];
+  le_uint32 age;
 };
 struct LeafArray {
   le_uint32 elemtype;

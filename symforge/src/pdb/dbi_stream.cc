@@ -43,10 +43,10 @@ DataPtr<DBIDebugHeader> DbiStream::readDebugHeader() {
   return m_reader.read<DBIDebugHeader>();
 }
 
-// The number is used only here. Both 0 and "no such stream" are accepted.
-void refuseTokenMap(const DBIDebugHeader& debugHeader) {
+// The number of the stream is used only here. Both 0 and "no such stream" are accepted.
+bool hasTokenMap(const DBIDebugHeader& debugHeader) {
   const uint16_t map = debugHeader.tokenRidMap;
-  if (map != 0 && map != kNoStream) throw pdb_exception("Implement me...");
+  return map != 0 && map != kNoStream;
 }
 
 }  // namespace symforge_internal

@@ -32,7 +32,10 @@ class DbiStream {
   DataPtr<DBIHeader> m_header;
 };
 
-// Throws pdb_exception for a PDB with a token map, which managed code has.
-void refuseTokenMap(const DBIDebugHeader& debugHeader);
+// Whether the PDB has a map of metadata tokens: all or some of its code is managed.
+bool hasTokenMap(const DBIDebugHeader& debugHeader);
+
+// The message of default mode for such a PDB.
+inline constexpr char kHasTokenMap[] = "Implement me...";
 
 }  // namespace symforge_internal

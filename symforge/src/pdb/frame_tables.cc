@@ -3,11 +3,11 @@
 #include <algorithm>
 #include <string_view>
 
+#include "common/symbol_text.h"
+
 namespace symforge_internal {
 
 namespace {
-
-constexpr size_t kMaxNumbersBytes = 160;  // of a line, without its program
 
 // Whether a record repeats the previous one.
 template <typename Record>
@@ -54,20 +54,34 @@ bool FrameTables::findParamSize(uint32_t rva, uint32_t codeSize, uint32_t& param
 
 // Sizes are printed in the record's own units, double words and registers.
 void FrameTables::printFPO(const FPO_DATA& data, TextBuffer& out) {
-  LineWriter line(out, kMaxNumbersBytes);
-  line.str("STACK WIN 0 ").hex(data.ulOffStart).chr(' ').hex(data.cbProcSize);
-  line.chr(' ').hex(data.cbProlog).str(" 0 ").hex(data.cdwParams).chr(' ').hex(data.cbRegs());
-  line.chr(' ').hex(data.cdwLocals).str(" 0 0 ").dec(data.fUseBP() ? 1 : 0).chr('\n');
+  StackWinFields fields;
+  fields.type = google_breakpad::WindowsFrameInfo::STACK_INFO_FPO;
+  fields.rva = data.ulOffStart;
+  fields.code_size = data.cbProcSize;
+  fields.prolog_size = data.cbProlog;
+  fields.parameter_size = data.cdwParams;
+  fields.saved_register_size = data.cbRegs();
+  fields.local_size = data.cdwLocals;
+  fields.allocates_base_pointer = data.fUseBP();
+  append_line(out, fields);
 }
 
 // Without its program the line ends in a blank.
 void FrameTables::printFPO(const FPO_DATA_V2& data, const NameStream& names, TextBuffer& out) {
   std::string_view program;
   names.find(data.ProgramStringOffset, program);
-  LineWriter line(out, program.size() + kMaxNumbersBytes);
-  line.str("STACK WIN 4 ").hex(data.ulOffStart).chr(' ').hex(data.cbProcSize);
-  line.chr(' ').hex(data.cbProlog).str(" 0 ").hex(data.cbParams).chr(' ').hex(data.cbSavedRegs);
-  line.chr(' ').hex(data.cbLocals).chr(' ').hex(data.maxStack).str(" 1 ").name(program).chr('\n');
+  StackWinFields fields;
+  fields.type = google_breakpad::WindowsFrameInfo::STACK_INFO_FRAME_DATA;
+  fields.rva = data.ulOffStart;
+  fields.code_size = data.cbProcSize;
+  fields.prolog_size = data.cbProlog;
+  fields.parameter_size = data.cbParams;
+  fields.saved_register_size = data.cbSavedRegs;
+  fields.local_size = data.cbLocals;
+  fields.max_stack_size = data.maxStack;
+  fields.has_program = true;
+  fields.program_string = program;
+  append_line(out, fields);
 }
 
 void FrameTables::printFrameData(const NameStream& names, TextBuffer& out) const {

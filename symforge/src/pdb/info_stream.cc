@@ -87,7 +87,23 @@ bool InfoStream::readNamedStreams() {
     strupper(name.data());
     m_nameIndices.emplace(std::move(name), static_cast<int>(uint32_t{entry->stream}));
   }
+  m_tableEnd = table.getOffset();
   return true;
+}
+
+// The features follow a number that is not used here.
+bool InfoStream::hasFeature(uint32_t feature) const {
+  constexpr uint32_t kMaxFeatures = 64;
+  try {
+    StreamReader reader(m_stream, m_pages, m_tableEnd);
+    reader.read<le_uint32>();
+    for (uint32_t i = 0; i < kMaxFeatures && reader.getOffset() < m_stream.size; ++i) {
+      if (*reader.read<le_uint32>() == feature) return true;
+    }
+  } catch (const pdb_exception&) {
+    return false;  // ends too early
+  }
+  return false;
 }
 
 bool InfoStream::findStream(const std::string& name, size_t& number) const {

@@ -33,11 +33,16 @@ class InfoStream {
   // when there is none. The number comes from the file: such a stream need not exist.
   bool findStream(const std::string& name, size_t& number) const;
 
+  // Whether one of the numbers that end the stream, which name features of the file, is `feature`.
+  // False for a stream that ends too early. To be called after readNamedStreams().
+  bool hasFeature(uint32_t feature) const;
+
  private:
   const StreamPair& m_stream;
   const MsfPages& m_pages;
   StreamReader m_reader;
   uint32_t m_nameBytes = 0;  // of the name buffer, which follows the header
+  uint32_t m_tableEnd = 0;   // offset in the stream
   std::map<std::string, int> m_nameIndices;
 };
 

@@ -34,6 +34,7 @@ bool isContiguous(const std::vector<uint32_t>& pages) {
 }  // namespace
 
 void NameStream::load(const StreamPair& stream, const MsfPages& file) {
+  m_budget = file.budget;
   gather(stream, file);
   if (wordAt(offsetof(NameStreamHeader, sig)) != kNamesSignature ||
       wordAt(offsetof(NameStreamHeader, version)) != kNamesVersion)
@@ -80,10 +81,11 @@ void NameStream::index(int64_t buckets) {
   for (uint32_t i = 0; i < count; ++i) {
     const uint32_t offset = wordAt(buckets + kWord + kWord * i);
     if (offset == 0) continue;
-    if (offset < m_size)
+    if (offset < m_size) {
       m_named[offset] = true;
-    else
+    } else {
       m_namedBeyond.push_back(offset);
+    }
   }
   std::sort(m_namedBeyond.begin(), m_namedBeyond.end());
 }
@@ -100,6 +102,7 @@ bool NameStream::find(uint32_t offset, std::string_view& name) const {
   const void* nul = std::memchr(text, '\0', m_size - start);
   if (nul == nullptr) throwInvalid();
   name = std::string_view(text, static_cast<size_t>(static_cast<const char*>(nul) - text));
+  if (m_budget != nullptr) m_budget->visited.spend(name.size());
   return true;
 }
 

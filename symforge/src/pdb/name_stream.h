@@ -37,6 +37,7 @@ class NameStream {
 
   const char* m_bytes = nullptr;  // the whole stream: in the mapping, or m_copy
   uint32_t m_size = 0;            // bytes
+  FileBudget* m_budget = nullptr;
   std::unique_ptr<char[]> m_copy;
   std::vector<bool> m_named;            // by offset: whether a bucket contains it
   std::vector<uint32_t> m_namedBeyond;  // offsets in buckets that no string can have, sorted

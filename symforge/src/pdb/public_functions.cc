@@ -22,6 +22,7 @@ void PublicFunctions::insert(PublicFunction&& symbol) {
   const uint32_t position = m_symbols.insert(rva, std::move(symbol));
   if (position >= before) return;
   PublicFunction& kept = m_symbols.values()[position];
+  // NOLINTNEXTLINE(bugprone-use-after-move): only a new symbol is moved
   if (std::strncmp(kept.name.data, symbol.name.data, kMaxComparedBytes) != 0) kept.shared = true;
 }
 

@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "base/limits.h"
+#include "common/symbol_text.h"
 
 namespace symforge_internal {
 
@@ -68,14 +69,10 @@ SectionMap::MovedCode SectionMap::movedCode(uint32_t rva) const {
 }
 
 void SectionMap::printSections(TextBuffer& out) const {
-  constexpr size_t kMaxLineBytes = 128;
   uint32_t number = 0;
   for (const IMAGE_SECTION_HEADER& section : sections) {
-    LineWriter line(out, kMaxLineBytes);
-    line.str("INFO SECTION ").hex(++number);
-    line.str(" virtaddr ").hex(section.VirtualAddress);
-    line.str(" rawsize ").hex(section.SizeOfRawData);
-    line.str(" characteristics ").hex(section.Characteristics).chr('\n');
+    append_line(out, SectionFields{++number, section.VirtualAddress, section.SizeOfRawData,
+                                   uint32_t{section.Characteristics}});
   }
 }
 

@@ -3,6 +3,7 @@
 #include <string_view>
 
 #include "base/warning_limit.h"
+#include "common/symbol_text.h"
 
 namespace symforge_internal {
 
@@ -54,7 +55,6 @@ bool SourceFiles::findPosition(size_t module, uint32_t offset, uint32_t& positio
 // The lines are in the order of the files' first entries, which need not be that of the numbers. A
 // file without a name leaves its number unused.
 void SourceFiles::printFiles(const NameStream& names, FileMod* fileMod, TextBuffer& out) {
-  constexpr size_t kMaxNumberBytes = sizeof("FILE 4294967295 \n");
   for (const SrcFileIndex& module : m_modules) {
     for (const Entry& entry : module) {
       UniqueSrc& file = m_unique.values()[entry.file];
@@ -63,8 +63,7 @@ void SourceFiles::printFiles(const NameStream& names, FileMod* fileMod, TextBuff
       std::string_view name;
       if (!names.find(file.name, name)) continue;
       if (fileMod != nullptr) name = (*fileMod)(name.data(), name.size());
-      LineWriter line(out, kMaxNumberBytes + name.size());
-      line.str("FILE ").dec(file.id).chr(' ').name(name).chr('\n');
+      append_line(out, FileFields{file.id, name});
     }
   }
 }

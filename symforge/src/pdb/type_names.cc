@@ -205,10 +205,11 @@ bool TypeNames::render(uint32_t type, uint32_t flags, const TypeTable& table) {
   }
   TypeInfo info;
   if (!table.find(type, info)) {
-    if (m_dialect == TypeDialect::kStandard)
+    if (m_dialect == TypeDialect::kStandard) {
       renderStandardPrimitive(type, *m_output);
-    else
+    } else {
       renderPrimitive(type, *m_output);
+    }
     return false;
   }
   if (++m_depth > kMaxDepth) throw pdb_exception("Types are nested too deeply");
@@ -345,10 +346,11 @@ void TypeNames::renderArray(const TypeInfo& info, const TypeTable& table) {
   const LeafArray& array = recordOf<LeafArray>(info);
   render(array.elemtype, 0, m_types);
   *m_output += '[';
-  if (array.idxtype < kFirstArrayIndexType)
+  if (array.idxtype < kFirstArrayIndexType) {
     appendDecimal(table.wordAt(info.offset + sizeof(LeafArray)), *m_output);
-  else
+  } else {
     render(array.idxtype, 0, m_types);
+  }
   *m_output += ']';
 }
 

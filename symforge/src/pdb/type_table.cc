@@ -205,10 +205,11 @@ void TypeTable::decodeAcrossRuns(uint32_t offset, TypeInfo& info) const {
   info.offset = payload;
 
   uint32_t bytes = traits.data;
-  if (traits.text == LeafText::kArguments)
+  if (traits.text == LeafText::kArguments) {
     bytes = argumentListBytes(StreamReader(*m_stream, *m_file, payload).read<le_uint32>().data[0]);
-  else if (traits.text == LeafText::kNumber)
+  } else if (traits.text == LeafText::kNumber) {
     bytes = numericBytes(record->length);
+  }
   if (bytes != 0) {
     info.data = reader.read<unsigned char>(bytes);
     info.readable = bytes + (info.data.isAllocated ? StreamReader::kCopySlack : reader.available());

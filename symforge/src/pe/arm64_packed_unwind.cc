@@ -23,10 +23,6 @@ namespace {
 using Kind = Arm64Effect::Kind;
 using File = Arm64Effect::File;
 
-constexpr uint8_t kFirstSavedX = 19;
-constexpr uint8_t kFirstSavedD = 8;
-constexpr uint8_t kFramePointer = 29;
-constexpr uint8_t kLinkRegister = 30;
 constexpr uint32_t kMostRegI = 10;  // up to x28
 constexpr uint32_t kHomedPairs = 4;
 constexpr uint32_t kLargestPreIndexed = 512;

@@ -176,11 +176,8 @@ class Arm64UnwindWriter {
 Arm64UnwindReport writeArm64UnwindRules(const PeImage& image, uint32_t table, uint32_t table_bytes,
                                         std::span<const CodeRange> functions, TextBuffer& out) {
   const size_t count = table_bytes / sizeof(Arm64RuntimeFunction);
-  const uint8_t* bytes = count == 0 ? nullptr : image.ImageRvaToVa(table);
-  const size_t present =
-      bytes == nullptr ? 0 : std::min(count, image.bytesLeft(bytes) / sizeof(Arm64RuntimeFunction));
-  const std::span entries(reinterpret_cast<const Arm64RuntimeFunction*>(bytes), present);
-  return Arm64UnwindWriter(image, entries, functions, out).write(present < count);
+  const std::span entries = image.tableAt<Arm64RuntimeFunction>(table, count);
+  return Arm64UnwindWriter(image, entries, functions, out).write(entries.size() < count);
 }
 
 }  // namespace symforge_internal

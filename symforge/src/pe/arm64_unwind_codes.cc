@@ -10,10 +10,6 @@ namespace {
 using Kind = Arm64Effect::Kind;
 using File = Arm64Effect::File;
 
-constexpr uint8_t kFirstSavedX = 19;
-constexpr uint8_t kFirstSavedD = 8;
-constexpr uint8_t kFramePointer = 29;
-constexpr uint8_t kLinkRegister = 30;
 constexpr uint8_t kLastD = 31;
 
 uint8_t registerFrom(uint32_t first, uint32_t number) {

@@ -10,6 +10,12 @@
 
 namespace symforge_internal {
 
+// The registers that a function has to preserve start at x19 and d8.
+inline constexpr uint8_t kFirstSavedX = 19;
+inline constexpr uint8_t kFirstSavedD = 8;
+inline constexpr uint8_t kFramePointer = 29;
+inline constexpr uint8_t kLinkRegister = 30;
+
 enum class Arm64Status : uint8_t {
   kOk,
   kMalformed,    // violates the format

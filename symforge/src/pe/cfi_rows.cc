@@ -4,6 +4,8 @@
 #include <bit>
 #include <cassert>
 
+#include "common/symbol_text.h"
+
 namespace symforge_internal {
 
 namespace {
@@ -113,7 +115,7 @@ void CfiWriter::writeLeaves(uint64_t end) {
 
 void CfiWriter::writeInit(CodeRange range, const CfiRules& rules) {
   LineWriter line(out_, kLongestLine);
-  line.str("STACK CFI INIT ").hex(range.begin).chr(' ').hex(range.size);
+  put_cfi_init(line, range.begin, range.size);
   writeCfa(line, machine_, rules);
   writeReturnAddress(line, machine_, rules);
   writeSavedRegisters(line, machine_, rules, rules.savedMask());
@@ -125,7 +127,7 @@ void CfiWriter::writePending() {
     writeInit(range_, next_);
   } else if (pending_ == Pending::kRow && next_ != written_) {
     LineWriter line(out_, kLongestLine);
-    line.str("STACK CFI ").hex(address_);
+    put_cfi_delta(line, address_);
     writeChanges(line, next_);
     line.chr('\n');
   }

@@ -9,6 +9,7 @@
 
 #include "base/file_io.h"
 #include "base/path_names.h"
+#include "common/symbol_text.h"
 #include "symforge/src/pdb_exception.h"
 #include "symforge/src/pe/pe_image.h"
 #include "symforge/src/pe/unwind_cfi.h"
@@ -25,16 +26,26 @@ void replaceExtension(std::string& path, const char* extension) {
   path += extension;
 }
 
-// A descriptor, or -1 for what cannot be opened and for FIFOs and devices, which would block or
-// have side effects.
-int openImage(const char* path) {
-  const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+enum class FileKind { kNone, kRegular, kOther };
+
+// FIFOs and sockets count as missing: opening one could block. A sandboxed process cannot open
+// folders, which are detected by their names.
+FileKind kindOf(const char* path, const FileDescriptor& file) {
   struct stat status;
-  if (fd == -1) return -1;
-  const bool known = fstat(fd, &status) == 0;
-  if (known && (S_ISREG(status.st_mode) || S_ISDIR(status.st_mode))) return fd;
-  close(fd);
-  return -1;
+  if (!file.is_open()) {
+    const bool folder = stat(path, &status) == 0 && S_ISDIR(status.st_mode);
+    return folder && access(path, R_OK) == 0 ? FileKind::kOther : FileKind::kNone;
+  }
+  if (fstat(file.get(), &status) != 0 || S_ISFIFO(status.st_mode)) return FileKind::kNone;
+  return S_ISREG(status.st_mode) ? FileKind::kRegular : FileKind::kOther;
+}
+
+// For a folder or a device.
+[[noreturn]] void throwNoImage(const FileDescriptor& file) {
+  TextBuffer start;
+  const bool read = file.is_open() && read_file(file.get(), start, sizeof(IMAGE_DOS_HEADER));
+  const bool whole = read && start.size() == sizeof(IMAGE_DOS_HEADER);
+  throw pdb_exception(whole ? "Invalid PE header detected" : "Error reading PE header");
 }
 
 [[noreturn]] void throwClr() { throw pdb_exception(kClrNotSupported); }
@@ -67,8 +78,10 @@ std::string siblingPePath(const char* pdb) {
 }
 
 void CodeFile::readPeHeaders(const char* path) {
-  const FileDescriptor file(openImage(path));
-  if (!file.is_open()) return;
+  const FileDescriptor file(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  const FileKind kind = kindOf(path, file);
+  if (kind == FileKind::kNone) return;
+  if (kind == FileKind::kOther) throwNoImage(file);
   m_path = path;
   if (!m_mapping.Map(file.get()) || m_mapping.length() < sizeof(IMAGE_DOS_HEADER)) {
     throw pdb_exception("Error reading PE header");
@@ -104,8 +117,7 @@ void CodeFile::printStandardCodeId(TextBuffer& out) const {
 void CodeFile::printCodeId(const std::string& identifier, TextBuffer& out) const {
   if (!m_found) return;
   const std::string_view name = last_component(m_path);
-  LineWriter line(out, 64 + name.size());
-  line.str("INFO CODE_ID ").str(identifier).chr(' ').name(name).chr('\n');
+  append_line(out, CodeIdFields{identifier, name});
 }
 
 void CodeFile::PrintFrameDataUsingEXE(TextBuffer& out) const {

@@ -1,10 +1,9 @@
 #include "symforge/src/pe/image_identity.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <vector>
 
 #include "base/file_io.h"
@@ -18,22 +17,21 @@ namespace {
 constexpr uint32_t kMaxDebugEntries = 64;      // linkers write fewer than ten
 constexpr size_t kLongestPdbName = 32 * 1024;  // bytes, the longest path of Windows
 
-int open_regular(const char* path) {
-  const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  struct stat status;
-  if (fd != -1 && (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode))) {
-    close(fd);
-    return -1;
-  }
-  return fd;
-}
-
 class ImageFile {
  public:
   explicit ImageFile(const char* path) : file_(open_regular(path)) {}
 
   // False without an image: no MZ header, or optional header of another kind than PE32 and PE32+.
   bool read_headers();
+
+  // What the headers say, without the record.
+  ImageSummary summary() const {
+    return {.machine = header_.Machine,
+            .time_stamp = header_.TimeDateStamp,
+            .size = size_,
+            .managed = clr_.VirtualAddress != 0,
+            .pdb = std::nullopt};
+  }
 
   // The record that `directory` refers to.
   std::optional<ImageIdentity> read_identity() const;
@@ -55,7 +53,10 @@ class ImageFile {
   std::string read_name(uint64_t position) const;
 
   const FileDescriptor file_;
+  IMAGE_FILE_HEADER header_ = {};
+  uint32_t size_ = 0;                    // of the image in memory
   IMAGE_DATA_DIRECTORY directory_ = {};  // of the debug entries
+  IMAGE_DATA_DIRECTORY clr_ = {};
   std::vector<IMAGE_SECTION_HEADER> sections_;
 };
 
@@ -63,11 +64,16 @@ bool ImageFile::read_headers() {
   IMAGE_DOS_HEADER dos;
   if (!file_.is_open() || !read(0, &dos) || dos.e_magic != IMAGE_DOS_SIGNATURE) return false;
   const uint64_t headers = dos.e_lfanew;
-  IMAGE_FILE_HEADER header;
-  if (!read(headers + offsetof(IMAGE_NT_HEADERS32, FileHeader), &header)) return false;
+  if (!read(headers + offsetof(IMAGE_NT_HEADERS32, FileHeader), &header_)) return false;
   const uint64_t optional_header = headers + offsetof(IMAGE_NT_HEADERS32, OptionalHeader);
+  // This field has the same place in both kinds of header.
+  static_assert(offsetof(IMAGE_OPTIONAL_HEADER, SizeOfImage) ==
+                offsetof(IMAGE_OPTIONAL_HEADER64, SizeOfImage));
+  le_uint32 size;
+  if (!read(optional_header + offsetof(IMAGE_OPTIONAL_HEADER, SizeOfImage), &size)) return false;
+  size_ = size;
   if (!read_directory(optional_header)) return false;
-  read_sections(optional_header + header.SizeOfOptionalHeader, header.NumberOfSections);
+  read_sections(optional_header + header_.SizeOfOptionalHeader, header_.NumberOfSections);
   return true;
 }
 
@@ -82,8 +88,11 @@ bool ImageFile::read_directory(uint64_t optional_header) {
   } else {
     return false;
   }
-  constexpr size_t kEntry = IMAGE_DIRECTORY_ENTRY_DEBUG * sizeof(IMAGE_DATA_DIRECTORY);
-  return read(optional_header + directories + kEntry, &directory_);
+  constexpr size_t kEntry = sizeof(IMAGE_DATA_DIRECTORY);
+  const uint64_t table = optional_header + directories;
+  IMAGE_DATA_DIRECTORY clr;
+  if (read(table + IMAGE_DIRECTORY_ENTRY_COM_DESCRIPTOR * kEntry, &clr)) clr_ = clr;
+  return read(table + IMAGE_DIRECTORY_ENTRY_DEBUG * kEntry, &directory_);
 }
 
 // The section headers in the file; at most 65535.
@@ -138,6 +147,12 @@ std::optional<ImageIdentity> ImageFile::read_identity() const {
 
 }  // namespace
 
+std::string ImageSummary::code_id() const {
+  char text[2 * 8 + 1];
+  snprintf(text, sizeof text, "%08X%X", time_stamp, size);
+  return text;
+}
+
 bool begins_like_image(const char* path) {
   const FileDescriptor file(open_regular(path));
   le_uint16 magic;
@@ -145,10 +160,23 @@ bool begins_like_image(const char* path) {
          magic == IMAGE_DOS_SIGNATURE;
 }
 
+std::optional<ImageSummary> read_image_summary(const char* path) {
+  ImageFile image(path);
+  if (!image.read_headers()) return std::nullopt;
+  ImageSummary summary = image.summary();
+  summary.pdb = image.read_identity();
+  return summary;
+}
+
 std::optional<ImageIdentity> pe_debug_id(const char* path) {
   ImageFile image(path);
   if (!image.read_headers()) return std::nullopt;
   return image.read_identity();
+}
+
+std::string pe_code_id(const char* path) {
+  ImageFile image(path);
+  return image.read_headers() ? image.summary().code_id() : std::string();
 }
 
 }  // namespace symforge_internal

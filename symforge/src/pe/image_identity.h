@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -13,6 +14,18 @@ struct ImageIdentity {
   std::string debug_file;  // the path of the PDB as the linker wrote it
 };
 
+// What the headers of an image say.
+struct ImageSummary {
+  uint16_t machine = 0;  // IMAGE_FILE_MACHINE_*
+  uint32_t time_stamp = 0;
+  uint32_t size = 0;     // of the image in memory, bytes
+  bool managed = false;  // has a CLR header
+  std::optional<ImageIdentity> pdb;
+
+  // Time stamp and size as upper-case hexadecimal digits, the first padded to 8.
+  std::string code_id() const;
+};
+
 // Whether the file begins like an image ("MZ"). Reads two bytes of a regular file; false for
 // everything else.
 bool begins_like_image(const char* path);
@@ -21,5 +34,11 @@ bool begins_like_image(const char* path);
 // file that is not an image or has no such record. Reads only headers and the record, with read
 // calls at file positions; nothing is mapped. Throws only bad_alloc.
 std::optional<ImageIdentity> pe_debug_id(const char* path);
+
+// The same, with what the headers say about the image itself. Empty for every file that is not an
+// image.
+std::optional<ImageSummary> read_image_summary(const char* path);
+// The code identifier of an image. Empty for a file that is not an image. Reads only headers.
+std::string pe_code_id(const char* path);
 
 }  // namespace symforge_internal

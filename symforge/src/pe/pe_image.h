@@ -2,8 +2,10 @@
 
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <string>
 
 #include "base/mapped_file.h"
@@ -49,6 +51,15 @@ class PeImage {
   template <typename Record>
   const Record* recordAt(uint32_t rva) const {
     return reinterpret_cast<const Record*>(bytesAt(rva, sizeof(Record)));
+  }
+
+  // The first `count` records of a table at an RVA, fewer if the file ends before.
+  template <typename Record>
+  std::span<const Record> tableAt(uint32_t rva, size_t count) const {
+    const uint8_t* bytes = count == 0 ? nullptr : ImageRvaToVa(rva);
+    if (bytes == nullptr) return {};
+    return {reinterpret_cast<const Record*>(bytes),
+            std::min(count, bytesLeft(bytes) / sizeof(Record))};
   }
 
   // `size` bytes at an RVA if all of them are in the file, else null.

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -9,6 +10,7 @@
 #include "base/path_names.h"
 #include "common/symb_text.h"
 #include "symforge/src/pdb_exception.h"
+#include "symforge/src/pe/image_identity.h"
 #include "symforge/src/pe/pe_image.h"
 #include "symforge/src/utils.h"
 
@@ -45,28 +47,44 @@ void copySymb(const std::string& path, TextBuffer& out) {
   if (out.view().find(kCodeId) != std::string_view::npos) throwSecondPe();
 }
 
-}  // namespace
-
-void findSymbolFileOfPe(const char* exe, const char* sympath, TextBuffer& out) {
-  std::string debug_id;
-  std::string debug_file;
-  if (exe == nullptr || !pe64_debug_id(exe, debug_id, debug_file))
-    throw pdb_exception("Not a valid 64bit PE");
-  if (debug_file.empty() || debug_id.empty())
-    throw pdb_exception("PE with empty debug file name or id");
-  debug_file = std::string(last_component(debug_file, kAnySeparators));
-
+// Appends the symbol file that the tree has for an identity. False if there is none.
+bool copySymbolFile(const char* sympath, const ImageIdentity& identity, TextBuffer& out) {
+  if (sympath == nullptr) return false;
+  const std::string debug_file(last_component(identity.debug_file, kAnySeparators));
   const auto inTree = [&](bool binary) {
-    return sympath == nullptr ? std::string()
-                              : existing_tree_path(sympath, debug_file, debug_id, binary);
+    return existing_tree_path(sympath, debug_file, identity.debug_id, binary);
   };
   if (const std::string path = inTree(/*binary=*/false); !path.empty()) {
     copyText(path, out);
-  } else if (const std::string image = inTree(/*binary=*/true); !image.empty()) {
-    copySymb(image, out);
-  } else {
+    return true;
+  }
+  const std::string image = inTree(/*binary=*/true);
+  if (!image.empty()) copySymb(image, out);
+  return !image.empty();
+}
+
+// For an image that is not a PE32+ image. A batch tries each of them before it converts the PDBs,
+// and repeatedly on one tree, so that whatever prevents it is no news.
+bool copySymbolFileOfOther(const char* exe, const char* sympath, TextBuffer& out) {
+  const std::optional<ImageIdentity> identity = pe_debug_id(exe);
+  try {
+    return identity && copySymbolFile(sympath, *identity, out);
+  } catch (const pdb_exception&) {
+    return false;
+  }
+}
+
+}  // namespace
+
+void findSymbolFileOfPe(const char* exe, const char* sympath, TextBuffer& out) {
+  ImageIdentity identity;
+  if (exe != nullptr && pe64_debug_id(exe, identity.debug_id, identity.debug_file)) {
+    if (identity.debug_file.empty()) throw pdb_exception("PE with empty debug file name or id");
+    if (copySymbolFile(sympath, identity, out)) return;
     throw pdb_exception("PE file without matching pdb or sym file");
   }
+  if (exe != nullptr && copySymbolFileOfOther(exe, sympath, out)) return;
+  throw pdb_exception("Not a valid 64bit PE");
 }
 
 }  // namespace symforge_internal

@@ -97,9 +97,10 @@ int32_t minus(int32_t from, int32_t what) {
 // `size`: bytes of the frame from there to its top, with the return address.
 void printFromStackPointer(const UnwindFrame& frame, int32_t size, LineWriter& line) {
   line.str(" .cfa: $rsp ").dec_signed(size).str(" +");
-  for (const NamedRegister& reg : kPrinted)
+  for (const NamedRegister& reg : kPrinted) {
     if (frame.saved.has(reg.number))
       line.chr(' ').str(reg.name).str(": $rsp ").dec_signed(frame.saved[reg.number]).str(" + ^");
+  }
 }
 
 // The rules name rbp, whichever register is the frame register.
@@ -107,11 +108,12 @@ void printFromFramePointer(const UnwindFrame& frame, int32_t size, const UnwindI
                            LineWriter& line) {
   const int32_t cfa = minus(minus(size, 16 * top.frame_offset()), frame.fp_offset);
   line.str(" .cfa: $rbp ").dec_signed(cfa).str(" +");
-  for (const NamedRegister& reg : kPrinted)
+  for (const NamedRegister& reg : kPrinted) {
     if (frame.saved.has(reg.number)) {
       const int32_t offset = minus(size, frame.saved[reg.number]);
       line.chr(' ').str(reg.name).str(": .cfa ").dec_signed(offset).str(" - ^");
     }
+  }
 }
 
 void printFrame(const IMAGE_RUNTIME_FUNCTION_ENTRY& entry, const UnwindInfo& top,
@@ -125,10 +127,11 @@ void printFrame(const IMAGE_RUNTIME_FUNCTION_ENTRY& entry, const UnwindInfo& top
   lines.str(" .cfa: $rsp .ra: .cfa ").dec_signed(frame.rip_offset).str(" - ^\n");
   put_cfi_delta(lines, begin);
   const int32_t size = minus(frame.stack_size, -kReturnAddress);
-  if (top.frame_register() == 0)
+  if (top.frame_register() == 0) {
     printFromStackPointer(frame, size, lines);
-  else
+  } else {
     printFromFramePointer(frame, size, top, lines);
+  }
   lines.chr('\n');
 }
 

@@ -220,11 +220,8 @@ class X64UnwindWriter {
 X64UnwindReport writeX64UnwindRules(const PeImage& image, uint32_t table, uint32_t table_bytes,
                                     std::span<const CodeRange> functions, TextBuffer& out) {
   const size_t count = table_bytes / sizeof(Entry);
-  const uint8_t* bytes = count == 0 ? nullptr : image.ImageRvaToVa(table);
-  const size_t present =
-      bytes == nullptr ? 0 : std::min(count, image.bytesLeft(bytes) / sizeof(Entry));
-  const std::span<const Entry> entries(reinterpret_cast<const Entry*>(bytes), present);
-  return X64UnwindWriter(image, entries, functions, out).write(present < count);
+  const std::span entries = image.tableAt<Entry>(table, count);
+  return X64UnwindWriter(image, entries, functions, out).write(entries.size() < count);
 }
 
 X64UnwindReport writeX64UnwindRules(const PeImage& image, std::span<const CodeRange> functions,

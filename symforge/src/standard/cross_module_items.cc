@@ -43,12 +43,14 @@ const CrossModuleItems::Tables& CrossModuleItems::tablesOf(uint32_t module) {
   return tables;
 }
 
+// Items have 11 bits for the number of a list.
 void CrossModuleItems::readImports(const ModuleStream& module, Tables& tables) {
+  constexpr size_t kMostLists = 1 << 11;
   module.readModule(kImportsSubsection, [&](StreamReader& reader, uint32_t end) {
     while (reader.getOffset() < end) {
       const DataPtr<CV_CrossScopeImports> head = reader.read<CV_CrossScopeImports>();
       const uint64_t bytes = uint64_t{head->count} * sizeof(le_uint32);
-      if (bytes > end - reader.getOffset()) return;
+      if (bytes > end - reader.getOffset() || tables.imports.size() == kMostLists) return;
       ImportList& list = tables.imports.emplace_back();
       list.exporter = findModule(head->module);
       if (bytes == 0) continue;

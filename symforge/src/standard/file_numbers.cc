@@ -3,6 +3,7 @@
 #include <charconv>
 #include <string>
 
+#include "common/symbol_text.h"
 #include "symforge/src/standard/line_name.h"
 
 namespace symforge_internal {
@@ -18,10 +19,18 @@ void FileNumbers::add(uint32_t file) {
   line.endingSize = static_cast<uint32_t>(end + 1 - line.ending);
 }
 
-uint32_t FileNumbers::lookUp(size_t module, uint32_t offset) const {
+uint32_t FileNumbers::lookUp(size_t module, uint32_t offset) {
   uint32_t position;
   if (!m_sources.findPosition(module, offset, position)) return kNoFile;
-  return nameOf(position + 1).empty() ? kNoFile : position + 1;
+  return hasName(position + 1) ? position + 1 : kNoFile;
+}
+
+bool FileNumbers::hasName(uint32_t file) {
+  if (file >= m_named.size()) m_named.resize(file + file / 2 + 1, Named::kUnknown);
+  if (m_named[file] == Named::kUnknown) {
+    m_named[file] = nameOf(file).empty() ? Named::kNo : Named::kYes;
+  }
+  return m_named[file] == Named::kYes;
 }
 
 std::string_view FileNumbers::nameOf(uint32_t file) const {
@@ -31,12 +40,10 @@ std::string_view FileNumbers::nameOf(uint32_t file) const {
 }
 
 void FileNumbers::print(TextBuffer& out) const {
-  constexpr size_t kNumbers = 32;
   std::string storage;
   for (size_t i = 0; i < m_used.size(); ++i) {
     const std::string_view name = lineName(nameOf(m_used[i]), storage);
-    LineWriter line(out, kNumbers + name.size());
-    line.str("FILE ").dec(i + 1).chr(' ').str(name).chr('\n');
+    append_line(out, FileFields{static_cast<long>(i + 1), name});
   }
 }
 

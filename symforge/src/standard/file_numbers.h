@@ -61,12 +61,16 @@ class FileNumbers {
   };
 
   void add(uint32_t file);
-  uint32_t lookUp(size_t module, uint32_t offset) const;
+  uint32_t lookUp(size_t module, uint32_t offset);
+  bool hasName(uint32_t file);
   std::string_view nameOf(uint32_t file) const;
 
   const SourceFiles& m_sources;
   const NameStream& m_names;
+  enum class Named : uint8_t { kUnknown, kNo, kYes };
+
   std::vector<Line> m_lines;     // by source file
+  std::vector<Named> m_named;    // by source file
   std::vector<uint32_t> m_used;  // source files by number - 1
   // The last look-up: neighbours mostly ask for the same file.
   size_t m_lastModule = SIZE_MAX;

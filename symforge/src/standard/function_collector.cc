@@ -4,6 +4,16 @@
 
 namespace symforge_internal {
 
+namespace {
+
+// Whether a record adds a function or a part of one.
+bool isCode(const SymbolHeader& symbol) {
+  const uint16_t type = symbol.type;
+  return type == S_LPROC32 || type == S_GPROC32 || type == S_THUNK32 || type == S_SEPCODE;
+}
+
+}  // namespace
+
 // Modules that share a stream would be read again and again.
 void FunctionCollector::collect(ModuleStreams& modules) {
   m_lines.resize(modules.size());
@@ -24,6 +34,7 @@ void FunctionCollector::collectModule(ModuleStream& module, uint32_t number) {
   try {
     m_inFunction = false;
     module.forEachSymbol([&](const SymbolHeader& symbol, StreamReader& body, uint32_t offset) {
+      if (isCode(symbol)) module.budget().functions.spend(1);
       addSymbol(symbol, body, offset, number);
     });
     collectLines(module, number);

@@ -76,10 +76,11 @@ void FunctionLayout::placeRun(Run run) {
       (global != nullptr && global->shared) || (run.size() > 1 && isShared(run, placed.function));
   placed.paramSize = paramSize(function, rva);
   if (global != nullptr) global->covered = true;
-  if (hasCode)
+  if (hasCode) {
     m_functions.push_back(placed);
-  else
+  } else {
     m_placedPublics.push_back({function.name.data, rva, placed.paramSize, placed.shared});
+  }
 }
 
 // Which function is shown, and its block of lines. False when none has code or a type.

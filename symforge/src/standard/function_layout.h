@@ -1,10 +1,13 @@
-// FunctionLayout: which functions and public symbols the symbol file shows, and where: one for each
-// stretch of code, in the order of their addresses.
+// FunctionLayout: selects the functions and public symbols of the symbol file and assigns to each
+// the range of code that it covers. The ranges are sorted by address and do not overlap.
 //
-// Of several functions at one address (code that the linker folded) one is shown: of those with
-// code the one with the lowest type index, and of these the first in the file, unless only others
-// have lines. It is marked as shared when another one has another name. A function that begins
-// inside of another one ends that one.
+// Several functions can have one address, because linkers merge functions of equal code. One of
+// them is chosen:
+//   1. those without lines are dropped if another one has lines;
+//   2. of the rest, the one with the lowest type index;
+//   3. of several with that index, the first in the PDB.
+// It is marked as shared (`m`) if a function with another name has the same address. A function
+// that starts within the range of another one ends that range.
 
 #pragma once
 

@@ -56,7 +56,7 @@ bool FunctionNames::appendInlinee(uint32_t inlinee, std::string& output) {
 void FunctionNames::appendFunctionId(const TypeInfo& info, std::string& output) {
   const auto& id = recordOf<LeafFuncID>(info);
   appendScope(id.scope_id, output);
-  output += info.name.data;
+  appendText(info.name.data, output);
   appendType(id.type, output);
 }
 
@@ -74,7 +74,7 @@ void FunctionNames::appendMemberFunctionId(const TypeInfo& info, std::string& ou
   else if (name == "{dtor}")
     output.append("~").append(className);
   else
-    output += name;
+    appendText(info.name.data, output);
   appendType(id.type, output);
 }
 
@@ -93,7 +93,7 @@ void FunctionNames::appendString(uint32_t id, std::string& output, uint32_t dept
   if (info.type == LEAF::LF_STRING_ID) {
     const uint32_t substrings = recordOf<LeafStringID>(info).substrings;
     if (substrings != 0) appendString(substrings, output, depth + 1);
-    output += info.name.data;
+    appendText(info.name.data, output);
   } else if (info.type == LEAF::LF_SUBSTR_LIST) {
     const uint32_t count = recordOf<LeafArgList>(info).count;
     if (sizeof(LeafArgList) + uint64_t{count} * sizeof(le_uint32) > info.readable) return;
@@ -102,6 +102,13 @@ void FunctionNames::appendString(uint32_t id, std::string& output, uint32_t dept
       appendString(ids[i], output, depth + 1);
     }
   }
+}
+
+// Names can share one long text.
+void FunctionNames::appendText(const char* text, std::string& output) {
+  const std::string_view name = text;
+  if (FileBudget* const budget = m_ids.budget()) budget->typeText.spend(name.size());
+  output += name;
 }
 
 void FunctionNames::appendType(uint32_t type, std::string& output) {

@@ -38,6 +38,7 @@ class FunctionNames {
   void appendScope(uint32_t scope, std::string& output);
   void appendString(uint32_t id, std::string& output, uint32_t depth);
   void appendType(uint32_t type, std::string& output);
+  void appendText(const char* text, std::string& output);
 
   const TypeTable& m_types;
   const TypeTable& m_ids;

@@ -18,6 +18,8 @@ constexpr uint32_t kNoChecksum = 0xFFFFFFFF;
 // Each byte of the file may cut an inlined call once; real files cut far less.
 constexpr uint64_t kLeastBudget = uint64_t{1} << 20;
 
+constexpr char kTooManyParts[] = "Lines are moved in too many parts";
+
 // "ADDRESS SIZE LINE" and the end of the record.
 constexpr size_t kMaxRecordBytes = 8 + 1 + 8 + 1 + 10 + FileNumbers::kEndingBytes;
 
@@ -30,7 +32,9 @@ FunctionWriter::FunctionWriter(const FunctionSources& sources, FileNumbers& file
       m_origins(origins),
       m_counts(counts),
       m_inlinees(sources.modules),
-      m_calls(sources.file.pages().length + kLeastBudget) {}
+      m_calls(sources.file.pages().length + kLeastBudget,
+              limits::kInlineRanges.of(sources.file.pages().length)),
+      m_movedParts(limits::kMovedParts.of(sources.file.pages().length), kTooManyParts) {}
 
 void FunctionWriter::writeAll(const std::vector<PlacedFunction>& functions, TextBuffer& out) {
   for (size_t i = 0; i < functions.size(); ++i) {
@@ -61,7 +65,7 @@ void FunctionWriter::write(const PlacedFunction& function, TextBuffer& out) {
   readLines(function);
   const std::vector<CodeRow>* rows = &m_table.rows();
   if (m_sources.sections.isRewritten()) {
-    moveRows(m_sources.sections, function, *rows, m_moved);
+    moveRows(m_sources.sections, function, *rows, m_movedParts, m_moved);
     rows = &m_moved;
   }
   if (m_function->siteCount != 0 && readInlineCalls(function)) {
@@ -73,14 +77,12 @@ void FunctionWriter::write(const PlacedFunction& function, TextBuffer& out) {
 }
 
 void FunctionWriter::writeFuncLine(const PlacedFunction& function, TextBuffer& out) {
-  constexpr size_t kNumbers = 64;
   m_name.clear();
   m_sources.names.appendFunction(m_function->name.data, m_function->typeIndex, m_name);
   std::string_view name = lineName(m_name, m_printableName);
   if (name.empty()) name = "<unnamed function>";
-  LineWriter line(out, kNumbers + name.size());
-  line.str(function.shared ? "FUNC m " : "FUNC ").hex(function.rva).chr(' ').hex(function.size);
-  line.chr(' ').hex(function.paramSize).chr(' ').str(name).chr('\n');
+  append_line(out, FunctionFields{function.shared, std::nullopt, function.rva, function.size,
+                                  function.paramSize, name});
   ++m_counts.functions;
   m_counts.sharedFunctions += function.shared ? 1 : 0;
 }
@@ -209,22 +211,19 @@ void FunctionWriter::addRow(const PlacedFunction& function, const AnnotationRow&
     return;
   }
   m_movedSite.clear();
-  appendMovedRow(m_sources.sections, function, code, m_movedSite);
+  appendMovedRow(m_sources.sections, function, code, m_movedParts, m_movedSite);
   for (const CodeRow& moved : m_movedSite) m_calls.addRow(moved);
 }
 
 void FunctionWriter::writeInlineLines(const PlacedFunction& function, TextBuffer& out) {
-  constexpr size_t kNumbers = 96;
-  constexpr size_t kRangeBytes = 2 * (8 + 1) + 8;
   for (const InlinedCall& call : m_calls.calls()) {
-    LineWriter line(out, kNumbers + kRangeBytes * call.rangeCount);
-    line.str("INLINE ").dec(call.depth).chr(' ').dec(call.caller.line).chr(' ');
-    line.dec(m_files.number(callFile(call))).chr(' ').dec(m_origins.number(call.origin));
+    m_ranges.clear();
     for (uint32_t i = 0; i < call.rangeCount; ++i) {
       const InlineRange& range = m_calls.ranges()[call.firstRange + i];
-      line.chr(' ').hex(function.rva + range.start).chr(' ').hex(range.end - range.start);
+      m_ranges.push_back({function.rva + range.start, range.end - range.start});
     }
-    line.chr('\n');
+    append_line(out, InlineCallFields{call.depth, call.caller.line, m_files.number(callFile(call)),
+                                      m_origins.number(call.origin), m_ranges});
   }
   m_counts.inlinedCalls += m_calls.calls().size();
 }

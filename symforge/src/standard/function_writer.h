@@ -11,6 +11,7 @@
 
 #include "base/first_wins_map.h"
 #include "base/text_buffer.h"
+#include "common/symbol_text.h"
 #include "symforge/src/standard/annotation_rows.h"
 #include "symforge/src/standard/cross_module_items.h"
 #include "symforge/src/standard/file_numbers.h"
@@ -95,6 +96,8 @@ class FunctionWriter {
   std::vector<AnnotationRow> m_annotationRows;
   std::vector<CodeRow> m_moved;
   std::vector<CodeRow> m_movedSite;
+  Allowance m_movedParts;  // of the file
+  std::vector<InlineCallFields::Range> m_ranges;
   uint32_t m_anyFile = kNoFile;
 };
 

@@ -19,8 +19,12 @@ void InlineCalls::begin(uint32_t size) {
 }
 
 inline void InlineCalls::spend(size_t steps) {
-  if (steps > m_budget) throw pdb_exception("Inlined calls are cut into too many ranges");
+  if (steps > m_budget) throwTooMany();
   m_budget -= steps;
+}
+
+void InlineCalls::throwTooMany() {
+  throw pdb_exception("Inlined calls are cut into too many ranges");
 }
 
 // By start, and those that start together in the order in which they were added.
@@ -82,6 +86,7 @@ inline void InlineCalls::addPiece(const OpenCall& call, uint32_t start, uint32_t
       return;
     }
   }
+  if (m_pieces.size() >= m_maxParts) throwTooMany();
   const auto number = static_cast<uint32_t>(m_pieces.size());
   if (site.lastPiece == kNone) {
     site.firstPiece = number;
@@ -96,10 +101,11 @@ inline void InlineCalls::addPiece(const OpenCall& call, uint32_t start, uint32_t
 // Rows that touch and have one place are parts of what a call was cut into.
 inline void InlineCalls::addLine(uint32_t start, uint32_t end, const SourcePlace& place) {
   if (!place.known()) return;
-  if (!m_lines.empty() && m_lines.back().end == start && m_lines.back().place == place)
+  if (!m_lines.empty() && m_lines.back().end == start && m_lines.back().place == place) {
     m_lines.back().end = end;
-  else
+  } else {
     m_lines.push_back({start, end, place});
+  }
 }
 
 void InlineCalls::resolve(const std::vector<CodeRow>& ownLines) {

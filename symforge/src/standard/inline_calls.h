@@ -7,15 +7,16 @@
 //   calls.close();
 //   calls.resolve(lineTable.rows());
 //
-// A site has its code by its rows, as far as it is inside of the site around it. Where rows of
-// sibling sites, or of one site, overlap, the row that starts last counts, and of several that
-// start together the last one added: no two ranges of one depth overlap. A call's place is the line
-// of the code around it at the same address: of the function's own lines at depth 0, of the rows of
-// the enclosing site below.
+// Ranges: the code of a site is that of its rows, cut to the code of the site that contains it.
+// Each address belongs to one site of a depth: if rows of two sites overlap, the row that starts
+// last wins, and of rows with the same start the one that was added last.
 //
-// One sweep over the code finds at each address the path of open calls from the function to the
-// innermost one. Its time is that of sorting the rows and of the paths; the steps along them are
-// counted against a budget of the whole file.
+// Call places: the line of the caller's code at the address of the call. The caller is the function
+// itself for a site of depth 0, and the enclosing site for a deeper one.
+//
+// resolve() walks over the code once and keeps the open sites at the current address, outermost
+// first. It takes the time of sorting the rows, and a step for each open site at each change; these
+// steps are limited for the whole file.
 
 #pragma once
 
@@ -49,7 +50,9 @@ class InlineCalls {
   static constexpr uint32_t kMaxDepth = 256;
 
   // `maxSteps`: how many ranges all functions together may be cut into, counted at each depth.
-  explicit InlineCalls(uint64_t maxSteps) : m_budget(maxSteps) {}
+  // `maxParts`: how many rows one function may have, and into how many ranges they may be cut.
+  explicit InlineCalls(uint64_t maxSteps, uint64_t maxParts = UINT32_MAX)
+      : m_budget(maxSteps), m_maxParts(maxParts) {}
 
   // Starts a function of `size` bytes; keeps the memory.
   void begin(uint32_t size);
@@ -72,9 +75,10 @@ class InlineCalls {
     return parent != 0 && m_sites[parent].depth + 1 == kMaxDepth;
   }
   // Adds a row to the site that was opened last, in any order. To be called before a further site
-  // is opened.
+  // is opened. Throws pdb_exception for too many rows.
   void addRow(const CodeRow& row) {
     if (row.start >= row.end) return;
+    if (m_rows.size() >= m_maxParts) throwTooMany();
     m_rows.push_back({row, static_cast<uint32_t>(m_sites.size()) - 1, kNone});
   }
   // Closes the innermost open site; without one it does nothing.
@@ -138,8 +142,10 @@ class InlineCalls {
   void addCalls(const Site& site);
   void addCall(const Site& site, const Piece* first, const Piece* last);
   void spend(size_t steps);
+  [[noreturn]] static void throwTooMany();
 
   uint64_t m_budget;
+  uint64_t m_maxParts;
   uint32_t m_size = 0;
   std::vector<Site> m_sites;
   std::vector<uint32_t> m_open;  // sites; for one that was left out, the site around it

@@ -2,6 +2,7 @@
 
 #include <functional>
 
+#include "common/symbol_text.h"
 #include "symforge/src/standard/line_name.h"
 
 namespace symforge_internal {
@@ -46,11 +47,8 @@ uint32_t InlineOrigins::number(uint32_t origin) {
 }
 
 void InlineOrigins::print(TextBuffer& out) const {
-  constexpr size_t kNumbers = 32;
   for (size_t i = 0; i < m_used.size(); ++i) {
-    const std::string_view name = text(m_used[i]);
-    LineWriter line(out, kNumbers + name.size());
-    line.str("INLINE_ORIGIN ").dec(i).chr(' ').str(name).chr('\n');
+    append_line(out, InlineOriginFields{static_cast<long>(i), text(m_used[i])});
   }
 }
 

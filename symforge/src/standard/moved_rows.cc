@@ -5,8 +5,9 @@
 namespace symforge_internal {
 
 void appendMovedRow(const SectionMap& sections, const PlacedFunction& function, const CodeRow& row,
-                    std::vector<CodeRow>& moved) {
+                    Allowance& parts, std::vector<CodeRow>& moved) {
   for (uint32_t at = row.start; at < row.end;) {
+    parts.spend(1);
     const SectionMap::MovedCode code = sections.movedCode(function.linkedRva + at);
     const uint32_t bytes = std::min(row.end - at, code.end - (function.linkedRva + at));
     const uint32_t start = code.rva - function.rva;
@@ -18,9 +19,9 @@ void appendMovedRow(const SectionMap& sections, const PlacedFunction& function, 
 }
 
 void moveRows(const SectionMap& sections, const PlacedFunction& function,
-              const std::vector<CodeRow>& rows, std::vector<CodeRow>& moved) {
+              const std::vector<CodeRow>& rows, Allowance& parts, std::vector<CodeRow>& moved) {
   moved.clear();
-  for (const CodeRow& row : rows) appendMovedRow(sections, function, row, moved);
+  for (const CodeRow& row : rows) appendMovedRow(sections, function, row, parts, moved);
   std::stable_sort(moved.begin(), moved.end(),
                    [](const CodeRow& a, const CodeRow& b) { return a.start < b.start; });
   size_t kept = 0;

@@ -5,6 +5,7 @@
 
 #include <vector>
 
+#include "base/limits.h"
 #include "symforge/src/pdb/section_map.h"
 #include "symforge/src/standard/code_row.h"
 #include "symforge/src/standard/function_layout.h"
@@ -12,12 +13,13 @@
 namespace symforge_internal {
 
 // Appends the parts of `row` that the final image has inside of the function, as bytes from the
-// start of the function there. Parts of one row may come in any order.
+// start of the function there. Parts of one row may come in any order. Spends one of `parts` for
+// each part of the row.
 void appendMovedRow(const SectionMap& sections, const PlacedFunction& function, const CodeRow& row,
-                    std::vector<CodeRow>& moved);
+                    Allowance& parts, std::vector<CodeRow>& moved);
 
 // The same for all rows, and brings the result into order without overlap.
 void moveRows(const SectionMap& sections, const PlacedFunction& function,
-              const std::vector<CodeRow>& rows, std::vector<CodeRow>& moved);
+              const std::vector<CodeRow>& rows, Allowance& parts, std::vector<CodeRow>& moved);
 
 }  // namespace symforge_internal

@@ -2,14 +2,17 @@
 
 #include <string_view>
 
+#include "base/limits.h"
 #include "base/path_names.h"
-#include "symforge/src/WinStructs.h"
+#include "common/symbol_text.h"
+#include "symforge/src/pdb/foreign_types.h"
 #include "symforge/src/pdb/frame_tables.h"
 #include "symforge/src/pdb/name_stream.h"
 #include "symforge/src/pdb/public_functions.h"
 #include "symforge/src/pdb/section_map.h"
 #include "symforge/src/pdb/source_files.h"
 #include "symforge/src/pdb/type_table.h"
+#include "symforge/src/pe/architecture.h"
 #include "symforge/src/standard/file_numbers.h"
 #include "symforge/src/standard/function_collector.h"
 #include "symforge/src/standard/function_layout.h"
@@ -22,31 +25,11 @@ namespace symforge_internal {
 
 namespace {
 
-const char* architecture(uint16_t machine) {
-  switch (machine) {
-    case IMAGE_FILE_MACHINE_I386:
-      return "x86";
-    case IMAGE_FILE_MACHINE_ARM:
-      return "arm";
-    case IMAGE_FILE_MACHINE_ARM64:
-      return "arm64";
-    case IMAGE_FILE_MACHINE_PPC64:
-      return "ppc64";
-    case IMAGE_FILE_MACHINE_AMD64:
-      return "x86_64";
-    default:
-      return "unknown";
-  }
-}
-
 void printPublic(const PlacedPublic& symbol, TextBuffer& out) {
-  constexpr size_t kNumbers = 64;
   std::string storage;
   std::string_view name = lineName(symbol.name, storage);
   if (name.empty()) name = "<unnamed symbol>";
-  LineWriter line(out, kNumbers + name.size());
-  line.str(symbol.shared ? "PUBLIC m " : "PUBLIC ").hex(symbol.rva).chr(' ');
-  line.hex(symbol.paramSize).chr(' ').str(name).chr('\n');
+  append_line(out, PublicFields{symbol.shared, symbol.rva, symbol.paramSize, name});
 }
 
 // The type and id records.
@@ -63,12 +46,10 @@ struct Types {
 }  // namespace
 
 void StandardPrinter::printHeader(TextBuffer& out) const {
-  constexpr size_t kWords = 64;
   std::string storage;
   const std::string_view name = lineName(last_component(m_source.pdbFile), storage);
-  LineWriter line(out, kWords + m_source.debugId.size() + name.size());
-  line.str("MODULE windows ").str(architecture(m_source.dbi.header().machine)).chr(' ');
-  line.str(m_source.debugId).chr(' ').str(name).chr('\n');
+  const char* arch = architectureName(m_source.dbi.header().machine, TextDialect::kStandard);
+  append_line(out, ModuleFields{"windows", arch, m_source.debugId, name});
 }
 
 void StandardPrinter::printUnwindRules(const std::vector<PlacedFunction>& functions,
@@ -96,6 +77,7 @@ ModuleStreams StandardPrinter::readModules() {
 void StandardPrinter::insertTables(const FileNumbers& files, const InlineOrigins& origins,
                                    size_t at, TextBuffer& out) {
   TextBuffer tables;
+  const TextLimit limit(tables, limits::kTables.of(m_source.file.size()));
   files.print(tables);
   origins.print(tables);
   out.insert(at, tables.view());
@@ -113,11 +95,18 @@ void StandardPrinter::print(TextBuffer& out) {
 
   ModuleStreams modules = readModules();
   const DataPtr<DBIDebugHeader> debugHeader = m_source.dbi.readDebugHeader();
-  refuseTokenMap(*debugHeader);
   SectionMap sections;
   sections.readSections(file, debugHeader->sectionHdr);
   sections.readOMAPData(file, debugHeader->sectionHdrOriginal, debugHeader->omapToSource,
                         debugHeader->omapFromSource);
+  FunctionCollector collector(sections, m_source.withInlines);
+  collector.collect(modules);
+  if (hasTokenMap(*debugHeader) && collector.functions().empty()) {
+    throw pdb_refusal(kHasTokenMap,
+                      "this PDB is of managed code and has no native functions; "
+                      "there is nothing to convert");
+  }
+  refuseForeignTypes(file, m_source.info);
   NameStream strings;
   loadNameStream(file, m_source.info, m_source.pdbFile, strings);
   PublicFunctions publics;
@@ -126,8 +115,6 @@ void StandardPrinter::print(TextBuffer& out) {
   frames.readFrameData(file, *debugHeader);
   const Types types(file);
 
-  FunctionCollector collector(sections, m_source.withInlines);
-  collector.collect(modules);
   FunctionNames names(types.types, types.ids);
   FunctionLayout layout(collector, sections, frames, publics, names);
   layout.place();
