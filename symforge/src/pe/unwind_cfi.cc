@@ -34,15 +34,16 @@ class UnwindLinks {
  public:
   UnwindLinks(const PeImage& image, size_t entries)
       : m_image(image),
+        m_lookupCost(image.ntHeaders()->FileHeader.NumberOfSections / 16),
         m_left(limits::kUnwindSlots + limits::kUnwindSlotsPerEntry * uint64_t{entries}) {}
 
   // From an entry to the address of its unwind data. Bit 0 set: the address is that of another
   // entry. False for dangling links.
   bool resolveEntry(uint32_t& rva) {
+    if (!spend(m_lookupCost)) return false;
     while ((rva & 1) != 0) {
       const auto* entry = m_image.recordAt<IMAGE_RUNTIME_FUNCTION_ENTRY>(rva ^ 1);
-      if (entry == nullptr || m_left == 0) return false;
-      --m_left;
+      if (entry == nullptr || !spend(1 + m_lookupCost)) return false;
       rva = entry->UnwindInfoAddress;
     }
     return true;
@@ -62,15 +63,19 @@ class UnwindLinks {
     int rounds = 0;
     while (info != nullptr) {
       if (chain.visit(info) && ++rounds == 2) return false;
-      const uint64_t cost = 1 + uint64_t{info->count_of_codes};
-      if (cost > m_left || !frame.add(*info)) return false;
-      m_left -= cost;
+      if (!spend(1 + m_lookupCost + info->count_of_codes) || !frame.add(*info)) return false;
       info = info->chained() ? follow(*info) : nullptr;
     }
     return true;
   }
 
  private:
+  bool spend(uint64_t cost) {
+    if (cost > m_left) return false;
+    m_left -= cost;
+    return true;
+  }
+
   size_t bytesLeft(const UnwindInfo& info) const {
     return m_image.bytesLeft(&info.version_and_flags);
   }
@@ -85,7 +90,8 @@ class UnwindLinks {
   }
 
   const PeImage& m_image;
-  uint64_t m_left;  // slots and links
+  const uint64_t m_lookupCost;  // of an RVA, which is searched for in all sections
+  uint64_t m_left;              // slots and links
 };
 
 constexpr int32_t kReturnAddress = 8;  // bytes
