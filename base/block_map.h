@@ -91,6 +91,12 @@ class BlockMap {
     return it;
   }
 
+  // The highest key. The map must not be empty.
+  Key last_key() const {
+    Block* last = last_block().block_;
+    return last->keys()[last->count - 1];
+  }
+
   // Returns the first entry whose key is not less than `key`, or end().
   const_iterator lower_bound(Key key) const {
     if (size_ == 0) return end();
@@ -404,8 +410,8 @@ typename BlockMap<Key, Value>::const_iterator BlockMap<Key, Value>::split(const_
   const bool at_end = full.slot_ == kBlockCapacity && full.block_ == last_block().block_;
   const uint32_t keep = at_end ? kBlockCapacity : kBlockCapacity / 2;
   const auto index = static_cast<ptrdiff_t>(full.in_group_);
-  group.blocks.reserve(group.blocks.size() + 1);
-  group.separators.reserve(group.separators.size() + 1);
+  group.blocks.reserve(kGroupCapacity);
+  group.separators.reserve(kGroupCapacity);
   Block* right = directory_->create_block();
   full.block_->move_tail(keep, right);
   group.separators.insert(group.separators.begin() + index, full.block_->keys()[keep - 1]);

@@ -5,19 +5,23 @@
 #include <benchmark/benchmark.h>
 #include <time.h>
 
+#include <algorithm>
 #include <cstring>
 #include <iostream>
 #include <map>
 #include <memory>
+#include <numeric>
 #include <random>
 #include <vector>
 
+#include "base/huge_page_block.h"
 #include "base/text_buffer.h"
 #include "builders/symbol_text.h"
 #include "common/symb.h"
 #include "common/symb_text.h"
 #include "google_breakpad/processor/basic_source_line_resolver.h"
 #include "google_breakpad/processor/stack_frame.h"
+#include "processor/basic_source_line_resolver_module.h"
 
 using symforge_internal::TextBuffer;
 
@@ -161,7 +165,32 @@ void open(benchmark::State& state) {
   std::clog.clear();
 }
 
+std::vector<uint64_t> random_addresses(const benchmark::State& state) {
+  std::mt19937_64 random(1);
+  const uint64_t end = symbol_text_end(shape_of(state.range(0), state.range(1)));
+  std::vector<uint64_t> addresses(1 << 20);
+  for (uint64_t& address : addresses) address = 0x1000 + random() % (end - 0x1000);
+  return addresses;
+}
+
 // All lookups reuse one frame object, as a stack walker would.
+template <typename Ask>
+void ask_all(benchmark::State& state, Ask ask) {
+  const std::vector<uint64_t> addresses = random_addresses(state);
+  const Code code;
+  google_breakpad::StackFrame frame;
+  frame.module = &code;
+  size_t i = 0;
+  for (auto _ : state) {
+    frame.instruction = code.base_address() + addresses[i++ % addresses.size()];
+    frame.inlines.clear();
+    ask(frame);
+    benchmark::DoNotOptimize(frame.function_base);
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+
+// A block that the host has mapped: no check, no index.
 void lookup(benchmark::State& state) {
   const Image& image = image_for(state);
   const Code code;
@@ -169,20 +198,68 @@ void lookup(benchmark::State& state) {
   std::clog.setstate(std::ios::failbit);
   resolver.LoadModuleUsingMemoryBuffer(&code, image.block.get(), image.size);
   std::clog.clear();
-  std::mt19937_64 random(1);
-  const uint64_t end = symbol_text_end(shape_of(state.range(0), state.range(1)));
-  std::vector<uint64_t> addresses(1 << 20);
-  for (uint64_t& address : addresses)
-    address = code.base_address() + 0x1000 + random() % (end - 0x1000);
-  google_breakpad::StackFrame frame;
-  frame.module = &code;
-  size_t i = 0;
+  ask_all(state, [&](google_breakpad::StackFrame& frame) { resolver.FillSourceLineInfo(&frame); });
+}
+
+using Module = google_breakpad::BasicSourceLineResolver::Module;
+
+// A block with an index, as LoadModule leaves it.
+std::unique_ptr<Module> indexed_module(const Image& image) {
+  auto module = std::make_unique<Module>("bench");
+  module->LoadMapFromMemory(image.block.get(), image.size);
+  module->IndexTables();
+  return module;
+}
+
+void make_index(benchmark::State& state) {
+  const Image& image = image_for(state);
+  for (auto _ : state) benchmark::DoNotOptimize(indexed_module(image));
+}
+
+void lookup_indexed(benchmark::State& state) {
+  const auto module = indexed_module(image_for(state));
+  ask_all(state, [&](google_breakpad::StackFrame& frame) { module->LookupAddress(&frame); });
+}
+
+void rules_indexed(benchmark::State& state) {
+  const auto module = indexed_module(image_for(state));
+  ask_all(state,
+          [&](google_breakpad::StackFrame& frame) { delete module->FindCFIFrameInfo(&frame); });
+}
+
+void lookup_array(benchmark::State& state) {
+  constexpr size_t kArray = 256;
+  const auto module = indexed_module(image_for(state));
+  const std::vector<uint64_t> addresses = random_addresses(state);
+  std::vector<google_breakpad::ResolvedAddress> answers(kArray);
+  google_breakpad::ResolvedInlines inlines;
+  size_t at = 0;
   for (auto _ : state) {
-    frame.instruction = addresses[i++ % addresses.size()];
-    frame.inlines.clear();
-    resolver.FillSourceLineInfo(&frame);
-    benchmark::DoNotOptimize(frame.function_base);
+    inlines.clear();
+    module->LookupAddresses(std::span(addresses).subspan(at, kArray), answers, &inlines);
+    benchmark::DoNotOptimize(answers.data());
+    at = (at + kArray) % addresses.size();
   }
+  state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(kArray));
+}
+
+// The machine's time for one access to memory that no cache holds: each address comes from the last
+// access. On huge pages, like the block.
+void random_access(benchmark::State& state) {
+  constexpr size_t kLine = 64;
+  const size_t bytes = static_cast<size_t>(state.range(0)) << 20;
+  const size_t lines = bytes / kLine;
+  const symforge_internal::HugePageBlock block(bytes);
+  const auto line = [&](uint32_t number) {
+    return reinterpret_cast<uint32_t*>(block.data() + number * kLine);
+  };
+  std::vector<uint32_t> order(lines);
+  std::iota(order.begin(), order.end(), 0);
+  std::shuffle(order.begin(), order.end(), std::mt19937(1));
+  for (size_t i = 0; i < lines; ++i) *line(order[i]) = order[(i + 1) % lines];
+  uint32_t at = 0;
+  for (auto _ : state) at = *line(at);
+  benchmark::DoNotOptimize(at);
   state.SetItemsProcessed(state.iterations());
 }
 
@@ -197,6 +274,11 @@ BENCHMARK(text_to_symb)->Apply(sizes)->Unit(benchmark::kMillisecond);
 BENCHMARK(symb_to_text)->Apply(sizes)->Unit(benchmark::kMillisecond);
 BENCHMARK(validate)->Apply(sizes)->Unit(benchmark::kMillisecond);
 BENCHMARK(open)->Apply(sizes);
+BENCHMARK(random_access)->ArgName("MiB")->Arg(256);
+BENCHMARK(make_index)->Apply(sizes)->Unit(benchmark::kMillisecond);
 BENCHMARK(lookup)->Apply(sizes);
+BENCHMARK(lookup_indexed)->Apply(sizes);
+BENCHMARK(lookup_array)->Apply(sizes);
+BENCHMARK(rules_indexed)->Apply(sizes);
 
 }  // namespace

@@ -61,14 +61,17 @@ foreach(document IN LISTS documents)
   set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${document})
   file(READ ${document} text)
   string(REPLACE "](docs/symforge.1)" "](${from_documents}${CMAKE_INSTALL_MANDIR}/man1/symforge.1.gz)" text "${text}")
-  string(REPLACE "](google_breakpad/processor)" "](${from_documents}${header_root}/google_breakpad/processor)"
-    text "${text}")
+  foreach(up IN ITEMS "" "../")  # of the documents here and in docs
+    string(REPLACE "](${up}google_breakpad/processor)"
+      "](${up}${from_documents}${header_root}/google_breakpad/processor)" text "${text}")
+    string(REPLACE "](${up}symforge/symforge.h)" "](${up}${from_documents}${header_root}/symforge.h)" text "${text}")
+  endforeach()
   file(CONFIGURE OUTPUT documents/${document} CONTENT "@text@" @ONLY)
 endforeach()
 install(DIRECTORY ${PROJECT_BINARY_DIR}/documents/ DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT program
   FILES_MATCHING PATTERN "*.md")
 install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT program
-  FILES_MATCHING PATTERN "*.cc" PATTERN "*.c" PATTERN "*.py" PATTERN "*.html")
+  FILES_MATCHING PATTERN "*.cc" PATTERN "*.c" PATTERN "*.h" PATTERN "*.py")
 
 # Files that Debian's policy requires in every package.
 string(TIMESTAMP changed "%a, %d %b %Y %H:%M:%S +0000" UTC)

@@ -42,6 +42,10 @@ constexpr uint32_t StackWinSizes::*kStackWinSizes[] = {
 
 // ---- For quick_parse() --------------------------------------------------------------------------
 
+bool starts_with(const char* line, const char* end, std::string_view prefix) {
+  return std::string_view(line, static_cast<size_t>(end - line)).starts_with(prefix);
+}
+
 bool is_line_end(char c) { return c == '\n' || c == '\r' || c == '\0'; }
 
 // The rest of a line after one blank. It must not be empty: missing text has a special meaning in
@@ -149,7 +153,7 @@ void append_line(TextBuffer& out, const FileFields& fields) {
 }
 
 bool quick_parse(const char* line, const char* end, FileFields* fields) {
-  NumberCursor cursor(line + kFile.size());
+  NumberCursor cursor(line + kFile.size(), end);
   return cursor.decimal(&fields->index) && rest_of_line(cursor, end, &fields->name);
 }
 
@@ -186,7 +190,7 @@ void append_line(TextBuffer& out, const FunctionFields& fields, std::string_view
 }
 
 bool quick_parse(const char* line, const char* end, FunctionFields* fields) {
-  NumberCursor cursor(line + kFunction.size());
+  NumberCursor cursor(line + kFunction.size(), end);
   fields->is_multiple = optional_multiple(cursor);
   fields->section.reset();
   if (!cursor.hex(&fields->address)) return false;
@@ -223,8 +227,8 @@ bool parse(char* line, char* end, FunctionFields* fields) {
 
 // ---- Line records -------------------------------------------------------------------------------
 
-bool quick_parse(const char* line, const char** end, LineFields* fields) {
-  NumberCursor cursor(line);
+bool quick_parse(const char* line, const char* text_end, const char** end, LineFields* fields) {
+  NumberCursor cursor(line, text_end);
   if (!cursor.hex(&fields->address) || !blank_and_hex(cursor, &fields->size) || !cursor.blank() ||
       !cursor.decimal(&fields->line_number) || !cursor.blank() ||
       !cursor.decimal(&fields->source_file) || !is_line_end(*cursor.at())) {
@@ -253,7 +257,7 @@ void append_line(TextBuffer& out, const InlineFields& fields) {
 }
 
 bool quick_parse(const char* line, const char* end, InlineFields* fields) {
-  NumberCursor cursor(line + kInline.size());
+  NumberCursor cursor(line + kInline.size(), end);
   return cursor.hex(&fields->address) && blank_and_hex(cursor, &fields->size) && cursor.blank() &&
          cursor.decimal(&fields->line_number) && cursor.blank() &&
          cursor.decimal(&fields->source_file) && blank_and_hex(cursor, &fields->caller) &&
@@ -300,7 +304,7 @@ void append_line(TextBuffer& out, const InlineCallFields& fields) {
 bool parse(const char* line, const char* end, InlineCallFields* fields,
            std::vector<InlineCallFields::Range>* ranges) {
   ranges->clear();
-  NumberCursor cursor(line + kInlineCall.size());
+  NumberCursor cursor(line + kInlineCall.size(), end);
   const auto skip_blanks = [&cursor] {
     const char* const begin = cursor.at();
     while (cursor.blank()) continue;
@@ -335,7 +339,7 @@ void append_line(TextBuffer& out, const PublicFields& fields) {
 }
 
 bool quick_parse(const char* line, const char* end, PublicFields* fields) {
-  NumberCursor cursor(line + kPublic.size());
+  NumberCursor cursor(line + kPublic.size(), end);
   fields->is_multiple = optional_multiple(cursor);
   return cursor.hex(&fields->address) && blank_and_hex(cursor, &fields->stack_param_size) &&
          rest_of_line(cursor, end, &fields->name);
@@ -379,8 +383,8 @@ void append_line(TextBuffer& out, const StackWinFields& fields) {
 }
 
 bool quick_parse(const char* line, const char* end, StackWinFields* fields) {
-  if (strncmp(line, kStackWin.data(), kStackWin.size()) != 0) return false;
-  NumberCursor cursor(line + kStackWin.size());
+  if (!starts_with(line, end, kStackWin)) return false;
+  NumberCursor cursor(line + kStackWin.size(), end);
   uint64_t type = 0, has_program = 0;
   if (!cursor.hex(&type) || !blank_and_hex(cursor, &fields->rva) ||
       !blank_and_hex(cursor, &fields->code_size)) {
@@ -437,11 +441,11 @@ void append_line(TextBuffer& out, const StackCFIFields& fields) {
 }
 
 bool quick_parse(const char* line, const char* end, StackCFIFields* fields) {
-  if (strncmp(line, kStackCfi.data(), kStackCfi.size()) != 0) return false;
+  if (!starts_with(line, end, kStackCfi)) return false;
   const char* at = line + kStackCfi.size();
-  fields->is_init = strncmp(at, kInit.data(), kInit.size()) == 0;
+  fields->is_init = starts_with(at, end, kInit);
   if (fields->is_init) at += kInit.size();
-  NumberCursor cursor(at);
+  NumberCursor cursor(at, end);
   if (!cursor.hex(&fields->address)) return false;
   fields->size = 0;
   if (fields->is_init && !blank_and_hex(cursor, &fields->size)) return false;

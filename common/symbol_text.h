@@ -172,8 +172,8 @@ bool quick_parse(const char* line, const char* end, PublicFields* fields);
 bool quick_parse(const char* line, const char* end, InlineFields* fields);
 bool quick_parse(const char* line, const char* end, StackWinFields* fields);
 bool quick_parse(const char* line, const char* end, StackCFIFields* fields);
-// Finds the end of the line and stores it in `*end`.
-bool quick_parse(const char* line, const char** end, LineFields* fields);
+// Finds the end of the line and stores it in `*end`. The text ends at `text_end`.
+bool quick_parse(const char* line, const char* text_end, const char** end, LineFields* fields);
 
 bool parse(char* line, char* end, FileFields* fields);
 bool parse(char* line, char* end, FunctionFields* fields);

@@ -3,13 +3,14 @@
 _symforge() {
   local word=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} pattern='' i arguments=0
 
-  local options=(-b -e -h -i -j -q -r -s -v --against --binary --check --help --identify --image --jobs --max-memory
-    --no-inlines --no-sandbox --no-sync --quiet --recursive --standard --sync --tree --version)
+  local options=(-b -e -h -i -j -q -r -s -v --against --binary --check --files-from --help --identify --if-changed
+    --image --jobs --max-memory --no-inlines --no-sandbox --no-sync --quiet --recursive --report --standard --sync
+    --tree --version)
 
   # Arguments after the options that have been typed already.
   for ((i = 1; i < COMP_CWORD; ++i)); do
     case ${COMP_WORDS[i]} in
-      --against | --image | --jobs | --max-memory | --tree) ((++i)) ;;
+      --against | --files-from | --image | --jobs | --max-memory | --report | --tree) ((++i)) ;;
       --check | --identify) pattern='*' ;;  # any number of files of any kind
       --*) ;;
       -*[ejs]) ((++i)) ;;
@@ -20,7 +21,9 @@ _symforge() {
 
   case $previous in
     --against) pattern='*.@(exe|dll|pdb|EXE|DLL|PDB)' ;;
+    --report) pattern='*' ;;
     --image) pattern='*.@(exe|dll|EXE|DLL)' ;;
+    --files-from) pattern='*' ;;
     --tree) ;;
     --jobs | --max-memory | -[!-]*j | -j)
       COMPREPLY=()
@@ -33,6 +36,8 @@ _symforge() {
         mapfile -t COMPREPLY < <(compgen -W "${options[*]}" -- "$word")
         return
       fi
+      # With -s all arguments are inputs.
+      [[ " ${COMP_WORDS[*]}" == *" -s"* || " ${COMP_WORDS[*]}" == *" --tree"* ]] && arguments=0
       ((arguments)) || : "${pattern:=*.@(pdb|PDB|sym|symb)}"
       ;;
   esac

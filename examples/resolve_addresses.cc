@@ -37,35 +37,15 @@
 #include <string_view>
 
 #include "common/symb.h"
+#include "google_breakpad/processor/basic_code_module.h"
 #include "google_breakpad/processor/basic_source_line_resolver.h"
 
+using google_breakpad::BasicCodeModule;
 using google_breakpad::CFIFrameInfo;
-using google_breakpad::CodeModule;
 using google_breakpad::StackFrame;
 using google_breakpad::WindowsFrameInfo;
 
 namespace {
-
-// The only module of this program. The resolver uses its address and names only.
-class LoadedModule : public CodeModule {
- public:
-  LoadedModule(std::string file, uint64_t base) : file_(std::move(file)), base_(base) {}
-  uint64_t base_address() const override { return base_; }
-  uint64_t size() const override { return 0; }
-  std::string code_file() const override { return file_; }
-  std::string code_identifier() const override { return ""; }
-  std::string debug_file() const override { return file_; }
-  std::string debug_identifier() const override { return "the only module"; }
-  std::string version() const override { return ""; }
-  CodeModule* Copy() const override { return new LoadedModule(*this); }
-  uint64_t shrink_down_delta() const override { return 0; }
-  void SetShrinkDownDelta(uint64_t) override {}
-  bool is_unloaded() const override { return false; }
-
- private:
-  std::string file_;
-  uint64_t base_;
-};
 
 // Returns the length of the well-formed UTF-8 sequence at the start of `text`, 0 if there is none.
 size_t utf8_length(std::string_view text) {
@@ -177,7 +157,8 @@ void append_cfi(const CFIFrameInfo* info, std::string& out) {
 // The symbols of the module, and the SYMB block they may be stored in.
 class Symbols {
  public:
-  Symbols(const std::string& file, uint64_t load_address) : module_(file, load_address) {}
+  Symbols(const std::string& file, uint64_t load_address)
+      : module_(file, "the only module", load_address) {}
 
   bool load(const std::string& file) {
     char* data = nullptr;
@@ -218,7 +199,7 @@ class Symbols {
   }
 
  private:
-  LoadedModule module_;
+  BasicCodeModule module_;
   std::unique_ptr<char[]> data_;  // outlives the resolver, whose symbols may point into it
   google_breakpad::BasicSourceLineResolver resolver_;
 };

@@ -177,12 +177,12 @@ int main(int argc, char** argv) {
   for (const char* text : {"rich.sym", "rich_shuffled.sym", "round_trip.sym", "published_linux.sym",
                            "published_mac.sym"}) {
     for (const char* target :
-         {"text_load_lookup", "round_trip", "lookup_agreement", "host_loads"}) {
+         {"text_load_lookup", "round_trip", "lookup_agreement", "host_loads", "embedding"}) {
       seed(target, text, test_support::test_data(text));
     }
   }
   for (const uint32_t version : {1, 2, 3}) {
-    for (const char* target : {"symb", "host_loads"}) {
+    for (const char* target : {"symb", "host_loads", "embedding"}) {
       seed(target, ("version_" + std::to_string(version)).c_str(),
            rich_symb_model(version).bytes());
     }

@@ -144,6 +144,9 @@ bool RangeMap<AddressType, EntryType>::StoreRangeInternal(AddressType base, Addr
       }
       return false;
     }
+    if (map_.empty() || map_.last_key() < base) {  // ascending order: no search needed
+      return map_.insert(high, Range(base, delta, entry));
+    }
     const Iterator at_base = map_.lower_bound(base);
     // If the range found reaches `high`, it is also the lower bound of `high`.
     const bool ends_inside = at_base != map_.end() && at_base.key() < high;

@@ -11,22 +11,6 @@ using symforge_internal::Arena;
 using symforge_internal::NestedRangeStack;
 using symforge_internal::RangeNesting;
 
-void LineGatherer::Store(const Line& line) {
-  const MemAddr high = line.address + line.size - 1;
-  const bool valid = line.size > 0 && high >= line.address;
-  if (!ordered_ || !valid) {
-    StoreOutOfOrder(line);
-    return;
-  }
-  // Compares last addresses, because the address after a line may overflow.
-  if (lines_.empty() || line.address > lines_.back().address + (lines_.back().size - 1)) {
-    lines_.push_back(line);
-  } else if (high < lines_.back().address) {
-    StoreOutOfOrder(line);
-  }
-  // Any other line overlaps the last one and is dropped.
-}
-
 // Falls back to the range map. Also called for invalid ranges, which the map rejects; it logs a
 // line for one that exceeds the largest address.
 void LineGatherer::StoreOutOfOrder(const Line& line) {

@@ -41,6 +41,22 @@ class LineGatherer {
   RangeMap<MemAddr, uint32_t> by_range_;  // otherwise: which of lines_ are stored
 };
 
+inline void LineGatherer::Store(const Line& line) {
+  const MemAddr high = line.address + line.size - 1;
+  const bool valid = line.size > 0 && high >= line.address;
+  if (!ordered_ || !valid) {
+    StoreOutOfOrder(line);
+    return;
+  }
+  // Compares last addresses, because the address after a line may overflow.
+  if (lines_.empty() || line.address > lines_.back().address + (lines_.back().size - 1)) {
+    lines_.push_back(line);
+  } else if (high < lines_.back().address) {
+    StoreOutOfOrder(line);
+  }
+  // Any other line overlaps the last one and is dropped.
+}
+
 // The inline sites of a function: nested ranges, of which the first stored is kept.
 class InlineGatherer {
  public:

@@ -97,13 +97,18 @@ bool SourceLineResolverBase::LoadFrom(const CodeModule* module, std::unique_ptr<
                         << ": not loaded";
     return false;
   }
+  char* const data = storage->data;
   const size_t size = is_symb ? storage->size : storage->size + 1;
-  const bool loaded = LoadModuleUsingMemoryBuffer(module, storage->data, size);
-  if (loaded && is_symb) modules_->find(module->debug_identifier())->second->IndexTables();
-  if (loaded && (is_symb || !ShouldDeleteMemoryBufferAfterLoadModule())) {
-    memory_buffers_->insert_or_assign(module->debug_identifier(), std::move(storage));
+  const std::string identifier = module->debug_identifier();
+  const bool keep = is_symb || !ShouldDeleteMemoryBufferAfterLoadModule();
+  // Kept first: when memory runs out later, a module that is loaded remains valid.
+  if (keep) memory_buffers_->insert_or_assign(identifier, std::move(storage));
+  if (!LoadModuleUsingMemoryBuffer(module, data, size)) {
+    memory_buffers_->erase(identifier);
+    return false;
   }
-  return loaded;
+  if (is_symb) modules_->find(identifier)->second->IndexTables();
+  return true;
 }
 
 bool SourceLineResolverBase::LoadModule(const CodeModule* module, const std::string& map_file) {

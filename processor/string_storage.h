@@ -6,6 +6,10 @@
 
 #pragma once
 
+#include <array>
+#include <bit>
+#include <cstdint>
+#include <cstring>
 #include <string_view>
 
 #include "base/arena.h"
@@ -31,11 +35,26 @@ class StringStorage {
     return text.data();
   }
 
+  // Like store(), for a text that is often equal to a recent one, whose copy is then used.
+  const char* store_repeated(std::string_view text) {
+    uint64_t ends[2];
+    if (in_text_ || text.size() < sizeof(ends[0])) return store(text);
+    std::memcpy(&ends[0], text.data(), sizeof(ends[0]));
+    std::memcpy(&ends[1], text.data() + text.size() - sizeof(ends[1]), sizeof(ends[1]));
+    const uint64_t hash = (ends[0] ^ std::rotl(ends[1], 29) ^ text.size()) * 0x9E3779B97F4A7C15;
+    std::string_view& recent = recent_[hash >> (64 - kRecentBits)];
+    if (recent != text) recent = {arena_.copy(text), text.size()};
+    return recent.data();
+  }
+
   Arena& arena() { return arena_; }
 
  private:
+  static constexpr unsigned kRecentBits = 8;
+
   Arena& arena_;
   const bool in_text_;
+  std::array<std::string_view, size_t{1} << kRecentBits> recent_;
 };
 
 }  // namespace google_breakpad

@@ -143,7 +143,7 @@ char* TextModuleLoader::LoadOtherLine(char* line) {
 char* TextModuleLoader::LoadLineRecord(char* line) {
   LineFields fields;
   const char* quick_end = nullptr;
-  const bool quick = quick_ && cur_func_ != nullptr && quick_parse(line, &quick_end, &fields);
+  const bool quick = quick_ && cur_func_ != nullptr && quick_parse(line, end_, &quick_end, &fields);
   char* end = quick ? line + (quick_end - line) : LineEnd(line);
   if (cur_func_ == nullptr) {
     LineError("Found source line data without a function");
@@ -331,7 +331,7 @@ void TextModuleLoader::FinishStackWin() {
 }
 
 void TextModuleLoader::StoreStackCFI(const StackCFIFields& fields) {
-  const char* rules = strings_.store(fields.rules);
+  const char* rules = strings_.store_repeated(fields.rules);
   if (fields.is_init) {
     module_.cfi_initial_rules_.StoreRange(fields.address, fields.size, rules);
   } else if (!module_.cfi_delta_rules_.insert(fields.address, rules)) {

@@ -130,7 +130,8 @@ bool quick(const std::string& line, Fields* fields) {
 }
 bool quick(const std::string& line, LineFields* fields) {
   const char* line_end = nullptr;
-  return quick_parse(line.c_str(), &line_end, fields) && line_end == line.c_str() + line.size();
+  return quick_parse(line.c_str(), line.c_str() + line.size(), &line_end, fields) &&
+         line_end == line.c_str() + line.size();
 }
 
 template <typename Fields>

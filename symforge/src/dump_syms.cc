@@ -3,9 +3,11 @@
 #include <fcntl.h>
 #include <getopt.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <optional>
 #include <string>
@@ -22,19 +24,21 @@
 #include "symforge/src/driver/end_signals.h"
 #include "symforge/src/driver/free_memory.h"
 #include "symforge/src/driver/identify.h"
+#include "symforge/src/driver/input_list.h"
 #include "symforge/src/driver/last_message.h"
 #include "symforge/src/driver/messages.h"
 #include "symforge/src/driver/sandbox.h"
 
 using symforge_internal::ConversionInput;
 using symforge_internal::ConversionOptions;
+using symforge_internal::kStandardInput;
 using symforge_internal::printable;
+using symforge_internal::read_input_list;
 using symforge_internal::report;
 
 namespace {
 
 struct Options {
-  bool recursive = false;
   bool identify = false;
   bool check = false;
   const char* against = nullptr;  // of --check, borrowed
@@ -42,7 +46,9 @@ struct Options {
   // The arguments of options that are numbers, borrowed.
   const char* jobs = "1";
   const char* max_memory = "0";
-  ConversionInput input;  // with -r, `pdb` is usually a folder
+  ConversionInput input;             // `pdb` is the first of the inputs
+  std::vector<std::string> inputs;   // files; with -r usually a folder
+  const char* files_from = nullptr;  // the argument of --files-from, borrowed
   ConversionOptions conversion;
   symforge_internal::BatchOptions batch;
 };
@@ -55,9 +61,13 @@ enum LongOption {
   kNoSync,
   kNoSandbox,
   kMaxMemory,
+  kFilesFrom,
+  kIfChanged,
   kIdentify,
   kCheck,
   kAgainst,
+  kReport,
+  kReportOfBatch,
 };
 
 constexpr option kLongOptions[] = {
@@ -69,6 +79,8 @@ constexpr option kLongOptions[] = {
     {"recursive", no_argument, nullptr, 'r'},
     {"jobs", required_argument, nullptr, 'j'},
     {"no-inlines", no_argument, nullptr, 'i'},
+    {"files-from", required_argument, nullptr, kFilesFrom},
+    {"if-changed", no_argument, nullptr, kIfChanged},
     {"max-memory", required_argument, nullptr, kMaxMemory},
     {"quiet", no_argument, nullptr, 'q'},
     {"standard", no_argument, nullptr, kStandard},
@@ -78,6 +90,8 @@ constexpr option kLongOptions[] = {
     {"identify", no_argument, nullptr, kIdentify},
     {"check", no_argument, nullptr, kCheck},
     {"against", required_argument, nullptr, kAgainst},
+    {"report", required_argument, nullptr, kReport},
+    {"report-of-batch", required_argument, nullptr, kReportOfBatch},  // for children of a batch
     {nullptr, 0, nullptr, 0},
 };
 
@@ -115,15 +129,20 @@ void print_help() {
   printf(
       "Usage: %s [options] INPUT [TREE]\n"
       "       %s [options] -e IMAGE -s TREE\n"
+      "       %s [options] -s TREE INPUT...\n"
       "       %s [options] -r FOLDER TREE\n"
       "       %s --identify FILE...\n"
       "       %s --check [--against FILE] FILE...\n\n"
       "Makes a Breakpad symbol file of a PDB, a text symbol file or a SYMB file, on standard\n"
-      "output or in the symbol tree TREE.\n\n"
+      "output or in the symbol tree TREE. With several inputs or a folder this is a batch. The\n"
+      "INPUT - is a text or SYMB file on standard input.\n\n"
       "  -e, --image IMAGE   the exe or dll of the PDB\n"
       "  -s, --tree TREE     root of the symbol tree, the same as a second argument\n"
       "  -r, --recursive     convert everything in FOLDER\n"
       "  -j, --jobs N        use N processors, 0: all (by default 1)\n"
+      "      --files-from LIST\n"
+      "                      more inputs, one per line or separated by NUL; -: standard input\n"
+      "      --if-changed    skip inputs whose result in the tree is up to date\n"
       "      --max-memory SIZE\n"
       "                      in a batch, start no conversion while less memory is free (500M, 2G)\n"
       "  -q, --quiet         in a batch, no progress and no summary\n"
@@ -134,16 +153,17 @@ void print_help() {
       "                      (with --standard by default)\n"
       "      --no-sync       leave that to the system (by default without --standard)\n"
       "      --no-sandbox    keep all rights of the process during a conversion\n"
+      "      --report FILE   append one JSON object for each conversion; -: to standard error\n"
       "      --identify      print what each file is, one JSON object a line\n"
       "      --check         check symbol files, one JSON object a line\n"
       "      --against FILE  with --check: the PDB or image that they must belong to\n"
       "  -v, --version       print the version\n"
       "  -h                  print the short usage\n"
       "      --help          print this text\n\n"
-      "Exit status: 0 success; 1 failure or wrong usage; 2 with --standard -r, some inputs "
+      "Exit status: 0 success; 1 failure or wrong usage; 2 with --standard, some inputs of a batch "
       "failed;\n"
       "128 and the number of the signal for a batch that a signal ended.\n",
-      command, command, command, command, command);
+      command, command, command, command, command, command);
 }
 
 int usage_error() {
@@ -177,11 +197,17 @@ int take_option(int letter, Options& options) {
     case 'q':
       options.batch.quiet = true;
       return kGoOn;
+    case kFilesFrom:
+      options.files_from = optarg;
+      return kGoOn;
+    case kIfChanged:
+      options.batch.if_changed = true;
+      return kGoOn;
     case kMaxMemory:
       options.max_memory = optarg;
       return kGoOn;
     case 'r':
-      options.recursive = true;
+      options.batch.recursive = true;
       return kGoOn;
     case 's':
       options.conversion.tree = optarg;
@@ -208,6 +234,11 @@ int take_option(int letter, Options& options) {
     case kAgainst:
       options.against = optarg;
       return kGoOn;
+    case kReport:
+    case kReportOfBatch:
+      options.conversion.report = optarg;
+      options.conversion.in_batch = letter == kReportOfBatch;
+      return kGoOn;
     default:
       return usage_error();
   }
@@ -223,22 +254,37 @@ int take_options(int argc, char** argv, Options& options) {
   return kGoOn;
 }
 
-// Reads the one or two arguments after the options; more are ignored.
-int take_arguments(int argc, char** argv, Options& options) {
-  const char*& tree = options.conversion.tree;
-  if (optind < argc) options.input.pdb = argv[optind];
-  if (optind + 1 >= argc) return kGoOn;
-  if (tree != nullptr) {
-    report("output symbol path is already set in -s option: %s", printable(tree).c_str());
-    return 1;
-  }
-  tree = argv[optind + 1];
-  return kGoOn;
-}
-
 int fail(const char* message) {
   report("%s", message);
   return 1;
+}
+
+bool is_folder(const char* path) {
+  struct stat status;
+  return stat(path, &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+// Reads the arguments after the options: inputs, or without -s an input and the tree. In default
+// mode more than these two are ignored.
+int take_arguments(int argc, char** argv, Options& options) {
+  const char*& tree = options.conversion.tree;
+  const bool only_inputs = tree != nullptr || options.files_from != nullptr;
+  for (int i = optind; i < argc; ++i) {
+    const bool first = i == optind;
+    if (tree != nullptr && only_inputs && !first && is_folder(argv[i])) {
+      report("output symbol path is already set in -s option: %s", printable(tree).c_str());
+      return 1;
+    }
+    if (first || only_inputs) {
+      options.inputs.emplace_back(argv[i]);
+    } else if (i == optind + 1) {
+      tree = argv[i];
+    } else if (options.conversion.standard) {
+      return fail("several inputs need a tree that is named with '-s'");
+    }
+  }
+  if (optind < argc) options.input.pdb = argv[optind];
+  return kGoOn;
 }
 
 // Reads the arguments of options that are numbers.
@@ -257,20 +303,40 @@ int read_numbers(Options& options) {
 }
 
 int check_tree(const char* tree) {
-  if (access(tree, F_OK) == 0) return kGoOn;
-  report("symbol path doesn't exist: %s", printable(tree).c_str());
+  if (access(tree, F_OK) != 0) {
+    report("symbol path doesn't exist: %s", printable(tree).c_str());
+    return 1;
+  }
+  if (is_folder(tree)) return kGoOn;
+  report("symbol path is not a folder: %s (several inputs need a tree that is named with '-s')",
+         printable(tree).c_str());
   return 1;
 }
 
-int run_batch(const Options& options) {
+int run_batch(Options& options) {
   const char* tree = options.conversion.tree;
-  if (options.input.exe != nullptr) return fail("options '-e' and '-r' are mutually exclusive");
-  if (tree == nullptr) {
-    return fail("option '-r' implies multiple pdb files and the output symbol path must be set");
+  const bool recursive = options.batch.recursive;
+  if (options.input.exe != nullptr) {
+    if (options.batch.if_changed)
+      return fail("options '-e' and '--if-changed' are mutually exclusive");
+    return fail(recursive ? "options '-e' and '-r' are mutually exclusive"
+                          : "option '-e' needs a single input");
   }
-  if (options.input.pdb == nullptr) return usage_error();
+  if (tree == nullptr) {
+    return fail(recursive ? "option '-r' implies multiple pdb files and the output symbol path "
+                            "must be set"
+                          : "options '--files-from' and '--if-changed' need a symbol tree");
+  }
+  if (options.inputs.empty() && options.files_from == nullptr) return usage_error();
   if (const int status = check_tree(tree); status != kGoOn) return status;
-  return symforge_internal::convert_batch({options.input.pdb}, options.conversion, options.batch);
+  const auto& inputs = options.inputs;
+  if (!recursive && std::find(inputs.begin(), inputs.end(), kStandardInput) != inputs.end()) {
+    return fail("standard input must be the only input");
+  }
+  if (options.files_from != nullptr && !read_input_list(options.files_from, options.inputs)) {
+    return 1;
+  }
+  return symforge_internal::convert_batch(options.inputs, options.conversion, options.batch);
 }
 
 int run_single(const Options& options) {
@@ -289,8 +355,8 @@ int run_single(const Options& options) {
 // Reads files without a conversion.
 int run_on_files(const Options& options, const std::vector<std::string>& files) {
   symforge_internal::select_standard_messages(true);
-  if (options.recursive || options.input.exe != nullptr || options.conversion.tree != nullptr ||
-      (options.identify && options.check)) {
+  if (options.batch.recursive || options.input.exe != nullptr ||
+      options.conversion.tree != nullptr || (options.identify && options.check)) {
     return fail("options '--identify' and '--check' take files alone, without '-e', '-r' and '-s'");
   }
   if (files.empty()) return usage_error();
@@ -301,6 +367,11 @@ int run_on_files(const Options& options, const std::vector<std::string>& files) 
   }
   return options.identify ? symforge_internal::identify_files(files)
                           : symforge_internal::check_files(files, options.against);
+}
+
+bool is_batch(const Options& options) {
+  return options.batch.recursive || options.batch.if_changed || options.inputs.size() > 1 ||
+         options.files_from != nullptr;
 }
 
 }  // namespace
@@ -330,5 +401,5 @@ int main(int argc, char** argv) {
   }
   if (const int status = read_numbers(options); status != kGoOn) return status;
   if (const int status = take_arguments(argc, argv, options); status != kGoOn) return status;
-  return options.recursive ? run_batch(options) : run_single(options);
+  return is_batch(options) ? run_batch(options) : run_single(options);
 }

@@ -9,6 +9,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
+#include <map>
 #include <optional>
 #include <vector>
 
@@ -16,12 +18,14 @@
 #include "base/printable.h"
 #include "symforge/src/driver/batch_plan.h"
 #include "symforge/src/driver/batch_progress.h"
+#include "symforge/src/driver/batch_report.h"
 #include "symforge/src/driver/batch_walk.h"
 #include "symforge/src/driver/child_process.h"
 #include "symforge/src/driver/convert.h"
 #include "symforge/src/driver/end_signals.h"
 #include "symforge/src/driver/free_memory.h"
 #include "symforge/src/driver/job_order.h"
+#include "symforge/src/driver/made_records.h"
 #include "symforge/src/driver/messages.h"
 #include "symforge/src/utils.h"
 
@@ -54,6 +58,7 @@ std::vector<const char*> arguments_of(const ConversionInput& input,
   if (options.standard) args.push_back("--standard");
   if (options.sync != options.standard) args.push_back(options.sync ? "--sync" : "--no-sync");
   if (!options.sandbox) args.push_back("--no-sandbox");
+  if (options.report != nullptr) args.insert(args.end(), {"--report-of-batch", options.report});
   // A path can begin with a dash.
   if (input.pdb != nullptr) args.insert(args.end(), {"--", input.pdb});
   args.push_back(nullptr);
@@ -116,10 +121,13 @@ bool is_end_signal(int status) {
 class Batch {
  public:
   Batch(BatchPlan& plan, const ConversionOptions& options, const BatchOptions& batch_options,
-        BatchProgress& progress, bool hold_messages)
+        BatchReport& report, BatchProgress& progress, bool hold_messages)
       : plan_(plan),
         options_(options),
+        report_(report),
         min_free_memory_(batch_options.min_free_memory),
+        records_(options),
+        with_records_(batch_options.if_changed),
         most_(resolved_jobs(options.jobs)),
         progress_(progress),
         children_(hold_messages) {}
@@ -184,6 +192,7 @@ class Batch {
           children_.running() > 0 && min_free_memory_ > 0 && free_memory() < min_free_memory_;
       if (held_back_) return;
       const size_t job = *order_.take();
+      if (with_records_) start_times_[job] = MadeRecords::now();
       const ConversionInput input = plan_.jobs()[job].input();
       progress_.started(input.name());
       if (!start_conversion(children_, job, input, options_)) end_job(job, false);
@@ -192,9 +201,17 @@ class Batch {
   }
 
   void end_job(size_t job, bool converted) {
+    if (with_records_) store_record(job, converted);
     order_.finish(job);
     if (order_.unfinished() == 0) alone_ = false;
     progress_.ended(plan_.jobs()[job].input().name(), converted);
+  }
+
+  void store_record(size_t number, bool converted) {
+    const timespec start = start_times_[number];
+    start_times_.erase(number);
+    const BatchJob& job = plan_.jobs()[number];
+    if (converted) records_.store(job, plan_.places_of(job), start);
   }
 
   void finish_job(const std::optional<Children::End>& end) {
@@ -202,14 +219,19 @@ class Batch {
     const bool stopped = is_end_signal(end->status) && end_signal() != 0;
     if (!end->messages.empty() || WIFSIGNALED(end->status)) progress_.hide();
     write_file(STDERR_FILENO, end->messages);
+    report_.add_end(plan_.jobs()[end->number].input(), *end);
     if (stopped) return;
     end_job(end->number, succeeded(*end, plan_.jobs()[end->number].input().name()));
   }
 
   BatchPlan& plan_;
   const ConversionOptions& options_;
+  BatchReport& report_;
   const uint64_t min_free_memory_;
-  const unsigned most_;  // conversions at a time
+  const MadeRecords records_;
+  const bool with_records_;
+  std::map<size_t, timespec> start_times_;  // of the running jobs, for their records
+  const unsigned most_;                     // conversions at a time
   BatchProgress& progress_;
   Children children_;
   JobOrder order_;
@@ -219,11 +241,12 @@ class Batch {
   bool held_back_ = false;                 // a job that can start waits for memory
 };
 
-int status_of(const BatchProgress& progress, bool standard) {
+// `unneeded`: the number of inputs whose result is up to date.
+int status_of(const BatchProgress& progress, size_t unneeded, bool standard) {
   constexpr int kNothingDone = 1;
   constexpr int kSomeFailed = 2;
-  if (!standard) return progress.converted() > 0 ? 0 : kNothingDone;
-  if (progress.converted() == 0) return kNothingDone;
+  if (progress.converted() == 0 && unneeded == 0) return kNothingDone;
+  if (!standard) return 0;
   return progress.failed() == 0 ? 0 : kSomeFailed;
 }
 
@@ -231,31 +254,48 @@ int status_of(const BatchProgress& progress, bool standard) {
 
 int convert_batch(const std::vector<std::string>& paths, const ConversionOptions& options,
                   const BatchOptions& batch_options) {
+  BatchReport batch_report(options.report);
+  if (!batch_report.is_ready()) return 1;
   exit_on_end_signals();
   BatchInput found;
   BatchWalk walk(options.standard, found);
   for (const std::string& path : paths) {
-    if (!walk.run(path.c_str())) return 1;
+    const bool read = batch_options.recursive ? walk.run(path.c_str()) : walk.add_file(path);
+    if (read) continue;
+    batch_report.add_summary({.inputs = paths, .unreadable = walk.failures()}, 1);
+    return 1;
   }
-  BatchPlan plan(found, options);
+  BatchPlan plan(found, /*whole_folders=*/batch_options.recursive, options);
+  const size_t all_jobs = plan.jobs().size();
+  if (batch_options.if_changed) plan.remove(MadeRecords(options).unneeded(plan));
+  const size_t unneeded = all_jobs - plan.jobs().size();
   const bool shown = !batch_options.quiet && has_terminal();
   BatchProgress progress(plan.jobs().size(), shown);
-  progress.add_skipped(plan.skipped());
+  progress.add_skipped(plan.skipped() + unneeded);
   progress.add_unreadable(walk.failures());
   store_end_signals();
   const bool hold_messages = shown || resolved_jobs(options.jobs) > 1;
-  Batch(plan, options, batch_options, progress, hold_messages).run();
+  Batch(plan, options, batch_options, batch_report, progress, hold_messages).run();
   progress.hide();
 
   if (options.standard) {
-    if (plan.jobs().empty() && progress.failed() == 0) {
-      report("%s: no input", printable(paths.front()).c_str());
+    if (all_jobs == 0 && progress.failed() == 0) {
+      const std::string where = paths.size() == 1 ? printable(paths.front()) + ": " : "";
+      report("%sno input", where.c_str());
     } else if (!batch_options.quiet) {
       progress.summarize(end_signal());
     }
   }
-  if (end_signal() != 0) return status_of_signal(end_signal());
-  return status_of(progress, options.standard);
+  const int status = end_signal() != 0 ? status_of_signal(end_signal())
+                                       : status_of(progress, unneeded, options.standard);
+  batch_report.add_summary({.inputs = paths,
+                            .conversions = plan.jobs().size(),
+                            .converted = progress.converted(),
+                            .failed = progress.failed() - walk.failures(),
+                            .skipped = progress.skipped(),
+                            .unreadable = walk.failures()},
+                           status);
+  return status;
 }
 
 }  // namespace symforge_internal

@@ -1,12 +1,17 @@
 #include "symforge/src/driver/batch_plan.h"
 
+#include <utility>
+
 #include "symforge/src/driver/image_search.h"
 #include "symforge/src/pe/image_identity.h"
 
 namespace symforge_internal {
 
-BatchPlan::BatchPlan(const BatchInput& found, const ConversionOptions& options)
-    : options_(options), pdbs_(found.pdbs), matcher_(pdbs_, options) {
+BatchPlan::BatchPlan(const BatchInput& found, bool whole_folders, const ConversionOptions& options)
+    : options_(options),
+      whole_folders_(whole_folders),
+      pdbs_(found.pdbs),
+      matcher_(pdbs_, options) {
   using Kind = BatchJob::Kind;
   for (const std::string& sym : found.syms) jobs_.push_back({Kind::kText, sym, {}});
   std::set<std::string> left = pdbs_;
@@ -53,12 +58,29 @@ TreePlaces BatchPlan::places_of(const BatchJob& job) {
       break;
   }
   const std::string id = matcher_.id_of(job.pdb);
-  // The conversion of a PDB alone finds its image itself. In standard mode that is one with the
-  // same identifier.
-  const auto images = images_.find(id);
-  const std::vector<std::string> same_id =
-      images == images_.end() ? std::vector<std::string>() : images->second;
-  return places_of_pdb(job.pdb, id, job.exe, options_.standard ? same_id : default_images(job.pdb));
+  return places_of_pdb(job.pdb, id, job.exe, images_of(job.pdb, id));
+}
+
+// The images that the conversion of a PDB alone can find. In standard mode they have its
+// identifier.
+std::vector<std::string> BatchPlan::images_of(const std::string& pdb, const std::string& id) const {
+  if (!options_.standard) return default_images(pdb);
+  std::vector<std::string> images;
+  if (const auto found = images_.find(id); found != images_.end()) images = found->second;
+  if (whole_folders_) return images;
+  const std::vector<std::string> candidates = files_of_same_stem(pdb);
+  if (const std::string* image = find_image(candidates, id)) {
+    images.insert(images.begin(), *image);
+  }
+  return images;
+}
+
+void BatchPlan::remove(const std::vector<bool>& unneeded) {
+  std::vector<BatchJob> left;
+  for (size_t i = 0; i < jobs_.size(); ++i) {
+    if (!unneeded[i]) left.push_back(std::move(jobs_[i]));
+  }
+  jobs_ = std::move(left);
 }
 
 }  // namespace symforge_internal

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -32,7 +33,8 @@ struct BatchJob {
 // PDBs that are left.
 class BatchPlan {
  public:
-  BatchPlan(const BatchInput& found, const ConversionOptions& options);
+  // `whole_folders`: all files of the inputs' folders are in `found`.
+  BatchPlan(const BatchInput& found, bool whole_folders, const ConversionOptions& options);
 
   BatchPlan(const BatchPlan&) = delete;
   BatchPlan& operator=(const BatchPlan&) = delete;
@@ -45,10 +47,15 @@ class BatchPlan {
   // jobs that make them have ended. (No job makes a file that another one reads.)
   TreePlaces places_of(const BatchJob& job);
 
+  // Removes the jobs for which `unneeded` has true; it has one element for each job.
+  void remove(const std::vector<bool>& unneeded);
+
  private:
   void add_image(const std::string& exe, bool alone, std::set<std::string>& pdbs);
+  std::vector<std::string> images_of(const std::string& pdb, const std::string& id) const;
 
   const ConversionOptions& options_;
+  const bool whole_folders_;
   const std::set<std::string> pdbs_;
   PdbMatcher matcher_;
   std::vector<BatchJob> jobs_;

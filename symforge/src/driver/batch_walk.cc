@@ -1,6 +1,7 @@
 #include "symforge/src/driver/batch_walk.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <strings.h>
 #include <sys/stat.h>
 
@@ -9,8 +10,14 @@
 #include <cstring>
 #include <memory>
 
+#include "base/file_io.h"
 #include "base/printable.h"
+#include "base/text_buffer.h"
+#include "common/symb_block.h"
+#include "symforge/src/driver/input_list.h"
 #include "symforge/src/driver/messages.h"
+#include "symforge/src/driver/symbol_text.h"
+#include "symforge/src/pe/image_identity.h"
 
 namespace symforge_internal {
 
@@ -21,6 +28,14 @@ constexpr size_t kLongestPath = 4095;  // bytes
 struct DirectoryCloser {
   void operator()(DIR* directory) const { closedir(directory); }
 };
+
+// Whether a file begins like a text symbol file or a SYMB image.
+bool begins_like_symbol_file(const std::string& path) {
+  const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  TextBuffer begin;
+  if (!file.is_open() || !read_file(file.get(), begin, kTextMagic.size())) return false;
+  return begin.view().starts_with(kTextMagic) || begin.view().starts_with(kSymbMagic);
+}
 
 bool has_extension(const std::string& path, const char* extension) {
   const size_t dot = path.rfind('.');
@@ -89,6 +104,25 @@ bool BatchWalk::run(const char* path) {
     const std::string next = std::move(pending_.back());
     pending_.pop_back();
     if (!visit(next)) return false;
+  }
+  return true;
+}
+
+bool BatchWalk::add_file(const std::string& path) {
+  struct stat status;
+  if (stat(path.c_str(), &status) != 0) return failed("Failed to stat", path);
+  if (!S_ISREG(status.st_mode)) {
+    errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+    return failed("Failed to read", path);
+  }
+  // Children take a dash for standard input.
+  const std::string file = path == kStandardInput ? "./" + path : path;
+  if (begins_like_symbol_file(file)) {
+    found_.syms.insert(file);
+  } else if (begins_like_image(file.c_str())) {
+    found_.pes.insert(file);
+  } else {
+    found_.pdbs.insert(file);
   }
   return true;
 }

@@ -31,6 +31,10 @@ class BatchWalk {
   // False when the walk ended early.
   bool run(const char* path);
 
+  // Collects one file by its content, whatever its name: text and SYMB files, images, everything
+  // else as a PDB. What is not a regular file counts as unreadable. False when the walk ended.
+  bool add_file(const std::string& path);
+
   // The number of paths that could not be read.
   size_t failures() const { return failures_; }
 

@@ -10,6 +10,7 @@
 #include <string_view>
 #include <utility>
 
+#include "symforge/src/driver/conversion_report.h"
 #include "symforge/src/driver/end_signals.h"
 
 namespace symforge_internal {
@@ -66,7 +67,7 @@ bool Children::start(size_t number, const std::function<void()>& run) {
     _exit(1);
   }
   if (from.is_open()) fcntl(from.get(), F_SETFL, O_NONBLOCK);
-  running_.push_back(Child{number, pid, std::move(from), {}});
+  running_.push_back(Child{number, pid, clock_milliseconds(), std::move(from), {}});
   return true;
 }
 
@@ -100,10 +101,12 @@ void Children::wait_for_events(int milliseconds) {
 std::optional<Children::End> Children::take_ended() {
   for (auto child = running_.begin(); child != running_.end(); ++child) {
     int status = 0;
-    const pid_t ended = waitpid(child->pid, &status, WNOHANG);
+    rusage usage = {};
+    const pid_t ended = wait4(child->pid, &status, WNOHANG, &usage);
     if (ended == 0 || (ended == -1 && errno == EINTR)) continue;
     if (child->messages.is_open()) read_messages(*child);
-    End end{child->number, ended == -1 ? -1 : status, std::move(child->held)};
+    End end{child->number, ended == -1 ? -1 : status, usage, clock_milliseconds() - child->start,
+            std::move(child->held)};
     running_.erase(child);
     return end;
   }

@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <sys/resource.h>
 #include <sys/types.h>
 
 #include <csignal>
@@ -26,9 +27,11 @@ class Children {
  public:
   // The end of a child.
   struct End {
-    size_t number = 0;     // as given to start()
-    int status = 0;        // as from waitpid()
-    std::string messages;  // what it wrote to standard error and was not printed yet
+    size_t number = 0;  // as given to start()
+    int status = 0;     // as from waitpid()
+    rusage usage = {};
+    uint64_t milliseconds = 0;  // from its start
+    std::string messages;       // what it wrote to standard error and was not printed yet
   };
 
   // `hold_messages`: each child's standard error is collected, so that those of several children
@@ -56,6 +59,7 @@ class Children {
   struct Child {
     size_t number;
     pid_t pid;
+    uint64_t start;  // on the clock of conversion_report.h
     FileDescriptor messages;
     std::string held;
   };

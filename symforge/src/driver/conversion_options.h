@@ -8,7 +8,9 @@ namespace symforge_internal {
 
 // One input, or a pair. Paths are borrowed. At least one of them is not null.
 struct ConversionInput {
-  const char* pdb = nullptr;  // a PDB, a text symbol file or a SYMB image, by content
+  // A PDB, a text symbol file or a SYMB image, by content; "-": one of the latter two on standard
+  // input.
+  const char* pdb = nullptr;
   const char* exe = nullptr;  // the PE image of the PDB; with a null `pdb` it is converted alone
 
   // The path that messages name.
@@ -24,7 +26,9 @@ struct ConversionOptions {
   // In a batch the number of children at a time, in the conversion of one file of threads; 0: as
   // many as this process has processors.
   unsigned jobs = 1;
-  const char* tree = nullptr;  // root of the symbol tree, borrowed; null: standard output
+  const char* report = nullptr;  // file to append a line about the conversion to, borrowed, or null
+  bool in_batch = false;         // a batch waits for the end of this process
+  const char* tree = nullptr;    // root of the symbol tree, borrowed; null: standard output
 };
 
 constexpr unsigned kMostJobs = 1024;

@@ -4,15 +4,18 @@
 #include <unistd.h>
 #include <unwind.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <exception>
 #include <new>
+#include <optional>
 #include <utility>
 
 #include "base/limits.h"
 #include "base/printable.h"
 #include "symforge/src/PDBParser.h"
+#include "symforge/src/driver/conversion_report.h"
 #include "symforge/src/driver/held_warnings.h"
 #include "symforge/src/driver/messages.h"
 #include "symforge/src/driver/sandbox.h"
@@ -55,20 +58,65 @@ std::string backtrace_text() {
   return text;
 }
 
+void note_opened(const OpenedInput& opened, ConversionFacts& facts) {
+  FileIdentity& identity = facts.identity;
+  if (identity.kind_name.empty() && opened.file_kind() != FileKind::kUnknown) {
+    identity.kind_name = kind_name(opened.file_kind());
+  }
+  if (facts.bytes_in == 0) facts.bytes_in = opened.content().size();  // not a regular file
+}
+
+void note_text(const ConversionInput& input, const SymbolText& result, ConversionFacts& facts) {
+  facts.counts = count_lines(result.text.view());
+  if (result.counts) facts.left_out = left_out_of(*result.counts);
+  if (input.pdb == nullptr || !result.identity) return;
+  facts.image = result.image;
+  facts.bytes_in += result.image_bytes;
+  if (result.image.empty()) facts.left_out.push_back({"image", 1, "not found"});
+}
+
+void note_written(const WrittenResult& written, ConversionFacts& facts) {
+  if (written.target.empty()) return;
+  facts.target = written.target;
+  facts.bytes_out = written.bytes;
+  facts.identity.debug_file = written.identity.debug_file;
+  facts.identity.debug_id = written.identity.debug_id;
+  facts.identity.code_file = written.identity.code_file;
+  facts.identity.code_id = written.identity.code_id;
+}
+
+// How many threads help with a conversion; 0: none.
+unsigned worker_threads(const OpenedInput& opened, const ConversionOptions& options) {
+  constexpr unsigned kMost = 64;  // what is done by one thread would take most of the time
+  const unsigned jobs = std::min(resolved_jobs(options.jobs), kMost);
+  return opened.kind() == OpenedInput::Kind::kPdb && jobs > 1 ? jobs : 0;
+}
+
 // True if the input was converted to text; `written`: whether that was written.
 bool convert_to_result(OpenedInput& opened, const ConversionOptions& options, bool& written) {
   if (!opened.open(options)) return false;
+  ConversionFacts* const facts = report_facts();
+  if (facts != nullptr) note_opened(opened, *facts);
   if (options.standard && opened.refusal() != nullptr) {
     report("%s", opened.refusal());
     return false;
   }
+  // A sandboxed process cannot start threads, so they come first; each drops its rights itself.
+  std::optional<WorkerPool> workers;
+  if (const unsigned threads = worker_threads(opened, options)) workers.emplace(threads);
+  WorkerPool* const pool = workers ? &*workers : nullptr;
   if (options.sandbox) {
     prepare_for_sandbox(opened, options);
-    enter_sandbox(sandbox_rights(opened, options));
+    const SandboxRights rights = sandbox_rights(opened, options);
+    if (pool != nullptr) pool->run([&rights](unsigned) { enter_sandbox(rights); });
+    enter_sandbox(rights);
   }
   SymbolText result;
-  if (!text_of(opened, options, result)) return false;
-  written = write_result(std::move(result), options);
+  if (!text_of(opened, options, pool, result)) return false;
+  if (facts != nullptr) note_text(opened.input(), result, *facts);
+  WrittenResult target;
+  written = write_result(std::move(result), options, &target);
+  if (facts != nullptr) note_written(target, *facts);
   return true;
 }
 
@@ -108,6 +156,7 @@ bool convert_standard(const ConversionInput& input, const ConversionOptions& opt
 void report_exception(const ConversionInput& input, const std::exception& e) {
   report("Failed to convert symbol file %s.\nException caught: %s\nBacktrace:\n%s",
          printable(input.name()).c_str(), e.what(), backtrace_text().c_str());
+  set_latest_message(e.what());
 }
 
 // What the input is, after the message about its failure.
@@ -135,7 +184,14 @@ bool convert_default(const ConversionInput& input, const ConversionOptions& opti
 }  // namespace
 
 bool convert(const ConversionInput& input, const ConversionOptions& options) {
-  return options.standard ? convert_standard(input, options) : convert_default(input, options);
+  if (options.report != nullptr && !begin_report(input, options)) return false;
+  const bool converted =
+      options.standard ? convert_standard(input, options) : convert_default(input, options);
+  if (options.report == nullptr) return converted;
+  // Warnings are no reason for what succeeded.
+  const bool written = converted && !report_facts()->target.empty();
+  const bool reported = end_report(converted ? 0 : 1, written ? "" : latest_message());
+  return converted && (reported || !options.standard);
 }
 
 }  // namespace symforge_internal

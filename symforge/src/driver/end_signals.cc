@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "base/file_io.h"
+#include "symforge/src/driver/conversion_report.h"
 #include "symforge/src/driver/messages.h"
 
 namespace symforge_internal {
@@ -15,6 +16,7 @@ volatile sig_atomic_t stored_signal = 0;
 
 void clean_up(int number) {
   remove_unfinished_file();
+  end_report_by_signal(number, "ended by a signal from outside");
   signal(number, SIG_DFL);
   raise(number);  // takes effect when the handler returns
 }

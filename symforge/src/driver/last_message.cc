@@ -11,7 +11,9 @@
 #include <string>
 #include <string_view>
 
+#include "symforge/src/driver/conversion_report.h"
 #include "symforge/src/driver/messages.h"
+#include "symforge/src/parallel/worker_pool.h"
 
 namespace symforge_internal {
 
@@ -52,20 +54,28 @@ void put_line(std::string_view reason) {
   put({line, size});
 }
 
+// Ends a conversion of standard mode with a message.
+[[noreturn]] void end_with(std::string_view reason) {
+  put_line(reason);
+  end_report_by_exit(1, reason);
+  _exit(1);
+}
+
 void on_fatal_signal(int number) {
+  WorkerPool::stopWorker();
   for (const FatalSignal& fatal : kFatalSignals) {
-    if (fatal.number == number) put_line(fatal.reason);
+    if (fatal.number != number) continue;
+    if (standard_messages()) end_with(fatal.reason);
+    put_line(fatal.reason);
+    end_report_by_signal(number, fatal.reason);
   }
-  if (standard_messages()) _exit(1);
   signal(number, SIG_DFL);
   raise(number);  // takes effect when the handler returns
 }
 
 [[noreturn]] void on_terminate() {
-  if (standard_messages()) {
-    put_line("ended by an exception");
-    _exit(1);
-  }
+  WorkerPool::stopWorker();
+  if (standard_messages()) end_with("ended by an exception");
   // The library's own handler prints which exception it is, and aborts.
   std::set_terminate(nullptr);
   std::get_terminate()();
@@ -75,9 +85,9 @@ void on_fatal_signal(int number) {
 // In standard mode prints the one line; in default mode calls `report`, like the library.
 template <typename Report>
 [[noreturn]] void fail_check(const char* check, Report report) {
+  WorkerPool::stopWorker();
   if (standard_messages()) {
-    put_line(std::string("damaged or not supported, this does not hold: ").append(check));
-    _exit(1);
+    end_with(std::string("damaged or not supported, this does not hold: ").append(check));
   }
   report();
   std::abort();

@@ -7,6 +7,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "base/file_io.h"
 #include "base/printable.h"
@@ -20,6 +21,7 @@ constexpr std::string_view kProgram = "symforge: ";
 
 bool is_standard = false;
 std::string prefix(kProgram);
+std::string latest;
 
 std::string format_text(const char* format, va_list arguments) {
   va_list again;
@@ -43,6 +45,9 @@ void set_message_input(const char* name) {
 
 std::string_view message_prefix() { return prefix; }
 
+const std::string& latest_message() { return latest; }
+void set_latest_message(std::string text) { latest = std::move(text); }
+
 void report(const char* format, ...) {
   const int error = errno;
   va_list arguments;
@@ -55,6 +60,7 @@ void report(const char* format, ...) {
   } else {
     syslog(kPriority, "%s\n", text.c_str());
   }
+  latest = text;
   errno = error;
 }
 

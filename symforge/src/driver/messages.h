@@ -30,6 +30,10 @@ std::string_view message_prefix();
 // printable().
 __attribute__((format(printf, 1, 2))) void report(const char* format, ...);
 
+// The text of the last message, or the one that was set in place of it. Empty at first.
+const std::string& latest_message();
+void set_latest_message(std::string text);
+
 // Reports that the system refused something, with the reason in `errno`: "WHAT: 28" in default
 // mode, "WHAT: No space left on device" in standard mode. Keeps `errno`.
 void report_errno(const char* what);

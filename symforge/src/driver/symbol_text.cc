@@ -1,6 +1,7 @@
 #include "symforge/src/driver/symbol_text.h"
 
 #include <fcntl.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -14,7 +15,9 @@
 #include "symforge/src/PDBParser.h"
 #include "symforge/src/driver/convert.h"
 #include "symforge/src/driver/image_search.h"
+#include "symforge/src/driver/input_list.h"
 #include "symforge/src/driver/messages.h"
+#include "symforge/src/pe/code_file.h"
 #include "symforge/src/pe/image_identity.h"
 
 namespace symforge_internal {
@@ -46,12 +49,15 @@ bool text_of_symb(TextBuffer image, const char* path, const ConversionOptions& o
   return false;
 }
 
-void text_of_pdb(const ConversionInput& input, const ConversionOptions& options,
+void text_of_pdb(const ConversionInput& input, const ConversionOptions& options, WorkerPool* pool,
                  SymbolText& result) {
   PDBParser parser(do_inline);
+  parser.useWorkers(pool);
   parser.load(input.pdb, input.exe, options.tree, result.text);
+  result.image = parser.codeFile().path();
+  result.image_bytes = parser.codeFile().size();
   if (options.standard) {
-    symforge_internal::StandardCounts counts;
+    StandardCounts& counts = result.counts.emplace();
     parser.printStandardSymbols(result.text, counts);
     for (const std::string& message : counts.messages) report("%s", message.c_str());
   } else {
@@ -62,9 +68,10 @@ void text_of_pdb(const ConversionInput& input, const ConversionOptions& options,
 
 // The published text of a PDB, with complete content. `image`: the PE image that belongs to it, or
 // null. Makes no folders.
-void standard_text_of_pdb(const char* pdb, const char* image, SymbolText& result) {
+void standard_text_of_pdb(const char* pdb, const char* image, WorkerPool* pool,
+                          SymbolText& result) {
   // A path that cannot be opened keeps the parser from searching for an image by name.
-  text_of_pdb({.pdb = pdb, .exe = image != nullptr ? image : ""}, {.standard = true}, result);
+  text_of_pdb({.pdb = pdb, .exe = image != nullptr ? image : ""}, {.standard = true}, pool, result);
 }
 
 // The debug identifier of a PDB. Throws what PDBParser throws.
@@ -83,11 +90,11 @@ const char* check_image(const char* image, const std::string& debug_id) {
   return image;
 }
 
-void standard_text_of(const OpenedInput& opened, SymbolText& result) {
+void standard_text_of(const OpenedInput& opened, WorkerPool* pool, SymbolText& result) {
   const ConversionInput& input = opened.input();
   const std::string debug_id = debug_id_of(input.pdb);
   if (input.exe != nullptr) {
-    standard_text_of_pdb(input.pdb, check_image(input.exe, debug_id), result);
+    standard_text_of_pdb(input.pdb, check_image(input.exe, debug_id), pool, result);
     return;
   }
   const std::string* image = find_image(opened.image_candidates(), debug_id);
@@ -95,7 +102,7 @@ void standard_text_of(const OpenedInput& opened, SymbolText& result) {
   if (image == nullptr) {
     std::fputs("no image found: no code identifier and no unwind rules of one\n", stderr);
   }
-  standard_text_of_pdb(input.pdb, image != nullptr ? image->c_str() : nullptr, result);
+  standard_text_of_pdb(input.pdb, image != nullptr ? image->c_str() : nullptr, pool, result);
 }
 
 }  // namespace
@@ -106,7 +113,9 @@ bool OpenedInput::open(const ConversionOptions& options) {
     file_kind_ = kind_of_file(input_.exe);
     return true;
   }
-  const FileDescriptor file(::open(input_.pdb, O_RDONLY | O_CLOEXEC));
+  const bool standard_input = std::string_view(input_.pdb) == kStandardInput;
+  const FileDescriptor file(standard_input ? dup(STDIN_FILENO)
+                                           : ::open(input_.pdb, O_RDONLY | O_CLOEXEC));
   if (!file.is_open() && options.standard) {
     report("%s", strerror(errno));
     return false;
@@ -115,6 +124,11 @@ bool OpenedInput::open(const ConversionOptions& options) {
   if (opened) file_kind_ = symforge_internal::file_kind(content_.view());
   const bool text = file_kind_ == FileKind::kSymbolText;
   if (!text && file_kind_ != FileKind::kSymb) {
+    if (standard_input) {
+      // The name of a PDB is part of the result, and it is mapped.
+      report("standard input is neither a text symbol file nor SYMB");
+      return false;
+    }
     image_candidates_ =
         options.standard ? files_of_same_stem(input_.pdb) : default_images(input_.pdb);
     return true;
@@ -130,7 +144,8 @@ const char* OpenedInput::refusal() const {
   return refusal_of(file_kind_);
 }
 
-bool text_of(OpenedInput& opened, const ConversionOptions& options, SymbolText& result) {
+bool text_of(OpenedInput& opened, const ConversionOptions& options, WorkerPool* pool,
+             SymbolText& result) {
   const ConversionInput& input = opened.input();
   switch (opened.kind()) {
     case OpenedInput::Kind::kText:
@@ -143,9 +158,9 @@ bool text_of(OpenedInput& opened, const ConversionOptions& options, SymbolText& 
       break;
   }
   if (options.standard && input.pdb != nullptr) {
-    standard_text_of(opened, result);
+    standard_text_of(opened, pool, result);
   } else {
-    text_of_pdb(input, options, result);
+    text_of_pdb(input, options, pool, result);
   }
   return true;
 }

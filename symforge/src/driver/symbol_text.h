@@ -4,14 +4,20 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "base/text_buffer.h"
 #include "symforge/src/driver/conversion_options.h"
 #include "symforge/src/driver/file_kind.h"
+#include "symforge/src/parallel/worker_pool.h"
+#include "symforge/src/standard/standard_counts.h"
 #include "symforge/src/utils.h"
 
 namespace symforge_internal {
+
+// The first bytes of a text symbol file.
+inline constexpr std::string_view kTextMagic = "MODULE";
 
 // An input whose kind is known. Text symbol files and SYMB images are read as a whole; PDBs and
 // PE images are left to their parser, which maps them.
@@ -23,11 +29,13 @@ class OpenedInput {
 
   explicit OpenedInput(const ConversionInput& input) : input_(input) {}
 
-  // False, and reported, for a text or SYMB file that cannot be read to its end.
+  // False, and reported, for a text or SYMB file that cannot be read to its end, and for standard
+  // input that is neither.
   bool open(const ConversionOptions& options);
 
   const ConversionInput& input() const { return input_; }
   Kind kind() const { return kind_; }
+  FileKind file_kind() const { return file_kind_; }
   // If the file is of a known kind that is not converted: what it is and what to do, in one line.
   // Else null.
   const char* refusal() const;
@@ -51,10 +59,16 @@ struct SymbolText {
   TextBuffer text;
   // Its identity, if the source states it. Otherwise it is read from the text.
   std::optional<sym_info> identity;
+  // Of a PDB or an image alone: the image that was used.
+  std::string image;
+  uint64_t image_bytes = 0;
+  // Of a PDB in standard mode.
+  std::optional<StandardCounts> counts;
 };
 
-// Converts the input to text; consumes its content. False, and reported, for a damaged SYMB image.
-// PDBs and PE images throw what PDBParser throws.
-bool text_of(OpenedInput& opened, const ConversionOptions& options, SymbolText& result);
+// Converts the input to text; consumes its content. `pool`: threads that help; null: none. False,
+// and reported, for a damaged SYMB image. PDBs and PE images throw what PDBParser throws.
+bool text_of(OpenedInput& opened, const ConversionOptions& options, WorkerPool* pool,
+             SymbolText& result);
 
 }  // namespace symforge_internal

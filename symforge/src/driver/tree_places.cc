@@ -4,12 +4,16 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
+#include <cstdint>
 #include <string_view>
 
 #include "base/file_io.h"
 #include "base/path_names.h"
 #include "base/text_buffer.h"
+#include "common/symb.h"
+#include "common/symb_block.h"
 #include "symforge/src/pe/image_identity.h"
 #include "symforge/src/pe/pe_image.h"
 #include "symforge/src/utils.h"
@@ -80,6 +84,52 @@ class TextScan {
   bool at_end_ = false;
 };
 
+// The string that a field of a SYMB image's header refers to. False for one that is not there, and
+// for one that is no single word (`word`) or line: the lines of the text could then be different.
+bool read_string(int file, uint64_t position, bool word, std::string& text) {
+  constexpr size_t kLongest = 4096;
+  char bytes[kLongest];
+  const ssize_t got = pread(file, bytes, sizeof bytes, static_cast<off_t>(position));
+  const std::string_view view(bytes, got < 0 ? 0 : static_cast<size_t>(got));
+  const size_t end = view.find('\0');
+  if (end == std::string_view::npos) return false;
+  text = view.substr(0, end);
+  return !text.empty() && std::none_of(text.begin(), text.end(), [word](char c) {
+    return static_cast<unsigned char>(c) < ' ' || (word && c == ' ');
+  });
+}
+
+// The places of a SYMB image in the place of a text symbol file.
+TreePlaces places_of_symb(const std::string& path) {
+  TreePlaces places;
+  const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  symb_header_v1 header;
+  if (!file.is_open() || pread(file.get(), &header, sizeof header, 0) != sizeof header) {
+    return places;
+  }
+  std::string word;
+  std::string name;
+  const bool named = read_string(file.get(), header.os, /*word=*/true, word) &&
+                     read_string(file.get(), header.arch, /*word=*/true, word) &&
+                     read_string(file.get(), header.debug_id, /*word=*/true, places.debug_id) &&
+                     read_string(file.get(), header.debug_file, /*word=*/false, name);
+  if (!named) return places;
+  places.debug_file = trimmed(name);
+  if (header.code_id != 0) {
+    if (!read_string(file.get(), header.code_id, /*word=*/true, word)) return places;
+    places.code_ids.push_back(word);
+  }
+  places.known = !places.debug_file.empty();
+  return places;
+}
+
+bool begins_like_symb(const std::string& path) {
+  const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  TextBuffer begin;
+  return file.is_open() && read_file(file.get(), begin, kSymbMagic.size()) &&
+         begin.view() == kSymbMagic;
+}
+
 bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
 bool is_regular(const std::string& path) {
@@ -101,7 +151,9 @@ std::vector<std::string> TreePlaces::keys() const {
 TreePlaces places_of_text(const std::string& path) {
   TreePlaces places;
   sym_info info;
-  if (!is_regular(path) || !TextScan(path).read(info)) return places;
+  if (!is_regular(path)) return places;
+  if (begins_like_symb(path)) return places_of_symb(path);
+  if (!TextScan(path).read(info)) return places;
   places.known = true;
   places.debug_file = info.debug_file;
   places.debug_id = info.debug_id;

@@ -25,7 +25,7 @@ struct TreePlaces {
   std::vector<std::string> keys() const;
 };
 
-// The places of a text symbol file, or of another file in its place (never known).
+// The places of a text symbol file or a SYMB image.
 TreePlaces places_of_text(const std::string& path);
 
 // The places of a 64-bit image without PDB.

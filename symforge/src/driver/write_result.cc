@@ -111,7 +111,7 @@ std::string code_id_link(const sym_info& info, std::string_view tree) {
   return std::string(tree).append("/").append(info.debug_file).append("/").append(info.code_id);
 }
 
-bool write_result(SymbolText result, const ConversionOptions& options) {
+bool write_result(SymbolText result, const ConversionOptions& options, WrittenResult* written) {
   sym_info info;
   if (result.identity) info = *std::move(result.identity);
   const bool known = result.identity ? !info.debug_id.empty() && !info.debug_file.empty()
@@ -124,7 +124,9 @@ bool write_result(SymbolText result, const ConversionOptions& options) {
   if (options.tree == nullptr) {
     const Output output = make_output(std::move(result.text), options.binary);
     if (!output.complete && options.standard) report("no SYMB image can be made of the text");
-    return write_to_stdout(output.bytes) && output.complete;
+    if (!write_to_stdout(output.bytes)) return false;
+    if (written != nullptr) *written = {"-", output.bytes.size(), std::move(info)};
+    return output.complete;
   }
 
   if (!make_folders(info, options)) return false;
@@ -138,6 +140,7 @@ bool write_result(SymbolText result, const ConversionOptions& options) {
   const std::string target =
       tree_path(options.tree, info.debug_file, info.debug_id, options.binary);
   if (!replace_target(target, output.bytes, options)) return false;
+  if (written != nullptr) *written = {target, output.bytes.size(), info};
   const bool linked = output.complete && link_code_id(info, options);
   const bool synced = !options.sync || sync_folders(info, options);
   return linked && synced;

@@ -8,13 +8,22 @@
 
 namespace symforge_internal {
 
+// What was written.
+struct WrittenResult {
+  std::string target;  // its path; "-" for standard output
+  uint64_t bytes = 0;
+  sym_info identity;
+};
+
 // Writes the text, or the SYMB image made of it, to standard output or to its place in the tree.
 // A target in the tree is replaced as a whole: readers see the old file or the new one.
 //
 // False after a failure. All failures are reported except two in default mode: no SYMB image could
 // be made (in default mode the target is then an empty file, in standard mode it is unchanged), and
 // a link from a code identifier that exists or cannot be made.
-bool write_result(SymbolText result, const ConversionOptions& options);
+// `written`, unless null, is set for a result that was written.
+bool write_result(SymbolText result, const ConversionOptions& options,
+                  WrittenResult* written = nullptr);
 
 // The path of the link from a module's code identifier to its folder, or empty when none is due:
 // for a module without code identifier, and one whose code file is not an exe or dll.

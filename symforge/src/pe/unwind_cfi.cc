@@ -8,6 +8,7 @@
 #include "base/cycle_detector.h"
 #include "base/limits.h"
 #include "common/symbol_text.h"
+#include "symforge/src/parallel/worker_pool.h"
 #include "symforge/src/pdb_exception.h"
 #include "symforge/src/pe/unwind_codes.h"
 
@@ -153,14 +154,19 @@ bool printEntry(UnwindLinks& links, const IMAGE_RUNTIME_FUNCTION_ENTRY& entry, T
   return true;
 }
 
+void warn(const char* text) {
+  WorkerPool::giveUpOnWorker();
+  std::fputs(text, stderr);
+}
+
 // True if the image has x64 exception data; otherwise prints the reason.
 bool hasUnwindData(const PeImage& image) {
   if (!image.isPe32Plus()) {
-    std::fputs("Not a PE32+ image\n", stderr);
+    warn("Not a PE32+ image\n");
     return false;
   }
   if (isClrAssembly(*image.ntHeaders())) {
-    std::fputs(kClrNotSupported, stderr);  // without a line end, as it always was
+    warn(kClrNotSupported);  // without a line end, as it always was
     return false;
   }
   return true;
@@ -173,11 +179,11 @@ void printEntries(const PeImage& image, const uint8_t* table, size_t count, Text
   UnwindLinks links(image, std::min(count, present));
   for (size_t i = 0; i < count; ++i) {
     if (i == present) {
-      std::fputs("Failed to find function entries\n", stderr);
+      warn("Failed to find function entries\n");
       return;
     }
     if (!printEntry(links, entries[i], out)) {
-      std::fputs("Failed to find chained function\n", stderr);
+      warn("Failed to find chained function\n");
       return;
     }
   }
@@ -193,7 +199,7 @@ void printUnwindData(const PeImage& image, TextBuffer& out) {
       image.ntHeaders()->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_EXCEPTION];
   const uint8_t* table = image.ImageRvaToVa(directory.VirtualAddress);
   if (table == nullptr) {
-    std::fputs("Failed to find function entries\n", stderr);
+    warn("Failed to find function entries\n");
     return;
   }
   printEntries(image, table, directory.Size / sizeof(IMAGE_RUNTIME_FUNCTION_ENTRY), out);

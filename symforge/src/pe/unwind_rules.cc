@@ -109,7 +109,7 @@ class UnwindRules {
 
   void sayCount(size_t entries, std::string_view what) {
     if (entries == 0) return;
-    std::string text = "no unwind rules for " + std::to_string(entries);
+    std::string text = kNoRulesFor + std::to_string(entries);
     text += entries == 1 ? " entry " : " entries ";
     say(text.append(what));
   }

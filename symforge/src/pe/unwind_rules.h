@@ -12,6 +12,9 @@
 
 namespace symforge_internal {
 
+// The messages about entries begin with this and their number.
+inline constexpr char kNoRulesFor[] = "no unwind rules for ";
+
 // Appends STACK CFI lines, by the image's machine:
 //
 //   x64      the exception directory (x64_unwind.h)

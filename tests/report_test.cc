@@ -1,0 +1,173 @@
+// --report: one line of JSON for each conversion, however it ends, and a summary of a batch.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "builders/bytes.h"
+#include "builders/pdb_builder.h"
+#include "builders/pe_builder.h"
+#include "tests/support/process.h"
+
+namespace {
+
+using namespace builders;
+using namespace test_support;
+using ::testing::AllOf;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+const std::string kData = SYMFORGE_FIXTURES "/";
+
+class ReportTest : public ::testing::Test {
+ protected:
+  // What a run appends to the report, with 0 for times and memory.
+  std::string report_of(std::vector<std::string> args, int status = 0) {
+    const std::string path = temp_.file("report", "");
+    args.insert(args.begin(), {"--report", path});
+    const Result result = run(args);
+    EXPECT_EQ(result.signal != 0 ? -result.signal : result.status, status) << result.err;
+    const std::regex numbers("\"seconds\":[0-9]+\\.[0-9]{3},\"peak_memory\":[1-9][0-9]+,");
+    return std::regex_replace(read_file(path), numbers, "");
+  }
+
+  TemporaryDirectory temp_;
+  const std::string tree_ = temp_.folder("tree");
+};
+
+TEST_F(ReportTest, HasAllFieldsOfAConversion) {
+  const std::string id = "515D2ED965ADFF5D4C4C44205044422E1";
+  const std::string identity =
+      "\"architecture\":\"x86_64\",\"debug_file\":\"engine64.pdb\",\"debug_id\":\"" + id +
+      "\",\"code_file\":\"engine64.exe\",\"code_id\":\"7EB27A1AF000\",";
+  const std::string end = "\"status\":0,\"signal\":null,\"message\":null}\n";
+  const std::string place = tree_ + "/engine64.pdb/" + id + "/engine64.sym";
+  EXPECT_EQ(report_of({"--standard", kData + "engine64.pdb", tree_}),
+            "{\"input\":\"" + kData + "engine64.pdb\",\"image\":\"" + kData +
+                "engine64.exe\",\"kind\":\"pdb\"," + identity + "\"target\":\"" + place +
+                "\",\"bytes_in\":100352,\"bytes_out\":8758,\"functions\":31,\"lines\":167,"
+                "\"inlined_calls\":41,\"publics\":2,\"files\":4,\"rules\":60,\"left_out\":["
+                "{\"what\":\"modules\",\"count\":2,\"reason\":\"without functions\"}]," +
+                end);
+  // Default mode, a text and standard output.
+  EXPECT_EQ(report_of({kData + "engine64.sym"}),
+            "{\"input\":\"" + kData + "engine64.sym\",\"image\":null,\"kind\":\"symbol_text\"," +
+                identity +
+                "\"target\":\"-\",\"bytes_in\":10590,\"bytes_out\":10590,"
+                "\"functions\":31,\"lines\":108,\"inlined_calls\":120,\"publics\":2,\"files\":5,"
+                "\"rules\":22,\"left_out\":[]," +
+                end);
+}
+
+TEST_F(ReportTest, SaysWhatWasLeftOut) {
+  PdbBuilder pdb(512);
+  pdb.section({.name = ".text", .address = 0x1000, .virtual_size = 0x1000});
+  ModuleBuilder& module = pdb.add_module("m.obj");
+  const uint32_t file = module.file(pdb.names.add("a.cc"));
+  module.proc({.name = "f", .length = 16})
+      .inline_site(pdb.ids.next_index() + 7, Annotations().op(11, 0).op(4, 8))
+      .inline_site_end()
+      .end();
+  module.inlinees({{pdb.ids.next_index() + 7, file, 3}});
+  pdb.add_module("empty.obj");
+  const std::string path = temp_.file("a.pdb", pdb.build().bytes);
+  const std::string unnamed =
+      "{\"what\":\"inlined_calls\",\"count\":1,\"reason\":\"the inlined function has no name\"}";
+  const std::string empty = "{\"what\":\"modules\",\"count\":1,\"reason\":\"without functions\"}";
+  const std::string no_image = "{\"what\":\"image\",\"count\":1,\"reason\":\"not found\"}";
+  EXPECT_THAT(report_of({"--standard", path}),
+              HasSubstr("\"left_out\":[" + empty + "," + unnamed + "," + no_image + "]"));
+  EXPECT_THAT(report_of({path}), HasSubstr("\"left_out\":[" + no_image + "]"));
+
+  PeBuilder image;
+  image.codeview({}, 1, "a.pdb").function(0x1000, 0x1010, UnwindInfo{.version = 5});
+  temp_.file("a.exe", image.build());
+  EXPECT_THAT(
+      report_of({"--standard", path}),
+      HasSubstr("{\"what\":\"unwind_rules\",\"count\":1,\"reason\":\"entry with unwind data "
+                "of an unknown version\"}]"));
+}
+
+// A return, exit() with another status, a failed check and a signal.
+TEST_F(ReportTest, EndsHoweverTheConversionEnds) {
+  constexpr int kAbort = -6;
+  std::string abort = PdbBuilder(512).build().bytes;
+  put_u32(abort, 44, 0);
+  const std::string aborting = temp_.file("b.pdb", abort);
+  const std::string sound = temp_.file("c.pdb", PdbBuilder(512).build().bytes);
+  temp_.file("tree/c.pdb", "no folder");
+  const std::string text = temp_.file("a.sym", "MODULE a b ABC1 c.pdb\n");
+  const struct {
+    std::vector<std::string> args;
+    int status;
+    std::string end;
+  } cases[] = {
+      {{temp_ / "missing", tree_},
+       1,
+       "\"status\":1,\"signal\":null,\"message\":\"Failed to load PDB file\"}\n"},
+      {{"--standard", temp_ / "missing"}, 1, "\"message\":\"No such file or directory\"}\n"},
+      {{"--standard", kData + "engine64.exe"},
+       1,
+       "\"message\":\"this is an image (exe or dll); give its PDB as the input, and the image with "
+       "-e\"}\n"},
+      {{sound, tree_}, 255, "\"status\":255,\"signal\":null,\"message\":null}\n"},
+      {{aborting},
+       kAbort,
+       "\"status\":null,\"signal\":\"SIGABRT\",\"message\":\"a check failed, the file is damaged "
+       "or not supported\"}\n"},
+      {{"--standard", aborting},
+       1,
+       "\"status\":1,\"signal\":null,\"message\":\"damaged or not supported, this does not hold: "
+       "number < uint64_t{m_indexPages} * m_items\"}\n"},
+      {{text, tree_},
+       0,
+       "\"status\":0,\"signal\":null,\"message\":\"failed to create symbol file path: "
+       "c.pdb/ABC1\"}\n"},
+  };
+  for (const auto& c : cases) {
+    const std::string line = report_of(c.args, c.status);
+    EXPECT_THAT(line, AllOf(StartsWith("{\"input\":"), EndsWith(c.end)));
+    EXPECT_EQ(std::count(line.begin(), line.end(), '\n'), 1) << line;
+  }
+}
+
+TEST_F(ReportTest, HasALineForEachFileOfABatch) {
+  const std::string in = temp_.folder("in");
+  std::string abort = PdbBuilder(512).build().bytes;
+  temp_.file("in/a.pdb", abort);
+  put_u32(abort, 44, 0);
+  temp_.file("in/b.pdb", abort);
+  temp_.file("in/c.sym", "MODULE a b ABC1 c.pdb\n");
+  for (const char* jobs : {"-j1", "-j3"}) {
+    const std::string lines = report_of({jobs, "-r", in, tree_});
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), 4) << lines;
+    EXPECT_THAT(lines, HasSubstr("b.pdb\",\"image\":null,\"kind\":\"pdb\","));
+    EXPECT_THAT(lines,
+                HasSubstr("\"signal\":\"SIGABRT\",\"message\":\"ended by signal: Aborted\"}\n"));
+    EXPECT_THAT(lines,
+                EndsWith("\n{\"summary\":true,\"inputs\":[\"" + in +
+                         "\"],\"conversions\":3,\"converted\":2,\"failed\":1,\"skipped\":0,"
+                         "\"unreadable\":0,\"status\":0,\"signal\":null,\"message\":null}\n"));
+  }
+  const std::string missing = report_of({"--standard", "-r", in + "/no", tree_}, 1);
+  EXPECT_THAT(
+      missing,
+      HasSubstr("\"conversions\":0,\"converted\":0,\"failed\":0,\"skipped\":0,\"unreadable\":1"));
+}
+
+TEST_F(ReportTest, GoesToStandardErrorOrFails) {
+  const std::string text = temp_.file("a.sym", "MODULE a b ABC1 a.pdb\n");
+  EXPECT_THAT(run({"--report", "-", text}).err, StartsWith("{\"input\":\"" + text + "\""));
+  for (const std::string& path : {tree_, std::string("/dev/full")}) {
+    const Result result = run({"--standard", "--report", path, text});
+    EXPECT_EQ(result.status, 1) << path;
+    EXPECT_THAT(result.err, HasSubstr("the report"));
+  }
+}
+
+}  // namespace
