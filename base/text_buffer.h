@@ -77,6 +77,12 @@ class TextBuffer {
     limit_ = bytes;
   }
 
+  // SIZE_MAX: none.
+  size_t limit() const { return limit_; }
+
+  // Bytes that can be appended without moving the text.
+  size_t room() const { return capacity_ - size_; }
+
   // Reserves `bytes` writable bytes after the text, without adding them to it. The pointer is valid
   // until the next call that may grow the buffer. Throws std::bad_alloc, or LimitExceeded if the
   // text would exceed its limit.

@@ -26,7 +26,9 @@ template <typename Structure>
 void store(Structure value, uint32_t size, void* element) {
   value.size = size;
   std::memcpy(element, &value, sizeof value);
-  std::memset(static_cast<char*>(element) + sizeof value, 0, size - sizeof value);
+  if (size > sizeof value) {
+    std::memset(static_cast<char*>(element) + sizeof value, 0, size - sizeof value);
+  }
 }
 
 // An array of structures of the caller's size.

@@ -226,7 +226,7 @@ const char* Checker::take_inline(char* line, char* end) {
 const char* Checker::take_record(char* line, char* end) {
   LineFields fields;
   const char* quick_end = nullptr;
-  const bool quick = quick_parse(line, &quick_end, &fields) && quick_end == end;
+  const bool quick = quick_parse(line, end, &quick_end, &fields) && quick_end == end;
   if (!quick && !begins_with_numbers({line, static_cast<size_t>(end - line)}, "h")) {
     return "no known kind of line";
   }

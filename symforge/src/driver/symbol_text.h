@@ -10,6 +10,7 @@
 #include "base/text_buffer.h"
 #include "symforge/src/driver/conversion_options.h"
 #include "symforge/src/driver/file_kind.h"
+#include "symforge/src/parallel/worker_pool.h"
 #include "symforge/src/standard/standard_counts.h"
 #include "symforge/src/utils.h"
 
@@ -65,8 +66,9 @@ struct SymbolText {
   std::optional<StandardCounts> counts;
 };
 
-// Converts the input to text; consumes its content. False, and reported, for a damaged SYMB image.
-// PDBs and PE images throw what PDBParser throws.
-bool text_of(OpenedInput& opened, const ConversionOptions& options, SymbolText& result);
+// Converts the input to text; consumes its content. `pool`: threads that help; null: none. False,
+// and reported, for a damaged SYMB image. PDBs and PE images throw what PDBParser throws.
+bool text_of(OpenedInput& opened, const ConversionOptions& options, WorkerPool* pool,
+             SymbolText& result);
 
 }  // namespace symforge_internal

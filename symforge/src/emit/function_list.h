@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <vector>
 
 #include "symforge/src/emit/function_record.h"
@@ -14,6 +15,10 @@ namespace symforge_internal {
 // Sorts by FunctionRecord::operator<. Records with equal keys are in the order in which std::sort
 // leaves this sequence; that order is visible in the output.
 void sortFunctions(Functions& functions);
+
+// The same for a list in parts: replaces `functions` by all their records, sorted as if they were
+// one list. Takes the records from `parts`. Room for `more` further ones is reserved.
+void joinSorted(std::span<Functions> parts, size_t more, Functions& functions);
 
 // Drops all but one of the records at each address of a sorted list: the first with lines is kept,
 // or else the first.

@@ -116,8 +116,9 @@ void FunctionPrinter::prefetch(const Functions& functions, size_t i) const {
   }
 }
 
-void FunctionPrinter::printFunctions(const Functions& functions, TextBuffer& out) {
-  for (size_t i = 0; i < functions.size(); ++i) {
+void FunctionPrinter::printFunctions(const Functions& functions, size_t first, size_t end,
+                                     TextBuffer& out) {
+  for (size_t i = first; i < end; ++i) {
     prefetch(functions, i);
     const FunctionRecord& func = functions[i];
     if (func.dropped()) continue;
@@ -128,7 +129,7 @@ void FunctionPrinter::printFunctions(const Functions& functions, TextBuffer& out
     } else {
       printPublic(func, out);
     }
-    if (m_sites != nullptr) m_sites->dumpInlineFunctionMap(func, out);
+    if (m_sites != nullptr) m_sites->print(func, out);
   }
 }
 

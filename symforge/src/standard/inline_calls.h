@@ -86,6 +86,9 @@ class InlineCalls {
     if (m_open.size() > 1) m_open.pop_back();
   }
 
+  // What is left of `maxSteps`.
+  uint64_t rangesLeft() const { return m_budget; }
+
   bool empty() const { return m_sites.size() == 1; }
 
   // Computes calls and lines. `ownLines` are the function's own, ascending and without overlap.
