@@ -1,6 +1,7 @@
 #include "symforge/src/standard/function_collector.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace symforge_internal {
 
@@ -86,20 +87,18 @@ void FunctionCollector::addSymbol(const SymbolHeader& symbol, StreamReader& body
     case S_LPROC32:
     case S_GPROC32: {
       const DataPtr<ProcSym32> procedure = body.read<ProcSym32>();
-      CollectedFunction* function = addFunction(procedure->seg, procedure->off, module);
+      CollectedFunction* function = addFunction(procedure->seg, procedure->off, module, body);
       m_inFunction = function != nullptr;
       if (function == nullptr) break;
-      function->name = body.readString();
       function->length = procedure->len;
       function->typeIndex = procedure->typind;
       break;
     }
     case S_THUNK32: {
       const DataPtr<ThunkSym32> thunk = body.read<ThunkSym32>();
-      CollectedFunction* function = addFunction(thunk->seg, thunk->off, module);
+      CollectedFunction* function = addFunction(thunk->seg, thunk->off, module, body);
       m_inFunction = false;
       if (function == nullptr) break;
-      function->name = body.readString();
       function->length = thunk->parent != 0 ? uint32_t{thunk->len} : 0;
       break;
     }
@@ -122,9 +121,11 @@ void FunctionCollector::addSymbol(const SymbolHeader& symbol, StreamReader& body
 
 // The result is valid until the next call; null for a section that does not exist.
 CollectedFunction* FunctionCollector::addFunction(uint32_t section, uint32_t offset,
-                                                  uint32_t module) {
+                                                  uint32_t module, StreamReader& body) {
   if (!m_sections.hasSection(section)) return nullptr;
+  DataPtr<char> name = body.readString();
   CollectedFunction& function = m_functions.emplace_back();
+  function.name = std::move(name);
   function.rva = m_sections.sectionBase(section) + offset;
   function.module = module;
   function.firstSite = static_cast<uint32_t>(m_sites.size());

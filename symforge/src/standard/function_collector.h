@@ -86,7 +86,8 @@ class FunctionCollector {
  private:
   void collectModule(const ModuleStream& module, uint32_t number);
   void addSymbol(const SymbolHeader& symbol, StreamReader& body, uint32_t offset, uint32_t module);
-  CollectedFunction* addFunction(uint32_t section, uint32_t offset, uint32_t module);
+  CollectedFunction* addFunction(uint32_t section, uint32_t offset, uint32_t module,
+                                 StreamReader& body);
   void addSite(uint32_t entry);
   void collectLines(const ModuleStream& module, uint32_t number);
 
