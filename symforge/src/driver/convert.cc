@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <exception>
+#include <memory>
 #include <new>
 #include <optional>
 #include <utility>
@@ -81,6 +82,14 @@ bool convert_to_result(const ConversionInput& input, const ConversionOptions& op
   }
   SymbolText result;
   if (!text_of(opened, options, pool, result)) return false;
+  // Workers release the mapping of the PDB while the result is written.
+  std::shared_ptr<void> source = std::move(result.source);
+  std::optional<WorkerRun> release;
+  if (pool != nullptr) {
+    release.emplace(*pool, [&source](unsigned worker) {
+      if (worker == 0) source.reset();
+    });
+  }
   written = write_result(std::move(result), options);
   return true;
 }

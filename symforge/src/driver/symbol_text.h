@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -47,6 +48,8 @@ struct SymbolText {
   TextBuffer text;
   // Its identity, if the source states it. Otherwise it is read from the text.
   std::optional<sym_info> identity;
+  // What the text was made of. It is not needed any more, but it takes some time to release.
+  std::shared_ptr<void> source;
 };
 
 // Converts the input to text; consumes its content. `pool`: threads that help; null: none. False,
