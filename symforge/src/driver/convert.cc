@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <exception>
+#include <memory>
 #include <new>
 #include <optional>
 #include <utility>
@@ -114,6 +115,14 @@ bool convert_to_result(OpenedInput& opened, const ConversionOptions& options, bo
   SymbolText result;
   if (!text_of(opened, options, pool, result)) return false;
   if (facts != nullptr) note_text(opened.input(), result, *facts);
+  // Workers release the mapping of the PDB while the result is written.
+  std::shared_ptr<void> source = std::move(result.source);
+  std::optional<WorkerRun> release;
+  if (pool != nullptr) {
+    release.emplace(*pool, [&source](unsigned worker) {
+      if (worker == 0) source.reset();
+    });
+  }
   WrittenResult target;
   written = write_result(std::move(result), options, &target);
   if (facts != nullptr) note_written(target, *facts);

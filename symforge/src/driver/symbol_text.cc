@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <utility>
 
 #include "base/file_io.h"
@@ -51,7 +52,8 @@ bool text_of_symb(TextBuffer image, const char* path, const ConversionOptions& o
 
 void text_of_pdb(const ConversionInput& input, const ConversionOptions& options, WorkerPool* pool,
                  SymbolText& result) {
-  PDBParser parser(do_inline);
+  const auto owner = std::make_shared<PDBParser>(do_inline);
+  PDBParser& parser = *owner;
   parser.useWorkers(pool);
   parser.load(input.pdb, input.exe, options.tree, result.text);
   result.image = parser.codeFile().path();
@@ -64,6 +66,7 @@ void text_of_pdb(const ConversionInput& input, const ConversionOptions& options,
     parser.printBreakpadSymbols(result.text, nullptr);
   }
   if (input.pdb != nullptr) result.identity = parser.identity();
+  if (pool != nullptr) result.source = owner;
 }
 
 // The published text of a PDB, with complete content. `image`: the PE image that belongs to it, or

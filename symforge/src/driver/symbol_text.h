@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -64,6 +65,8 @@ struct SymbolText {
   uint64_t image_bytes = 0;
   // Of a PDB in standard mode.
   std::optional<StandardCounts> counts;
+  // What the text was made of. It is not needed any more, but it takes some time to release.
+  std::shared_ptr<void> source;
 };
 
 // Converts the input to text; consumes its content. `pool`: threads that help; null: none. False,

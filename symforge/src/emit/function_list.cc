@@ -133,10 +133,15 @@ void mergeGlobals(Functions& functions, PublicFunctions& globals) {
   functions.reserve(functions.size() + static_cast<size_t>(left));
   if (orderShows(functions, symbols)) {
     for (const auto& entry : hashOrder(symbols)) append(symbols[entry.second]);
-  } else {
-    for (PublicFunction& symbol : symbols) append(symbol);
+    sortFunctions(functions);
+    return;
   }
-  sortFunctions(functions);
+  // No two of the records that are left have the same address, so there is only one order.
+  std::erase_if(functions, [](const FunctionRecord& f) { return f.dropped(); });
+  const auto sorted = static_cast<ptrdiff_t>(functions.size());
+  for (PublicFunction& symbol : symbols) append(symbol);
+  std::sort(functions.begin() + sorted, functions.end());
+  std::inplace_merge(functions.begin(), functions.begin() + sorted, functions.end());
 }
 
 FunctionIndex::FunctionIndex(const Functions& functions) {

@@ -24,8 +24,8 @@ void joinSorted(std::span<Functions> parts, size_t more, Functions& functions);
 // or else the first.
 void dropDuplicates(Functions& functions);
 
-// Appends the public functions that no function covers, and sorts the list again. The names are
-// moved from `globals`.
+// Adds the public functions that no function covers to a sorted list whose duplicates were dropped,
+// at their places. Records that are dropped can be removed. The names are moved from `globals`.
 void mergeGlobals(Functions& functions, PublicFunctions& globals);
 
 // Finds functions by their start. The list must be sorted, not empty at a search, and its records

@@ -18,21 +18,9 @@ constexpr size_t kMaxEndingBytes = 16;
 constexpr size_t kMaxLineBytes = 8 + 1 + 8 + 1 + 8 + kMaxEndingBytes;
 constexpr uint32_t kLineNumberMask = 0x00FFFFFF;
 
-// Whether there is anything to remove: for most names one quick scan shows that there is not.
-bool needsCleaning(std::string_view name) {
-  const char* at = name.data();
-  const char* const end = at + name.size();
-  while ((at = static_cast<const char*>(memmem(at, static_cast<size_t>(end - at), "__", 2)))) {
-    const std::string_view rest(at, static_cast<size_t>(end - at));
-    if (rest.starts_with("__ptr64") || rest.starts_with("__cdecl")) return true;
-    ++at;
-  }
-  return false;
-}
-
 // The name without words that only the Windows compiler writes. The blank after "__cdecl" is kept.
 std::string_view cleanName(std::string_view name, std::string& storage) {
-  if (!needsCleaning(name)) return name;
+  if (!hasCompilerMarker(name)) return name;
   storage = name;
   eraseFromTheEnd(storage, 0, " __ptr64");
   eraseFromTheEnd(storage, 0, "__cdecl");

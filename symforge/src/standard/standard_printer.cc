@@ -90,6 +90,8 @@ void StandardPrinter::print(TextBuffer& out) {
   printHeader(out);
   m_source.codeFile.printStandardCodeId(out);
   const size_t start = out.size();
+  // More than the tables of files and origins take.
+  out.reserve_front(file.size() / 8);
 
   const ModuleStreams modules = readModules();
   const DataPtr<DBIDebugHeader> debugHeader = m_source.dbi.readDebugHeader();
