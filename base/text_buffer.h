@@ -54,15 +54,13 @@ class TextBuffer {
     size_ += text.size();
   }
 
-  // Inserts `text` at position `at`, at most size(). The rest of the text is moved once.
-  void insert(size_t at, std::string_view text) {
-    assert(at <= size_);
-    prepare(text.size());
-    if (text.empty()) return;
-    std::memmove(data_ + at + text.size(), data_ + at, size_ - at);
-    std::memcpy(data_ + at, text.data(), text.size());
-    size_ += text.size();
-  }
+  // Inserts `text` at position `at`, at most size(). What follows is moved, or else what precedes,
+  // if that is less and reserve_front() has left room.
+  void insert(size_t at, std::string_view text);
+
+  // Lets a text that becomes large leave room for `bytes` bytes in front of it. That takes
+  // addresses, but no memory as long as they are not used.
+  void reserve_front(size_t bytes) { front_wanted_ = bytes; }
 
   // Truncates the text to `size` bytes, at most size().
   void truncate(size_t size) {
@@ -76,6 +74,12 @@ class TextBuffer {
     assert(bytes >= size_);
     limit_ = bytes;
   }
+
+  // SIZE_MAX: none.
+  size_t limit() const { return limit_; }
+
+  // Bytes that can be appended without moving the text.
+  size_t room() const { return capacity_ - size_; }
 
   // Reserves `bytes` writable bytes after the text, without adding them to it. The pointer is valid
   // until the next call that may grow the buffer. Throws std::bad_alloc, or LimitExceeded if the
@@ -95,9 +99,11 @@ class TextBuffer {
   void grow(size_t bytes);
   void grow_pages(size_t capacity);
 
-  char* data_ = nullptr;  // from malloc, or the data of `pages_` once that is in use
+  char* data_ = nullptr;  // from malloc, or in `pages_` once that is in use
   size_t size_ = 0;
-  size_t capacity_ = 0;
+  size_t capacity_ = 0;      // from data_ on
+  size_t front_ = 0;         // bytes of `pages_` before data_
+  size_t front_wanted_ = 0;  // see reserve_front()
   size_t limit_ = SIZE_MAX;
   HugePageBlock pages_;
 };
@@ -205,8 +211,9 @@ class LineWriter {
     return *this;
   }
   LineWriter& dec(uint64_t number) {
-    if (number > UINT32_MAX) return number_in_base(number, 10);
-    return number_in_base(static_cast<uint32_t>(number), 10);
+    if (number > UINT32_MAX || end_ - at_ < 10) return number_in_base(number, 10);
+    at_ = put_dec(at_, static_cast<uint32_t>(number));
+    return *this;
   }
   LineWriter& dec_signed(int64_t number) {
     if (number < 0) return number_in_base(number, 10);

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -70,6 +71,8 @@ class Bench {
  private:
   void time_row(const Input& input, const char* conversion, const Usage& floor, const Usage& usage,
                 double bound);
+  void measure_pdb(const Input& input, const std::vector<std::string>& inputs,
+                   const std::vector<std::string>& words, uint64_t text_bytes);
   void memory_row(const Input& input, const char* conversion, double allowed, const Usage& usage);
   Command floor(uint64_t bytes, const std::vector<std::string>& inputs) const;
   std::string work(const char* name) const { return tools_.work + "/" + name; }
@@ -98,6 +101,34 @@ void Bench::memory_row(const Input& input, const char* conversion, double allowe
       {input.name, conversion, allowed, static_cast<double>(usage.peak_bytes), input.has_targets});
 }
 
+// Both modes on one thread and on two. `words` convert in default mode to `text_bytes` bytes.
+void Bench::measure_pdb(const Input& input, const std::vector<std::string>& inputs,
+                        const std::vector<std::string>& words, uint64_t text_bytes) {
+  const auto with = [&words](std::initializer_list<std::string> options) {
+    std::vector<std::string> changed = words;
+    changed.insert(changed.begin() + 1, options);
+    return changed;
+  };
+  const std::string standard = work("standard.sym");
+  run_once({with({"--standard"}), standard});
+  const uint64_t standard_bytes = file_size(standard);
+  const std::vector<Usage> usage =
+      run_interleaved({floor(text_bytes, inputs),
+                       {with({"-j", "2"}), work("f.out")},
+                       floor(standard_bytes, inputs),
+                       {with({"--standard"}), work("g.out")},
+                       {with({"--standard", "-j", "2"}), work("h.out")}},
+                      tools_.runs);
+  time_row(input, "PDB to text, -j 2", usage[0], usage[1], 2);
+  time_row(input, "PDB to text, standard", usage[2], usage[3], 3.5);
+  time_row(input, "PDB to text, standard, -j 2", usage[2], usage[4], 2.2);
+  const double bytes = static_cast<double>(file_size(input.pdb));
+  const double allowed = bytes + 2.5 * static_cast<double>(standard_bytes) + 16 * kMebibyte;
+  memory_row(input, "PDB to text, -j 2", 0, usage[1]);
+  memory_row(input, "PDB to text, standard", allowed, usage[3]);
+  memory_row(input, "PDB to text, standard, -j 2", allowed, usage[4]);
+}
+
 void Bench::measure(const Input& input) {
   const std::string text = work("out.sym");
   const std::string symb = work("out.symb");
@@ -118,6 +149,7 @@ void Bench::measure(const Input& input) {
   const uint64_t text_bytes = file_size(text);
   const uint64_t input_bytes = file_size(input.pdb);
 
+  measure_pdb(input, inputs, pdb_words, text_bytes);
   const std::vector<Usage> usage = run_interleaved({floor(text_bytes, inputs),
                                                     {pdb_words, work("a.out")},
                                                     {pdb_to_symb, work("b.out")},
@@ -161,7 +193,7 @@ void print_times(const std::vector<Time>& times) {
   std::printf("|---|---|---|---|---|---|---|---|\n");
   for (const Time& time : times) {
     const double ratio = time.usage.seconds / time.floor.seconds;
-    std::printf("| %s | %s | %.1f | %.1f | %.2f | %.0f | %s | %.2f |\n", time.input.c_str(),
+    std::printf("| %s | %s | %.1f | %.1f | %.2f | %.1f | %s | %.2f |\n", time.input.c_str(),
                 time.conversion.c_str(), time.floor.seconds * 1e3, time.usage.seconds * 1e3, ratio,
                 time.bound, verdict(time.has_targets, ratio <= time.bound),
                 time.usage.cpu_seconds / time.floor.cpu_seconds);
@@ -214,7 +246,8 @@ Input generated(const Tools& tools, int megabytes) {
   const std::string size = std::to_string(megabytes);
   const std::string path = tools.work + "/generated" + size;
   run_once({{tools.helpers + "/generate_pdb", size, path}, tools.work + "/generate.out"});
-  return {size + " MB, generated", path + ".pdb", path + ".exe", megabytes >= 20, megabytes >= 20};
+  return {size + " MB, generated", path + ".pdb", path + ".exe", megabytes >= 20,
+          megabytes == 20 || megabytes == 400};
 }
 
 }  // namespace
@@ -232,7 +265,7 @@ int main(int argc, char** argv) {
       const std::string pdb = argv[6];
       bench.measure({pdb.substr(pdb.rfind('/') + 1), pdb, argc > 7 ? argv[7] : ""});
     }
-    for (const int megabytes : {1, 20, 400}) {
+    for (const int megabytes : {1, 20, 100, 400}) {
       if (megabytes <= largest) bench.measure(generated(tools, megabytes));
     }
     bench.print();

@@ -354,6 +354,25 @@ std::string shared_unwind_chain(size_t size) {
   return pe.build();
 }
 
+// Unwind data in the last one of as many sections as fit.
+std::string many_sections(size_t size) {
+  PeBuilder pe;
+  pe.codeview({}, 1, "a.pdb");
+  for (uint32_t i = 0; i < std::min<uint32_t>(count_of(size / 2, 40), 65000); ++i) {
+    pe.section("s", 0, "");
+  }
+  const uint32_t unwind = pe.unwind_info({.slots = {unwind_slot(1, kAllocSmall, 1)}});
+  for (uint32_t i = 0; i < count_of(size / 2, 12); ++i) pe.function_entry({i, i + 1, unwind});
+  return pe.build();
+}
+
+// A sound PDB, to which the images belong.
+std::string small_pdb() {
+  PdbBuilder pdb = with_section();
+  pdb.add_module("m").proc({.name = "f", .length = 16}).end();
+  return built(pdb);
+}
+
 }  // namespace
 
 std::vector<HostileFile> hostile_files(size_t size) {
@@ -390,6 +409,8 @@ std::vector<HostileFile> hostile_files(size_t size) {
       {"nested_frame_data.sym", nested_frame_data(size)},
       {"frame_data.sym", numbered_lines(size, "", "STACK WIN 4 ", "0 ff 0 0 0 0 0 0 1 p\n")},
       {"shared_unwind_chain.exe", shared_unwind_chain(size)},
+      {"many_sections.exe", many_sections(size)},
+      {"small.pdb", small_pdb()},
   };
 }
 

@@ -21,9 +21,11 @@ endif()
 if(NOT CMAKE_BUILD_TYPE)
   set(CMAKE_BUILD_TYPE Release)
 endif()
-string(REPLACE "-O3 -DNDEBUG" "-O2" CMAKE_CXX_FLAGS_RELEASE "${CMAKE_CXX_FLAGS_RELEASE}")
-foreach(config IN ITEMS RELEASE MINSIZEREL RELWITHDEBINFO)
-  string(REGEX REPLACE " *-DNDEBUG" "" CMAKE_CXX_FLAGS_${config} "${CMAKE_CXX_FLAGS_${config}}")
+foreach(language IN ITEMS C CXX)
+  string(REPLACE "-O3 -DNDEBUG" "-O2" CMAKE_${language}_FLAGS_RELEASE "${CMAKE_${language}_FLAGS_RELEASE}")
+  foreach(config IN ITEMS RELEASE MINSIZEREL RELWITHDEBINFO)
+    string(REGEX REPLACE " *-DNDEBUG" "" CMAKE_${language}_FLAGS_${config} "${CMAKE_${language}_FLAGS_${config}}")
+  endforeach()
 endforeach()
 string(TOUPPER "${CMAKE_BUILD_TYPE}" config)
 get_directory_property(definitions COMPILE_DEFINITIONS)
@@ -38,6 +40,8 @@ target_compile_definitions(symforge_options INTERFACE _GLIBCXX_ASSERTIONS)
 target_compile_options(symforge_options INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow
   $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor> $<$<COMPILE_LANGUAGE:CXX>:-Woverloaded-virtual>
+  # std::stable_sort() of libstdc++ 12 calls a deprecated function, which newer clangs report.
+  "$<$<AND:$<CXX_COMPILER_ID:Clang>,$<VERSION_GREATER_EQUAL:$<CXX_COMPILER_VERSION>,15>>:-Wno-deprecated-declarations>"
   -UNDEBUG  # overrides a definition from elsewhere, such as a host's options
   # Paths in messages and debug information are relative to the root of the sources.
   -ffile-prefix-map=${PROJECT_SOURCE_DIR}/= -ffile-prefix-map=${PROJECT_BINARY_DIR}=.

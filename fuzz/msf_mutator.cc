@@ -103,7 +103,11 @@ std::string pack(Streams streams, Random& random) {
   constexpr uint32_t kPageSizes[] = {64, 128, 512, 4096};
   constexpr PageOrder kOrders[] = {PageOrder::kContiguous, PageOrder::kReversed,
                                    PageOrder::kInterleaved};
-  MsfBuilder msf(kPageSizes[random() % 4]);
+  // The list of a large file's pages does not fit into small ones.
+  constexpr size_t kLarge = 16 * 1024;
+  size_t bytes = 0;
+  for (const std::string& stream : streams) bytes += stream.size();
+  MsfBuilder msf(kPageSizes[bytes > kLarge ? 2 + random() % 2 : random() % 4]);
   msf.order(kOrders[random() % 3]);
   for (std::string& stream : streams) msf.add_stream(std::move(stream));
   return msf.build().bytes;

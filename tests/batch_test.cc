@@ -349,33 +349,61 @@ TEST(BatchWalkTest, HoldsFewDescriptorsInDeepTrees) {
   EXPECT_EQ(list_tree(tree).size(), 3u);
 }
 
-std::string children_of(pid_t pid) {
+std::vector<std::string> children_of(pid_t pid) {
   const std::string id = std::to_string(pid);
   std::ifstream file("/proc/" + id + "/task/" + id + "/children");
-  std::string first;
-  file >> first;
-  return first;
+  return {std::istream_iterator<std::string>(file), {}};
 }
 
-// The child blocks on a FIFO that replaces the symbol file to which it has to add an image.
-TEST(BatchTest, TerminatesItsChildWithItself) {
-  const TemporaryDirectory temp;
-  temp.file("in/a.exe", make_pe(1, "a.pdb"));
-  const std::string tree = temp.folder("tree");
-  const std::string target = temp.folder("tree/a.pdb/" + debug_id(guid_of(1), 10)) + "/a.sym";
-  ASSERT_EQ(mkfifo(target.c_str(), 0600), 0);
-  const pid_t batch = start({"-r", temp / "in", tree});
-  std::string child;
-  const auto wait_while = [](const auto& condition) {
-    for (int i = 0; i < 1000 && condition(); ++i) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+template <typename Condition>
+bool wait_while(const Condition& condition) {
+  for (int i = 0; i < 1000 && condition(); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return !condition();
+}
+
+// Children block on FIFOs that replace the symbol files to which they have to add images.
+class BlockedBatchTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    for (uint32_t i = 0; i < 3; ++i) {
+      temp_.file(numbered("in/", i, ".exe"), make_pe(i, "a.pdb"));
+      const std::string folder = temp_.folder("tree/a.pdb/" + debug_id(guid_of(i), 10));
+      ASSERT_EQ(mkfifo((folder + "/a.sym").c_str(), 0600), 0);
     }
-    return !condition();
-  };
-  ASSERT_TRUE(wait_while([&] { return (child = children_of(batch)).empty(); }));
-  kill(batch, SIGKILL);
-  waitpid(batch, nullptr, 0);
-  EXPECT_TRUE(wait_while([&] { return std::filesystem::exists("/proc/" + child + "/exe"); }));
+  }
+  // Starts a batch, and waits until it has so many children.
+  pid_t start_batch(const std::vector<std::string>& options, size_t children) {
+    std::vector<std::string> args = {"-r", temp_ / "in", temp_ / "tree"};
+    args.insert(args.end(), options.begin(), options.end());
+    const pid_t batch = start(args);
+    EXPECT_TRUE(wait_while([&] { return children_of(batch).size() != children; }));
+    return batch;
+  }
+  static void end(pid_t batch) {
+    kill(batch, SIGKILL);
+    waitpid(batch, nullptr, 0);
+  }
+
+  const TemporaryDirectory temp_;
+};
+
+TEST_F(BlockedBatchTest, TerminatesItsChildrenWithItself) {
+  const pid_t batch = start_batch({"-j2"}, 2);
+  const std::vector<std::string> children = children_of(batch);
+  end(batch);
+  for (const std::string& child : children) {
+    EXPECT_TRUE(wait_while([&] { return std::filesystem::exists("/proc/" + child + "/exe"); }));
+  }
+}
+
+TEST_F(BlockedBatchTest, StartsOneChildWhileMemoryIsShort) {
+  end(start_batch({"-j3", "--max-memory=1M"}, 3));
+  const pid_t batch = start_batch({"-j3", "--max-memory=1000T"}, 1);
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  EXPECT_EQ(children_of(batch).size(), 1u);
+  end(batch);
 }
 
 // Several inputs without -r: by content, whatever their names.

@@ -163,7 +163,22 @@ TEST(StandardStatusTest, IsNeverASignal) {
     if (result.status == 0) continue;
     EXPECT_EQ(result.status, 1) << i;
     EXPECT_THAT(result.err, MatchesRegex("symforge: " + (temp / "damaged.pdb") + ": [^\n]+\n"));
+    EXPECT_THAT(result.err, Not(HasSubstr("memory access"))) << i;
   }
+}
+
+// The stream of the module ends inside the name of its second function.
+TEST(StandardStatusTest, IsZeroForAFunctionWithHalfAName) {
+  const TemporaryDirectory temp;
+  PdbBuilder pdb(512);
+  pdb.section({.name = ".text", .address = 0x1000, .virtual_size = 0x1000, .raw_size = 0x1000});
+  Bytes half;
+  half.u16(300).u16(kGProc32).fill(28).u32(0x20).u16(1).u8(0).text("half");
+  pdb.add_module("m.obj").proc({.name = "f", .length = 16}).raw_symbols(half.str());
+  const Result result = run_standard({temp.file("a.pdb", pdb.build().bytes)});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_THAT(result.out, HasSubstr("\nFUNC 1000 10 0 f\n"));
+  EXPECT_THAT(result.out, Not(HasSubstr("half")));
 }
 
 TEST(StandardStatusTest, IsOneForResultsThatCannotBeWritten) {

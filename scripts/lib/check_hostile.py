@@ -56,6 +56,8 @@ TREE_FOLDER = os.path.join("a.pdb", "0123456789ABCDEF1032547698BADCFE1")
 def command_of(symforge, mode, path, tree):
     if not path.endswith(".exe"):
         return [symforge, *mode, path]
+    if "--standard" in mode:
+        return [symforge, *mode, "-e", path, os.path.join(os.path.dirname(path), "small.pdb")]
     shutil.rmtree(tree)
     os.makedirs(os.path.join(tree, TREE_FOLDER))
     with open(os.path.join(tree, TREE_FOLDER, "a.sym"), "w") as text:

@@ -364,6 +364,8 @@ def start_worker(*arguments):
     global worker
     os.umask(0o022)
     worker = Worker(*arguments)
+    options = worker.options
+    paired_run.OPTIONS.update(old=options.option, new=(*options.option, *options.new_option))
 
 
 def compare(task):
@@ -467,6 +469,10 @@ def parse_arguments():
                         help="compare the FILEs and the mutants alone")
     parser.add_argument("-s", dest="seed", metavar="SEED", type=int, default=1)
     parser.add_argument("-j", dest="jobs", metavar="JOBS", type=int, default=os.cpu_count())
+    parser.add_argument("--option", action="append", default=[],
+                        help="an option of all runs, as --option=--standard")
+    parser.add_argument("--new-option", action="append", default=[],
+                        help="an option of all runs of NEW_BUILD, as --new-option=-j2")
     parser.add_argument("--allow-cleaner", action="store_true",
                         help="list mutants separately, not as differences, on which OLD_BUILD is "
                         "ended by a signal or NEW_BUILD ends with status 1 and a message")

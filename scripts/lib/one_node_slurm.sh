@@ -49,11 +49,16 @@ END
   return 1
 }
 
-# stop_slurm FOLDER: ends the daemons that start_slurm started.
+# stop_slurm FOLDER: ends the daemons that start_slurm started, and waits: they write to the folder.
 stop_slurm() {
-  local daemon
+  local daemon pid
   for daemon in slurmd slurmctld munged; do
-    [ -f "$1/$daemon.pid" ] && kill "$(cat "$1/$daemon.pid")" 2>/dev/null
+    [ -f "$1/$daemon.pid" ] || continue
+    pid=$(cat "$1/$daemon.pid")
+    kill "$pid" 2>/dev/null || continue
+    for _ in $(seq 100); do
+      kill -0 "$pid" 2>/dev/null || break
+      sleep 0.1
+    done
   done
-  return 0
 }

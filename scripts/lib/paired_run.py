@@ -11,6 +11,7 @@ import signal
 import stat
 
 SIDES = ("old", "new")
+OPTIONS = {"old": (), "new": ()}  # in front of the arguments of each run of a side
 PROGRAM = "../symforge"  # a link beside the folder in which the program runs
 CHUNK = 1 << 20
 KILLED = re.compile(rb"terminated by signal")
@@ -204,7 +205,7 @@ class Case:
         statuses, messages = [], []
         for side in SIDES:
             os.chdir(self.path(side))
-            statuses.append(spawn(arguments, output, "../messages", self.limits))
+            statuses.append(spawn((*OPTIONS[side], *arguments), output, "../messages", self.limits))
             with open("../messages", "rb") as file:
                 messages.append(file.read())
         if all(ended_by_limit(status) for status in statuses):

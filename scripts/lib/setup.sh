@@ -39,8 +39,8 @@ need() {
   apt-get install -y -qq -o Acquire::Retries=3 --no-install-recommends "${missing[@]}" >/dev/null
 }
 
-BUILD_PACKAGES=(g++ cmake ninja-build libc6-dev libseccomp-dev)
-TEST_PACKAGES=(libgtest-dev libgmock-dev pkgconf binutils python3 libcpp-httplib-dev nlohmann-json3-dev)
+BUILD_PACKAGES=(g++ cmake ninja-build libc6-dev)
+TEST_PACKAGES=(libseccomp-dev libgtest-dev libgmock-dev pkgconf binutils python3 libcpp-httplib-dev nlohmann-json3-dev)
 CLANG_PACKAGES=(clang libclang-rt-dev)
 
 # progress: copies the output of ninja or ctest; of the lines that report progress, one in ten seconds.

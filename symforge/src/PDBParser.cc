@@ -16,7 +16,9 @@
 #include "symforge/src/emit/line_records.h"
 #include "symforge/src/emit/module_functions.h"
 #include "symforge/src/emit/param_sizes.h"
+#include "symforge/src/emit/worker_steps.h"
 #include "symforge/src/msf/msf_file.h"
+#include "symforge/src/parallel/table_load.h"
 #include "symforge/src/pdb/dbi_stream.h"
 #include "symforge/src/pdb/frame_tables.h"
 #include "symforge/src/pdb/info_stream.h"
@@ -52,6 +54,28 @@ void resolveModules(const ModuleStreams& modules, const SectionMap& sections,
   }
 }
 
+void collectFunctions(const ModuleSources& sources, WorkerPool* pool, PublicFunctions& globals,
+                      InlineSites* sites, Functions& functions) {
+  const size_t more = globals.symbols().size();
+  if (pool != nullptr && collectWithWorkers(*pool, sources, more, sites, functions)) return;
+  for (const ModuleStream& module : sources.modules) {
+    getModuleFunctions(module, sources.sections, sites, functions);
+  }
+  sortFunctions(functions);
+}
+
+void printAll(const PrintSources& sources, WorkerPool* pool, const Functions& functions,
+              TextBuffer& out) {
+  if (pool != nullptr && printWithWorkers(*pool, sources, functions, out)) return;
+  TypeNames names(sources.types, sources.ids);
+  std::optional<InlinePrinter> inlines;
+  if (sources.sites != nullptr) {
+    inlines.emplace(sources.file, *sources.sites, sources.inlinees, names);
+  }
+  FunctionPrinter(sources.sections, names, inlines ? &*inlines : nullptr)
+      .printFunctions(functions, out);
+}
+
 // A name as a reader of a MODULE or INFO CODE_ID line sees it: without surrounding blanks and
 // without carriage returns at its end.
 std::string nameOnLine(std::string_view name) {
@@ -72,6 +96,7 @@ struct PDBParser::Rep {
   CodeFile codeFile;
   std::string pdbFile;  // path as given; empty selects the PE-only mode
   std::string debugId;
+  WorkerPool* pool = nullptr;
   bool standard = false;  // the text is in the standard format
 };
 
@@ -82,6 +107,7 @@ PDBParser::~PDBParser() = default;
 const std::string& PDBParser::debug_id() const { return m_rep->debugId; }
 
 const CodeFile& PDBParser::codeFile() const { return m_rep->codeFile; }
+void PDBParser::useWorkers(WorkerPool* pool) { m_rep->pool = pool; }
 
 void PDBParser::close() { m_rep->file.close(); }
 
@@ -150,44 +176,42 @@ void PDBParser::printBreakpadSymbols(TextBuffer& out, FileMod* fileMod) {
   sections.readOMAPData(file, debugHeader->sectionHdrOriginal, debugHeader->omapToSource,
                         debugHeader->omapFromSource);
 
+  WorkerPool* const pool = m_rep->pool;
+  TableLoad tables(file, dbi.header().symRecordStream, sections, TypeDialect::kDefault, pool);
   SourceFiles files;
   files.gatherFiles(modules);
   NameStream names;
   loadNameStream(file, *m_rep->info, m_rep->pdbFile, names);
   files.printFiles(names, fileMod, out);
-
-  TypeTable types;
-  TypeTable ids;
-  loadTypeStream(file, kTypeInfoStream, types, /*required=*/true);
-  loadTypeStream(file, kIPIStream, ids, /*required=*/false);
+  tables.loadTypes();
   if (hasTokenMap(*debugHeader)) {
     throw pdb_refusal(kHasTokenMap,
                       "this PDB has managed code, which is not converted; --standard converts its "
                       "native functions, if it has any");
   }
+  tables.loadPublics();
 
-  TypeNames typeNames(types, ids);
-  InlineeLines inlinees;
-  InlineSites allSites(file, inlinees, typeNames);
+  UnwindText unwind(codeFile, dbi.header().machine == IMAGE_FILE_MACHINE_AMD64);
+  const TypeNames typeNames(tables.types, tables.ids);
+  InlineSites allSites(typeNames);
   InlineSites* const sites = m_rep->do_inline ? &allSites : nullptr;
-  PublicFunctions globals;
-  globals.getGlobalFunctions(file, dbi.header().symRecordStream, sections);
   Functions functions;
-  for (const ModuleStream& module : modules) {
-    getModuleFunctions(module, sections, sites, functions);
-  }
-  sortFunctions(functions);
-  resolveModules(modules, sections, files, functions, m_rep->do_inline ? &inlinees : nullptr);
+  collectFunctions({file, modules, sections, typeNames}, pool, tables.publics, sites, functions);
+
+  unwind.start(pool, file);
+  InlineeLines inlinees;
+  resolveModules(modules, sections, files, functions, sites != nullptr ? &inlinees : nullptr);
 
   FrameTables frames;
   frames.readFrameData(file, *debugHeader);
   dropDuplicates(functions);
-  resolveParamSizes(functions, globals, frames, sections.count());
-  mergeGlobals(functions, globals);
-  FunctionPrinter(sections, typeNames, sites).printFunctions(functions, out);
+  resolveParamSizes(functions, tables.publics, frames, sections.count());
+  mergeGlobals(functions, tables.publics);
+  unwind.finish();
+  printAll({file, sections, tables.types, tables.ids, inlinees, sites}, pool, functions, out);
 
   frames.printFrameData(names, out);
-  if (dbi.header().machine == IMAGE_FILE_MACHINE_AMD64) codeFile.PrintFrameDataUsingEXE(out);
+  unwind.print(out);
 }
 
 void PDBParser::printStandardSymbols(TextBuffer& out, StandardCounts& counts) {
@@ -195,7 +219,7 @@ void PDBParser::printStandardSymbols(TextBuffer& out, StandardCounts& counts) {
   const TextLimit limit(out, limits::kText.of(m_rep->file.size() + m_rep->codeFile.size()));
   m_rep->standard = true;
   StandardPrinter({m_rep->file, *m_rep->info, *m_rep->dbi, m_rep->codeFile, m_rep->pdbFile,
-                   m_rep->debugId, m_rep->do_inline},
+                   m_rep->debugId, m_rep->do_inline, m_rep->pool},
                   counts)
       .print(out);
 }

@@ -23,6 +23,7 @@
 #include <string>
 
 #include "base/text_buffer.h"
+#include "symforge/src/parallel/worker_pool.h"
 #include "symforge/src/pdb/file_mod.h"
 #include "symforge/src/pdb_exception.h"
 #include "symforge/src/standard/standard_counts.h"
@@ -39,6 +40,10 @@ class PDBParser {
   ~PDBParser();
   PDBParser(const PDBParser&) = delete;
   PDBParser& operator=(const PDBParser&) = delete;
+
+  // Converts with the threads of `pool`, which must outlive this; null: none. What is printed does
+  // not depend on it.
+  void useWorkers(WorkerPool* pool);
 
   // Opens the PDB and the PE. `pdb` null: PE-only mode; the symbol file that the tree has for `exe`
   // is appended to `out` as text. `exe` null: tries the PDB's name with the extension exe or dll.

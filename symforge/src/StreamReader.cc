@@ -39,8 +39,8 @@ void StreamReader::seekToOtherRun(uint32_t offset) {
     --first;
     before += pageSize;
   }
-  if (m_file.budget != nullptr) {
-    m_file.budget->visited.spend((last - first + 1) * sizeof(uint32_t));
+  if (FileBudget* const budget = m_file.budget()) {
+    budget->visited.spend((last - first + 1) * sizeof(uint32_t));
   }
   if (next + kCopySlack > m_file.length + MMapWrapper::kGuardBytes)
     throw pdb_recoverable_exception(kOutsideOfPages);
@@ -58,7 +58,7 @@ void* StreamReader::readAcrossRuns(uint32_t size) {
   // exactly with the last page also fails, as each copied piece ends with a seek.
   const uint64_t inPages = uint64_t{m_file.pageSize} * m_stream.pageIndices.size();
   if (uint64_t{m_offset} + size >= inPages) throw pdb_recoverable_exception(kOutsideOfPages);
-  if (m_file.budget != nullptr) m_file.budget->copied.spend(uint64_t{size} + kCopySlack);
+  if (FileBudget* const budget = m_file.budget()) budget->copied.spend(uint64_t{size} + kCopySlack);
   uint8_t* copy = static_cast<uint8_t*>(std::malloc(size_t{size} + kCopySlack));
   if (copy == nullptr) throw std::bad_alloc();
   DataPtr<uint8_t> owner(copy, true);  // releases the block when a seek throws
@@ -94,7 +94,7 @@ uint32_t StreamReader::measureString() {
       break;
     }
     length += static_cast<uint32_t>(left);
-    if (m_file.budget != nullptr) m_file.budget->visited.spend(left);
+    if (FileBudget* const budget = m_file.budget()) budget->visited.spend(left);
     // Seek to one past the first byte of the next run and look back at that byte. `m_offset`
     // changes with each seek, so from the second crossing on this seeks too far. Existing symbol
     // files have that result.
@@ -104,7 +104,7 @@ uint32_t StreamReader::measureString() {
     if (p == m_file.base) throw pdb_recoverable_exception(kOutsideOfPages);
     if (p[-1] == '\0') break;
   }
-  if (m_file.budget != nullptr) m_file.budget->visited.spend(length);
+  if (FileBudget* const budget = m_file.budget()) budget->visited.spend(length);
   if (m_offset != start) seek(start);
   return length;
 }

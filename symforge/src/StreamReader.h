@@ -34,7 +34,10 @@ struct MsfPages {
   const uint8_t* base = nullptr;
   size_t length = 0;
   uint32_t pageSize = 0;
-  FileBudget* budget = nullptr;  // null: no limits
+  FileBudget* fileBudget = nullptr;  // null: no limits
+
+  // What this thread spends from; null: no limits.
+  FileBudget* budget() const { return ThreadBudget::of(fileBudget); }
 };
 
 // One stream: its length in bytes and the file page number of each of its pages, in stream order.

@@ -66,6 +66,34 @@ TEST(FunctionListTest, SortsLikeAPlainSortOfTheRecords) {
   }
 }
 
+TEST(FunctionListTest, JoinsPartsAndMergesPublicsLikeAPlainSort) {
+  std::mt19937 random(6);
+  std::vector<Functions> parts(7);
+  Functions list;
+  Functions plain;
+  PublicFunctions globals;
+  for (uint32_t i = 0; i < 4000; ++i) {
+    const auto key = static_cast<uint32_t>(random());
+    for (Functions* functions : {&parts[i * parts.size() / 4000], &plain})
+      functions->push_back(recordAt(1 + key % 2, key / 3 % 900 * 2, key / 5400 % 2, i));
+  }
+  joinSorted(parts, 10, list);
+  std::sort(plain.begin(), plain.end());
+  expectSameOrder(list, plain);
+  dropDuplicates(list);
+  dropDuplicates(plain);
+  for (uint32_t i = 0; i < 500; ++i) {
+    const uint32_t rva = static_cast<uint32_t>(random()) % 1000 * 2 + 1;
+    if (globals.find(rva) != nullptr) continue;
+    globals.insert({DataPtr<char>("name", /*allocated=*/false), rva, 1, false, i % 3 == 0});
+    if (i % 3 != 0) plain.push_back(recordAt(1, rva, 0, 0));
+  }
+  std::erase_if(plain, [](const FunctionRecord& f) { return f.dropped(); });
+  std::sort(plain.begin(), plain.end());
+  mergeGlobals(list, globals);
+  expectSameOrder(list, plain);
+}
+
 // If a function without a section has the RVA of a public one, the order of a hash table determines
 // which is first.
 TEST(FunctionListTest, MergesInTheOrderOfAHashTable) {

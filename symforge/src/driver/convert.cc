@@ -4,10 +4,13 @@
 #include <unistd.h>
 #include <unwind.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <exception>
+#include <memory>
 #include <new>
+#include <optional>
 #include <utility>
 
 #include "base/limits.h"
@@ -83,6 +86,13 @@ void note_written(const WrittenResult& written, ConversionFacts& facts) {
   facts.identity.code_id = written.identity.code_id;
 }
 
+// How many threads help with a conversion; 0: none.
+unsigned worker_threads(const OpenedInput& opened, const ConversionOptions& options) {
+  constexpr unsigned kMost = 64;  // what is done by one thread would take most of the time
+  const unsigned jobs = std::min(resolved_jobs(options.jobs), kMost);
+  return opened.kind() == OpenedInput::Kind::kPdb && jobs > 1 ? jobs : 0;
+}
+
 // True if the input was converted to text; `written`: whether that was written.
 bool convert_to_result(OpenedInput& opened, const ConversionOptions& options, bool& written) {
   if (!opened.open(options)) return false;
@@ -92,13 +102,27 @@ bool convert_to_result(OpenedInput& opened, const ConversionOptions& options, bo
     report("%s", opened.refusal());
     return false;
   }
+  // A sandboxed process cannot start threads, so they come first; each drops its rights itself.
+  std::optional<WorkerPool> workers;
+  if (const unsigned threads = worker_threads(opened, options)) workers.emplace(threads);
+  WorkerPool* const pool = workers ? &*workers : nullptr;
   if (options.sandbox) {
     prepare_for_sandbox(opened, options);
-    enter_sandbox(sandbox_rights(opened, options));
+    const SandboxRights rights = sandbox_rights(opened, options);
+    if (pool != nullptr) pool->run([&rights](unsigned) { enter_sandbox(rights); });
+    enter_sandbox(rights);
   }
   SymbolText result;
-  if (!text_of(opened, options, result)) return false;
+  if (!text_of(opened, options, pool, result)) return false;
   if (facts != nullptr) note_text(opened.input(), result, *facts);
+  // Workers release the mapping of the PDB while the result is written.
+  std::shared_ptr<void> source = std::move(result.source);
+  std::optional<WorkerRun> release;
+  if (pool != nullptr) {
+    release.emplace(*pool, [&source](unsigned worker) {
+      if (worker == 0) source.reset();
+    });
+  }
   WrittenResult target;
   written = write_result(std::move(result), options, &target);
   if (facts != nullptr) note_written(target, *facts);

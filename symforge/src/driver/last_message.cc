@@ -13,6 +13,7 @@
 
 #include "symforge/src/driver/conversion_report.h"
 #include "symforge/src/driver/messages.h"
+#include "symforge/src/parallel/worker_pool.h"
 
 namespace symforge_internal {
 
@@ -61,6 +62,7 @@ void put_line(std::string_view reason) {
 }
 
 void on_fatal_signal(int number) {
+  WorkerPool::stopWorker();
   for (const FatalSignal& fatal : kFatalSignals) {
     if (fatal.number != number) continue;
     if (standard_messages()) end_with(fatal.reason);
@@ -72,6 +74,7 @@ void on_fatal_signal(int number) {
 }
 
 [[noreturn]] void on_terminate() {
+  WorkerPool::stopWorker();
   if (standard_messages()) end_with("ended by an exception");
   // The library's own handler prints which exception it is, and aborts.
   std::set_terminate(nullptr);
@@ -82,6 +85,7 @@ void on_fatal_signal(int number) {
 // In standard mode prints the one line; in default mode calls `report`, like the library.
 template <typename Report>
 [[noreturn]] void fail_check(const char* check, Report report) {
+  WorkerPool::stopWorker();
   if (standard_messages()) {
     end_with(std::string("damaged or not supported, this does not hold: ").append(check));
   }

@@ -10,25 +10,22 @@ void enter_sandbox(const SandboxRights&) {}
 
 #include <fcntl.h>
 #include <linux/landlock.h>
-#include <seccomp.h>
-#include <sys/ioctl.h>
-#include <sys/mman.h>
+#include <linux/seccomp.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdint>
-#include <initializer_list>
 
 #include "base/file_io.h"
+#include "symforge/src/driver/seccomp_filter.h"
 
 namespace symforge_internal {
 
 namespace {
 
-// ---- Landlock -----------------------------------------------------------------------------------
+// ---- Landlock
 //
 // Each version of the interface adds rights; a right that is not handled is not restricted. The
 // interface is declared here in full, as the system's header can be older than the kernel.
@@ -96,117 +93,20 @@ void restrict_file_system(const SandboxRights& rights) {
   syscall(SYS_landlock_restrict_self, ruleset.get(), 0);
 }
 
-// ---- seccomp ------------------------------------------------------------------------------------
-
-// Allows a call with any arguments.
-constexpr int kAllowed[] = {
-    SCMP_SYS(access),
-    SCMP_SYS(brk),
-    SCMP_SYS(clock_gettime),
-    SCMP_SYS(close),
-    SCMP_SYS(exit),
-    SCMP_SYS(exit_group),
-    SCMP_SYS(faccessat),
-    SCMP_SYS(faccessat2),
-    SCMP_SYS(fcntl),
-    SCMP_SYS(fstat),
-    SCMP_SYS(futex),
-    SCMP_SYS(getcwd),
-    SCMP_SYS(getpid),
-    SCMP_SYS(getrandom),
-    SCMP_SYS(getrusage),
-    SCMP_SYS(gettid),
-    SCMP_SYS(gettimeofday),
-    SCMP_SYS(lseek),
-    SCMP_SYS(lstat),
-    SCMP_SYS(madvise),
-    SCMP_SYS(mremap),
-    SCMP_SYS(munmap),
-    SCMP_SYS(newfstatat),
-    SCMP_SYS(pread64),
-    SCMP_SYS(read),
-    SCMP_SYS(readlink),
-    SCMP_SYS(readlinkat),
-    SCMP_SYS(readv),
-    SCMP_SYS(restart_syscall),
-    SCMP_SYS(rt_sigaction),
-    SCMP_SYS(rt_sigprocmask),
-    SCMP_SYS(rt_sigreturn),
-    SCMP_SYS(sigaltstack),
-    SCMP_SYS(stat),
-    SCMP_SYS(statx),
-    SCMP_SYS(time),
-    SCMP_SYS(write),
-    SCMP_SYS(writev),
-};
-
-// Only for conversions that write into a tree.
-constexpr int kAllowedForWriting[] = {
-    SCMP_SYS(fdatasync), SCMP_SYS(fsync),  SCMP_SYS(mkdir),   SCMP_SYS(open),
-    SCMP_SYS(openat),    SCMP_SYS(rename), SCMP_SYS(symlink), SCMP_SYS(unlink),
-};
-
-// Conditions on the argument with that index, from 0.
-constexpr scmp_arg_cmp equals(unsigned argument, scmp_datum_t value) {
-  return {argument, SCMP_CMP_EQ, value, 0};
+void restrict_system_calls(bool writing) {
+  std::vector<sock_filter> filter = seccomp_filter(writing, getpid());
+  sock_fprog program = {};
+  program.len = static_cast<unsigned short>(filter.size());
+  program.filter = filter.data();
+  syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, 0, &program);
 }
-constexpr scmp_arg_cmp masked(unsigned argument, scmp_datum_t mask, scmp_datum_t value) {
-  return {argument, SCMP_CMP_MASKED_EQ, mask, value};
-}
-
-class Filter {
- public:
-  Filter() : context_(seccomp_init(SCMP_ACT_ERRNO(EPERM))) {}
-  ~Filter() {
-    if (context_ != nullptr) seccomp_release(context_);
-  }
-  Filter(const Filter&) = delete;
-  Filter& operator=(const Filter&) = delete;
-
-  void load(bool writing) {
-    if (context_ == nullptr) return;
-    for (const int call : kAllowed) allow(call);
-    if (writing) {
-      for (const int call : kAllowedForWriting) allow(call);
-    } else {
-      const scmp_datum_t changes = O_ACCMODE | O_CREAT | O_TRUNC;
-      allow(SCMP_SYS(open), {masked(1, changes, O_RDONLY)});
-      allow(SCMP_SYS(openat), {masked(2, changes, O_RDONLY)});
-    }
-    allow_with_limits();
-    if (whole_) seccomp_load(context_);
-  }
-
- private:
-  // The call is allowed when its arguments meet all conditions.
-  void allow(int call, std::initializer_list<scmp_arg_cmp> conditions = {}) {
-    const int added =
-        seccomp_rule_add_array(context_, SCMP_ACT_ALLOW, call,
-                               static_cast<unsigned>(conditions.size()), conditions.begin());
-    whole_ = whole_ && added == 0;
-  }
-
-  void allow_with_limits() {
-    allow(SCMP_SYS(mmap), {masked(2, PROT_EXEC, 0)});
-    allow(SCMP_SYS(mprotect), {masked(2, PROT_EXEC, 0)});
-    // abort() of this process.
-    allow(SCMP_SYS(tgkill), {equals(0, static_cast<scmp_datum_t>(getpid()))});
-    // Whether a stream is a terminal.
-    allow(SCMP_SYS(ioctl), {equals(1, TCGETS)});
-    // The system log, over the connection that is open.
-    allow(SCMP_SYS(sendto), {equals(4, 0)});
-  }
-
-  scmp_filter_ctx context_;
-  bool whole_ = true;  // false: a rule could not be added; the filter would deny too much
-};
 
 }  // namespace
 
 void enter_sandbox(const SandboxRights& rights) {
   if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) return;
   restrict_file_system(rights);
-  Filter().load(!rights.writable.empty());
+  restrict_system_calls(!rights.writable.empty());
 }
 
 }  // namespace symforge_internal

@@ -21,7 +21,8 @@ struct SandboxRights {
   std::vector<std::string> writable;  // folders in which everything below can be read and replaced
 };
 
-// Permanently drops all other rights of this process, which must have one thread. Paths that do not
+// Permanently drops all other rights of this thread, and those of threads that it starts. Other
+// threads of the process keep theirs. Paths that do not
 // exist are skipped. Whatever later messages need (the connection to the system log, the time zone)
 // must be open or loaded.
 void enter_sandbox(const SandboxRights& rights);

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <utility>
 
 #include "base/file_io.h"
@@ -49,9 +50,11 @@ bool text_of_symb(TextBuffer image, const char* path, const ConversionOptions& o
   return false;
 }
 
-void text_of_pdb(const ConversionInput& input, const ConversionOptions& options,
+void text_of_pdb(const ConversionInput& input, const ConversionOptions& options, WorkerPool* pool,
                  SymbolText& result) {
-  PDBParser parser(do_inline);
+  const auto owner = std::make_shared<PDBParser>(do_inline);
+  PDBParser& parser = *owner;
+  parser.useWorkers(pool);
   parser.load(input.pdb, input.exe, options.tree, result.text);
   result.image = parser.codeFile().path();
   result.image_bytes = parser.codeFile().size();
@@ -63,13 +66,15 @@ void text_of_pdb(const ConversionInput& input, const ConversionOptions& options,
     parser.printBreakpadSymbols(result.text, nullptr);
   }
   if (input.pdb != nullptr) result.identity = parser.identity();
+  if (pool != nullptr) result.source = owner;
 }
 
 // The published text of a PDB, with complete content. `image`: the PE image that belongs to it, or
 // null. Makes no folders.
-void standard_text_of_pdb(const char* pdb, const char* image, SymbolText& result) {
+void standard_text_of_pdb(const char* pdb, const char* image, WorkerPool* pool,
+                          SymbolText& result) {
   // A path that cannot be opened keeps the parser from searching for an image by name.
-  text_of_pdb({.pdb = pdb, .exe = image != nullptr ? image : ""}, {.standard = true}, result);
+  text_of_pdb({.pdb = pdb, .exe = image != nullptr ? image : ""}, {.standard = true}, pool, result);
 }
 
 // The debug identifier of a PDB. Throws what PDBParser throws.
@@ -88,11 +93,11 @@ const char* check_image(const char* image, const std::string& debug_id) {
   return image;
 }
 
-void standard_text_of(const OpenedInput& opened, SymbolText& result) {
+void standard_text_of(const OpenedInput& opened, WorkerPool* pool, SymbolText& result) {
   const ConversionInput& input = opened.input();
   const std::string debug_id = debug_id_of(input.pdb);
   if (input.exe != nullptr) {
-    standard_text_of_pdb(input.pdb, check_image(input.exe, debug_id), result);
+    standard_text_of_pdb(input.pdb, check_image(input.exe, debug_id), pool, result);
     return;
   }
   const std::string* image = find_image(opened.image_candidates(), debug_id);
@@ -100,7 +105,7 @@ void standard_text_of(const OpenedInput& opened, SymbolText& result) {
   if (image == nullptr) {
     std::fputs("no image found: no code identifier and no unwind rules of one\n", stderr);
   }
-  standard_text_of_pdb(input.pdb, image != nullptr ? image->c_str() : nullptr, result);
+  standard_text_of_pdb(input.pdb, image != nullptr ? image->c_str() : nullptr, pool, result);
 }
 
 }  // namespace
@@ -142,7 +147,8 @@ const char* OpenedInput::refusal() const {
   return refusal_of(file_kind_);
 }
 
-bool text_of(OpenedInput& opened, const ConversionOptions& options, SymbolText& result) {
+bool text_of(OpenedInput& opened, const ConversionOptions& options, WorkerPool* pool,
+             SymbolText& result) {
   const ConversionInput& input = opened.input();
   switch (opened.kind()) {
     case OpenedInput::Kind::kText:
@@ -155,9 +161,9 @@ bool text_of(OpenedInput& opened, const ConversionOptions& options, SymbolText& 
       break;
   }
   if (options.standard && input.pdb != nullptr) {
-    standard_text_of(opened, result);
+    standard_text_of(opened, pool, result);
   } else {
-    text_of_pdb(input, options, result);
+    text_of_pdb(input, options, pool, result);
   }
   return true;
 }

@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -10,6 +11,7 @@
 #include "base/text_buffer.h"
 #include "symforge/src/driver/conversion_options.h"
 #include "symforge/src/driver/file_kind.h"
+#include "symforge/src/parallel/worker_pool.h"
 #include "symforge/src/standard/standard_counts.h"
 #include "symforge/src/utils.h"
 
@@ -63,10 +65,13 @@ struct SymbolText {
   uint64_t image_bytes = 0;
   // Of a PDB in standard mode.
   std::optional<StandardCounts> counts;
+  // What the text was made of. It is not needed any more, but it takes some time to release.
+  std::shared_ptr<void> source;
 };
 
-// Converts the input to text; consumes its content. False, and reported, for a damaged SYMB image.
-// PDBs and PE images throw what PDBParser throws.
-bool text_of(OpenedInput& opened, const ConversionOptions& options, SymbolText& result);
+// Converts the input to text; consumes its content. `pool`: threads that help; null: none. False,
+// and reported, for a damaged SYMB image. PDBs and PE images throw what PDBParser throws.
+bool text_of(OpenedInput& opened, const ConversionOptions& options, WorkerPool* pool,
+             SymbolText& result);
 
 }  // namespace symforge_internal

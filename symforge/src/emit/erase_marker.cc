@@ -1,5 +1,7 @@
 #include "symforge/src/emit/erase_marker.h"
 
+#include <cstring>
+
 namespace symforge_internal {
 
 // The text is moved to its end character by character. What was moved contains no occurrence, so
@@ -11,6 +13,17 @@ void eraseFromTheEnd(std::string& text, size_t start, std::string_view part) {
     if (std::string_view(text).substr(kept).starts_with(part)) kept += part.size();
   }
   text.erase(start, kept - start);
+}
+
+bool hasCompilerMarker(std::string_view name) {
+  const char* at = name.data();
+  const char* const end = at + name.size();
+  while ((at = static_cast<const char*>(memmem(at, static_cast<size_t>(end - at), "__", 2)))) {
+    const std::string_view rest(at, static_cast<size_t>(end - at));
+    if (rest.starts_with("__ptr64") || rest.starts_with("__cdecl")) return true;
+    ++at;
+  }
+  return false;
 }
 
 }  // namespace symforge_internal

@@ -25,6 +25,12 @@ struct SortKey {
   }
 };
 
+void addKeys(const Functions& functions, std::vector<SortKey>& order) {
+  for (const FunctionRecord& f : functions) {
+    order.push_back({startOf(f.segment, f.rva), f.typeIndex, static_cast<uint32_t>(order.size())});
+  }
+}
+
 // Moves each record to its place, following the cycles of the permutation: every record is moved
 // once, and there is no second list.
 void permute(Functions& functions, std::vector<SortKey>& order) {
@@ -73,10 +79,29 @@ std::unordered_map<uint32_t, uint32_t> hashOrder(const std::vector<PublicFunctio
 void sortFunctions(Functions& functions) {
   std::vector<SortKey> order;
   order.reserve(functions.size());
-  for (const FunctionRecord& f : functions)
-    order.push_back({startOf(f.segment, f.rva), f.typeIndex, static_cast<uint32_t>(order.size())});
+  addKeys(functions, order);
   std::sort(order.begin(), order.end());
   permute(functions, order);
+}
+
+void joinSorted(std::span<Functions> parts, size_t more, Functions& functions) {
+  std::vector<size_t> starts;  // of the parts
+  size_t count = 0;
+  for (const Functions& part : parts) {
+    starts.push_back(count);
+    count += part.size();
+  }
+  std::vector<SortKey> order;
+  order.reserve(count);
+  for (const Functions& part : parts) addKeys(part, order);
+  std::sort(order.begin(), order.end());
+  functions.clear();
+  functions.reserve(count + more);
+  for (const SortKey& key : order) {
+    const auto after = std::upper_bound(starts.begin(), starts.end(), key.position);
+    const auto part = static_cast<size_t>(after - starts.begin()) - 1;
+    functions.push_back(std::move(parts[part][key.position - starts[part]]));
+  }
 }
 
 void dropDuplicates(Functions& functions) {
@@ -108,10 +133,15 @@ void mergeGlobals(Functions& functions, PublicFunctions& globals) {
   functions.reserve(functions.size() + static_cast<size_t>(left));
   if (orderShows(functions, symbols)) {
     for (const auto& entry : hashOrder(symbols)) append(symbols[entry.second]);
-  } else {
-    for (PublicFunction& symbol : symbols) append(symbol);
+    sortFunctions(functions);
+    return;
   }
-  sortFunctions(functions);
+  // No two of the records that are left have the same address, so there is only one order.
+  std::erase_if(functions, [](const FunctionRecord& f) { return f.dropped(); });
+  const auto sorted = static_cast<ptrdiff_t>(functions.size());
+  for (PublicFunction& symbol : symbols) append(symbol);
+  std::sort(functions.begin() + sorted, functions.end());
+  std::inplace_merge(functions.begin(), functions.begin() + sorted, functions.end());
 }
 
 FunctionIndex::FunctionIndex(const Functions& functions) {

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <vector>
 
 #include "symforge/src/emit/function_record.h"
@@ -15,12 +16,16 @@ namespace symforge_internal {
 // leaves this sequence; that order is visible in the output.
 void sortFunctions(Functions& functions);
 
+// The same for a list in parts: replaces `functions` by all their records, sorted as if they were
+// one list. Takes the records from `parts`. Room for `more` further ones is reserved.
+void joinSorted(std::span<Functions> parts, size_t more, Functions& functions);
+
 // Drops all but one of the records at each address of a sorted list: the first with lines is kept,
 // or else the first.
 void dropDuplicates(Functions& functions);
 
-// Appends the public functions that no function covers, and sorts the list again. The names are
-// moved from `globals`.
+// Adds the public functions that no function covers to a sorted list whose duplicates were dropped,
+// at their places. Records that are dropped can be removed. The names are moved from `globals`.
 void mergeGlobals(Functions& functions, PublicFunctions& globals);
 
 // Finds functions by their start. The list must be sorted, not empty at a search, and its records

@@ -18,21 +18,9 @@ constexpr size_t kMaxEndingBytes = 16;
 constexpr size_t kMaxLineBytes = 8 + 1 + 8 + 1 + 8 + kMaxEndingBytes;
 constexpr uint32_t kLineNumberMask = 0x00FFFFFF;
 
-// Whether there is anything to remove: for most names one quick scan shows that there is not.
-bool needsCleaning(std::string_view name) {
-  const char* at = name.data();
-  const char* const end = at + name.size();
-  while ((at = static_cast<const char*>(memmem(at, static_cast<size_t>(end - at), "__", 2)))) {
-    const std::string_view rest(at, static_cast<size_t>(end - at));
-    if (rest.starts_with("__ptr64") || rest.starts_with("__cdecl")) return true;
-    ++at;
-  }
-  return false;
-}
-
 // The name without words that only the Windows compiler writes. The blank after "__cdecl" is kept.
 std::string_view cleanName(std::string_view name, std::string& storage) {
-  if (!needsCleaning(name)) return name;
+  if (!hasCompilerMarker(name)) return name;
   storage = name;
   eraseFromTheEnd(storage, 0, " __ptr64");
   eraseFromTheEnd(storage, 0, "__cdecl");
@@ -116,8 +104,9 @@ void FunctionPrinter::prefetch(const Functions& functions, size_t i) const {
   }
 }
 
-void FunctionPrinter::printFunctions(const Functions& functions, TextBuffer& out) {
-  for (size_t i = 0; i < functions.size(); ++i) {
+void FunctionPrinter::printFunctions(const Functions& functions, size_t first, size_t end,
+                                     TextBuffer& out) {
+  for (size_t i = first; i < end; ++i) {
     prefetch(functions, i);
     const FunctionRecord& func = functions[i];
     if (func.dropped()) continue;
@@ -128,7 +117,7 @@ void FunctionPrinter::printFunctions(const Functions& functions, TextBuffer& out
     } else {
       printPublic(func, out);
     }
-    if (m_sites != nullptr) m_sites->dumpInlineFunctionMap(func, out);
+    if (m_sites != nullptr) m_sites->print(func, out);
   }
 }
 

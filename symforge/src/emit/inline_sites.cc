@@ -38,8 +38,14 @@ void InlineSites::closeSite(FunctionRecord& func) {
   ++func.inlineCount;
 }
 
+void InlineSites::append(const InlineSites& other, Functions& functions) {
+  const auto before = static_cast<uint32_t>(m_sites.size());
+  for (FunctionRecord& func : functions) func.firstInline += before;
+  m_sites.insert(m_sites.end(), other.m_sites.begin(), other.m_sites.end());
+}
+
 // Functions of one module are adjacent in the list, and so share a reader.
-StreamReader& InlineSites::siteReader(uint32_t stream) {
+StreamReader& InlinePrinter::siteReader(uint32_t stream) {
   if (!m_reader || m_stream != stream) {
     m_reader.emplace(m_file.getStream(stream), m_file.pages());
     m_stream = stream;
@@ -49,10 +55,10 @@ StreamReader& InlineSites::siteReader(uint32_t stream) {
 
 // Renders names up to the first unnamed inlinee, so that warnings appear even if nothing is
 // printed.
-bool InlineSites::allInlineesNamed(StreamReader& reader, std::span<const uint32_t> sites) {
+bool InlinePrinter::allInlineesNamed(StreamReader& reader, std::span<const uint32_t> sites) {
   std::string scratch;
   for (const uint32_t site : sites) {
-    if (site == kSiteEnd) continue;
+    if (site == InlineSites::kSiteEnd) continue;
     reader.seek(site + sizeof(SymbolHeader));
     scratch.clear();
     if (!m_typeNames.stringizeType(reader.read<CV_InlineSite>()->inlinee, scratch,
@@ -63,8 +69,8 @@ bool InlineSites::allInlineesNamed(StreamReader& reader, std::span<const uint32_
   return true;
 }
 
-void InlineSites::storeRanges(const InlineFunctionRecord& record, uint32_t tower,
-                              uint32_t functionRva, AnnotationDecoder& decoder) {
+void InlinePrinter::storeRanges(const InlineFunctionRecord& record, uint32_t tower,
+                                uint32_t functionRva, AnnotationDecoder& decoder) {
   InlineSite site;
   m_typeNames.stringizeType(record.inlinee, m_tree.names(), TypeNames::IsTopLevel, true);
   site.name = m_tree.addName();
@@ -84,9 +90,9 @@ void InlineSites::storeRanges(const InlineFunctionRecord& record, uint32_t tower
   }
 }
 
-void InlineSites::dumpInlineFunctionMap(const FunctionRecord& func, TextBuffer& out) {
+void InlinePrinter::print(const FunctionRecord& func, TextBuffer& out) {
   if (func.inlineCount == 0) return;
-  const std::span<const uint32_t> sites(&m_sites[func.firstInline], func.inlineCount);
+  const std::span<const uint32_t> sites = m_sites.of(func);
   StreamReader& reader = siteReader(func.inlineStream);
   if (m_typeNames.mayWarn() && !allInlineesNamed(reader, sites)) return;
 
@@ -94,7 +100,7 @@ void InlineSites::dumpInlineFunctionMap(const FunctionRecord& func, TextBuffer& 
   AnnotationDecoder decoder;
   uint32_t tower = 0;
   for (const uint32_t site : sites) {
-    if (site == kSiteEnd) {
+    if (site == InlineSites::kSiteEnd) {
       --tower;
       continue;
     }

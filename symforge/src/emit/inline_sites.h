@@ -1,4 +1,4 @@
-// InlineSites: the inline sites of all functions, and the I lines of a function.
+// InlineSites: the inline sites of functions. InlinePrinter: the I lines of a function.
 
 #pragma once
 
@@ -34,13 +34,10 @@ InlineFunctionRecord readInlineSite(StreamReader& reader, uint32_t size);
 // read again when their function is printed.
 class InlineSites {
  public:
-  // `file`, `lines` and `names` must outlive this; `lines` may be filled later.
-  InlineSites(const MsfFile& file, const InlineeLines& lines, TypeNames& names)
-      : m_file(file),
-        m_lines(lines),
-        m_typeNames(names),
-        m_maxRanges(limits::kInlineRanges.of(file.pages().length)),
-        m_maxNames(limits::kInlineNames.of(file.pages().length)) {}
+  static constexpr uint32_t kSiteEnd = 0;
+
+  // `names` must outlive this.
+  explicit InlineSites(const TypeNames& names) : m_typeNames(names) {}
 
   // Starts a function, whose sites follow.
   void beginFunction(uint16_t stream, FunctionRecord& func) const;
@@ -49,26 +46,49 @@ class InlineSites {
   void openSite(uint32_t inlinee, uint32_t symbolOffset, FunctionRecord& func);
   void closeSite(FunctionRecord& func);
 
-  // Appends the I lines of a function. Throws pdb_exception for damaged annotations and for names
-  // that cannot be rendered, LimitExceeded for a function with far too many sites.
-  void dumpInlineFunctionMap(const FunctionRecord& func, TextBuffer& out);
+  // Adds all sites of `other`, and makes those of its functions refer to them here.
+  void append(const InlineSites& other, Functions& functions);
+
+  // Consecutive entries: the symbol offset of each site that opens, kSiteEnd for each end of a
+  // site.
+  std::span<const uint32_t> of(const FunctionRecord& func) const {
+    return {m_sites.data() + func.firstInline, func.inlineCount};
+  }
 
  private:
-  static constexpr uint32_t kSiteEnd = 0;
+  const TypeNames& m_typeNames;
+  std::vector<uint32_t> m_sites;
+};
 
+// Prints the I lines of functions.
+class InlinePrinter {
+ public:
+  // All must outlive this.
+  InlinePrinter(const MsfFile& file, const InlineSites& sites, const InlineeLines& lines,
+                TypeNames& names)
+      : m_file(file),
+        m_sites(sites),
+        m_lines(lines),
+        m_typeNames(names),
+        m_maxRanges(limits::kInlineRanges.of(file.pages().length)),
+        m_maxNames(limits::kInlineNames.of(file.pages().length)) {}
+
+  // Appends the I lines of a function. Throws pdb_exception for damaged annotations and for names
+  // that cannot be rendered, LimitExceeded for a function with far too many sites.
+  void print(const FunctionRecord& func, TextBuffer& out);
+
+ private:
   StreamReader& siteReader(uint32_t stream);
   bool allInlineesNamed(StreamReader& reader, std::span<const uint32_t> sites);
   void storeRanges(const InlineFunctionRecord& record, uint32_t tower, uint32_t functionRva,
                    AnnotationDecoder& decoder);
 
   const MsfFile& m_file;
+  const InlineSites& m_sites;
   const InlineeLines& m_lines;
   TypeNames& m_typeNames;
   const uint64_t m_maxRanges;
   const uint64_t m_maxNames;
-  // Consecutive entries for each function: the symbol offset of each site that opens, kSiteEnd for
-  // each end of a site.
-  std::vector<uint32_t> m_sites;
   InlineTree m_tree;                     // of the function that is being printed
   std::optional<StreamReader> m_reader;  // of the stream that the last function came from
   uint32_t m_stream = 0;

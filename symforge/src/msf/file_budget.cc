@@ -10,6 +10,7 @@ FileBudget::FileBudget(uint64_t fileBytes)
       fileChecksums(limits::kFileChecksums.of(fileBytes),
                     "Too many source files for the file's size"),
       typeVisits(limits::kTypeVisits.of(fileBytes), "Too many types for the file's size"),
-      typeText(limits::kTypeText.of(fileBytes), "The names of types are too long") {}
+      typeText(limits::kTypeText.of(fileBytes), "The names of types are too long"),
+      movedParts(limits::kMovedParts.of(fileBytes), "Lines are moved in too many parts") {}
 
 }  // namespace symforge_internal

@@ -19,6 +19,23 @@ struct FileBudget {
   Allowance fileChecksums;  // limits::kFileChecksums
   Allowance typeVisits;     // limits::kTypeVisits
   Allowance typeText;       // limits::kTypeText
+  Allowance movedParts;     // limits::kMovedParts
+};
+
+// While it exists, this thread spends from `own` whatever it reads, instead of from the budget of
+// the file. For threads that read one file together.
+class ThreadBudget {
+ public:
+  explicit ThreadBudget(FileBudget& own) { m_current = &own; }
+  ~ThreadBudget() { m_current = nullptr; }
+  ThreadBudget(const ThreadBudget&) = delete;
+  ThreadBudget& operator=(const ThreadBudget&) = delete;
+
+  // What this thread spends from; `ofFile` can be null: no limits.
+  static FileBudget* of(FileBudget* ofFile) { return m_current != nullptr ? m_current : ofFile; }
+
+ private:
+  static inline constinit thread_local FileBudget* m_current = nullptr;
 };
 
 }  // namespace symforge_internal

@@ -42,8 +42,8 @@ class MsfFile {
   const std::vector<StreamPair>& streams() const { return m_streams; }
   const MsfPages& pages() const { return m_pages; }
 
-  // What is left of the file's limits; once the directory was read.
-  FileBudget& budget() const { return *m_pages.budget; }
+  // What this thread can spend of the file's limits; once the directory was read.
+  FileBudget& budget() const { return *m_pages.budget(); }
 
  private:
   MMapWrapper m_mapping;

@@ -83,7 +83,7 @@ bool InfoStream::readNamedStreams() {
     const DataPtr<StringVal> entry = table.read<StringVal>();
     m_reader.seek(nameStart + entry->id);
     std::string name = m_reader.readString().data;  // a copy: the mapping is not to be written to
-    if (m_pages.budget != nullptr) m_pages.budget->copied.spend(name.size());
+    if (FileBudget* const budget = m_pages.budget()) budget->copied.spend(name.size());
     strupper(name.data());
     m_nameIndices.emplace(std::move(name), static_cast<int>(uint32_t{entry->stream}));
   }

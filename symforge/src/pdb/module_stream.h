@@ -41,6 +41,9 @@ class ModuleStream {
   bool hasStream() const { return m_info->stream >= 0; }
   uint16_t streamNumber() const { return static_cast<uint16_t>(m_info->stream); }
 
+  // Bytes of the symbols, as the module's record has it.
+  uint32_t symbolBytes() const { return m_info->cbSyms; }
+
   // What is left of the limits of the module's file.
   FileBudget& budget() const { return m_file->budget(); }
 

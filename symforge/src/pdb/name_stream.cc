@@ -34,7 +34,7 @@ bool isContiguous(const std::vector<uint32_t>& pages) {
 }  // namespace
 
 void NameStream::load(const StreamPair& stream, const MsfPages& file) {
-  m_budget = file.budget;
+  m_budget = file.fileBudget;
   gather(stream, file);
   if (wordAt(offsetof(NameStreamHeader, sig)) != kNamesSignature ||
       wordAt(offsetof(NameStreamHeader, version)) != kNamesVersion)
@@ -102,7 +102,8 @@ bool NameStream::find(uint32_t offset, std::string_view& name) const {
   const void* nul = std::memchr(text, '\0', m_size - start);
   if (nul == nullptr) throwInvalid();
   name = std::string_view(text, static_cast<size_t>(static_cast<const char*>(nul) - text));
-  if (m_budget != nullptr) m_budget->visited.spend(name.size());
+  FileBudget* const budget = ThreadBudget::of(m_budget);
+  if (budget != nullptr) budget->visited.spend(name.size());
   return true;
 }
 

@@ -31,7 +31,7 @@ void PublicFunctions::insert(PublicFunction&& symbol) {
 // byte from the next record, and the walk continues one byte off.
 void PublicFunctions::getGlobalFunctions(const MsfFile& file, uint16_t symRecStream,
                                          const SectionMap& sections) {
-  m_visited = &file.budget().visited;
+  m_file = &file;
   const StreamPair& stream = file.getStream(symRecStream);
   if (stream.size == 0) return;
   StreamReader reader(stream, file.pages());

@@ -35,14 +35,14 @@ class PublicFunctions {
   PublicFunction* find(uint32_t rva) { return m_symbols.find(rva); }
 
   // What is left for visits of names, of the limits of the file.
-  Allowance& visited() { return m_visited != nullptr ? *m_visited : m_unlimited; }
+  Allowance& visited() { return m_file != nullptr ? m_file->budget().visited : m_unlimited; }
 
   // All symbols, in the order in which they were added.
   std::vector<PublicFunction>& symbols() { return m_symbols.values(); }
 
  private:
   FirstWinsMap<PublicFunction> m_symbols;  // by RVA
-  Allowance* m_visited = nullptr;          // of the file; null without one
+  const MsfFile* m_file = nullptr;         // null before getGlobalFunctions()
   Allowance m_unlimited;
 };
 

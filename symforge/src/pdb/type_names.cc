@@ -7,6 +7,7 @@
 #include <cstring>
 #include <utility>
 
+#include "symforge/src/parallel/worker_pool.h"
 #include "symforge/src/pdb/leaf_traits.h"
 
 namespace symforge_internal {
@@ -333,6 +334,7 @@ void TypeNames::renderPointer(const TypeInfo& info, uint32_t flags) {
     if (pointer.mode() <= LeafPointer::kLastMode) {
       *m_output += kMarkers[pointer.mode()];
     } else {
+      WorkerPool::giveUpOnWorker();
       m_unknownPointers.put("Unknown ptr type encountered\n");
       ++m_warnings;
     }

@@ -63,8 +63,8 @@ void TypeTable::load(const StreamPair& stream, const MsfPages& file) {
   if (m_min >= max) return;
   // Cap the header's count by what the file can hold.
   const size_t most = std::min<size_t>(max - m_min, file.length / sizeof(TypeRecord));
-  m_offsets.reserve(most);
-  m_functions.reserve(most);
+  m_index->offsets.reserve(most);
+  m_index->functions.reserve(most);
 
   // The hardware prefetcher stops at page boundaries; prefetch by hand.
   constexpr size_t kReadAhead = 1024;
@@ -72,7 +72,8 @@ void TypeTable::load(const StreamPair& stream, const MsfPages& file) {
   for (uint32_t index = m_min; index != max; ++index) {
     next = skipFill(reader, next);
     const RecordHeader head = headAt(next);
-    __builtin_prefetch(m_runs.back().data + (next - m_runs.back().start) + kReadAhead);
+    __builtin_prefetch(m_index->runs.back().data + (next - m_index->runs.back().start) +
+                       kReadAhead);
     // All further indices would refer to this same record.
     if (head.length == 0 || head.leaf == 0) break;
     addRecord(next, head);
@@ -96,14 +97,14 @@ void TypeTable::addRecord(uint32_t offset, const RecordHeader& head) {
   const LeafTraits& traits = traitsFor(head.leaf);
   const bool kept = traits.kept();
   TypeInfo info;
-  if (kept && !decodeInRun(m_runs.back(), offset, head, traits, info))
+  if (kept && !decodeInRun(m_index->runs.back(), offset, head, traits, info))
     decodeAcrossRuns(offset, info);
   if (head.leaf == LEAF::LF_POINTER) {
     const auto* pointer = reinterpret_cast<const LeafPointer*>(info.data.data);
     if (pointer->mode() > LeafPointer::kLastMode) m_hasUnknownPointers = true;
   }
-  m_offsets.push_back(kept ? offset : 0);
-  m_functions.push_back(traits.isFunction);
+  m_index->offsets.push_back(kept ? offset : 0);
+  m_index->functions.push_back(traits.isFunction);
 }
 
 // From the end of a record to the start of the next, which is then in the last run.
@@ -111,7 +112,7 @@ uint32_t TypeTable::skipFill(StreamReader& reader, uint32_t offset) {
   enterRunOf(reader, offset);
   const uint32_t count = (0 - offset) % 4;
   if (count == 0) return offset;
-  const Run& run = m_runs.back();
+  const Run& run = m_index->runs.back();
   const bool fill =
       run.bytesAt(offset) >= count
           ? isFill(run.at(offset), count)
@@ -123,16 +124,16 @@ uint32_t TypeTable::skipFill(StreamReader& reader, uint32_t offset) {
 
 // Makes the last run one that contains the offset.
 void TypeTable::enterRunOf(StreamReader& reader, uint32_t offset) {
-  if (!m_runs.empty() && m_runs.back().bytesAt(offset) != 0) return;
+  if (!m_index->runs.empty() && m_index->runs.back().bytesAt(offset) != 0) return;
   reader.seek(offset);
   Run run{offset, reader.available(), 0, reader.getData()};
   const void* nul = memrchr(run.data, '\0', run.size);
   if (nul != nullptr) run.terminated = static_cast<const uint8_t*>(nul) - run.data + 1;
-  m_runs.push_back(run);
+  m_index->runs.push_back(run);
 }
 
 TypeTable::RecordHeader TypeTable::headAt(uint32_t offset) const {
-  const Run& run = m_runs.back();
+  const Run& run = m_index->runs.back();
   if (run.bytesAt(offset) >= sizeof(TypeRecord)) return headIn(run, offset);
   StreamReader reader(*m_stream, *m_file, offset);
   const DataPtr<TypeRecord> record = reader.read<TypeRecord>();
@@ -146,8 +147,8 @@ TypeTable::RecordHeader TypeTable::headIn(const Run& run, uint32_t offset) {
 
 bool TypeTable::find(uint32_t type, TypeInfo& info) const {
   const uint32_t place = type - m_min;
-  if (place >= m_offsets.size() || m_offsets[place] == 0) return false;
-  const uint32_t offset = m_offsets[place];
+  if (place >= m_index->offsets.size() || m_index->offsets[place] == 0) return false;
+  const uint32_t offset = m_index->offsets[place];
   const Run& run = runOf(offset);
   if (run.bytesAt(offset) >= sizeof(TypeRecord)) {
     const RecordHeader head = headIn(run, offset);
@@ -159,12 +160,13 @@ bool TypeTable::find(uint32_t type, TypeInfo& info) const {
 
 // A run that contains the offset, or any other if the offset is before the known part of its run.
 const TypeTable::Run& TypeTable::runOf(uint32_t offset) const {
-  if (m_runs[m_lastRun].bytesAt(offset) == 0) {
-    const auto above = std::upper_bound(m_runs.begin(), m_runs.end(), offset,
+  if (m_index->runs[m_lastRun].bytesAt(offset) == 0) {
+    const auto above = std::upper_bound(m_index->runs.begin(), m_index->runs.end(), offset,
                                         [](uint32_t at, const Run& run) { return at < run.start; });
-    m_lastRun = above == m_runs.begin() ? 0 : static_cast<size_t>(above - m_runs.begin()) - 1;
+    m_lastRun =
+        above == m_index->runs.begin() ? 0 : static_cast<size_t>(above - m_index->runs.begin()) - 1;
   }
-  return m_runs[m_lastRun];
+  return m_index->runs[m_lastRun];
 }
 
 // Decodes a record in place. False, with `info` undefined, unless all of it is certain to be in the

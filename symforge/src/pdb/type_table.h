@@ -16,6 +16,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "symforge/src/msf/msf_file.h"
@@ -41,7 +42,9 @@ class TypeTable {
  public:
   // kStandard has the ids of member functions and strings as well, and finds the name of a class
   // after a size of any form.
-  explicit TypeTable(TypeDialect dialect = TypeDialect::kDefault) : m_dialect(dialect) {}
+  // A copy of a loaded table shares its records; each copy is for one thread.
+  explicit TypeTable(TypeDialect dialect = TypeDialect::kDefault)
+      : m_dialect(dialect), m_index(std::make_shared<Index>()) {}
 
   // Indexes a stream that has bytes. `stream` and `file` must outlive the table. Throws
   // pdb_recoverable_exception when the records, or what is kept of them, exceed the stream's pages.
@@ -56,24 +59,25 @@ class TypeTable {
   // Reads no record.
   bool isFunction(uint32_t type) const {
     const uint32_t place = type - m_min;
-    return type != 0 && place < m_functions.size() && m_functions[place];
+    return type != 0 && place < m_index->functions.size() && m_index->functions[place];
   }
 
   // Prefetch the memory that find() will read: first the index, then, some hundred nanoseconds
   // later, the record.
   void prefetchIndex(uint32_t type) const {
     const uint32_t place = type - m_min;
-    if (place < m_offsets.size()) __builtin_prefetch(&m_offsets[place]);
+    if (place < m_index->offsets.size()) __builtin_prefetch(&m_index->offsets[place]);
   }
   void prefetchRecord(uint32_t type) const {
     const uint32_t place = type - m_min;
-    if (place >= m_offsets.size()) return;
-    const Run& run = m_runs[m_lastRun];
-    if (run.bytesAt(m_offsets[place]) != 0) __builtin_prefetch(run.at(m_offsets[place]));
+    if (place >= m_index->offsets.size()) return;
+    const uint32_t offset = m_index->offsets[place];
+    const Run& run = m_index->runs[m_lastRun];
+    if (run.bytesAt(offset) != 0) __builtin_prefetch(run.at(offset));
   }
 
   // What is left of the limits of the table's file; null before load() and without limits.
-  FileBudget* budget() const { return m_file != nullptr ? m_file->budget : nullptr; }
+  FileBudget* budget() const { return m_file != nullptr ? m_file->budget() : nullptr; }
 
   // Whether there is a pointer record of an unknown kind; rendering it prints a warning.
   bool hasUnknownPointers() const { return m_hasUnknownPointers; }
@@ -82,7 +86,7 @@ class TypeTable {
   uint16_t wordAt(uint32_t offset) const;
 
   // The number of indices that were walked, from the first one on.
-  size_t size() const { return m_offsets.size(); }
+  size_t size() const { return m_index->offsets.size(); }
 
  private:
   // A range of the stream whose pages are consecutive in the file.
@@ -101,6 +105,12 @@ class TypeTable {
   struct RecordHeader {
     uint16_t length;
     uint16_t leaf;
+  };
+  // Not changed once it is loaded.
+  struct Index {
+    std::vector<uint32_t> offsets;  // of each record in the stream; 0: no text
+    std::vector<bool> functions;
+    std::vector<Run> runs;  // in the order of the stream
   };
 
   const LeafTraits& traitsFor(uint16_t leaf) const;
@@ -121,9 +131,7 @@ class TypeTable {
   const MsfPages* m_file = nullptr;
   uint32_t m_min = 0;
   bool m_hasUnknownPointers = false;
-  std::vector<uint32_t> m_offsets;  // of each record in the stream; 0: no text
-  std::vector<bool> m_functions;
-  std::vector<Run> m_runs;  // in the order of the stream
+  std::shared_ptr<Index> m_index;  // of all copies
   mutable size_t m_lastRun = 0;
 };
 

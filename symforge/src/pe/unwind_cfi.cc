@@ -8,6 +8,7 @@
 #include "base/cycle_detector.h"
 #include "base/limits.h"
 #include "common/symbol_text.h"
+#include "symforge/src/parallel/worker_pool.h"
 #include "symforge/src/pdb_exception.h"
 #include "symforge/src/pe/unwind_codes.h"
 
@@ -33,15 +34,16 @@ class UnwindLinks {
  public:
   UnwindLinks(const PeImage& image, size_t entries)
       : m_image(image),
+        m_lookupCost(image.ntHeaders()->FileHeader.NumberOfSections / 16),
         m_left(limits::kUnwindSlots + limits::kUnwindSlotsPerEntry * uint64_t{entries}) {}
 
   // From an entry to the address of its unwind data. Bit 0 set: the address is that of another
   // entry. False for dangling links.
   bool resolveEntry(uint32_t& rva) {
+    if (!spend(m_lookupCost)) return false;
     while ((rva & 1) != 0) {
       const auto* entry = m_image.recordAt<IMAGE_RUNTIME_FUNCTION_ENTRY>(rva ^ 1);
-      if (entry == nullptr || m_left == 0) return false;
-      --m_left;
+      if (entry == nullptr || !spend(1 + m_lookupCost)) return false;
       rva = entry->UnwindInfoAddress;
     }
     return true;
@@ -61,15 +63,19 @@ class UnwindLinks {
     int rounds = 0;
     while (info != nullptr) {
       if (chain.visit(info) && ++rounds == 2) return false;
-      const uint64_t cost = 1 + uint64_t{info->count_of_codes};
-      if (cost > m_left || !frame.add(*info)) return false;
-      m_left -= cost;
+      if (!spend(1 + m_lookupCost + info->count_of_codes) || !frame.add(*info)) return false;
       info = info->chained() ? follow(*info) : nullptr;
     }
     return true;
   }
 
  private:
+  bool spend(uint64_t cost) {
+    if (cost > m_left) return false;
+    m_left -= cost;
+    return true;
+  }
+
   size_t bytesLeft(const UnwindInfo& info) const {
     return m_image.bytesLeft(&info.version_and_flags);
   }
@@ -84,7 +90,8 @@ class UnwindLinks {
   }
 
   const PeImage& m_image;
-  uint64_t m_left;  // slots and links
+  const uint64_t m_lookupCost;  // of an RVA, which is searched for in all sections
+  uint64_t m_left;              // slots and links
 };
 
 constexpr int32_t kReturnAddress = 8;  // bytes
@@ -147,14 +154,19 @@ bool printEntry(UnwindLinks& links, const IMAGE_RUNTIME_FUNCTION_ENTRY& entry, T
   return true;
 }
 
+void warn(const char* text) {
+  WorkerPool::giveUpOnWorker();
+  std::fputs(text, stderr);
+}
+
 // True if the image has x64 exception data; otherwise prints the reason.
 bool hasUnwindData(const PeImage& image) {
   if (!image.isPe32Plus()) {
-    std::fputs("Not a PE32+ image\n", stderr);
+    warn("Not a PE32+ image\n");
     return false;
   }
   if (isClrAssembly(*image.ntHeaders())) {
-    std::fputs(kClrNotSupported, stderr);  // without a line end, as it always was
+    warn(kClrNotSupported);  // without a line end, as it always was
     return false;
   }
   return true;
@@ -167,11 +179,11 @@ void printEntries(const PeImage& image, const uint8_t* table, size_t count, Text
   UnwindLinks links(image, std::min(count, present));
   for (size_t i = 0; i < count; ++i) {
     if (i == present) {
-      std::fputs("Failed to find function entries\n", stderr);
+      warn("Failed to find function entries\n");
       return;
     }
     if (!printEntry(links, entries[i], out)) {
-      std::fputs("Failed to find chained function\n", stderr);
+      warn("Failed to find chained function\n");
       return;
     }
   }
@@ -187,7 +199,7 @@ void printUnwindData(const PeImage& image, TextBuffer& out) {
       image.ntHeaders()->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_EXCEPTION];
   const uint8_t* table = image.ImageRvaToVa(directory.VirtualAddress);
   if (table == nullptr) {
-    std::fputs("Failed to find function entries\n", stderr);
+    warn("Failed to find function entries\n");
     return;
   }
   printEntries(image, table, directory.Size / sizeof(IMAGE_RUNTIME_FUNCTION_ENTRY), out);

@@ -8,15 +8,32 @@
 
 namespace symforge_internal {
 
-void FileNumbers::add(uint32_t file) {
+FileNumbers::Line& FileNumbers::lineOf(uint32_t file) {
   if (file >= m_lines.size()) m_lines.resize(file + file / 2 + 1);
-  m_used.push_back(file);
-  Line& line = m_lines[file];
-  line.number = static_cast<uint32_t>(m_used.size());
+  return m_lines[file];
+}
+
+void FileNumbers::setNumber(uint32_t number, Line& line) {
+  line.number = number;
   line.ending[0] = ' ';
-  char* const end = std::to_chars(line.ending + 1, line.ending + kEndingBytes - 1, line.number).ptr;
+  char* const end = std::to_chars(line.ending + 1, line.ending + kEndingBytes - 1, number).ptr;
   *end = '\n';
   line.endingSize = static_cast<uint32_t>(end + 1 - line.ending);
+}
+
+void FileNumbers::add(uint32_t file) {
+  m_used.push_back(file);
+  setNumber(static_cast<uint32_t>(m_used.size()), lineOf(file));
+}
+
+void FileNumbers::noteMissing(uint32_t file) {
+  lineOf(file).number = kMissing;
+  m_missing.push_back(file);
+}
+
+void FileNumbers::takeNumbers(FileNumbers& shared) {
+  for (const uint32_t file : m_missing) setNumber(shared.number(file), m_lines[file]);
+  m_missing.clear();
 }
 
 uint32_t FileNumbers::lookUp(size_t module, uint32_t offset) {

@@ -48,12 +48,21 @@ class FileNumbers {
   }
   static constexpr size_t kEndingBytes = 16;
 
+  // For several readers with one numbering: notes that the number of a file will be printed;
+  // takeNumbers() gives all such files the numbers that `shared` has for them.
+  void need(uint32_t file) {
+    if (file >= m_lines.size() || m_lines[file].number == 0) noteMissing(file);
+  }
+  void takeNumbers(FileNumbers& shared);
+
   size_t count() const { return m_used.size(); }
 
   // Appends the FILE lines.
   void print(TextBuffer& out) const;
 
  private:
+  static constexpr uint32_t kMissing = 0xFFFFFFFF;
+
   struct Line {
     uint32_t number = 0;  // 0: not used so far
     uint32_t endingSize = 0;
@@ -61,6 +70,9 @@ class FileNumbers {
   };
 
   void add(uint32_t file);
+  Line& lineOf(uint32_t file);
+  static void setNumber(uint32_t number, Line& line);
+  void noteMissing(uint32_t file);
   uint32_t lookUp(size_t module, uint32_t offset);
   bool hasName(uint32_t file);
   std::string_view nameOf(uint32_t file) const;
@@ -69,9 +81,10 @@ class FileNumbers {
   const NameStream& m_names;
   enum class Named : uint8_t { kUnknown, kNo, kYes };
 
-  std::vector<Line> m_lines;     // by source file
-  std::vector<Named> m_named;    // by source file
-  std::vector<uint32_t> m_used;  // source files by number - 1
+  std::vector<Line> m_lines;        // by source file
+  std::vector<Named> m_named;       // by source file
+  std::vector<uint32_t> m_used;     // source files by number - 1
+  std::vector<uint32_t> m_missing;  // source files that wait for takeNumbers()
   // The last look-up: neighbours mostly ask for the same file.
   size_t m_lastModule = SIZE_MAX;
   uint32_t m_lastOffset = 0;

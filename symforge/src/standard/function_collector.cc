@@ -1,6 +1,7 @@
 #include "symforge/src/standard/function_collector.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace symforge_internal {
 
@@ -14,23 +15,60 @@ bool isCode(const SymbolHeader& symbol) {
 
 }  // namespace
 
-// Modules that share a stream would be read again and again.
-void FunctionCollector::collect(ModuleStreams& modules) {
-  m_lines.resize(modules.size());
-  m_nextBlock.resize(modules.size());
+std::vector<bool> FunctionCollector::repeatedStreams(const ModuleStreams& modules) {
+  std::vector<bool> repeated(modules.size());
   std::vector<bool> seen(size_t{1} << 16);
   for (size_t i = 0; i < modules.size(); ++i) {
-    const size_t before = m_functions.size();
     const uint16_t stream = modules[i].streamNumber();
-    if (!seen[stream]) {
-      seen[stream] = true;
-      collectModule(modules[i], static_cast<uint32_t>(i));
-    }
+    repeated[i] = seen[stream];
+    seen[stream] = true;
+  }
+  return repeated;
+}
+
+void FunctionCollector::collect(const ModuleStreams& modules) {
+  collectPart(modules, repeatedStreams(modules), 0, modules.size());
+}
+
+void FunctionCollector::collectPart(const ModuleStreams& modules, const std::vector<bool>& repeated,
+                                    size_t first, size_t end) {
+  m_lines.resize(modules.size());
+  for (size_t i = first; i < end; ++i) {
+    const size_t before = m_functions.size();
+    if (!repeated[i]) collectModule(modules[i], static_cast<uint32_t>(i));
     if (m_functions.size() == before) ++m_empty;
   }
 }
 
-void FunctionCollector::collectModule(ModuleStream& module, uint32_t number) {
+void FunctionCollector::join(std::span<FunctionCollector> parts) {
+  size_t functions = 0;
+  size_t sites = 0;
+  for (const FunctionCollector& part : parts) {
+    functions += part.m_functions.size();
+    sites += part.m_sites.size();
+  }
+  m_functions.reserve(functions);
+  m_sites.reserve(sites);
+  for (FunctionCollector& part : parts) {
+    const auto before = static_cast<uint32_t>(m_sites.size());
+    for (CollectedFunction& function : part.m_functions) {
+      function.firstSite += before;
+      m_functions.push_back(std::move(function));
+    }
+    m_sites.insert(m_sites.end(), part.m_sites.begin(), part.m_sites.end());
+    m_separated.insert(m_separated.end(), part.m_separated.begin(), part.m_separated.end());
+    m_lines.resize(part.m_lines.size());
+    for (size_t i = 0; i < part.m_lines.size(); ++i) {
+      if (!part.m_lines[i].empty()) m_lines[i] = std::move(part.m_lines[i]);
+    }
+    m_damaged += part.m_damaged;
+    m_empty += part.m_empty;
+    part.m_functions = std::vector<CollectedFunction>();
+    part.m_sites = std::vector<uint32_t>();
+  }
+}
+
+void FunctionCollector::collectModule(const ModuleStream& module, uint32_t number) {
   try {
     m_inFunction = false;
     module.forEachSymbol([&](const SymbolHeader& symbol, StreamReader& body, uint32_t offset) {
@@ -49,20 +87,18 @@ void FunctionCollector::addSymbol(const SymbolHeader& symbol, StreamReader& body
     case S_LPROC32:
     case S_GPROC32: {
       const DataPtr<ProcSym32> procedure = body.read<ProcSym32>();
-      CollectedFunction* function = addFunction(procedure->seg, procedure->off, module);
+      CollectedFunction* function = addFunction(procedure->seg, procedure->off, module, body);
       m_inFunction = function != nullptr;
       if (function == nullptr) break;
-      function->name = body.readString();
       function->length = procedure->len;
       function->typeIndex = procedure->typind;
       break;
     }
     case S_THUNK32: {
       const DataPtr<ThunkSym32> thunk = body.read<ThunkSym32>();
-      CollectedFunction* function = addFunction(thunk->seg, thunk->off, module);
+      CollectedFunction* function = addFunction(thunk->seg, thunk->off, module, body);
       m_inFunction = false;
       if (function == nullptr) break;
-      function->name = body.readString();
       function->length = thunk->parent != 0 ? uint32_t{thunk->len} : 0;
       break;
     }
@@ -85,9 +121,11 @@ void FunctionCollector::addSymbol(const SymbolHeader& symbol, StreamReader& body
 
 // The result is valid until the next call; null for a section that does not exist.
 CollectedFunction* FunctionCollector::addFunction(uint32_t section, uint32_t offset,
-                                                  uint32_t module) {
+                                                  uint32_t module, StreamReader& body) {
   if (!m_sections.hasSection(section)) return nullptr;
+  DataPtr<char> name = body.readString();
   CollectedFunction& function = m_functions.emplace_back();
+  function.name = std::move(name);
   function.rva = m_sections.sectionBase(section) + offset;
   function.module = module;
   function.firstSite = static_cast<uint32_t>(m_sites.size());
@@ -116,10 +154,9 @@ void FunctionCollector::collectLines(const ModuleStream& module, uint32_t number
   blocks.shrink_to_fit();
 }
 
-std::span<const LineBlock> FunctionCollector::lineBlocks(uint32_t module, uint32_t rva,
-                                                         uint64_t end) const {
+std::span<const LineBlock> LineBlockFinder::find(uint32_t module, uint32_t rva, uint64_t end) {
   const std::vector<LineBlock>& blocks = m_lines[module];
-  size_t& next = m_nextBlock[module];
+  size_t& next = m_next[module];
   const bool isFirst =
       next < blocks.size() && blocks[next].rva >= rva && (next == 0 || blocks[next - 1].rva < rva);
   if (!isFirst) {

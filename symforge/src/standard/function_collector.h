@@ -49,11 +49,21 @@ class FunctionCollector {
   // `sections` must outlive this. `withInlines`: whether inline sites are noted.
   FunctionCollector(const SectionMap& sections, bool withInlines)
       : m_sections(sections), m_withInlines(withInlines) {}
+  FunctionCollector(FunctionCollector&&) = default;
 
   // Reads all modules, whose streams must exist. A module whose streams end too early or are
   // damaged loses what is left of it. Code in sections that the image does not have is left out. To
   // be called once.
-  void collect(ModuleStreams& modules);
+  void collect(const ModuleStreams& modules);
+
+  // The same in parts, of which each is read by a collector of its own: the modules at `first` ...
+  // `end` - 1. Then the parts are joined, in the order of the modules. To be called once.
+  void collectPart(const ModuleStreams& modules, const std::vector<bool>& repeated, size_t first,
+                   size_t end);
+  void join(std::span<FunctionCollector> parts);
+
+  // The modules that share the stream of an earlier one: they would be read again and again.
+  static std::vector<bool> repeatedStreams(const ModuleStreams& modules);
 
   // In the order of the modules and their symbols.
   const std::vector<CollectedFunction>& functions() const { return m_functions; }
@@ -65,18 +75,19 @@ class FunctionCollector {
     return {m_sites.data() + function.firstSite, function.siteCount};
   }
 
-  // The line blocks of a module that begin in `rva` ... `end` - 1, in the order of their RVAs and,
-  // where these are equal, of the file. Fastest for ascending addresses.
-  std::span<const LineBlock> lineBlocks(uint32_t module, uint32_t rva, uint64_t end) const;
+  // The line blocks of each module, in the order of their RVAs and, where these are equal, of the
+  // file.
+  const std::vector<std::vector<LineBlock>>& lineBlocks() const { return m_lines; }
 
   // Modules of which nothing or not everything could be read.
   uint32_t damagedModules() const { return m_damaged; }
   uint32_t modulesWithoutFunctions() const { return m_empty; }
 
  private:
-  void collectModule(ModuleStream& module, uint32_t number);
+  void collectModule(const ModuleStream& module, uint32_t number);
   void addSymbol(const SymbolHeader& symbol, StreamReader& body, uint32_t offset, uint32_t module);
-  CollectedFunction* addFunction(uint32_t section, uint32_t offset, uint32_t module);
+  CollectedFunction* addFunction(uint32_t section, uint32_t offset, uint32_t module,
+                                 StreamReader& body);
   void addSite(uint32_t entry);
   void collectLines(const ModuleStream& module, uint32_t number);
 
@@ -86,10 +97,24 @@ class FunctionCollector {
   std::vector<SeparatedCode> m_separated;
   std::vector<uint32_t> m_sites;
   std::vector<std::vector<LineBlock>> m_lines;  // by module
-  mutable std::vector<size_t> m_nextBlock;      // by module: after those that were found last
   bool m_inFunction = false;                    // the last function takes inline sites
   uint32_t m_damaged = 0;
   uint32_t m_empty = 0;
+};
+
+// Finds line blocks; fastest for ascending addresses.
+class LineBlockFinder {
+ public:
+  // All modules must have been read, and `collector` must outlive this.
+  explicit LineBlockFinder(const FunctionCollector& collector)
+      : m_lines(collector.lineBlocks()), m_next(m_lines.size()) {}
+
+  // Those of a module that begin in `rva` ... `end` - 1.
+  std::span<const LineBlock> find(uint32_t module, uint32_t rva, uint64_t end);
+
+ private:
+  const std::vector<std::vector<LineBlock>>& m_lines;
+  std::vector<size_t> m_next;  // by module: after those that were found last
 };
 
 }  // namespace symforge_internal

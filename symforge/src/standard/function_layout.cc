@@ -84,7 +84,7 @@ void FunctionLayout::placeRun(Run run) {
 }
 
 // Which function is shown, and its block of lines. False when none has code or a type.
-bool FunctionLayout::choose(Run run, PlacedFunction& placed) const {
+bool FunctionLayout::choose(Run run, PlacedFunction& placed) {
   const std::vector<CollectedFunction>& functions = m_collector.functions();
   const auto isFunction = [&](const Key& key) {
     return functions[key.function].length != 0 || key.typeIndex != 0;
@@ -114,9 +114,9 @@ bool FunctionLayout::choose(Run run, PlacedFunction& placed) const {
 }
 
 // How many blocks of lines of the function's module begin at its address.
-size_t FunctionLayout::blocksAt(uint32_t function) const {
+size_t FunctionLayout::blocksAt(uint32_t function) {
   const CollectedFunction& of = m_collector.functions()[function];
-  return m_collector.lineBlocks(of.module, of.rva, uint64_t{of.rva} + 1).size();
+  return m_lineBlocks.find(of.module, of.rva, uint64_t{of.rva} + 1).size();
 }
 
 bool FunctionLayout::isShared(Run run, uint32_t shown) {

@@ -55,6 +55,7 @@ class FunctionLayout {
   FunctionLayout(const FunctionCollector& collector, const SectionMap& sections,
                  const FrameTables& frames, PublicFunctions& publics, FunctionNames& names)
       : m_collector(collector),
+        m_lineBlocks(collector),
         m_sections(sections),
         m_frames(frames),
         m_publics(publics),
@@ -79,8 +80,8 @@ class FunctionLayout {
 
   void fold();
   void placeRun(Run run);
-  bool choose(Run run, PlacedFunction& placed) const;
-  size_t blocksAt(uint32_t function) const;
+  bool choose(Run run, PlacedFunction& placed);
+  size_t blocksAt(uint32_t function);
   bool isShared(Run run, uint32_t shown);
   bool sameName(const CollectedFunction& a, const CollectedFunction& b);
   void addSeparatedCode();
@@ -89,6 +90,7 @@ class FunctionLayout {
   uint32_t paramSize(const CollectedFunction& function, uint32_t rva);
 
   const FunctionCollector& m_collector;
+  LineBlockFinder m_lineBlocks;
   const SectionMap& m_sections;
   const FrameTables& m_frames;
   PublicFunctions& m_publics;

@@ -35,7 +35,7 @@ void FunctionNames::appendFunction(std::string_view name, uint32_t type, std::st
   const size_t start = output.size();
   output += name;
   if (type == 0) return;
-  if (name.find("__") != std::string_view::npos) {
+  if (hasCompilerMarker(name)) {
     eraseFromTheEnd(output, start, " __ptr64");
     eraseFromTheEnd(output, start, "__cdecl");
   }

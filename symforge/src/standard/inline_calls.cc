@@ -63,17 +63,18 @@ inline uint32_t InlineCalls::innermostRow(Site& site, const Row* rows, uint32_t 
 inline uint32_t InlineCalls::followPath(uint32_t at, uint32_t end, SourcePlace& place) {
   Site* const sites = m_sites.data();
   const Row* const rows = m_rows.data();
-  m_path.clear();
+  size_t depth = 0;
   for (uint32_t site = 0;;) {
     const uint32_t number = innermostRow(sites[site], rows, at);
     if (number == kNone) break;
     const Row& row = rows[number];
     end = std::min(end, row.code.end);
-    m_path.push_back({row.site, row.code.place.file, place});
+    m_path[depth++] = {row.site, row.code.place.file, place};
     place = row.code.place;
     site = row.site;
   }
-  spend(m_path.size() + 1);
+  spend(depth + 1);
+  m_depth = depth;
   return end;
 }
 
@@ -120,7 +121,7 @@ void InlineCalls::resolve(const std::vector<CodeRow>& ownLines) {
     if (m_nextRow < m_order.size()) end = std::min(end, nextStart());
     SourcePlace place = hasLine ? own->place : SourcePlace();
     end = followPath(at, end, place);
-    for (const OpenCall& call : m_path) addPiece(call, at, end);
+    for (size_t depth = 0; depth < m_depth; ++depth) addPiece(m_path[depth], at, end);
     addLine(at, end, place);
   }
   for (size_t site = 1; site < m_sites.size(); ++site) addCalls(m_sites[site]);

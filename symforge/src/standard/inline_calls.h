@@ -20,6 +20,7 @@
 
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -85,6 +86,9 @@ class InlineCalls {
   void close() {
     if (m_open.size() > 1) m_open.pop_back();
   }
+
+  // What is left of `maxSteps`.
+  uint64_t rangesLeft() const { return m_budget; }
 
   bool empty() const { return m_sites.size() == 1; }
 
@@ -156,9 +160,10 @@ class InlineCalls {
   std::vector<CodeRow> m_lines;
 
   // Of the sweep.
-  std::vector<uint64_t> m_order;  // start of a row above its position
-  size_t m_nextRow = 0;           // in m_order
-  std::vector<OpenCall> m_path;
+  std::vector<uint64_t> m_order;           // start of a row above its position
+  size_t m_nextRow = 0;                    // in m_order
+  std::array<OpenCall, kMaxDepth> m_path;  // a site is at most that deep
+  size_t m_depth = 0;
   std::vector<Piece> m_sorted;
 };
 

@@ -46,6 +46,18 @@ uint32_t InlineOrigins::number(uint32_t origin) {
   return number;
 }
 
+void InlineOrigins::noteMissing(uint32_t origin) {
+  m_origins[origin].number = kMissing;
+  m_missing.push_back(origin);
+}
+
+void InlineOrigins::takeNumbers(InlineOrigins& shared) {
+  for (const uint32_t origin : m_missing) {
+    m_origins[origin].number = shared.number(shared.add(text(origin)));
+  }
+  m_missing.clear();
+}
+
 void InlineOrigins::print(TextBuffer& out) const {
   for (size_t i = 0; i < m_used.size(); ++i) {
     append_line(out, InlineOriginFields{static_cast<long>(i), text(m_used[i])});

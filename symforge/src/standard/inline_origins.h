@@ -27,13 +27,23 @@ class InlineOrigins {
   // The number to print for an origin that find() returned.
   uint32_t number(uint32_t origin);
 
+  // For several readers with one numbering: notes that the number of an origin will be printed;
+  // takeNumbers() gives all such origins the numbers that `shared` has for their names.
+  void need(uint32_t origin) {
+    if (m_origins[origin].number == kUnnamed) noteMissing(origin);
+  }
+  void takeNumbers(InlineOrigins& shared);
+
   size_t count() const { return m_used.size(); }
 
   // Appends the INLINE_ORIGIN lines.
   void print(TextBuffer& out) const;
 
  private:
+  static constexpr uint32_t kMissing = 0xFFFFFFFE;
+
   uint32_t add(std::string_view name);
+  void noteMissing(uint32_t origin);
   std::string_view text(uint32_t origin) const;
 
   FunctionNames& m_names;
@@ -48,7 +58,8 @@ class InlineOrigins {
     uint32_t number = kUnnamed;
   };
   std::vector<Origin> m_origins;
-  std::vector<uint32_t> m_used;  // origins by number
+  std::vector<uint32_t> m_used;     // origins by number
+  std::vector<uint32_t> m_missing;  // origins that wait for takeNumbers()
 };
 
 }  // namespace symforge_internal

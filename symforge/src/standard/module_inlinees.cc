@@ -18,7 +18,7 @@ void skipExtraFiles(StreamReader& reader, uint32_t end) {
 }  // namespace
 
 void ModuleInlinees::read(uint32_t module) {
-  m_read[module] = true;
+  m_read[module] = 1;
   auto& table = m_tables[module];
   try {
     m_modules[module].readModule(kInlineeLinesSubsection, [&](StreamReader& reader, uint32_t end) {

@@ -25,6 +25,12 @@ class ModuleInlinees {
   explicit ModuleInlinees(const ModuleStreams& modules)
       : m_modules(modules), m_tables(modules.size()), m_read(modules.size()) {}
 
+  // Reads the tables of the modules at `first` ... `end` - 1. Several threads can read different
+  // ones, and find() can be called by several when all were read.
+  void read(size_t first, size_t end) {
+    for (; first < end; ++first) read(static_cast<uint32_t>(first));
+  }
+
   // Null when the module has no entry. The module's table is read when it is first asked for; what
   // cannot be read of it is left out.
   const InlineeStart* find(uint32_t module, uint32_t inlinee) {
@@ -41,7 +47,7 @@ class ModuleInlinees {
 
   const ModuleStreams& m_modules;
   std::vector<SealedMap<InlineeStart, InlineeOf>> m_tables;  // by module
-  std::vector<bool> m_read;
+  std::vector<uint8_t> m_read;  // not bits, which threads could not set independently
 };
 
 }  // namespace symforge_internal

@@ -24,6 +24,18 @@ struct StandardCounts {
   uint64_t modulesWithoutFunctions = 0;
   // What is to be said about the image, without line ends.
   std::vector<std::string> messages;
+
+  // Adds what another part of the file holds, but its messages.
+  void add(const StandardCounts& other) {
+    for (const auto count :
+         {&StandardCounts::functions, &StandardCounts::sharedFunctions, &StandardCounts::lines,
+          &StandardCounts::inlinedCalls, &StandardCounts::publics, &StandardCounts::files,
+          &StandardCounts::origins, &StandardCounts::unnamedInlinees, &StandardCounts::tooDeepCalls,
+          &StandardCounts::damagedBlocks, &StandardCounts::damagedModules,
+          &StandardCounts::modulesWithoutFunctions}) {
+      this->*count += other.*count;
+    }
+  }
 };
 
 }  // namespace symforge_internal

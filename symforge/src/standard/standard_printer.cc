@@ -1,14 +1,16 @@
 #include "symforge/src/standard/standard_printer.h"
 
+#include <optional>
 #include <string_view>
+#include <utility>
 
 #include "base/limits.h"
 #include "base/path_names.h"
 #include "common/symbol_text.h"
+#include "symforge/src/parallel/table_load.h"
 #include "symforge/src/pdb/foreign_types.h"
 #include "symforge/src/pdb/frame_tables.h"
 #include "symforge/src/pdb/name_stream.h"
-#include "symforge/src/pdb/public_functions.h"
 #include "symforge/src/pdb/section_map.h"
 #include "symforge/src/pdb/source_files.h"
 #include "symforge/src/pdb/type_table.h"
@@ -17,9 +19,10 @@
 #include "symforge/src/standard/function_collector.h"
 #include "symforge/src/standard/function_layout.h"
 #include "symforge/src/standard/function_names.h"
-#include "symforge/src/standard/function_writer.h"
+#include "symforge/src/standard/function_reader.h"
 #include "symforge/src/standard/inline_origins.h"
 #include "symforge/src/standard/line_name.h"
+#include "symforge/src/standard/worker_steps.h"
 
 namespace symforge_internal {
 
@@ -32,16 +35,14 @@ void printPublic(const PlacedPublic& symbol, TextBuffer& out) {
   append_line(out, PublicFields{symbol.shared, symbol.rva, symbol.paramSize, name});
 }
 
-// The type and id records.
-struct Types {
-  explicit Types(const MsfFile& file) {
-    loadTypeStream(file, kTypeInfoStream, types, /*required=*/true);
-    loadTypeStream(file, kIPIStream, ids, /*required=*/false);
+std::vector<CodeRange> rangesOf(const std::vector<PlacedFunction>& functions) {
+  std::vector<CodeRange> ranges;
+  ranges.reserve(functions.size());
+  for (const PlacedFunction& f : functions) {
+    if (f.size != 0) ranges.push_back({f.rva, f.size});
   }
-
-  TypeTable types{TypeDialect::kStandard};
-  TypeTable ids{TypeDialect::kStandard};
-};
+  return ranges;
+}
 
 }  // namespace
 
@@ -52,16 +53,13 @@ void StandardPrinter::printHeader(TextBuffer& out) const {
   append_line(out, ModuleFields{"windows", arch, m_source.debugId, name});
 }
 
-void StandardPrinter::printUnwindRules(const std::vector<PlacedFunction>& functions,
-                                       TextBuffer& out) const {
-  std::vector<CodeRange> ranges;
-  ranges.reserve(functions.size());
-  for (const PlacedFunction& f : functions) {
-    if (f.size != 0) ranges.push_back({f.rva, f.size});
-  }
-  for (const std::string& message : m_source.codeFile.printUnwindRules(ranges, out)) {
-    m_counts.messages.push_back(message);
-  }
+// On one thread.
+void StandardPrinter::printFunctions(const FunctionSources& sources, FileNumbers& files,
+                                     InlineOrigins& origins, TextBuffer& out) {
+  FunctionReader reader(sources, files, origins);
+  LinePrinter printer(files, origins);
+  for (size_t i = 0; i < sources.functions.size(); ++i) printer.print(reader.read(i, out), out);
+  m_counts.add(reader.counts());
 }
 
 // Modules whose stream does not exist are left out.
@@ -92,46 +90,71 @@ void StandardPrinter::print(TextBuffer& out) {
   printHeader(out);
   m_source.codeFile.printStandardCodeId(out);
   const size_t start = out.size();
+  // More than the tables of files and origins take.
+  out.reserve_front(file.size() / 8);
 
-  ModuleStreams modules = readModules();
+  const ModuleStreams modules = readModules();
   const DataPtr<DBIDebugHeader> debugHeader = m_source.dbi.readDebugHeader();
   SectionMap sections;
   sections.readSections(file, debugHeader->sectionHdr);
   sections.readOMAPData(file, debugHeader->sectionHdrOriginal, debugHeader->omapToSource,
                         debugHeader->omapFromSource);
   FunctionCollector collector(sections, m_source.withInlines);
-  collector.collect(modules);
+  WorkerPool* const pool = m_source.pool;
+  if (pool == nullptr ||
+      !collectWithWorkers(*pool, file, modules, sections, m_source.withInlines, collector)) {
+    collector.collect(modules);
+  }
   if (hasTokenMap(*debugHeader) && collector.functions().empty()) {
     throw pdb_refusal(kHasTokenMap,
                       "this PDB is of managed code and has no native functions; "
                       "there is nothing to convert");
   }
   refuseForeignTypes(file, m_source.info);
+  TableLoad tables(file, m_source.dbi.header().symRecordStream, sections, TypeDialect::kStandard,
+                   pool);
   NameStream strings;
   loadNameStream(file, m_source.info, m_source.pdbFile, strings);
-  PublicFunctions publics;
-  publics.getGlobalFunctions(file, m_source.dbi.header().symRecordStream, sections);
+  tables.loadPublics();
   FrameTables frames;
   frames.readFrameData(file, *debugHeader);
-  const Types types(file);
+  tables.loadTypes();
 
-  FunctionNames names(types.types, types.ids);
-  FunctionLayout layout(collector, sections, frames, publics, names);
+  std::optional<ModuleInlinees> inlinees(modules);
+  InlineeLoad inlineeLoad(pool, file, modules.size(), *inlinees);
+  FunctionNames names(tables.types, tables.ids);
+  FunctionLayout layout(collector, sections, frames, tables.publics, names);
   layout.place();
-
   SourceFiles sources;
   sources.gatherFiles(modules);
-  FileNumbers files(sources, strings);
-  InlineOrigins origins(names);
-  CrossModuleItems items(modules, strings);
-  FunctionWriter writer({file, modules, sections, collector, items, names}, files, origins,
-                        m_counts);
-  writer.writeAll(layout.functions(), out);
-  for (const PlacedPublic& symbol : layout.publics()) printPublic(symbol, out);
-  insertTables(files, origins, start, out);
-  frames.printFrameData(strings, out);
-  printUnwindRules(layout.functions(), out);
 
+  std::optional<FileNumbers> files(std::in_place, sources, strings);
+  std::optional<InlineOrigins> origins(names);
+  UnwindRules unwind;
+  const std::vector<CodeRange> ranges = rangesOf(layout.functions());
+  if (!inlineeLoad.finish() ||
+      !printWithWorkers(*pool,
+                        {file, modules, sections, collector, layout.functions(), sources, strings,
+                         tables.types, tables.ids, *inlinees},
+                        m_source.codeFile, ranges, *files, *origins, m_counts, unwind, out)) {
+    inlinees.emplace(modules);
+    files.emplace(sources, strings);
+    origins.emplace(names);
+    CrossModuleItems items(modules, strings);
+    printFunctions(
+        {file, modules, sections, collector, layout.functions(), *inlinees, items, names}, *files,
+        *origins, out);
+  }
+  for (const PlacedPublic& symbol : layout.publics()) printPublic(symbol, out);
+  insertTables(*files, *origins, start, out);
+  frames.printFrameData(strings, out);
+  if (!unwind.made) {
+    unwind.messages = m_source.codeFile.printUnwindRules(ranges, out);
+  } else {
+    out.append(unwind.text.view());
+  }
+
+  m_counts.messages = unwind.messages;
   m_counts.publics = layout.publics().size();
   m_counts.damagedModules += collector.damagedModules();
   m_counts.modulesWithoutFunctions = collector.modulesWithoutFunctions();

@@ -8,11 +8,12 @@
 
 #include "base/text_buffer.h"
 #include "symforge/src/msf/msf_file.h"
+#include "symforge/src/parallel/worker_pool.h"
 #include "symforge/src/pdb/dbi_stream.h"
 #include "symforge/src/pdb/info_stream.h"
 #include "symforge/src/pe/code_file.h"
 #include "symforge/src/standard/file_numbers.h"
-#include "symforge/src/standard/function_layout.h"
+#include "symforge/src/standard/function_reader.h"
 #include "symforge/src/standard/inline_origins.h"
 #include "symforge/src/standard/standard_counts.h"
 
@@ -27,6 +28,7 @@ struct StandardSource {
   const std::string& pdbFile;  // path
   const std::string& debugId;
   bool withInlines;
+  WorkerPool* pool;  // threads that help; null: none
 };
 
 class StandardPrinter {
@@ -45,7 +47,8 @@ class StandardPrinter {
   ModuleStreams readModules();
   void insertTables(const FileNumbers& files, const InlineOrigins& origins, size_t at,
                     TextBuffer& out);
-  void printUnwindRules(const std::vector<PlacedFunction>& functions, TextBuffer& out) const;
+  void printFunctions(const FunctionSources& sources, FileNumbers& files, InlineOrigins& origins,
+                      TextBuffer& out);
 
   const StandardSource m_source;
   StandardCounts& m_counts;

@@ -1,4 +1,4 @@
-// FunctionWriter: the FUNC line of a function with its INLINE lines and line records.
+// FunctionReader: the name of a function, its inlined calls and its lines.
 
 #pragma once
 
@@ -17,6 +17,7 @@
 #include "symforge/src/standard/file_numbers.h"
 #include "symforge/src/standard/function_collector.h"
 #include "symforge/src/standard/function_layout.h"
+#include "symforge/src/standard/function_lines.h"
 #include "symforge/src/standard/function_names.h"
 #include "symforge/src/standard/inline_calls.h"
 #include "symforge/src/standard/inline_origins.h"
@@ -26,28 +27,37 @@
 
 namespace symforge_internal {
 
-// What functions are written from. All must outlive the writer.
+// What functions are read from. All must outlive the reader; what is not constant is used by one
+// reader at a time.
 struct FunctionSources {
   const MsfFile& file;
   const ModuleStreams& modules;
   const SectionMap& sections;
   const FunctionCollector& collector;
+  const std::vector<PlacedFunction>& functions;
+  ModuleInlinees& inlinees;  // constant, if the tables of all modules were read
   CrossModuleItems& items;
   FunctionNames& names;
 };
 
-class FunctionWriter {
+class FunctionReader {
  public:
-  // `files`, `origins` and `counts` must outlive this.
-  FunctionWriter(const FunctionSources& sources, FileNumbers& files, InlineOrigins& origins,
-                 StandardCounts& counts);
+  // `files` and `origins` must outlive this; what it finds refers to them.
+  FunctionReader(const FunctionSources& sources, FileNumbers& files, InlineOrigins& origins);
 
-  // Appends all functions. Throws what write() throws.
-  void writeAll(const std::vector<PlacedFunction>& functions, TextBuffer& out);
+  // Appends the FUNC line of the function at a position of the list to `out`, and returns what
+  // follows it. Lines and inline sites that cannot be read are left out. The result is valid until
+  // the next call. Throws pdb_exception for names that cannot be rendered and what
+  // InlineCalls::resolve() throws.
+  FunctionLines read(size_t position, TextBuffer& out);
 
-  // Appends the lines of a function. Lines and inline sites that cannot be read are left out.
-  // Throws pdb_exception for names that cannot be rendered and what InlineCalls::resolve() throws.
-  void write(const PlacedFunction& function, TextBuffer& out);
+  // How many ranges the inlined calls of all functions of a file can be cut into.
+  static uint64_t maxRanges(const MsfFile& file);
+
+  // Of all functions so far.
+  const StandardCounts& counts() const { return m_counts; }
+  // How many more ranges inlined calls can be cut into.
+  uint64_t rangesLeft() const { return m_calls.rangesLeft(); }
 
  private:
   // The reader of the stream that the last function came from.
@@ -64,7 +74,7 @@ class FunctionWriter {
     uint32_t line = 0;
   };
 
-  void prefetch(const std::vector<PlacedFunction>& functions, size_t i) const;
+  void prefetch(size_t i) const;
   const Callee& findCallee(uint32_t inlinee);
   void writeFuncLine(const PlacedFunction& function, TextBuffer& out);
   void readLines(const PlacedFunction& function);
@@ -72,22 +82,18 @@ class FunctionWriter {
   bool readInlineCalls(const PlacedFunction& function);
   void openSite(const PlacedFunction& function, uint32_t symbol);
   void addRow(const PlacedFunction& function, const AnnotationRow& row);
-  void writeInlineLines(const PlacedFunction& function, TextBuffer& out);
-  uint32_t callFile(const InlinedCall& call) const;
-  void writeLines(const PlacedFunction& function, const std::vector<CodeRow>& rows,
-                  TextBuffer& out);
   StreamReader& readerOf(ModuleReader& of, uint32_t module) const;
 
   const FunctionSources m_sources;
   FileNumbers& m_files;
   InlineOrigins& m_origins;
-  StandardCounts& m_counts;
-  ModuleInlinees m_inlinees;
+  StandardCounts m_counts;
+  LineBlockFinder m_lineBlocks;
   FirstWinsMap<Callee> m_callees;  // by item: of the module that named it last
   ModuleReader m_symbols;          // two readers, as a module's symbols and lines are far apart
   ModuleReader m_lines;
 
-  // Of the function that is being written.
+  // Of the function that is being read.
   const CollectedFunction* m_function = nullptr;
   std::string m_name;
   std::string m_printableName;
@@ -96,8 +102,6 @@ class FunctionWriter {
   std::vector<AnnotationRow> m_annotationRows;
   std::vector<CodeRow> m_moved;
   std::vector<CodeRow> m_movedSite;
-  Allowance m_movedParts;  // of the file
-  std::vector<InlineCallFields::Range> m_ranges;
   uint32_t m_anyFile = kNoFile;
 };
 

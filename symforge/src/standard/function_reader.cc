@@ -1,4 +1,4 @@
-#include "symforge/src/standard/function_writer.h"
+#include "symforge/src/standard/function_reader.h"
 
 #include <algorithm>
 #include <string_view>
@@ -18,65 +18,62 @@ constexpr uint32_t kNoChecksum = 0xFFFFFFFF;
 // Each byte of the file may cut an inlined call once; real files cut far less.
 constexpr uint64_t kLeastBudget = uint64_t{1} << 20;
 
-constexpr char kTooManyParts[] = "Lines are moved in too many parts";
-
-// "ADDRESS SIZE LINE" and the end of the record.
-constexpr size_t kMaxRecordBytes = 8 + 1 + 8 + 1 + 10 + FileNumbers::kEndingBytes;
-
 }  // namespace
 
-FunctionWriter::FunctionWriter(const FunctionSources& sources, FileNumbers& files,
-                               InlineOrigins& origins, StandardCounts& counts)
+FunctionReader::FunctionReader(const FunctionSources& sources, FileNumbers& files,
+                               InlineOrigins& origins)
     : m_sources(sources),
       m_files(files),
       m_origins(origins),
-      m_counts(counts),
-      m_inlinees(sources.modules),
-      m_calls(sources.file.pages().length + kLeastBudget,
-              limits::kInlineRanges.of(sources.file.pages().length)),
-      m_movedParts(limits::kMovedParts.of(sources.file.pages().length), kTooManyParts) {}
+      m_lineBlocks(sources.collector),
+      m_calls(maxRanges(sources.file), limits::kInlineRanges.of(sources.file.pages().length)) {}
 
-void FunctionWriter::writeAll(const std::vector<PlacedFunction>& functions, TextBuffer& out) {
-  for (size_t i = 0; i < functions.size(); ++i) {
-    prefetch(functions, i);
-    write(functions[i], out);
-  }
+uint64_t FunctionReader::maxRanges(const MsfFile& file) {
+  return file.pages().length + kLeastBudget;
 }
 
 // Names and types are spread over the whole mapping.
-void FunctionWriter::prefetch(const std::vector<PlacedFunction>& functions, size_t i) const {
+void FunctionReader::prefetch(size_t i) const {
   constexpr size_t kAhead = 8;
   const auto collected = [&](size_t position) -> const CollectedFunction& {
-    return m_sources.collector.functions()[functions[position].function];
+    return m_sources.collector.functions()[m_sources.functions[position].function];
   };
-  if (i + 2 * kAhead < functions.size()) {
+  if (i + 2 * kAhead < m_sources.functions.size()) {
     m_sources.names.prefetchIndex(collected(i + 2 * kAhead).typeIndex);
   }
-  if (i + kAhead >= functions.size()) return;
+  if (i + kAhead >= m_sources.functions.size()) return;
   const CollectedFunction& next = collected(i + kAhead);
   m_sources.names.prefetchRecord(next.typeIndex);
   __builtin_prefetch(next.name.data);
   __builtin_prefetch(next.name.data + 64);
 }
 
-void FunctionWriter::write(const PlacedFunction& function, TextBuffer& out) {
+FunctionLines FunctionReader::read(size_t position, TextBuffer& out) {
+  prefetch(position);
+  const PlacedFunction& function = m_sources.functions[position];
   m_function = &m_sources.collector.functions()[function.function];
   writeFuncLine(function, out);
   readLines(function);
+  FunctionLines lines{function.rva, m_table.rows(), {}, {}, m_table.firstFile(), kNoFile};
   const std::vector<CodeRow>* rows = &m_table.rows();
   if (m_sources.sections.isRewritten()) {
-    moveRows(m_sources.sections, function, *rows, m_movedParts, m_moved);
+    moveRows(m_sources.sections, function, *rows, m_sources.file.budget().movedParts, m_moved);
     rows = &m_moved;
+    lines.rows = m_moved;
   }
   if (m_function->siteCount != 0 && readInlineCalls(function)) {
     m_calls.resolve(*rows);
-    rows = &m_calls.lines();
-    writeInlineLines(function, out);
+    lines.rows = m_calls.lines();
+    lines.calls = m_calls.calls();
+    lines.ranges = m_calls.ranges();
+    lines.anyFile = m_anyFile;
   }
-  writeLines(function, *rows, out);
+  m_counts.lines += lines.rows.size();
+  m_counts.inlinedCalls += lines.calls.size();
+  return lines;
 }
 
-void FunctionWriter::writeFuncLine(const PlacedFunction& function, TextBuffer& out) {
+void FunctionReader::writeFuncLine(const PlacedFunction& function, TextBuffer& out) {
   m_name.clear();
   m_sources.names.appendFunction(m_function->name.data, m_function->typeIndex, m_name);
   std::string_view name = lineName(m_name, m_printableName);
@@ -89,12 +86,11 @@ void FunctionWriter::writeFuncLine(const PlacedFunction& function, TextBuffer& o
 
 // Of the blocks that begin with the function one is its own, the others are those of functions that
 // were folded with it.
-void FunctionWriter::readLines(const PlacedFunction& function) {
+void FunctionReader::readLines(const PlacedFunction& function) {
   m_table.begin(function.linkedSize);
   const uint64_t end = uint64_t{function.linkedRva} + function.linkedSize;
   uint32_t atStart = 0;
-  for (const LineBlock& block :
-       m_sources.collector.lineBlocks(m_function->module, function.linkedRva, end)) {
+  for (const LineBlock& block : m_lineBlocks.find(m_function->module, function.linkedRva, end)) {
     if (block.rva == function.linkedRva && atStart++ != function.block) continue;
     try {
       readLineBlock(function, block);
@@ -106,7 +102,7 @@ void FunctionWriter::readLines(const PlacedFunction& function) {
 }
 
 // Records of one file after the other; columns follow the lines of each in some blocks.
-void FunctionWriter::readLineBlock(const PlacedFunction& function, const LineBlock& block) {
+void FunctionReader::readLineBlock(const PlacedFunction& function, const LineBlock& block) {
   StreamReader& reader = readerOf(m_lines, m_function->module);
   reader.seek(block.payload + uint32_t{sizeof(CV_LineSection)});
   while (reader.getOffset() < block.end &&
@@ -130,7 +126,7 @@ void FunctionWriter::readLineBlock(const PlacedFunction& function, const LineBlo
   }
 }
 
-StreamReader& FunctionWriter::readerOf(ModuleReader& of, uint32_t module) const {
+StreamReader& FunctionReader::readerOf(ModuleReader& of, uint32_t module) const {
   if (!of.reader || of.module != module) {
     const MsfFile& file = m_sources.file;
     of.reader.emplace(file.getStream(m_sources.modules[module].streamNumber()), file.pages());
@@ -140,7 +136,7 @@ StreamReader& FunctionWriter::readerOf(ModuleReader& of, uint32_t module) const 
 }
 
 // False when no site has code with a known place: a call needs a file.
-bool FunctionWriter::readInlineCalls(const PlacedFunction& function) {
+bool FunctionReader::readInlineCalls(const PlacedFunction& function) {
   if (function.chunk > FunctionLayout::kMaxChunks) return false;
   m_calls.begin(function.size);
   m_anyFile = m_table.firstFile();
@@ -160,7 +156,7 @@ bool FunctionWriter::readInlineCalls(const PlacedFunction& function) {
 }
 
 // Nothing is opened before everything is read.
-void FunctionWriter::openSite(const PlacedFunction& function, uint32_t symbol) {
+void FunctionReader::openSite(const PlacedFunction& function, uint32_t symbol) {
   StreamReader& reader = readerOf(m_symbols, m_function->module);
   reader.seek(symbol);
   const DataPtr<SymbolHeader> header = reader.read<SymbolHeader>();
@@ -189,12 +185,12 @@ void FunctionWriter::openSite(const PlacedFunction& function, uint32_t symbol) {
 }
 
 // Functions of one module mostly follow each other, and name the same callees.
-const FunctionWriter::Callee& FunctionWriter::findCallee(uint32_t inlinee) {
+const FunctionReader::Callee& FunctionReader::findCallee(uint32_t inlinee) {
   const uint32_t module = m_function->module;
   Callee* known = m_callees.find(inlinee);
   if (known != nullptr && known->module == module) return *known;
   Callee callee{module, m_origins.find(m_sources.items.find(module, inlinee)), kNoChecksum, 0};
-  if (const InlineeStart* start = m_inlinees.find(module, inlinee)) {
+  if (const InlineeStart* start = m_sources.inlinees.find(module, inlinee)) {
     callee.file = start->file;
     callee.line = start->line;
   }
@@ -202,7 +198,7 @@ const FunctionWriter::Callee& FunctionWriter::findCallee(uint32_t inlinee) {
   return m_callees.values()[m_callees.insert(inlinee, std::move(callee))];
 }
 
-void FunctionWriter::addRow(const PlacedFunction& function, const AnnotationRow& row) {
+void FunctionReader::addRow(const PlacedFunction& function, const AnnotationRow& row) {
   CodeRow code{row.start, row.end, {m_files.find(m_function->module, row.file), row.line}};
   if (!code.place.known()) code.place.line = 0;
   if (m_anyFile == kNoFile) m_anyFile = code.place.file;
@@ -211,46 +207,9 @@ void FunctionWriter::addRow(const PlacedFunction& function, const AnnotationRow&
     return;
   }
   m_movedSite.clear();
-  appendMovedRow(m_sources.sections, function, code, m_movedParts, m_movedSite);
+  appendMovedRow(m_sources.sections, function, code, m_sources.file.budget().movedParts,
+                 m_movedSite);
   for (const CodeRow& moved : m_movedSite) m_calls.addRow(moved);
-}
-
-void FunctionWriter::writeInlineLines(const PlacedFunction& function, TextBuffer& out) {
-  for (const InlinedCall& call : m_calls.calls()) {
-    m_ranges.clear();
-    for (uint32_t i = 0; i < call.rangeCount; ++i) {
-      const InlineRange& range = m_calls.ranges()[call.firstRange + i];
-      m_ranges.push_back({function.rva + range.start, range.end - range.start});
-    }
-    append_line(out, InlineCallFields{call.depth, call.caller.line, m_files.number(callFile(call)),
-                                      m_origins.number(call.origin), m_ranges});
-  }
-  m_counts.inlinedCalls += m_calls.calls().size();
-}
-
-// Code that the compiler made has no line to be called from: a file of the function or of the
-// callee takes its place.
-uint32_t FunctionWriter::callFile(const InlinedCall& call) const {
-  if (call.caller.known()) return call.caller.file;
-  if (m_table.firstFile() != kNoFile) return m_table.firstFile();
-  return call.calleeFile != kNoFile ? call.calleeFile : m_anyFile;
-}
-
-// Most of a symbol file is written by this loop, so it keeps its place in a register.
-void FunctionWriter::writeLines(const PlacedFunction& function, const std::vector<CodeRow>& rows,
-                                TextBuffer& out) {
-  char* const begin = out.prepare(kMaxRecordBytes * rows.size());
-  char* at = begin;
-  for (const CodeRow& row : rows) {
-    at = put_hex(at, function.rva + row.start);
-    *at++ = ' ';
-    at = put_hex(at, row.end - row.start);
-    *at++ = ' ';
-    at = put_dec(at, row.place.line);
-    at = m_files.appendEnding(row.place.file, at);
-  }
-  out.commit(static_cast<size_t>(at - begin));
-  m_counts.lines += rows.size();
 }
 
 }  // namespace symforge_internal

@@ -1,0 +1,99 @@
+#include "symforge/src/emit/worker_steps.h"
+
+#include <algorithm>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "symforge/src/emit/function_list.h"
+#include "symforge/src/emit/function_printer.h"
+#include "symforge/src/emit/module_functions.h"
+#include "symforge/src/parallel/module_parts.h"
+
+namespace symforge_internal {
+
+bool collectWithWorkers(WorkerPool& pool, const ModuleSources& sources, size_t more,
+                        InlineSites* sites, Functions& functions) {
+  if (!pool.usable()) return false;
+  const std::vector<ModulePart> parts = moduleParts(sources.modules, pool.size());
+  std::vector<Functions> functionsOf(parts.size());
+  std::vector<std::optional<InlineSites>> sitesOf(parts.size());
+  WorkQueue queue(parts.size());
+  FileAttempt attempt(pool, sources.file, [&](unsigned) {
+    size_t part;
+    while (queue.take(part)) {
+      // What is changed often is on the thread's own stack: threads slow each other down when they
+      // write to the same cache line.
+      Functions some;
+      InlineSites someSites(sources.names);
+      for (size_t i = parts[part].first; i < parts[part].end; ++i) {
+        getModuleFunctions(sources.modules[i], sources.sections,
+                           sites != nullptr ? &someSites : nullptr, some);
+      }
+      functionsOf[part] = std::move(some);
+      sitesOf[part].emplace(std::move(someSites));
+    }
+  });
+  if (!attempt.finish()) return false;
+  for (size_t part = 0; sites != nullptr && part < parts.size(); ++part) {
+    sites->append(*sitesOf[part], functionsOf[part]);
+  }
+  joinSorted(functionsOf, more, functions);
+  return true;
+}
+
+bool printWithWorkers(WorkerPool& pool, const PrintSources& sources, const Functions& functions,
+                      TextBuffer& out) {
+  constexpr size_t kChunk = 512;  // functions; their text stays in the processor's cache
+  if (!pool.usable()) return false;
+  const size_t start = out.size();
+  WorkQueue chunks((functions.size() + kChunk - 1) / kChunk);
+  OrderedText text(pool, out);
+  FileAttempt attempt(pool, sources.file, [&](unsigned) {
+    const TypeTable types = sources.types;
+    const TypeTable ids = sources.ids;
+    TypeNames names(types, ids);
+    std::optional<InlinePrinter> inlines;
+    if (sources.sites != nullptr) {
+      inlines.emplace(sources.file, *sources.sites, sources.inlinees, names);
+    }
+    FunctionPrinter printer(sources.sections, names, inlines ? &*inlines : nullptr);
+    TextBuffer part;
+    size_t chunk;
+    while (chunks.take(chunk)) {
+      part.truncate(0);
+      printer.printFunctions(functions, chunk * kChunk,
+                             std::min(functions.size(), (chunk + 1) * kChunk), part);
+      text.append(chunk, part.view());
+    }
+  });
+  // One thread decides whether a text that is nearly too long is so.
+  if (attempt.finish() && out.size() <= out.limit() / 2) return true;
+  out.truncate(start);
+  return false;
+}
+
+void UnwindText::start(WorkerPool* pool, const MsfFile& file) {
+  if (!m_wanted || pool == nullptr || !pool->usable()) return;
+  m_attempt.emplace(*pool, file, [this](unsigned worker) {
+    if (worker == 0) m_image.PrintFrameDataUsingEXE(m_text);
+  });
+}
+
+void UnwindText::finish() {
+  if (!m_attempt) return;
+  m_made = m_attempt->finish();
+  m_attempt.reset();
+}
+
+// A text that was made is within the limit, if it is within what is left for it.
+void UnwindText::print(TextBuffer& out) {
+  if (!m_wanted) return;
+  if (!m_made || out.size() + m_text.size() > out.limit() / 2) {
+    m_image.PrintFrameDataUsingEXE(out);
+  } else {
+    out.append(m_text.view());
+  }
+}
+
+}  // namespace symforge_internal

@@ -1,0 +1,138 @@
+#include "symforge/src/standard/worker_steps.h"
+
+#include <algorithm>
+#include <optional>
+#include <utility>
+
+#include "symforge/src/parallel/module_parts.h"
+#include "symforge/src/standard/cross_module_items.h"
+#include "symforge/src/standard/function_batch.h"
+
+namespace symforge_internal {
+
+namespace {
+
+// What one worker reads functions with.
+class Worker {
+ public:
+  explicit Worker(const PrintedFunctions& sources)
+      : m_types(sources.types),
+        m_ids(sources.ids),
+        m_names(m_types, m_ids),
+        m_items(sources.modules, sources.strings),
+        m_files(sources.sources, sources.strings),
+        m_origins(m_names),
+        m_reader({sources.file, sources.modules, sources.sections, sources.collector,
+                  sources.functions, sources.inlinees, m_items, m_names},
+                 m_files, m_origins),
+        m_batch(m_files, m_origins) {}
+
+  void read(size_t first, size_t end) {
+    m_batch.clear();
+    for (; first < end; ++first) m_batch.add(m_reader, first);
+  }
+  void takeNumbers(FileNumbers& files, InlineOrigins& origins) {
+    m_files.takeNumbers(files);
+    m_origins.takeNumbers(origins);
+  }
+  std::string_view print() {
+    m_text.truncate(0);
+    m_batch.print(m_text);
+    return m_text.view();
+  }
+  const FunctionReader& reader() const { return m_reader; }
+
+ private:
+  const TypeTable m_types;
+  const TypeTable m_ids;
+  FunctionNames m_names;
+  CrossModuleItems m_items;
+  FileNumbers m_files;
+  InlineOrigins m_origins;
+  FunctionReader m_reader;
+  FunctionBatch m_batch;
+  TextBuffer m_text;
+};
+
+}  // namespace
+
+bool collectWithWorkers(WorkerPool& pool, const MsfFile& file, const ModuleStreams& modules,
+                        const SectionMap& sections, bool withInlines,
+                        FunctionCollector& collector) {
+  if (!pool.usable()) return false;
+  const std::vector<ModulePart> parts = moduleParts(modules, pool.size());
+  const std::vector<bool> repeated = FunctionCollector::repeatedStreams(modules);
+  std::vector<std::optional<FunctionCollector>> collectors(parts.size());
+  WorkQueue queue(parts.size());
+  FileAttempt attempt(pool, file, [&](unsigned) {
+    size_t part;
+    while (queue.take(part)) {
+      FunctionCollector some(sections, withInlines);  // on the thread's own stack while it changes
+      some.collectPart(modules, repeated, parts[part].first, parts[part].end);
+      collectors[part].emplace(std::move(some));
+    }
+  });
+  if (!attempt.finish()) return false;
+  std::vector<FunctionCollector> found;
+  found.reserve(parts.size());
+  for (std::optional<FunctionCollector>& some : collectors) found.push_back(*std::move(some));
+  collector.join(found);
+  return true;
+}
+
+InlineeLoad::InlineeLoad(WorkerPool* pool, const MsfFile& file, size_t modules,
+                         ModuleInlinees& inlinees)
+    : m_queue(modules) {
+  if (pool == nullptr || !pool->usable()) return;
+  m_attempt.emplace(*pool, file, [this, &inlinees](unsigned) {
+    size_t module;
+    while (m_queue.take(module)) inlinees.read(module, module + 1);
+  });
+}
+
+bool InlineeLoad::finish() {
+  const bool loaded = m_attempt && m_attempt->finish();
+  m_attempt.reset();
+  return loaded;
+}
+
+bool printWithWorkers(WorkerPool& pool, const PrintedFunctions& sources, const CodeFile& image,
+                      const std::vector<CodeRange>& ranges, FileNumbers& files,
+                      InlineOrigins& origins, StandardCounts& counts, UnwindRules& unwind,
+                      TextBuffer& out) {
+  constexpr size_t kChunk = 128;  // functions; their text stays in the processor's cache
+  const size_t start = out.size();
+  const size_t count = sources.functions.size();
+  const uint64_t most = FunctionReader::maxRanges(sources.file);
+  WorkQueue chunks((count + kChunk - 1) / kChunk);
+  OrderedText text(pool, out);
+  std::vector<StandardCounts> countsOf(pool.size());
+  std::vector<uint64_t> rangesOf(pool.size());
+  FileAttempt attempt(pool, sources.file, [&](unsigned number) {
+    if (number == 0) unwind.messages = image.printUnwindRules(ranges, unwind.text);
+    Worker worker(sources);
+    size_t chunk;
+    while (chunks.take(chunk)) {
+      worker.read(chunk * kChunk, std::min(count, (chunk + 1) * kChunk));
+      pool.waitForTurn(WorkerPool::kFirstOrder, static_cast<uint32_t>(chunk));
+      worker.takeNumbers(files, origins);
+      pool.passTurn(WorkerPool::kFirstOrder);
+      text.append(chunk, worker.print());
+    }
+    countsOf[number] = worker.reader().counts();
+    rangesOf[number] = most - worker.reader().rangesLeft();
+  });
+  uint64_t used = 0;
+  const bool made = attempt.finish();
+  for (const uint64_t some : rangesOf) used += some;
+  // One thread decides whether what is nearly too much is so.
+  unwind.made = made && used <= most / 2 && out.size() + unwind.text.size() <= out.limit() / 2;
+  if (!unwind.made) {
+    out.truncate(start);
+    return false;
+  }
+  for (const StandardCounts& some : countsOf) counts.add(some);
+  return true;
+}
+
+}  // namespace symforge_internal
