@@ -75,6 +75,10 @@ const char* SymbolFile::Open(const std::string& path, Symb symb) {
     if (!mapping_.Map(file.get())) return kNotRead;
     data_ = const_cast<char*>(reinterpret_cast<const char*>(mapping_.base()));
     size_ = mapping_.length();
+    if (!is_symb()) {
+      errno = EIO;  // changed in the meantime: not text that may be parsed in place
+      return kNotRead;
+    }
   } else if (!Read(file.get())) {
     return kNotRead;
   }
