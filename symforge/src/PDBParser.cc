@@ -191,27 +191,27 @@ void PDBParser::printBreakpadSymbols(TextBuffer& out, FileMod* fileMod) {
   }
   tables.loadPublics();
 
-  UnwindText unwind(codeFile, dbi.header().machine == IMAGE_FILE_MACHINE_AMD64);
   const TypeNames typeNames(tables.types, tables.ids);
   InlineSites allSites(typeNames);
   InlineSites* const sites = m_rep->do_inline ? &allSites : nullptr;
   Functions functions;
   collectFunctions({file, modules, sections, typeNames}, pool, tables.publics, sites, functions);
 
-  unwind.start(pool, file);
+  FrameTables frames;
+  SideWork side(
+      pool, {file, *debugHeader, sections, codeFile,
+             dbi.header().machine == IMAGE_FILE_MACHINE_AMD64, functions, tables.publics, frames});
   InlineeLines inlinees;
   resolveModules(modules, sections, files, functions, sites != nullptr ? &inlinees : nullptr);
-
-  FrameTables frames;
-  frames.readFrameData(file, *debugHeader);
+  const bool resolved = side.finish();
+  if (!resolved) frames.readFrameData(file, *debugHeader);
   dropDuplicates(functions);
-  resolveParamSizes(functions, tables.publics, frames, sections.count());
+  if (!resolved) resolveParamSizes(functions, tables.publics, frames, sections.count());
   mergeGlobals(functions, tables.publics);
-  unwind.finish();
   printAll({file, sections, tables.types, tables.ids, inlinees, sites}, pool, functions, out);
 
   frames.printFrameData(names, out);
-  unwind.print(out);
+  side.printUnwindData(out);
 }
 
 void PDBParser::printStandardSymbols(TextBuffer& out, StandardCounts& counts) {

@@ -40,7 +40,9 @@ bool updateParamSize(FunctionRecord& func, const PublicFunction* global, Allowan
 
 void resolveParamSizes(Functions& functions, PublicFunctions& globals, const FrameTables& frames,
                        size_t sectionCount) {
-  for (FunctionRecord& func : functions) {
+  // From the end, as another thread may read lines into the records from the start on.
+  for (size_t i = functions.size(); i-- != 0;) {
+    FunctionRecord& func = functions[i];
     if (func.segment == 0 || func.segment > sectionCount) continue;  // dropped ones as well
     PublicFunction* global = globals.find(func.rva);
     if (!frames.findParamSize(func.rva, func.length, func.paramSize)) {

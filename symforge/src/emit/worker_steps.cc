@@ -8,6 +8,7 @@
 #include "symforge/src/emit/function_list.h"
 #include "symforge/src/emit/function_printer.h"
 #include "symforge/src/emit/module_functions.h"
+#include "symforge/src/emit/param_sizes.h"
 #include "symforge/src/parallel/module_parts.h"
 
 namespace symforge_internal {
@@ -73,24 +74,37 @@ bool printWithWorkers(WorkerPool& pool, const PrintSources& sources, const Funct
   return false;
 }
 
-void UnwindText::start(WorkerPool* pool, const MsfFile& file) {
-  if (!m_wanted || pool == nullptr || !pool->usable()) return;
-  m_attempt.emplace(*pool, file, [this](unsigned worker) {
-    if (worker == 0) m_image.PrintFrameDataUsingEXE(m_text);
+SideWork::SideWork(WorkerPool* pool, const Parts& parts) : m_parts(parts) {
+  if (pool == nullptr || !pool->usable()) return;
+  const unsigned second = pool->size() - 1;
+  m_attempt.emplace(*pool, parts.file, [this, second](unsigned worker) {
+    if (worker == 0 && m_parts.withUnwindData) m_parts.image.PrintFrameDataUsingEXE(m_text);
+    if (worker == second) readFrames();
   });
 }
 
-void UnwindText::finish() {
-  if (!m_attempt) return;
-  m_made = m_attempt->finish();
+void SideWork::readFrames() {
+  m_parts.frames.readFrameData(m_parts.file, m_parts.debugHeader);
+  resolveParamSizes(m_parts.functions, m_parts.globals, m_parts.frames, m_parts.sections.count());
+}
+
+bool SideWork::finish() {
+  if (!m_attempt) return false;
+  m_done = m_attempt->finish();
   m_attempt.reset();
+  if (!m_done) {
+    m_parts.frames = FrameTables();
+    for (FunctionRecord& function : m_parts.functions) function.paramSize = 0;
+    for (PublicFunction& symbol : m_parts.globals.symbols()) symbol.covered = false;
+  }
+  return m_done;
 }
 
 // A text that was made is within the limit, if it is within what is left for it.
-void UnwindText::print(TextBuffer& out) {
-  if (!m_wanted) return;
-  if (!m_made || out.size() + m_text.size() > out.limit() / 2) {
-    m_image.PrintFrameDataUsingEXE(out);
+void SideWork::printUnwindData(TextBuffer& out) const {
+  if (!m_parts.withUnwindData) return;
+  if (!m_done || out.size() + m_text.size() > out.limit() / 2) {
+    m_parts.image.PrintFrameDataUsingEXE(out);
   } else {
     out.append(m_text.view());
   }

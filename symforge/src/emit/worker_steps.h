@@ -11,6 +11,8 @@
 #include "symforge/src/emit/function_record.h"
 #include "symforge/src/emit/inline_sites.h"
 #include "symforge/src/parallel/file_workers.h"
+#include "symforge/src/pdb/frame_tables.h"
+#include "symforge/src/pdb/public_functions.h"
 #include "symforge/src/pdb/section_map.h"
 #include "symforge/src/pdb/type_table.h"
 #include "symforge/src/pe/code_file.h"
@@ -44,25 +46,38 @@ struct PrintSources {
 bool printWithWorkers(WorkerPool& pool, const PrintSources& sources, const Functions& functions,
                       TextBuffer& out);
 
-// CodeFile::PrintFrameDataUsingEXE(), for which a worker can make the text while other things are
-// done.
-class UnwindText {
+// What is done while the lines of the modules are read: the frame data and the sizes of parameters,
+// and the text of the unwind data, which is printed later.
+class SideWork {
  public:
-  // `image` must outlive this. `wanted` false: nothing is printed.
-  UnwindText(const CodeFile& image, bool wanted) : m_image(image), m_wanted(wanted) {}
+  // All must outlive this; see resolveParamSizes(). Functions get sizes also if they are dropped.
+  struct Parts {
+    const MsfFile& file;
+    const DBIDebugHeader& debugHeader;
+    const SectionMap& sections;
+    const CodeFile& image;
+    bool withUnwindData;
+    Functions& functions;
+    PublicFunctions& globals;
+    FrameTables& frames;
+  };
 
-  // Starts a worker of `pool`; null: there is none.
-  void start(WorkerPool* pool, const MsfFile& file);
-  // Waits for it.
-  void finish();
-  // Appends the text.
-  void print(TextBuffer& out);
+  // Starts workers of `pool`, which use only RVAs, sections and names of the functions and change
+  // only their sizes of parameters; null: there are none.
+  SideWork(WorkerPool* pool, const Parts& parts);
+
+  // Waits. False if it has to be done on one thread.
+  bool finish();
+
+  // Appends the unwind data.
+  void printUnwindData(TextBuffer& out) const;
 
  private:
-  const CodeFile& m_image;
-  const bool m_wanted;
+  void readFrames();
+
+  const Parts m_parts;
   TextBuffer m_text;
-  bool m_made = false;
+  bool m_done = false;
   std::optional<FileAttempt> m_attempt;
 };
 
