@@ -16,6 +16,7 @@ void eraseFromTheEnd(std::string& text, size_t start, std::string_view part) {
 }
 
 bool hasCompilerMarker(std::string_view name) {
+  if (name.empty()) return false;  // which can have no address
   const char* at = name.data();
   const char* const end = at + name.size();
   while ((at = static_cast<const char*>(memmem(at, static_cast<size_t>(end - at), "__", 2)))) {
