@@ -110,8 +110,8 @@ inline constexpr Limit kTextOfSymb = {12 * kMiB, 4, 1};
 // Lines and frame info ranges printed from a SYMB image, including those that functions or ranges
 // share. Real: n / 16, without sharing.
 inline constexpr Limit kRecordsOfSymb = {256 * kKiB, 1, 8};
-// Bytes of the lists of files and inlined functions, which are made in a second buffer. Real: 0.07 n
-// of a PDB, 0.5 n of a SYMB image.
+// Bytes of the lists of files and inlined functions, which are made in a second buffer. Real: 0.07
+// n of a PDB, 0.5 n of a SYMB image.
 inline constexpr Limit kTables = {12 * kMiB, 2, 1};
 // Parts that the code of one function in a SYMB image, and of all of them, is cut into for the
 // published form. Real: 0.03 n.

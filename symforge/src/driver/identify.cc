@@ -16,8 +16,8 @@
 #include "symforge/src/driver/foreign_identity.h"
 #include "symforge/src/driver/messages.h"
 #include "symforge/src/msf/pdb_summary.h"
-#include "symforge/src/pe/image_identity.h"
 #include "symforge/src/pe/architecture.h"
+#include "symforge/src/pe/image_identity.h"
 #include "symforge/src/utils.h"
 
 namespace symforge_internal {
