@@ -40,7 +40,7 @@ STEPS = {
         ("layout", ("FunctionLayout::place(",)),
         ("names, lines and calls", ("FunctionReader::read(",)),
         ("printing", ("LinePrinter::print(",)),
-        ("unwind rules", ("writeUnwindRules(",))),
+        ("unwind rules", ("writeX64UnwindRules(",))),
 }
 
 
