@@ -358,4 +358,17 @@ TEST_F(StandardBatchTest, ContinuesAfterUnreadableInputs) {
   EXPECT_THAT(results(), ::testing::ElementsAre("a.sym"));
 }
 
+// A symbol file that was made without its image becomes the one of both.
+TEST(StandardImageAloneTest, AddsWhatTheImageTells) {
+  const TemporaryDirectory temp;
+  const std::string pdb = temp.file("engine64.pdb", read_file(kData + "/engine64.pdb"));
+  const std::string tree = temp.folder("tree");
+  ASSERT_EQ(run_standard({pdb, tree}).status, 0);
+  ASSERT_EQ(run_standard({"-e", kData + "/engine64.exe", "-s", tree}).status, 0);
+  const std::string id = "515D2ED965ADFF5D4C4C44205044422E1";
+  EXPECT_EQ(read_file(tree + "/engine64.pdb/" + id + "/engine64.sym"),
+            read_file(kData + "/engine64.std.sym"));
+  EXPECT_TRUE(std::filesystem::is_symlink(tree + "/engine64.pdb/7EB27A1AF000"));
+}
+
 }  // namespace

@@ -32,6 +32,7 @@
 #include "symforge/src/pe/architecture.h"
 #include "symforge/src/pe/code_file.h"
 #include "symforge/src/pe/symbol_file_of_pe.h"
+#include "symforge/src/standard/image_join.h"
 #include "symforge/src/standard/standard_printer.h"
 
 namespace symforge_internal {
@@ -109,6 +110,8 @@ const std::string& PDBParser::debug_id() const { return m_rep->debugId; }
 const CodeFile& PDBParser::codeFile() const { return m_rep->codeFile; }
 void PDBParser::useWorkers(WorkerPool* pool) { m_rep->pool = pool; }
 
+void PDBParser::selectStandard() { m_rep->standard = true; }
+
 void PDBParser::close() { m_rep->file.close(); }
 
 void PDBParser::load(const char* pdb, const char* exe, const char* sympath, TextBuffer& out) {
@@ -117,7 +120,8 @@ void PDBParser::load(const char* pdb, const char* exe, const char* sympath, Text
     if (!m_rep->file.Map(pdb)) throw pdb_exception("Failed to load PDB file");
     if (!readRootStream(sympath)) throw pdb_exception("Failed to read PDB Root Stream");
   } else {
-    findSymbolFileOfPe(exe, sympath, out);
+    const auto dialect = m_rep->standard ? TextDialect::kStandard : TextDialect::kDefault;
+    findSymbolFileOfPe(exe, sympath, dialect, out);
   }
   m_rep->codeFile.readPeHeaders(exe != nullptr ? exe : siblingPePath(pdb).c_str());
 }
@@ -215,9 +219,12 @@ void PDBParser::printBreakpadSymbols(TextBuffer& out, FileMod* fileMod) {
 }
 
 void PDBParser::printStandardSymbols(TextBuffer& out, StandardCounts& counts) {
-  if (!m_rep->dbi) throw pdb_exception("There is no PDB");
+  selectStandard();
+  if (!m_rep->dbi) {
+    joinImage(m_rep->codeFile, out, counts);
+    return;
+  }
   const TextLimit limit(out, limits::kText.of(m_rep->file.size() + m_rep->codeFile.size()));
-  m_rep->standard = true;
   StandardPrinter({m_rep->file, *m_rep->info, *m_rep->dbi, m_rep->codeFile, m_rep->pdbFile,
                    m_rep->debugId, m_rep->do_inline, m_rep->pool},
                   counts)

@@ -56,8 +56,12 @@ class PDBParser {
   // `fileMod` may be null. Throws pdb_exception; `out` then holds the lines so far.
   void printBreakpadSymbols(TextBuffer& out, FileMod* fileMod);
 
-  // Appends the whole symbol file in the standard format to `out` and counts what it holds; not for
-  // the PE-only mode. Throws pdb_exception; `out` then holds an unspecified part.
+  // Makes load() of an image alone read a SYMB file as text in the standard format.
+  void selectStandard();
+
+  // Appends the whole symbol file in the standard format to `out` and counts what it holds. For an
+  // image alone, adds what the image tells to the symbol file that load() has read. Throws
+  // pdb_exception; `out` then holds an unspecified part.
   void printStandardSymbols(TextBuffer& out, StandardCounts& counts);
 
   // Debug identifier: GUID in upper-case digits, age in lower-case ones. Empty in the PE-only mode.

@@ -55,6 +55,7 @@ void text_of_pdb(const ConversionInput& input, const ConversionOptions& options,
   const auto owner = std::make_shared<PDBParser>(do_inline);
   PDBParser& parser = *owner;
   parser.useWorkers(pool);
+  if (options.standard) parser.selectStandard();
   parser.load(input.pdb, input.exe, options.tree, result.text);
   result.image = parser.codeFile().path();
   result.image_bytes = parser.codeFile().size();

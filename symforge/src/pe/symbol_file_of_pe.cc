@@ -40,15 +40,16 @@ void copyText(const std::string& path, TextBuffer& out) {
   if (!rest.empty() && rest.back() != '\n') out.append("\n");
 }
 
-void copySymb(const std::string& path, TextBuffer& out) {
+void copySymb(const std::string& path, TextDialect dialect, TextBuffer& out) {
   TextBuffer image = readWhole(path, "failed to open binary sym file");
-  if (!symb_read(image.data(), image.size(), out))
+  if (!symb_read(image.data(), image.size(), out, dialect))
     throw pdb_exception("failed to parse binary sym file");
   if (out.view().find(kCodeId) != std::string_view::npos) throwSecondPe();
 }
 
 // Appends the symbol file that the tree has for an identity. False if there is none.
-bool copySymbolFile(const char* sympath, const ImageIdentity& identity, TextBuffer& out) {
+bool copySymbolFile(const char* sympath, const ImageIdentity& identity, TextDialect dialect,
+                    TextBuffer& out) {
   if (sympath == nullptr) return false;
   const std::string debug_file(last_component(identity.debug_file, kAnySeparators));
   const auto inTree = [&](bool binary) {
@@ -59,16 +60,17 @@ bool copySymbolFile(const char* sympath, const ImageIdentity& identity, TextBuff
     return true;
   }
   const std::string image = inTree(/*binary=*/true);
-  if (!image.empty()) copySymb(image, out);
+  if (!image.empty()) copySymb(image, dialect, out);
   return !image.empty();
 }
 
 // For an image that is not a PE32+ image. A batch tries each of them before it converts the PDBs,
 // and repeatedly on one tree, so that whatever prevents it is no news.
-bool copySymbolFileOfOther(const char* exe, const char* sympath, TextBuffer& out) {
+bool copySymbolFileOfOther(const char* exe, const char* sympath, TextDialect dialect,
+                           TextBuffer& out) {
   const std::optional<ImageIdentity> identity = pe_debug_id(exe);
   try {
-    return identity && copySymbolFile(sympath, *identity, out);
+    return identity && copySymbolFile(sympath, *identity, dialect, out);
   } catch (const pdb_exception&) {
     return false;
   }
@@ -76,14 +78,15 @@ bool copySymbolFileOfOther(const char* exe, const char* sympath, TextBuffer& out
 
 }  // namespace
 
-void findSymbolFileOfPe(const char* exe, const char* sympath, TextBuffer& out) {
+void findSymbolFileOfPe(const char* exe, const char* sympath, TextDialect dialect,
+                        TextBuffer& out) {
   ImageIdentity identity;
   if (exe != nullptr && pe64_debug_id(exe, identity.debug_id, identity.debug_file)) {
     if (identity.debug_file.empty()) throw pdb_exception("PE with empty debug file name or id");
-    if (copySymbolFile(sympath, identity, out)) return;
+    if (copySymbolFile(sympath, identity, dialect, out)) return;
     throw pdb_exception("PE file without matching pdb or sym file");
   }
-  if (exe != nullptr && copySymbolFileOfOther(exe, sympath, out)) return;
+  if (exe != nullptr && copySymbolFileOfOther(exe, sympath, dialect, out)) return;
   throw pdb_exception("Not a valid 64bit PE");
 }
 
