@@ -14,7 +14,7 @@ constexpr size_t kTextBytes = 512;
 thread_local char last_error[kTextBytes];
 
 // A library is silent until its host sets a callback.
-const bool silenced = [] {
+[[maybe_unused]] const bool kSilenced = [] {
   google_breakpad::SetLogSink(google_breakpad::DiscardLogLine, nullptr);
   return true;
 }();

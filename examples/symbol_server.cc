@@ -335,7 +335,7 @@ void add_routes(httplib::Server& server, symforge_store* store, const Options& o
               status == 404 ? "no such path" : "status " + std::to_string(status));
   });
   server.set_exception_handler(
-      [](const httplib::Request&, httplib::Response& response, std::exception_ptr) {
+      [](const httplib::Request&, httplib::Response& response, const std::exception_ptr&) {
         set_error(response, 500, "internal error");
       });
 }

@@ -32,7 +32,7 @@ constexpr double kSeconds = 0.010;
 constexpr size_t kBytes = 16 * kMebibyte;
 constexpr size_t kMostAddresses = 60;
 
-const test_support::TestModule code(0);
+const test_support::TestModule kModule(0);
 
 std::vector<uint64_t> words_of(std::string_view block) {
   std::vector<uint64_t> words = {0, UINT32_MAX, UINT64_MAX};
@@ -91,7 +91,7 @@ void ask(const symforge_module* module, uint64_t address, BasicSourceLineResolve
   }
   require(status == SYMFORGE_OK, "a lookup succeeds");
   StackFrame frame;
-  frame.module = &code;
+  frame.module = &kModule;
   frame.instruction = address;
   resolver.FillSourceLineInfo(&frame);
   compare(answer, frames.data(), frame);
@@ -100,7 +100,7 @@ void ask(const symforge_module* module, uint64_t address, BasicSourceLineResolve
 void ask_unwind(const symforge_module* module, uint64_t address,
                 BasicSourceLineResolver& resolver) {
   StackFrame frame;
-  frame.module = &code;
+  frame.module = &kModule;
   frame.instruction = address;
   std::vector<char> text(64);
   symforge_frame_data data = {};
@@ -183,7 +183,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   require(symforge_module_get_info(module.get(), &info) == SYMFORGE_OK, "information");
   require(info.debug_file != nullptr && info.code_file != nullptr, "names");
   BasicSourceLineResolver resolver;
-  require(resolver.LoadModuleUsingMapBuffer(&code, content), "what opens here loads in C++");
+  require(resolver.LoadModuleUsingMapBuffer(&kModule, content), "what opens here loads in C++");
   std::vector<uint64_t> addresses = is_symb ? words_of(content) : fuzzing::addresses_in(content);
   addresses.push_back(0);
   addresses.resize(std::min(addresses.size(), kMostAddresses));

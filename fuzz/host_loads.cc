@@ -24,7 +24,7 @@ namespace {
 
 constexpr size_t kMebibyte = size_t{1} << 20;
 
-const test_support::TestModule code(0);
+const test_support::TestModule kModule(0);
 
 // Repeats every eighth text until it has a realistic size, at which excessive cost shows.
 std::string grown(std::string text) {
@@ -49,7 +49,7 @@ void ask(BasicSourceLineResolver& resolver, uint64_t address) {
   constexpr double kSeconds = 0.010;
   constexpr size_t kBytes = 16 * kMebibyte;
   StackFrame frame;
-  frame.module = &code;
+  frame.module = &kModule;
   frame.instruction = address;
   fuzzing::bounded("a lookup", kSeconds, kBytes, [&] { resolver.FillSourceLineInfo(&frame); });
   fuzzing::bounded("a STACK WIN lookup", kSeconds, kBytes,
@@ -86,19 +86,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   bool loaded = false;
   fuzzing::bounded("a load", 0.1 + 2e-6 * static_cast<double>(content.size()),
                    64 * kMebibyte + 6 * content.size(),
-                   [&] { loaded = resolver.LoadModule(&code, file.path()); });
+                   [&] { loaded = resolver.LoadModule(&kModule, file.path()); });
   require(loaded == expected, "text and safe blocks load");
-  require(resolver.HasModule(&code) == loaded, "what is loaded is there");
+  require(resolver.HasModule(&kModule) == loaded, "what is loaded is there");
   std::vector<uint64_t> addresses = is_symb ? words_of(content) : fuzzing::addresses_in(content);
   addresses.resize(std::min<size_t>(addresses.size(), 100));
   for (const uint64_t address : addresses) ask(resolver, address);
   if (is_symb && loaded) compare_routes(content, addresses);
-  const bool corrupt = resolver.IsModuleCorrupt(&code);
-  resolver.UnloadModule(&code);
-  require(!resolver.HasModule(&code) && !resolver.IsModuleCorrupt(&code),
+  const bool corrupt = resolver.IsModuleCorrupt(&kModule);
+  resolver.UnloadModule(&kModule);
+  require(!resolver.HasModule(&kModule) && !resolver.IsModuleCorrupt(&kModule),
           "what is unloaded is gone");
 
-  require(resolver.LoadModuleUsingMapBuffer(&code, content) == expected, "one answer");
-  require(resolver.IsModuleCorrupt(&code) == corrupt, "one verdict on the lines");
+  require(resolver.LoadModuleUsingMapBuffer(&kModule, content) == expected, "one answer");
+  require(resolver.IsModuleCorrupt(&kModule) == corrupt, "one verdict on the lines");
   return 0;
 }
