@@ -159,10 +159,10 @@ class Program {
       compare(BPF_JGE, rule.first, Next::kStep, Next::kDeny);
       compare(BPF_JGT, rule.last, Next::kDeny, found);
     }
-    if (rule.mask != 0) checkArgument(rule);
+    if (rule.mask != 0) check_argument(rule);
   }
 
-  void checkArgument(const CallRule& rule) {
+  void check_argument(const CallRule& rule) {
     const uint32_t low = offsetof(seccomp_data, args) + 8 * rule.argument;
     if (rule.whole) {
       load(low + 4);

@@ -46,10 +46,11 @@ bool FunctionNames::appendInlinee(uint32_t inlinee, std::string& output) {
   TypeInfo info;
   if (!m_ids.isFunction(inlinee) || !m_ids.find(inlinee, info)) return false;
   if (info.name.data == nullptr || *info.name.data == '\0') return false;
-  if (info.type == LEAF::LF_FUNC_ID)
+  if (info.type == LEAF::LF_FUNC_ID) {
     appendFunctionId(info, output);
-  else
+  } else {
     appendMemberFunctionId(info, output);
+  }
   return true;
 }
 
@@ -69,12 +70,13 @@ void FunctionNames::appendMemberFunctionId(const TypeInfo& info, std::string& ou
   appendType(id.classtype, output);
   const std::string className(lastNameComponent(std::string_view(output).substr(start)));
   output += "::";
-  if (name == "{ctor}")
+  if (name == "{ctor}") {
     output += className;
-  else if (name == "{dtor}")
+  } else if (name == "{dtor}") {
     output.append("~").append(className);
-  else
+  } else {
     appendText(info.name.data, output);
+  }
   appendType(id.type, output);
 }
 

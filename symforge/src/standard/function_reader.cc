@@ -195,7 +195,7 @@ const FunctionReader::Callee& FunctionReader::findCallee(uint32_t inlinee) {
     callee.line = start->line;
   }
   if (known != nullptr) return *known = callee;
-  return m_callees.values()[m_callees.insert(inlinee, std::move(callee))];
+  return m_callees.values()[m_callees.insert(inlinee, Callee(callee))];
 }
 
 void FunctionReader::addRow(const PlacedFunction& function, const AnnotationRow& row) {
