@@ -39,10 +39,11 @@ inline Conversion convertAlone(const MemoryFile& file, Format format = Format::k
     symforge_internal::PDBParser parser(/*with_inlines=*/true);
     parser.load(file.path(), nullptr, nullptr, text);
     symforge_internal::StandardCounts ignored;
-    if (format == Format::kStandard)
+    if (format == Format::kStandard) {
       parser.printStandardSymbols(text, counts != nullptr ? *counts : ignored);
-    else
+    } else {
       parser.printBreakpadSymbols(text, nullptr);
+    }
     result.text = text.view();
   } catch (const symforge_internal::pdb_exception& e) {
     result.failure = e.what();

@@ -52,6 +52,8 @@ class Linter:
             # The precompiled headers are those of another compiler.
             command["command"] = re.sub(r" -fpch-preprocess| -Winvalid-pch| -include \S*/cmake_pch\.hxx", "",
                                         command["command"])
+            # Some options are those of another compiler, too.
+            command["command"] += " -Wno-unknown-warning-option"
         (self.folder / "compile_commands.json").write_text(json.dumps(commands))
         self.commands = {command["file"]: command for command in commands}
 

@@ -53,18 +53,20 @@ TEST(LineRecordsTest, AssignsABlockToTheFunctionAtOrAfterItsStart) {
     std::istringstream text(found);
     std::string lines, name;
     for (std::string line; std::getline(text, line);) {
-      if (line.starts_with("FUNC"))
+      if (line.starts_with("FUNC")) {
         name = line.substr(line.size() - 3, 1);
-      else
+      } else {
         lines += (lines.empty() ? name : "") + " " + line;
+      }
     }
     return lines;
   };
   for (const auto& c : cases) {
     EXPECT_EQ(linesOf([&](ModuleBuilder& module, uint32_t file) {
-                for (const Block& block : c.blocks)
+                for (const Block& block : c.blocks) {
                   module.lines(block.section, block.offset, 8, block.unknown_file ? 4 : file,
                                block.lines);
+                }
               }),
               c.lines)
         << c.what;

@@ -89,9 +89,10 @@ TEST(UnwindCfiTest, CountsFromTheFramePointer) {
   // 0x40 bytes of stack, 0x20 of them allocated before the register is set.
   const Slots slots = {op(kAllocSmall, 3), op(kSetFpreg, 0), op(kAllocSmall, 1), op(kPushNonvol, 5),
                        op(kPushNonvol, 3)};
-  for (const uint8_t frame_register : {5, 13})
+  for (const uint8_t frame_register : {5, 13}) {
     EXPECT_EQ(textOf(Unwind{.frame_register = frame_register, .frame_offset = 1, .slots = slots}),
               lines("$rbp 24 + $rbp: .cfa 24 - ^ $rbx: .cfa 16 - ^"));
+  }
 }
 
 TEST(UnwindCfiTest, AbortsOnARegisterPushedTwiceOrAFrameNeverSet) {

@@ -119,9 +119,10 @@ TEST(UnwindRulesTest, FollowsTheMachine) {
     EXPECT_THAT(arm.messages, ElementsAre(HasSubstr("32-bit ARM")));
     EXPECT_EQ(arm.text, "");
   }
-  for (const uint16_t machine : {0x200, 0xA641, 0x5064})
+  for (const uint16_t machine : {0x200, 0xA641, 0x5064}) {
     EXPECT_THAT(written(PeBuilder().machine(machine).build()).messages,
                 ElementsAre(HasSubstr("this machine")));
+  }
   EXPECT_THAT(written(PeBuilder(false).machine(0xAA64).build()).messages,
               ElementsAre(HasSubstr("PE32+")));
   EXPECT_THAT(written("no image").messages, ElementsAre(HasSubstr("PE image")));
