@@ -220,11 +220,11 @@ void PDBParser::printBreakpadSymbols(TextBuffer& out, FileMod* fileMod) {
 
 void PDBParser::printStandardSymbols(TextBuffer& out, StandardCounts& counts) {
   selectStandard();
+  const TextLimit limit(out, limits::kText.of(m_rep->file.size() + m_rep->codeFile.size()));
   if (!m_rep->dbi) {
     joinImage(m_rep->codeFile, out, counts);
     return;
   }
-  const TextLimit limit(out, limits::kText.of(m_rep->file.size() + m_rep->codeFile.size()));
   StandardPrinter({m_rep->file, *m_rep->info, *m_rep->dbi, m_rep->codeFile, m_rep->pdbFile,
                    m_rep->debugId, m_rep->do_inline, m_rep->pool},
                   counts)
