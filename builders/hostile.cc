@@ -341,6 +341,46 @@ std::string nested_frame_data(size_t size) {
   return text;
 }
 
+// The 8 bytes whose std::hash has a value; the function is a bijection of these.
+std::string text_of_hash(uint64_t hash) {
+  constexpr uint64_t kMultiplier = 0xC6A4A7935BD1E995, kInverse = 0x5F7A0EA7E59B19BD;
+  constexpr uint64_t kStart = 0xC70F6907 ^ 8 * kMultiplier;
+  const auto mixed = [](uint64_t number) { return number ^ number >> 47; };  // its own inverse
+  const uint64_t word = mixed(mixed(hash) * kInverse) * kInverse ^ kStart;
+  Bytes bytes;
+  bytes.u64(mixed(word * kInverse) * kInverse);
+  return bytes.str();
+}
+
+// Distinct names, of which std::hash differs in the lower half only.
+std::string colliding_names(size_t size) {
+  std::string text = "MODULE windows x86 0123 a.pdb\n";
+  for (uint64_t i = 1; text.size() < size; ++i) {
+    const std::string name = text_of_hash(uint64_t{1} << 32 | i);
+    if (name.find_first_of(std::string_view("\0\r\n \xFF", 5)) != name.npos) continue;
+    text += "PUBLIC " + hex(static_cast<uint32_t>(i)) + " 0 " + name + "\n";
+  }
+  return text;
+}
+
+// Numbers of files that belong to one bucket of a hash table of the standard library.
+std::string colliding_files(size_t size) {
+  SymbModel model;
+  SymbFunction function = symb_function(0);
+  const uint32_t lines = count_of(size, 16);
+  function.size = 16 + lines;
+  const uint32_t files = std::min<uint32_t>(lines, 30000);
+  std::unordered_set<int32_t> table;
+  for (uint32_t i = 0; i < files; ++i) table.insert(static_cast<int32_t>(i));
+  const size_t buckets = table.bucket_count();
+  for (uint32_t i = 0; i < lines; ++i) {
+    function.lines.push_back({16 + i, 1, static_cast<int32_t>(i % files * buckets), 1});
+  }
+  function.sites = {{16, 1, 1, 1, 0, "i"}};
+  model.functions.push_back(function);
+  return model.bytes();
+}
+
 // Entries that share one chain of unwind data.
 std::string shared_unwind_chain(size_t size) {
   PeBuilder pe;
@@ -408,6 +448,8 @@ std::vector<HostileFile> hostile_files(size_t size) {
       {"call_ranges.sym", numbered_lines(size, "FUNC 0 ffffffff 0 f\nINLINE 0 1 1 1", " ", "0 1")},
       {"nested_frame_data.sym", nested_frame_data(size)},
       {"frame_data.sym", numbered_lines(size, "", "STACK WIN 4 ", "0 ff 0 0 0 0 0 0 1 p\n")},
+      {"colliding_names.sym", colliding_names(size)},
+      {"colliding_files.symb", colliding_files(size)},
       {"shared_unwind_chain.exe", shared_unwind_chain(size)},
       {"many_sections.exe", many_sections(size)},
       {"small.pdb", small_pdb()},

@@ -6,10 +6,10 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
-#include <unordered_set>
 #include <vector>
 
 #include "base/limits.h"
+#include "base/open_addressing_index.h"
 #include "base/text_buffer.h"
 #include "common/published_function.h"
 #include "common/symb.h"
@@ -113,7 +113,7 @@ class Printer {
   bool is_standard_ = false;
   PublishedFunction published_;
   Allowance parts_;
-  std::unordered_set<int32_t> used_files_;
+  OpenAddressingIndex used_files_;                     // numbers of files, each with 1
   std::unordered_map<uint64_t, long> origin_numbers_;  // by reference
   std::vector<uint64_t> origins_;                      // by number
 };
@@ -154,7 +154,7 @@ bool Printer::files(TextBuffer& out) {
     const auto file = symb_load<symb_file>(at);
     std::string_view name;
     if (!string(file.name, &name)) return false;
-    const bool is_used = !is_standard_ || used_files_.contains(file.index);
+    const bool is_used = !is_standard_ || used_files_.find(static_cast<uint32_t>(file.index)) != 0;
     if (is_used) append_line(out, FileFields{file.index, name});
   }
   return true;
@@ -297,12 +297,12 @@ bool Printer::standard_function(const symb_func_inline& function) {
     const auto number = static_cast<long>(origins_.size());
     const auto [origin, is_new] = origin_numbers_.try_emplace(call.name, number);
     if (is_new) origins_.push_back(call.name);
-    used_files_.insert(call.file);
+    used_files_[static_cast<uint32_t>(call.file)] = 1;
     append_line(text_,
                 InlineCallFields{call.depth, call.line, call.file, origin->second, call.ranges});
   }
   for (const symb_line& line : published_.line_records()) {
-    used_files_.insert(line.source_file_id);
+    used_files_[static_cast<uint32_t>(line.source_file_id)] = 1;
     append_line(text_, LineFields{line.address, line.size, line.line, line.source_file_id});
   }
   return true;

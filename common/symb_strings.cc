@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <functional>
 #include <stdexcept>
 #include <utility>
 
@@ -91,7 +90,7 @@ class StringSorter {
 void SymbStrings::add(std::string_view text) {
   if (distinct_.size() * 2 >= index_.size()) grow_index();
   const size_t mask = index_.size() - 1;
-  const uint64_t hash = std::hash<std::string_view>()(text);
+  const uint64_t hash = hash_(text);
   size_t slot = (hash >> 32) & mask;
   for (; index_[slot] != 0; slot = (slot + 1) & mask) {
     if ((index_[slot] & kHashBits) != (hash & kHashBits)) continue;

@@ -14,8 +14,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <string_view>
 #include <vector>
+
+#include "base/text_hash.h"
 
 namespace symforge_internal {
 
@@ -42,11 +45,12 @@ class SymbStrings {
 
   // A distinct string is identified by its number. The index is a hash table with linear probing. A
   // slot holds the upper half of the hash and the number plus 1, or 0 if it is free.
+  const TextHash hash_;
   std::vector<std::string_view> distinct_;
   std::vector<uint64_t> index_;
-  std::vector<uint32_t> references_;  // numbers in the order of add()
-  std::vector<uint32_t> order_;       // numbers in sorted order
-  std::vector<uint64_t> offsets_;     // by number
+  std::deque<uint32_t> references_;  // numbers in the order of add()
+  std::vector<uint32_t> order_;      // numbers in sorted order
+  std::vector<uint64_t> offsets_;    // by number
   uint64_t table_bytes_ = 0;
   size_t next_reference_ = 0;
 };

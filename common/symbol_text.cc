@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "base/number_cursor.h"
+#include "base/text_hash.h"
 #include "common/lookup_limits.h"
 #include "processor/tokenize.h"
 
@@ -473,7 +474,7 @@ bool parse(char* stack_info, char* end, StackCFIFields* fields) {
 std::string join_cfi_rules(std::string_view rules, std::string_view changes) {
   // A rule is a word that ends with a colon, and the words up to the next such word.
   std::vector<std::pair<std::string_view, std::string>> joined;
-  std::unordered_map<std::string_view, size_t> index;
+  std::unordered_map<std::string_view, size_t, TextHash> index;
   for (std::string_view rest : {rules, changes}) {
     size_t current = joined.size();
     while (true) {

@@ -12,6 +12,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "base/text_hash.h"
+
 namespace symforge_internal {
 
 // Jobs are added in the order of a run that does them one by one. Each has keys: the entries of the
@@ -41,7 +43,7 @@ class JobOrder {
   };
 
   std::deque<Job> jobs_;
-  std::unordered_map<std::string, size_t> last_;  // by key, the last job that has it
+  std::unordered_map<std::string, size_t, TextHash> last_;  // by key, the last job that has it
   std::priority_queue<size_t, std::vector<size_t>, std::greater<>> ready_;
   size_t unfinished_ = 0;
 };

@@ -9,6 +9,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "base/text_hash.h"
 #include "symforge/src/driver/conversion_options.h"
 
 namespace symforge_internal {
@@ -43,7 +44,7 @@ class PdbMatcher {
   const bool any_width_;
   const bool sandbox_;
   bool read_ = false;
-  std::unordered_map<std::string, std::string> ids_;  // by path
+  std::unordered_map<std::string, std::string, TextHash> ids_;  // by path
   // By identifier, the paths in descending order.
   std::map<std::string, std::vector<std::string>> paths_;
 };

@@ -14,6 +14,7 @@
 
 #include "base/first_wins_map.h"
 #include "base/sealed_map.h"
+#include "base/text_hash.h"
 #include "symforge/src/pdb/module_stream.h"
 #include "symforge/src/pdb/name_stream.h"
 
@@ -56,9 +57,9 @@ class CrossModuleItems {
 
   const ModuleStreams& m_modules;
   const NameStream& m_names;
-  std::vector<Tables> m_tables;                               // by module
-  std::unordered_map<std::string, uint32_t> m_modulesByName;  // in lower case
-  FirstWinsMap<uint32_t> m_found;                             // modules by offset of their name
+  std::vector<Tables> m_tables;                                         // by module
+  std::unordered_map<std::string, uint32_t, TextHash> m_modulesByName;  // in lower case
+  FirstWinsMap<uint32_t> m_found;  // modules by offset of their name
 };
 
 }  // namespace symforge_internal

@@ -1,7 +1,5 @@
 #include "symforge/src/standard/inline_origins.h"
 
-#include <functional>
-
 #include "common/symbol_text.h"
 #include "symforge/src/standard/line_name.h"
 
@@ -19,7 +17,7 @@ uint32_t InlineOrigins::find(uint32_t inlinee) {
 
 // Different items can have one name, as those of a class that was written twice.
 uint32_t InlineOrigins::add(std::string_view name) {
-  const auto hash = static_cast<uint32_t>(std::hash<std::string_view>()(name));
+  const auto hash = static_cast<uint32_t>(m_hash(name) >> 32);
   uint32_t& first = m_byHash[hash];
   for (uint32_t origin = first - 1; first != 0 && origin != kUnnamed;
        origin = m_origins[origin].nextOfHash) {

@@ -10,6 +10,7 @@
 
 #include "base/open_addressing_index.h"
 #include "base/text_buffer.h"
+#include "base/text_hash.h"
 #include "symforge/src/standard/function_names.h"
 
 namespace symforge_internal {
@@ -48,7 +49,8 @@ class InlineOrigins {
 
   FunctionNames& m_names;
   OpenAddressingIndex m_byInlinee;  // origin + 1, or kUnnamed
-  OpenAddressingIndex m_byHash;     // first origin of a hash + 1
+  const TextHash m_hash;
+  OpenAddressingIndex m_byHash;  // first origin of a hash + 1
   std::string m_name;
   std::string m_printableName;
   TextBuffer m_texts;  // of all origins, one after the other
