@@ -2,8 +2,8 @@
 //
 // Entries are sorted and stored in blocks of up to 64. Keys and values of a block are in separate
 // arrays, so a search touches few cache lines. Blocks are found through two levels of separators:
-// up to 256 blocks form a group, and one array lists the groups. Inserting in ascending order
-// appends and fills every block. Other orders split blocks; the cost of an insertion stays
+// up to 256 blocks form a group, and one array lists the groups. Inserting in ascending or
+// descending order fills every block. Other orders split blocks; the cost of an insertion stays
 // logarithmic. A small map is one block that grows; an empty map owns no memory.
 //
 // Threads: const operations may run concurrently; a change needs exclusive access. Every change
@@ -352,7 +352,7 @@ template <typename Key, typename Value>
 bool BlockMap<Key, Value>::insert(Key key, Value value) {
   const_iterator it;
   if (size_ == 0) {
-    if (single_ == nullptr) single_ = create_single(2);
+    if (single_ == nullptr) single_ = create_single(1);
     it = position(0, 0, 0);
   } else if (it = last_block(); it.block_->keys()[it.block_->count - 1] < key) {
     it.slot_ = it.block_->count;  // ascending order: no search needed
@@ -392,8 +392,9 @@ void BlockMap<Key, Value>::make_directory() {
   destroy_single(std::exchange(single_, nullptr));
 }
 
-// Splits a full block and returns the position at which to insert `key`. At the end of the map a
-// new block is started instead and the full one stays full, so that ascending input leaves no gaps.
+// Splits a full block and returns the position at which to insert `key`. At the end and at the
+// start of the map a new block is started instead and the full one stays full, so that ascending
+// and descending input leave no gaps.
 template <typename Key, typename Value>
 typename BlockMap<Key, Value>::const_iterator BlockMap<Key, Value>::split(const_iterator full,
                                                                           Key key) {
@@ -408,15 +409,17 @@ typename BlockMap<Key, Value>::const_iterator BlockMap<Key, Value>::split(const_
   }
   Group& group = *directory_->groups[full.group_];
   const bool at_end = full.slot_ == kBlockCapacity && full.block_ == last_block().block_;
-  const uint32_t keep = at_end ? kBlockCapacity : kBlockCapacity / 2;
+  const bool at_start = full.slot_ == 0 && full.group_ == 0 && full.in_group_ == 0;
+  const uint32_t keep = at_end ? kBlockCapacity : at_start ? 0 : kBlockCapacity / 2;
   const auto index = static_cast<ptrdiff_t>(full.in_group_);
   group.blocks.reserve(kGroupCapacity);
   group.separators.reserve(kGroupCapacity);
   Block* right = directory_->create_block();
   full.block_->move_tail(keep, right);
-  group.separators.insert(group.separators.begin() + index, full.block_->keys()[keep - 1]);
+  const Key separator = at_start ? key : full.block_->keys()[keep - 1];
+  group.separators.insert(group.separators.begin() + index, separator);
   group.blocks.insert(group.blocks.begin() + index + 1, right);
-  if (full.slot_ < keep) return full;
+  if (full.slot_ < keep || at_start) return full;
   const_iterator it = full;
   it.block_ = right;
   it.in_group_ = full.in_group_ + 1;

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <deque>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -23,6 +24,7 @@ namespace symforge_internal {
 namespace {
 
 using google_breakpad::BasicSourceLineResolver;
+using google_breakpad::FunctionRecords;
 using google_breakpad::StackWinRecord;
 using Module = BasicSourceLineResolver::Module;
 using StackWinRange = Module::StackWinMap::Range;
@@ -39,24 +41,22 @@ bool has_code_id(const SymbHeaderLines& info) {
 template <typename Record, typename Enter, typename Visit>
 void walk_stack_win(Record* root, const StackWinRanges& top, Enter enter, Visit visit) {
   struct Level {
-    StackWinRanges::const_iterator next;
-    StackWinRanges::const_iterator end;
+    const StackWinRanges* ranges;
+    StackWinRanges::const_iterator next;  // never the end
     Record* record;
   };
-  std::vector<Level> path = {{top.begin(), top.end(), enter(root, top)}};
+  std::deque<Level> path = {{&top, top.begin(), enter(root, top)}};
   while (!path.empty()) {
     Level& level = path.back();
-    if (level.next == level.end) {
-      path.pop_back();
-      continue;
-    }
     const StackWinRange& range = *level.next.value();
     Record* const record = level.record;
     visit(level.next.key(), range, record);
     ++level.next;
     if (record != nullptr) ++level.record;
+    // A level ends before its last range is entered, so that a chain of ranges is not a long path.
+    if (level.next == level.ranges->end()) path.pop_back();
     if (const StackWinRanges* inside = range.Map()) {
-      path.push_back({inside->begin(), inside->end(), enter(record, *inside)});
+      path.push_back({inside, inside->begin(), enter(record, *inside)});
     }
   }
 }
@@ -81,8 +81,8 @@ class ImageWriter {
   void write_identity();
   void write_files();
   void write_functions();
-  void write_lines(const BasicSourceLineResolver::Function& function);
-  void write_inline_functions(const BasicSourceLineResolver::Function& function);
+  void write_lines(const FunctionRecords& records);
+  void write_inline_functions(const FunctionRecords& records);
   void write_publics();
   void write_stack_win();
   void populateWindowsFrameInfo(uint64_t addr, const StackWinRange& range,
@@ -140,9 +140,10 @@ uint64_t ImageWriter::measure_functions() {
   for (const auto& [high, range] : module_.Functions().GetMap()) {
     const BasicSourceLineResolver::Function& function = *range.entry();
     strings_.add(function.name);
-    for (const auto& site : function.inlines()) strings_.add(site.name);
-    bytes += sizeof(symb_func_inline) + function.lines().size() * sizeof(symb_line) +
-             function.inlines().size() * sizeof(symb_inline);
+    const FunctionRecords& records = function.records;
+    for (size_t i = 0; i < records.site_count(); ++i) strings_.add(records.site(i).name);
+    bytes += sizeof(symb_func_inline) + records.line_count() * sizeof(symb_line) +
+             records.site_count() * sizeof(symb_inline);
   }
   return bytes;
 }
@@ -218,18 +219,19 @@ void ImageWriter::write_functions() {
     record->size = static_cast<uint32_t>(function.size);
     record->parameter_size = function.parameter_size;
     record->lines = position();
-    record->line_count = static_cast<uint32_t>(function.lines().size());
-    write_lines(function);
+    record->line_count = static_cast<uint32_t>(function.records.line_count());
+    write_lines(function.records);
     record->inlines = position();
-    record->inline_count = static_cast<uint32_t>(function.inlines().size());
-    write_inline_functions(function);
+    record->inline_count = static_cast<uint32_t>(function.records.site_count());
+    write_inline_functions(function.records);
     ++record;
   }
 }
 
-void ImageWriter::write_lines(const BasicSourceLineResolver::Function& function) {
-  auto* record = reserve<symb_line>(function.lines().size());
-  for (const auto& line : function.lines()) {
+void ImageWriter::write_lines(const FunctionRecords& records) {
+  auto* record = reserve<symb_line>(records.line_count());
+  for (size_t i = 0; i < records.line_count(); ++i) {
+    const FunctionRecords::Line line = records.line(i);
     record->address = static_cast<uint32_t>(line.address);
     record->size = static_cast<uint32_t>(line.size);
     record->source_file_id = line.source_file_id;
@@ -238,9 +240,10 @@ void ImageWriter::write_lines(const BasicSourceLineResolver::Function& function)
   }
 }
 
-void ImageWriter::write_inline_functions(const BasicSourceLineResolver::Function& function) {
-  auto* record = reserve<symb_inline>(function.inlines().size());
-  for (const auto& site : function.inlines()) {
+void ImageWriter::write_inline_functions(const FunctionRecords& records) {
+  auto* record = reserve<symb_inline>(records.site_count());
+  for (size_t i = 0; i < records.site_count(); ++i) {
+    const FunctionRecords::Site site = records.site(i);
     record->address = static_cast<uint32_t>(site.function_address);
     record->size = static_cast<uint32_t>(site.code_size);
     record->source_file_id = site.file_id;
@@ -257,7 +260,7 @@ void ImageWriter::write_publics() {
   auto* record = reserve<symb_public>(module_.Publics().Map().size());
   for (const auto& [address, symbol] : module_.Publics().Map()) {
     record->name = strings_.next();
-    record->address = static_cast<uint32_t>(symbol.address);
+    record->address = static_cast<uint32_t>(address);
     record->parameter_size = symbol.parameter_size;
     ++record;
   }

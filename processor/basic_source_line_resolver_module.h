@@ -12,6 +12,7 @@
 #pragma once
 
 #include <array>
+#include <cassert>
 #include <memory>
 #include <span>
 #include <string>
@@ -21,6 +22,7 @@
 #include "google_breakpad/processor/basic_source_line_resolver.h"
 #include "processor/address_map.h"
 #include "processor/contained_range_map.h"
+#include "processor/function_records.h"
 #include "processor/range_map.h"
 #include "processor/source_line_resolver_base_types.h"
 #include "processor/string_storage.h"
@@ -32,20 +34,23 @@ namespace google_breakpad {
 using symforge_internal::Arena;
 using symforge_internal::BlockMap;
 
-struct BasicSourceLineResolver::InlineFunction : SourceLineResolverBase::InlineFunction {};
-
-// A function with its lines and inline sites. Both arrays are final: overlaps are resolved while
-// the function is read, and the arrays are then stored one after the other.
 struct BasicSourceLineResolver::Function : SourceLineResolverBase::Function {
-  // Disjoint, ascending by address.
-  std::span<const Line> lines() const { return {lines_, line_count_}; }
-  // In pre-order: each site precedes the sites inside it, siblings are ascending by address.
-  std::span<const InlineFunction> inlines() const { return {inlines_, inline_count_}; }
+  FunctionRecords records;
+};
 
-  const Line* lines_ = nullptr;
-  const InlineFunction* inlines_ = nullptr;
-  uint32_t line_count_ = 0;
-  uint32_t inline_count_ = 0;
+// The range of a function. A RangeMap stores it by its last address.
+class FunctionRange {
+ public:
+  using Function = BasicSourceLineResolver::Function;
+  FunctionRange(MemAddr base, MemAddr delta, const Function* function) : function_(function) {
+    assert(base == function->address && delta == 0);
+  }
+  MemAddr base() const { return function_->address; }
+  MemAddr delta() const { return 0; }
+  const Function* const& entry() const { return function_; }
+
+ private:
+  const Function* function_;
 };
 
 // A STACK WIN line without its range. All fields are valid (WindowsFrameInfo::VALID_ALL).
@@ -58,7 +63,7 @@ struct StackWinRecord : StackWinSizes {
 class BasicSourceLineResolver::Module : public SourceLineResolverBase::Module {
  public:
   using FileMap = BlockMap<int, const char*>;
-  using FunctionMap = RangeMap<MemAddr, const Function*>;
+  using FunctionMap = RangeMap<MemAddr, const Function*, FunctionRange>;
   using PublicMap = AddressMap<MemAddr, PublicSymbol>;
   using StackWinMap = ContainedRangeMap<MemAddr, StackWinRecord>;
   using StackWinMaps = std::array<StackWinMap, WindowsFrameInfo::STACK_INFO_LAST>;
@@ -71,7 +76,8 @@ class BasicSourceLineResolver::Module : public SourceLineResolverBase::Module {
   // released afterwards. A block must outlive the module. Always returns true.
   bool LoadMapFromMemory(char* memory_buffer, size_t memory_buffer_size) override;
   // Like LoadMapFromMemory, but the module's strings point into the text, which must outlive the
-  // module and not be changed.
+  // module and not be changed. Only the lower 32 bits of the numbers of line records and inline
+  // sites are stored, as in SYMB.
   bool LoadMapInPlace(char* memory_buffer, size_t memory_buffer_size);
   bool IsCorrupt() const override { return bad_lines_.count > 0; }
   BadLines FindBadLines() const override { return bad_lines_; }

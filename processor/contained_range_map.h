@@ -231,7 +231,7 @@ void ContainedRangeMap<AddressType, EntryType>::StoreRanges(const std::vector<Ex
   assert(!this->map_);
   assert(extents.size() == entries.size());
   symforge_internal::RangeNesting<AddressType> nesting;
-  std::vector<Step> open;  // the ranges around the current one
+  std::deque<Step> open;  // the ranges around the current one
   for (const uint32_t position : nesting.nest(extents)) {
     const auto [base, high] = extents[position];
     while (!open.empty() && open.back().high < base) open.pop_back();

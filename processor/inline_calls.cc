@@ -63,8 +63,7 @@ void InlineCallGatherer::Convert(const BasicSourceLineResolver::Function& functi
   }
   // Outer sites precede the sites inside them.
   std::sort(sites_.begin(), sites_.end(), [](const Site& a, const Site& b) {
-    return std::tie(a.site.function_address, a.site.caller) <
-           std::tie(b.site.function_address, b.site.caller);
+    return std::tie(a.function_address, a.caller) < std::tie(b.function_address, b.caller);
   });
 }
 
@@ -152,20 +151,19 @@ void InlineCallGatherer::AddSites(const Node& node, uint32_t depth, std::span<co
   VisitParts(node, lines, [&](MemAddr begin, MemAddr end, const SourcePosition* known) {
     const SourcePosition position = known != nullptr ? *known : SourcePosition{kNoFile, 0};
     if (sites_.size() > first) {
-      BasicSourceLineResolver::InlineFunction& last = sites_.back().site;
+      Site& last = sites_.back();
       if (SourcePosition{last.file_id, last.source_line} == position) {
         last.code_size += end - begin;
         return;
       }
     }
     Site& added = sites_.emplace_back();
-    added.origin = calls_[node.call].origin;
-    added.site.function_address = begin;
-    added.site.code_size = end - begin;
-    added.site.file_id = position.file;
-    added.site.source_line = position.line;
-    added.site.caller = depth;
-    added.site.name = nullptr;
+    added.function_address = begin;
+    added.code_size = end - begin;
+    added.file_id = position.file;
+    added.source_line = position.line;
+    added.caller = depth;
+    added.name = NameOfOrigin(static_cast<int>(calls_[node.call].origin));
   });
 }
 

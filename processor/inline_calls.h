@@ -30,11 +30,15 @@ namespace google_breakpad {
 class InlineCallGatherer {
  public:
   using Line = SourceLineResolverBase::Line;
-  // A site and the number of the INLINE_ORIGIN line with its name, which becomes `site.name`.
-  struct Site {
-    BasicSourceLineResolver::InlineFunction site;
-    long origin;
-  };
+  using Site = SourceLineResolverBase::InlineFunction;
+
+  // In place of its name, a site has the number of the INLINE_ORIGIN line with the name.
+  static const char* NameOfOrigin(int origin) {
+    return reinterpret_cast<const char*>(static_cast<uintptr_t>(static_cast<unsigned>(origin)));
+  }
+  static int OriginOf(const Site& site) {
+    return static_cast<int>(reinterpret_cast<uintptr_t>(site.name));
+  }
 
   // Adds one INLINE line. Copies the fields. Ranges beyond kMaxInlineSites of a function are
   // dropped.

@@ -25,23 +25,30 @@ enum class MergeRangeStrategy {
   kTruncateUpper,    // the range with the higher base loses its lower end
 };
 
+// What a map stores for a range besides its key.
 template <typename AddressType, typename EntryType>
+class MovableRange {
+ public:
+  MovableRange(const AddressType& base, const AddressType& delta, const EntryType& entry)
+      : base_(base), delta_(delta), entry_(entry) {}
+  AddressType base() const { return base_; }
+  // How far the base was moved up after the range was stored.
+  AddressType delta() const { return delta_; }
+  const EntryType& entry() const { return entry_; }
+
+ private:
+  AddressType base_;
+  AddressType delta_;
+  EntryType entry_;
+};
+
+// RangeType: other forms take less memory. A form whose base cannot be moved is for maps with the
+// first strategy only.
+template <typename AddressType, typename EntryType,
+          typename RangeType = MovableRange<AddressType, EntryType>>
 class RangeMap {
  public:
-  class Range {
-   public:
-    Range(const AddressType& base, const AddressType& delta, const EntryType& entry)
-        : base_(base), delta_(delta), entry_(entry) {}
-    AddressType base() const { return base_; }
-    // How far the base was moved up after the range was stored.
-    AddressType delta() const { return delta_; }
-    const EntryType& entry() const { return entry_; }
-
-   private:
-    AddressType base_;
-    AddressType delta_;
-    EntryType entry_;
-  };
+  using Range = RangeType;
   // Ordered by high. Iteration yields (high, Range).
   using AddressToRangeMap = BlockMap<AddressType, Range>;
 
@@ -129,10 +136,11 @@ class RangeMap {
 };
 
 // Each iteration truncates the new range or a stored one, and looks again.
-template <typename AddressType, typename EntryType>
-bool RangeMap<AddressType, EntryType>::StoreRangeInternal(AddressType base, AddressType delta,
-                                                          AddressType size,
-                                                          const EntryType& entry) {
+template <typename AddressType, typename EntryType, typename RangeType>
+bool RangeMap<AddressType, EntryType, RangeType>::StoreRangeInternal(AddressType base,
+                                                                     AddressType delta,
+                                                                     AddressType size,
+                                                                     const EntryType& entry) {
   while (true) {
     if (size == 0) return false;
     const AddressType high = base + size - 1;
@@ -180,9 +188,9 @@ bool RangeMap<AddressType, EntryType>::StoreRangeInternal(AddressType base, Addr
 
 // kTruncateLower: truncates the new range before the stored one, or the stored one before the new
 // one.
-template <typename AddressType, typename EntryType>
-bool RangeMap<AddressType, EntryType>::CutLower(const Iterator& other, AddressType base,
-                                                AddressType* size) {
+template <typename AddressType, typename EntryType, typename RangeType>
+bool RangeMap<AddressType, EntryType, RangeType>::CutLower(const Iterator& other, AddressType base,
+                                                           AddressType* size) {
   const AddressType other_base = other.value().base();
   if (base == other_base) return false;
   if (base < other_base) {

@@ -1,5 +1,6 @@
 #include "processor/record_gatherers.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "base/range_nesting.h"
@@ -7,7 +8,6 @@
 
 namespace google_breakpad {
 
-using symforge_internal::Arena;
 using symforge_internal::NestedRangeStack;
 using symforge_internal::RangeNesting;
 
@@ -27,20 +27,12 @@ void LineGatherer::StoreOutOfOrder(const Line& line) {
 
 const std::vector<LineGatherer::Line>& LineGatherer::Sorted() {
   if (ordered_) return lines_;
-  std::vector<Line> sorted;
-  sorted.reserve(lines_.size());
-  for (const auto& [high, range] : by_range_.GetMap()) sorted.push_back(lines_[range.entry()]);
-  lines_ = std::move(sorted);
   by_range_.Clear();
   ordered_ = true;
+  // The lines are disjoint, so no two addresses are equal.
+  std::sort(lines_.begin(), lines_.end(),
+            [](const Line& a, const Line& b) { return a.address < b.address; });
   return lines_;
-}
-
-void LineGatherer::MoveTo(Arena& arena, BasicSourceLineResolver::Function* function) {
-  Sorted();
-  function->lines_ = arena.copy(lines_.data(), lines_.size());
-  function->line_count_ = static_cast<uint32_t>(lines_.size());
-  Clear();
 }
 
 void LineGatherer::Clear() {
@@ -72,18 +64,20 @@ void InlineGatherer::SortByNesting() {
   sites_ = std::move(sorted);
 }
 
-void InlineGatherer::MoveTo(StringStorage& store, BasicSourceLineResolver::Function* function) {
+const std::vector<InlineGatherer::InlineFunction>& InlineGatherer::Sorted() {
   if (!ordered_) SortByNesting();
   final_.clear();
+  for (const Site& site : sites_) final_.push_back(site.record);
+  return final_;
+}
+
+void InlineGatherer::StoreNames(StringStorage& store, FunctionRecords* records) const {
+  const char* name = nullptr;
   for (size_t i = 0; i < sites_.size(); ++i) {
-    final_.push_back(sites_[i].record);
     // A site often consists of several ranges with the same name.
-    const bool same = i > 0 && sites_[i].name == sites_[i - 1].name;
-    final_[i].name = same ? final_[i - 1].name : store.store(sites_[i].name);
+    if (i == 0 || sites_[i].name != sites_[i - 1].name) name = store.store(sites_[i].name);
+    records->set_site_name(i, name);
   }
-  function->inlines_ = store.arena().copy(final_.data(), final_.size());
-  function->inline_count_ = static_cast<uint32_t>(final_.size());
-  Clear();
 }
 
 void InlineGatherer::Clear() {

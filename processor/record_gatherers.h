@@ -27,18 +27,30 @@ class LineGatherer {
   // Drops a range that is empty or overlaps a stored one. Drops and logs one that exceeds the
   // largest address.
   void Store(const Line& line);
-  // Copies the lines in ascending order to `arena` and assigns them to the function.
-  void MoveTo(Arena& arena, BasicSourceLineResolver::Function* function);
   void Clear();
-  // The stored lines in ascending order. Valid until the next Store, MoveTo or Clear.
+  // The stored lines in ascending order. Valid until the next Store or Clear.
   const std::vector<Line>& Sorted();
 
  private:
   void StoreOutOfOrder(const Line& line);
 
+  // The range of a line in 12 bytes.
+  class LineRange {
+   public:
+    LineRange(MemAddr base, MemAddr /*delta*/, uint32_t line)
+        : base_{static_cast<uint32_t>(base), static_cast<uint32_t>(base >> 32)}, line_(line) {}
+    MemAddr base() const { return base_[0] | MemAddr{base_[1]} << 32; }
+    MemAddr delta() const { return 0; }
+    const uint32_t& entry() const { return line_; }
+
+   private:
+    uint32_t base_[2];
+    uint32_t line_;
+  };
+
   std::vector<Line> lines_;
-  bool ordered_ = true;                   // lines_ is ascending and disjoint; by_range_ is empty
-  RangeMap<MemAddr, uint32_t> by_range_;  // otherwise: which of lines_ are stored
+  bool ordered_ = true;                              // lines_ is ascending and by_range_ is empty
+  RangeMap<MemAddr, uint32_t, LineRange> by_range_;  // otherwise: the ranges of lines_
 };
 
 inline void LineGatherer::Store(const Line& line) {
@@ -60,13 +72,16 @@ inline void LineGatherer::Store(const Line& line) {
 // The inline sites of a function: nested ranges, of which the first stored is kept.
 class InlineGatherer {
  public:
-  using InlineFunction = BasicSourceLineResolver::InlineFunction;
+  using InlineFunction = SourceLineResolverBase::InlineFunction;
 
   // Drops a range that is empty, exceeds the largest address, is stored already or partially
-  // overlaps a stored one. `name` must stay valid until the next MoveTo or Clear.
+  // overlaps a stored one. `name` must stay valid until the next Clear.
   void Store(const InlineFunction& site, std::string_view name);
-  // Copies the sites in pre-order to `store` and assigns them to the function.
-  void MoveTo(StringStorage& store, BasicSourceLineResolver::Function* function);
+  // The stored sites in pre-order, without their names. Valid until the next Store or Clear.
+  const std::vector<InlineFunction>& Sorted();
+  // Copies the names to `store` and assigns them to the sites of the records, which are those that
+  // Sorted() returned.
+  void StoreNames(StringStorage& store, FunctionRecords* records) const;
   void Clear();
 
  private:

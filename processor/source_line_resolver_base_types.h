@@ -28,7 +28,6 @@ struct SourceLineResolverBase::Function {
   const char* name;
   MemAddr address;
   MemAddr size;
-  unsigned int section;    // the number before the colon of the address, else 0
   int32_t parameter_size;  // bytes of parameters on the stack
   bool is_multiple;        // the function is shared by several folded symbols
   bool has_inline_calls;   // its sites come from INLINE lines, so text lookups return them
@@ -46,7 +45,6 @@ struct SourceLineResolverBase::InlineFunction {
 
 struct SourceLineResolverBase::PublicSymbol {
   const char* name;
-  MemAddr address;
   int32_t parameter_size;
   bool is_multiple;
 };

@@ -27,19 +27,6 @@ MemAddr relative_address(const StackFrame* frame) {
   return frame->instruction - frame->module->base_address();
 }
 
-// Returns the line whose range contains `address`, or null. Lines are disjoint and ascending.
-// Branchless, because a branch on the addresses would be unpredictable.
-const Line* line_at(std::span<const Line> lines, MemAddr address) {
-  if (lines.empty()) return nullptr;
-  const Line* line = lines.data();
-  for (size_t length = lines.size(); length > 1;) {
-    const size_t half = length / 2;
-    line = line[half].address <= address ? line + half : line;
-    length -= half;
-  }
-  return address - line->address < line->size ? line : nullptr;
-}
-
 // Prefetches what follows a function in the arena: its name and usually all of its lines. Reading
 // their addresses from the record first would cost a second memory access.
 void prefetch_with_records(const Function* function) {
@@ -108,13 +95,14 @@ void BasicSourceLineResolver::Module::Resolve(MemAddr address, ResolvedAddress* 
     answer->has_function = true;
     answer->function_name = limited_string(nearest.function->name);
     answer->function_base = nearest.base;
-    if (const Line* line = line_at(nearest.function->lines(), address)) {
-      const auto file = files_.find(line->source_file_id);
+    Line line;
+    if (nearest.function->records.FindLine(address, &line)) {
+      const auto file = files_.find(line.source_file_id);
       answer->has_file = file != files_.end();
       if (answer->has_file) answer->source_file = limited_string(file.value());
       answer->has_line = true;
-      answer->source_line = line->line;
-      answer->line_base = line->address;
+      answer->source_line = line.line;
+      answer->line_base = line.address;
     }
     if (nearest.function->has_inline_calls) {
       answer->first_inline = inlines->size();
@@ -137,10 +125,12 @@ void BasicSourceLineResolver::Module::Resolve(MemAddr address, ResolvedAddress* 
 // if they exceed the limits of a lookup.
 void BasicSourceLineResolver::Module::AppendInlines(const Function& function, MemAddr address,
                                                     ResolvedInlines* inlines) const {
-  if (function.inlines().size() > kMaxInlineSites) return;
+  const FunctionRecords& records = function.records;
+  if (records.site_count() > kMaxInlineSites) return;
   const size_t before = inlines->size();
   uint64_t bytes = 0;
-  for (const InlineFunction& site : function.inlines()) {
+  for (size_t i = 0; i < records.site_count(); ++i) {
+    const SourceLineResolverBase::InlineFunction site = records.site(i);
     if (site.function_address > address) break;
     if (address - site.function_address >= site.code_size) continue;
     ResolvedInline& inlined = inlines->emplace_back();

@@ -52,7 +52,7 @@ void TextModuleLoader::Load(char* buffer, size_t size) {
     if (at != end_) ++at;
   }
   FinishFunction();
-  NameSites();
+  for (Function* function : unnamed_) NameSites(function);
   FinishStackWin();
 }
 
@@ -178,7 +178,6 @@ bool TextModuleLoader::ParseFunction(char* line, char* end) {
   cur_func_ = new (memory) Function;
   cur_func_->address = fields.address;
   cur_func_->size = fields.size;
-  cur_func_->section = fields.section.value_or(0);
   cur_func_->parameter_size = static_cast<int32_t>(fields.stack_param_size);
   cur_func_->is_multiple = fields.is_multiple;
   cur_func_->has_inline_calls = false;
@@ -196,8 +195,10 @@ void TextModuleLoader::FinishFunction() {
     calls_.Clear();
     spare_func_ = cur_func_;
   } else if (calls_.empty()) {
-    lines_.MoveTo(module_.arena_, cur_func_);
-    inlines_.MoveTo(strings_, cur_func_);
+    cur_func_->records.Store(lines_.Sorted(), inlines_.Sorted(), numbers_, module_.arena_);
+    inlines_.StoreNames(strings_, &cur_func_->records);
+    lines_.Clear();
+    inlines_.Clear();
   } else {
     StoreInlineCalls();
   }
@@ -209,35 +210,27 @@ void TextModuleLoader::StoreInlineCalls() {
   calls_.Convert(*cur_func_, lines_.Sorted());
   lines_.Clear();
   inlines_.Clear();
-  const auto& lines = calls_.own_lines();
-  cur_func_->lines_ = module_.arena_.copy(lines.data(), lines.size());
-  cur_func_->line_count_ = static_cast<uint32_t>(lines.size());
-
-  using Site = BasicSourceLineResolver::InlineFunction;
-  const size_t count = calls_.sites().size();
-  auto* sites = static_cast<Site*>(module_.arena_.allocate(count * sizeof(Site), alignof(Site)));
-  for (size_t i = 0; i < count; ++i) {
-    sites[i] = calls_.sites()[i].site;
-    const int origin = static_cast<int>(calls_.sites()[i].origin);
-    const auto name = origins_.find(origin);
-    if (name != origins_.end()) {
-      sites[i].name = name.value();
-    } else {
-      sites[i].name = kOmittedName;
-      unnamed_.push_back({&sites[i], origin});
+  const auto& sites = calls_.sites();
+  cur_func_->records.Store(calls_.own_lines(), sites, numbers_, module_.arena_);
+  for (size_t i = 0; i < sites.size(); ++i) {
+    const auto name = origins_.find(InlineCallGatherer::OriginOf(sites[i]));
+    if (name == origins_.end()) {
+      while (i-- > 0) cur_func_->records.set_site_name(i, sites[i].name);
+      unnamed_.push_back(cur_func_);
+      break;
     }
+    cur_func_->records.set_site_name(i, name.value());
   }
-  cur_func_->inlines_ = sites;
-  cur_func_->inline_count_ = static_cast<uint32_t>(count);
   cur_func_->has_inline_calls = true;
   calls_.Clear();
 }
 
-// Sets the names of sites whose INLINE_ORIGIN line follows their function.
-void TextModuleLoader::NameSites() {
-  for (const UnnamedSite& unnamed : unnamed_) {
-    const auto name = origins_.find(unnamed.origin);
-    if (name != origins_.end()) unnamed.site->name = name.value();
+// Replaces the numbers of origins by their names.
+void TextModuleLoader::NameSites(Function* function) {
+  FunctionRecords& records = function->records;
+  for (size_t i = 0; i < records.site_count(); ++i) {
+    const auto name = origins_.find(InlineCallGatherer::OriginOf(records.site(i)));
+    records.set_site_name(i, name != origins_.end() ? name.value() : kOmittedName);
   }
 }
 
@@ -247,14 +240,14 @@ bool TextModuleLoader::ParsePublicSymbol(char* line, char* end) {
   // Several symbols at address 0 would conflict, and none is useful.
   if (fields.address == 0) return true;
   return module_.public_symbols_.Store(
-      fields.address, {strings_.store(fields.name), fields.address,
-                       static_cast<int32_t>(fields.stack_param_size), fields.is_multiple});
+      fields.address, {strings_.store(fields.name), static_cast<int32_t>(fields.stack_param_size),
+                       fields.is_multiple});
 }
 
 bool TextModuleLoader::ParseInlineFunction(char* line, char* end) {
   InlineFields fields;
   if (!(quick_ && quick_parse(line, end, &fields)) && !parse(line, end, &fields)) return false;
-  BasicSourceLineResolver::InlineFunction site;
+  SourceLineResolverBase::InlineFunction site;
   site.function_address = fields.address;
   site.code_size = fields.size;
   site.file_id = static_cast<int>(fields.source_file);

@@ -42,6 +42,8 @@ class TextModuleLoader {
                             StringStorage::Place strings = StringStorage::Place::kArena)
       : module_(*module),
         quick_(readers == Readers::kQuickAndExact),
+        numbers_(strings == StringStorage::Place::kText ? FunctionRecords::Numbers::kLower32Bits
+                                                        : FunctionRecords::Numbers::kAllBits),
         strings_(module_.arena_, strings) {}
 
   // Loads `size` bytes, and counts the lines that do not parse in the module. The last byte is
@@ -68,13 +70,14 @@ class TextModuleLoader {
 
   void FinishFunction();
   void StoreInlineCalls();
-  void NameSites();
+  void NameSites(Function* function);
   void FinishStackWin();
   void LogParseError(const char* message, uint64_t line_number);
   void LineError(const char* message) { LogParseError(message, line_number_); }
 
   Module& module_;
   const bool quick_;
+  const FunctionRecords::Numbers numbers_;
   StringStorage strings_;
   char* end_ = nullptr;           // end of the text, where a NUL is stored
   char* next_newline_ = nullptr;  // first line feed at or after the last line searched
@@ -92,14 +95,11 @@ class TextModuleLoader {
   };
   std::array<StackWinRanges, WindowsFrameInfo::STACK_INFO_LAST> stack_win_;
   Function* spare_func_ = nullptr;  // the record of a rejected function, for reuse
-  // INLINE_ORIGIN lines by number, and the sites whose origin was unknown at the end of their
-  // function. Published files have these lines before the functions, but any order is accepted.
-  struct UnnamedSite {
-    BasicSourceLineResolver::InlineFunction* site;  // in the module's arena
-    int origin;
-  };
+  // INLINE_ORIGIN lines by number, and the functions with a site whose origin was unknown at their
+  // end. Their sites have no names, but the numbers of origins, until the end of the text.
+  // Published files have these lines before the functions, but any order is accepted.
   Module::FileMap origins_;
-  std::vector<UnnamedSite> unnamed_;
+  std::vector<Function*> unnamed_;
   std::vector<symforge_internal::InlineCallFields::Range> call_ranges_;
   std::string last_program_;
   const char* last_program_kept_ = "";

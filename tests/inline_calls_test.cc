@@ -135,6 +135,11 @@ TEST(InlineCalls, OddFiles) {
       // Origins after their function; the first of two is used; an unknown file.
       {"FUNC 100 10 0 f\nINLINE 0 5 2 3 100 4\n100 10 6 1\nINLINE_ORIGIN 3 g\nINLINE_ORIGIN 3 h\n",
        0x100, "f -:5 | g a.cc:6"},
+      // A function with one origin before and one after it.
+      {"INLINE_ORIGIN 3 g\nFUNC 100 10 0 f\nINLINE 0 5 1 3 100 8\nINLINE 1 7 1 4 100 4\n100 10 6 "
+       "1\n"
+       "INLINE_ORIGIN 4 h\n",
+       0x100, "f a.cc:5 | h a.cc:6 | g a.cc:7"},
       // No line record for the callee.
       {"INLINE_ORIGIN 3 g\nFUNC 100 10 0 f\nINLINE 0 5 1 3 100 4\n108 8 6 1\n", 0x100,
        "f a.cc:5 | g :0"},
@@ -158,6 +163,16 @@ TEST(InlineCalls, OddFiles) {
 TEST(InlineCalls, TextWithILinesReturnsNoInlines) {
   const Symbols text("FILE 1 a.cc\nFUNC 100 10 0 f\n100 10 6 1\nI 100 4 9 1 0 i\n");
   EXPECT_EQ(described(text.frame(0x100)), "f a.cc:6");
+}
+
+// A SYMB file has the lower 32 bits only.
+TEST(InlineCalls, TextHasNumbersOf64Bits) {
+  const Symbols text(
+      "FILE 1 a.cc\nINLINE_ORIGIN 3 g\nFUNC 100 900000000 0 f\n100 800000000 6 1\n"
+      "800000100 10 7 1\nINLINE 0 5 1 3 100000000 200000000\n");
+  EXPECT_EQ(described(text.frame(0x2ffffffff)), "f a.cc:5 | g a.cc:6");
+  EXPECT_EQ(described(text.frame(0x300000000)), "f a.cc:6");
+  EXPECT_EQ(described(text.frame(0x800000104)), "f a.cc:7");
 }
 
 struct Call {
