@@ -166,9 +166,9 @@ std::string inline_names(size_t size) {
 }
 
 // One function with a code range for every second byte of its annotations.
-std::string inline_ranges(size_t size) {
+std::string inline_ranges(size_t size, const std::string& name) {
   PdbBuilder pdb = with_section();
-  pdb.ids.function_id("i", 0);
+  pdb.ids.function_id(name, 0);
   ModuleBuilder& module = pdb.add_module("m");
   module.proc({.name = "f", .offset = 0, .length = 0x1000000});
   Annotations annotations;
@@ -427,7 +427,9 @@ std::vector<HostileFile> hostile_files(size_t size) {
       {"named_streams.pdb", named_streams(size)},
       {"shared_program.pdb", shared_program(size)},
       {"inline_names.pdb", inline_names(size)},
-      {"inline_ranges.pdb", inline_ranges(size)},
+      {"inline_ranges.pdb", inline_ranges(size, "i")},
+      {"inline_ranges_of_long_name.pdb",
+       inline_ranges(size, long_name(std::min<size_t>(size / 2, 60000)))},
       {"warnings.pdb", warnings(size)},
       {"type_tree.pdb", type_tree(size)},
       {"file_checksums.pdb", file_checksums(size)},

@@ -14,7 +14,7 @@ import sys
 import tempfile
 
 MIB = 1 << 20
-MODES = [[], ["-b"], ["--standard"], ["--standard", "-b"]]
+MODES = [[], ["-b"], ["-j2"], ["--standard"], ["--standard", "-b"], ["--standard", "-j2"]]
 
 
 def limit_child():
@@ -79,7 +79,7 @@ def check_file(symforge, path, folder, tree):
         if status not in (0, 1):
             over.append(f"status {status}")
         faults += len(over) != 0
-        print(f"{os.path.basename(path):26} {' '.join(mode) or 'text':15} {size / 1e6:7.2f} MB"
+        print(f"{os.path.basename(path):30} {' '.join(mode) or 'text':15} {size / 1e6:7.2f} MB"
               f"  status {status}  {cost['time']:6.3f} of {bounds['time']:5.2f} s"
               f"  {cost['memory'] / MIB:7.1f} of {bounds['memory'] / MIB:6.1f} MiB"
               f"  out {cost['output'] / MIB:6.2f} of {bounds['output'] / MIB:5.1f} MiB"

@@ -202,9 +202,9 @@ void PDBParser::printBreakpadSymbols(TextBuffer& out, FileMod* fileMod) {
   collectFunctions({file, modules, sections, typeNames}, pool, tables.publics, sites, functions);
 
   FrameTables frames;
-  SideWork side(
-      pool, {file, *debugHeader, sections, codeFile,
-             dbi.header().machine == IMAGE_FILE_MACHINE_AMD64, functions, tables.publics, frames});
+  SideWork side(pool, {file, *debugHeader, sections, codeFile,
+                       dbi.header().machine == IMAGE_FILE_MACHINE_AMD64, functions, tables.publics,
+                       frames, out.limit()});
   InlineeLines inlinees;
   resolveModules(modules, sections, files, functions, sites != nullptr ? &inlinees : nullptr);
   const bool resolved = side.finish();

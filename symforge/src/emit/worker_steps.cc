@@ -48,6 +48,7 @@ bool printWithWorkers(WorkerPool& pool, const PrintSources& sources, const Funct
   constexpr size_t kChunk = 512;  // functions; their text stays in the processor's cache
   if (!pool.usable()) return false;
   const size_t start = out.size();
+  const size_t partLimit = workerTextLimit(out.limit());
   WorkQueue chunks((functions.size() + kChunk - 1) / kChunk);
   OrderedText text(pool, out);
   FileAttempt attempt(pool, sources.file, [&](unsigned) {
@@ -60,6 +61,7 @@ bool printWithWorkers(WorkerPool& pool, const PrintSources& sources, const Funct
     }
     FunctionPrinter printer(sources.sections, names, inlines ? &*inlines : nullptr);
     TextBuffer part;
+    part.set_limit(partLimit);
     size_t chunk;
     while (chunks.take(chunk)) {
       part.truncate(0);
@@ -76,6 +78,7 @@ bool printWithWorkers(WorkerPool& pool, const PrintSources& sources, const Funct
 
 SideWork::SideWork(WorkerPool* pool, const Parts& parts) : m_parts(parts) {
   if (pool == nullptr || !pool->usable()) return;
+  m_text.set_limit(workerTextLimit(parts.textLimit));
   const unsigned second = pool->size() - 1;
   m_attempt.emplace(*pool, parts.file, [this, second](unsigned worker) {
     if (worker == 0 && m_parts.withUnwindData) m_parts.image.PrintFrameDataUsingEXE(m_text);
@@ -93,6 +96,7 @@ bool SideWork::finish() {
   m_done = m_attempt->finish();
   m_attempt.reset();
   if (!m_done) {
+    m_text = TextBuffer();
     m_parts.frames = FrameTables();
     for (FunctionRecord& function : m_parts.functions) function.paramSize = 0;
     for (PublicFunction& symbol : m_parts.globals.symbols()) symbol.covered = false;

@@ -60,6 +60,7 @@ class SideWork {
     Functions& functions;
     PublicFunctions& globals;
     FrameTables& frames;
+    size_t textLimit;  // of the whole text
   };
 
   // Starts workers of `pool`, which use only RVAs, sections and names of the functions and change

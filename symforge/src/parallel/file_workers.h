@@ -49,6 +49,10 @@ class WorkQueue {
   std::atomic<size_t> m_next = 0;
 };
 
+// The most text that a worker has at a time, for a text with this limit. Far more than sound files
+// need: an attempt with more fails.
+constexpr size_t workerTextLimit(size_t textLimit) { return textLimit / 4; }
+
 // Appends texts of workers to one text, in the order of their numbers, each copied by its worker.
 // Uses the pool's second order.
 class OrderedText {

@@ -15,7 +15,7 @@ namespace {
 // What one worker reads functions with.
 class Worker {
  public:
-  explicit Worker(const PrintedFunctions& sources)
+  Worker(const PrintedFunctions& sources, size_t textLimit)
       : m_types(sources.types),
         m_ids(sources.ids),
         m_names(m_types, m_ids),
@@ -25,7 +25,9 @@ class Worker {
         m_reader({sources.file, sources.modules, sources.sections, sources.collector,
                   sources.functions, sources.inlinees, m_items, m_names},
                  m_files, m_origins),
-        m_batch(m_files, m_origins) {}
+        m_batch(m_files, m_origins) {
+    m_text.set_limit(textLimit);
+  }
 
   void read(size_t first, size_t end) {
     m_batch.clear();
@@ -103,6 +105,8 @@ bool printWithWorkers(WorkerPool& pool, const PrintedFunctions& sources, const C
   constexpr size_t kChunk = 128;  // functions; their text stays in the processor's cache
   const size_t start = out.size();
   const size_t count = sources.functions.size();
+  const size_t partLimit = workerTextLimit(out.limit());
+  unwind.text.set_limit(partLimit);
   const uint64_t most = FunctionReader::maxRanges(sources.file);
   WorkQueue chunks((count + kChunk - 1) / kChunk);
   OrderedText text(pool, out);
@@ -110,7 +114,7 @@ bool printWithWorkers(WorkerPool& pool, const PrintedFunctions& sources, const C
   std::vector<uint64_t> rangesOf(pool.size());
   FileAttempt attempt(pool, sources.file, [&](unsigned number) {
     if (number == 0) unwind.messages = image.printUnwindRules(ranges, unwind.text);
-    Worker worker(sources);
+    Worker worker(sources, partLimit);
     size_t chunk;
     while (chunks.take(chunk)) {
       worker.read(chunk * kChunk, std::min(count, (chunk + 1) * kChunk));
@@ -128,6 +132,7 @@ bool printWithWorkers(WorkerPool& pool, const PrintedFunctions& sources, const C
   // One thread decides whether what is nearly too much is so.
   unwind.made = made && used <= most / 2 && out.size() + unwind.text.size() <= out.limit() / 2;
   if (!unwind.made) {
+    unwind.text = TextBuffer();
     out.truncate(start);
     return false;
   }
