@@ -38,6 +38,7 @@ PeImage::PeImage(const MMapWrapper& mapping) : m_base(mapping.base()), m_length(
   m_sections = reinterpret_cast<const IMAGE_SECTION_HEADER*>(m_base + sections);
   m_sectionCount = std::min<size_t>(m_headers->FileHeader.NumberOfSections,
                                     (m_length - sections) / sizeof(IMAGE_SECTION_HEADER));
+  if (m_sectionCount > kMostScanned) m_index = SectionIndex({m_sections, m_sectionCount});
 }
 
 // In a file that is shorter than the header, zeros follow.
@@ -57,14 +58,21 @@ bool PeImage::isPe32Plus() const {
 // A section is bounded by its size in the file: its zero-filled tail in memory has no bytes here.
 // Sums are wider than the fields and do not wrap.
 const uint8_t* PeImage::ImageRvaToVa(uint32_t rva) const {
-  for (size_t i = 0; i < m_sectionCount; ++i) {
-    const IMAGE_SECTION_HEADER& section = m_sections[i];
-    const uint32_t start = section.VirtualAddress;
-    if (rva < start || rva - start >= section.SizeOfRawData) continue;
-    const uint64_t offset = uint64_t{section.PointerToRawData} + (rva - start);
-    return offset < m_length ? m_base + offset : nullptr;
+  const IMAGE_SECTION_HEADER* section = nullptr;
+  if (m_sectionCount > kMostScanned) {
+    const size_t found = m_index.find(rva);
+    if (found != SectionIndex::kNone) section = &m_sections[found];
+  } else {
+    const auto* end = m_sections + m_sectionCount;
+    section = std::find_if(m_sections, end, [rva](const IMAGE_SECTION_HEADER& candidate) {
+      const uint32_t start = candidate.VirtualAddress;
+      return rva >= start && rva - start < candidate.SizeOfRawData;
+    });
+    if (section == end) section = nullptr;
   }
-  return nullptr;
+  if (section == nullptr) return nullptr;
+  const uint64_t offset = uint64_t{section->PointerToRawData} + (rva - section->VirtualAddress);
+  return offset < m_length ? m_base + offset : nullptr;
 }
 
 const uint8_t* PeImage::bytesAt(uint32_t rva, size_t size) const {

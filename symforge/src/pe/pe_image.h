@@ -10,6 +10,7 @@
 
 #include "base/mapped_file.h"
 #include "symforge/src/WinStructs.h"
+#include "symforge/src/pe/section_index.h"
 
 namespace symforge_internal {
 
@@ -74,6 +75,8 @@ class PeImage {
   const IMAGE_NT_HEADERS64* m_headers = nullptr;
   const IMAGE_SECTION_HEADER* m_sections = nullptr;
   size_t m_sectionCount = 0;  // of section headers in the file
+  static constexpr size_t kMostScanned = 128;
+  SectionIndex m_index;  // if there are more sections
 };
 
 }  // namespace symforge_internal
