@@ -164,11 +164,12 @@ int main(int argc, char** argv) {
   seed("pdb_to_text", "x64", pdb64(512, PageOrder::kContiguous));
   seed("pdb_to_text", "x64_small_pages", pdb64(64, PageOrder::kInterleaved));
   seed("pdb_to_text", "x86", pdb32());
-  for (const char* target : {"pe", "image_alone", "batch_pairing"}) {
+  for (const char* target : {"pe", "image_alone", "batch_pairing", "file_facts"}) {
     seed(target, "pe32_plus", image(true));
     seed(target, "pe32", image(false));
   }
   seed("batch_pairing", "pdb", pdb32());
+  seed("file_facts", "pdb", pdb32());
   seed("tree_files", "text", test_support::test_data("round_trip.sym"));
   seed("tree_files", "outside",
        "MODULE windows x86 0123 ../a.pdb\nINFO CODE_ID 4567 a.exe\nPUBLIC 1 0 p\n");
@@ -176,13 +177,13 @@ int main(int argc, char** argv) {
   seed("unwind_rules", "arm64", arm64_image());
   for (const char* text : {"rich.sym", "rich_shuffled.sym", "round_trip.sym", "published_linux.sym",
                            "published_mac.sym"}) {
-    for (const char* target :
-         {"text_load_lookup", "round_trip", "lookup_agreement", "host_loads", "embedding"}) {
+    for (const char* target : {"text_load_lookup", "round_trip", "lookup_agreement", "host_loads",
+                               "embedding", "file_facts"}) {
       seed(target, text, test_support::test_data(text));
     }
   }
   for (const uint32_t version : {1, 2, 3}) {
-    for (const char* target : {"symb", "host_loads", "embedding"}) {
+    for (const char* target : {"symb", "host_loads", "embedding", "file_facts"}) {
       seed(target, ("version_" + std::to_string(version)).c_str(),
            rich_symb_model(version).bytes());
     }
