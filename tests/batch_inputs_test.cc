@@ -24,7 +24,7 @@ TEST_F(BatchWalkTest, StopsAtUnreadableDirectories) {
   temp_.file("in/a.sym", make_text(1, "a.pdb"));
   const auto stops_with = [&](const std::string& message) {
     EXPECT_THAT(run({"-r", in_, tree_}, {.as_nobody = true}),
-                Ends(1, "symforge: " + message + "\n"));
+                ended(1, "symforge: " + message + "\n"));
     EXPECT_EQ(list_tree(tree_), Tree());
   };
   std::filesystem::create_symlink("nowhere", in_ + "/dangling");
@@ -97,7 +97,7 @@ TEST(SeveralInputsTest, AreRefusedWithAReason) {
   temp.folder("in");
   for (const TestCase& c : test_cases("commands.txt", "several inputs")) {
     EXPECT_THAT(run(split(c.input), {.directory = temp.path()}),
-                Ends(1, "symforge: " + c.expected + "\n"))
+                ended(1, "symforge: " + c.expected + "\n"))
         << c.input;
   }
   EXPECT_EQ(list_tree(temp / "tree"), Tree());
@@ -125,7 +125,7 @@ TEST(StandardInputTest, CanBeTextOrSymb) {
 
 // A drop folder that is converted again and again. After each run its files are an hour old, and
 // the results half an hour.
-class IfChangedTest : public ::testing::Test {
+class IfChangedTest : public ProgramTest {
  protected:
   void add(const std::string& name, const std::string& bytes) {
     set_age(temp_.file("in/" + name, bytes), 3600);
@@ -147,9 +147,6 @@ class IfChangedTest : public ::testing::Test {
     const size_t line = result.err.rfind("symforge: ");
     return result.err.substr(line + 10, result.err.rfind(", ") - line - 10);
   }
-
-  TemporaryDirectory temp_;
-  std::string tree_ = temp_.folder("tree");
 };
 
 TEST_F(IfChangedTest, SkipsWhatIsUpToDate) {

@@ -89,7 +89,7 @@ bool wait_while(const Condition& condition) {
 }
 
 // Children block on FIFOs that replace the symbol files to which they have to add images.
-class BlockedBatchTest : public ::testing::Test {
+class BlockedBatchTest : public ProgramTest {
  protected:
   void SetUp() override {
     for (uint32_t i = 0; i < 3; ++i) {
@@ -110,8 +110,6 @@ class BlockedBatchTest : public ::testing::Test {
     kill(batch, SIGKILL);
     waitpid(batch, nullptr, 0);
   }
-
-  const TemporaryDirectory temp_;
 };
 
 TEST_F(BlockedBatchTest, TerminatesItsChildrenWithItself) {
@@ -188,15 +186,15 @@ void wait_for_success(pid_t pid) {
 
 // A directory with several builds of one module, large files, and the tree that one batch creates
 // from it.
-class SharedTreeTest : public ::testing::Test {
+class SharedTreeTest : public ProgramTest {
  protected:
   void SetUp() override {
     for (uint32_t i = 0; i < 6; ++i) {
-      in_.pair(i, numbered("build", i, "/app.pdb"), numbered("build", i, "/app.exe"), 500);
-      in_.text(numbered("text", i, ".sym"), make_text(5000 + i, "t.pdb", 20000));
+      inputs_.pair(i, numbered("build", i, "/app.pdb"), numbered("build", i, "/app.exe"), 500);
+      inputs_.text(numbered("text", i, ".sym"), make_text(5000 + i, "t.pdb", 20000));
     }
-    in_.add_good_files(4);
-    in_.pe("joined.exe", make_pe(5000, "t.pdb"));
+    inputs_.add_good_files(4);
+    inputs_.pe("joined.exe", make_pe(5000, "t.pdb"));
     EXPECT_EQ(run({"-r", temp_ / "in", expected_}).status, 0);
     wanted_ = list_tree(expected_);
   }
@@ -214,27 +212,24 @@ class SharedTreeTest : public ::testing::Test {
     }
   }
 
-  TemporaryDirectory temp_;
-  BatchInputs in_{temp_};
+  BatchInputs inputs_{temp_};
   std::string expected_ = temp_.folder("expected");
   Tree wanted_;
 };
 
 TEST_F(SharedTreeTest, SurvivesEightConcurrentBatches) {
-  const std::string tree = temp_.folder("tree");
   std::vector<pid_t> batches;
-  for (int i = 0; i < 8; ++i) batches.push_back(start({"-r", temp_ / "in", tree}));
-  while (waitpid(batches.back(), nullptr, WNOHANG) == 0) expect_complete_targets(tree);
+  for (int i = 0; i < 8; ++i) batches.push_back(start({"-r", temp_ / "in", tree_}));
+  while (waitpid(batches.back(), nullptr, WNOHANG) == 0) expect_complete_targets(tree_);
   batches.pop_back();
   for (const pid_t batch : batches) wait_for_success(batch);
-  EXPECT_EQ(list_tree(tree), wanted_);
+  EXPECT_EQ(list_tree(tree_), wanted_);
 }
 
 // SYMFORGE_KILL_ROUNDS sets the number of rounds; the default is small.
 TEST_F(SharedTreeTest, SurvivesKillsAtAnyMoment) {
   const char* wish = std::getenv("SYMFORGE_KILL_ROUNDS");
   const int rounds = wish != nullptr ? std::atoi(wish) : 5;
-  const std::string tree = temp_.folder("tree");
   const auto begin = std::chrono::steady_clock::now();
   wait_for_success(start({"-r", temp_ / "in", temp_.folder("timed")}));
   const auto duration = std::chrono::steady_clock::now() - begin;
@@ -242,16 +237,16 @@ TEST_F(SharedTreeTest, SurvivesKillsAtAnyMoment) {
   std::minstd_rand random(20240501);
   for (int round = 0; round < rounds; ++round) {
     std::vector<pid_t> writers;
-    for (int i = 0; i < 4; ++i) writers.push_back(start({"-r", temp_ / "in", tree}));
+    for (int i = 0; i < 4; ++i) writers.push_back(start({"-r", temp_ / "in", tree_}));
     for (const pid_t writer : writers) {
       std::this_thread::sleep_for(duration * (random() % 1000) / 1000);
       kill(-writer, SIGKILL);
       waitpid(writer, nullptr, 0);
     }
-    expect_complete_targets(tree);
+    expect_complete_targets(tree_);
   }
-  wait_for_success(start({"-r", temp_ / "in", tree}));
-  EXPECT_EQ(targets(tree), wanted_);
+  wait_for_success(start({"-r", temp_ / "in", tree_}));
+  EXPECT_EQ(targets(tree_), wanted_);
 }
 
 }  // namespace

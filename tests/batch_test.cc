@@ -95,7 +95,7 @@ TEST_F(BatchTest, RunsItsOwnProgramUnderABareName) {
   temp_.file("in/a.sym", make_text(1, "a.pdb"));
   const std::string planted = temp_.file("in/symforge", "#!/bin/sh\ntouch " + temp_ / "ran");
   chmod(planted.c_str(), 0755);
-  EXPECT_THAT(run({"-r", in_, tree_}, {.directory = in_, .name = "symforge"}), Ends(0, ""));
+  EXPECT_THAT(run({"-r", in_, tree_}, {.directory = in_, .name = "symforge"}), ended(0, ""));
   EXPECT_EQ(list_tree(tree_).size(), 3u);
   EXPECT_FALSE(std::filesystem::exists(temp_ / "ran"));
 }
@@ -137,7 +137,8 @@ TEST_F(BatchProgressTest, IsShownOnTerminalsAlone) {
   EXPECT_THAT(terminal_output({"-r", in_, tree_}), StartsWith(progress));
   EXPECT_EQ(terminal_output({"--standard", "-q", "-r", in_, tree_}), message + "\r\n");
 
-  EXPECT_THAT(run({"--standard", "-r", in_, tree_}), Ends(2, StartsWith(message + "\n" + summary)));
+  EXPECT_THAT(run({"--standard", "-r", in_, tree_}),
+              ended(2, StartsWith(message + "\n" + summary)));
   EXPECT_EQ(run({"-r", temp_ / "in/a.sym", tree_}).err, "");
 }
 

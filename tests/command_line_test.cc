@@ -78,7 +78,7 @@ TEST_F(TreeTest, HoldsTheFileItsFoldersAndTheLink) {
                          {"my a.pdb/ABC1/my a.sym", "file 0600 " + kText}};
   const std::string input = temp_.file("a.sym", kText);
   for (int i = 0; i < 2; ++i) {
-    EXPECT_THAT(run({input, tree_}), Ends(0, ""));
+    EXPECT_THAT(run({input, tree_}), ended(0, ""));
     EXPECT_EQ(list_tree(tree_), expected);
   }
 }
@@ -86,32 +86,20 @@ TEST_F(TreeTest, HoldsTheFileItsFoldersAndTheLink) {
 // Obstacles to writing a result to the tree: the message, status 0, and no new file.
 TEST_F(TreeTest, ReportsWhatItCannotWrite) {
   const std::string long_name(252, 'n');
-  const struct {
-    std::string module;   // identifier and debug file
-    std::string blocker;  // file in the tree; a directory if it ends in '/'
-    std::string message;
-  } cases[] = {
-      {"X ../a.pdb", "", "failed to create symbol file path: ../a.pdb/X"},
-      {".. a.pdb", "", "failed to create symbol file path: a.pdb/.."},
-      {"X " + std::string(256, 'n'), "",
-       "failed to create symbol file path: " + std::string(256, 'n') + "/X"},
-      {"X a.pdb", "a.pdb", "failed to create symbol file path: a.pdb/X"},
-      {"X a.pdb", "a.pdb/X", "failed to mkstemp: 20"},
-      {"X a.pdb", "a.pdb/X/a.sym/", "failed to rename: 21"},
-      {"X " + long_name, long_name + "/X/", "failed to mkstemp: 36"},
-  };
-  for (const auto& c : cases) {
+  for (const TestCase& c : test_cases("commands.txt", "obstacles")) {
     const TemporaryDirectory temp;
     const std::string tree = temp.folder("tree");
-    if (c.blocker.ends_with('/')) {
-      temp.folder("tree/" + c.blocker);
-    } else if (!c.blocker.empty()) {
-      temp.file("tree/" + c.blocker, "");
+    const std::vector<std::string> input = split(replaced(c.input, {{"LONG", long_name}}), '|');
+    const std::string obstacle = input.size() == 1 ? "" : "tree/" + input[1];
+    if (obstacle.ends_with('/')) {
+      temp.folder(obstacle);
+    } else if (!obstacle.empty()) {
+      temp.file(obstacle, "");
     }
     const Tree before = list_tree(tree);
-    EXPECT_THAT(
-        run({temp.file("a.sym", "MODULE a b " + c.module + "\nINFO CODE_ID 12 a.exe\n"), tree}),
-        Ends(0, "symforge: " + c.message + "\n"));
+    const std::string text = "MODULE a b " + input[0] + "\nINFO CODE_ID 12 a.exe\n";
+    EXPECT_THAT(run({temp.file("a.sym", text), tree}),
+                ended(0, "symforge: " + replaced(c.expected, {{"LONG", long_name}}) + "\n"));
     EXPECT_EQ(list_tree(tree), before);
   }
 }
@@ -122,7 +110,7 @@ TEST_F(TreeTest, KeepsTheOldFileWhenTheNewOneCannotBeWritten) {
   const Tree before = list_tree(tree_);
   const std::string bigger = temp_.file("b.sym", kText + std::string(100000, 'x'));
   EXPECT_THAT(run({bigger, tree_}, {.file_size = 50000}),
-              Ends(0, "symforge: failed to write: 27\n"));
+              ended(0, "symforge: failed to write: 27\n"));
   EXPECT_EQ(list_tree(tree_), before);
 }
 
@@ -142,30 +130,26 @@ TEST_F(TreeTest, ReachesTheDiskInOrder) {
   EXPECT_EQ(calls({"--standard", "--no-sync"}), "rename\nsymlink\n");
 }
 
-TEST(PathTest, MayBeShortAndWithoutExtension) {
-  const TemporaryDirectory temp;
-  const std::string tree = temp.folder("tree");
+TEST_F(TreeTest, TakesShortPathsWithoutExtension) {
   const std::string pdb = read_file(kFixtures + "engine64.pdb");
   for (const std::string name : {"a", "ab", "abc"}) {
-    temp.file(name, pdb);
-    EXPECT_THAT(run({name, tree}, {.directory = temp.path()}), Ends(0, "")) << name;
+    temp_.file(name, pdb);
+    EXPECT_THAT(run({name, tree_}, {.directory = temp_.path()}), ended(0, "")) << name;
   }
-  EXPECT_EQ(list_tree(tree).size(), 9u);
+  EXPECT_EQ(list_tree(tree_).size(), 9u);
 }
 
-TEST(StdoutTest, ReportsAFullDevice) {
-  const TemporaryDirectory temp;
-  EXPECT_THAT(run({temp.file("a.sym", kText)}, {.stdout_path = "/dev/full"}),
-              Ends(0, "symforge: failed to write: 28\n"));
+TEST_F(TreeTest, MayBeStandardOutputThatIsFull) {
+  EXPECT_THAT(run({temp_.file("a.sym", kText)}, {.stdout_path = "/dev/full"}),
+              ended(0, "symforge: failed to write: 28\n"));
 }
 
 // A pair from a real tool chain, split up: which parts a conversion finds, and where.
-class ImageTest : public ::testing::Test {
+class ImageTest : public ProgramTest {
  protected:
   ImageTest()
       : pdb_(temp_.file("a.pdb", read_file(kFixtures + "engine64.pdb"))),
-        exe_(temp_.file("bin/a.exe", read_file(kFixtures + "engine64.exe"))),
-        tree_(temp_.folder("tree")) {
+        exe_(temp_.file("bin/a.exe", read_file(kFixtures + "engine64.exe"))) {
     text_ = run({pdb_}).out;
     id_ = text_.substr(22, text_.find(' ', 22) - 22);
     target_ = "a.pdb/" + id_ + "/a.sym";
@@ -175,8 +159,7 @@ class ImageTest : public ::testing::Test {
     return lines_without(text, {"INFO CODE_ID ", "STACK CFI "});
   }
 
-  TemporaryDirectory temp_;
-  std::string pdb_, exe_, tree_, text_, id_, target_;
+  std::string pdb_, exe_, text_, id_, target_;
 };
 
 TEST_F(ImageTest, IsFoundBesideThePdbOrWhereTheOptionSays) {
@@ -190,11 +173,11 @@ TEST_F(ImageTest, IsFoundBesideThePdbOrWhereTheOptionSays) {
   std::filesystem::copy(exe_, temp_ / "a.exe");
   EXPECT_EQ(run({pdb_}).out, named.out);
   temp_.file("a.exe", "no image");
-  EXPECT_THAT(run({pdb_}), Ends(1, HasSubstr("\nException caught: Error reading PE header\n")));
+  EXPECT_THAT(run({pdb_}), ended(1, HasSubstr("\nException caught: Error reading PE header\n")));
 
   for (const std::string& path : {temp_.path(), std::string("/dev/null")}) {
     EXPECT_THAT(run({"-e", path, pdb_}),
-                Ends(1, HasSubstr("\nException caught: Error reading PE header\n")))
+                ended(1, HasSubstr("\nException caught: Error reading PE header\n")))
         << path;
   }
 }
@@ -214,7 +197,7 @@ TEST_F(ImageTest, ComesWithItsLink) {
 TEST_F(ImageTest, FailsIfDirectoriesCannotBeCreated) {
   const std::string folder = tree_ + "/a.pdb";
   std::filesystem::create_symlink("nowhere", folder);
-  EXPECT_THAT(run({pdb_, tree_}), Ends(255, "mkdir1 " + folder + ": File exists\n"));
+  EXPECT_THAT(run({pdb_, tree_}), ended(255, "mkdir1 " + folder + ": File exists\n"));
 }
 
 // The image's own debug record names engine64.pdb.
@@ -222,8 +205,8 @@ TEST_F(ImageTest, IsAddedToTheSymbolFileInTheTreeOnce) {
   const auto refused = [&](const std::string& message) {
     const Tree before = list_tree(tree_);
     EXPECT_THAT(run({"-e", exe_, "-s", tree_}),
-                Ends(1, HasSubstr("Failed to convert symbol file " + exe_ +
-                                  ".\nException caught: " + message + "\n")));
+                ended(1, HasSubstr("Failed to convert symbol file " + exe_ +
+                                   ".\nException caught: " + message + "\n")));
     EXPECT_EQ(list_tree(tree_), before);
   };
   refused("PE file without matching pdb or sym file");
@@ -240,18 +223,17 @@ TEST_F(ImageTest, IsAddedToTheSymbolFileInTheTreeOnce) {
   refused("exe/dll already exists");
 }
 
-TEST(ImageAloneTest, OfAnotherMachineAddsItsIdentifierOnly) {
-  const TemporaryDirectory temp;
+TEST_F(TreeTest, GetsTheIdentifierOfAnImageOfAnotherMachine) {
   const std::string text =
       "MODULE windows x86 0123456789ABCDEF1032547698BADCFE1 a.pdb\nPUBLIC 1 0 p\n";
   for (const uint16_t machine : {0x14C, 0xAA64}) {
     PeBuilder image(/*pe32_plus=*/machine != 0x14C);
     image.machine(machine).time_stamp(0x5F001234).size_of_image(0xA000);
     image.codeview({}, 1, "C:\\a.pdb").function(0x1000, 0x1020, {});
-    const std::string exe = temp.file("a.exe", image.build());
-    const std::string tree = temp.folder("tree" + std::to_string(machine));
+    const std::string exe = temp_.file("a.exe", image.build());
+    const std::string tree = temp_.folder("tree" + std::to_string(machine));
     EXPECT_EQ(run({"-e", exe, "-s", tree}).status, 1);
-    ASSERT_EQ(run({temp.file("a.sym", text), tree}).status, 0);
+    ASSERT_EQ(run({temp_.file("a.sym", text), tree}).status, 0);
     EXPECT_EQ(run({"-e", exe, "-s", tree}).status, 0) << machine;
     EXPECT_EQ(read_file(tree + "/a.pdb/0123456789ABCDEF1032547698BADCFE1/a.sym"),
               text + "INFO CODE_ID 5F001234A000 a.exe\n");
@@ -275,7 +257,7 @@ TEST_F(SymbTest, ConvertsToTheTreeAndBack) {
 TEST_F(SymbTest, RefusedTextEmptiesTheTarget) {
   temp_.file("tree/a.pdb/X/a.symb", "old");
   const std::string text = "MODULE windows\nFUNC\nMODULE windows x X a.pdb\nINFO CODE_ID 1 a.exe\n";
-  EXPECT_THAT(run({"-b", temp_.file("a.sym", text), tree_}), Ends(0, ""));
+  EXPECT_THAT(run({"-b", temp_.file("a.sym", text), tree_}), ended(0, ""));
   EXPECT_EQ(
       list_tree(tree_),
       (Tree{{"a.pdb", "dir 0755"}, {"a.pdb/X", "dir 0755"}, {"a.pdb/X/a.symb", "file 0600 "}}));
@@ -311,17 +293,16 @@ TEST(HostilePdbTest, AddsNeitherLinesNorEndlessWarnings) {
   }
 }
 
-TEST(FailureTest, IsLoggedWithItsBacktrace) {
-  const TemporaryDirectory temp;
-  const std::string tree = temp.folder("tree");
-  for (const std::string& input : {temp.file("empty", ""), temp / "missing", temp.folder("dir")}) {
-    const Result result = run({input, tree});
+TEST_F(TreeTest, StaysEmptyAfterAFailureWithItsBacktrace) {
+  for (const std::string& input :
+       {temp_.file("empty", ""), temp_ / "missing", temp_.folder("dir")}) {
+    const Result result = run({input, tree_});
     EXPECT_EQ(result.status, 1);
     EXPECT_THAT(result.err, StartsWith("symforge: Failed to convert symbol file " + input +
                                        ".\n"
                                        "Exception caught: "));
     EXPECT_THAT(result.err, ContainsRegex("\nBacktrace:\n(\t[^\n]*\n)+\n$"));
-    EXPECT_EQ(list_tree(tree), Tree());
+    EXPECT_EQ(list_tree(tree_), Tree());
   }
 }
 

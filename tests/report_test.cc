@@ -10,7 +10,7 @@
 namespace test_support {
 namespace {
 
-class ReportTest : public ::testing::Test {
+class ReportTest : public ProgramTest {
  protected:
   // What a run appends to the report, with 0 for times and memory.
   std::string report_of(std::vector<std::string> args, int status = 0) {
@@ -21,9 +21,6 @@ class ReportTest : public ::testing::Test {
     const std::regex numbers("\"seconds\":[0-9]+\\.[0-9]{3},\"peak_memory\":[1-9][0-9]+,");
     return std::regex_replace(read_file(path), numbers, "");
   }
-
-  TemporaryDirectory temp_;
-  const std::string tree_ = temp_.folder("tree");
 };
 
 // A PDB with its image to a tree, and in default mode a text to standard output.
@@ -104,22 +101,21 @@ TEST_F(ReportTest, EndsHoweverTheConversionEnds) {
 }
 
 TEST_F(ReportTest, HasALineForEachFileOfABatch) {
-  const std::string in = temp_.folder("in");
   temp_.file("in/a.pdb", make_pdb(1));
   temp_.file("in/b.pdb", aborting_pdb());
   temp_.file("in/c.sym", "MODULE a b ABC1 c.pdb\n");
   for (const char* jobs : {"-j1", "-j3"}) {
-    const std::string lines = report_of({jobs, "-r", in, tree_});
+    const std::string lines = report_of({jobs, "-r", in_, tree_});
     EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), 4) << lines;
     EXPECT_THAT(lines, HasSubstr("b.pdb\",\"image\":null,\"kind\":\"pdb\","));
     EXPECT_THAT(lines,
                 HasSubstr("\"signal\":\"SIGABRT\",\"message\":\"ended by signal: Aborted\"}\n"));
     EXPECT_THAT(lines,
-                EndsWith("\n{\"summary\":true,\"inputs\":[\"" + in +
+                EndsWith("\n{\"summary\":true,\"inputs\":[\"" + in_ +
                          "\"],\"conversions\":3,\"converted\":2,\"failed\":1,\"skipped\":0,"
                          "\"unreadable\":0,\"status\":0,\"signal\":null,\"message\":null}\n"));
   }
-  const std::string missing = report_of({"--standard", "-r", in + "/no", tree_}, 1);
+  const std::string missing = report_of({"--standard", "-r", in_ + "/no", tree_}, 1);
   EXPECT_THAT(
       missing,
       HasSubstr("\"conversions\":0,\"converted\":0,\"failed\":0,\"skipped\":0,\"unreadable\":1"));
@@ -129,7 +125,7 @@ TEST_F(ReportTest, GoesToStandardErrorOrFails) {
   const std::string text = temp_.file("a.sym", "MODULE a b ABC1 a.pdb\n");
   EXPECT_THAT(run({"--report", "-", text}).err, StartsWith("{\"input\":\"" + text + "\""));
   for (const std::string& path : {tree_, std::string("/dev/full")}) {
-    EXPECT_THAT(run({"--standard", "--report", path, text}), Ends(1, HasSubstr("the report")))
+    EXPECT_THAT(run({"--standard", "--report", path, text}), ended(1, HasSubstr("the report")))
         << path;
   }
 }

@@ -129,7 +129,7 @@ TEST_F(StandardStatusTest, IsOneForResultsThatCannotBeWritten) {
             "symforge: " + text + ": failed to write: No space left on device\n");
 
   EXPECT_THAT(run_standard({text, tree_}, {.file_size = 5000}),
-              Ends(1, "symforge: " + text + ": failed to write: File too large\n"));
+              ended(1, "symforge: " + text + ": failed to write: File too large\n"));
 
   // The link of a code identifier: an existing link is accepted if its target is the same.
   EXPECT_EQ(run_standard({text, tree_}).err, "");
@@ -137,7 +137,7 @@ TEST_F(StandardStatusTest, IsOneForResultsThatCannotBeWritten) {
   std::filesystem::remove(tree_ + "/a.pdb/5F000000");
   std::filesystem::create_symlink("OTHER", tree_ + "/a.pdb/5F000000");
   EXPECT_THAT(run_standard({text, tree_}),
-              Ends(1, HasSubstr(": failed to link " + tree_ + "/a.pdb/5F000000: File exists\n")));
+              ended(1, HasSubstr(": failed to link " + tree_ + "/a.pdb/5F000000: File exists\n")));
 }
 
 TEST_F(StandardStatusTest, IsOneWhenTheReaderClosesThePipe) {
@@ -160,17 +160,15 @@ TEST_F(StandardStatusTest, IsOneForTextsWithoutSymbForm) {
   EXPECT_EQ(read_file(tree_ + "/a.pdb/X/a.symb"), "old");
 }
 
-TEST(StandardTreeTest, AppliesTheUmask) {
-  const TemporaryDirectory temp;
-  const std::string tree = temp.folder("tree");
-  ASSERT_EQ(run_standard({temp.file("a.sym", kText), tree}).err, "");
-  EXPECT_EQ(list_tree(tree), (Tree{{"a.pdb", "dir 0755"},
-                                   {"a.pdb/5F000000", "link ABC1"},
-                                   {"a.pdb/ABC1", "dir 0755"},
-                                   {"a.pdb/ABC1/a.sym", "file 0644 " + kText}}));
+TEST_F(StandardStatusTest, IsZeroWithTheUmaskApplied) {
+  ASSERT_EQ(run_standard({temp_.file("a.sym", kText), tree_}).err, "");
+  EXPECT_EQ(list_tree(tree_), (Tree{{"a.pdb", "dir 0755"},
+                                    {"a.pdb/5F000000", "link ABC1"},
+                                    {"a.pdb/ABC1", "dir 0755"},
+                                    {"a.pdb/ABC1/a.sym", "file 0644 " + kText}}));
 }
 
-class StandardImageTest : public ::testing::Test {
+class StandardImageTest : public ProgramTest {
  protected:
   // The second line of the result, or the message if there is none.
   std::string image_of(std::vector<std::string> args) {
@@ -180,7 +178,6 @@ class StandardImageTest : public ::testing::Test {
     return line.empty() ? result.err : line;
   }
 
-  TemporaryDirectory temp_;
   const std::string pdb_ = temp_.file("a.pdb", make_pdb(7));
 };
 
@@ -223,7 +220,7 @@ TEST_F(StandardImageTest, MustBelongToThePdbWhenItIsNamed) {
   EXPECT_THAT(image_of({"-e", temp_ / "fifo", pdb_}), HasSubstr("cannot be read"));
 }
 
-class StandardBatchTest : public ::testing::Test {
+class StandardBatchTest : public ProgramTest {
  protected:
   Result batch() { return run_standard({"-r", in_, tree_}, {.as_nobody = as_nobody_}); }
   // Paths of the symbol files in the tree.
@@ -235,9 +232,6 @@ class StandardBatchTest : public ::testing::Test {
     return files;
   }
 
-  TemporaryDirectory temp_;
-  std::string in_ = temp_.folder("in");
-  std::string tree_ = temp_.folder("tree");
   bool as_nobody_ = false;
 };
 
@@ -262,13 +256,13 @@ TEST_F(StandardBatchTest, EndsWithTwoWhenSomeInputsFailed) {
   temp_.file("in/bad.pdb", "bad");
   temp_.file("in/lone.exe", make_pe(5));
   EXPECT_THAT(batch(),
-              Ends(2, StartsWith("symforge: " + in_ +
-                                 "/lone.exe: PE file without matching pdb or sym file\n" +
-                                 "symforge: " + in_ +
-                                 "/bad.pdb: Failed to read PDB Root Stream (Input file has an "
-                                 "invalid signature)\n" +
-                                 "symforge: 1 converted, 2 failed (" + in_ + "/lone.exe, " + in_ +
-                                 "/bad.pdb), 0 skipped, ")));
+              ended(2, StartsWith("symforge: " + in_ +
+                                  "/lone.exe: PE file without matching pdb or sym file\n" +
+                                  "symforge: " + in_ +
+                                  "/bad.pdb: Failed to read PDB Root Stream (Input file has an "
+                                  "invalid signature)\n" +
+                                  "symforge: 1 converted, 2 failed (" + in_ + "/lone.exe, " + in_ +
+                                  "/bad.pdb), 0 skipped, ")));
   EXPECT_THAT(results(), ::testing::ElementsAre("a.sym"));
 }
 
@@ -298,15 +292,13 @@ TEST_F(StandardBatchTest, ContinuesAfterUnreadableInputs) {
 }
 
 // A symbol file that was made without its image becomes the one of both.
-TEST(StandardImageAloneTest, AddsWhatTheImageTells) {
-  const TemporaryDirectory temp;
-  const std::string pdb = temp.file("engine64.pdb", read_file(kFixtures + "engine64.pdb"));
-  const std::string tree = temp.folder("tree");
-  ASSERT_EQ(run_standard({pdb, tree}).status, 0);
-  ASSERT_EQ(run_standard({"-e", kFixtures + "engine64.exe", "-s", tree}).status, 0);
-  EXPECT_EQ(read_file(tree + "/engine64.pdb/" + kEngineId + "/engine64.sym"),
+TEST_F(StandardStatusTest, IsZeroForAnImageThatJoinsItsSymbolFile) {
+  const std::string pdb = temp_.file("engine64.pdb", read_file(kFixtures + "engine64.pdb"));
+  ASSERT_EQ(run_standard({pdb, tree_}).status, 0);
+  ASSERT_EQ(run_standard({"-e", kFixtures + "engine64.exe", "-s", tree_}).status, 0);
+  EXPECT_EQ(read_file(tree_ + "/engine64.pdb/" + kEngineId + "/engine64.sym"),
             read_file(kFixtures + "engine64.std.sym"));
-  EXPECT_TRUE(std::filesystem::is_symlink(tree + "/engine64.pdb/7EB27A1AF000"));
+  EXPECT_TRUE(std::filesystem::is_symlink(tree_ + "/engine64.pdb/7EB27A1AF000"));
 }
 
 }  // namespace

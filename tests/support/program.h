@@ -32,7 +32,7 @@ inline const std::string kEngineId = "515D2ED965ADFF5D4C4C44205044422E1";  // of
 
 // A run with this exit status, and with this text or a match of this matcher on standard error.
 template <typename Err>
-auto Ends(int status, Err err) {
+auto ended(int status, Err err) {
   return AllOf(::testing::Field("status", &Result::status, status),
                ::testing::Field("err", &Result::err, err));
 }
