@@ -31,10 +31,7 @@ void LinePrinter::printRows(const FunctionLines& function, TextBuffer& out) {
   char* const begin = out.prepare(kMaxRecordBytes * function.rows.size());
   char* at = begin;
   for (const CodeRow& row : function.rows) {
-    at = put_hex(at, function.rva + row.start);
-    *at++ = ' ';
-    at = put_hex(at, row.end - row.start);
-    *at++ = ' ';
+    at = put_hex_pair(at, function.rva + row.start, row.end - row.start);
     at = put_dec(at, row.place.line);
     at = m_files.appendEnding(row.place.file, at);
   }
