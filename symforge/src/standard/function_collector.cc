@@ -7,6 +7,9 @@ namespace symforge_internal {
 
 namespace {
 
+constexpr SymbolKinds kKinds{S_LPROC32,    S_GPROC32,     S_THUNK32,       S_SEPCODE,
+                             S_INLINESITE, S_INLINESITE2, S_INLINESITE_END};
+
 // Whether a record adds a function or a part of one.
 bool isCode(const SymbolHeader& symbol) {
   const uint16_t type = symbol.type;
@@ -71,10 +74,11 @@ void FunctionCollector::join(std::span<FunctionCollector> parts) {
 void FunctionCollector::collectModule(const ModuleStream& module, uint32_t number) {
   try {
     m_inFunction = false;
-    module.forEachSymbol([&](const SymbolHeader& symbol, StreamReader& body, uint32_t offset) {
-      if (isCode(symbol)) module.budget().functions.spend(1);
-      addSymbol(symbol, body, offset, number);
-    });
+    module.forEachSymbol(kKinds,
+                         [&](const SymbolHeader& symbol, StreamReader& body, uint32_t offset) {
+                           if (isCode(symbol)) module.budget().functions.spend(1);
+                           addSymbol(symbol, body, offset, number);
+                         });
     collectLines(module, number);
   } catch (const pdb_exception&) {
     ++m_damaged;
