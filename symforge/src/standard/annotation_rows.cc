@@ -13,7 +13,7 @@ constexpr uint32_t kUndecodable = 0xFFFFFFFF;
 
 class RowBuilder {
  public:
-  RowBuilder(const AnnotationStart& start, std::vector<AnnotationRow>& rows)
+  RowBuilder(const AnnotationStart& start, std::vector<CodeRow>& rows)
       : m_start(start), m_rows(rows), m_file(start.file), m_line(start.line) {}
 
   // Applies one annotation, whose second operand only one opcode has. False for an opcode that does
@@ -26,7 +26,7 @@ class RowBuilder {
     m_code = code;
     endRow(code);
     if (m_chunk != m_start.chunk || code >= m_start.chunkSize) return;
-    m_row = {code, code, m_file, m_line};
+    m_row = {code, code, {m_file, m_line}};
     m_open = true;
   }
   // Ends the row that has no length yet.
@@ -43,12 +43,12 @@ class RowBuilder {
   }
 
   const AnnotationStart& m_start;
-  std::vector<AnnotationRow>& m_rows;
+  std::vector<CodeRow>& m_rows;
   uint32_t m_file;
   uint32_t m_line;
   uint32_t m_code = 0;
   uint32_t m_chunk = 0;
-  AnnotationRow m_row;
+  CodeRow m_row;
   bool m_open = false;  // m_row waits for its end
 };
 
@@ -92,7 +92,7 @@ inline bool RowBuilder::apply(uint32_t opcode, uint32_t operand, uint32_t second
 }  // namespace
 
 bool appendAnnotationRows(const uint8_t* bytes, size_t size, const AnnotationStart& start,
-                          std::vector<AnnotationRow>& rows) {
+                          std::vector<CodeRow>& rows) {
   RowBuilder builder(start, rows);
   const uint8_t* at = bytes;
   const uint8_t* const end = bytes + size;

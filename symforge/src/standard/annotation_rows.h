@@ -13,15 +13,9 @@
 #include <cstdint>
 #include <vector>
 
-namespace symforge_internal {
+#include "symforge/src/standard/code_row.h"
 
-// A row as the annotations have it.
-struct AnnotationRow {
-  uint32_t start = 0;  // bytes from the start of the function
-  uint32_t end = 0;
-  uint32_t file = 0;  // offset of the file's entry in the module's file checksums
-  uint32_t line = 0;
-};
+namespace symforge_internal {
 
 // What an inline site begins with, and which part of its code is asked for.
 struct AnnotationStart {
@@ -33,10 +27,11 @@ struct AnnotationStart {
   uint32_t chunkSize = 0;  // bytes of that part; no row goes beyond it
 };
 
-// Appends the rows of a site in the order of the annotations. Rows without code are left out.
+// Appends the rows of a site in the order of the annotations. Rows without code are left out. The
+// file of a row is the offset of the file's entry in the module's file checksums.
 // `bytes` has kAnnotationSlack readable bytes following it. Annotations that cannot be decoded end
 // the rows, and false is returned.
 bool appendAnnotationRows(const uint8_t* bytes, size_t size, const AnnotationStart& start,
-                          std::vector<AnnotationRow>& rows);
+                          std::vector<CodeRow>& rows);
 
 }  // namespace symforge_internal

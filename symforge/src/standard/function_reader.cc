@@ -177,11 +177,9 @@ void FunctionReader::openSite(const PlacedFunction& function, uint32_t symbol) {
   }
   m_calls.open(callee.origin);
   const AnnotationStart start{callee.file, callee.line, function.chunk, function.linkedSize};
-  m_annotationRows.clear();
-  if (!appendAnnotationRows(annotations.data, size, start, m_annotationRows)) {
-    ++m_counts.damagedBlocks;
-  }
-  for (const AnnotationRow& row : m_annotationRows) addRow(function, row);
+  m_calls.addRows([&](std::vector<CodeRow>& rows) {
+    if (!appendSiteRows(function, {annotations.data, size}, start, rows)) ++m_counts.damagedBlocks;
+  });
 }
 
 // Functions of one module mostly follow each other, and name the same callees.
@@ -198,18 +196,36 @@ const FunctionReader::Callee& FunctionReader::findCallee(uint32_t inlinee) {
   return m_callees.values()[m_callees.insert(inlinee, Callee(callee))];
 }
 
-void FunctionReader::addRow(const PlacedFunction& function, const AnnotationRow& row) {
-  CodeRow code{row.start, row.end, {m_files.find(m_function->module, row.file), row.line}};
-  if (!code.place.known()) code.place.line = 0;
-  if (m_anyFile == kNoFile) m_anyFile = code.place.file;
-  if (!m_sources.sections.isRewritten()) {
-    m_calls.addRow(code);
-    return;
+// Appends the rows that the annotations of a site describe. False if there is an invalid one.
+bool FunctionReader::appendSiteRows(const PlacedFunction& function,
+                                    std::span<const uint8_t> annotations,
+                                    const AnnotationStart& start, std::vector<CodeRow>& rows) {
+  const bool moved = m_sources.sections.isRewritten();
+  std::vector<CodeRow>& linked = moved ? m_linkedRows : rows;
+  if (moved) linked.clear();
+  const size_t first = linked.size();
+  const bool valid = appendAnnotationRows(annotations.data(), annotations.size(), start, linked);
+  findFiles(std::span(linked).subspan(first));
+  for (size_t i = 0; moved && i < linked.size(); ++i) {
+    appendMovedRow(m_sources.sections, function, linked[i], m_sources.file.budget().movedParts,
+                   rows);
   }
-  m_movedSite.clear();
-  appendMovedRow(m_sources.sections, function, code, m_sources.file.budget().movedParts,
-                 m_movedSite);
-  for (const CodeRow& moved : m_movedSite) m_calls.addRow(moved);
+  return valid;
+}
+
+// Replaces entries of the module's file checksums by the source files that they name.
+void FunctionReader::findFiles(std::span<CodeRow> rows) {
+  uint32_t entry = kNoChecksum;
+  uint32_t file = kNoFile;
+  for (CodeRow& row : rows) {
+    if (row.place.file != entry) {
+      entry = row.place.file;
+      file = m_files.find(m_function->module, entry);
+      if (m_anyFile == kNoFile) m_anyFile = file;
+    }
+    row.place.file = file;
+    if (file == kNoFile) row.place.line = 0;
+  }
 }
 
 }  // namespace symforge_internal

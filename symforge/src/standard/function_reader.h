@@ -81,7 +81,9 @@ class FunctionReader {
   void readLineBlock(const PlacedFunction& function, const LineBlock& block);
   bool readInlineCalls(const PlacedFunction& function);
   void openSite(const PlacedFunction& function, uint32_t symbol);
-  void addRow(const PlacedFunction& function, const AnnotationRow& row);
+  bool appendSiteRows(const PlacedFunction& function, std::span<const uint8_t> annotations,
+                      const AnnotationStart& start, std::vector<CodeRow>& rows);
+  void findFiles(std::span<CodeRow> rows);
   StreamReader& readerOf(ModuleReader& of, uint32_t module) const;
 
   const FunctionSources m_sources;
@@ -99,9 +101,8 @@ class FunctionReader {
   std::string m_printableName;
   LineTable m_table;
   InlineCalls m_calls;
-  std::vector<AnnotationRow> m_annotationRows;
   std::vector<CodeRow> m_moved;
-  std::vector<CodeRow> m_movedSite;
+  std::vector<CodeRow> m_linkedRows;
   uint32_t m_anyFile = kNoFile;
 };
 
