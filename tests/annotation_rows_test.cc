@@ -19,8 +19,9 @@ using builders::Annotations;
 std::string rows(const Annotations& annotations, uint32_t chunk = 0, uint32_t size = 0x100) {
   const std::string bytes = annotations.bytes() + std::string(kAnnotationSlack, '\xFF');
   std::vector<CodeRow> rows;
-  const bool sound = appendAnnotationRows(reinterpret_cast<const uint8_t*>(bytes.data()),
-                                          annotations.bytes().size(), {3, 10, chunk, size}, rows);
+  const bool sound = appendAnnotationRows(
+      reinterpret_cast<const uint8_t*>(bytes.data()), annotations.bytes().size(),
+      {3, 10, chunk, size}, [](uint32_t entry) { return entry; }, rows);
   std::string text;
   for (const CodeRow& row : rows) {
     char line[64];

@@ -16,9 +16,10 @@ void LinePrinter::print(const FunctionLines& function, TextBuffer& out) {
 
 void LinePrinter::printCalls(const FunctionLines& function, TextBuffer& out) {
   for (const InlinedCall& call : function.calls) {
-    m_ranges.clear();
-    for (const InlineRange& range : function.ranges.subspan(call.firstRange, call.rangeCount)) {
-      m_ranges.push_back({function.rva + range.start, range.end - range.start});
+    m_ranges.resize(call.rangeCount);
+    for (uint32_t i = 0; i < call.rangeCount; ++i) {
+      const InlineRange& range = function.ranges[call.firstRange + i];
+      m_ranges[i] = {function.rva + range.start, range.end - range.start};
     }
     append_line(
         out, InlineCallFields{call.depth, call.caller.line, m_files.number(function.fileOf(call)),

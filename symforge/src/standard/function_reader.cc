@@ -24,6 +24,7 @@ FunctionReader::FunctionReader(const FunctionSources& sources, FileNumbers& file
                                InlineOrigins& origins)
     : m_sources(sources),
       m_files(files),
+      m_annotationFiles([this](uint32_t entry) { return m_files.find(m_function->module, entry); }),
       m_origins(origins),
       m_lineBlocks(sources.collector),
       m_calls(maxRanges(sources.file), limits::kInlineRanges.of(sources.file.pages().length)) {}
@@ -164,11 +165,10 @@ void FunctionReader::openSite(const PlacedFunction& function, uint32_t symbol) {
       header->type == S_INLINESITE2 ? sizeof(CV_InlineSite2) : sizeof(CV_InlineSite);
   const uint32_t fixed = body + sizeof(SymbolHeader::type);
   const uint32_t size = header->size > fixed ? header->size - fixed : 0;
-  const uint32_t inlinee = reader.read<CV_InlineSite>(body)->inlinee;
-  DataPtr<uint8_t> annotations;
-  if (size != 0) annotations = reader.read<uint8_t>(size);
+  const DataPtr<CV_InlineSite> site = reader.read<CV_InlineSite>(body + size);
+  const uint8_t* const annotations = reinterpret_cast<const uint8_t*>(site.data) + body;
 
-  const Callee& callee = findCallee(inlinee);
+  const Callee& callee = findCallee(site->inlinee);
   const bool unnamed = callee.origin == InlineOrigins::kUnnamed;
   if (unnamed || m_calls.full()) {
     m_calls.openLeftOut();
@@ -178,7 +178,7 @@ void FunctionReader::openSite(const PlacedFunction& function, uint32_t symbol) {
   m_calls.open(callee.origin);
   const AnnotationStart start{callee.file, callee.line, function.chunk, function.linkedSize};
   m_calls.addRows([&](std::vector<CodeRow>& rows) {
-    if (!appendSiteRows(function, {annotations.data, size}, start, rows)) ++m_counts.damagedBlocks;
+    if (!appendSiteRows(function, {annotations, size}, start, rows)) ++m_counts.damagedBlocks;
   });
 }
 
@@ -204,28 +204,16 @@ bool FunctionReader::appendSiteRows(const PlacedFunction& function,
   std::vector<CodeRow>& linked = moved ? m_linkedRows : rows;
   if (moved) linked.clear();
   const size_t first = linked.size();
-  const bool valid = appendAnnotationRows(annotations.data(), annotations.size(), start, linked);
-  findFiles(std::span(linked).subspan(first));
+  const bool valid = appendAnnotationRows(annotations.data(), annotations.size(), start,
+                                          m_annotationFiles, linked);
+  for (size_t i = first; m_anyFile == kNoFile && i < linked.size(); ++i) {
+    m_anyFile = linked[i].place.file;
+  }
   for (size_t i = 0; moved && i < linked.size(); ++i) {
     appendMovedRow(m_sources.sections, function, linked[i], m_sources.file.budget().movedParts,
                    rows);
   }
   return valid;
-}
-
-// Replaces entries of the module's file checksums by the source files that they name.
-void FunctionReader::findFiles(std::span<CodeRow> rows) {
-  uint32_t entry = kNoChecksum;
-  uint32_t file = kNoFile;
-  for (CodeRow& row : rows) {
-    if (row.place.file != entry) {
-      entry = row.place.file;
-      file = m_files.find(m_function->module, entry);
-      if (m_anyFile == kNoFile) m_anyFile = file;
-    }
-    row.place.file = file;
-    if (file == kNoFile) row.place.line = 0;
-  }
 }
 
 }  // namespace symforge_internal

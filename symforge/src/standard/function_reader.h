@@ -44,6 +44,8 @@ class FunctionReader {
  public:
   // `files` and `origins` must outlive this; what it finds refers to them.
   FunctionReader(const FunctionSources& sources, FileNumbers& files, InlineOrigins& origins);
+  FunctionReader(const FunctionReader&) = delete;
+  FunctionReader& operator=(const FunctionReader&) = delete;
 
   // Appends the FUNC line of the function at a position of the list to `out`, and returns what
   // follows it. Lines and inline sites that cannot be read are left out. The result is valid until
@@ -83,11 +85,11 @@ class FunctionReader {
   void openSite(const PlacedFunction& function, uint32_t symbol);
   bool appendSiteRows(const PlacedFunction& function, std::span<const uint8_t> annotations,
                       const AnnotationStart& start, std::vector<CodeRow>& rows);
-  void findFiles(std::span<CodeRow> rows);
   StreamReader& readerOf(ModuleReader& of, uint32_t module) const;
 
   const FunctionSources m_sources;
   FileNumbers& m_files;
+  const AnnotationFiles m_annotationFiles;  // of the module of m_function
   InlineOrigins& m_origins;
   StandardCounts m_counts;
   LineBlockFinder m_lineBlocks;

@@ -7,12 +7,30 @@
 
 namespace symforge_internal {
 
+namespace {
+
+// Sorts what needs few moves, and gives up on the rest. Sites and their rows mostly come in the
+// order of their addresses.
+bool sortNearlySorted(uint64_t* values, size_t count) {
+  size_t moves = 8 * count;
+  for (size_t i = 1; i < count; ++i) {
+    const uint64_t value = values[i];
+    size_t at = i;
+    for (; at != 0 && values[at - 1] > value; --at) values[at] = values[at - 1];
+    values[at] = value;
+    if (i - at > moves) return false;
+    moves -= i - at;
+  }
+  return true;
+}
+
+}  // namespace
+
 void InlineCalls::begin(uint32_t size) {
   m_size = size;
   m_sites.assign(1, Site());
   m_open.assign(1, 0);
   m_rows.clear();
-  m_links.clear();
   m_pieces.clear();
   m_calls.clear();
   m_ranges.clear();
@@ -28,13 +46,24 @@ void InlineCalls::throwTooMany() {
   throw pdb_exception("Inlined calls are cut into too many ranges");
 }
 
+// The rows from `first` on are those of the site that was opened last.
+void InlineCalls::linkRows(size_t first) {
+  const size_t count = m_rows.size();
+  if (count > m_maxParts) throwTooMany();
+  if (m_links.size() < count) m_links.resize(2 * count);
+  RowLink* const links = m_links.data();
+  const auto site = static_cast<uint32_t>(m_sites.size()) - 1;
+  for (size_t i = first; i < count; ++i) links[i] = {site, kNone};
+}
+
 // By start, and those that start together in the order in which they were added.
 void InlineCalls::sortRows() {
-  m_order.resize(m_rows.size() + 1);
+  const size_t count = m_rows.size();
+  m_order.resize(count + 1);
   uint64_t* const order = m_order.data();
-  for (size_t i = 0; i < m_rows.size(); ++i) order[i] = uint64_t{m_rows[i].start} << 32 | i;
-  std::sort(order, order + m_rows.size());
-  order[m_rows.size()] = UINT64_MAX;  // starts after every function
+  for (size_t i = 0; i < count; ++i) order[i] = uint64_t{m_rows[i].start} << 32 | i;
+  if (!sortNearlySorted(order, count)) std::sort(order, order + count);
+  order[count] = UINT64_MAX;  // starts after every function
   m_nextRow = order;
 }
 

@@ -80,9 +80,9 @@ class InlineCalls {
   // pdb_exception for too many rows, and what append() throws.
   template <typename Append>
   void addRows(Append&& append) {
+    const size_t first = m_rows.size();
     append(m_rows);
-    if (m_rows.size() > m_maxParts) throwTooMany();
-    m_links.resize(m_rows.size(), {static_cast<uint32_t>(m_sites.size()) - 1, kNone});
+    linkRows(first);
   }
   // Closes the innermost open site; without one it does nothing.
   void close() {
@@ -140,6 +140,7 @@ class InlineCalls {
     SourcePlace place;  // of its code
   };
 
+  void linkRows(size_t first);
   void sortRows();
   uint32_t nextStart() const;
   size_t openRows(uint32_t at);
@@ -160,7 +161,7 @@ class InlineCalls {
   std::vector<Site> m_sites;
   std::vector<uint32_t> m_open;  // sites; for one that was left out, the site around it
   std::vector<CodeRow> m_rows;
-  std::vector<RowLink> m_links;  // of the rows
+  std::vector<RowLink> m_links;  // of the rows; can be longer
   std::vector<Piece> m_pieces;
   std::vector<InlinedCall> m_calls;
   std::vector<InlineRange> m_ranges;
