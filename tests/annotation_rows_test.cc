@@ -20,13 +20,15 @@ using namespace test_support;
 // "start-end file:line" of each row, with hexadecimal offsets, for a site in line 10 of file 3.
 std::string rows(const Annotations& annotations, uint32_t chunk = 0, uint32_t size = 0x100) {
   const std::string bytes = annotations.bytes() + std::string(kAnnotationSlack, '\xFF');
-  std::vector<AnnotationRow> rows;
-  const bool sound = appendAnnotationRows(reinterpret_cast<const uint8_t*>(bytes.data()),
-                                          annotations.bytes().size(), {3, 10, chunk, size}, rows);
+  std::vector<CodeRow> rows;
+  const bool sound = appendAnnotationRows(
+      reinterpret_cast<const uint8_t*>(bytes.data()), annotations.bytes().size(),
+      {3, 10, chunk, size}, [](uint32_t entry) { return entry; }, rows);
   std::string text;
-  for (const AnnotationRow& row : rows) {
+  for (const CodeRow& row : rows) {
     char line[64];
-    std::snprintf(line, sizeof(line), "%x-%x %u:%u, ", row.start, row.end, row.file, row.line);
+    std::snprintf(line, sizeof(line), "%x-%x %u:%u, ", row.start, row.end, row.place.file,
+                  row.place.line);
     text += line;
   }
   return text + (sound ? "" : "damaged");

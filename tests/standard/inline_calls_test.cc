@@ -43,12 +43,16 @@ std::vector<Site> sites(const std::string& text) {
   return outer;
 }
 
+void addRow(InlineCalls& calls, const CodeRow& row) {
+  calls.addRows([&row](std::vector<CodeRow>& rows) { rows.push_back(row); });
+}
+
 void open(InlineCalls& calls, const Site& site) {
   if (site.origin == 0) {
     calls.openLeftOut();
   } else {
     calls.open(site.origin);
-    for (const auto& row : site.rows) calls.addRow({row[0], row[1], {site.origin, row[2]}});
+    for (const auto& row : site.rows) addRow(calls, {row[0], row[1], {site.origin, row[2]}});
   }
   for (const Site& inner : site.inside) open(calls, inner);
   calls.close();
@@ -111,7 +115,7 @@ TEST(InlineCalls, StopAtTheDeepestCall) {
       continue;
     }
     calls.open(i);
-    calls.addRow({0, 0x20, {2, i}});
+    addRow(calls, {0, 0x20, {2, i}});
   }
   calls.resolve({});
   ASSERT_EQ(calls.calls().size(), InlineCalls::kMaxDepth);
@@ -123,8 +127,8 @@ TEST(InlineCalls, EndWhenTheBudgetIsUsedUp) {
   calls.begin(0x1000);
   for (uint32_t depth = 0; depth < 16; ++depth) {
     calls.open(depth);
-    if (depth != 0) calls.addRow({0, 0x1000, {2, depth}});
-    for (uint32_t i = 0; depth == 0 && i < 16; ++i) calls.addRow({8 * i, 8 * i + 4, {2, i}});
+    if (depth != 0) addRow(calls, {0, 0x1000, {2, depth}});
+    for (uint32_t i = 0; depth == 0 && i < 16; ++i) addRow(calls, {8 * i, 8 * i + 4, {2, i}});
   }
   EXPECT_THROW(calls.resolve({}), pdb_exception);
 }
@@ -143,7 +147,7 @@ TEST(InlineCalls, NestForAnyRows) {
       calls.open(i);
       for (uint32_t r = number(4); r != 0; --r) {
         const uint32_t start = number(kSize);
-        calls.addRow({start, start + number(kSize), {i, number(3)}});
+        addRow(calls, {start, start + number(kSize), {i, number(3)}});
       }
       for (uint32_t c = number(3); c != 0; --c) calls.close();
     }
