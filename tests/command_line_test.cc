@@ -139,7 +139,7 @@ TEST_F(TreeTest, TakesShortPathsWithoutExtension) {
   EXPECT_EQ(list_tree(tree_).size(), 9u);
 }
 
-TEST_F(TreeTest, MayBeStandardOutputThatIsFull) {
+TEST_F(TreeTest, IsNotNeededToReportAFullDevice) {
   EXPECT_THAT(run({temp_.file("a.sym", kText)}, {.stdout_path = "/dev/full"}),
               ended(0, "symforge: failed to write: 28\n"));
 }
