@@ -33,6 +33,7 @@ const std::vector<LineGatherer::Line>& LineGatherer::Sorted() {
   lines_ = std::move(sorted);
   by_range_.Clear();
   ordered_ = true;
+  last_high_ = lines_.empty() ? 0 : lines_.back().address + (lines_.back().size - 1);
   return lines_;
 }
 

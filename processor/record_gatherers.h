@@ -37,6 +37,7 @@ class LineGatherer {
   void StoreOutOfOrder(const Line& line);
 
   std::vector<Line> lines_;
+  MemAddr last_high_ = 0;                 // the last address of the last line, while ordered_
   bool ordered_ = true;                   // lines_ is ascending and disjoint; by_range_ is empty
   RangeMap<MemAddr, uint32_t> by_range_;  // otherwise: which of lines_ are stored
 };
@@ -49,8 +50,9 @@ inline void LineGatherer::Store(const Line& line) {
     return;
   }
   // Compares last addresses, because the address after a line may overflow.
-  if (lines_.empty() || line.address > lines_.back().address + (lines_.back().size - 1)) {
+  if (line.address > last_high_ || lines_.empty()) {
     lines_.push_back(line);
+    last_high_ = high;
   } else if (high < lines_.back().address) {
     StoreOutOfOrder(line);
   }

@@ -54,6 +54,7 @@ class TextModuleLoader {
   // Each function takes the start of a line and returns its end.
   char* LoadLine(char* line);
   char* LoadOtherLine(char* line);
+  char* LoadLineRecords(char* line);
   char* LoadLineRecord(char* line);
 
   bool ParseFile(char* line, char* end);
@@ -66,6 +67,10 @@ class TextModuleLoader {
   void StoreStackWin(const symforge_internal::StackWinFields& fields);
   void StoreStackCFI(const symforge_internal::StackCFIFields& fields);
 
+  void StoreLine(const symforge_internal::LineFields& fields) {
+    lines_.Store({fields.address, fields.size, static_cast<int32_t>(fields.source_file),
+                  static_cast<int32_t>(fields.line_number)});
+  }
   void FinishFunction();
   void StoreInlineCalls();
   void NameSites();
@@ -76,8 +81,7 @@ class TextModuleLoader {
   Module& module_;
   const bool quick_;
   StringStorage strings_;
-  char* end_ = nullptr;           // end of the text, where a NUL is stored
-  char* next_newline_ = nullptr;  // first line feed at or after the last line searched
+  char* end_ = nullptr;  // end of the text, where a NUL is stored
   uint64_t line_number_ = 0;
 
   Function* cur_func_ = nullptr;  // in the module's arena
