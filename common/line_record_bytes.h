@@ -24,18 +24,20 @@ class LineRecordBytes {
 
   // `line` is the start of the line.
   [[gnu::always_inline]] explicit LineRecordBytes(const char* line) : line_(line) {
-    uint32_t separators = separators_at(line) | separators_at(line + kBlock) << kBlock;
-    for (unsigned& end : ends_) {
-      end = static_cast<unsigned>(std::countr_zero(separators));
-      separators &= separators - 1;
-    }
+    const uint32_t first = separators_at(line) | separators_at(line + kBlock) << kBlock;
+    const uint32_t second = first & (first - 1);
+    const uint32_t third = second & (second - 1);
+    end0_ = position_of(first);
+    end1_ = position_of(second);
+    end2_ = position_of(third);
+    end3_ = position_of(third & (third - 1));
   }
 
   // Returns false if the line has another form. The fields have been set then.
   [[gnu::always_inline]] bool parse(LineFields* fields) const {
     if (!has_usual_ends()) return false;
-    const __m128i hex = pair(digits(0, ends_[0]), digits(ends_[0] + 1, ends_[1]));
-    const __m128i decimal = pair(digits(ends_[1] + 1, ends_[2]), digits(ends_[2] + 1, ends_[3]));
+    const __m128i hex = pair(digits(0, end0_), digits(end0_ + 1, end1_));
+    const __m128i decimal = pair(digits(end1_ + 1, end2_), digits(end2_ + 1, end3_));
 
     const __m128i hex_values = _mm_sub_epi8(hex, _mm_set1_epi8('0'));
     const __m128i letter_values =
@@ -57,7 +59,7 @@ class LineRecordBytes {
   }
 
   // The line end. Valid if parse() returned true.
-  const char* end() const { return line_ + ends_[3]; }
+  const char* end() const { return line_ + end3_; }
 
  private:
   static constexpr int kBlock = sizeof(__m128i);
@@ -65,6 +67,10 @@ class LineRecordBytes {
   // 0xFF in each byte that is at most `most`.
   static __m128i at_most(__m128i bytes, char most) {
     return _mm_cmpeq_epi8(_mm_min_epu8(bytes, _mm_set1_epi8(most)), bytes);
+  }
+  // 32 if there is none.
+  static unsigned position_of(uint32_t bits) {
+    return static_cast<unsigned>(std::countr_zero(bits));
   }
   static __m128i are_zero(__m128i bytes) { return _mm_cmpeq_epi8(bytes, _mm_setzero_si128()); }
 
@@ -77,11 +83,11 @@ class LineRecordBytes {
   // Numbers of 1 to 8 bytes, blanks between them, a line end after them. A length of 0 becomes a
   // large number, as does the one before a separator that was not found.
   bool has_usual_ends() const {
-    const unsigned lengths = (ends_[0] - 1) | (ends_[1] - ends_[0] - 2) |
-                             (ends_[2] - ends_[1] - 2) | (ends_[3] - ends_[2] - 2);
-    if (lengths >= 8 || ends_[3] >= 2 * kBlock) return false;
-    const char last = line_[ends_[3]];
-    return line_[ends_[0]] == ' ' && line_[ends_[1]] == ' ' && line_[ends_[2]] == ' ' &&
+    const unsigned lengths =
+        (end0_ - 1) | (end1_ - end0_ - 2) | (end2_ - end1_ - 2) | (end3_ - end2_ - 2);
+    if (lengths >= 8 || end3_ >= 2 * kBlock) return false;
+    const char last = line_[end3_];
+    return line_[end0_] == ' ' && line_[end1_] == ' ' && line_[end2_] == ' ' &&
            (last == '\n' || last == '\r' || last == '\0');
   }
 
@@ -117,7 +123,7 @@ class LineRecordBytes {
   }
 
   const char* line_;
-  unsigned ends_[4];  // positions of the byte that follows each number; 32 if there is none
+  unsigned end0_, end1_, end2_, end3_;  // positions of the byte after each number
 };
 
 }  // namespace symforge_internal

@@ -42,7 +42,7 @@ class LineGatherer {
   RangeMap<MemAddr, uint32_t> by_range_;  // otherwise: which of lines_ are stored
 };
 
-inline void LineGatherer::Store(const Line& line) {
+[[gnu::always_inline]] inline void LineGatherer::Store(const Line& line) {
   const MemAddr high = line.address + line.size - 1;
   const bool valid = line.size > 0 && high >= line.address;
   if (!ordered_ || !valid) {

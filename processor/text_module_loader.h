@@ -67,7 +67,7 @@ class TextModuleLoader {
   void StoreStackWin(const symforge_internal::StackWinFields& fields);
   void StoreStackCFI(const symforge_internal::StackCFIFields& fields);
 
-  void StoreLine(const symforge_internal::LineFields& fields) {
+  [[gnu::always_inline]] void StoreLine(const symforge_internal::LineFields& fields) {
     lines_.Store({fields.address, fields.size, static_cast<int32_t>(fields.source_file),
                   static_cast<int32_t>(fields.line_number)});
   }
