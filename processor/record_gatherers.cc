@@ -1,5 +1,6 @@
 #include "processor/record_gatherers.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "base/range_nesting.h"
@@ -11,28 +12,54 @@ using symforge_internal::Arena;
 using symforge_internal::NestedRangeStack;
 using symforge_internal::RangeNesting;
 
-// Falls back to the range map. Also called for invalid ranges, which the map rejects; it logs a
-// line for one that exceeds the largest address.
+// Also called for invalid ranges, which the range map rejects; it logs a line for one that exceeds
+// the largest address. Valid lines are sorted when the function ends, and only if some overlap
+// does the map decide which are kept.
 void LineGatherer::StoreOutOfOrder(const Line& line) {
-  if (ordered_) {
-    ordered_ = false;
-    for (uint32_t i = 0; i < lines_.size(); ++i) {
-      by_range_.StoreRange(lines_[i].address, lines_[i].size, i);
-    }
+  const bool valid = line.size > 0 && line.address + (line.size - 1) >= line.address;
+  if (state_ != State::kRanges && valid) {
+    state_ = State::kUnsorted;
+    lines_.push_back(line);
+    return;
   }
+  UseRanges();
   if (by_range_.StoreRange(line.address, line.size, static_cast<uint32_t>(lines_.size()))) {
     lines_.push_back(line);
   }
 }
 
+// Stores all lines in the range map, and drops those that it rejects.
+void LineGatherer::UseRanges() {
+  if (state_ == State::kRanges) return;
+  state_ = State::kRanges;
+  uint32_t kept = 0;
+  for (const Line& line : lines_) {
+    if (by_range_.StoreRange(line.address, line.size, kept)) lines_[kept++] = line;
+  }
+  lines_.resize(kept);
+}
+
+// Returns false and changes nothing if some lines overlap.
+bool LineGatherer::SortDisjoint() {
+  sorted_ = lines_;
+  std::sort(sorted_.begin(), sorted_.end(),
+            [](const Line& a, const Line& b) { return a.address < b.address; });
+  for (size_t i = 1; i < sorted_.size(); ++i) {
+    if (sorted_[i].address - sorted_[i - 1].address < sorted_[i - 1].size) return false;
+  }
+  lines_.swap(sorted_);
+  return true;
+}
+
 const std::vector<LineGatherer::Line>& LineGatherer::Sorted() {
-  if (ordered_) return lines_;
-  std::vector<Line> sorted;
-  sorted.reserve(lines_.size());
-  for (const auto& [high, range] : by_range_.GetMap()) sorted.push_back(lines_[range.entry()]);
-  lines_ = std::move(sorted);
-  by_range_.Clear();
-  ordered_ = true;
+  if (state_ == State::kUnsorted && !SortDisjoint()) UseRanges();
+  if (state_ == State::kRanges) {
+    sorted_.clear();
+    for (const auto& [high, range] : by_range_.GetMap()) sorted_.push_back(lines_[range.entry()]);
+    lines_.swap(sorted_);
+    by_range_.Clear();
+  }
+  state_ = State::kOrdered;
   last_high_ = lines_.empty() ? 0 : lines_.back().address + (lines_.back().size - 1);
   return lines_;
 }
@@ -46,8 +73,8 @@ void LineGatherer::MoveTo(Arena& arena, BasicSourceLineResolver::Function* funct
 
 void LineGatherer::Clear() {
   lines_.clear();
-  if (!ordered_) by_range_.Clear();
-  ordered_ = true;
+  if (state_ == State::kRanges) by_range_.Clear();
+  state_ = State::kOrdered;
 }
 
 void InlineGatherer::Store(const InlineFunction& site, std::string_view name) {

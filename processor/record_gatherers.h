@@ -35,17 +35,25 @@ class LineGatherer {
 
  private:
   void StoreOutOfOrder(const Line& line);
+  void UseRanges();
+  bool SortDisjoint();
 
   std::vector<Line> lines_;
-  MemAddr last_high_ = 0;                 // the last address of the last line, while ordered_
-  bool ordered_ = true;                   // lines_ is ascending and disjoint; by_range_ is empty
-  RangeMap<MemAddr, uint32_t> by_range_;  // otherwise: which of lines_ are stored
+  MemAddr last_high_ = 0;  // the last address of the last line, while kOrdered
+  enum class State {
+    kOrdered,   // lines_ is ascending and disjoint
+    kUnsorted,  // lines_ has all lines, in the order of Store(); none is invalid
+    kRanges,    // lines_ has the lines that by_range_ has accepted
+  };
+  State state_ = State::kOrdered;
+  std::vector<Line> sorted_;              // scratch memory
+  RangeMap<MemAddr, uint32_t> by_range_;  // ranges of indexes into lines_; empty before kRanges
 };
 
 [[gnu::always_inline]] inline void LineGatherer::Store(const Line& line) {
   const MemAddr high = line.address + line.size - 1;
   const bool valid = line.size > 0 && high >= line.address;
-  if (!ordered_ || !valid) {
+  if (state_ != State::kOrdered || !valid) {
     StoreOutOfOrder(line);
     return;
   }
