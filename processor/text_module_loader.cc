@@ -65,8 +65,9 @@ void TextModuleLoader::Load(char* buffer, size_t size) {
 }
 
 // Returns the end of the last byte that is not NUL. NULs before it are replaced by "_" and count as
-// one error of the whole text.
+// one error of the whole text. A text that keeps the strings ends at its first NUL.
 char* TextModuleLoader::EndOfText(char* buffer, size_t size) {
+  if (strings_.in_text()) return static_cast<char*>(memchr(buffer, '\0', size));
   char* end = buffer + size;
   while (end != buffer && end[-1] == '\0') --end;
   bool found = false;
@@ -244,10 +245,8 @@ void TextModuleLoader::StoreInlineCalls() {
   for (size_t i = 0; i < count; ++i) {
     sites[i] = calls_.sites()[i].site;
     const int origin = static_cast<int>(calls_.sites()[i].origin);
-    const auto name = origins_.find(origin);
-    if (name != origins_.end()) {
-      sites[i].name = name.value();
-    } else {
+    sites[i].name = origins_.find(origin);
+    if (sites[i].name == nullptr) {
       sites[i].name = kOmittedName;
       unnamed_.push_back({&sites[i], origin});
     }
@@ -261,8 +260,8 @@ void TextModuleLoader::StoreInlineCalls() {
 // Sets the names of sites whose INLINE_ORIGIN line follows their function.
 void TextModuleLoader::NameSites() {
   for (const UnnamedSite& unnamed : unnamed_) {
-    const auto name = origins_.find(unnamed.origin);
-    if (name != origins_.end()) unnamed.site->name = name.value();
+    const char* const name = origins_.find(unnamed.origin);
+    if (name != nullptr) unnamed.site->name = name;
   }
 }
 
@@ -294,7 +293,7 @@ bool TextModuleLoader::ParseInlineOrigin(char* line, char* end) {
   InlineOriginFields fields;
   if (!parse(line, end, &fields)) return false;
   const int index = static_cast<int>(fields.index);
-  if (origins_.find(index) == origins_.end()) origins_.insert(index, strings_.store(fields.name));
+  if (origins_.find(index) == nullptr) origins_.insert(index, strings_.store(fields.name));
   return true;
 }
 

@@ -24,6 +24,7 @@
 #include "common/symbol_text.h"
 #include "processor/basic_source_line_resolver_module.h"
 #include "processor/inline_calls.h"
+#include "processor/origin_names.h"
 #include "processor/record_gatherers.h"
 #include "processor/string_storage.h"
 
@@ -102,7 +103,7 @@ class TextModuleLoader {
     BasicSourceLineResolver::InlineFunction* site;  // in the module's arena
     int origin;
   };
-  Module::FileMap origins_;
+  OriginNames origins_;
   std::vector<UnnamedSite> unnamed_;
   std::vector<symforge_internal::InlineCallFields::Range> call_ranges_;
   std::string last_program_;
