@@ -140,7 +140,7 @@ uint64_t ImageWriter::measure_functions() {
   for (const auto& [high, range] : module_.Functions().GetMap()) {
     const BasicSourceLineResolver::Function& function = *range.entry();
     strings_.add(function.name);
-    for (const auto& site : function.inlines()) strings_.add(site.name);
+    for (const auto& site : function.inlines()) strings_.add_repeated(site.name);
     bytes += sizeof(symb_func_inline) + function.lines().size() * sizeof(symb_line) +
              function.inlines().size() * sizeof(symb_inline);
   }
@@ -332,9 +332,10 @@ void ImageWriter::write_sections() {
 bool symb_write(TextBuffer text, char** out_buffer, size_t* out_buffer_size) {
   SymbHeaderLines info;
   char* const symbol_data = text.data();
+  const size_t symbol_data_size = text.size();
   if (!sym_info_parse(symbol_data, info)) return false;
   Module module("foo");  // any name: the module does not belong to a resolver
-  module.LoadMapInPlace(symbol_data, std::strlen(symbol_data) + 1);
+  module.LoadMapInPlace(symbol_data, symbol_data_size + 1);
   if (info.os.empty() || info.arch.empty()) return false;
 
   ImageWriter writer(info, module);
