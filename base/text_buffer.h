@@ -141,21 +141,54 @@ inline char* put_hex(char* at, uint32_t number) {
   return at + digits;
 }
 
-// Writes a number in decimal, at most 10 bytes, and returns the end of it. Faster than
-// std::to_chars for line numbers.
-inline char* put_dec(char* at, uint32_t number) {
-  constexpr uint32_t kLimit = 10000;
-  if (number >= kLimit) return std::to_chars(at, at + 10, number).ptr;
+// Writes "FIRST SECOND " with the numbers as put_hex() writes them, and returns the end of it.
+// Takes up to 18 bytes, some of which may be after the end.
+//
+// Line records begin so. The digits of both numbers are computed at once.
+inline char* put_hex_pair(char* at, uint32_t first, uint32_t second) {
+  const uint64_t both = uint64_t{__builtin_bswap32(second)} << 32 | __builtin_bswap32(first);
+  const __m128i bytes = _mm_cvtsi64_si128(static_cast<int64_t>(both));
+  const __m128i low_bits = _mm_set1_epi8(0x0F);
+  const __m128i nibbles = _mm_unpacklo_epi8(_mm_and_si128(_mm_srli_epi16(bytes, 4), low_bits),
+                                            _mm_and_si128(bytes, low_bits));
+  const __m128i letters =
+      _mm_and_si128(_mm_cmpgt_epi8(nibbles, _mm_set1_epi8(9)), _mm_set1_epi8('a' - '0' - 10));
+  const __m128i digits = _mm_add_epi8(_mm_add_epi8(nibbles, _mm_set1_epi8('0')), letters);
+  const auto put = [&at](int64_t word, uint32_t number) {
+    const unsigned count = (35 - static_cast<unsigned>(__builtin_clz(number | 1))) / 4;
+    const uint64_t text = static_cast<uint64_t>(word) >> (64 - 8 * count);
+    std::memcpy(at, &text, sizeof(text));
+    at[count] = ' ';
+    at += count + 1;
+  };
+  put(_mm_cvtsi128_si64(digits), first);
+  put(_mm_cvtsi128_si64(_mm_unpackhi_epi64(digits, digits)), second);
+  return at;
+}
+
+// Writes a number below 10000 in decimal, with leading zeros if `padded`, and returns the end of
+// it. Always writes four bytes; those after the end are to be overwritten.
+inline char* put_dec4(char* at, uint32_t number, bool padded) {
   // Computes all four digits at once, then shifts out leading zeros.
   const uint32_t high = number / 100;
   const uint32_t low = number - high * 100;
   const uint32_t tens = high * 103 >> 10;  // high / 10
   const uint32_t units = low * 103 >> 10;  // low / 10
   uint32_t word = tens | (high - tens * 10) << 8 | units << 16 | (low - units * 10) << 24;
-  const unsigned zeros = static_cast<unsigned>(__builtin_ctz(word | 0x80000000)) / 8;
+  const unsigned zeros = padded ? 0 : static_cast<unsigned>(__builtin_ctz(word | 0x80000000)) / 8;
   word = (word | 0x30303030) >> 8 * zeros;
   std::memcpy(at, &word, sizeof(word));
   return at + 4 - zeros;
+}
+
+// Writes a number in decimal and returns the end of it. Takes up to 10 bytes, some of which may be
+// after the end. Faster than std::to_chars for numbers of up to eight digits.
+inline char* put_dec(char* at, uint32_t number) {
+  constexpr uint32_t kFourDigits = 10000;
+  if (number < kFourDigits) return put_dec4(at, number, false);
+  if (number >= kFourDigits * kFourDigits) return std::to_chars(at, at + 10, number).ptr;
+  at = put_dec4(at, number / kFourDigits, false);
+  return put_dec4(at, number % kFourDigits, true);
 }
 
 // Whether one of the 16 bytes at `text` is at most a carriage return. No printable character is.

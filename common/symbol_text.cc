@@ -41,6 +41,28 @@ constexpr uint32_t StackWinSizes::*kStackWinSizes[] = {
     &StackWinSizes::parameter_size, &StackWinSizes::saved_register_size,
     &StackWinSizes::local_size,     &StackWinSizes::max_stack_size};
 
+// ---- For append_line()
+// ---------------------------------------------------------------------------
+
+// Writes a number and returns the end of it; takes at most 20 bytes.
+char* put_decimal(char* at, long number) {
+  if (number >= 0 && number <= long{UINT32_MAX}) return put_dec(at, static_cast<uint32_t>(number));
+  return std::to_chars(at, at + 20, number).ptr;
+}
+
+// Writes "ADDRESS SIZE " and returns the end of it; takes at most 34 bytes.
+char* put_range(char* at, const InlineCallFields::Range& range) {
+  if ((range.address | range.size) <= UINT32_MAX) {
+    return put_hex_pair(at, static_cast<uint32_t>(range.address),
+                        static_cast<uint32_t>(range.size));
+  }
+  for (const uint64_t number : {range.address, range.size}) {
+    at = std::to_chars(at, at + 16, number, 16).ptr;
+    *at++ = ' ';
+  }
+  return at;
+}
+
 // ---- For quick_parse() --------------------------------------------------------------------------
 
 bool starts_with(const char* line, const char* end, std::string_view prefix) {
@@ -297,16 +319,22 @@ bool parse(char* line, char* end, InlineFields* fields) {
 
 // ---- INLINE -------------------------------------------------------------------------------------
 
+// A quarter of a standard symbol file consists of these lines, so room is checked once for each.
 void append_line(TextBuffer& out, const InlineCallFields& fields) {
   if (fields.ranges.empty()) return;
-  constexpr size_t kRangeBytes = 2 * (16 + 1);
-  LineWriter line(out, fields.ranges.size() * kRangeBytes + kNumbersBytes);
-  line.str(kInlineCall);
-  line.dec_fields(fields.depth, fields.call_line, fields.call_file, fields.origin);
-  for (const InlineCallFields::Range& range : fields.ranges) {
-    line.chr(' ').hex_fields(range.address, range.size);
+  constexpr size_t kRangeBytes = 2 * (1 + 16);
+  char* const begin = out.prepare(fields.ranges.size() * kRangeBytes + kNumbersBytes);
+  char* at = begin;
+  std::memcpy(at, kInlineCall.data(), kInlineCall.size());
+  at = put_decimal(at + kInlineCall.size(), fields.depth);
+  for (const long number : {fields.call_line, fields.call_file, fields.origin}) {
+    *at++ = ' ';
+    at = put_decimal(at, number);
   }
-  line.chr('\n');
+  *at++ = ' ';
+  for (const InlineCallFields::Range& range : fields.ranges) at = put_range(at, range);
+  at[-1] = '\n';
+  out.commit(static_cast<size_t>(at - begin));
 }
 
 bool parse(const char* line, const char* end, InlineCallFields* fields,

@@ -1,30 +1,16 @@
 // The command line as a process: options, exit statuses, messages, output and the files in a symbol
 // tree.
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <filesystem>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "builders/bytes.h"
-#include "builders/pdb_builder.h"
-#include "builders/pe_builder.h"
-#include "tests/support/lines.h"
-#include "tests/support/process.h"
+#include "tests/support/program.h"
 
+namespace test_support {
 namespace {
-
-using namespace builders;
-using namespace test_support;
-using ::testing::ContainsRegex;
-using ::testing::HasSubstr;
-using ::testing::Not;
-using ::testing::StartsWith;
 
 const std::string kText =
     "MODULE windows x86_64 ABC1 my a.pdb\n"
@@ -32,102 +18,34 @@ const std::string kText =
     "FUNC 1000 10 0 main\n"
     "1000 10 7 1\n";
 
-std::string usage() {
-  return "Usage: " SYMFORGE_PROGRAM
-         " [options] <pdb file/dir> <output_symbol_dir (optional)>\n\n"
-         "    -i                         DO NOT extract inline information\n"
-         "    -b                         Output sym file in binary format\n"
-         "    -e <exe/dll file>          Executable that matches the pdb file\n"
-         "    -r                         Convert pdb files in the directory recursively.\n"
-         "    -s <output_symbol_dir>     Root directory of Breakpad symbol tree\n"
-         "    -v                         Print version and exit.\n"
-         "    -h                         Print this help text and exit.\n";
-}
-
-TEST(OptionsTest, ChecksInTheirOrder) {
+TEST(OptionsTest, HaveTheListedEffects) {
   const TemporaryDirectory temp;
-  const std::string tree = temp.folder("tree");
-  const std::string text = temp.file("a.sym", kText);
-  const std::string unknown = SYMFORGE_PROGRAM ": invalid option -- 'x'\n" + usage();
-  const std::string exclusive = "symforge: options '-e' and '-r' are mutually exclusive\n";
-  const std::string no_tree =
-      "symforge: option '-r' implies multiple pdb files and the output symbol path must be set\n";
-  const std::string nowhere = "symforge: symbol path doesn't exist: /no/where\n";
-  const struct {
-    std::vector<std::string> args;
-    int status;
-    std::string out;
-    std::string err;
-  } cases[] = {
-      {{}, 1, "", usage()},
-      {{"-h"}, 0, usage(), ""},
-      {{"-v", "-x"}, 0, "1.50.4\n", ""},
-      {{"-x", "-v"}, 1, "", unknown},
-      {{"-e"}, 1, "", SYMFORGE_PROGRAM ": option requires an argument -- 'e'\n" + usage()},
-      {{"-s", tree}, 1, "", usage()},
-      {{"-r", "-s", tree}, 1, "", usage()},
-      {{"-r", "-e", "x"}, 1, "", exclusive},
-      {{"-r", "x"}, 1, "", no_tree},
-      {{"-r", "x", "/no/where"}, 1, "", nowhere},
-      {{"-s", tree, text, tree},
-       1,
-       "",
-       "symforge: output symbol path is already set in -s option: " + tree + "\n"},
-      {{"-e", "x"},
-       1,
-       "",
-       "symforge: output symbol path must be set with seperate exe/dll symbol\n"},
-      {{"-e", "x", "-s", "/no/where"}, 1, "", nowhere},
-      {{text, "/no/where"}, 1, "", nowhere},
-      {{text, "-s", "/no/where"}, 1, "", nowhere},
-      {{"-j", "1025", text}, 1, "", "symforge: option '-j' needs a number from 0 to 1024: 1025\n"},
-      {{"--standard", "--jobs=2x", text},
-       1,
-       "",
-       "symforge: option '-j' needs a number from 0 to 1024: 2x\n"},
-      {{"--max-memory=2X", text},
-       1,
-       "",
-       "symforge: option '--max-memory' needs a size such as 500M or 2G: 2X\n"},
-      {{"-qj0", "--max-memory=2g", text}, 0, kText, ""},
-      {{text}, 0, kText, ""},
-      {{text, tree, "third", "-i"}, 0, "", ""},
-      {{"-r", temp.folder("empty"), tree}, 1, "", ""},
-  };
-  for (const auto& c : cases) {
-    const Result result = run(c.args);
-    const std::string args = ::testing::PrintToString(c.args);
-    EXPECT_EQ(result.status, c.status) << args;
-    EXPECT_EQ(result.out, c.out) << args;
-    EXPECT_EQ(result.err, c.err) << args;
+  const std::vector<std::pair<std::string, std::string>> names = {
+      {"USAGE", test_data("usage.txt")},   {"PROGRAM", SYMFORGE_PROGRAM},
+      {"TREE", temp.folder("tree")},       {"EMPTY", temp.folder("empty")},
+      {"TEXT", temp.file("a.sym", kText)}, {"LINES", kText}};
+  for (const TestCase& c : test_cases("commands.txt", "options")) {
+    const std::string expected = replaced(c.expected, names);
+    const Result result = run(split(replaced(c.input, names)));
+    EXPECT_EQ(std::to_string(result.status), expected.substr(0, 1)) << c.input;
+    EXPECT_EQ(result.out, expected[1] == '>' && expected.size() > 3 ? expected.substr(3) : "")
+        << c.input;
+    EXPECT_EQ(result.err, expected[1] == '!' ? expected.substr(3) : "") << c.input;
   }
 }
 
 TEST(OptionsTest, HaveLongForms) {
   const TemporaryDirectory temp;
-  const std::string text = temp.file("a.sym", kText);
-  const std::string pdb = SYMFORGE_FIXTURES "/engine64.pdb";
-  const std::string exe = SYMFORGE_FIXTURES "/engine64.exe";
-  const std::string tree = temp.folder("tree");
-  const struct {
-    std::vector<std::string> long_form;
-    std::vector<std::string> short_form;
-  } cases[] = {
-      {{"--version"}, {"-v"}},
-      {{"--binary", text}, {"-b", text}},
-      {{"--no-inlines", "--image", exe, pdb}, {"-i", "-e", exe, pdb}},
-      {{"--image=" + exe, pdb}, {"-e", exe, pdb}},
-      {{"--recursive", "--image", "x"}, {"-r", "-e", "x"}},
-      {{"--tree", tree, text, tree}, {"-s", tree, text, tree}},
-      {{"--sync", "--no-sync", "--no-sandbox", text}, {text}},
-  };
-  for (const auto& c : cases) {
-    const Result expected = run(c.short_form);
-    const Result result = run(c.long_form);
-    const std::string args = ::testing::PrintToString(c.long_form);
-    EXPECT_EQ(result.status, expected.status) << args;
-    EXPECT_EQ(result.out, expected.out) << args;
-    EXPECT_EQ(result.err, expected.err) << args;
+  const std::vector<std::pair<std::string, std::string>> names = {
+      {"ENGINE", kFixtures + "engine64"},
+      {"TREE", temp.folder("tree")},
+      {"TEXT", temp.file("a.sym", kText)}};
+  for (const TestCase& c : test_cases("commands.txt", "long forms")) {
+    const Result expected = run(split(replaced(c.expected, names)));
+    const Result result = run(split(replaced(c.input, names)));
+    EXPECT_EQ(result.status, expected.status) << c.input;
+    EXPECT_EQ(result.out, expected.out) << c.input;
+    EXPECT_EQ(result.err, expected.err) << c.input;
   }
   EXPECT_EQ(run({"--help"}).status, 0);
   EXPECT_THAT(run({"--help"}).out, HasSubstr("--standard "));
@@ -136,96 +54,73 @@ TEST(OptionsTest, HaveLongForms) {
 
 TEST(TextInputTest, PassesTheTextThrough) {
   const std::string nul("FUNC\0 after NUL\n", 16);
-  const struct {
-    std::string input;
-    std::string output;
-  } cases[] = {
+  const std::pair<std::string, std::string> cases[] = {
       {kText + "no line end", kText + "no line end"},
       {kText + nul, kText + nul},
       {kText + "cut\xFF" + kText, kText + "cut"},
       {kText + std::string(300000, 'x'), kText + std::string(300000, 'x')},
   };
   const TemporaryDirectory temp;
-  for (const auto& c : cases) {
-    const Result result = run({temp.file("any.name", c.input)});
+  for (const auto& [input, output] : cases) {
+    const Result result = run({temp.file("any.name", input)});
     EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.out, c.output);
+    EXPECT_EQ(result.out, output);
     EXPECT_EQ(result.err, "");
   }
 }
 
-TEST(TreeTest, HoldsTheFileItsFoldersAndTheLink) {
-  const TemporaryDirectory temp;
-  const std::string tree = temp.folder("tree");
+using TreeTest = ProgramTest;
+
+TEST_F(TreeTest, HoldsTheFileItsFoldersAndTheLink) {
   const Tree expected = {{"my a.pdb", "dir 0700"},
                          {"my a.pdb/5F00", "link ABC1"},
                          {"my a.pdb/ABC1", "dir 0700"},
                          {"my a.pdb/ABC1/my a.sym", "file 0600 " + kText}};
-  const std::string input = temp.file("a.sym", kText);
+  const std::string input = temp_.file("a.sym", kText);
   for (int i = 0; i < 2; ++i) {
-    const Result result = run({input, tree});
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.err, "");
-    EXPECT_EQ(list_tree(tree), expected);
+    EXPECT_THAT(run({input, tree_}), ended(0, ""));
+    EXPECT_EQ(list_tree(tree_), expected);
   }
 }
 
 // Obstacles to writing a result to the tree: the message, status 0, and no new file.
-TEST(TreeTest, ReportsWhatItCannotWrite) {
+TEST_F(TreeTest, ReportsWhatItCannotWrite) {
   const std::string long_name(252, 'n');
-  const struct {
-    std::string module;   // identifier and debug file
-    std::string blocker;  // file in the tree; a directory if it ends in '/'
-    std::string message;
-  } cases[] = {
-      {"X ../a.pdb", "", "failed to create symbol file path: ../a.pdb/X"},
-      {".. a.pdb", "", "failed to create symbol file path: a.pdb/.."},
-      {"X " + std::string(256, 'n'), "",
-       "failed to create symbol file path: " + std::string(256, 'n') + "/X"},
-      {"X a.pdb", "a.pdb", "failed to create symbol file path: a.pdb/X"},
-      {"X a.pdb", "a.pdb/X", "failed to mkstemp: 20"},
-      {"X a.pdb", "a.pdb/X/a.sym/", "failed to rename: 21"},
-      {"X " + long_name, long_name + "/X/", "failed to mkstemp: 36"},
-  };
-  for (const auto& c : cases) {
+  for (const TestCase& c : test_cases("commands.txt", "obstacles")) {
     const TemporaryDirectory temp;
     const std::string tree = temp.folder("tree");
-    if (c.blocker.ends_with('/')) {
-      temp.folder("tree/" + c.blocker);
-    } else if (!c.blocker.empty()) {
-      temp.file("tree/" + c.blocker, "");
+    const std::vector<std::string> input = split(replaced(c.input, {{"LONG", long_name}}), '|');
+    const std::string obstacle = input.size() == 1 ? "" : "tree/" + input[1];
+    if (obstacle.ends_with('/')) {
+      temp.folder(obstacle);
+    } else if (!obstacle.empty()) {
+      temp.file(obstacle, "");
     }
     const Tree before = list_tree(tree);
-    const Result result =
-        run({temp.file("a.sym", "MODULE a b " + c.module + "\nINFO CODE_ID 12 a.exe\n"), tree});
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.err, "symforge: " + c.message + "\n");
+    const std::string text = "MODULE a b " + input[0] + "\nINFO CODE_ID 12 a.exe\n";
+    EXPECT_THAT(run({temp.file("a.sym", text), tree}),
+                ended(0, "symforge: " + replaced(c.expected, {{"LONG", long_name}}) + "\n"));
     EXPECT_EQ(list_tree(tree), before);
   }
 }
 
 // A full disk, simulated by a limit on the size of files.
-TEST(TreeTest, KeepsTheOldFileWhenTheNewOneCannotBeWritten) {
-  const TemporaryDirectory temp;
-  const std::string tree = temp.folder("tree");
-  ASSERT_EQ(run({temp.file("a.sym", kText), tree}).status, 0);
-  const Tree before = list_tree(tree);
-  const std::string bigger = temp.file("b.sym", kText + std::string(100000, 'x'));
-  const Result result = run({bigger, tree}, {.file_size = 50000});
-  EXPECT_EQ(result.status, 0);
-  EXPECT_EQ(result.err, "symforge: failed to write: 27\n");
-  EXPECT_EQ(list_tree(tree), before);
+TEST_F(TreeTest, KeepsTheOldFileWhenTheNewOneCannotBeWritten) {
+  ASSERT_EQ(run({temp_.file("a.sym", kText), tree_}).status, 0);
+  const Tree before = list_tree(tree_);
+  const std::string bigger = temp_.file("b.sym", kText + std::string(100000, 'x'));
+  EXPECT_THAT(run({bigger, tree_}, {.file_size = 50000}),
+              ended(0, "symforge: failed to write: 27\n"));
+  EXPECT_EQ(list_tree(tree_), before);
 }
 
 // With --sync, the data are synced before the file is renamed to the target, and the target's name
 // before the program exits.
-TEST(TreeTest, ReachesTheDiskInOrder) {
+TEST_F(TreeTest, ReachesTheDiskInOrder) {
   if (*SYMFORGE_RECORDER == '\0') GTEST_SKIP() << "a sanitizer must be loaded first";
-  const TemporaryDirectory temp;
-  const std::string tree = temp.folder("tree");
-  const std::string text = temp.file("a.sym", kText);
+  const std::string text = temp_.file("a.sym", kText);
   const auto calls = [&](std::vector<std::string> args) {
-    args.insert(args.end(), {text, tree});
+    args.insert(args.end(), {text, tree_});
     return run(args, {.preload = SYMFORGE_RECORDER}).err;
   };
   const std::string synced = "fdatasync\nrename\nsymlink\nfsync\nfsync\nfsync\n";
@@ -235,35 +130,26 @@ TEST(TreeTest, ReachesTheDiskInOrder) {
   EXPECT_EQ(calls({"--standard", "--no-sync"}), "rename\nsymlink\n");
 }
 
-TEST(PathTest, MayBeShortAndWithoutExtension) {
-  const TemporaryDirectory temp;
-  const std::string tree = temp.folder("tree");
-  const std::string pdb = read_file(SYMFORGE_FIXTURES "/engine64.pdb");
+TEST_F(TreeTest, TakesShortPathsWithoutExtension) {
+  const std::string pdb = read_file(kFixtures + "engine64.pdb");
   for (const std::string name : {"a", "ab", "abc"}) {
-    temp.file(name, pdb);
-    const Result result = run({name, tree}, {.directory = temp.path()});
-    EXPECT_EQ(result.status, 0) << name;
-    EXPECT_EQ(result.err, "") << name;
+    temp_.file(name, pdb);
+    EXPECT_THAT(run({name, tree_}, {.directory = temp_.path()}), ended(0, "")) << name;
   }
-  EXPECT_EQ(list_tree(tree).size(), 9u);
+  EXPECT_EQ(list_tree(tree_).size(), 9u);
 }
 
-TEST(StdoutTest, ReportsAFullDevice) {
-  const TemporaryDirectory temp;
-  const Result result = run({temp.file("a.sym", kText)}, {.stdout_path = "/dev/full"});
-  EXPECT_EQ(result.status, 0);
-  EXPECT_EQ(result.err, "symforge: failed to write: 28\n");
+TEST_F(TreeTest, IsNotNeededToReportAFullDevice) {
+  EXPECT_THAT(run({temp_.file("a.sym", kText)}, {.stdout_path = "/dev/full"}),
+              ended(0, "symforge: failed to write: 28\n"));
 }
-
-const std::string kData = SYMFORGE_FIXTURES;
 
 // A pair from a real tool chain, split up: which parts a conversion finds, and where.
-class ImageTest : public ::testing::Test {
+class ImageTest : public ProgramTest {
  protected:
   ImageTest()
-      : pdb_(temp_.file("a.pdb", read_file(kData + "/engine64.pdb"))),
-        exe_(temp_.file("bin/a.exe", read_file(kData + "/engine64.exe"))),
-        tree_(temp_.folder("tree")) {
+      : pdb_(temp_.file("a.pdb", read_file(kFixtures + "engine64.pdb"))),
+        exe_(temp_.file("bin/a.exe", read_file(kFixtures + "engine64.exe"))) {
     text_ = run({pdb_}).out;
     id_ = text_.substr(22, text_.find(' ', 22) - 22);
     target_ = "a.pdb/" + id_ + "/a.sym";
@@ -273,8 +159,7 @@ class ImageTest : public ::testing::Test {
     return lines_without(text, {"INFO CODE_ID ", "STACK CFI "});
   }
 
-  TemporaryDirectory temp_;
-  std::string pdb_, exe_, tree_, text_, id_, target_;
+  std::string pdb_, exe_, text_, id_, target_;
 };
 
 TEST_F(ImageTest, IsFoundBesideThePdbOrWhereTheOptionSays) {
@@ -288,14 +173,12 @@ TEST_F(ImageTest, IsFoundBesideThePdbOrWhereTheOptionSays) {
   std::filesystem::copy(exe_, temp_ / "a.exe");
   EXPECT_EQ(run({pdb_}).out, named.out);
   temp_.file("a.exe", "no image");
-  const Result foreign = run({pdb_});
-  EXPECT_EQ(foreign.status, 1);
-  EXPECT_THAT(foreign.err, HasSubstr("\nException caught: Error reading PE header\n"));
+  EXPECT_THAT(run({pdb_}), ended(1, HasSubstr("\nException caught: Error reading PE header\n")));
 
   for (const std::string& path : {temp_.path(), std::string("/dev/null")}) {
-    const Result other = run({"-e", path, pdb_});
-    EXPECT_EQ(other.status, 1) << path;
-    EXPECT_THAT(other.err, HasSubstr("\nException caught: Error reading PE header\n")) << path;
+    EXPECT_THAT(run({"-e", path, pdb_}),
+                ended(1, HasSubstr("\nException caught: Error reading PE header\n")))
+        << path;
   }
 }
 
@@ -314,28 +197,25 @@ TEST_F(ImageTest, ComesWithItsLink) {
 TEST_F(ImageTest, FailsIfDirectoriesCannotBeCreated) {
   const std::string folder = tree_ + "/a.pdb";
   std::filesystem::create_symlink("nowhere", folder);
-  const Result result = run({pdb_, tree_});
-  EXPECT_EQ(result.status, 255);
-  EXPECT_EQ(result.err, "mkdir1 " + folder + ": File exists\n");
+  EXPECT_THAT(run({pdb_, tree_}), ended(255, "mkdir1 " + folder + ": File exists\n"));
 }
 
 // The image's own debug record names engine64.pdb.
 TEST_F(ImageTest, IsAddedToTheSymbolFileInTheTreeOnce) {
   const auto refused = [&](const std::string& message) {
     const Tree before = list_tree(tree_);
-    const Result result = run({"-e", exe_, "-s", tree_});
-    EXPECT_EQ(result.status, 1);
-    EXPECT_THAT(result.err, HasSubstr("Failed to convert symbol file " + exe_ +
-                                      ".\nException caught: " + message + "\n"));
+    EXPECT_THAT(run({"-e", exe_, "-s", tree_}),
+                ended(1, HasSubstr("Failed to convert symbol file " + exe_ +
+                                   ".\nException caught: " + message + "\n")));
     EXPECT_EQ(list_tree(tree_), before);
   };
   refused("PE file without matching pdb or sym file");
   const std::string unreadable = temp_.folder("tree/engine64.pdb/" + id_ + "/engine64.sym");
   refused("failed to open sym file");
   std::filesystem::remove(unreadable);
-  ASSERT_EQ(run({kData + "/engine64.pdb", "-e", "/no/where", tree_}).status, 0);
+  ASSERT_EQ(run({kFixtures + "engine64.pdb", "-e", "/no/where", tree_}).status, 0);
   EXPECT_EQ(run({"-e", exe_, "-s", tree_}).status, 0);
-  const std::string whole = run({"-e", exe_, kData + "/engine64.pdb"}).out;
+  const std::string whole = run({"-e", exe_, kFixtures + "engine64.pdb"}).out;
   EXPECT_EQ(read_file(tree_ + "/engine64.pdb/" + id_ + "/engine64.sym"),
             without_image(whole) + lines_with(whole, {"INFO CODE_ID "}) +
                 lines_with(whole, {"STACK CFI "}));
@@ -343,18 +223,17 @@ TEST_F(ImageTest, IsAddedToTheSymbolFileInTheTreeOnce) {
   refused("exe/dll already exists");
 }
 
-TEST(ImageAloneTest, OfAnotherMachineAddsItsIdentifierOnly) {
-  const TemporaryDirectory temp;
+TEST_F(TreeTest, GetsTheIdentifierOfAnImageOfAnotherMachine) {
   const std::string text =
       "MODULE windows x86 0123456789ABCDEF1032547698BADCFE1 a.pdb\nPUBLIC 1 0 p\n";
   for (const uint16_t machine : {0x14C, 0xAA64}) {
     PeBuilder image(/*pe32_plus=*/machine != 0x14C);
     image.machine(machine).time_stamp(0x5F001234).size_of_image(0xA000);
     image.codeview({}, 1, "C:\\a.pdb").function(0x1000, 0x1020, {});
-    const std::string exe = temp.file("a.exe", image.build());
-    const std::string tree = temp.folder("tree" + std::to_string(machine));
+    const std::string exe = temp_.file("a.exe", image.build());
+    const std::string tree = temp_.folder("tree" + std::to_string(machine));
     EXPECT_EQ(run({"-e", exe, "-s", tree}).status, 1);
-    ASSERT_EQ(run({temp.file("a.sym", text), tree}).status, 0);
+    ASSERT_EQ(run({temp_.file("a.sym", text), tree}).status, 0);
     EXPECT_EQ(run({"-e", exe, "-s", tree}).status, 0) << machine;
     EXPECT_EQ(read_file(tree + "/a.pdb/0123456789ABCDEF1032547698BADCFE1/a.sym"),
               text + "INFO CODE_ID 5F001234A000 a.exe\n");
@@ -362,29 +241,25 @@ TEST(ImageAloneTest, OfAnotherMachineAddsItsIdentifierOnly) {
   }
 }
 
-TEST(SymbTest, ConvertsToTheTreeAndBack) {
-  const TemporaryDirectory temp;
-  const std::string tree = temp.folder("tree");
-  ASSERT_EQ(run({"-b", temp.file("a.sym", kText), tree}).status, 0);
-  const Tree converted = list_tree(tree);
+using SymbTest = ProgramTest;
+
+TEST_F(SymbTest, ConvertsToTheTreeAndBack) {
+  ASSERT_EQ(run({"-b", temp_.file("a.sym", kText), tree_}).status, 0);
+  const Tree converted = list_tree(tree_);
   EXPECT_EQ(converted.at("my a.pdb/5F00"), "link ABC1");
-  const std::string image = tree + "/my a.pdb/ABC1/my a.symb";
-  EXPECT_EQ(run({"-b", temp / "a.sym"}).out, read_file(image));
+  const std::string image = tree_ + "/my a.pdb/ABC1/my a.symb";
+  EXPECT_EQ(run({"-b", temp_ / "a.sym"}).out, read_file(image));
   EXPECT_THAT(run({image}).out, StartsWith("MODULE windows x86_64 ABC1 my\n"));
 }
 
 // The image writer stops at the first line that is not a header line, so it does not find this
 // identity. A rejected text leaves an empty target and no link.
-TEST(SymbTest, RefusedTextEmptiesTheTarget) {
-  const TemporaryDirectory temp;
-  const std::string tree = temp.folder("tree");
-  temp.file("tree/a.pdb/X/a.symb", "old");
+TEST_F(SymbTest, RefusedTextEmptiesTheTarget) {
+  temp_.file("tree/a.pdb/X/a.symb", "old");
   const std::string text = "MODULE windows\nFUNC\nMODULE windows x X a.pdb\nINFO CODE_ID 1 a.exe\n";
-  const Result result = run({"-b", temp.file("a.sym", text), tree});
-  EXPECT_EQ(result.status, 0);
-  EXPECT_EQ(result.err, "");
+  EXPECT_THAT(run({"-b", temp_.file("a.sym", text), tree_}), ended(0, ""));
   EXPECT_EQ(
-      list_tree(tree),
+      list_tree(tree_),
       (Tree{{"a.pdb", "dir 0755"}, {"a.pdb/X", "dir 0755"}, {"a.pdb/X/a.symb", "file 0600 "}}));
 }
 
@@ -418,18 +293,18 @@ TEST(HostilePdbTest, AddsNeitherLinesNorEndlessWarnings) {
   }
 }
 
-TEST(FailureTest, IsLoggedWithItsBacktrace) {
-  const TemporaryDirectory temp;
-  const std::string tree = temp.folder("tree");
-  for (const std::string& input : {temp.file("empty", ""), temp / "missing", temp.folder("dir")}) {
-    const Result result = run({input, tree});
+TEST_F(TreeTest, StaysEmptyAfterAFailureWithItsBacktrace) {
+  for (const std::string& input :
+       {temp_.file("empty", ""), temp_ / "missing", temp_.folder("dir")}) {
+    const Result result = run({input, tree_});
     EXPECT_EQ(result.status, 1);
     EXPECT_THAT(result.err, StartsWith("symforge: Failed to convert symbol file " + input +
                                        ".\n"
                                        "Exception caught: "));
     EXPECT_THAT(result.err, ContainsRegex("\nBacktrace:\n(\t[^\n]*\n)+\n$"));
-    EXPECT_EQ(list_tree(tree), Tree());
+    EXPECT_EQ(list_tree(tree_), Tree());
   }
 }
 
 }  // namespace
+}  // namespace test_support

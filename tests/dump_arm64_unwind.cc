@@ -21,29 +21,22 @@ using Kind = Arm64Effect::Kind;
 
 void printSave(const Arm64Effect& effect) {
   const char file = "xdq"[static_cast<int>(effect.file)];
-  std::printf("save_%c%d", file, effect.first);
+  std::printf(" save_%c%d", file, effect.first);
   if (effect.second != Arm64Effect::kNoRegister) std::printf("_%c%d", file, effect.second);
   std::printf("@%u", unsigned{effect.offset});
   if (effect.allocated != 0) std::printf("!%u", unsigned{effect.allocated});
 }
 
 void printEffect(const Arm64Effect& effect) {
-  std::printf(" ");
-  switch (effect.kind) {
-    case Kind::kSign:
-      std::printf("sign");
-      break;
-    case Kind::kAllocate:
-      std::printf("alloc!%u", unsigned{effect.allocated});
-      break;
-    case Kind::kSave:
-      printSave(effect);
-      break;
-    case Kind::kSetFrame:
-      std::printf("fp@%u", unsigned{effect.offset});
-      break;
-    default:
-      std::printf("nop");
+  if (effect.kind == Kind::kSave) return printSave(effect);
+  if (effect.kind == Kind::kSign) {
+    std::printf(" sign");
+  } else if (effect.kind == Kind::kAllocate) {
+    std::printf(" alloc!%u", unsigned{effect.allocated});
+  } else if (effect.kind == Kind::kSetFrame) {
+    std::printf(" fp@%u", unsigned{effect.offset});
+  } else {
+    std::printf(" nop");
   }
 }
 

@@ -8,6 +8,7 @@
 #include <memory>
 #include <new>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -17,6 +18,7 @@
 #include "common/symb.h"
 #include "symforge/symforge.h"
 #include "tests/support/process.h"
+#include "tests/support/symb_images.h"
 
 // Allocations of the current thread that succeed before one fails; negative: all succeed.
 static thread_local int allocations_left = -1;
@@ -61,13 +63,7 @@ Module opened(const std::string& contents) {
   return Module(module);
 }
 
-std::string symb_of(const std::string& text) {
-  char* image = nullptr;
-  size_t size = 0;
-  EXPECT_TRUE(symb_write(text.c_str(), &image, &size));
-  const std::unique_ptr<char[]> owned(image);
-  return {image, size};
-}
+std::string symb_of(const std::string& text) { return test_support::image_of(text).value(); }
 
 std::string text_of(const symforge_answer& answer, const symforge_frame* frames) {
   std::string text = std::to_string(answer.found);
@@ -211,11 +207,7 @@ TEST(Embedding, OpenErrors) {
   symb_header header;
   memcpy(&header, unsorted.data(), sizeof header);
   unsorted[header.v1.functions + offsetof(symb_func, address) + 2] = 1;  // above the next function
-  const struct {
-    std::string path;
-    symforge_status status;
-    const char* text;
-  } kCases[] = {
+  const std::tuple<std::string, symforge_status, const char*> kCases[] = {
       {directory / "no\nwhere", SYMFORGE_ERROR_NOT_FOUND, "no\\x0awhere: No such file"},
       {directory.path(), SYMFORGE_ERROR_READ, "Is a directory"},
       {fifo, SYMFORGE_ERROR_READ, "Could not open"},

@@ -1,27 +1,19 @@
 // Complete real fixtures: the output for each is compared byte for byte with the reviewed text in
 // the repository (scripts/make_goldens regenerates it).
 
-#include <gtest/gtest.h>
-
 #include <charconv>
 #include <sstream>
 #include <string>
 #include <vector>
 
-#include "builders/bytes.h"
-#include "tests/support/lines.h"
-#include "tests/support/process.h"
+#include "tests/support/program.h"
 #include "tests/support/symbols.h"
 
 namespace test_support {
-
-using namespace builders;
 namespace {
 
-const std::string kData = SYMFORGE_FIXTURES "/";
-
-std::string golden(const std::string& name) { return read_file(kData + name + ".sym"); }
-std::string pdb(const std::string& name) { return kData + name + ".pdb"; }
+std::string golden(const std::string& name) { return read_file(kFixtures + name + ".sym"); }
+std::string pdb(const std::string& name) { return kFixtures + name + ".pdb"; }
 
 // The parameter is the name of a fixture. Its image is next to its PDB, where symforge finds it.
 class GoldenTest : public testing::TestWithParam<const char*> {};
@@ -50,7 +42,7 @@ TEST_P(GoldenTest, ConvertsBackFromSymbAsReviewed) {
   const TemporaryDirectory folder;
   const std::string symb = folder.file("a.symb", converted({"-b", pdb(GetParam())}));
   const std::string text = converted({symb});
-  EXPECT_EQ(text, read_file(kData + std::string(GetParam()) + ".back.sym"));
+  EXPECT_EQ(text, read_file(kFixtures + std::string(GetParam()) + ".back.sym"));
   // Text and SYMB are equivalent from here on.
   EXPECT_EQ(converted({"-b", folder.file("b.sym", text)}), read_file(symb));
 }

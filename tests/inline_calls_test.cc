@@ -21,6 +21,7 @@ using symforge_internal::TextDialect;
 using test_support::image_of;
 using test_support::is_valid;
 using test_support::Symbols;
+using test_support::test_cases;
 using test_support::test_data;
 using test_support::text_of;
 
@@ -71,43 +72,10 @@ class Forms {
 };
 
 TEST(InlineCalls, FilesOfOtherSystems) {
-  const std::string kVec = "<alloc::vec::Vec<T> as core::iter::FromIterator<T>>::from_iter";
-  const std::string kIter = " /rustc/library/core/src/iter/mod.rs:";
-  const std::string kIndex = "std::vector<int, std::allocator<int> >::operator[](unsigned long)";
-  const std::string kMain = "server::main /home/u/server/src/main.rs:";
-  const std::string kClosure = "server::run::{{closure}} /home/u/server/src/main.rs:";
-  const std::string kApp = "-[AppDelegate application:didFinish:] /Users/u/App/main.mm:";
-  const std::string kShift = "operator<<(std::ostream&, Point const&) /Users/u/App/main.mm:";
-  const struct {
-    const char* file;
-    std::vector<std::pair<uint64_t, std::string>> answers;
-  } kCases[] = {
-      {"published_linux.sym",
-       {{0x1000, kMain + "10"},
-        {0x100f, kMain + "12 | " + kIndex + " /home/u/server/src/my file.cc:100 | " + kClosure +
-                     "7 | " + kVec + kIter + "40"},
-        {0x1010, kMain + "12 | " + kVec + kIter + "41"},
-        {0x1018, kMain + "13"},
-        {0x1020, kMain + "12 | " + kClosure + "8 | " + kVec + kIter + "40"},
-        {0x1028, "server::main"},
-        {0x1033, kMain + "14 | " + kClosure + "9"},
-        {0x1034, kMain + "15"},
-        {0x104f,
-         "(anonymous namespace)::shared<char const *>(char const *) "
-         "/home/u/server/src/my file.cc:3"},
-        {0x2000, "_start"}}},
-      {"published_mac.sym",
-       {{0x3f00, kApp + "20"},
-        // An origin without an INLINE_ORIGIN line.
-        {0x3f04, kApp + "21 | <omitted> /Users/u/App/main.mm:6 | " + kShift + "5"},
-        {0x3f08, kApp + "22"},
-        {0x3f10, kApp + "21 | " + kShift + "5"},
-        {0x4001, "_main"}}},
-  };
-  for (const auto& [file, answers] : kCases) {
+  for (const char* file : {"published_linux.sym", "published_mac.sym"}) {
     const Forms forms(test_data(file));
-    for (const auto& [address, answer] : answers) {
-      EXPECT_EQ(forms.answer(address), answer) << file << ' ' << std::hex << address;
+    for (const auto& c : test_cases("published_answers.txt", file)) {
+      EXPECT_EQ(forms.answer(std::stoul(c.input, nullptr, 16)), c.expected) << file << c.input;
     }
   }
 }
@@ -126,32 +94,11 @@ TEST(InlineCalls, TextSurvivesTheRoundTrip) {
 }
 
 TEST(InlineCalls, OddFiles) {
-  const std::string kHead = "MODULE Linux x86_64 0123 a\nFILE 1 a.cc\n";
-  const struct {
-    const char* text;
-    uint64_t address;
-    const char* answer;
-  } kCases[] = {
-      // Origins after their function; the first of two is used; an unknown file.
-      {"FUNC 100 10 0 f\nINLINE 0 5 2 3 100 4\n100 10 6 1\nINLINE_ORIGIN 3 g\nINLINE_ORIGIN 3 h\n",
-       0x100, "f -:5 | g a.cc:6"},
-      // No line record for the callee.
-      {"INLINE_ORIGIN 3 g\nFUNC 100 10 0 f\nINLINE 0 5 1 3 100 4\n108 8 6 1\n", 0x100,
-       "f a.cc:5 | g :0"},
-      // A depth without the depth above it; ranges outside of the function and of the caller.
-      {"INLINE_ORIGIN 3 g\nFUNC 100 10 0 f\nINLINE 1 5 1 3 100 4\n100 10 6 1\n", 0x100, "f a.cc:6"},
-      {"INLINE_ORIGIN 3 g\nFUNC 100 10 0 f\nINLINE 0 5 1 3 f0 20\nINLINE 1 7 1 3 10f 10\n"
-       "100 10 6 1\n",
-       0x10f, "f a.cc:5 | g a.cc:6 | g a.cc:7"},
-      // Of two overlapping calls at one depth, the one that starts first is kept whole.
-      {"INLINE_ORIGIN 3 g\nINLINE_ORIGIN 4 h\nFUNC 100 10 0 f\nINLINE 0 5 1 3 104 8\n"
-       "INLINE 0 7 1 4 100 8\n100 10 6 1\n",
-       0x106, "f a.cc:7 | h a.cc:6"},
-      // I lines of a function with INLINE lines are ignored.
-      {"INLINE_ORIGIN 3 g\nFUNC 100 10 0 f\nINLINE 0 5 1 3 100 8\n100 10 6 1\nI 100 4 9 1 0 i\n",
-       0x100, "f a.cc:5 | g a.cc:6"},
-  };
-  for (const auto& c : kCases) EXPECT_EQ(Forms(kHead + c.text).answer(c.address), c.answer);
+  for (const auto& c : test_cases("published_answers.txt", "odd")) {
+    const size_t at = c.input.find(": ");
+    EXPECT_EQ(Forms(c.input.substr(at + 2)).answer(std::stoul(c.input, nullptr, 16)), c.expected)
+        << c.input;
+  }
 }
 
 // Lookups on text return inline frames for INLINE lines only.

@@ -5,23 +5,17 @@
 
 #include <cstdint>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <random>
 #include <regex>
 #include <string>
 #include <vector>
 
+#include "builders/bytes.h"
 #include "tests/support/process.h"
 
 namespace {
 
 using namespace test_support;
-
-std::string read(const std::filesystem::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
 
 // Without the addresses of the backtrace, which differ between processes.
 std::string comparable(const std::string& messages) {
@@ -56,7 +50,7 @@ TEST(JobsTest, DoNotChangeAConversion) {
 TEST(JobsTest, DoNotChangeWhatIsSaidOfDamagedFiles) {
   const TemporaryDirectory temp;
   std::mt19937 random(8);
-  const std::string sound = read(SYMFORGE_FIXTURES "/engine64.pdb");
+  const std::string sound = builders::read_file(SYMFORGE_FIXTURES "/engine64.pdb");
   for (int mutant = 0; mutant < 24; ++mutant) {
     SCOPED_TRACE(mutant);
     std::string damaged = sound;

@@ -22,6 +22,7 @@ using namespace google_breakpad;
 using namespace builders;
 using test_support::image_of;
 using test_support::Symbols;
+using test_support::test_cases;
 using test_support::test_data;
 
 namespace {
@@ -58,87 +59,42 @@ std::string described(const std::unique_ptr<WindowsFrameInfo>& info) {
   return out.str();
 }
 
+uint64_t address_of(const test_support::TestCase& c) { return std::stoul(c.input, nullptr, 16); }
+
 TEST(LookupTest, FindsFunctionsLinesSitesAndPublics) {
-  const struct {
-    uint64_t address;
-    const char* version_3;  // the same for text, except for inline frames
-    const char* version_2;
-  } kCases[] = {
-      {0x7ff, "nothing", "nothing"},
-      {0x800, "below@800", "nothing"},
-      {0xfff, "below@800", "nothing"},
-      {0x1000, "main@1000 c:\\src\\a b.cpp:10@1000", "main@1000 c:\\src\\a b.cpp:10@1000"},
-      {0x1010, "main@1000 b.cpp:20@1010 | outer c:\\src\\a b.cpp:30", "main@1000 b.cpp:20@1010"},
-      {0x102f, "main@1000 b.cpp:20@1010 | inner :50 | middle b.cpp:40 | outer c:\\src\\a b.cpp:30",
-       "main@1000 b.cpp:20@1010"},
-      {0x1060, "main@1000 b.cpp:20@1010 | second c:\\src\\a b.cpp:60", "main@1000 b.cpp:20@1010"},
-      {0x1090, "main@1000", "main@1000"},
-      {0x10ff, "main@1000", "main@1000"},
-      {0x1100, "between@1100", "nothing"},
-      {0x1200, "no_lines@1200", "no_lines@1200"},
-      {0x1210, "nothing", "nothing"},  // the function hides the public symbols below it
-      {0x2000, "last@2000 -:3@2000", "last@2000 -:3@2000"},  // a file that does not exist
-      {0x2020, "nothing", "nothing"},  // a public symbol at the function's own address, too
-      {0x3000, "above@3000", "nothing"},
-      {0x100000800, "above@3000", "nothing"},
-  };
   const Symbols text = symbols_of(test_data("rich_shuffled.sym"));
   const Symbols version_3 = symbols_of(rich_symb_model(3));
   const Symbols version_2 = symbols_of(rich_symb_model(2));
   const Symbols version_1 = symbols_of(rich_symb_model(1));
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(c.address);
-    const StackFrame frame = version_3.frame(c.address);
-    EXPECT_EQ(described(frame), c.version_3);
-    EXPECT_EQ(described(text.frame(c.address)), described(frame, false));
-    EXPECT_EQ(described(version_2.frame(c.address)), c.version_2);
-    EXPECT_EQ(described(version_1.frame(c.address)), c.version_2);
+  for (const auto& c : test_cases("rich_answers.txt", "frames")) {
+    SCOPED_TRACE(c.input);
+    const StackFrame frame = version_3.frame(address_of(c));
+    EXPECT_EQ(described(frame), c.expected);
+    EXPECT_EQ(described(text.frame(address_of(c))), described(frame, false));
+  }
+  for (const auto& c : test_cases("rich_answers.txt", "older versions")) {
+    EXPECT_EQ(described(version_2.frame(address_of(c))), c.expected) << c.input;
+    EXPECT_EQ(described(version_1.frame(address_of(c))), c.expected) << c.input;
   }
   // In a block, functions and lines use the low 32 bits, publics and inline sites all of them.
   EXPECT_EQ(described(version_3.frame(0x100001010)), "main@1000 b.cpp:20@1010");
   EXPECT_EQ(described(text.frame(0x100001010)), "above@3000");
 }
 
-TEST(LookupTest, FindsFrameInfo) {
-  const struct {
-    uint64_t address;
-    const char* text;
-    const char* block = nullptr;  // null: same as the text
-  } kCases[] = {
-      {0xfff, "nothing"},
-      {0x1000, "4 -1 1 2 3 4 5 6 0 $T0 .raSearch ="},
-      {0x1010, "4 -1 1 2 3 4 5 6 0 inner program"},
-      {0x1030, "4 -1 1 2 3 4 5 6 0 "},
-      {0x10ff, "4 -1 1 2 3 4 5 6 0 $T0 .raSearch ="},
-      {0x1500, "nothing"},  // type 3 is ignored
-      {0x1700, "0 -1 1 2 3 4 5 6 1 "},
-      {0x2000, "-1 1 0 0 12 0 0 0 0 ", "nothing"},  // see ReadsParametersAtTheStrideOfOlderVersions
-      {0x3000, "nothing"},
-  };
+TEST(LookupTest, FindsFrameInfoAndRules) {
   const Symbols text = symbols_of(test_data("rich_shuffled.sym"));
   const Symbols block = symbols_of(rich_symb_model());
-  for (const auto& c : kCases) {
-    EXPECT_EQ(described(text.windows(c.address)), c.text) << c.address;
-    EXPECT_EQ(described(block.windows(c.address)), c.block ? c.block : c.text) << c.address;
+  for (const auto& c : test_cases("rich_answers.txt", "frame info")) {
+    EXPECT_EQ(described(text.windows(address_of(c))), c.expected) << c.input;
+    EXPECT_EQ(described(block.windows(address_of(c))), c.expected) << c.input;
   }
-}
-
-TEST(LookupTest, AppliesRulesUpToTheAddress) {
-  const std::pair<uint64_t, const char*> kCases[] = {
-      {0xfff, ""},
-      {0x1000, ".cfa: $rsp 32 + .ra: .cfa 8 - ^"},
-      {0x1003, ".cfa: $rsp 32 + .ra: .cfa 8 - ^"},
-      {0x1004, ".cfa: $rsp 32 + .ra: .cfa 8 - ^ $rbx: 7"},
-      {0x10ff, ".cfa: $rsp 32 + .ra: .cfa 8 - ^ $rbx: 7"},
-      {0x1100, ".cfa: $rsp 48 + .ra: "},
-      {0x1110, ""},
-      {0x2000, ""},  // the initial rules are malformed
-  };
-  const Symbols text = symbols_of(test_data("rich_shuffled.sym"));
-  const Symbols block = symbols_of(rich_symb_model());
-  for (const auto& [address, rules] : kCases) {
-    EXPECT_EQ(text.cfi(address), rules) << address;
-    EXPECT_EQ(block.cfi(address), rules) << address;
+  // See ReadsParametersAtTheStrideOfOlderVersions.
+  EXPECT_EQ(described(text.windows(0x2000)), "-1 1 0 0 12 0 0 0 0 ");
+  EXPECT_EQ(described(block.windows(0x2000)), "nothing");
+  for (const auto& c : test_cases("rich_answers.txt", "rules")) {
+    const std::string expected = c.expected == "nothing" ? "" : c.expected;
+    EXPECT_EQ(text.cfi(address_of(c)), expected) << c.input;
+    EXPECT_EQ(block.cfi(address_of(c)), expected) << c.input;
   }
 }
 

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include <cstdio>
 #include <map>
 #include <random>
 #include <sstream>
@@ -11,6 +12,7 @@
 
 #include "processor/address_map.h"
 #include "processor/linked_ptr.h"
+#include "tests/support/data.h"
 
 namespace google_breakpad {
 namespace {
@@ -33,33 +35,15 @@ std::string picture(const Map& map) {
 }
 
 TEST(RangeMap, OverlapsByStrategy) {
-  const struct {
-    MergeRangeStrategy strategy;
-    uint64_t base, high;  // stored as entry 2 after [0x10, 0x1f], which is entry 1
-    bool stored;
-    const char* picture;
-  } kCases[] = {
-      {kExclusive, 0x00, 0x10, false, "10-1f:1 "},
-      {kExclusive, 0x1f, 0x30, false, "10-1f:1 "},
-      {kExclusive, 0x12, 0x14, false, "10-1f:1 "},
-      {kExclusive, 0x00, 0x30, false, "10-1f:1 "},
-      {kExclusive, 0x10, 0x1f, false, "10-1f:1 "},
-      {kExclusive, 0x00, 0x0f, true, "0-f:2 10-1f:1 "},
-      {kExclusive, 0x20, 0x2f, true, "10-1f:1 20-2f:2 "},
-      {kLower, 0x18, 0x27, true, "10-17:1 18-27:2 "},
-      {kLower, 0x08, 0x17, true, "8-f:2 10-1f:1 "},
-      {kLower, 0x12, 0x14, true, "10-11:1 12-14:2 "},
-      {kLower, 0x10, 0x30, false, "10-1f:1 "},
-      {kUpper, 0x18, 0x27, true, "10-1f:1 20-27:2+8 "},
-      {kUpper, 0x08, 0x17, true, "8-17:2 18-1f:1+8 "},
-      {kUpper, 0x12, 0x1f, false, "10-1f:1 "},
-  };
-  for (const auto& c : kCases) {
+  for (const auto& c : test_support::test_cases("overlaps.txt")) {
+    char strategy[16] = {};
+    uint64_t base = 0, high = 0;
+    ASSERT_EQ(std::sscanf(c.input.c_str(), "%15s %lx-%lx", strategy, &base, &high), 3) << c.input;
     Map map;
-    map.SetMergeStrategy(c.strategy);
+    map.SetMergeStrategy(*strategy == 'e' ? kExclusive : *strategy == 'l' ? kLower : kUpper);
     ASSERT_TRUE(map.StoreRange(0x10, 0x10, 1));
-    EXPECT_EQ(map.StoreRange(c.base, c.high - c.base + 1, 2), c.stored) << c.picture;
-    EXPECT_EQ(picture(map), c.picture);
+    const bool stored = map.StoreRange(base, high - base + 1, 2);
+    EXPECT_EQ((stored ? "" : "refused ") + picture(map), c.expected + " ") << c.input;
   }
 }
 

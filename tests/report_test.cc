@@ -1,30 +1,16 @@
 // --report: one line of JSON for each conversion, however it ends, and a summary of a batch.
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <regex>
 #include <string>
 #include <vector>
 
-#include "builders/bytes.h"
-#include "builders/pdb_builder.h"
-#include "builders/pe_builder.h"
-#include "tests/support/process.h"
+#include "tests/support/program.h"
 
+namespace test_support {
 namespace {
 
-using namespace builders;
-using namespace test_support;
-using ::testing::AllOf;
-using ::testing::EndsWith;
-using ::testing::HasSubstr;
-using ::testing::StartsWith;
-
-const std::string kData = SYMFORGE_FIXTURES "/";
-
-class ReportTest : public ::testing::Test {
+class ReportTest : public ProgramTest {
  protected:
   // What a run appends to the report, with 0 for times and memory.
   std::string report_of(std::vector<std::string> args, int status = 0) {
@@ -35,38 +21,18 @@ class ReportTest : public ::testing::Test {
     const std::regex numbers("\"seconds\":[0-9]+\\.[0-9]{3},\"peak_memory\":[1-9][0-9]+,");
     return std::regex_replace(read_file(path), numbers, "");
   }
-
-  TemporaryDirectory temp_;
-  const std::string tree_ = temp_.folder("tree");
 };
 
+// A PDB with its image to a tree, and in default mode a text to standard output.
 TEST_F(ReportTest, HasAllFieldsOfAConversion) {
-  const std::string id = "515D2ED965ADFF5D4C4C44205044422E1";
-  const std::string identity =
-      "\"architecture\":\"x86_64\",\"debug_file\":\"engine64.pdb\",\"debug_id\":\"" + id +
-      "\",\"code_file\":\"engine64.exe\",\"code_id\":\"7EB27A1AF000\",";
-  const std::string end = "\"status\":0,\"signal\":null,\"message\":null}\n";
-  const std::string place = tree_ + "/engine64.pdb/" + id + "/engine64.sym";
-  EXPECT_EQ(report_of({"--standard", kData + "engine64.pdb", tree_}),
-            "{\"input\":\"" + kData + "engine64.pdb\",\"image\":\"" + kData +
-                "engine64.exe\",\"kind\":\"pdb\"," + identity + "\"target\":\"" + place +
-                "\",\"bytes_in\":100352,\"bytes_out\":8758,\"functions\":31,\"lines\":167,"
-                "\"inlined_calls\":41,\"publics\":2,\"files\":4,\"rules\":60,\"left_out\":["
-                "{\"what\":\"modules\",\"count\":2,\"reason\":\"without functions\"}]," +
-                end);
-  // Default mode, a text and standard output.
-  EXPECT_EQ(report_of({kData + "engine64.sym"}),
-            "{\"input\":\"" + kData + "engine64.sym\",\"image\":null,\"kind\":\"symbol_text\"," +
-                identity +
-                "\"target\":\"-\",\"bytes_in\":10590,\"bytes_out\":10590,"
-                "\"functions\":31,\"lines\":108,\"inlined_calls\":120,\"publics\":2,\"files\":5,"
-                "\"rules\":22,\"left_out\":[]," +
-                end);
+  const std::string lines = report_of({"--standard", kFixtures + "engine64.pdb", tree_}) +
+                            report_of({kFixtures + "engine64.sym"});
+  EXPECT_EQ(replaced(lines, {{kFixtures, ""}, {tree_ + "/", ""}}),
+            test_data("report_engine64.json"));
 }
 
 TEST_F(ReportTest, SaysWhatWasLeftOut) {
-  PdbBuilder pdb(512);
-  pdb.section({.name = ".text", .address = 0x1000, .virtual_size = 0x1000});
+  PdbBuilder pdb = pdb_with_code();
   ModuleBuilder& module = pdb.add_module("m.obj");
   const uint32_t file = module.file(pdb.names.add("a.cc"));
   module.proc({.name = "f", .length = 16})
@@ -96,10 +62,8 @@ TEST_F(ReportTest, SaysWhatWasLeftOut) {
 // A return, exit() with another status, a failed check and a signal.
 TEST_F(ReportTest, EndsHoweverTheConversionEnds) {
   constexpr int kAbort = -6;
-  std::string abort = PdbBuilder(512).build().bytes;
-  put_u32(abort, 44, 0);
-  const std::string aborting = temp_.file("b.pdb", abort);
-  const std::string sound = temp_.file("c.pdb", PdbBuilder(512).build().bytes);
+  const std::string aborting = temp_.file("b.pdb", aborting_pdb());
+  const std::string sound = temp_.file("c.pdb", make_pdb(1));
   temp_.file("tree/c.pdb", "no folder");
   const std::string text = temp_.file("a.sym", "MODULE a b ABC1 c.pdb\n");
   const struct {
@@ -111,7 +75,7 @@ TEST_F(ReportTest, EndsHoweverTheConversionEnds) {
        1,
        "\"status\":1,\"signal\":null,\"message\":\"Failed to load PDB file\"}\n"},
       {{"--standard", temp_ / "missing"}, 1, "\"message\":\"No such file or directory\"}\n"},
-      {{"--standard", kData + "engine64.exe"},
+      {{"--standard", kFixtures + "engine64.exe"},
        1,
        "\"message\":\"this is an image (exe or dll); give its PDB as the input, and the image with "
        "-e\"}\n"},
@@ -137,24 +101,21 @@ TEST_F(ReportTest, EndsHoweverTheConversionEnds) {
 }
 
 TEST_F(ReportTest, HasALineForEachFileOfABatch) {
-  const std::string in = temp_.folder("in");
-  std::string abort = PdbBuilder(512).build().bytes;
-  temp_.file("in/a.pdb", abort);
-  put_u32(abort, 44, 0);
-  temp_.file("in/b.pdb", abort);
+  temp_.file("in/a.pdb", make_pdb(1));
+  temp_.file("in/b.pdb", aborting_pdb());
   temp_.file("in/c.sym", "MODULE a b ABC1 c.pdb\n");
   for (const char* jobs : {"-j1", "-j3"}) {
-    const std::string lines = report_of({jobs, "-r", in, tree_});
+    const std::string lines = report_of({jobs, "-r", in_, tree_});
     EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), 4) << lines;
     EXPECT_THAT(lines, HasSubstr("b.pdb\",\"image\":null,\"kind\":\"pdb\","));
     EXPECT_THAT(lines,
                 HasSubstr("\"signal\":\"SIGABRT\",\"message\":\"ended by signal: Aborted\"}\n"));
     EXPECT_THAT(lines,
-                EndsWith("\n{\"summary\":true,\"inputs\":[\"" + in +
+                EndsWith("\n{\"summary\":true,\"inputs\":[\"" + in_ +
                          "\"],\"conversions\":3,\"converted\":2,\"failed\":1,\"skipped\":0,"
                          "\"unreadable\":0,\"status\":0,\"signal\":null,\"message\":null}\n"));
   }
-  const std::string missing = report_of({"--standard", "-r", in + "/no", tree_}, 1);
+  const std::string missing = report_of({"--standard", "-r", in_ + "/no", tree_}, 1);
   EXPECT_THAT(
       missing,
       HasSubstr("\"conversions\":0,\"converted\":0,\"failed\":0,\"skipped\":0,\"unreadable\":1"));
@@ -164,10 +125,10 @@ TEST_F(ReportTest, GoesToStandardErrorOrFails) {
   const std::string text = temp_.file("a.sym", "MODULE a b ABC1 a.pdb\n");
   EXPECT_THAT(run({"--report", "-", text}).err, StartsWith("{\"input\":\"" + text + "\""));
   for (const std::string& path : {tree_, std::string("/dev/full")}) {
-    const Result result = run({"--standard", "--report", path, text});
-    EXPECT_EQ(result.status, 1) << path;
-    EXPECT_THAT(result.err, HasSubstr("the report"));
+    EXPECT_THAT(run({"--standard", "--report", path, text}), ended(1, HasSubstr("the report")))
+        << path;
   }
 }
 
 }  // namespace
+}  // namespace test_support

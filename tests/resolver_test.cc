@@ -14,7 +14,6 @@
 
 #include "builders/guarded_block.h"
 #include "builders/symb_builder.h"
-#include "common/symb.h"
 #include "google_breakpad/processor/basic_code_module.h"
 #include "google_breakpad/processor/basic_source_line_resolver.h"
 #include "google_breakpad/processor/log_sink.h"
@@ -23,10 +22,12 @@
 #include "processor/pathname_stripper.h"
 #include "tests/support/code_module.h"
 #include "tests/support/process.h"
+#include "tests/support/symb_images.h"
 
 namespace google_breakpad {
 namespace {
 
+using test_support::image_of;
 using test_support::TemporaryDirectory;
 using test_support::TestModule;
 using testing::HasSubstr;
@@ -92,21 +93,6 @@ TEST(Resolver, KeepsModulesByDebugIdentifier) {
   resolver.UnloadModule(&first);
   EXPECT_FALSE(resolver.HasModule(&first));
   EXPECT_TRUE(resolver.LoadModuleUsingMapBuffer(&first, kText));
-}
-
-// SYMB symbols point into the buffer from which they were loaded.
-TEST(Resolver, TheBufferOfSymbDataIsKept) {
-  const TestModule code(kBase, "1");
-  char* image = nullptr;
-  size_t size = 0;
-  ASSERT_TRUE(
-      symb_write("MODULE windows x86 1 a.pdb\nFUNC 1000 10 0 f\n1000 10 1 1\n", &image, &size));
-  BasicSourceLineResolver resolver;
-  EXPECT_TRUE(resolver.LoadModuleUsingMapBuffer(&code, std::string(image, size)));
-  delete[] image;
-  EXPECT_EQ(function_at(resolver, &code, 0x40100f), "f");
-  resolver.UnloadModule(&code);
-  EXPECT_EQ(function_at(resolver, &code, 0x40100f), "");
 }
 
 // Everything except a regular file of an acceptable size is rejected without opening it, because
@@ -220,24 +206,23 @@ TEST(Logging, SinkOfTheHost) {
 TEST(Resolver, EveryFormOfContents) {
   const TemporaryDirectory directory;
   const BasicCodeModule code("a.pdb", "1", kBase);
-  char* image = nullptr;
-  size_t size = 0;
-  ASSERT_TRUE(
-      symb_write("MODULE windows x86 1 a.pdb\nFUNC 1000 10 0 f\n1000 10 1 1\n", &image, &size));
-  const std::unique_ptr<char[]> owned(image);
-  const std::string_view block(image, size);
-  const std::string path = directory.file("a.symb", std::string(block));
+  const std::string block =
+      image_of("MODULE windows x86 1 a.pdb\nFUNC 1000 10 0 f\n1000 10 1 1\n").value();
+  std::string writable = block;
+  const std::string path = directory.file("a.symb", block);
   const builders::GuardedBlock text("FUNC 1000 10 0 f");  // no NUL follows
 
   using Load = std::function<bool(BasicSourceLineResolver&)>;
   const Load kLoads[] = {
       [&](auto& resolver) { return resolver.LoadModule(&code, path) && unlink(path.c_str()) == 0; },
+      // SYMB symbols point into the contents, which the resolver copies.
       [&](auto& resolver) {
-        return resolver.LoadModuleUsingMapBuffer(&code, std::string_view(block));
+        const std::string released(block.data(), block.size());
+        return resolver.LoadModuleUsingMapBuffer(&code, std::string_view(released));
       },
       [&](auto& resolver) { return resolver.LoadModuleUsingMapBuffer(&code, kText); },
       [&](auto& resolver) {
-        return resolver.LoadModuleUsingMemoryBuffer(&code, block.data(), size);
+        return resolver.LoadModuleUsingMemoryBuffer(&code, writable.data(), writable.size());
       },
       [&](auto& resolver) {
         const char* read_only = text.data();

@@ -1,28 +1,21 @@
 // What a conversion can do in its sandbox: a library loaded into the program tries to open files,
 // connect and execute when the result is written.
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <filesystem>
 #include <string>
 #include <vector>
 
-#include "builders/bytes.h"
-#include "tests/support/process.h"
+#include "tests/support/program.h"
 
+namespace test_support {
 namespace {
 
-using namespace builders;
-using namespace test_support;
-
-const std::string kPdb = SYMFORGE_FIXTURES "/engine64.pdb";
+const std::string kPdb = kFixtures + "engine64.pdb";
 
 // The attempts of tests/planted.cc and whether they succeeded, in order.
 std::vector<std::string> attempts(const std::string& report) {
   std::vector<std::string> lines;
-  for (size_t at = 0, end; (end = report.find('\n', at)) != std::string::npos; at = end + 1) {
-    const std::string line = report.substr(at, end - at);
+  for (const std::string& line : split(report, '\n')) {
     if (line.starts_with("planted: ")) lines.push_back(line.substr(9));
   }
   return lines;
@@ -41,14 +34,15 @@ const Attempts kAllFail = {"read a file: refused",    "write a file: refused",
 const Attempts kAllWork = {"read a file: works", "write a file: works",   "make a socket: works",
                            "execute: works",     "make a process: works", "make code: works"};
 
-TEST(SandboxTest, DeniesWhatAConversionDoesNotNeed) {
-  const TemporaryDirectory temp;
-  const std::string tree = temp.folder("tree");
-  const std::string text = temp.file("a.sym", run({kPdb}).out);
-  ASSERT_EQ(run({"-b", text, tree}).status, 0);
-  const std::string image = tree + "/engine64.pdb/515D2ED965ADFF5D4C4C44205044422E1/engine64.symb";
+using SandboxTest = ProgramTest;
+
+TEST_F(SandboxTest, DeniesWhatAConversionDoesNotNeed) {
+  const std::string text = temp_.file("a.sym", run({kPdb}).out);
+  ASSERT_EQ(run({"-b", text, tree_}).status, 0);
+  const std::string image = tree_ + "/engine64.pdb/" + kEngineId + "/engine64.symb";
   const std::vector<std::vector<std::string>> conversions = {
-      {kPdb}, {kPdb, tree}, {"--standard", kPdb, tree}, {text, tree}, {"-b", text}, {image, tree},
+      {kPdb},        {kPdb, tree_}, {"--standard", kPdb, tree_},
+      {text, tree_}, {"-b", text},  {image, tree_},
   };
   for (const auto& conversion : conversions) {
     EXPECT_EQ(run_planted(conversion), kAllFail) << ::testing::PrintToString(conversion);
@@ -56,37 +50,33 @@ TEST(SandboxTest, DeniesWhatAConversionDoesNotNeed) {
 }
 
 // Without the sandbox all attempts succeed.
-TEST(SandboxTest, CanBeLeftOut) { EXPECT_EQ(run_planted({"--no-sandbox", kPdb}), kAllWork); }
+TEST_F(SandboxTest, CanBeLeftOut) { EXPECT_EQ(run_planted({"--no-sandbox", kPdb}), kAllWork); }
 
 // Children of a batch have their own sandboxes. They get an empty environment, so the library is
 // not loaded. A batch produces the same tree as the single conversions.
-TEST(SandboxTest, DoesNotChangeResults) {
-  const TemporaryDirectory temp;
-  const std::string in = temp.folder("in");
+TEST_F(SandboxTest, DoesNotChangeResults) {
   for (const char* name : {"engine64.pdb", "engine64.exe", "engine32.pdb", "engine32.exe"}) {
-    std::filesystem::copy(std::string(SYMFORGE_FIXTURES) + "/" + name, in);
+    std::filesystem::copy(kFixtures + name, in_);
   }
   for (const std::string mode : {"-b", "--standard"}) {
-    const std::string with = temp.folder("with" + mode);
-    const std::string without = temp.folder("without" + mode);
-    const Result result = run({"-r", mode, in, with});
-    EXPECT_EQ(run({"-r", mode, "--no-sandbox", in, without}).status, result.status);
+    const std::string with = temp_.folder("with" + mode);
+    const std::string without = temp_.folder("without" + mode);
+    const Result result = run({"-r", mode, in_, with});
+    EXPECT_EQ(run({"-r", mode, "--no-sandbox", in_, without}).status, result.status);
     EXPECT_EQ(list_tree(with), list_tree(without));
     EXPECT_FALSE(list_tree(with).empty());
   }
 }
 
 // A directory of the tree may be a link to another directory, for every kind of input.
-TEST(SandboxTest, FollowsLinksInPlaceOfDirectories) {
-  const TemporaryDirectory temp;
-  const std::string tree = temp.folder("tree");
-  const std::string elsewhere = temp.folder("elsewhere");
-  std::filesystem::create_directory_symlink(elsewhere, tree + "/engine64.pdb");
+TEST_F(SandboxTest, FollowsLinksInPlaceOfDirectories) {
+  const std::string elsewhere = temp_.folder("elsewhere");
+  std::filesystem::create_directory_symlink(elsewhere, tree_ + "/engine64.pdb");
   const std::string text = run({kPdb}).out;
-  const std::string sym = temp.file("a.sym", text);
-  const std::string symb = temp.file("a.symb", run({"-b", sym}).out);
+  const std::string sym = temp_.file("a.sym", text);
+  const std::string symb = temp_.file("a.symb", run({"-b", sym}).out);
   for (const std::string& input : {kPdb, sym, symb}) {
-    EXPECT_EQ(run({input, tree}).err, "");
+    EXPECT_EQ(run({input, tree_}).err, "");
     EXPECT_EQ(list_tree(elsewhere).size(), 3u) << input;  // directory, file and link
     std::filesystem::remove_all(elsewhere);
     std::filesystem::create_directory(elsewhere);
@@ -94,3 +84,4 @@ TEST(SandboxTest, FollowsLinksInPlaceOfDirectories) {
 }
 
 }  // namespace
+}  // namespace test_support

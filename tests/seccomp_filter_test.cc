@@ -14,6 +14,8 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <sstream>
+#include <string>
 #include <vector>
 
 namespace {
@@ -55,8 +57,15 @@ uint32_t decide(const std::vector<sock_filter>& program, const seccomp_data& cal
   return 0;
 }
 
+constexpr char kCalls[] =
+    "access brk clock_gettime close exit exit_group faccessat faccessat2 fcntl fstat futex "
+    "getcwd getpid getrandom getrusage gettid gettimeofday lseek lstat madvise mremap munmap "
+    "newfstatat pread64 read readlink readlinkat readv restart_syscall rt_sigaction "
+    "rt_sigprocmask rt_sigreturn sigaltstack stat statx time write writev ";
+constexpr char kWritingCalls[] = "fdatasync fsync mkdir open openat rename symlink unlink";
+
 struct Right {
-  const char* call;
+  std::string call;
   std::vector<scmp_arg_cmp> conditions;
 };
 
@@ -69,59 +78,16 @@ std::vector<sock_filter> made_by_library(bool writing) {
       {"ioctl", {{1, SCMP_CMP_EQ, TCGETS, 0}}},
       {"sendto", {{4, SCMP_CMP_EQ, 0, 0}}},
   };
-  for (const char* call : {"access",
-                           "brk",
-                           "clock_gettime",
-                           "close",
-                           "exit",
-                           "exit_group",
-                           "faccessat",
-                           "fcntl",
-                           "faccessat2",
-                           "fstat",
-                           "futex",
-                           "getcwd",
-                           "getpid",
-                           "gettid",
-                           "getrandom",
-                           "getrusage",
-                           "gettimeofday",
-                           "lseek",
-                           "lstat",
-                           "madvise",
-                           "mremap",
-                           "munmap",
-                           "newfstatat",
-                           "pread64",
-                           "read",
-                           "readlink",
-                           "readv",
-                           "readlinkat",
-                           "rt_sigaction",
-                           "stat",
-                           "rt_sigprocmask",
-                           "sigaltstack",
-                           "statx",
-                           "rt_sigreturn",
-                           "time",
-                           "write",
-                           "restart_syscall",
-                           "writev"}) {
-    rights.push_back({call, {}});
-  }
-  if (writing) {
-    for (const char* call :
-         {"fdatasync", "fsync", "mkdir", "open", "openat", "rename", "symlink", "unlink"}) {
-      rights.push_back({call, {}});
-    }
-  } else {
+  if (!writing) {
     rights.push_back({"open", {{1, SCMP_CMP_MASKED_EQ, changes, O_RDONLY}}});
     rights.push_back({"openat", {{2, SCMP_CMP_MASKED_EQ, changes, O_RDONLY}}});
   }
+  std::istringstream calls(std::string(kCalls) + (writing ? kWritingCalls : ""));
+  for (std::string call; calls >> call;) rights.push_back({call, {}});
   const scmp_filter_ctx context = seccomp_init(SCMP_ACT_ERRNO(EPERM));
   for (const Right& right : rights) {
     EXPECT_EQ(0, seccomp_rule_add_array(
-                     context, SCMP_ACT_ALLOW, seccomp_syscall_resolve_name(right.call),
+                     context, SCMP_ACT_ALLOW, seccomp_syscall_resolve_name(right.call.c_str()),
                      static_cast<unsigned>(right.conditions.size()), right.conditions.data()))
         << right.call;
   }

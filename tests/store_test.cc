@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <cstdio>
 #include <memory>
@@ -13,9 +14,9 @@
 
 #include <gtest/gtest.h>
 
-#include "common/symb.h"
 #include "symforge/symforge.h"
 #include "tests/support/process.h"
+#include "tests/support/symb_images.h"
 
 namespace {
 
@@ -26,11 +27,7 @@ std::string text_of(const std::string& function) {
 }
 
 std::string symb_of(const std::string& function) {
-  char* image = nullptr;
-  size_t size = 0;
-  EXPECT_TRUE(symb_write(text_of(function).c_str(), &image, &size));
-  const std::unique_ptr<char[]> owned(image);
-  return {image, size};
+  return test_support::image_of(text_of(function)).value();
 }
 
 class Store {
@@ -92,14 +89,10 @@ TEST(Store, FindsTheFirstFileThatOpens) {
   directory.file("outside/x.sym", text_of("outside"));
   ASSERT_EQ(symlink("ID", (directory / "1/a.pdb/CODE").c_str()), 0);
   const Store store({first, second, directory / "none"}, 1 << 20, 1000);
-  const struct {
-    const char* file;
-    const char* identifier;
-    const char* function;
-  } kCases[] = {{"a.pdb", "ID", "first_text"},
-                {"a.pdb", "CODE", "first_text"},
-                {"b.dll", "ID", "first_symb"},
-                {"c.pdb", "ID", "second_text"}};
+  const std::array<const char*, 3> kCases[] = {{"a.pdb", "ID", "first_text"},
+                                               {"a.pdb", "CODE", "first_text"},
+                                               {"b.dll", "ID", "first_symb"},
+                                               {"c.pdb", "ID", "second_text"}};
   for (const auto& [file, identifier, function] : kCases) {
     symforge_module* module = store.find(file, identifier);
     EXPECT_EQ(function_of(module), function);

@@ -11,7 +11,9 @@
 
 using namespace builders;
 using test_support::is_valid;
+using test_support::test_cases;
 using test_support::test_data;
+using test_support::TestCase;
 
 namespace {
 
@@ -33,42 +35,17 @@ TEST(SymbWriterTest, WritesEveryKindOfRecord) {
 }
 
 TEST(SymbWriterTest, TakesTheIdentityFromTheHeaderLines) {
+  const auto expect_text = [](const std::string& text, const std::string& expected) {
+    const std::string image = image_of(text);
+    EXPECT_EQ(image == kNone ? image : text_of(image), expected) << text;
+  };
+  for (const TestCase& c : test_cases("identity_lines.txt", "SYMB")) {
+    expect_text(c.input, c.expected);
+  }
   const std::string module = "MODULE windows x86_64 0123 a.pdb\n";
   const std::string longest = "MODULE windows x86_64 0123 " + std::string(4068, 'x');  // 4095
-  const struct {
-    const char* what;
-    std::string text;
-    std::string expected;
-  } kCases[] = {
-      {"no line feed", "MODULE windows x86_64 0123 a.pdb", kNone},
-      {"empty", "", kNone},
-      {"no file", "MODULE windows x86_64 0123\n", kNone},
-      {"not the first line", "FILE 1 a\n" + module, kNone},
-      {"an empty line before it", "\n" + module, kNone},
-      {"blanks", "MODULE  windows x86_64   0123 a b.pdb\n", "MODULE windows x86_64 0123 a\n"},
-      {"one carriage return", "MODULE windows x86_64 0123 a.pdb\r\r\n",
-       "MODULE windows x86_64 0123 a.pdb \n"},
-      {"last MODULE line, as far as it goes", module + "MODULE linux arm\n",
-       "MODULE linux arm 0123 a.pdb\n"},
-      {"code identifier", module + "INFO CODE_ID 12 a.exe more\n",
-       module + "INFO CODE_ID 12 a.exe\n"},
-      {"code identifier alone", module + "INFO CODE_ID 12\n", module},
-      {"after a FUNC line", module + "FUNC 1 1 0 f\nINFO CODE_ID 12 a.exe\n",
-       module + "FUNC 1 1 0 f\n"},
-      {"after an empty line", module + "\nINFO CODE_ID 12 a.exe\n", module},
-      {"line of 4095 bytes", longest + "\n", longest + "\n"},
-      {"line of 4096 bytes", longest + "x\n" + module, module},
-      {"section numbers", module + "INFO SECTION zz virtaddr 1 rawsize 2\n", module},
-      {"section address", module + "INFO SECTION 1 virtaddr 1g rawsize 2\n", module},
-      {"section size", module + "INFO SECTION 1 virtaddr 1 rawsize ffffffffffffffff\n", module},
-      {"section without size", module + "INFO SECTION 1 virtaddr 1 rawsize\n", module},
-      {"section words", module + "INFO SECTION 9 any 0x10 word 20 more\n",
-       module + "INFO SECTION 0 virtaddr 10 rawsize 20\n"},
-  };
-  for (const auto& c : kCases) {
-    const std::string image = image_of(c.text);
-    EXPECT_EQ(image == kNone ? image : text_of(image), c.expected) << c.what;
-  }
+  expect_text(longest + "\n", longest + "\n");
+  expect_text(longest + "x\n" + module, module);
 }
 
 TEST(SymbWriterTest, RoundTripMakesTheListedChangesOnly) {

@@ -4,10 +4,12 @@
 
 #include <filesystem>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "base/printable.h"
 #include "symforge/src/utils.h"
+#include "tests/support/data.h"
 #include "tests/support/process.h"
 
 namespace {
@@ -16,6 +18,8 @@ using symforge_internal::existing_tree_path;
 using symforge_internal::printable;
 using test_support::list_tree;
 using test_support::TemporaryDirectory;
+using test_support::test_cases;
+using test_support::TestCase;
 using test_support::Tree;
 
 std::string sym_path_of(const char* debug_file, bool binary) {
@@ -25,10 +29,7 @@ std::string sym_path_of(const char* debug_file, bool binary) {
 }
 
 TEST(SymPathTest, NamesTheFileAfterTheDebugFile) {
-  const struct {
-    const char* debug_file;
-    const char* path;
-  } cases[] = {
+  const std::pair<const char*, const char*> cases[] = {
       {"a.pdb", "R/a.pdb/X/a.sym"},
       {"a.dll", "R/a.dll/X/a.dll.sym"},
       {"A.PDB", "R/A.PDB/X/A.PDB.sym"},
@@ -36,23 +37,21 @@ TEST(SymPathTest, NamesTheFileAfterTheDebugFile) {
       {"a.pdb.pdb", "R/a.pdb.pdb/X/a.pdb.sym"},
       {"my a.pdb", "R/my a.pdb/X/my a.sym"},
   };
-  for (const auto& c : cases) {
-    EXPECT_EQ(sym_path_of(c.debug_file, false), c.path);
-    EXPECT_EQ(sym_path_of(c.debug_file, true), std::string(c.path) + "b");
+  for (const auto& [debug_file, path] : cases) {
+    EXPECT_EQ(sym_path_of(debug_file, false), path);
+    EXPECT_EQ(sym_path_of(debug_file, true), std::string(path) + "b");
   }
 }
 
 TEST(SymPathTest, RejectsNamesThatLeaveTheirDirectory) {
   const TemporaryDirectory root;
   const std::string tree = root.folder("tree");
-  const struct {
-    const char* debug_file;
-    const char* debug_id;
-  } cases[] = {{"..", "X"},     {".", "X"},           {"../a", "X"},   {"/a", "X"},
-               {"a.pdb", ".."}, {"a.pdb", "../../b"}, {"a.pdb", "x/y"}};
-  for (const auto& c : cases) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"..", "X"},     {".", "X"},           {"../a", "X"},   {"/a", "X"},
+      {"a.pdb", ".."}, {"a.pdb", "../../b"}, {"a.pdb", "x/y"}};
+  for (const auto& [debug_file, debug_id] : cases) {
     std::string path;
-    EXPECT_FALSE(synthesize_sym_path(tree.c_str(), c.debug_file, c.debug_id, false, true, path));
+    EXPECT_FALSE(synthesize_sym_path(tree.c_str(), debug_file, debug_id, false, true, path));
   }
   EXPECT_EQ(list_tree(root.path()), (Tree{{"tree", "dir 0755"}}));
 }
@@ -64,17 +63,15 @@ TEST(SymPathTest, DoesNotFollowALinkForAnIdentifier) {
   const std::string tree = root.folder("tree");
   const std::string link = root.folder("tree/a.pdb") + "/VICTIM";
   root.file("tree/a.pdb/EVIL/a.sym", "evil");
-  const struct {
-    const char* target;
-    bool replaced;
-  } cases[] = {{"EVIL", true}, {"nowhere", true}, {"../a.pdb/EVIL", false}, {"/tmp", false}};
-  for (const auto& c : cases) {
-    std::filesystem::create_symlink(c.target, link);
+  const std::pair<const char*, bool> cases[] = {
+      {"EVIL", true}, {"nowhere", true}, {"../a.pdb/EVIL", false}, {"/tmp", false}};
+  for (const auto& [target, replaced] : cases) {
+    std::filesystem::create_symlink(target, link);
     EXPECT_EQ(existing_tree_path(tree, "a.pdb", "VICTIM", false), "");
     std::string path;
-    EXPECT_EQ(synthesize_sym_path(tree.c_str(), "a.pdb", "VICTIM", false, true, path), c.replaced);
+    EXPECT_EQ(synthesize_sym_path(tree.c_str(), "a.pdb", "VICTIM", false, true, path), replaced);
     EXPECT_EQ(list_tree(tree).at("a.pdb/VICTIM"),
-              c.replaced ? "dir 0700" : std::string("link ") + c.target);
+              replaced ? "dir 0700" : std::string("link ") + target);
     std::filesystem::remove(link);
   }
   EXPECT_EQ(existing_tree_path(tree, "a.pdb", "EVIL", false), tree + "/a.pdb/EVIL/a.sym");
@@ -96,32 +93,9 @@ std::string identity_of(const std::string& text) {
 bool valid(const std::string& text) { return identity_of(text).starts_with('|'); }
 
 TEST(IdentityTest, ReadsModuleAndCodeIdLines) {
-  const struct {
-    const char* what;
-    const char* text;
-    const char* identity;
-  } cases[] = {
-      {"empty text", "", "invalid||||||"},
-      {"no line feed", "MODULE windows x86 X a.pdb", "invalid||||||"},
-      {"blanks in names, around names, and runs of them between words",
-       "MODULE windows  x86 X   my a.pdb \nINFO CODE_ID     5F00 my a.exe  \n",
-       "|windows|x86|X|my a.pdb|5F00|my a.exe"},
-      {"carriage returns", "MODULE windows x86 X a.pdb\r\r\nINFO CODE_ID 5F00 a.exe\r\n",
-       "|windows|x86|X|a.pdb|5F00|a.exe"},
-      {"code identifier late in the text",
-       "MODULE windows x86 X a.pdb\nFUNC 1 1 1 f\n\nINFO CODE_ID 5F00 a.exe\nSTACK CFI 1 x\n",
-       "|windows|x86|X|a.pdb|5F00|a.exe"},
-      {"the last MODULE line counts, up to INFO CODE_ID",
-       "MODULE windows x86 X a.pdb\nMODULE os arch Y b.pdb\nINFO CODE_ID 1 a.exe\nMODULE a b Z c\n",
-       "|os|arch|Y|b.pdb|1|a.exe"},
-      {"INFO CODE_ID ahead of MODULE ends the scan",
-       "INFO CODE_ID 5F00 a.exe\nMODULE windows x86 X a.pdb\n", "invalid|||||5F00|a.exe"},
-      {"words run out", "MODULE windows x86 X\n", "invalid|windows|x86|X|||"},
-      {"fields not reached keep their values",
-       "MODULE windows x86 X a.pdb\nMODULE os\nINFO CODE_ID \n", "|os|x86|X|a.pdb||"},
-      {"keywords need their blank", "MODULES a b c d\nMODULE\n", "invalid||||||"},
-  };
-  for (const auto& c : cases) EXPECT_EQ(identity_of(c.text), c.identity) << c.what;
+  for (const TestCase& c : test_cases("identity_lines.txt", "tree")) {
+    EXPECT_EQ(identity_of(c.input), c.expected) << c.input;
+  }
 }
 
 TEST(IdentityTest, RefusesIdentityLinesThatFillTheirBuffer) {

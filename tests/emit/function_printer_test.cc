@@ -5,15 +5,13 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 
 namespace symforge_internal {
 namespace {
 
 TEST(FunctionPrinterTest, CleansTypedNames) {
-  const struct {
-    const char* name;
-    const char* printed;
-  } cases[] = {
+  const std::pair<const char*, const char*> cases[] = {
       {"int __cdecl f", "int  f"},
       {"char * __ptr64 g", "char * g"},
       {"__ptr64", "__ptr64"},
@@ -25,16 +23,16 @@ TEST(FunctionPrinterTest, CleansTypedNames) {
   const SectionMap sections;
   const TypeTable types;
   TypeNames names(types, types);
-  for (const auto& c : cases) {
+  for (const auto& [name, printed] : cases) {
     Functions functions(1);
-    functions[0].name = DataPtr<char>(c.name, false);
+    functions[0].name = DataPtr<char>(name, false);
     functions[0].segment = 1;
     functions[0].rva = 0x1000;
     functions[0].length = 1;
     functions[0].typeIndex = 3;
     TextBuffer out;
     FunctionPrinter(sections, names, nullptr).printFunctions(functions, out);
-    EXPECT_EQ(out.view(), std::string("FUNC 1:1000 1 0 ") + c.printed + "void\n");
+    EXPECT_EQ(out.view(), std::string("FUNC 1:1000 1 0 ") + printed + "void\n");
   }
 }
 

@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <string>
+#include <utility>
 
 #include "tests/pdb_text.h"
 
@@ -33,20 +34,18 @@ TEST(ParamSizesTest, PrefersNewFrameDataThenOldThenTheName) {
 }
 
 TEST(ParamSizesTest, ReadsTheEndOfADecoratedName) {
-  const struct {
-    const char* name;
-    uint32_t size;
-  } cases[] = {{"_f@12", 0xc}, {"@f@12", 0x4},        {"@f@8", 0x0},    {"@f@4", 0x0},
-               {"_f", 0x0},    {"@f", 0x0},           {"_f@1x", 0x0},   {"@12", 0x0},
-               {"_f@", 0x0},   {"_f@-1", 0xffffffff}, {"@f@-20", 0x0},  {"_f@@8", 0x8},
-               {"@f@@9", 0x1}, {"_f@ 12", 0xc},       {"_f@4@12", 0xc}, {"_f@4294967297", 0x1}};
-  for (const auto& c : cases) {
+  const std::pair<const char*, uint32_t> cases[] = {
+      {"_f@12", 0xc}, {"@f@12", 0x4},        {"@f@8", 0x0},    {"@f@4", 0x0},
+      {"_f", 0x0},    {"@f", 0x0},           {"_f@1x", 0x0},   {"@12", 0x0},
+      {"_f@", 0x0},   {"_f@-1", 0xffffffff}, {"@f@-20", 0x0},  {"_f@@8", 0x8},
+      {"@f@@9", 0x1}, {"_f@ 12", 0xc},       {"_f@4@12", 0xc}, {"_f@4294967297", 0x1}};
+  for (const auto& [name, size] : cases) {
     symforge_internal::FunctionRecord function;
     symforge_internal::PublicFunction global;
-    global.name = {c.name, false};
+    global.name = {name, false};
     global.decorated = true;
     updateParamSize(function, &global);
-    EXPECT_EQ(function.paramSize, c.size) << c.name;
+    EXPECT_EQ(function.paramSize, size) << name;
   }
 }
 

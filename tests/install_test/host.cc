@@ -1,5 +1,5 @@
 // A host of the library: converts a text to a SYMB block, validates it, and looks up an address in
-// both. Prints one line for each. Defines its own classes with the names of internal ones.
+// both. Prints one line for each.
 
 #include <common/symb.h>
 #include <common/symforge_version.h>
@@ -10,11 +10,16 @@
 #include <string>
 
 #include "../support/code_module.h"
-#include "own_names.h"
 
 #if __has_include("base/text_buffer.h") || __has_include(<base/text_buffer.h>)
 #error "the library's include path holds internal headers"
 #endif
+
+// No installed header declares an internal class; for the library see library_names_test.
+struct LineWriter {};
+struct PageBlock {};
+struct SymbStrings {};
+struct TextBuffer {};
 
 using test_support::TestModule;
 
@@ -42,7 +47,6 @@ void print_answer(google_breakpad::BasicSourceLineResolver& resolver, const Test
 }  // namespace
 
 int main() {
-  if (!own_names_work()) return 1;
   const TestModule module(kBase);
   google_breakpad::BasicSourceLineResolver text_resolver;
   if (!text_resolver.LoadModuleUsingMapBuffer(&module, kText)) return 1;
@@ -56,5 +60,5 @@ int main() {
   google_breakpad::BasicSourceLineResolver symb_resolver;
   if (!symb_resolver.LoadModuleUsingMemoryBuffer(&module, image, size)) return 1;
   print_answer(symb_resolver, module);
-  return own_names_work() ? 0 : 1;
+  return 0;
 }

@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "base/mapped_file.h"
@@ -72,17 +73,14 @@ class Types {
 
 TEST(TypeNamesTest, RendersPrimitivesByTheirLowByte) {
   Types types{TypeStreamBuilder()};
-  const struct {
-    uint32_t type;
-    const char* text;
-  } cases[] = {
+  const std::pair<uint32_t, const char*> cases[] = {
       {0, "..."},           {2, "!Unknown!"},     {3, "void"},       {18, "long"},
       {52, "!Unknown!"},    {104, "signed char"}, {121, "u128"},     {122, "!Unknown!"},
       {0x67A, "!Unknown!"}, {0x603, "void *"},    {0x403, "void *"}, {0x203, "void *"},
       {0x103, "void"},      {0x1274, "int *"},    {0x1074, "int"},
   };
-  for (const auto& c : cases) {
-    EXPECT_EQ(types.text(c.type), c.text) << c.type;
+  for (const auto& [type, text] : cases) {
+    EXPECT_EQ(types.text(type), text) << type;
     EXPECT_FALSE(types.is_function());
   }
 }
@@ -93,10 +91,7 @@ std::string bytes64(uint64_t value) { return Bytes().u64(value).str(); }
 
 TEST(TypeNamesTest, RendersEachKindOfRecord) {
   using Build = std::function<uint32_t(TypeStreamBuilder&)>;
-  const struct {
-    std::string text;
-    Build build;
-  } cases[] = {
+  const std::pair<std::string, Build> cases[] = {
       {"S", [](auto& b) { return b.structure("S"); }},
       {"C", [](auto& b) { return b.structure("C", 8, LEAF::LF_CLASS); }},
       {"U", [](auto& b) { return b.union_type("U"); }},
@@ -158,12 +153,12 @@ TEST(TypeNamesTest, RendersEachKindOfRecord) {
       // 0x1000.
       {"!Unknown!", [](auto& b) { return b.add(0x1203, "field list"); }},
   };
-  for (const auto& c : cases) {
+  for (const auto& [text, build] : cases) {
     TypeStreamBuilder builder;
-    const uint32_t type = c.build(builder);
+    const uint32_t type = build(builder);
     Types types(builder);
-    EXPECT_EQ(types.text(type), c.text);
-    EXPECT_EQ(types.is_function(), types.table().isFunction(type)) << c.text;
+    EXPECT_EQ(types.text(type), text);
+    EXPECT_EQ(types.is_function(), types.table().isFunction(type)) << text;
   }
 }
 

@@ -4,11 +4,14 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "tests/support/data.h"
 
 namespace symforge_internal {
 namespace {
@@ -121,30 +124,21 @@ std::string rangesOf(const std::vector<CodeRange>& functions, const std::vector<
   return ranges;
 }
 
+std::vector<CodeRange> ranges(const std::string& text) {
+  std::vector<CodeRange> list;
+  for (const std::string& range : test_support::split(text)) {
+    CodeRange& added = list.emplace_back();
+    EXPECT_EQ(std::sscanf(range.c_str(), "%x+%x", &added.begin, &added.size), 2) << range;
+  }
+  return list;
+}
+
 TEST(CfiRowsTest, CoversTheRestOfFunctionsAsLeaves) {
-  const struct {
-    std::vector<CodeRange> functions;
-    std::vector<CodeRange> entries;
-    std::string ranges;
-  } cases[] = {
-      {{{0x10, 0x10}, {0x20, 0x10}}, {}, "10+10 20+10 "},
-      {{{0x10, 0x10}, {0x20, 0x10}}, {{0x10, 0x10}}, "[10+10] 20+10 "},
-      {{{0x10, 0x10}},
-       {{0x0, 0x8}, {0x14, 4}, {0x1A, 2}, {0x40, 4}},
-       "[0+8] 10+4 [14+4] 18+2 [1a+2] 1c+4 [40+4] "},
-      // An entry that covers several functions, and one that starts inside a function.
-      {{{0x10, 0x10}, {0x20, 8}, {0x28, 8}, {0x30, 8}}, {{0x18, 0x1C}}, "10+8 [18+1c] 34+4 "},
-      // Functions that overlap, are equal, or are empty.
-      {{{0x10, 0x40}, {0x10, 0x40}, {0x20, 0}, {0x20, 8}, {0x48, 0x10}},
-       {{0x24, 4}, {0x30, 4}},
-       "10+14 [24+4] 28+8 [30+4] 34+1c 50+8 "},
-      // The end of the address space.
-      {{{0xFFFFFFF0, 0x20}, {0xFFFFFFFF, 0xFFFFFFFF}},
-       {{0xFFFFFFF8, 4}},
-       "fffffff0+8 [fffffff8+4] fffffffc+4 "},
-      {{{0xFFFFFFF0, 0x20}}, {{0xFFFFFFF8, 0x20}}, "fffffff0+8 [fffffff8+20] "},
-  };
-  for (const auto& c : cases) EXPECT_EQ(rangesOf(c.functions, c.entries), c.ranges);
+  for (const auto& c : test_support::test_cases("covered_ranges.txt")) {
+    const size_t bar = c.input.find('|');
+    const std::string entries = c.input.substr(std::min(bar + 2, c.input.size()));
+    EXPECT_EQ(rangesOf(ranges(c.input.substr(0, bar)), ranges(entries)), c.expected + " ");
+  }
 }
 
 TEST(CfiRowsTest, RefusesEntriesThatOverlapAnEarlierOne) {

@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <string>
+#include <utility>
 
 #include "builders/pe_builder.h"
 #include "tests/support/memory_file.h"
@@ -38,10 +39,7 @@ std::string identityOf(const std::string& bytes) {
 }
 
 TEST(PeIdentityTest, IsMissingFromEverythingElse) {
-  const struct {
-    const char* what;
-    std::function<void(std::string&)> damage;
-  } cases[] = {
+  const std::pair<const char*, std::function<void(std::string&)>> cases[] = {
       {"no DOS signature", [](std::string& b) { put_u16(b, 0, 0x5A4E); }},
       {"no NT headers", [](std::string& b) { put_u32(b, 60, 0); }},
       {"NT headers before the end", [](std::string& b) { put_u32(b, 60, b.size() - 263); }},
@@ -59,10 +57,10 @@ TEST(PeIdentityTest, IsMissingFromEverythingElse) {
        [](std::string& b) { put_u32(b, kFirstSection + 20, 0xFFFFFFF0); }},
       {"record cut short", [](std::string& b) { b.resize(b.find("RSDS") + 23); }},
   };
-  for (const auto& c : cases) {
+  for (const auto& [what, damage] : cases) {
     std::string bytes = imageWithIdentity();
-    c.damage(bytes);
-    EXPECT_EQ(identityOf(bytes), "") << c.what;
+    damage(bytes);
+    EXPECT_EQ(identityOf(bytes), "") << what;
   }
   EXPECT_EQ(identityOf(PeBuilder(false).codeview({}, 1, kPdbPath).build()), "") << "PE32";
   std::string none;

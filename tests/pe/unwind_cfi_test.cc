@@ -9,7 +9,9 @@
 #include <vector>
 
 #include "builders/pe_builder.h"
+#include "tests/support/data.h"
 #include "tests/support/memory_file.h"
+#include "tests/support/unwind_cases.h"
 
 namespace symforge_internal {
 namespace {
@@ -32,9 +34,8 @@ std::string textOf(const Unwind& info) {
   return textOf(PeBuilder().function(0x1000, 0x1020, info).build());
 }
 
-std::string lines(const std::string& rules, int rip_offset = 8) {
-  return "STACK CFI INIT 1000 20 .cfa: $rsp .ra: .cfa " + std::to_string(rip_offset) +
-         " - ^\nSTACK CFI 1000 .cfa: " + rules + "\n";
+std::string lines(const std::string& rules) {
+  return "STACK CFI INIT 1000 20 .cfa: $rsp .ra: .cfa 8 - ^\nSTACK CFI 1000 .cfa: " + rules + "\n";
 }
 
 // Where the unwind data continue after an info without slots.
@@ -43,46 +44,9 @@ constexpr uint32_t kNext = PeBuilder::kUnwindRva + 4;
 uint16_t op(uint8_t operation, uint8_t info) { return unwind_slot(0, operation, info); }
 
 TEST(UnwindCfiTest, SumsUpTheOperations) {
-  const struct {
-    Slots slots;
-    std::string rules;
-    int rip_offset = 8;
-  } cases[] = {
-      {{}, "$rsp 8 +"},
-      {{op(kAllocSmall, 3)}, "$rsp 40 +"},
-      {{op(kAllocSmall, 3), op(kPushNonvol, 3)}, "$rsp 48 + $rbx: $rsp 32 + ^"},
-      {{op(kPushNonvol, 10)}, "$rsp 16 +"},
-      // Order: rbp, then by name.
-      {{op(kPushNonvol, 15), op(kPushNonvol, 14), op(kPushNonvol, 13), op(kPushNonvol, 12),
-        op(kPushNonvol, 7), op(kPushNonvol, 6), op(kPushNonvol, 5), op(kPushNonvol, 4),
-        op(kPushNonvol, 3)},
-       "$rsp 80 + $rbp: $rsp 48 + ^ $r12: $rsp 24 + ^ $r13: $rsp 16 + ^ $r14: $rsp 8 + ^ "
-       "$r15: $rsp 0 + ^ $rbx: $rsp 64 + ^ $rdi: $rsp 32 + ^ $rsi: $rsp 40 + ^ $rsp: $rsp 56 + ^"},
-      {{op(kAllocLarge, 0), 0xFFFF}, "$rsp 524288 +"},
-      {{op(kAllocLarge, 1), 0x0008, 0x0010}, "$rsp 1048592 +"},
-      {{op(kAllocLarge, 1), 0xFFF8, 0xFFFF}, "$rsp 0 +"},
-      {{op(kAllocLarge, 1), 0xFFFF, 0x7FFF}, "$rsp -2147483641 +"},
-      {{op(kAllocSmall, 0), op(kAllocLarge, 0)}, "$rsp 16 +"},
-      {{op(kAllocSmall, 0), op(kAllocLarge, 1), 0x100}, "$rsp 16 +"},
-      {{op(kSaveNonvol, 6), 5, op(kAllocSmall, 0)}, "$rsp 16 + $rsi: $rsp 40 + ^"},
-      {{op(kSaveNonvolFar, 6), 5, 1}, "$rsp 8 + $rsi: $rsp 65541 + ^"},
-      {{op(kSaveNonvol, 0), 5, op(kAllocSmall, 0)}, "$rsp 16 +"},
-      {{op(kSaveNonvol, 6)}, "$rsp 8 +"},
-      {{op(kSaveNonvolFar, 6), 5}, "$rsp 8 +"},
-      // A save replaces an earlier one.
-      {{op(kPushNonvol, 6), op(kSaveNonvol, 6), 5, op(kSaveNonvol, 6), 7},
-       "$rsp 16 + $rsi: $rsp 56 + ^"},
-      // Old XMM saves take one slot; the slot of their operand is decoded as an operation.
-      {{op(6, 1), op(kAllocSmall, 0), op(7, 1), op(kAllocSmall, 0)}, "$rsp 24 +"},
-      {{op(kSaveXmm128, 1), op(kAllocSmall, 0), op(kAllocSmall, 1)}, "$rsp 24 +"},
-      {{op(kSaveXmm128Far, 1), op(kAllocSmall, 0), op(kAllocSmall, 0), op(kAllocSmall, 1)},
-       "$rsp 24 +"},
-      {{op(kPushMachframe, 0)}, "$rsp 88 +", 88},
-      {{op(kPushMachframe, 1)}, "$rsp 96 +", 88},
-      {{op(11, 1), op(15, 2), op(kAllocSmall, 0)}, "$rsp 16 +"},
-  };
-  for (const auto& c : cases)
-    EXPECT_EQ(textOf(Unwind{.slots = c.slots}), lines(c.rules, c.rip_offset));
+  for (const TestCase& c : test_cases("x64_unwind.txt", "sums")) {
+    EXPECT_EQ(cfi_rows(textOf(x64_unwind(c.input))), c.expected) << c.input;
+  }
 }
 
 TEST(UnwindCfiTest, CountsFromTheFramePointer) {

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 
 #include "builders/codeview_builder.h"
 #include "builders/msf_builder.h"
@@ -63,10 +64,7 @@ TEST(FunctionNames, InlineesAreQualifiedAndHaveParameters) {
   const uint32_t lambda = types.structure("f::`2'::<lambda_1>");
   const uint32_t list = ids.string_list({ids.string_id("outer"), ids.string_id("::")});
   const uint32_t space = ids.string_id("inner", list);
-  const struct {
-    uint32_t item;
-    const char* text;
-  } cases[] = {
+  const std::pair<uint32_t, const char*> cases[] = {
       {ids.function_id("plain", function), "plain(int,char)"},
       {ids.function_id("scoped", function, ids.string_id("a::b")), "a::b::scoped(int,char)"},
       {ids.function_id("listed", function, space), "outer::inner::listed(int,char)"},
@@ -81,7 +79,7 @@ TEST(FunctionNames, InlineesAreQualifiedAndHaveParameters) {
       {0x1FFF, "-"},
   };
   Names names(types, ids);
-  for (const auto& test : cases) EXPECT_EQ(names.inlinee(test.item), test.text);
+  for (const auto& [item, text] : cases) EXPECT_EQ(names.inlinee(item), text);
 }
 
 TEST(FunctionNames, TypesHaveTheirNames) {
@@ -90,10 +88,7 @@ TEST(FunctionNames, TypesHaveTheirNames) {
   const uint32_t arguments = types.arguments({kInt});
   const uint32_t method = types.member_function(0x30, box, 0, arguments, 1);
   const Bytes large = Bytes().u16(0).u16(0).u32(0).u32(0).u32(0).u16(0x8004).u32(0x12345);
-  const struct {
-    uint32_t type;
-    const char* text;
-  } cases[] = {
+  const std::pair<uint32_t, const char*> cases[] = {
       {0x7C, "char8_t"},
       {0x7A, "char16_t"},
       {0x47B, "char32_t *"},
@@ -106,11 +101,11 @@ TEST(FunctionNames, TypesHaveTheirNames) {
       {types.pointer(method), "(int)"},
       {types.add(0x1505, Bytes(large).zstr("Large").str()), "Large"},
   };
-  for (const auto& test : cases) {
+  for (const auto& [type, text] : cases) {
     TypeStreamBuilder all = types;
-    const uint32_t function = all.procedure(kVoid, all.arguments({test.type}), 1);
+    const uint32_t function = all.procedure(kVoid, all.arguments({type}), 1);
     Names names(all, TypeStreamBuilder());
-    EXPECT_EQ(names.function("f", function), "f(" + std::string(test.text) + ")");
+    EXPECT_EQ(names.function("f", function), "f(" + std::string(text) + ")");
   }
 }
 

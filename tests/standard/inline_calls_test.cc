@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "symforge/src/StreamReader.h"
+#include "tests/support/data.h"
 
 namespace symforge_internal {
 namespace {
@@ -23,12 +24,35 @@ struct Site {
   std::vector<Site> inside = {};
 };
 
+// "ORIGIN START-END:LINE ...; > ORIGIN ...", with hexadecimal offsets; one ">" more for each level.
+std::vector<Site> sites(const std::string& text) {
+  std::vector<Site> outer;
+  std::vector<Site>* around = &outer;
+  for (const std::string& word : test_support::split(text)) {
+    uint32_t start = 0, end = 0, line = 0;
+    if (word == ">") {
+      around = &around->back().inside;
+    } else if (std::sscanf(word.c_str(), "%x-%x:%u", &start, &end, &line) == 3) {
+      around->back().rows.push_back({start, end, line});
+    } else if (word == ";") {
+      around = &outer;
+    } else {
+      around->push_back({static_cast<uint32_t>(std::stoul(word)), {}});
+    }
+  }
+  return outer;
+}
+
+void addRow(InlineCalls& calls, const CodeRow& row) {
+  calls.addRows([&row](std::vector<CodeRow>& rows) { rows.push_back(row); });
+}
+
 void open(InlineCalls& calls, const Site& site) {
   if (site.origin == 0) {
     calls.openLeftOut();
   } else {
     calls.open(site.origin);
-    for (const auto& row : site.rows) calls.addRow({row[0], row[1], {site.origin, row[2]}});
+    for (const auto& row : site.rows) addRow(calls, {row[0], row[1], {site.origin, row[2]}});
   }
   for (const Site& inner : site.inside) open(calls, inner);
   calls.close();
@@ -64,49 +88,13 @@ std::string text(const InlineCalls& calls) {
 }
 
 TEST(InlineCalls, FollowFromTheRowsOfTheSites) {
-  const struct {
-    const char* what;
-    std::vector<Site> sites;
-    const char* text;
-  } cases[] = {
-      {"a call of several ranges",
-       {{2, {{0x14, 0x18, 70}, {0x18, 0x1a, 71}, {0x1c, 0x20, 72}}}},
-       "0 1:11 2 14-1a 1c-20; | 0-10 1:10 10-14 1:11 14-18 2:70 18-1a 2:71 1a-1c 1:11 1c-20 2:72 "
-       "20-40 1:12"},
-      {"a call inside of a call",
-       {{2, {{0x10, 0x18, 70}, {0x18, 0x20, 71}}, {{3, {{0x14, 0x1c, 80}}}}}},
-       "0 1:11 2 10-20; 1 2:70 3 14-18; 1 2:71 3 18-1c; | 0-10 1:10 10-14 2:70 14-1c 3:80 "
-       "1c-20 2:71 20-40 1:12"},
-      {"a call from two lines",
-       {{2, {{0xc, 0x14, 70}}}},
-       "0 1:10 2 c-10; 0 1:11 2 10-14; | 0-c 1:10 c-14 2:70 14-20 1:11 20-40 1:12"},
-      {"the inner call has no more than its caller's code",
-       {{2, {{0x10, 0x18, 70}}, {{3, {{0x8, 0x20, 80}}}}}},
-       "0 1:11 2 10-18; 1 2:70 3 10-18; | 0-10 1:10 10-18 3:80 18-20 1:11 20-40 1:12"},
-      {"a caller without code of its own has no calls",
-       {{2, {}, {{3, {{0x10, 0x18, 80}}}}}},
-       "| 0-10 1:10 10-20 1:11 20-40 1:12"},
-      {"siblings share no code: the one that starts last has it",
-       {{2, {{0x10, 0x20, 70}}}, {3, {{0x14, 0x18, 80}}}, {4, {{0x1c, 0x24, 90}}}},
-       "0 1:11 2 10-14 18-1c; 0 1:11 3 14-18; 0 1:11 4 1c-20; 0 1:12 4 20-24; | 0-10 1:10 "
-       "10-14 2:70 14-18 3:80 18-1c 2:70 1c-24 4:90 24-40 1:12"},
-      {"rows out of order",
-       {{2, {{0x18, 0x1c, 71}, {0x10, 0x14, 70}}}},
-       "0 1:11 2 10-14 18-1c; | 0-10 1:10 10-14 2:70 14-18 1:11 18-1c 2:71 1c-20 1:11 20-40 1:12"},
-      {"a site without a name counts as its caller",
-       {{0, {}, {{3, {{0x14, 0x18, 80}}}}}},
-       "0 1:11 3 14-18; | 0-10 1:10 10-14 1:11 14-18 3:80 18-20 1:11 20-40 1:12"},
-      {"rows of size 0 and beyond the function",
-       {{2, {{0x14, 0x14, 70}, {0x3c, 0x80, 71}}}},
-       "0 1:12 2 3c-40; | 0-10 1:10 10-20 1:11 20-3c 1:12 3c-40 2:71"},
-  };
   InlineCalls calls(kPlenty);
-  for (const auto& test : cases) {
+  for (const auto& c : test_support::test_cases("inline_sites.txt")) {
     calls.begin(0x40);
-    for (const Site& site : test.sites) open(calls, site);
+    for (const Site& site : sites(c.input)) open(calls, site);
     calls.close();  // one too many
     calls.resolve(own({{0, 0x10, 10}, {0x10, 0x20, 11}, {0x20, 0x40, 12}}));
-    EXPECT_EQ(text(calls), test.text) << test.what;
+    EXPECT_EQ(text(calls), c.expected) << c.input;
   }
 }
 
@@ -127,7 +115,7 @@ TEST(InlineCalls, StopAtTheDeepestCall) {
       continue;
     }
     calls.open(i);
-    calls.addRow({0, 0x20, {2, i}});
+    addRow(calls, {0, 0x20, {2, i}});
   }
   calls.resolve({});
   ASSERT_EQ(calls.calls().size(), InlineCalls::kMaxDepth);
@@ -139,8 +127,8 @@ TEST(InlineCalls, EndWhenTheBudgetIsUsedUp) {
   calls.begin(0x1000);
   for (uint32_t depth = 0; depth < 16; ++depth) {
     calls.open(depth);
-    if (depth != 0) calls.addRow({0, 0x1000, {2, depth}});
-    for (uint32_t i = 0; depth == 0 && i < 16; ++i) calls.addRow({8 * i, 8 * i + 4, {2, i}});
+    if (depth != 0) addRow(calls, {0, 0x1000, {2, depth}});
+    for (uint32_t i = 0; depth == 0 && i < 16; ++i) addRow(calls, {8 * i, 8 * i + 4, {2, i}});
   }
   EXPECT_THROW(calls.resolve({}), pdb_exception);
 }
@@ -159,7 +147,7 @@ TEST(InlineCalls, NestForAnyRows) {
       calls.open(i);
       for (uint32_t r = number(4); r != 0; --r) {
         const uint32_t start = number(kSize);
-        calls.addRow({start, start + number(kSize), {i, number(3)}});
+        addRow(calls, {start, start + number(kSize), {i, number(3)}});
       }
       for (uint32_t c = number(3); c != 0; --c) calls.close();
     }

@@ -1,10 +1,9 @@
 // Complete texts in the standard format.
 
-#include <gtest/gtest.h>
-
 #include <string>
 
 #include "tests/pdb_text.h"
+#include "tests/support/data.h"
 
 namespace test_support {
 namespace {
@@ -22,6 +21,13 @@ std::string standard(PdbBuilder& pdb, StandardCounts* counts = nullptr) {
   return lines_without(result.text, {"MODULE "});
 }
 
+// A section of the expected texts.
+std::string text_of(const std::string& test) {
+  const std::string texts = "\n" + test_data("standard_texts.txt");
+  const size_t begin = texts.find("\n[" + test + "]\n") + test.size() + 4;
+  return texts.substr(begin, texts.find("\n[", begin) + 1 - begin);
+}
+
 // A PDB with one module and two files, and the data for its functions.
 struct ModulePdb : SmallPdb {
   ModulePdb()
@@ -34,6 +40,11 @@ struct ModulePdb : SmallPdb {
   ModuleBuilder& function(std::string_view name, uint32_t offset, uint32_t length) {
     return module.proc(
         {.name = std::string(name), .offset = offset, .length = length, .type = type});
+  }
+  // A function with a call of `inner`, which begins in line 70 of b.h.
+  void caller(std::string_view name, uint32_t offset, uint32_t length, const Annotations& call) {
+    function(name, offset, length).inline_site(inlinee, call).inline_site_end().end();
+    module.inlinees({{inlinee, header, 70}});
   }
 
   ModuleBuilder& module;
@@ -59,16 +70,7 @@ TEST(StandardText, NumbersOnlyFilesAndOriginsThatAreReferredTo) {
   pdb.module.lines(1, 0, 0x40, pdb.source, {{0, 5}, {8, 6}, {0x30, 7}});
   pdb.module.inlinees({{pdb.inlinee, pdb.header, 70}, {method, pdb.header, 80}});
   StandardCounts counts;
-  EXPECT_EQ(standard(pdb, &counts),
-            "FILE 1 a.cc\nFILE 2 b.h\n"
-            "INLINE_ORIGIN 0 space::inner()\n"
-            "INLINE_ORIGIN 1 space::Box<int>::~Box<int>()\n"
-            "FUNC 1000 40 0 outer()\n"
-            "INLINE 0 6 1 0 1008 10\n"
-            "INLINE 1 71 2 1 100c 4\n"
-            "INLINE 0 6 1 0 1020 8\n"
-            "1000 8 5 1\n1008 4 71 2\n100c 4 80 1\n1010 8 71 2\n1018 8 6 1\n1020 8 70 2\n"
-            "1028 8 6 1\n1030 10 7 1\n");
+  EXPECT_EQ(standard(pdb, &counts), text_of("NumbersOnlyFilesAndOriginsThatAreReferredTo"));
   EXPECT_EQ(counts.inlinedCalls, 3u);
   EXPECT_EQ(counts.origins, 2u);
   EXPECT_EQ(counts.damagedModules + counts.damagedBlocks + counts.unnamedInlinees, 0u);
@@ -91,14 +93,8 @@ TEST(StandardText, ACallWithoutANameCountsAsItsCaller) {
 
 TEST(StandardText, ACallerWithoutALineHasTheFileOfTheCallee) {
   ModulePdb pdb;
-  pdb.function("outer", 0, 0x20)
-      .inline_site(pdb.inlinee, Annotations().op(12, 4, 4))
-      .inline_site_end()
-      .end();
-  pdb.module.inlinees({{pdb.inlinee, pdb.header, 70}});
-  EXPECT_EQ(standard(pdb),
-            "FILE 1 b.h\nINLINE_ORIGIN 0 space::inner()\nFUNC 1000 20 0 outer()\n"
-            "INLINE 0 0 1 0 1004 4\n1004 4 70 1\n");
+  pdb.caller("outer", 0, 0x20, Annotations().op(12, 4, 4));
+  EXPECT_EQ(standard(pdb), text_of("ACallerWithoutALineHasTheFileOfTheCallee"));
 }
 
 // Imported items: the import list contains the name of the exporting module in lower case.
@@ -128,8 +124,7 @@ TEST(StandardText, FollowsItemsOfOtherModules) {
 TEST(StandardText, ModulesHaveInlineesOfTheirOwn) {
   ModulePdb pdb;
   const Annotations annotations = Annotations().op(12, 4, 4);
-  pdb.function("first", 0, 0x20).inline_site(pdb.inlinee, annotations).inline_site_end().end();
-  pdb.module.inlinees({{pdb.inlinee, pdb.header, 70}});
+  pdb.caller("first", 0, 0x20, annotations);
   ModuleBuilder& other = pdb.add_module("b.obj");
   const uint32_t file = other.file(pdb.names.add("other.h"));
   other.proc({.name = "second", .offset = 0x20, .length = 0x20, .type = pdb.type})
@@ -149,28 +144,21 @@ TEST(StandardText, MarksCodeThatFunctionsShare) {
   } cases[] = {
       {"two names, each with its lines",
        [](ModulePdb& pdb) {
-         pdb.function("one", 0, 8).end();
          pdb.function("two", 0, 8).end();
          pdb.module.lines(1, 0, 8, pdb.source, {{0, 5}});
          pdb.module.lines(1, 0, 8, pdb.source, {{0, 50}});
        },
        "FILE 1 a.cc\nFUNC m 1000 8 0 one()\n1000 8 5 1\n"},
-      {"one name twice",
-       [](ModulePdb& pdb) {
-         pdb.function("one", 0, 8).end();
-         pdb.function("one", 0, 8).end();
-       },
+      {"one name twice", [](ModulePdb& pdb) { pdb.function("one", 0, 8).end(); },
        "FUNC 1000 8 0 one()\n"},
       {"overloads",
        [](ModulePdb& pdb) {
          const uint32_t other = pdb.types.procedure(kInt, pdb.types.arguments({kInt}), 1);
-         pdb.function("one", 0, 8).end();
          pdb.module.proc({.name = "one", .offset = 0, .length = 8, .type = other}).end();
        },
        "FUNC m 1000 8 0 one()\n"},
       {"the one with lines is shown",
        [](ModulePdb& pdb) {
-         pdb.function("one", 0, 8).end();
          ModuleBuilder& other = pdb.add_module("b.obj");
          const uint32_t file = other.file(pdb.names.add("b.cc"));
          other.proc({.name = "two", .offset = 0, .length = 8, .type = pdb.type}).end();
@@ -179,7 +167,6 @@ TEST(StandardText, MarksCodeThatFunctionsShare) {
        "FILE 1 b.cc\nFUNC m 1000 8 0 two()\n1000 8 9 1\n"},
       {"public names",
        [](ModulePdb& pdb) {
-         pdb.function("one", 0, 8).end();
          pdb.public_function("?one", 1, 0).public_function("?two", 1, 0);
          pdb.public_function("_f@8", 1, 0x20).public_function("_g@8", 1, 0x20);
          pdb.public_function("_h@8", 1, 0x10).public_function("_h@8", 1, 0x10);
@@ -188,6 +175,7 @@ TEST(StandardText, MarksCodeThatFunctionsShare) {
   };
   for (const auto& test : cases) {
     ModulePdb pdb;
+    pdb.function("one", 0, 8).end();
     test.add(pdb);
     EXPECT_EQ(standard(pdb), test.text) << test.what;
   }
@@ -204,29 +192,18 @@ TEST(StandardText, FunctionsDoNotOverlap) {
   pdb.module.thunk({.name = "thunk", .offset = 0x30, .length = 6});
   pdb.module.thunk({.name = "nested", .offset = 0x38, .length = 6}, 4);
   pdb.module.lines(1, 0, 0x20, pdb.source, {{0, 1}, {0x18, 2}});
-  EXPECT_EQ(standard(pdb),
-            "FILE 1 a.cc\nFUNC 1000 10 0 outer()\n1000 10 1 1\nFUNC 1010 8 0 inner()\n"
-            "FUNC 1038 6 0 nested\nFUNC 1040 10 0 late()\nFUNC 1050 ffffefaf 0 wraps()\n"
-            "PUBLIC 1030 0 thunk\n");
+  EXPECT_EQ(standard(pdb), text_of("FunctionsDoNotOverlap"));
 }
 
 TEST(StandardText, SeparatedCodeHasTheNameOfItsFunction) {
   ModulePdb pdb;
-  pdb.function("outer", 0, 0x20)
-      .inline_site(pdb.inlinee, Annotations().op(12, 4, 4).op(2, 1).op(12, 8, 4))
-      .inline_site_end()
-      .end();
+  pdb.caller("outer", 0, 0x20, Annotations().op(12, 4, 4).op(2, 1).op(12, 8, 4));
   pdb.module.separated_code(0x100, 0x10, 0);
   pdb.function("other", 0x20, 8).end();
   pdb.module.lines(1, 0, 0x20, pdb.source, {{0, 5}});
   pdb.module.lines(1, 0x100, 0x10, pdb.source, {{0, 6}});
-  pdb.module.inlinees({{pdb.inlinee, pdb.header, 70}});
   EXPECT_EQ(lines_without(standard(pdb), {"FILE ", "INLINE_"}),
-            "FUNC 1000 20 0 outer()\nINLINE 0 5 1 0 1004 4\n"
-            "1000 4 5 1\n1004 4 70 2\n1008 18 5 1\n"
-            "FUNC 1020 8 0 other()\n"
-            "FUNC 1100 10 0 outer()\nINLINE 0 6 1 0 1104 8\n"
-            "1100 4 6 1\n1104 8 70 2\n110c 4 6 1\n");
+            text_of("SeparatedCodeHasTheNameOfItsFunction"));
 }
 
 // The rewrite moved the second half of the function before the first one and removed code between.
@@ -235,16 +212,12 @@ TEST(StandardText, FollowsCodeThatARewriteMoved) {
   pdb.original_section({.name = ".text", .address = 0x1000, .virtual_size = 0x1000});
   pdb.omap_from(
       {{0x1000, 0x3000}, {0x1008, 0x3010}, {0x1010, 0}, {0x1014, 0x3008}, {0x1100, 0x2000}});
-  pdb.function("moved", 0, 0x1C).inline_site(pdb.inlinee, Annotations().op(12, 0x10, 4));
-  pdb.module.inline_site_end().end();
+  pdb.caller("moved", 0, 0x1C, Annotations().op(12, 0x10, 4));
   pdb.function("removed", 0x10, 0).end();
   pdb.function("early", 0x100, 8).end();
   pdb.module.lines(1, 0, 0x1C, pdb.source, {{0, 1}, {0xC, 2}});
-  pdb.module.inlinees({{pdb.inlinee, pdb.header, 70}});
   EXPECT_EQ(lines_without(standard(pdb), {"FILE ", "INLINE_"}),
-            "FUNC 2000 8 0 early()\n"
-            "FUNC 3000 1c 0 moved()\nINLINE 0 1 1 0 3004 4 3010 4\nINLINE 0 2 1 0 3014 4\n"
-            "3000 4 1 1\n3004 4 70 2\n3008 8 2 1\n3010 8 70 2\n");
+            text_of("FollowsCodeThatARewriteMoved"));
 }
 
 TEST(StandardText, DamageCostsNoMoreThanWhatIsDamaged) {
@@ -309,10 +282,7 @@ TEST(StandardText, NamesCannotBeginALine) {
   pdb.function("f\nFUNC 1 1 0 g", 0, 8).inline_site(item, Annotations().op(12, 4, 0));
   pdb.module.lines(1, 0, 8, file, {{0, 5}}).inlinees({{item, file, 7}});
   pdb.public_function("p\n", 1, 0x20).public_function("", 1, 0x30);
-  EXPECT_EQ(standard(pdb),
-            "FILE 1 a\\x0d.cc\nINLINE_ORIGIN 0 in\\x0aner()\nFUNC 1000 8 0 f\\x0aFUNC 1 1 0 g()\n"
-            "INLINE 0 5 1 0 1000 4\n1000 4 7 1\n1004 4 5 1\n"
-            "PUBLIC 1020 0 p\\x0a\nPUBLIC 1030 0 <unnamed symbol>\n");
+  EXPECT_EQ(standard(pdb), text_of("NamesCannotBeginALine"));
 }
 
 TEST(StandardText, NamesTheArchitecture) {

@@ -3,6 +3,8 @@
 #pragma once
 
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 namespace test_support {
@@ -10,11 +12,21 @@ namespace test_support {
 // Reads a whole file.
 std::string test_data(const std::string& name);
 
-// A file of lines "INPUT => EXPECTED" under headings "[SECTION]". The escapes "\\n", "\\r" and
-// "\\t" are decoded; lines that begin with '#' are comments.
+// A file of lines "INPUT => EXPECTED" under headings "[SECTION]". The escapes "\\n", "\\r", "\\t",
+// "\\0" and "\\xFF" are decoded; lines that begin with '#' are comments.
 struct TestCase {
   std::string section, input, expected;
 };
 std::vector<TestCase> test_cases(const std::string& name);
+// Those of the sections whose headings begin with `section`. Throws std::runtime_error if there is
+// no such case.
+std::vector<TestCase> test_cases(const std::string& name, std::string_view section);
+
+// The parts of a text between separators; an empty one at the end does not count.
+std::vector<std::string> split(const std::string& text, char separator = ' ');
+
+// Replaces every occurrence of each first text by the second one.
+std::string replaced(std::string text,
+                     const std::vector<std::pair<std::string, std::string>>& replacements);
 
 }  // namespace test_support

@@ -8,10 +8,10 @@
 #include <string_view>
 #include <vector>
 
-#include "google_breakpad/processor/cfi_frame_info.h"
 #include "google_breakpad/processor/stack_frame.h"
 #include "processor/basic_source_line_resolver_module.h"
 #include "tests/support/code_module.h"
+#include "tests/support/symbols.h"
 
 namespace test_support {
 
@@ -23,12 +23,6 @@ inline std::string text_of(const google_breakpad::StackFrame& frame) {
   for (const auto& site : frame.inlines) {
     text += '|' + site.name + ' ' + site.source_file_name + ':' + std::to_string(site.source_line);
   }
-  return text;
-}
-inline std::string text_of(const google_breakpad::CFIFrameInfo* info) {
-  if (info == nullptr) return {};
-  std::string text = ".cfa: " + info->cfa_rule() + " .ra: " + info->ra_rule();
-  for (const auto& [name, rule] : info->register_rules()) text += ' ' + name + ": " + rule;
   return text;
 }
 

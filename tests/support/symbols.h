@@ -11,9 +11,18 @@
 
 #include "builders/guarded_block.h"
 #include "google_breakpad/processor/basic_source_line_resolver.h"
+#include "google_breakpad/processor/cfi_frame_info.h"
 #include "tests/support/code_module.h"
 
 namespace test_support {
+
+// The rules as one text; empty if there are none.
+inline std::string text_of(const google_breakpad::CFIFrameInfo* info) {
+  if (info == nullptr) return {};
+  std::string text = ".cfa: " + info->cfa_rule() + " .ra: " + info->ra_rule();
+  for (const auto& [name, rule] : info->register_rules()) text += ' ' + name + ": " + rule;
+  return text;
+}
 
 class Symbols {
  public:
@@ -39,14 +48,10 @@ class Symbols {
     return std::unique_ptr<google_breakpad::WindowsFrameInfo>(
         resolver_.FindWindowsFrameInfo(&frame));
   }
-  // The rules as one text; empty if there are none.
   std::string cfi(uint64_t address) const {
     const google_breakpad::StackFrame frame = question(address);
-    const std::unique_ptr<google_breakpad::CFIFrameInfo> info(resolver_.FindCFIFrameInfo(&frame));
-    if (info == nullptr) return {};
-    std::string text = ".cfa: " + info->cfa_rule() + " .ra: " + info->ra_rule();
-    for (const auto& [name, rule] : info->register_rules()) text += " " + name + ": " + rule;
-    return text;
+    return text_of(
+        std::unique_ptr<google_breakpad::CFIFrameInfo>(resolver_.FindCFIFrameInfo(&frame)).get());
   }
 
  private:

@@ -71,11 +71,8 @@ void FunctionPrinter::printLines(const FunctionRecord& func, TextBuffer& out) co
     const uint32_t offset = lines[i].offset;
     const uint32_t next = i + 1 == count ? end : uint32_t{lines[i + 1].offset};
     const uint32_t rva = start + offset;
-    at = put_hex(at, mapped ? m_sections.finalRva(rva) : rva);
-    *at++ = ' ';
-    at = put_hex(at, next - offset);
-    *at++ = ' ';
-    at = std::to_chars(at, at + 8, lines[i].flags & kLineNumberMask).ptr;
+    at = put_hex_pair(at, mapped ? m_sections.finalRva(rva) : rva, next - offset);
+    at = put_dec(at, lines[i].flags & kLineNumberMask);
     std::memcpy(at, ending, sizeof(ending));
     at += endingSize;
   }

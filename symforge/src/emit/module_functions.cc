@@ -52,31 +52,33 @@ void getModuleFunctions(const ModuleStream& module, const SectionMap& sections, 
                         Functions& functions) {
   FunctionReader functionReader(sections, functions, module.budget());
   FunctionRecord* current_function = nullptr;
-  module.forEachSymbol([&](const SymbolHeader& symbol, StreamReader& body, uint32_t offset) {
-    switch (symbol.type) {
-      case S_LPROC32:
-      case S_GPROC32:
-        current_function = &functionReader.readProcedure(body);
-        if (sites != nullptr) sites->beginFunction(module.streamNumber(), *current_function);
-        break;
-      case S_THUNK32:
-        functionReader.readThunk(body);
-        current_function = nullptr;
-        break;
-      case S_INLINESITE:
-        if (sites == nullptr) break;
-        assert(current_function != nullptr);
-        sites->openSite(readInlineSite(body, symbol.size).inlinee, offset, *current_function);
-        break;
-      case S_INLINESITE_END:
-        if (sites == nullptr) break;
-        assert(current_function != nullptr);
-        sites->closeSite(*current_function);
-        break;
-      default:
-        break;
-    }
-  });
+  constexpr SymbolKinds kKinds{S_LPROC32, S_GPROC32, S_THUNK32, S_INLINESITE, S_INLINESITE_END};
+  module.forEachSymbol(
+      kKinds, [&](const SymbolHeader& symbol, StreamReader& body, uint32_t offset) {
+        switch (symbol.type) {
+          case S_LPROC32:
+          case S_GPROC32:
+            current_function = &functionReader.readProcedure(body);
+            if (sites != nullptr) sites->beginFunction(module.streamNumber(), *current_function);
+            break;
+          case S_THUNK32:
+            functionReader.readThunk(body);
+            current_function = nullptr;
+            break;
+          case S_INLINESITE:
+            if (sites == nullptr) break;
+            assert(current_function != nullptr);
+            sites->openSite(readInlineSite(body, symbol.size).inlinee, offset, *current_function);
+            break;
+          case S_INLINESITE_END:
+            if (sites == nullptr) break;
+            assert(current_function != nullptr);
+            sites->closeSite(*current_function);
+            break;
+          default:
+            break;
+        }
+      });
 }
 
 }  // namespace symforge_internal

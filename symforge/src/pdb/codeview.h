@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 
 #include "base/little_endian.h"
 
@@ -29,6 +30,26 @@ enum SymbolKind : uint16_t {
   S_INLINESITE = 0x114D,
   S_INLINESITE_END = 0x114E,
   S_INLINESITE2 = 0x115D,
+};
+
+// A set of kinds from kFirst on; others are never in it.
+class SymbolKinds {
+ public:
+  constexpr SymbolKinds(std::initializer_list<SymbolKind> kinds) {
+    for (const SymbolKind kind : kinds) {
+      const unsigned place = kind - kFirst;
+      m_bits[place / 64] |= uint64_t{1} << place % 64;
+    }
+  }
+  bool has(uint16_t kind) const {
+    const unsigned place = unsigned{kind} - kFirst;
+    return place < 128 && (m_bits[place / 64] >> place % 64 & 1) != 0;
+  }
+
+ private:
+  static constexpr unsigned kFirst = 0x1100;
+
+  uint64_t m_bits[2] = {};
 };
 
 // Body of a procedure symbol; the NUL-terminated name follows.

@@ -1,5 +1,7 @@
 #include "symforge/src/pdb/module_stream.h"
 
+#include <cstring>
+
 #include "base/cycle_detector.h"
 
 namespace symforge_internal {
@@ -29,6 +31,26 @@ StreamReader ModuleStream::openModule() const {
 uint64_t ModuleStream::streamBytes() const {
   const auto number = static_cast<size_t>(int64_t{m_info->stream});
   return uint64_t{m_file->pages().pageSize} * m_file->getStream(number).pageIndices.size();
+}
+
+// Moves to a record of one of `kinds` or of kind 0, or to one that its run of pages does not
+// include as a whole. False when the symbols end before that.
+bool ModuleStream::skipOthers(StreamReader& reader, uint32_t end, const SymbolKinds& kinds) {
+  const uint8_t* const begin = reader.getData();
+  const size_t inRun = reader.available();
+  const size_t left = end - reader.getOffset();
+  size_t at = 0;
+  while (at + sizeof(SymbolHeader) <= inRun) {
+    SymbolHeader header;
+    std::memcpy(&header, begin + at, sizeof(header));
+    if (header.type == S_NONE || kinds.has(header.type)) break;
+    const size_t next = at + sizeof(header.size) + header.size;
+    if (next >= left) return false;
+    if (next >= inRun) break;
+    at = next;
+  }
+  reader.seek(reader.getOffset() + static_cast<uint32_t>(at));
+  return true;
 }
 
 void ModuleStream::readModule(int32_t kind, const ModuleReadCB& visit) const {

@@ -2,7 +2,7 @@
 // which is skipped, and C13 subsections (lines, file checksums, inlinee lines).
 //
 //   module.forEachSymbol(
-//       [](const SymbolHeader& symbol, StreamReader& body, uint32_t offset) {...});
+//       kinds, [](const SymbolHeader& symbol, StreamReader& body, uint32_t offset) {...});
 //   module.readModule(kLinesSubsection, [](StreamReader& payload, uint32_t end) {...});
 
 #pragma once
@@ -47,17 +47,17 @@ class ModuleStream {
   // What is left of the limits of the module's file.
   FileBudget& budget() const { return m_file->budget(); }
 
-  // Calls visit(const SymbolHeader&, StreamReader& body, uint32_t offset) for each symbol record,
-  // in stream order: the header is at `offset`, `body` is at the byte after it and can be left at
-  // any position. Stops at a symbol of kind 0.
+  // Calls visit(const SymbolHeader&, StreamReader& body, uint32_t offset) for each symbol record of
+  // one of `kinds`, and for some others, in stream order: the header is at `offset`, `body` is at
+  // the byte after it and can be left at any position. Stops at a symbol of kind 0.
   template <typename Visitor>
-  void forEachSymbol(Visitor&& visit) const {
+  void forEachSymbol(SymbolKinds kinds, Visitor&& visit) const {
     StreamReader reader = openModule();
     // cbSyms counts the signature too, so the limit is 4 bytes past the symbols; in sound files a
     // symbol of kind 0 or the last one ends the walk.
     budget().symbols.spend(std::min<uint64_t>(m_info->cbSyms, streamBytes()));
     const uint32_t end = m_info->cbSyms + reader.getOffset();
-    while (reader.getOffset() < end) {
+    while (reader.getOffset() < end && skipOthers(reader, end, kinds)) {
       const DataPtr<SymbolHeader> header = reader.read<SymbolHeader>();
       const uint32_t body = reader.getOffset();
       const uint32_t next = body - sizeof(SymbolHeader::type) + header->size;
@@ -75,6 +75,7 @@ class ModuleStream {
 
  private:
   StreamReader openModule() const;
+  static bool skipOthers(StreamReader& reader, uint32_t end, const SymbolKinds& kinds);
   // Bytes of the stream's pages.
   uint64_t streamBytes() const;
 

@@ -10,11 +10,12 @@ namespace {
 
 constexpr uint32_t kLastOpcode = BA_OP_ChangeColumnEnd;
 constexpr uint32_t kUndecodable = 0xFFFFFFFF;
+constexpr uint32_t kNoEntry = 0xFFFFFFFF;  // the offset of no file checksum
 
 class RowBuilder {
  public:
-  RowBuilder(const AnnotationStart& start, std::vector<AnnotationRow>& rows)
-      : m_start(start), m_rows(rows), m_file(start.file), m_line(start.line) {}
+  RowBuilder(const AnnotationStart& start, const AnnotationFiles& files, std::vector<CodeRow>& rows)
+      : m_start(start), m_files(files), m_rows(rows), m_file(start.file), m_line(start.line) {}
 
   // Applies one annotation, whose second operand only one opcode has. False for an opcode that does
   // not exist.
@@ -26,16 +27,22 @@ class RowBuilder {
     m_code = code;
     endRow(code);
     if (m_chunk != m_start.chunk || code >= m_start.chunkSize) return;
-    m_row = {code, code, m_file, m_line};
+    m_row = {code, code, {m_file, m_line}};
     m_open = true;
   }
   // Ends the row that has no length yet.
   [[gnu::always_inline]] void endRow(uint32_t end) {
-    if (m_open && end > m_row.start) {
-      m_row.end = std::min(end, m_start.chunkSize);
-      m_rows.push_back(m_row);
-    }
+    if (m_open && end > m_row.start) addRow(std::min(end, m_start.chunkSize));
     m_open = false;
+  }
+  [[gnu::always_inline]] void addRow(uint32_t end) {
+    if (m_row.place.file != m_foundFor) find(m_row.place.file);
+    const SourcePlace place = {m_found, m_found == kNoFile ? 0 : m_row.place.line};
+    m_rows.push_back({m_row.start, end, place});
+  }
+  void find(uint32_t file) {
+    m_foundFor = file;
+    m_found = m_files(file);
   }
   [[gnu::always_inline]] void setLength(uint32_t length) {
     const uint64_t end = uint64_t{m_row.start} + length;
@@ -43,13 +50,16 @@ class RowBuilder {
   }
 
   const AnnotationStart& m_start;
-  std::vector<AnnotationRow>& m_rows;
+  const AnnotationFiles& m_files;
+  std::vector<CodeRow>& m_rows;
   uint32_t m_file;
   uint32_t m_line;
   uint32_t m_code = 0;
   uint32_t m_chunk = 0;
-  AnnotationRow m_row;
-  bool m_open = false;  // m_row waits for its end
+  uint32_t m_foundFor = kNoEntry;
+  uint32_t m_found = kNoFile;  // the file of the entry m_foundFor
+  CodeRow m_row;               // its file is that of the annotations
+  bool m_open = false;         // m_row waits for its end
 };
 
 inline bool RowBuilder::apply(uint32_t opcode, uint32_t operand, uint32_t second) {
@@ -92,8 +102,8 @@ inline bool RowBuilder::apply(uint32_t opcode, uint32_t operand, uint32_t second
 }  // namespace
 
 bool appendAnnotationRows(const uint8_t* bytes, size_t size, const AnnotationStart& start,
-                          std::vector<AnnotationRow>& rows) {
-  RowBuilder builder(start, rows);
+                          const AnnotationFiles& files, std::vector<CodeRow>& rows) {
+  RowBuilder builder(start, files, rows);
   const uint8_t* at = bytes;
   const uint8_t* const end = bytes + size;
   bool sound = true;

@@ -11,21 +11,16 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <vector>
+
+#include "symforge/src/standard/code_row.h"
 
 namespace symforge_internal {
 
-// A row as the annotations have it.
-struct AnnotationRow {
-  uint32_t start = 0;  // bytes from the start of the function
-  uint32_t end = 0;
-  uint32_t file = 0;  // offset of the file's entry in the module's file checksums
-  uint32_t line = 0;
-};
-
 // What an inline site begins with, and which part of its code is asked for.
 struct AnnotationStart {
-  uint32_t file = 0;
+  uint32_t file = 0;  // offset of the file's entry in the module's file checksums
   uint32_t line = 0;
   // 0: the function's main code; n: the n-th part that the compiler separated from it. Offsets of
   // such a part count from its own start.
@@ -33,10 +28,13 @@ struct AnnotationStart {
   uint32_t chunkSize = 0;  // bytes of that part; no row goes beyond it
 };
 
+// The source file whose entry is at an offset of the module's file checksums, or kNoFile.
+using AnnotationFiles = std::function<uint32_t(uint32_t entry)>;
+
 // Appends the rows of a site in the order of the annotations. Rows without code are left out.
 // `bytes` has kAnnotationSlack readable bytes following it. Annotations that cannot be decoded end
-// the rows, and false is returned.
+// the rows, and false is returned. Throws what `files` throws.
 bool appendAnnotationRows(const uint8_t* bytes, size_t size, const AnnotationStart& start,
-                          std::vector<AnnotationRow>& rows);
+                          const AnnotationFiles& files, std::vector<CodeRow>& rows);
 
 }  // namespace symforge_internal

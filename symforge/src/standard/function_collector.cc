@@ -7,11 +7,8 @@ namespace symforge_internal {
 
 namespace {
 
-// Whether a record adds a function or a part of one.
-bool isCode(const SymbolHeader& symbol) {
-  const uint16_t type = symbol.type;
-  return type == S_LPROC32 || type == S_GPROC32 || type == S_THUNK32 || type == S_SEPCODE;
-}
+constexpr SymbolKinds kKinds{S_LPROC32,    S_GPROC32,     S_THUNK32,       S_SEPCODE,
+                             S_INLINESITE, S_INLINESITE2, S_INLINESITE_END};
 
 }  // namespace
 
@@ -70,39 +67,43 @@ void FunctionCollector::join(std::span<FunctionCollector> parts) {
 
 void FunctionCollector::collectModule(const ModuleStream& module, uint32_t number) {
   try {
-    m_inFunction = false;
-    module.forEachSymbol([&](const SymbolHeader& symbol, StreamReader& body, uint32_t offset) {
-      if (isCode(symbol)) module.budget().functions.spend(1);
-      addSymbol(symbol, body, offset, number);
-    });
+    m_takesSites = false;
+    module.forEachSymbol(kKinds,
+                         [&](const SymbolHeader& symbol, StreamReader& body, uint32_t offset) {
+                           addSymbol(symbol, body, offset, module.budget(), number);
+                         });
     collectLines(module, number);
   } catch (const pdb_exception&) {
     ++m_damaged;
   }
+  endFunction();
 }
 
 void FunctionCollector::addSymbol(const SymbolHeader& symbol, StreamReader& body, uint32_t offset,
-                                  uint32_t module) {
+                                  FileBudget& budget, uint32_t module) {
   switch (symbol.type) {
     case S_LPROC32:
     case S_GPROC32: {
+      budget.functions.spend(1);
       const DataPtr<ProcSym32> procedure = body.read<ProcSym32>();
       CollectedFunction* function = addFunction(procedure->seg, procedure->off, module, body);
-      m_inFunction = function != nullptr;
+      m_takesSites = m_withInlines && function != nullptr;
       if (function == nullptr) break;
       function->length = procedure->len;
       function->typeIndex = procedure->typind;
       break;
     }
     case S_THUNK32: {
+      budget.functions.spend(1);
       const DataPtr<ThunkSym32> thunk = body.read<ThunkSym32>();
       CollectedFunction* function = addFunction(thunk->seg, thunk->off, module, body);
-      m_inFunction = false;
+      m_takesSites = false;
       if (function == nullptr) break;
       function->length = thunk->parent != 0 ? uint32_t{thunk->len} : 0;
       break;
     }
     case S_SEPCODE: {
+      budget.functions.spend(1);
       const DataPtr<SepCodeSym> part = body.read<SepCodeSym>();
       if (!m_sections.hasSection(part->sec) || !m_sections.hasSection(part->parentSec)) break;
       m_separated.push_back({m_sections.sectionBase(part->sec) + part->off, part->length,
@@ -111,10 +112,10 @@ void FunctionCollector::addSymbol(const SymbolHeader& symbol, StreamReader& body
     }
     case S_INLINESITE:
     case S_INLINESITE2:
-      addSite(offset);
+      if (m_takesSites) m_sites.push_back(offset);
       break;
     case S_INLINESITE_END:
-      addSite(kSiteEnd);
+      if (m_takesSites) m_sites.push_back(kSiteEnd);
       break;
   }
 }
@@ -124,6 +125,7 @@ CollectedFunction* FunctionCollector::addFunction(uint32_t section, uint32_t off
                                                   uint32_t module, StreamReader& body) {
   if (!m_sections.hasSection(section)) return nullptr;
   DataPtr<char> name = body.readString();
+  endFunction();
   CollectedFunction& function = m_functions.emplace_back();
   function.name = std::move(name);
   function.rva = m_sections.sectionBase(section) + offset;
@@ -133,10 +135,10 @@ CollectedFunction* FunctionCollector::addFunction(uint32_t section, uint32_t off
 }
 
 // Inline sites belong to the last procedure before them; its end is not looked at.
-void FunctionCollector::addSite(uint32_t entry) {
-  if (!m_withInlines || !m_inFunction) return;
-  m_sites.push_back(entry);
-  ++m_functions.back().siteCount;
+void FunctionCollector::endFunction() {
+  if (m_functions.empty()) return;
+  CollectedFunction& last = m_functions.back();
+  last.siteCount = static_cast<uint32_t>(m_sites.size()) - last.firstSite;
 }
 
 void FunctionCollector::collectLines(const ModuleStream& module, uint32_t number) {

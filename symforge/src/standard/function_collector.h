@@ -85,10 +85,11 @@ class FunctionCollector {
 
  private:
   void collectModule(const ModuleStream& module, uint32_t number);
-  void addSymbol(const SymbolHeader& symbol, StreamReader& body, uint32_t offset, uint32_t module);
+  void addSymbol(const SymbolHeader& symbol, StreamReader& body, uint32_t offset,
+                 FileBudget& budget, uint32_t module);
   CollectedFunction* addFunction(uint32_t section, uint32_t offset, uint32_t module,
                                  StreamReader& body);
-  void addSite(uint32_t entry);
+  void endFunction();
   void collectLines(const ModuleStream& module, uint32_t number);
 
   const SectionMap& m_sections;
@@ -97,7 +98,7 @@ class FunctionCollector {
   std::vector<SeparatedCode> m_separated;
   std::vector<uint32_t> m_sites;
   std::vector<std::vector<LineBlock>> m_lines;  // by module
-  bool m_inFunction = false;                    // the last function takes inline sites
+  bool m_takesSites = false;                    // sites are those of the last function
   uint32_t m_damaged = 0;
   uint32_t m_empty = 0;
 };

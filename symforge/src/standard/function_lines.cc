@@ -16,9 +16,10 @@ void LinePrinter::print(const FunctionLines& function, TextBuffer& out) {
 
 void LinePrinter::printCalls(const FunctionLines& function, TextBuffer& out) {
   for (const InlinedCall& call : function.calls) {
-    m_ranges.clear();
-    for (const InlineRange& range : function.ranges.subspan(call.firstRange, call.rangeCount)) {
-      m_ranges.push_back({function.rva + range.start, range.end - range.start});
+    m_ranges.resize(call.rangeCount);
+    for (uint32_t i = 0; i < call.rangeCount; ++i) {
+      const InlineRange& range = function.ranges[call.firstRange + i];
+      m_ranges[i] = {function.rva + range.start, range.end - range.start};
     }
     append_line(
         out, InlineCallFields{call.depth, call.caller.line, m_files.number(function.fileOf(call)),
@@ -31,10 +32,7 @@ void LinePrinter::printRows(const FunctionLines& function, TextBuffer& out) {
   char* const begin = out.prepare(kMaxRecordBytes * function.rows.size());
   char* at = begin;
   for (const CodeRow& row : function.rows) {
-    at = put_hex(at, function.rva + row.start);
-    *at++ = ' ';
-    at = put_hex(at, row.end - row.start);
-    *at++ = ' ';
+    at = put_hex_pair(at, function.rva + row.start, row.end - row.start);
     at = put_dec(at, row.place.line);
     at = m_files.appendEnding(row.place.file, at);
   }

@@ -24,6 +24,7 @@ FunctionReader::FunctionReader(const FunctionSources& sources, FileNumbers& file
                                InlineOrigins& origins)
     : m_sources(sources),
       m_files(files),
+      m_annotationFiles([this](uint32_t entry) { return m_files.find(m_function->module, entry); }),
       m_origins(origins),
       m_lineBlocks(sources.collector),
       m_calls(maxRanges(sources.file), limits::kInlineRanges.of(sources.file.pages().length)) {}
@@ -164,11 +165,10 @@ void FunctionReader::openSite(const PlacedFunction& function, uint32_t symbol) {
       header->type == S_INLINESITE2 ? sizeof(CV_InlineSite2) : sizeof(CV_InlineSite);
   const uint32_t fixed = body + sizeof(SymbolHeader::type);
   const uint32_t size = header->size > fixed ? header->size - fixed : 0;
-  const uint32_t inlinee = reader.read<CV_InlineSite>(body)->inlinee;
-  DataPtr<uint8_t> annotations;
-  if (size != 0) annotations = reader.read<uint8_t>(size);
+  const DataPtr<CV_InlineSite> site = reader.read<CV_InlineSite>(body + size);
+  const uint8_t* const annotations = reinterpret_cast<const uint8_t*>(site.data) + body;
 
-  const Callee& callee = findCallee(inlinee);
+  const Callee& callee = findCallee(site->inlinee);
   const bool unnamed = callee.origin == InlineOrigins::kUnnamed;
   if (unnamed || m_calls.full()) {
     m_calls.openLeftOut();
@@ -177,11 +177,9 @@ void FunctionReader::openSite(const PlacedFunction& function, uint32_t symbol) {
   }
   m_calls.open(callee.origin);
   const AnnotationStart start{callee.file, callee.line, function.chunk, function.linkedSize};
-  m_annotationRows.clear();
-  if (!appendAnnotationRows(annotations.data, size, start, m_annotationRows)) {
-    ++m_counts.damagedBlocks;
-  }
-  for (const AnnotationRow& row : m_annotationRows) addRow(function, row);
+  m_calls.addRows([&](std::vector<CodeRow>& rows) {
+    if (!appendSiteRows(function, {annotations, size}, start, rows)) ++m_counts.damagedBlocks;
+  });
 }
 
 // Functions of one module mostly follow each other, and name the same callees.
@@ -198,18 +196,24 @@ const FunctionReader::Callee& FunctionReader::findCallee(uint32_t inlinee) {
   return m_callees.values()[m_callees.insert(inlinee, Callee(callee))];
 }
 
-void FunctionReader::addRow(const PlacedFunction& function, const AnnotationRow& row) {
-  CodeRow code{row.start, row.end, {m_files.find(m_function->module, row.file), row.line}};
-  if (!code.place.known()) code.place.line = 0;
-  if (m_anyFile == kNoFile) m_anyFile = code.place.file;
-  if (!m_sources.sections.isRewritten()) {
-    m_calls.addRow(code);
-    return;
+// Appends the rows that the annotations of a site describe. False if there is an invalid one.
+bool FunctionReader::appendSiteRows(const PlacedFunction& function,
+                                    std::span<const uint8_t> annotations,
+                                    const AnnotationStart& start, std::vector<CodeRow>& rows) {
+  const bool moved = m_sources.sections.isRewritten();
+  std::vector<CodeRow>& linked = moved ? m_linkedRows : rows;
+  if (moved) linked.clear();
+  const size_t first = linked.size();
+  const bool valid = appendAnnotationRows(annotations.data(), annotations.size(), start,
+                                          m_annotationFiles, linked);
+  for (size_t i = first; m_anyFile == kNoFile && i < linked.size(); ++i) {
+    m_anyFile = linked[i].place.file;
   }
-  m_movedSite.clear();
-  appendMovedRow(m_sources.sections, function, code, m_sources.file.budget().movedParts,
-                 m_movedSite);
-  for (const CodeRow& moved : m_movedSite) m_calls.addRow(moved);
+  for (size_t i = 0; moved && i < linked.size(); ++i) {
+    appendMovedRow(m_sources.sections, function, linked[i], m_sources.file.budget().movedParts,
+                   rows);
+  }
+  return valid;
 }
 
 }  // namespace symforge_internal

@@ -44,6 +44,8 @@ class FunctionReader {
  public:
   // `files` and `origins` must outlive this; what it finds refers to them.
   FunctionReader(const FunctionSources& sources, FileNumbers& files, InlineOrigins& origins);
+  FunctionReader(const FunctionReader&) = delete;
+  FunctionReader& operator=(const FunctionReader&) = delete;
 
   // Appends the FUNC line of the function at a position of the list to `out`, and returns what
   // follows it. Lines and inline sites that cannot be read are left out. The result is valid until
@@ -81,11 +83,13 @@ class FunctionReader {
   void readLineBlock(const PlacedFunction& function, const LineBlock& block);
   bool readInlineCalls(const PlacedFunction& function);
   void openSite(const PlacedFunction& function, uint32_t symbol);
-  void addRow(const PlacedFunction& function, const AnnotationRow& row);
+  bool appendSiteRows(const PlacedFunction& function, std::span<const uint8_t> annotations,
+                      const AnnotationStart& start, std::vector<CodeRow>& rows);
   StreamReader& readerOf(ModuleReader& of, uint32_t module) const;
 
   const FunctionSources m_sources;
   FileNumbers& m_files;
+  const AnnotationFiles m_annotationFiles;  // of the module of m_function
   InlineOrigins& m_origins;
   StandardCounts m_counts;
   LineBlockFinder m_lineBlocks;
@@ -99,9 +103,8 @@ class FunctionReader {
   std::string m_printableName;
   LineTable m_table;
   InlineCalls m_calls;
-  std::vector<AnnotationRow> m_annotationRows;
   std::vector<CodeRow> m_moved;
-  std::vector<CodeRow> m_movedSite;
+  std::vector<CodeRow> m_linkedRows;
   uint32_t m_anyFile = kNoFile;
 };
 

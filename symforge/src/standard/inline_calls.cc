@@ -7,6 +7,25 @@
 
 namespace symforge_internal {
 
+namespace {
+
+// Sorts what needs few moves, and gives up on the rest. Sites and their rows mostly come in the
+// order of their addresses.
+bool sortNearlySorted(uint64_t* values, size_t count) {
+  size_t moves = 8 * count;
+  for (size_t i = 1; i < count; ++i) {
+    const uint64_t value = values[i];
+    size_t at = i;
+    for (; at != 0 && values[at - 1] > value; --at) values[at] = values[at - 1];
+    values[at] = value;
+    if (i - at > moves) return false;
+    moves -= i - at;
+  }
+  return true;
+}
+
+}  // namespace
+
 void InlineCalls::begin(uint32_t size) {
   m_size = size;
   m_sites.assign(1, Site());
@@ -27,76 +46,112 @@ void InlineCalls::throwTooMany() {
   throw pdb_exception("Inlined calls are cut into too many ranges");
 }
 
+// The rows from `first` on are those of the site that was opened last.
+void InlineCalls::linkRows(size_t first) {
+  const size_t count = m_rows.size();
+  if (count > m_maxParts) throwTooMany();
+  if (m_links.size() < count) m_links.resize(2 * count);
+  RowLink* const links = m_links.data();
+  const auto site = static_cast<uint32_t>(m_sites.size()) - 1;
+  for (size_t i = first; i < count; ++i) links[i] = {site, kNone};
+}
+
 // By start, and those that start together in the order in which they were added.
 void InlineCalls::sortRows() {
-  m_nextRow = 0;
-  m_order.resize(m_rows.size());
+  const size_t count = m_rows.size();
+  m_order.resize(count + 1);
   uint64_t* const order = m_order.data();
-  for (size_t i = 0; i < m_rows.size(); ++i) order[i] = uint64_t{m_rows[i].code.start} << 32 | i;
-  std::sort(m_order.begin(), m_order.end());
+  for (size_t i = 0; i < count; ++i) order[i] = uint64_t{m_rows[i].start} << 32 | i;
+  if (!sortNearlySorted(order, count)) std::sort(order, order + count);
+  order[count] = UINT64_MAX;  // starts after every function
+  m_nextRow = order;
 }
 
-inline uint32_t InlineCalls::nextStart() const {
-  return static_cast<uint32_t>(m_order[m_nextRow] >> 32);
-}
+inline uint32_t InlineCalls::nextStart() const { return static_cast<uint32_t>(*m_nextRow >> 32); }
 
-inline void InlineCalls::openRows(uint32_t at) {
-  while (m_nextRow < m_order.size() && nextStart() <= at) {
-    const auto number = static_cast<uint32_t>(m_order[m_nextRow++]);
-    Row& row = m_rows[number];
-    Site& around = m_sites[m_sites[row.site].parent];
-    row.outer = around.openRow;
+// Opens the rows that start there. Returns how many of the open calls have no new row among the
+// rows of their siblings, or of the siblings of a call around them.
+[[gnu::always_inline]] inline size_t InlineCalls::openRows(uint32_t at) {
+  Site* const sites = m_sites.data();
+  size_t kept = m_depth;
+  while (nextStart() <= at) {
+    const auto number = static_cast<uint32_t>(*m_nextRow++);
+    RowLink& link = m_links[number];
+    const Site& site = sites[link.site];
+    Site& around = sites[site.parent];
+    link.outer = around.openRow;
     around.openRow = number;
+    kept = std::min<size_t>(kept, site.depth);
   }
+  return kept;
+}
+
+// How many of the first `most` open calls go on at an address. The line of the outermost one's
+// caller can have changed.
+inline size_t InlineCalls::keptCalls(size_t most, uint32_t at, const SourcePlace& ownPlace) {
+  while (most != 0 && m_path[most - 1].end <= at) --most;
+  if (most != 0 && m_path[0].caller != ownPlace) {
+    endPiece(m_path[0], at);
+    beginPiece(m_path[0], at, ownPlace);
+  }
+  return most;
 }
 
 // The row that started last among those of the site's children that are open; kNone without one.
-inline uint32_t InlineCalls::innermostRow(Site& site, const Row* rows, uint32_t at) {
-  while (site.openRow != kNone && rows[site.openRow].code.end <= at) {
-    site.openRow = rows[site.openRow].outer;
+inline uint32_t InlineCalls::innermostRow(Site& site, uint32_t at) const {
+  while (site.openRow != kNone && m_rows[site.openRow].end <= at) {
+    site.openRow = m_links[site.openRow].outer;
   }
   return site.openRow;
 }
 
-// Makes m_path the calls around an address, from the function on. `place` is the function's own
-// there and becomes that of the innermost code. Returns up to where, at most `end`, all this is so.
-inline uint32_t InlineCalls::followPath(uint32_t at, uint32_t end, SourcePlace& place) {
+// Makes m_path the calls around an address, from the function on. The first `kept` are those.
+inline void InlineCalls::openCalls(size_t kept, uint32_t at, const SourcePlace& ownPlace) {
   Site* const sites = m_sites.data();
-  const Row* const rows = m_rows.data();
-  size_t depth = 0;
-  for (uint32_t site = 0;;) {
-    const uint32_t number = innermostRow(sites[site], rows, at);
-    if (number == kNone) break;
-    const Row& row = rows[number];
-    end = std::min(end, row.code.end);
-    m_path[depth++] = {row.site, row.code.place.file, place};
-    place = row.code.place;
-    site = row.site;
+  size_t depth = kept;
+  uint32_t site = 0;
+  uint32_t end = m_size;
+  SourcePlace place = ownPlace;
+  if (kept != 0) {
+    const OpenCall& last = m_path[kept - 1];
+    site = last.site;
+    end = last.end;
+    place = last.place;
   }
-  spend(depth + 1);
+  for (;;) {
+    const uint32_t number = innermostRow(sites[site], at);
+    if (number == kNone) break;
+    const CodeRow& row = m_rows[number];
+    site = m_links[number].site;
+    end = std::min(end, row.end);
+    OpenCall& call = m_path[depth];
+    const bool isOpen = depth < m_depth;
+    if (!isOpen || call.site != site || call.caller != place) {
+      if (isOpen) endPiece(call, at);
+      call.site = site;
+      if (sites[site].firstPiece == kNone) sites[site].file = row.place.file;
+      beginPiece(call, at, place);
+    }
+    call.end = end;
+    call.place = place = row.place;
+    ++depth;
+  }
+  for (size_t i = depth; i < m_depth; ++i) endPiece(m_path[i], at);
   m_depth = depth;
-  return end;
 }
 
-inline void InlineCalls::addPiece(const OpenCall& call, uint32_t start, uint32_t end) {
-  Site& site = m_sites[call.site];
-  if (site.lastPiece != kNone) {
-    Piece& last = m_pieces[site.lastPiece];
-    if (last.end == start && last.caller == call.caller) {
-      last.end = end;
-      return;
-    }
-  }
+inline void InlineCalls::beginPiece(OpenCall& call, uint32_t start, const SourcePlace& caller) {
+  call.start = start;
+  call.caller = caller;
+}
+
+[[gnu::always_inline]] inline void InlineCalls::endPiece(const OpenCall& call, uint32_t end) {
   if (m_pieces.size() >= m_maxParts) throwTooMany();
+  Site& site = m_sites[call.site];
   const auto number = static_cast<uint32_t>(m_pieces.size());
-  if (site.lastPiece == kNone) {
-    site.firstPiece = number;
-    site.file = call.file;
-  } else {
-    m_pieces[site.lastPiece].next = number;
-  }
+  (site.lastPiece == kNone ? site.firstPiece : m_pieces[site.lastPiece].next) = number;
   site.lastPiece = number;
-  m_pieces.push_back({start, end, call.caller, kNone});
+  m_pieces.push_back({call.start, end, call.caller, kNone});
 }
 
 // Rows that touch and have one place are parts of what a call was cut into.
@@ -111,19 +166,22 @@ inline void InlineCalls::addLine(uint32_t start, uint32_t end, const SourcePlace
 
 void InlineCalls::resolve(const std::vector<CodeRow>& ownLines) {
   sortRows();
+  m_depth = 0;
   auto own = ownLines.begin();
   for (uint32_t at = 0, end = 0; at < m_size; at = end) {
-    openRows(at);
+    const size_t unchanged = openRows(at);
     while (own != ownLines.end() && own->end <= at) ++own;
     const bool hasLine = own != ownLines.end() && own->start <= at;
-    end = m_size;
+    const SourcePlace ownPlace = hasLine ? own->place : SourcePlace();
+    openCalls(keptCalls(unchanged, at, ownPlace), at, ownPlace);
+    spend(m_depth + 1);
+
+    end = m_depth != 0 ? m_path[m_depth - 1].end : m_size;
     if (own != ownLines.end()) end = std::min(end, hasLine ? own->end : own->start);
-    if (m_nextRow < m_order.size()) end = std::min(end, nextStart());
-    SourcePlace place = hasLine ? own->place : SourcePlace();
-    end = followPath(at, end, place);
-    for (size_t depth = 0; depth < m_depth; ++depth) addPiece(m_path[depth], at, end);
-    addLine(at, end, place);
+    end = std::min(end, nextStart());
+    addLine(at, end, m_depth != 0 ? m_path[m_depth - 1].place : ownPlace);
   }
+  for (size_t i = 0; i < m_depth; ++i) endPiece(m_path[i], m_size);
   for (size_t site = 1; site < m_sites.size(); ++site) addCalls(m_sites[site]);
 }
 

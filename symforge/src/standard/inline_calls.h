@@ -3,7 +3,7 @@
 //
 //   calls.begin(functionSize);
 //   calls.open(origin);              // a site; sites inside of it are opened before it is closed
-//   calls.addRow({start, end, place});
+//   calls.addRows([&](std::vector<CodeRow>& rows) {...});
 //   calls.close();
 //   calls.resolve(lineTable.rows());
 //
@@ -14,9 +14,9 @@
 // Call places: the line of the caller's code at the address of the call. The caller is the function
 // itself for a site of depth 0, and the enclosing site for a deeper one.
 //
-// resolve() walks over the code once and keeps the open sites at the current address, outermost
-// first. It takes the time of sorting the rows, and a step for each open site at each change; these
-// steps are limited for the whole file.
+// resolve() walks over the code once and keeps the calls that are open at the current address,
+// outermost first. It takes the time of sorting the rows, and for each place where a row begins or
+// ends at most a step for each open call; these steps are limited for the whole file.
 
 #pragma once
 
@@ -75,12 +75,14 @@ class InlineCalls {
     const uint32_t parent = m_open.back();
     return parent != 0 && m_sites[parent].depth + 1 == kMaxDepth;
   }
-  // Adds a row to the site that was opened last, in any order. To be called before a further site
-  // is opened. Throws pdb_exception for too many rows.
-  void addRow(const CodeRow& row) {
-    if (row.start >= row.end) return;
-    if (m_rows.size() >= m_maxParts) throwTooMany();
-    m_rows.push_back({row, static_cast<uint32_t>(m_sites.size()) - 1, kNone});
+  // Calls append(rows), which appends the rows of the site that was opened last to a vector, in any
+  // order. Rows without code have no effect. To be called before a further site is opened. Throws
+  // pdb_exception for too many rows, and what append() throws.
+  template <typename Append>
+  void addRows(Append&& append) {
+    const size_t first = m_rows.size();
+    append(m_rows);
+    linkRows(first);
   }
   // Closes the innermost open site; without one it does nothing.
   void close() {
@@ -117,8 +119,8 @@ class InlineCalls {
     uint32_t lastPiece = kNone;
     uint32_t file = kNoFile;  // of its first code
   };
-  struct Row {
-    CodeRow code;
+  // What a row belongs to.
+  struct RowLink {
     uint32_t site = 0;
     uint32_t outer = kNone;  // the row that was open among its siblings when it was opened
   };
@@ -132,16 +134,21 @@ class InlineCalls {
   // A call that is open at the present address.
   struct OpenCall {
     uint32_t site = 0;
-    uint32_t file = kNoFile;
+    uint32_t start = 0;  // of the piece that is open
+    uint32_t end = 0;    // of its row, or of the row of a call around it if that is less
     SourcePlace caller;
+    SourcePlace place;  // of its code
   };
 
+  void linkRows(size_t first);
   void sortRows();
   uint32_t nextStart() const;
-  void openRows(uint32_t at);
-  uint32_t followPath(uint32_t at, uint32_t end, SourcePlace& place);
-  static uint32_t innermostRow(Site& site, const Row* rows, uint32_t at);
-  void addPiece(const OpenCall& call, uint32_t start, uint32_t end);
+  size_t openRows(uint32_t at);
+  size_t keptCalls(size_t most, uint32_t at, const SourcePlace& ownPlace);
+  void openCalls(size_t kept, uint32_t at, const SourcePlace& ownPlace);
+  uint32_t innermostRow(Site& site, uint32_t at) const;
+  void beginPiece(OpenCall& call, uint32_t start, const SourcePlace& caller);
+  void endPiece(const OpenCall& call, uint32_t end);
   void addLine(uint32_t start, uint32_t end, const SourcePlace& place);
   void addCalls(const Site& site);
   void addCall(const Site& site, const Piece* first, const Piece* last);
@@ -153,17 +160,18 @@ class InlineCalls {
   uint32_t m_size = 0;
   std::vector<Site> m_sites;
   std::vector<uint32_t> m_open;  // sites; for one that was left out, the site around it
-  std::vector<Row> m_rows;
+  std::vector<CodeRow> m_rows;
+  std::vector<RowLink> m_links;  // of the rows; can be longer
   std::vector<Piece> m_pieces;
   std::vector<InlinedCall> m_calls;
   std::vector<InlineRange> m_ranges;
   std::vector<CodeRow> m_lines;
 
   // Of the sweep.
-  std::vector<uint64_t> m_order;           // start of a row above its position
-  size_t m_nextRow = 0;                    // in m_order
-  std::array<OpenCall, kMaxDepth> m_path;  // a site is at most that deep
-  size_t m_depth = 0;
+  std::vector<uint64_t> m_order;           // start of a row above its position; at the end a mark
+  const uint64_t* m_nextRow = nullptr;     // in m_order
+  std::array<OpenCall, kMaxDepth> m_path;  // the open calls; a site is at most that deep
+  size_t m_depth = 0;                      // how many there are
   std::vector<Piece> m_sorted;
 };
 
