@@ -64,10 +64,12 @@ class BlockMap {
   BlockMap(BlockMap&& other) noexcept
       : single_(std::exchange(other.single_, nullptr)),
         directory_(std::move(other.directory_)),
+        last_(std::exchange(other.last_, nullptr)),
         size_(std::exchange(other.size_, 0)) {}
   BlockMap& operator=(BlockMap&& other) noexcept {
     std::swap(single_, other.single_);
     std::swap(directory_, other.directory_);
+    std::swap(last_, other.last_);
     std::swap(size_, other.size_);
     return *this;
   }
@@ -93,7 +95,7 @@ class BlockMap {
 
   // The highest key. The map must not be empty.
   Key last_key() const {
-    Block* last = last_block().block_;
+    Block* last = last_ != nullptr ? last_ : last_block().block_;
     return last->keys()[last->count - 1];
   }
 
@@ -117,7 +119,15 @@ class BlockMap {
   }
 
   // Returns false and changes nothing if `key` exists already.
-  bool insert(Key key, Value value);
+  bool insert(Key key, Value value) {
+    if (last_ == nullptr || last_->count == last_->capacity ||
+        last_->keys()[last_->count - 1] >= key) {
+      return insert_anywhere(key, std::move(value));
+    }
+    last_->append(key, std::move(value));
+    ++size_;
+    return true;
+  }
 
   // The writable value of an entry.
   Value& value_at(const const_iterator& it) { return it.block_->values()[it.slot_]; }
@@ -179,6 +189,12 @@ class BlockMap {
         length -= half;
       }
       return static_cast<uint32_t>(first - keys()) + (length == 1 && *first < key ? 1 : 0);
+    }
+
+    void append(Key key, Value&& value) {
+      keys()[count] = key;
+      new (values() + count) Value(std::move(value));
+      ++count;
     }
 
     void insert_at(uint32_t slot, Key key, Value&& value) {
@@ -331,6 +347,7 @@ class BlockMap {
     return position(group, directory_->groups[group]->blocks.size() - 1, 0);
   }
 
+  bool insert_anywhere(Key key, Value value);
   void grow_single();
   void make_directory();
   void split_group(size_t group);
@@ -338,6 +355,7 @@ class BlockMap {
 
   Block* single_ = nullptr;  // the only block, until a directory is needed
   std::unique_ptr<Directory> directory_;
+  Block* last_ = nullptr;  // the block of the highest key after an insertion, else null
   size_t size_ = 0;
 };
 
@@ -345,11 +363,12 @@ template <typename Key, typename Value>
 void BlockMap<Key, Value>::clear() {
   destroy_single(std::exchange(single_, nullptr));
   directory_.reset();
+  last_ = nullptr;
   size_ = 0;
 }
 
 template <typename Key, typename Value>
-bool BlockMap<Key, Value>::insert(Key key, Value value) {
+bool BlockMap<Key, Value>::insert_anywhere(Key key, Value value) {
   const_iterator it;
   if (size_ == 0) {
     if (single_ == nullptr) single_ = create_single(1);
@@ -371,6 +390,7 @@ bool BlockMap<Key, Value>::insert(Key key, Value value) {
   }
   it.block_->insert_at(it.slot_, key, std::move(value));
   ++size_;
+  last_ = last_block().block_;
   return true;
 }
 
@@ -448,6 +468,7 @@ void BlockMap<Key, Value>::split_group(size_t index) {
 template <typename Key, typename Value>
 typename BlockMap<Key, Value>::const_iterator BlockMap<Key, Value>::erase(const_iterator it) {
   it.block_->erase_at(it.slot_);
+  last_ = nullptr;
   --size_;
   if (it.block_->count > 0) return it.slot_ < it.block_->count ? it : next_block(it);
   if (size_ == 0) {

@@ -1,7 +1,6 @@
 #include "base/json_writer.h"
 
 #include <algorithm>
-#include <cmath>
 #include <cstddef>
 
 namespace symforge_internal {
@@ -115,7 +114,7 @@ JsonWriter& JsonWriter::field(std::string_view name, bool value) {
 JsonWriter& JsonWriter::null_field(std::string_view name) { return raw_field(name, "null"); }
 
 JsonWriter& JsonWriter::seconds(std::string_view name, double seconds) {
-  const auto milliseconds = static_cast<uint64_t>(std::llround(std::max(seconds, 0.0) * 1000));
+  const auto milliseconds = static_cast<uint64_t>(std::max(seconds, 0.0) * 1000 + 0.5);
   const std::string digits = std::to_string(1000 + milliseconds % 1000);
   return raw_field(name, std::to_string(milliseconds / 1000) + "." + digits.substr(1));
 }

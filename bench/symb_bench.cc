@@ -263,6 +263,24 @@ void random_access(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations());
 }
 
+// The same with addresses that are known before: as many accesses overlap as the machine allows. No
+// lookup in a large block can be faster than its misses at this rate.
+void parallel_access(benchmark::State& state) {
+  constexpr size_t kLine = 64;
+  const size_t bytes = static_cast<size_t>(state.range(0)) << 20;
+  const symforge_internal::HugePageBlock block(bytes);
+  std::memset(block.data(), 1, bytes);
+  std::mt19937 random(1);
+  std::vector<uint32_t> lines(1 << 20);
+  for (uint32_t& line : lines) line = static_cast<uint32_t>(random() % (bytes / kLine));
+  uint64_t sum = 0;
+  for (auto _ : state) {
+    for (const uint32_t line : lines) sum += static_cast<uint8_t>(block.data()[line * kLine]);
+  }
+  benchmark::DoNotOptimize(sum);
+  state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(lines.size()));
+}
+
 void sizes(benchmark::internal::Benchmark* benchmark) {
   benchmark->ArgNames({"functions", "sites"});
   for (const int functions : {1000, 100000, 1000000}) {
@@ -275,6 +293,7 @@ BENCHMARK(symb_to_text)->Apply(sizes)->Unit(benchmark::kMillisecond);
 BENCHMARK(validate)->Apply(sizes)->Unit(benchmark::kMillisecond);
 BENCHMARK(open)->Apply(sizes);
 BENCHMARK(random_access)->ArgName("MiB")->Arg(256);
+BENCHMARK(parallel_access)->ArgName("MiB")->Arg(256);
 BENCHMARK(make_index)->Apply(sizes)->Unit(benchmark::kMillisecond);
 BENCHMARK(lookup)->Apply(sizes);
 BENCHMARK(lookup_indexed)->Apply(sizes);

@@ -63,6 +63,7 @@ class StringSorter {
     const auto end = keys_.begin() + static_cast<ptrdiff_t>(run.end);
     bool differ = false;
     for (auto key = begin; key != end; ++key) {
+      prefetch(key, end, run.depth);
       key->word = word_at(strings_[key->string], run.depth);
       differ |= key->word != begin->word;
     }
@@ -81,6 +82,14 @@ class StringSorter {
     }
   }
 
+  // The strings of a long run are all over the text.
+  void prefetch(std::vector<SortKey>::const_iterator key, std::vector<SortKey>::const_iterator end,
+                size_t depth) const {
+    if (end - key > 2 * kAhead) __builtin_prefetch(&strings_[key[2 * kAhead].string]);
+    if (end - key > kAhead) __builtin_prefetch(strings_[key[kAhead].string].data() + depth);
+  }
+
+  static constexpr ptrdiff_t kAhead = 12;
   const std::vector<std::string_view>& strings_;
   std::vector<SortKey> keys_;
 };
@@ -129,8 +138,11 @@ void SymbStrings::place(uint64_t table_offset) {
 }
 
 void SymbStrings::write(char* table) const {
-  for (const uint32_t number : order_) {
-    const std::string_view text = distinct_[number];
+  constexpr size_t kAhead = 12;
+  for (size_t i = 0; i < order_.size(); ++i) {
+    if (i + 2 * kAhead < order_.size()) __builtin_prefetch(&distinct_[order_[i + 2 * kAhead]]);
+    if (i + kAhead < order_.size()) __builtin_prefetch(distinct_[order_[i + kAhead]].data());
+    const std::string_view text = distinct_[order_[i]];
     if (!text.empty()) std::memcpy(table, text.data(), text.size());
     table += text.size() + 1;
   }

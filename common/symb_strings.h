@@ -12,6 +12,7 @@
 
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -26,6 +27,18 @@ class SymbStrings {
  public:
   // The string must not contain a NUL byte.
   void add(std::string_view text);
+
+  // Like add(), for a NUL-terminated string that is often added again at the same address.
+  void add_repeated(const char* text) {
+    const auto address = reinterpret_cast<uintptr_t>(text);
+    Recent& recent = recent_[address * kMultiplier >> (64 - kRecentBits)];
+    if (recent.text == text) {
+      references_.push_back(recent.number);
+      return;
+    }
+    add(text);
+    recent = {text, references_.back()};
+  }
 
   // Sorts the strings and assigns their offsets, starting at `table_offset`. Call once, after the
   // last add().
@@ -43,11 +56,19 @@ class SymbStrings {
  private:
   void grow_index();
 
+  static constexpr unsigned kRecentBits = 10;
+  static constexpr uint64_t kMultiplier = 0x9E3779B97F4A7C15;
+  struct Recent {
+    const char* text = nullptr;
+    uint32_t number = 0;
+  };
+
   // A distinct string is identified by its number. The index is a hash table with linear probing. A
   // slot holds the upper half of the hash and the number plus 1, or 0 if it is free.
   const TextHash hash_;
   std::vector<std::string_view> distinct_;
   std::vector<uint64_t> index_;
+  std::array<Recent, size_t{1} << kRecentBits> recent_;
   std::deque<uint32_t> references_;  // numbers in the order of add()
   std::vector<uint32_t> order_;      // numbers in sorted order
   std::vector<uint64_t> offsets_;    // by number

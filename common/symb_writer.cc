@@ -141,7 +141,7 @@ uint64_t ImageWriter::measure_functions() {
     const BasicSourceLineResolver::Function& function = *range.entry();
     strings_.add(function.name);
     const FunctionRecords& records = function.records;
-    for (size_t i = 0; i < records.site_count(); ++i) strings_.add(records.site(i).name);
+    for (size_t i = 0; i < records.site_count(); ++i) strings_.add_repeated(records.site(i).name);
     bytes += sizeof(symb_func_inline) + records.line_count() * sizeof(symb_line) +
              records.site_count() * sizeof(symb_inline);
   }
@@ -335,9 +335,10 @@ void ImageWriter::write_sections() {
 bool symb_write(TextBuffer text, char** out_buffer, size_t* out_buffer_size) {
   SymbHeaderLines info;
   char* const symbol_data = text.data();
+  const size_t symbol_data_size = text.size();
   if (!sym_info_parse(symbol_data, info)) return false;
   Module module("foo");  // any name: the module does not belong to a resolver
-  module.LoadMapInPlace(symbol_data, std::strlen(symbol_data) + 1);
+  module.LoadMapInPlace(symbol_data, symbol_data_size + 1);
   if (info.os.empty() || info.arch.empty()) return false;
 
   ImageWriter writer(info, module);

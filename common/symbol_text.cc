@@ -11,6 +11,7 @@
 
 #include "base/number_cursor.h"
 #include "base/text_hash.h"
+#include "common/line_record_bytes.h"
 #include "common/lookup_limits.h"
 #include "processor/tokenize.h"
 
@@ -251,6 +252,13 @@ bool parse(char* line, char* end, FunctionFields* fields) {
 // ---- Line records -------------------------------------------------------------------------------
 
 bool quick_parse(const char* line, const char* text_end, const char** end, LineFields* fields) {
+  if (text_end - line >= LineRecordBytes::kReadable) {
+    const LineRecordBytes record(line);
+    if (record.parse(fields)) {
+      *end = record.end();
+      return true;
+    }
+  }
   NumberCursor cursor(line, text_end);
   if (!cursor.hex(&fields->address) || !blank_and_hex(cursor, &fields->size) || !cursor.blank() ||
       !cursor.decimal(&fields->line_number) || !cursor.blank() ||

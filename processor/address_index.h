@@ -141,7 +141,7 @@ class AddressIndex {
   [[gnu::always_inline]] static void prefetch_around(const SymbSearch& search, uint64_t position) {
     constexpr ptrdiff_t kLine = 64;
     const char* at = search.records + position * Step::kStride;
-    for (const ptrdiff_t line : {-kLine, ptrdiff_t{0}, kLine, 2 * kLine}) {
+    for (const ptrdiff_t line : {-kLine, ptrdiff_t{0}, kLine}) {
       __builtin_prefetch(at + line);
     }
   }

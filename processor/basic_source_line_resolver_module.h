@@ -75,9 +75,9 @@ class BasicSourceLineResolver::Module : public SourceLineResolverBase::Module {
   // Loads text or, if the data begins with "SYMB", a SYMB block. Text is modified and may be
   // released afterwards. A block must outlive the module. Always returns true.
   bool LoadMapFromMemory(char* memory_buffer, size_t memory_buffer_size) override;
-  // Like LoadMapFromMemory, but the module's strings point into the text, which must outlive the
-  // module and not be changed. Only the lower 32 bits of the numbers of line records and inline
-  // sites are stored, as in SYMB.
+  // Like LoadMapFromMemory, but the text ends at its first NUL, and the module's strings point into
+  // it: it must outlive the module and not be changed. Only the lower 32 bits of the numbers of line
+  // records and inline sites are stored, as in SYMB.
   bool LoadMapInPlace(char* memory_buffer, size_t memory_buffer_size);
   bool IsCorrupt() const override { return bad_lines_.count > 0; }
   BadLines FindBadLines() const override { return bad_lines_; }

@@ -15,6 +15,23 @@ MemAddr saturating_end(MemAddr begin, MemAddr size) {
   return size > UINT64_MAX - begin ? UINT64_MAX : begin + size;
 }
 
+// The first line that starts after `address`; none before `from` does. Takes logarithmic time in
+// its distance from `from`.
+template <typename Lines>
+auto FirstAfter(const Lines& lines, size_t from, MemAddr address) {
+  size_t step = 1;
+  size_t end = from;
+  while (end < lines.size() && lines[end].address <= address) {
+    from = end + 1;
+    end += step;
+    step *= 2;
+  }
+  const auto begin = lines.begin();
+  return std::upper_bound(begin + static_cast<ptrdiff_t>(from),
+                          begin + static_cast<ptrdiff_t>(std::min(end, lines.size())), address,
+                          [](MemAddr value, const auto& line) { return value < line.address; });
+}
+
 }  // namespace
 
 void InlineCallGatherer::Store(const symforge_internal::InlineCallFields& fields) {
@@ -48,29 +65,64 @@ void InlineCallGatherer::Convert(const BasicSourceLineResolver::Function& functi
     own_lines_.push_back(line);
     own_lines_.back().size = std::min(line.size, root.begin - line.address);
   }
-  VisitParts(root, lines, [this](MemAddr begin, MemAddr end, const SourcePosition* position) {
-    if (position != nullptr)
-      own_lines_.push_back({begin, end - begin, position->file, position->line});
-  });
+  size_t next_line = 0;
+  VisitParts(root, lines, &next_line,
+             [this](MemAddr begin, MemAddr end, const SourcePosition* position) {
+               if (position != nullptr)
+                 own_lines_.push_back({begin, end - begin, position->file, position->line});
+             });
   for (const Line& line : lines) {
     if (line.address >= root.end) own_lines_.push_back(line);
   }
 
   for (size_t level = 1; level + 1 < level_starts_.size(); ++level) {
+    next_line = 0;
     for (size_t i = level_starts_[level]; i < level_starts_[level + 1]; ++i) {
-      AddSites(nodes_[i], static_cast<uint32_t>(level - 1), lines);
+      AddSites(nodes_[i], static_cast<uint32_t>(level - 1), lines, &next_line);
     }
   }
-  // Outer sites precede the sites inside them.
-  std::sort(sites_.begin(), sites_.end(), [](const Site& a, const Site& b) {
-    return std::tie(a.function_address, a.caller) < std::tie(b.function_address, b.caller);
+  SortSites();
+}
+
+// Outer sites precede the sites inside them. No two have the same address and depth.
+void InlineCallGatherer::SortSites() {
+  if (level_starts_.size() <= 3) return;  // one level, which is in order
+  keys_.clear();
+  for (size_t i = 0; i < sites_.size(); ++i) {
+    keys_.push_back({sites_[i].function_address, static_cast<uint32_t>(sites_[i].caller),
+                     static_cast<uint32_t>(i)});
+  }
+  std::sort(keys_.begin(), keys_.end(), [](const SiteKey& a, const SiteKey& b) {
+    return std::tie(a.address, a.depth) < std::tie(b.address, b.depth);
   });
+  unsorted_sites_.swap(sites_);
+  sites_.clear();
+  for (const SiteKey& key : keys_) sites_.push_back(unsorted_sites_[key.index]);
+}
+
+// By depth and first address; equal ones keep their order. The ranges of one depth usually are in
+// order.
+void InlineCallGatherer::SortRanges() {
+  depth_starts_.assign(1, 0);
+  for (const Range& range : ranges_) {
+    if (range.depth + 2 > depth_starts_.size()) depth_starts_.resize(range.depth + 2);
+    ++depth_starts_[range.depth + 1];
+  }
+  for (size_t i = 1; i < depth_starts_.size(); ++i) depth_starts_[i] += depth_starts_[i - 1];
+  unsorted_ranges_.swap(ranges_);
+  ranges_.resize(unsorted_ranges_.size());
+  for (const Range& range : unsorted_ranges_) ranges_[depth_starts_[range.depth]++] = range;
+  const auto before = [](const Range& a, const Range& b) { return a.begin < b.begin; };
+  auto first = ranges_.begin();
+  for (size_t depth = 0; depth + 1 < depth_starts_.size(); ++depth) {
+    const auto end = ranges_.begin() + static_cast<ptrdiff_t>(depth_starts_[depth]);
+    if (!std::is_sorted(first, end, before)) std::stable_sort(first, end, before);
+    first = end;
+  }
 }
 
 void InlineCallGatherer::BuildTree(const BasicSourceLineResolver::Function& function) {
-  std::stable_sort(ranges_.begin(), ranges_.end(), [](const Range& a, const Range& b) {
-    return std::tie(a.depth, a.begin) < std::tie(b.depth, b.begin);
-  });
+  SortRanges();
   nodes_.clear();
   nodes_.push_back({function.address, saturating_end(function.address, function.size), 0});
   level_starts_ = {0, 1};
@@ -115,14 +167,14 @@ void InlineCallGatherer::AddLevel(std::span<const Range> ranges, size_t first_pa
 
 // Calls `visit(begin, end, position)` for the parts of a node in ascending order: its children with
 // the call positions, and the gaps between them with the positions of the lines. `position` is null
-// where there is no line.
+// where there is no line. No line before `*next_line` starts after the node's first address; it is
+// set likewise for a following node of the same level.
 template <typename Visit>
 void InlineCallGatherer::VisitParts(const Node& node, std::span<const Line> lines,
-                                    Visit visit) const {
+                                    size_t* next_line, Visit visit) const {
   const auto visit_lines = [&](MemAddr begin, MemAddr end) {
-    auto line = std::upper_bound(
-        lines.begin(), lines.end(), begin,
-        [](MemAddr address, const Line& other) { return address < other.address; });
+    auto line = FirstAfter(lines, *next_line, begin);
+    *next_line = static_cast<size_t>(line - lines.begin());
     if (line != lines.begin() && begin - (line - 1)->address < (line - 1)->size) --line;
     while (begin < end) {
       const bool has_line = line != lines.end() && line->address < end;
@@ -146,9 +198,10 @@ void InlineCallGatherer::VisitParts(const Node& node, std::span<const Line> line
   visit_lines(at, node.end);
 }
 
-void InlineCallGatherer::AddSites(const Node& node, uint32_t depth, std::span<const Line> lines) {
+void InlineCallGatherer::AddSites(const Node& node, uint32_t depth, std::span<const Line> lines,
+                                  size_t* next_line) {
   const size_t first = sites_.size();
-  VisitParts(node, lines, [&](MemAddr begin, MemAddr end, const SourcePosition* known) {
+  VisitParts(node, lines, next_line, [&](MemAddr begin, MemAddr end, const SourcePosition* known) {
     const SourcePosition position = known != nullptr ? *known : SourcePosition{kNoFile, 0};
     if (sites_.size() > first) {
       Site& last = sites_.back();

@@ -70,6 +70,12 @@ class InlineCallGatherer {
     uint32_t depth;
     uint32_t call;  // index into calls_
   };
+  // What sites are sorted by, and the position of the site.
+  struct SiteKey {
+    MemAddr address;
+    uint32_t depth;
+    uint32_t index;
+  };
   // A repaired range, or the function itself. Its children are adjacent.
   struct Node {
     MemAddr begin;
@@ -82,8 +88,11 @@ class InlineCallGatherer {
   void BuildTree(const BasicSourceLineResolver::Function& function);
   void AddLevel(std::span<const Range> ranges, size_t first_parent, size_t end_parent);
   template <typename Visit>
-  void VisitParts(const Node& node, std::span<const Line> lines, Visit visit) const;
-  void AddSites(const Node& node, uint32_t depth, std::span<const Line> lines);
+  void VisitParts(const Node& node, std::span<const Line> lines, size_t* next_line,
+                  Visit visit) const;
+  void AddSites(const Node& node, uint32_t depth, std::span<const Line> lines, size_t* next_line);
+  void SortRanges();
+  void SortSites();
 
   std::vector<Call> calls_;
   std::vector<Range> ranges_;
@@ -91,6 +100,11 @@ class InlineCallGatherer {
   std::vector<size_t> level_starts_;  // indexes into nodes_: the start of each level, and the end
   std::vector<Line> own_lines_;
   std::vector<Site> sites_;
+  // Scratch memory.
+  std::vector<Range> unsorted_ranges_;
+  std::vector<size_t> depth_starts_;
+  std::vector<Site> unsorted_sites_;
+  std::vector<SiteKey> keys_;
 };
 
 }  // namespace google_breakpad

@@ -11,34 +11,71 @@ namespace google_breakpad {
 using symforge_internal::NestedRangeStack;
 using symforge_internal::RangeNesting;
 
-// Falls back to the range map. Also called for invalid ranges, which the map rejects; it logs a
-// line for one that exceeds the largest address.
+namespace {
+
+// Lines of a function that are kept until it ends, overlapping ones too. It bounds their memory.
+constexpr size_t kMostUnsorted = size_t{1} << 16;
+
+bool starts_before(const LineGatherer::Line& a, const LineGatherer::Line& b) {
+  return a.address < b.address;
+}
+
+}  // namespace
+
+// Also called for invalid ranges, which the range map rejects; it logs a line for one that exceeds
+// the largest address. Valid lines are sorted when the function ends, and only if some overlap
+// does the map decide which are kept.
 void LineGatherer::StoreOutOfOrder(const Line& line) {
-  if (ordered_) {
-    ordered_ = false;
-    for (uint32_t i = 0; i < lines_.size(); ++i) {
-      by_range_.StoreRange(lines_[i].address, lines_[i].size, i);
-    }
+  const bool valid = line.size > 0 && line.address + (line.size - 1) >= line.address;
+  if (state_ != State::kRanges && valid && lines_.size() < kMostUnsorted) {
+    state_ = State::kUnsorted;
+    lines_.push_back(line);
+    return;
   }
+  UseRanges();
   if (by_range_.StoreRange(line.address, line.size, static_cast<uint32_t>(lines_.size()))) {
     lines_.push_back(line);
   }
 }
 
+// Stores all lines in the range map, and drops those that it rejects.
+void LineGatherer::UseRanges() {
+  if (state_ == State::kRanges) return;
+  state_ = State::kRanges;
+  uint32_t kept = 0;
+  for (const Line& line : lines_) {
+    if (by_range_.StoreRange(line.address, line.size, kept)) lines_[kept++] = line;
+  }
+  lines_.resize(kept);
+}
+
+// Returns false and changes nothing if some lines overlap.
+bool LineGatherer::SortDisjoint() {
+  sorted_ = lines_;
+  std::sort(sorted_.begin(), sorted_.end(), starts_before);
+  for (size_t i = 1; i < sorted_.size(); ++i) {
+    if (sorted_[i].address - sorted_[i - 1].address < sorted_[i - 1].size) return false;
+  }
+  lines_.swap(sorted_);
+  return true;
+}
+
 const std::vector<LineGatherer::Line>& LineGatherer::Sorted() {
-  if (ordered_) return lines_;
-  by_range_.Clear();
-  ordered_ = true;
-  // The lines are disjoint, so no two addresses are equal.
-  std::sort(lines_.begin(), lines_.end(),
-            [](const Line& a, const Line& b) { return a.address < b.address; });
+  if (state_ == State::kUnsorted && !SortDisjoint()) UseRanges();
+  if (state_ == State::kRanges) {
+    by_range_.Clear();
+    // The lines are disjoint, so no two addresses are equal.
+    std::sort(lines_.begin(), lines_.end(), starts_before);
+  }
+  state_ = State::kOrdered;
+  last_high_ = lines_.empty() ? 0 : lines_.back().address + (lines_.back().size - 1);
   return lines_;
 }
 
 void LineGatherer::Clear() {
   lines_.clear();
-  if (!ordered_) by_range_.Clear();
-  ordered_ = true;
+  if (state_ == State::kRanges) by_range_.Clear();
+  state_ = State::kOrdered;
 }
 
 void InlineGatherer::Store(const InlineFunction& site, std::string_view name) {

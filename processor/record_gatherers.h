@@ -33,6 +33,8 @@ class LineGatherer {
 
  private:
   void StoreOutOfOrder(const Line& line);
+  void UseRanges();
+  bool SortDisjoint();
 
   // The range of a line in 12 bytes.
   class LineRange {
@@ -49,20 +51,28 @@ class LineGatherer {
   };
 
   std::vector<Line> lines_;
-  bool ordered_ = true;                              // lines_ is ascending and by_range_ is empty
-  RangeMap<MemAddr, uint32_t, LineRange> by_range_;  // otherwise: the ranges of lines_
+  MemAddr last_high_ = 0;  // the last address of the last line, while kOrdered
+  enum class State {
+    kOrdered,   // lines_ is ascending and disjoint
+    kUnsorted,  // lines_ has all lines, in the order of Store(); none is invalid
+    kRanges,    // lines_ has the lines that by_range_ has accepted
+  };
+  State state_ = State::kOrdered;
+  std::vector<Line> sorted_;                         // scratch memory
+  RangeMap<MemAddr, uint32_t, LineRange> by_range_;  // ranges of lines_; empty before kRanges
 };
 
-inline void LineGatherer::Store(const Line& line) {
+[[gnu::always_inline]] inline void LineGatherer::Store(const Line& line) {
   const MemAddr high = line.address + line.size - 1;
   const bool valid = line.size > 0 && high >= line.address;
-  if (!ordered_ || !valid) {
+  if (state_ != State::kOrdered || !valid) {
     StoreOutOfOrder(line);
     return;
   }
   // Compares last addresses, because the address after a line may overflow.
-  if (lines_.empty() || line.address > lines_.back().address + (lines_.back().size - 1)) {
+  if (line.address > last_high_ || lines_.empty()) {
     lines_.push_back(line);
+    last_high_ = high;
   } else if (high < lines_.back().address) {
     StoreOutOfOrder(line);
   }

@@ -48,6 +48,7 @@ class StringStorage {
   }
 
   Arena& arena() { return arena_; }
+  bool in_text() const { return in_text_; }
 
  private:
   static constexpr unsigned kRecentBits = 8;

@@ -1,9 +1,13 @@
 #include "processor/text_module_loader.h"
 
+#include <emmintrin.h>
+
+#include <bit>
 #include <cstring>
 #include <new>
 #include <utility>
 
+#include "common/line_record_bytes.h"
 #include "processor/logging.h"
 
 namespace google_breakpad {
@@ -15,6 +19,7 @@ using symforge_internal::InlineCallFields;
 using symforge_internal::InlineFields;
 using symforge_internal::InlineOriginFields;
 using symforge_internal::LineFields;
+using symforge_internal::LineRecordBytes;
 using symforge_internal::PublicFields;
 using symforge_internal::StackCFIFields;
 using symforge_internal::StackWinFields;
@@ -27,6 +32,9 @@ constexpr uint64_t kMaxErrorsPrinted = 10;
 constexpr char kOmittedName[] = "<omitted>";
 
 bool is_line_break(char c) { return c == '\n' || c == '\r'; }
+
+// Whether a line record of the usual form may start with `c`.
+bool starts_line_record(char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); }
 
 template <size_t kSize>
 bool has_prefix(const char* line, const char (&prefix)[kSize]) {
@@ -57,8 +65,9 @@ void TextModuleLoader::Load(char* buffer, size_t size) {
 }
 
 // Returns the end of the last byte that is not NUL. NULs before it are replaced by "_" and count as
-// one error of the whole text.
+// one error of the whole text. A text that keeps the strings ends at its first NUL.
 char* TextModuleLoader::EndOfText(char* buffer, size_t size) {
+  if (strings_.in_text()) return static_cast<char*>(memchr(buffer, '\0', size));
   char* end = buffer + size;
   while (end != buffer && end[-1] == '\0') --end;
   bool found = false;
@@ -73,22 +82,40 @@ char* TextModuleLoader::EndOfText(char* buffer, size_t size) {
   return end;
 }
 
-// Returns the first carriage return or line feed at or after `line`, or the end of the text. The
-// position of the line feed is cached, because a text with carriage returns only would otherwise be
-// searched to its end for each line.
+// Returns the first carriage return or line feed at or after `line`, or the end of the text.
 char* TextModuleLoader::LineEnd(char* line) {
-  if (next_newline_ == nullptr || next_newline_ < line) {
-    void* newline = memchr(line, '\n', static_cast<size_t>(end_ - line));
-    next_newline_ = newline == nullptr ? end_ : static_cast<char*>(newline);
+  constexpr ptrdiff_t kBlock = sizeof(__m128i);
+  for (; end_ - line >= kBlock; line += kBlock) {
+    const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(line));
+    const __m128i ends = _mm_or_si128(_mm_cmpeq_epi8(bytes, _mm_set1_epi8('\n')),
+                                      _mm_cmpeq_epi8(bytes, _mm_set1_epi8('\r')));
+    const auto mask = static_cast<unsigned>(_mm_movemask_epi8(ends));
+    if (mask != 0) return line + std::countr_zero(mask);
   }
-  void* carriage_return = memchr(line, '\r', static_cast<size_t>(next_newline_ - line));
-  return carriage_return == nullptr ? next_newline_ : static_cast<char*>(carriage_return);
+  while (line != end_ && !is_line_break(*line)) ++line;
+  return line;
 }
 
 char* TextModuleLoader::LoadLine(char* line) {
   // Most lines are line records, and no prefix except "F" begins like a number.
-  if (static_cast<unsigned char>(*line) <= '9' || *line >= 'a') return LoadLineRecord(line);
+  if (static_cast<unsigned char>(*line) <= '9' || *line >= 'a') return LoadLineRecords(line);
   return LoadOtherLine(line);
+}
+
+// Loads a line record and those that directly follow it, as long as they have the usual form.
+char* TextModuleLoader::LoadLineRecords(char* line) {
+  if (!quick_ || cur_func_ == nullptr) return LoadLineRecord(line);
+  LineFields fields;
+  while (end_ - line >= LineRecordBytes::kReadable) {
+    const LineRecordBytes record(line);
+    if (!record.parse(&fields)) break;
+    StoreLine(fields);
+    char* const end = line + (record.end() - line);
+    if (*end != '\n' || !starts_line_record(end[1])) return end;
+    line = end + 1;
+    ++line_number_;
+  }
+  return LoadLineRecord(line);
 }
 
 char* TextModuleLoader::LoadOtherLine(char* line) {
@@ -148,8 +175,7 @@ char* TextModuleLoader::LoadLineRecord(char* line) {
   if (cur_func_ == nullptr) {
     LineError("Found source line data without a function");
   } else if (quick || parse(line, end, &fields)) {
-    lines_.Store({fields.address, fields.size, static_cast<int32_t>(fields.source_file),
-                  static_cast<int32_t>(fields.line_number)});
+    StoreLine(fields);
   } else {
     LineError("ParseLine failed");
   }
@@ -213,13 +239,13 @@ void TextModuleLoader::StoreInlineCalls() {
   const auto& sites = calls_.sites();
   cur_func_->records.Store(calls_.own_lines(), sites, numbers_, module_.arena_);
   for (size_t i = 0; i < sites.size(); ++i) {
-    const auto name = origins_.find(InlineCallGatherer::OriginOf(sites[i]));
-    if (name == origins_.end()) {
+    const char* const name = origins_.find(InlineCallGatherer::OriginOf(sites[i]));
+    if (name == nullptr) {
       while (i-- > 0) cur_func_->records.set_site_name(i, sites[i].name);
       unnamed_.push_back(cur_func_);
       break;
     }
-    cur_func_->records.set_site_name(i, name.value());
+    cur_func_->records.set_site_name(i, name);
   }
   cur_func_->has_inline_calls = true;
   calls_.Clear();
@@ -229,8 +255,8 @@ void TextModuleLoader::StoreInlineCalls() {
 void TextModuleLoader::NameSites(Function* function) {
   FunctionRecords& records = function->records;
   for (size_t i = 0; i < records.site_count(); ++i) {
-    const auto name = origins_.find(InlineCallGatherer::OriginOf(records.site(i)));
-    records.set_site_name(i, name != origins_.end() ? name.value() : kOmittedName);
+    const char* const name = origins_.find(InlineCallGatherer::OriginOf(records.site(i)));
+    records.set_site_name(i, name != nullptr ? name : kOmittedName);
   }
 }
 
@@ -262,7 +288,7 @@ bool TextModuleLoader::ParseInlineOrigin(char* line, char* end) {
   InlineOriginFields fields;
   if (!parse(line, end, &fields)) return false;
   const int index = static_cast<int>(fields.index);
-  if (origins_.find(index) == origins_.end()) origins_.insert(index, strings_.store(fields.name));
+  if (origins_.find(index) == nullptr) origins_.insert(index, strings_.store(fields.name));
   return true;
 }
 

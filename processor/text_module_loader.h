@@ -24,6 +24,7 @@
 #include "common/symbol_text.h"
 #include "processor/basic_source_line_resolver_module.h"
 #include "processor/inline_calls.h"
+#include "processor/origin_names.h"
 #include "processor/record_gatherers.h"
 #include "processor/string_storage.h"
 
@@ -56,6 +57,7 @@ class TextModuleLoader {
   // Each function takes the start of a line and returns its end.
   char* LoadLine(char* line);
   char* LoadOtherLine(char* line);
+  char* LoadLineRecords(char* line);
   char* LoadLineRecord(char* line);
 
   bool ParseFile(char* line, char* end);
@@ -68,6 +70,10 @@ class TextModuleLoader {
   void StoreStackWin(const symforge_internal::StackWinFields& fields);
   void StoreStackCFI(const symforge_internal::StackCFIFields& fields);
 
+  [[gnu::always_inline]] void StoreLine(const symforge_internal::LineFields& fields) {
+    lines_.Store({fields.address, fields.size, static_cast<int32_t>(fields.source_file),
+                  static_cast<int32_t>(fields.line_number)});
+  }
   void FinishFunction();
   void StoreInlineCalls();
   void NameSites(Function* function);
@@ -79,8 +85,7 @@ class TextModuleLoader {
   const bool quick_;
   const FunctionRecords::Numbers numbers_;
   StringStorage strings_;
-  char* end_ = nullptr;           // end of the text, where a NUL is stored
-  char* next_newline_ = nullptr;  // first line feed at or after the last line searched
+  char* end_ = nullptr;  // end of the text, where a NUL is stored
   uint64_t line_number_ = 0;
 
   Function* cur_func_ = nullptr;  // in the module's arena
@@ -98,7 +103,7 @@ class TextModuleLoader {
   // INLINE_ORIGIN lines by number, and the functions with a site whose origin was unknown at their
   // end. Their sites have no names, but the numbers of origins, until the end of the text.
   // Published files have these lines before the functions, but any order is accepted.
-  Module::FileMap origins_;
+  OriginNames origins_;
   std::vector<Function*> unnamed_;
   std::vector<symforge_internal::InlineCallFields::Range> call_ranges_;
   std::string last_program_;

@@ -1,8 +1,8 @@
 """Pictures of measurements, for docs/performance.md.
 
-bench_pictures.py PROGRAM BENCHES WORK TABLES FOLDER: PROGRAM is symforge, BENCHES the folder of the
-benchmarks, WORK a folder for temporary files with generated20.pdb, TABLES the tables that
-process_bench has printed. Writes FOLDER/*.svg and prints what it has measured as tables.
+bench_pictures.py PROGRAM WORK TABLES FOLDER: PROGRAM is symforge, WORK a folder for temporary files
+with the generated PDBs and lookups.csv, the output of the lookup benchmarks, TABLES the tables
+that process_bench has printed. Writes FOLDER/*.svg and prints what it has measured as tables.
 """
 
 import csv
@@ -17,9 +17,9 @@ import time
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 COLOURS = ("#1f6fb2", "#d1622b", "#3d8f4f", "#8a4fb0", "#b8922a", "#5b6770", "#c04a6e", "#2b9aa0",
-           "#7a5c3e", "#9aa832")
+           "#7a5c3e", "#9aa832", "#264653", "#e8b04a")
 WIDTH, HEIGHT = 720, 400
-LEFT, RIGHT, TOP, BOTTOM = 70, 210, 40, 50
+LEFT, RIGHT, TOP, BOTTOM = 110, 210, 52, 50
 
 # Steps of a conversion, and the functions that they consist of.
 STEPS = {
@@ -97,7 +97,7 @@ def short(number):
     for unit, name in ((1e6, " M"), (1e3, " k")):
         if number >= unit:
             return f"{number / unit:g}{name}"
-    return f"{number:g}"
+    return f"{number:.3g}"
 
 
 def curves(title, x_title, y_title, series, path):
@@ -120,7 +120,7 @@ def curves(title, x_title, y_title, series, path):
     for x in places:
         picture.text(at(x, 0)[0], HEIGHT - BOTTOM + 18, short(x), "middle")
     picture.text(LEFT + width / 2, HEIGHT - 12, x_title, "middle")
-    picture.text(12, TOP - 4, y_title)
+    picture.text(LEFT - 8, TOP - 12, y_title, "end")
     for number, (name, points) in enumerate(series.items()):
         colour = COLOURS[number % len(COLOURS)]
         picture.line([at(x, y) for x, y in sorted(points)], colour)
@@ -201,35 +201,36 @@ def instruction_shares(program, pdb, options, steps, work):
 
 
 def draw_phases(program, work, folder):
-    pdb = work / "generated20.pdb"
-    rows = {mode: instruction_shares(program, pdb, ["--standard"] if mode == "standard" else [],
-                                     steps, work)
-            for mode, steps in STEPS.items()}
+    rows = {f"{mode}, {size} MB": instruction_shares(
+                program, work / f"generated{size}.pdb",
+                ["--standard"] if mode == "standard" else [], steps, work)
+            for mode, steps in STEPS.items() for size in (5, 98)}
     table(("mode", "step", "share of instructions"),
-          [(mode, name, f"{100 * share:.1f} %") for mode, parts in rows.items()
-           for name, share in parts])
+          [(name, step, f"{100 * share:.1f} %") for name, parts in rows.items()
+           for step, share in parts])
     bars("Share of the steps of PDB to text (instructions)", rows, folder / "steps.svg")
 
 
-def benchmark(path, pattern):
-    """(arguments of the benchmark's name, items a second)."""
-    text = subprocess.run([path, f"--benchmark_filter={pattern}", "--benchmark_format=csv",
-                           "--benchmark_repetitions=3", "--benchmark_report_aggregates_only=true"],
-                          check=True, capture_output=True, text=True).stdout
-    lines = text[text.index("name,"):]
-    for row in csv.DictReader(io.StringIO(lines)):
-        if row["name"].endswith("_median") and row["items_per_second"]:
-            numbers = [int(number) for number in re.findall(r"[:/](\d+)", row["name"])]
-            yield numbers, float(row["items_per_second"])
+LOOKUPS = {"lookup": "SYMB", "lookup_indexed": "with index", "lookup_array": "index, arrays"}
 
 
-def draw_lookups(benches, folder):
+def draw_lookups(csv_file, folder):
+    """The output of the lookup benchmarks: NAME/functions:N/sites:N, BM_LookupAddress/N."""
+    text = csv_file.read_text(encoding="utf-8")
     series = {}
-    for (functions, sites), rate in benchmark(benches / "symb_bench", "^lookup/"):
-        name = "SYMB, no inline sites" if sites == 0 else f"SYMB, {sites} inline sites deep"
-        series.setdefault(name, []).append((functions, rate))
-    for (functions,), rate in benchmark(benches / "resolver_bench", "^BM_LookupAddress/"):
-        series.setdefault("text module", []).append((functions, rate))
+    for row in csv.reader(io.StringIO(text[text.index("name,"):])):
+        name, *sizes = row[0].split("/")
+        if name == "name":
+            column = row.index("items_per_second")
+            continue
+        functions, sites = ([int(size.split(":")[-1]) for size in sizes] + [0])[:2]
+        if name in LOOKUPS:
+            label = f"{LOOKUPS[name]}, {sites or 'no'} sites"
+        elif name == "BM_LookupAddress":
+            label = "text module"
+        else:
+            continue
+        series.setdefault(label, []).append((functions, float(row[column])))
     table(("lookups", "functions", "a second"),
           [(name, x, f"{y:.0f}") for name, points in series.items() for x, y in points])
     curves("Lookups at random addresses", "functions of the module", "a second", series,
@@ -273,11 +274,11 @@ def draw_batch(program, work, folder):
 
 
 def main(arguments):
-    program, benches, work, tables, folder = (pathlib.Path(each) for each in arguments)
+    program, work, tables, folder = (pathlib.Path(each) for each in arguments)
     folder.mkdir(parents=True, exist_ok=True)
     draw_ratios(tables.read_text(encoding="utf-8"), folder)
     draw_phases(program, work, folder)
-    draw_lookups(benches, folder)
+    draw_lookups(work / "lookups.csv", folder)
     draw_batch(program, work, folder)
 
 
