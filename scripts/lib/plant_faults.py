@@ -16,6 +16,7 @@ import time
 
 COPY = os.path.abspath("build/mutants")
 BUILD = os.path.join(COPY, "build/release")
+OUTPUT = os.path.join(COPY, "build/test-output")  # of the last test
 OTHER_CODE = ("tests/", "builders/", "fuzz/", "bench/", "examples/", "fixtures/", "scripts/")
 PRODUCTS = ("symforge", "libsymforge-resolver.a")
 MEMORY = 8 << 30  # bytes of address space for a test
@@ -166,9 +167,10 @@ class Tests:
 
 def passes(command, folder):
     """Runs a test in a process group of its own, which ends with it."""
-    process = subprocess.Popen(
-        command, cwd=folder, start_new_session=True, stdin=subprocess.DEVNULL,
-        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    with open(OUTPUT, "wb") as output:
+        process = subprocess.Popen(
+            command, cwd=folder, start_new_session=True, stdin=subprocess.DEVNULL,
+            stdout=output, stderr=subprocess.STDOUT)
     resource.prlimit(process.pid, resource.RLIMIT_AS, (MEMORY, MEMORY))
     resource.prlimit(process.pid, resource.RLIMIT_CPU, (PROCESSOR_SECONDS, PROCESSOR_SECONDS))
     try:
@@ -197,7 +199,7 @@ def prepare():
     tests = Tests()
     failed = tests.first_failure("")
     if failed:
-        sys.exit(f"{failed} fails without a fault")
+        sys.exit(f"{failed} fails without a fault: {OUTPUT}")
     return tests
 
 
