@@ -19,7 +19,7 @@ BUILD = os.path.join(COPY, "build/release")
 OUTPUT = os.path.join(COPY, "build/test-output")  # of the last test
 OTHER_CODE = ("tests/", "builders/", "fuzz/", "bench/", "examples/", "fixtures/", "scripts/")
 PRODUCTS = ("symforge", "libsymforge-resolver.a")
-MEMORY = 8 << 30  # bytes of address space for a test
+MEMORY = 8 << 30  # bytes for a process of a test, without the files that it maps
 PROCESSOR_SECONDS = 60  # for each process of a test; a fault can make it endless
 SECONDS = 300  # for a test that waits, also on a busy machine
 
@@ -171,7 +171,7 @@ def passes(command, folder):
         process = subprocess.Popen(
             command, cwd=folder, start_new_session=True, stdin=subprocess.DEVNULL,
             stdout=output, stderr=subprocess.STDOUT)
-    resource.prlimit(process.pid, resource.RLIMIT_AS, (MEMORY, MEMORY))
+    resource.prlimit(process.pid, resource.RLIMIT_DATA, (MEMORY, MEMORY))
     resource.prlimit(process.pid, resource.RLIMIT_CPU, (PROCESSOR_SECONDS, PROCESSOR_SECONDS))
     try:
         return process.wait(SECONDS) == 0
