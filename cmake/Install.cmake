@@ -73,7 +73,7 @@ install(DIRECTORY ${PROJECT_BINARY_DIR}/documents/ DESTINATION ${CMAKE_INSTALL_D
 install(DIRECTORY docs/performance DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs COMPONENT program
   FILES_MATCHING PATTERN "*.svg")
 install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT program
-  FILES_MATCHING PATTERN "*.cc" PATTERN "*.c" PATTERN "*.h" PATTERN "*.py")
+  FILES_MATCHING PATTERN "*.cc" PATTERN "*.c" PATTERN "*.h" PATTERN "*.py" PATTERN "service/*")
 
 # Files that Debian's policy requires in every package.
 string(TIMESTAMP changed "%a, %d %b %Y %H:%M:%S +0000" UTC)
@@ -99,6 +99,19 @@ install(FILES symforge/symforge.h DESTINATION ${header_root} COMPONENT developme
 install(DIRECTORY google_breakpad/processor DESTINATION ${header_root}/google_breakpad
   COMPONENT development FILES_MATCHING PATTERN "*.h")
 install(FILES common/symb.h ${version_header} DESTINATION ${header_root}/common COMPONENT development)
+
+# stripped(COMPONENT FILE OPTION...): where a target is installed stripped, as in a package, strips FILE of
+# what CMake leaves: debug information in a static library, and the name of the compiler.
+function(stripped component file)
+  install(CODE "if(CMAKE_INSTALL_DO_STRIP)
+  execute_process(COMMAND \"${CMAKE_STRIP}\" ${ARGN} --remove-section=.comment
+    \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${file}\" COMMAND_ERROR_IS_FATAL ANY)
+endif()" COMPONENT ${component})
+endfunction()
+stripped(program ${CMAKE_INSTALL_BINDIR}/$<TARGET_FILE_NAME:symforge>)
+stripped(library ${CMAKE_INSTALL_LIBDIR}/$<TARGET_FILE_NAME:symforge_shared>)
+stripped(development ${CMAKE_INSTALL_LIBDIR}/$<TARGET_FILE_NAME:symforge_resolver>
+  --strip-debug --enable-deterministic-archives)
 
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/symforge-config-version.cmake
   COMPATIBILITY SameMajorVersion)
@@ -136,6 +149,9 @@ set(CPACK_DEBIAN_LIBRARY_PACKAGE_NAME libsymforge1)
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")  # names are only added until the major number changes
+file(CONFIGURE OUTPUT triggers CONTENT "activate-noawait ldconfig\n")
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/triggers)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libsymforge-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "libsymforge1 (= ${PROJECT_VERSION})")
