@@ -283,7 +283,7 @@ void number_strings(benchmark::State& state) {
   for (auto _ : state) {
     Table table;
     for (const std::string& text : texts) table.add(text);
-    benchmark::DoNotOptimize(table);
+    benchmark::DoNotOptimize(&table);
   }
   state.SetItemsProcessed(state.iterations() * state.range(0));
 }

@@ -15,6 +15,7 @@
 #include "base/text_buffer.h"
 #include "bench/pdb_generator.h"
 #include "builders/bytes.h"
+#include "common/symb.h"
 #include "common/symb_text.h"
 #include "symforge/src/PDBParser.h"
 
