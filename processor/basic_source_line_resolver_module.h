@@ -76,8 +76,8 @@ class BasicSourceLineResolver::Module : public SourceLineResolverBase::Module {
   // released afterwards. A block must outlive the module. Always returns true.
   bool LoadMapFromMemory(char* memory_buffer, size_t memory_buffer_size) override;
   // Like LoadMapFromMemory, but the text ends at its first NUL, and the module's strings point into
-  // it: it must outlive the module and not be changed. Only the lower 32 bits of the numbers of line
-  // records and inline sites are stored, as in SYMB.
+  // it: it must outlive the module and not be changed. Only the lower 32 bits of the numbers of
+  // line records and inline sites are stored, as in SYMB.
   bool LoadMapInPlace(char* memory_buffer, size_t memory_buffer_size);
   bool IsCorrupt() const override { return bad_lines_.count > 0; }
   BadLines FindBadLines() const override { return bad_lines_; }
