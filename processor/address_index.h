@@ -61,11 +61,11 @@ class AddressIndex {
     }
   }
 
-  // Runs several searches over the whole table together, so that all wait for memory at once.
+  // Runs several searches over the whole table together, so that all wait for memory at once:
+  // begin_together() prefetches what end_together() reads. The time between should be used.
   template <typename Step, size_t kMost>
-  void search_together(std::span<SymbSearch> searches) const {
+  void begin_together(std::span<SymbSearch> searches) const {
     std::array<uint32_t, kMost> nodes{};
-    std::array<uint64_t, kMost> guesses;
     for (size_t level = levels_; level-- > 0;) {
       for (size_t i = 0; i < searches.size(); ++i) {
         nodes[i] = child(level, nodes[i], key_of<Step>(searches[i]));
@@ -73,15 +73,20 @@ class AddressIndex {
       }
     }
     for (size_t i = 0; i < searches.size(); ++i) {
-      guesses[i] = guess_of<Step>(searches[i], nodes[i]);
-      prefetch_around<Step>(searches[i], guesses[i]);
+      searches[i].lo = guess_of<Step>(searches[i], nodes[i]);
+      prefetch_around<Step>(searches[i], searches[i].lo);
     }
-    for (size_t i = 0; i < searches.size(); ++i) finish<Step>(searches[i], guesses[i]);
+  }
+  template <typename Step>
+  void end_together(std::span<SymbSearch> searches) const {
+    for (SymbSearch& search : searches) finish_branchless<Step>(search, search.lo);
   }
 
  private:
   using Key = int32_t;  // an address with its highest bit flipped: SSE2 compares signed numbers
   static constexpr size_t kMaxLevels = 8;
+  // Records that are compared around an expected position.
+  static constexpr uint64_t kBefore = 1, kCompared = 4;
   static constexpr size_t kNodeBytes = kNodeKeys * sizeof(Key);
 
   struct Release {
@@ -135,15 +140,22 @@ class AddressIndex {
     };
     const uint32_t span = distance(keys_[key + 1]);
     const uint32_t part = std::min(distance(key_of<Step>(search)), span - 1);  // if below the first
-    return first + (uint64_t{part} << records_shift_) / span;
+    // Floating point: a division of integers takes longer than the rest of the search.
+    const float records = static_cast<float>(uint64_t{1} << records_shift_);
+    const float offset = static_cast<float>(part) / static_cast<float>(span) * records;
+    return first + static_cast<uint64_t>(offset);
   }
+  // The records with which finish_branchless() compares.
   template <typename Step>
   [[gnu::always_inline]] static void prefetch_around(const SymbSearch& search, uint64_t position) {
-    constexpr ptrdiff_t kLine = 64;
+    constexpr ptrdiff_t kLine = 64, kStride = Step::kStride;
+    constexpr ptrdiff_t kFirst = -static_cast<ptrdiff_t>(kBefore) * kStride + Step::kVisited;
+    constexpr ptrdiff_t kLast = kFirst + (kCompared - 1) * kStride + sizeof(uint32_t) - 1;
     const char* at = search.records + position * Step::kStride;
-    for (const ptrdiff_t line : {-kLine, ptrdiff_t{0}, kLine}) {
-      __builtin_prefetch(at + line);
+    for (ptrdiff_t offset = kFirst; offset < kLast; offset += kLine) {
+      __builtin_prefetch(at + offset);
     }
+    __builtin_prefetch(at + kLast);
   }
   // Ends a search whose result is expected at `position`.
   template <typename Step>
@@ -152,6 +164,22 @@ class AddressIndex {
     uint64_t end = position;  // no record before it starts above the address
     while (end > 0 && Step::start(search, end - 1) > address) --end;
     while (end < search.hi && Step::start(search, end) <= address) ++end;
+    Step::finish(search, end);
+  }
+  // The same for one of several searches. The records around the position are compared without a
+  // branch on each, because mistaken predictions would take longer than everything else.
+  template <typename Step>
+  [[gnu::always_inline]] static void finish_branchless(SymbSearch& search, uint64_t position) {
+    if (position < kBefore || position - kBefore + kCompared > search.hi) {
+      return finish<Step>(search, position);
+    }
+    const uint32_t address = Step::low_key(search.key);
+    uint64_t at_or_below = 0;
+    for (uint64_t i = 0; i < kCompared; ++i) {
+      at_or_below += Step::start(search, position - kBefore + i) <= address ? 1 : 0;
+    }
+    const uint64_t end = position - kBefore + at_or_below;
+    if (at_or_below == 0 || at_or_below == kCompared) return finish<Step>(search, end);
     Step::finish(search, end);
   }
 

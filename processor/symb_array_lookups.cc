@@ -19,130 +19,198 @@ namespace {
 // More accesses than a core has in flight, and few enough to stay in its first cache.
 constexpr size_t kGroup = 32;
 
-// Resolves up to kGroup addresses. `Function` is the record type of the block's version.
+// Resolves up to kGroup addresses at a time. `Function` is the record type of the block's version.
+//
+// Whether an address has a function, a line or a file is unpredictable. So each step collects the
+// addresses that the next one works on, instead of asking again for each.
 template <typename Function>
 class GroupLookup {
  public:
-  GroupLookup(const SymbTables& tables, std::span<const uint64_t> addresses)
-      : tables_(tables), addresses_(addresses), size_(addresses.size()) {}
+  explicit GroupLookup(const SymbTables& tables) : tables_(tables) {}
 
-  void run(std::span<ResolvedAddress> answers, ResolvedInlines* inlines) {
-    find_functions();
-    find_lines(answers);
-    find_files(answers);
-    if constexpr (kHasInlines) find_publics(answers);
-    finish(answers, inlines);
-  }
+  // The steps of a group of at most kGroup addresses. Each prefetches what the next one reads.
+  void begin(std::span<const uint64_t> addresses, std::span<ResolvedAddress> answers);
+  void find_functions();
+  void finish(ResolvedInlines* inlines);
 
  private:
   static constexpr bool kHasInlines = sizeof(Function) == sizeof(symb_func_inline);
   using Step = RangeStep<Function, offsetof(Function, address)>;
   using Searches = std::array<SymbSearch, kGroup>;
 
-  std::span<SymbSearch> used(Searches& searches) { return {searches.data(), size_}; }
+  // Positions in the group or in another list.
+  class List {
+   public:
+    void clear() { count_ = 0; }
+    void add_if(bool wanted, size_t position) {
+      positions_[count_] = static_cast<uint32_t>(position);
+      count_ += wanted ? 1 : 0;
+    }
+    size_t size() const { return count_; }
+    uint32_t operator[](size_t i) const { return positions_[i]; }
+    const uint32_t* begin() const { return positions_.data(); }
+    const uint32_t* end() const { return positions_.data() + count_; }
 
-  void find_functions();
-  void find_lines(std::span<ResolvedAddress> answers);
-  void find_files(std::span<ResolvedAddress> answers);
-  void find_publics(std::span<ResolvedAddress> answers);
-  void finish(std::span<ResolvedAddress> answers, ResolvedInlines* inlines);
+   private:
+    std::array<uint32_t, kGroup + 1> positions_;  // one more: add_if() writes before it decides
+    size_t count_ = 0;
+  };
+
+  void begin_publics();
+  void begin_lines();
+  void find_lines();
+  void find_files();
+  void finish_publics();
 
   const SymbTables& tables_;
   std::span<const uint64_t> addresses_;
-  size_t size_;
-  Searches functions_;
+  std::span<ResolvedAddress> answers_;
+  Searches functions_;  // of all addresses of the group
+  List inside_;         // addresses in a function
+  List outside_;        // the others
+  // One for each of outside_.
+  Searches starts_;
+  Searches publics_;
+  // One for each of inside_.
+  std::array<Function, kGroup> records_;
   Searches lines_;
   Searches files_;
-  std::array<Function, kGroup> records_;  // of the functions found
+  List with_line_;  // positions in inside_
 };
 
 template <typename Function>
-void GroupLookup<Function>::find_functions() {
+void GroupLookup<Function>::begin(std::span<const uint64_t> addresses,
+                                  std::span<ResolvedAddress> answers) {
+  addresses_ = addresses;
+  answers_ = answers;
   const bool has_functions = tables_.has_functions();
   const SymbTable table = tables_.template functions<Function>();
-  for (size_t i = 0; i < size_; ++i) {
-    functions_[i] = table.search_for(addresses_[i]);
+  for (size_t i = 0; i < addresses.size(); ++i) {
+    functions_[i] = table.search_for(addresses[i]);
     if (!has_functions) functions_[i].hi = 0;
   }
-  tables_.template run_together<Step, kGroup>(used(functions_), &SymbIndex::functions);
+  tables_.template begin_together<Step, kGroup>({functions_.data(), addresses.size()},
+                                                &SymbIndex::functions);
+}
+
+template <typename Function>
+void GroupLookup<Function>::find_functions() {
+  tables_.template end_together<Step, kGroup>({functions_.data(), addresses_.size()},
+                                              &SymbIndex::functions);
+  inside_.clear();
+  outside_.clear();
+  for (size_t i = 0; i < addresses_.size(); ++i) {
+    inside_.add_if(functions_[i].has_found(), i);
+    outside_.add_if(!functions_[i].has_found(), i);
+  }
   // A record may extend into the cache line after the one that the search has read.
-  for (const SymbSearch& search : used(functions_)) {
-    if (!search.has_found()) continue;
-    const char* record = search.records + search.found * sizeof(Function);
+  for (const uint32_t i : inside_) {
+    const char* record = functions_[i].records + functions_[i].found * sizeof(Function);
     __builtin_prefetch(record);
     __builtin_prefetch(record + sizeof(Function) - 1);
   }
+  if constexpr (kHasInlines) begin_publics();
+  begin_lines();
 }
 
 template <typename Function>
-void GroupLookup<Function>::find_lines(std::span<ResolvedAddress> answers) {
-  for (size_t i = 0; i < size_; ++i) {
-    lines_[i] = {};
-    if (!functions_[i].has_found()) continue;
-    records_[i] = SymbTables::found<Function>(functions_[i]);
-    tables_.prefetch_name(records_[i].name);
+void GroupLookup<Function>::begin_publics() {
+  const size_t count = outside_.size();
+  for (size_t n = 0; n < count; ++n) {
+    const uint32_t i = outside_[n];
+    starts_[n] = tables_.template functions<Function>().search_for(addresses_[i]);
+    if (!tables_.has_functions()) starts_[n].hi = 0;
+    publics_[n] = tables_.public_search(addresses_[i]);
+  }
+  tables_.template begin_together<FunctionStartStep, kGroup>({starts_.data(), count},
+                                                             &SymbIndex::functions);
+  tables_.template begin_together<PublicStep, kGroup>({publics_.data(), count},
+                                                      &SymbIndex::publics);
+}
+
+template <typename Function>
+void GroupLookup<Function>::begin_lines() {
+  for (size_t n = 0; n < inside_.size(); ++n) {
+    const uint32_t i = inside_[n];
+    records_[n] = SymbTables::found<Function>(functions_[i]);
+    tables_.prefetch_name(records_[n].name);
     if constexpr (kHasInlines) {
-      if (records_[i].inline_count != 0) tables_.prefetch(records_[i].inlines);
+      if (records_[n].inline_count != 0) tables_.prefetch(records_[n].inlines);
     }
-    lines_[i] = tables_.line_search(records_[i], addresses_[i]);
-    prefetch_start<LineStep>(lines_[i]);
+    lines_[n] = tables_.line_search(records_[n], addresses_[i]);
+    prefetch_ends<LineStep>(lines_[n]);
   }
-  for (SymbSearch& search : used(lines_)) search_by_guess<LineStep>(search);
-  for (size_t i = 0; i < size_; ++i) {
-    if (lines_[i].has_found()) {
-      tables_.set_line(SymbTables::found<symb_line>(lines_[i]), &answers[i]);
+}
+
+template <typename Function>
+void GroupLookup<Function>::find_lines() {
+  search_together<LineStep, kGroup>({lines_.data(), inside_.size()});
+  with_line_.clear();
+  for (size_t n = 0; n < inside_.size(); ++n) with_line_.add_if(lines_[n].has_found(), n);
+}
+
+template <typename Function>
+void GroupLookup<Function>::find_files() {
+  for (size_t n = 0; n < with_line_.size(); ++n) {
+    const uint32_t at = with_line_[n];
+    const auto line = SymbTables::found<symb_line>(lines_[at]);
+    tables_.set_line(line, &answers_[inside_[at]]);
+    files_[n] = tables_.file_search(line.source_file_id);
+  }
+  search_together<FileStep, kGroup>({files_.data(), with_line_.size()});
+  for (size_t n = 0; n < with_line_.size(); ++n) {
+    if (files_[n].has_found()) {
+      tables_.prefetch_name(SymbTables::found<symb_file>(files_[n]).name);
     }
   }
 }
 
 template <typename Function>
-void GroupLookup<Function>::find_files(std::span<ResolvedAddress> answers) {
-  for (size_t i = 0; i < size_; ++i) {
-    files_[i] = {};
-    if (!answers[i].has_line) continue;
-    files_[i] = tables_.file_search(SymbTables::found<symb_line>(lines_[i]).source_file_id);
-  }
-  search_together<FileStep>(used(files_));
-  for (const SymbSearch& search : used(files_)) {
-    if (search.has_found()) tables_.prefetch_name(SymbTables::found<symb_file>(search).name);
-  }
-}
-
-// Addresses outside of all functions.
-template <typename Function>
-void GroupLookup<Function>::find_publics(std::span<ResolvedAddress> answers) {
-  Searches starts;
-  Searches publics;
-  std::array<size_t, kGroup> positions;
-  size_t count = 0;
-  for (size_t i = 0; i < size_; ++i) {
-    if (functions_[i].has_found()) continue;
-    positions[count] = i;
-    starts[count] = functions_[i];
-    starts[count].lo = 0;
-    starts[count].hi = tables_.has_functions() ? tables_.template functions<Function>().count : 0;
-    publics[count++] = tables_.public_search(addresses_[i]);
-  }
-  tables_.template run_together<FunctionStartStep, kGroup>({starts.data(), count},
+void GroupLookup<Function>::finish_publics() {
+  const size_t count = outside_.size();
+  tables_.template end_together<FunctionStartStep, kGroup>({starts_.data(), count},
                                                            &SymbIndex::functions);
-  tables_.template run_together<PublicStep, kGroup>({publics.data(), count}, &SymbIndex::publics);
-  for (size_t i = 0; i < count; ++i) {
-    tables_.set_public(publics[i], starts[i], &answers[positions[i]]);
+  tables_.template end_together<PublicStep, kGroup>({publics_.data(), count}, &SymbIndex::publics);
+  for (size_t n = 0; n < count; ++n) {
+    tables_.set_public(publics_[n], starts_[n], &answers_[outside_[n]]);
   }
 }
 
 template <typename Function>
-void GroupLookup<Function>::finish(std::span<ResolvedAddress> answers, ResolvedInlines* inlines) {
-  for (size_t i = 0; i < size_; ++i) {
-    if (!functions_[i].has_found()) continue;
-    const Function& record = records_[i];
-    tables_.set_function(record, &answers[i]);
-    tables_.set_file(files_[i], &answers[i]);
+void GroupLookup<Function>::finish(ResolvedInlines* inlines) {
+  find_lines();
+  find_files();
+  if constexpr (kHasInlines) finish_publics();
+  for (size_t n = 0; n < with_line_.size(); ++n) {
+    tables_.set_file(files_[n], &answers_[inside_[with_line_[n]]]);
+  }
+  for (size_t n = 0; n < inside_.size(); ++n) {
+    const uint32_t i = inside_[n];
+    const Function& record = records_[n];
+    tables_.set_function(record, &answers_[i]);
     if constexpr (kHasInlines) {
       if (record.line_count == 0) continue;
-      tables_.append_inlines(record.inlines, record.inline_count, addresses_[i], &answers[i],
+      tables_.append_inlines(record.inlines, record.inline_count, addresses_[i], &answers_[i],
                              inlines);
     }
+  }
+}
+
+// Three groups are in work, each at another step, so that each waits for memory while the others
+// compute.
+template <typename Function>
+void resolve_in_groups(const SymbTables& tables, std::span<const uint64_t> addresses,
+                       std::span<ResolvedAddress> answers, ResolvedInlines* inlines) {
+  std::array<GroupLookup<Function>, 3> groups{
+      GroupLookup<Function>(tables), GroupLookup<Function>(tables), GroupLookup<Function>(tables)};
+  const size_t count = (addresses.size() + kGroup - 1) / kGroup;
+  for (size_t i = 0; i < count + 2; ++i) {
+    if (i < count) {
+      const size_t at = i * kGroup, size = std::min(kGroup, addresses.size() - at);
+      groups[i % 3].begin(addresses.subspan(at, size), answers.subspan(at, size));
+    }
+    if (i >= 1 && i - 1 < count) groups[(i - 1) % 3].find_functions();
+    if (i >= 2) groups[(i - 2) % 3].finish(inlines);
   }
 }
 
@@ -154,15 +222,10 @@ void BasicSourceLineResolver::Module::LookupAddressesB(std::span<const uint64_t>
   std::fill(answers.begin(), answers.end(), ResolvedAddress());
   if (!symb_loaded_) return;
   const SymbTables tables(symb_base_, symb_size_, symb_index_.get());
-  const bool has_inlines = symb_has_inlines(tables.version());
-  for (size_t at = 0; at < addresses.size(); at += kGroup) {
-    const size_t count = std::min(kGroup, addresses.size() - at);
-    const auto group = addresses.subspan(at, count);
-    if (has_inlines) {
-      GroupLookup<symb_func_inline>(tables, group).run(answers.subspan(at, count), inlines);
-    } else {
-      GroupLookup<symb_func>(tables, group).run(answers.subspan(at, count), inlines);
-    }
+  if (symb_has_inlines(tables.version())) {
+    resolve_in_groups<symb_func_inline>(tables, addresses, answers, inlines);
+  } else {
+    resolve_in_groups<symb_func>(tables, addresses, answers, inlines);
   }
 }
 

@@ -9,9 +9,11 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <span>
+#include <utility>
 
 #include "common/symb.h"
 #include "common/symb_block.h"
@@ -84,7 +86,10 @@ struct RangeStep {
     search.lo = search.hi = at_or_below;
     if (at_or_below == 0) return;
     const uint64_t last = at_or_below - 1;
-    if (low_key(search.key) - start(search, last) < size(search, last)) search.end_at(last);
+    // Without a branch on whether the range contains the address, which is unpredictable.
+    const uint64_t inside = low_key(search.key) - start(search, last) < size(search, last) ? 1 : 0;
+    search.lo = search.hi = at_or_below - inside;
+    search.found = last | (inside - 1);
   }
 };
 
@@ -156,13 +161,20 @@ void search_alone(SymbSearch& search) {
 // Takes steps of all searches in turn until all are over, so that all wait for memory at once.
 // Without branches: there are other loads to go on with. Bit masks, because compilers turn
 // conditional expressions into branches.
-template <typename Step>
+template <typename Step, size_t kMost>
 void search_together(std::span<SymbSearch> searches) {
   const auto pick = [](uint64_t mask, uint64_t a, uint64_t b) { return b ^ ((a ^ b) & mask); };
-  for (bool open = true; open;) {
-    open = false;
-    for (SymbSearch& search : searches) {
-      if (search.is_over()) continue;
+  std::array<uint32_t, kMost + 1> open;  // searches that are not over; one more: written to decide
+  size_t count = 0;
+  const auto keep_if_open = [&](uint32_t i) {
+    open[count] = i;
+    count += searches[i].is_over() ? 0 : 1;
+  };
+  for (uint32_t i = 0; i < searches.size(); ++i) keep_if_open(i);
+  while (count > 0) {
+    const size_t last = std::exchange(count, 0);
+    for (size_t n = 0; n < last; ++n) {
+      SymbSearch& search = searches[open[n]];
       const uint64_t mid = search.middle();
       const SymbOrder order = Step::compare(search, mid);
       const uint64_t ends = -static_cast<uint64_t>(order.match);
@@ -171,7 +183,7 @@ void search_together(std::span<SymbSearch> searches) {
       search.hi = pick(at_most, mid, search.hi);
       search.lo = pick(ends, mid, pick(at_most, search.lo, mid + 1));
       __builtin_prefetch(search.records + search.middle() * Step::kStride + Step::kVisited);
-      open = true;
+      keep_if_open(open[n]);
     }
   }
 }
@@ -201,6 +213,15 @@ template <typename Step>
     return;
   }
   for (size_t at = 0; at < bytes; at += kLine) __builtin_prefetch(search.records + at);
+  __builtin_prefetch(search.records + bytes);
+}
+
+// Prefetches the first, middle and last record: all of a short table.
+template <typename Step>
+[[gnu::always_inline]] inline void prefetch_ends(const SymbSearch& search) {
+  const size_t bytes = search.hi * Step::kStride;
+  __builtin_prefetch(search.records);
+  __builtin_prefetch(search.records + bytes / 2);
   __builtin_prefetch(search.records + bytes);
 }
 

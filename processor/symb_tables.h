@@ -88,12 +88,20 @@ class SymbTables {
       search_by_guess<Step>(search);
     }
   }
+  // The same in two steps, for several searches that wait for memory at once, and while the caller
+  // does something else.
   template <typename Step, size_t kMost>
-  void run_together(std::span<SymbSearch> searches, AddressIndex SymbIndex::*index) const {
+  void begin_together(std::span<SymbSearch> searches, AddressIndex SymbIndex::*index) const {
     if (const AddressIndex* built = built_index(index)) {
-      built->search_together<Step, kMost>(searches);
+      built->begin_together<Step, kMost>(searches);
+    }
+  }
+  template <typename Step, size_t kMost>
+  void end_together(std::span<SymbSearch> searches, AddressIndex SymbIndex::*index) const {
+    if (const AddressIndex* built = built_index(index)) {
+      built->end_together<Step>(searches);
     } else {
-      search_together<Step>(searches);
+      search_together<Step, kMost>(searches);
     }
   }
 
