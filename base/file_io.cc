@@ -107,6 +107,13 @@ bool read_file(int fd, TextBuffer& content, size_t limit) {
   return true;
 }
 
+std::string content_of(const std::string& path, size_t limit) {
+  const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  TextBuffer content;
+  if (!file.is_open() || !read_file(file.get(), content, limit)) return {};
+  return std::string(content.view());
+}
+
 bool write_file(int fd, std::string_view content) {
   while (!content.empty()) {
     const ssize_t written = write(fd, content.data(), content.size());

@@ -17,7 +17,7 @@ bool completes_c1(char c) {
   return byte >= 0x80 && byte <= 0x9F;
 }
 
-void append_escaped(std::string& text, char c) {
+void append_hex_escape(std::string& text, char c) {
   constexpr char kDigits[] = "0123456789abcdef";
   const auto byte = static_cast<unsigned char>(c);
   text.append("\\x").push_back(kDigits[byte >> 4]);
@@ -31,9 +31,9 @@ std::string printable(std::string_view text) {
   result.reserve(text.size());
   for (size_t i = 0; i < text.size(); ++i) {
     const bool c1 = text[i] == kC1Lead && i + 1 < text.size() && completes_c1(text[i + 1]);
-    if (c1) append_escaped(result, text[i++]);
+    if (c1) append_hex_escape(result, text[i++]);
     if (c1 || is_c0(text[i])) {
-      append_escaped(result, text[i]);
+      append_hex_escape(result, text[i]);
     } else {
       result.push_back(text[i]);
     }

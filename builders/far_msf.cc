@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "builders/bytes.h"
+#include "builders/msf_builder.h"
 
 namespace builders {
 
@@ -14,7 +15,6 @@ constexpr size_t kWord = 4;
 constexpr size_t kPageSize = 32;
 constexpr size_t kDirectorySize = 44;
 constexpr size_t kIndexPages = 52;
-constexpr uint32_t kDeletedStream = 0xFFFFFFFF;
 
 size_t divided_up(size_t number, size_t by) { return (number + by - 1) / by; }
 

@@ -10,6 +10,7 @@
 
 #include "builders/bytes.h"
 #include "builders/codeview_builder.h"
+#include "builders/hostile_parts.h"
 #include "builders/msf_builder.h"
 #include "builders/pdb_builder.h"
 #include "builders/pe_builder.h"
@@ -19,19 +20,7 @@ namespace builders {
 
 namespace {
 
-uint32_t count_of(size_t size, size_t record) {
-  return static_cast<uint32_t>(std::max<size_t>(size / record, 1));
-}
-
 std::string long_name(size_t size) { return std::string(size, 'n'); }
-
-PdbBuilder with_section(uint32_t page_size = 512) {
-  PdbBuilder pdb(page_size);
-  pdb.section({.name = ".text", .address = 0x1000, .virtual_size = 0x1000000});
-  return pdb;
-}
-
-std::string built(PdbBuilder& pdb) { return pdb.build().bytes; }
 
 // The stream of public symbols consists of one page, named again and again by a directory in pages
 // of numbers.
@@ -319,9 +308,9 @@ std::string repeated_lines(size_t size, std::string_view head, std::string_view 
 }
 
 std::string hex(uint32_t number) {
-  constexpr char kDigits[] = "0123456789abcdef";
+  constexpr char kHexDigits[] = "0123456789abcdef";
   std::string digits;
-  for (; number != 0; number /= 16) digits.insert(0, 1, kDigits[number % 16]);
+  for (; number != 0; number /= 16) digits.insert(0, 1, kHexDigits[number % 16]);
   return digits;
 }
 

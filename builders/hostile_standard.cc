@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "builders/hostile.h"
+#include "builders/hostile_parts.h"
 #include "builders/pdb_builder.h"
 #include "builders/symb_builder.h"
 
@@ -14,20 +15,7 @@ namespace builders {
 
 namespace {
 
-constexpr uint32_t kSectionBytes = 0x1000000;
 constexpr size_t kMostAnnotations = 60000;  // bytes of one inline site
-
-uint32_t count_of(size_t size, size_t record) {
-  return static_cast<uint32_t>(std::max<size_t>(size / record, 1));
-}
-
-PdbBuilder with_section() {
-  PdbBuilder pdb(512);
-  pdb.section({.name = ".text", .address = 0x1000, .virtual_size = kSectionBytes});
-  return pdb;
-}
-
-std::string built(PdbBuilder& pdb) { return pdb.build().bytes; }
 
 // A module with one function over the whole section, a line, and the inlinee 0x1000.
 ModuleBuilder& add_function(PdbBuilder& pdb) {

@@ -10,7 +10,6 @@ namespace builders {
 
 namespace {
 
-constexpr uint32_t kDeletedStream = 0xFFFFFFFF;
 constexpr uint32_t kHeaderSize = 52;
 
 size_t offset_in(const MsfFile& file, const std::vector<uint32_t>& pages, uint32_t offset) {

@@ -23,6 +23,9 @@
 
 namespace builders {
 
+// The size of a deleted stream.
+inline constexpr uint32_t kDeletedStream = 0xFFFFFFFF;
+
 // A finished file and the positions of its parts, for tests that damage them.
 struct MsfFile {
   std::string bytes;

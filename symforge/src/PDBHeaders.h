@@ -14,6 +14,8 @@ namespace symforge_internal {
 
 // The stream number that means "no such stream".
 constexpr uint16_t kNoStream = 0xFFFF;
+// The size of a deleted stream in the stream directory: it has no bytes and no pages.
+constexpr uint32_t kDeletedStream = 0xFFFFFFFF;
 
 struct GUID {
   le_uint32 Data1;

@@ -19,20 +19,20 @@ namespace {
 using namespace builders;
 using namespace test_support;
 
-struct Written {
+struct Arm64Rules {
   std::string text;
   Arm64UnwindReport report;
 };
 
 // The rules of a whole image, with its table in the exception directory.
-Written written(const std::string& image, const std::vector<CodeRange>& functions = {}) {
+Arm64Rules arm64Rules(const std::string& image, const std::vector<CodeRange>& functions = {}) {
   symforge_internal::MMapWrapper mapping;
   EXPECT_TRUE(mapping.Map(MemoryFile(image).path()));
   const symforge_internal::PeImage pe(mapping);
   if (pe.ntHeaders() == nullptr) return {};
   const auto& directory = pe.ntHeaders()->OptionalHeader.DataDirectory[3];
   TextBuffer out;
-  Written result;
+  Arm64Rules result;
   result.report =
       writeArm64UnwindRules(pe, directory.VirtualAddress, directory.Size, functions, out);
   result.text = out.view();
@@ -46,10 +46,10 @@ PeBuilder arm64() {
 }
 
 // Of one function at 0x1000.
-Written writtenEntry(std::string_view words) {
+Arm64Rules arm64RulesOfEntry(std::string_view words) {
   PeBuilder pe = arm64();
   const uint32_t data = arm64_unwind(pe, words);
-  return written(pe.arm64_entry(0x1000, data).build());
+  return arm64Rules(pe.arm64_entry(0x1000, data).build());
 }
 
 std::string words_of(const TestCase& c) {
@@ -64,7 +64,7 @@ std::string rows_of(const TestCase& c) {
 TEST(Arm64UnwindTest, WritesTheRowsOfTheTable) {
   for (const char* section : {"codes", "packed", "records"}) {
     for (const TestCase& c : test_cases("arm64_unwind.txt", section)) {
-      EXPECT_EQ(cfi_rows(writtenEntry(words_of(c)).text), rows_of(c)) << c.input;
+      EXPECT_EQ(cfi_rows(arm64RulesOfEntry(words_of(c)).text), rows_of(c)) << c.input;
     }
   }
 }
@@ -75,7 +75,7 @@ const std::string kFrame = "\xE1\x81\xE4";  // mov x29,sp; stp x29,lr,[sp,#-16]!
 TEST(Arm64UnwindTest, ReadsAHundredEpilogs) {
   std::string words = "length=0x1000 extended=1 codes=e181e4 epilogs=";
   for (int i = 1; i <= 100; ++i) words += std::to_string(i * 0x20) + ":0,";
-  const std::string text = writtenEntry(words).text;
+  const std::string text = arm64RulesOfEntry(words).text;
   const std::string body = ".cfa: x29 16 + .ra: .cfa 8 - ^ x29: .cfa 16 - ^";
   size_t bodies = 0;
   for (size_t at = text.find(body); at != text.npos; at = text.find(body, at + 1)) ++bodies;
@@ -85,12 +85,12 @@ TEST(Arm64UnwindTest, ReadsAHundredEpilogs) {
 const std::string kGood = "STACK CFI INIT 3000 10 .cfa: sp 0 + .ra: x30\n";
 
 // One bad entry at 0x2000 in a function of 0x80 bytes, and a good one at 0x3000.
-Written withGood(PeBuilder& pe, uint32_t unwind_data) {
+Arm64Rules withGood(PeBuilder& pe, uint32_t unwind_data) {
   pe.arm64_entry(0x2000, unwind_data);
   pe.arm64_entry(0x3000, arm64_packed({.length = 0x10}));
-  return written(pe.build(), {{0x2000, 0x80}, {0x3000, 0x10}});
+  return arm64Rules(pe.build(), {{0x2000, 0x80}, {0x3000, 0x10}});
 }
-Written withGood(std::string_view words) {
+Arm64Rules withGood(std::string_view words) {
   PeBuilder pe = arm64();
   const uint32_t data = arm64_unwind(pe, words);
   return withGood(pe, data);
@@ -98,7 +98,7 @@ Written withGood(std::string_view words) {
 
 TEST(Arm64UnwindTest, LeavesOutDamagedEntries) {
   for (const TestCase& c : test_cases("arm64_unwind.txt", "damaged")) {
-    const Written result = withGood(c.input);
+    const Arm64Rules result = withGood(c.input);
     EXPECT_EQ(result.report.entries, 2u);
     EXPECT_EQ(result.report.damaged, 1u) << c.input;
     // Of a rejected entry with a known length, the rest of the function is a leaf.
@@ -124,7 +124,7 @@ TEST(Arm64UnwindTest, LeavesOutWhatRulesCannotDescribe) {
     entries.push_back("length=0x80 epilogs=0x40:1 codes=e4" + code + "e4");
   }
   for (const std::string& entry : entries) {
-    const Written result = withGood(entry);
+    const Arm64Rules result = withGood(entry);
     EXPECT_EQ(result.report.unsupported, 1u) << entry;
     EXPECT_EQ(result.text, kGood) << entry;
   }
@@ -153,7 +153,7 @@ TEST(Arm64UnwindTest, RejectsTruncatedRecords) {
     const std::string table = Bytes().u32(0x1000).u32(0x8000).str();
     pe.section(".pdata", 0x4000, table).directory(3, 0x4000, 8);
     pe.section(".xdata", 0x8000, bytes.substr(0, size));
-    const Written result = written(pe.build());
+    const Arm64Rules result = arm64Rules(pe.build());
     EXPECT_EQ(result.report.damaged, size < bytes.size() ? 1u : 0u) << size;
     EXPECT_EQ(result.text.empty(), size < bytes.size());
   }
@@ -164,13 +164,14 @@ TEST(Arm64UnwindTest, ReadsTheEntriesOfATruncatedTable) {
   pe.section(".text", 0x1000, std::string(0x40, 0));
   pe.section(".pdata", 0x4000,
              Bytes().u32(0x1010).u32(arm64_packed({.length = 0x10})).u32(0).str());
-  const Written result = written(pe.directory(3, 0x4000, 64).build(), {{0x1000, 0x40}});
+  const Arm64Rules result = arm64Rules(pe.directory(3, 0x4000, 64).build(), {{0x1000, 0x40}});
   EXPECT_TRUE(result.report.truncated);
   // Code above the last entry may belong to a missing one.
   EXPECT_EQ(result.text,
             "STACK CFI INIT 1000 10 .cfa: sp 0 + .ra: x30\n"
             "STACK CFI INIT 1010 10 .cfa: sp 0 + .ra: x30\n");
-  const Written none = written(arm64().directory(3, 0x00700000, 64).build(), {{0x1000, 0x40}});
+  const Arm64Rules none =
+      arm64Rules(arm64().directory(3, 0x00700000, 64).build(), {{0x1000, 0x40}});
   EXPECT_TRUE(none.report.truncated);
   EXPECT_EQ(none.text, "");
 }
@@ -180,7 +181,7 @@ TEST(Arm64UnwindTest, TakesTheFirstOfOverlappingEntries) {
   PeBuilder pe = arm64();
   pe.arm64_entry(0x3000, word).arm64_entry(0x1000, word).arm64_entry(0x1000, word + 4);
   pe.arm64_entry(0x103C, word).arm64_entry(0x1040, word).arm64_entry(0, 0);
-  const Written result = written(pe.build());
+  const Arm64Rules result = arm64Rules(pe.build());
   EXPECT_EQ(result.report.entries, 5u);
   EXPECT_EQ(result.report.overlapping, 2u);
   std::string expected;
@@ -195,14 +196,14 @@ TEST(Arm64UnwindTest, TakesTheFirstOfOverlappingEntries) {
 TEST(Arm64UnwindTest, GivesUncoveredCodeTheRulesOfALeaf) {
   PeBuilder pe = arm64();
   pe.arm64_entry(0x1010, arm64_packed({.flag = 2, .length = 0x10, .frame = 32}));
-  const Written result = written(pe.build(), {{0x1000, 0x30}, {0x1100, 8}});
+  const Arm64Rules result = arm64Rules(pe.build(), {{0x1000, 0x30}, {0x1100, 8}});
   const std::string leaf = " .cfa: sp 0 + .ra: x30\n";
   EXPECT_EQ(result.text, "STACK CFI INIT 1000 10" + leaf +
                              "STACK CFI INIT 1010 10 .cfa: sp 32 + .ra: x30\n"
                              "STACK CFI INIT 1020 10" +
                              leaf + "STACK CFI INIT 1100 8" + leaf);
   // An image without a table has leaf functions only.
-  EXPECT_EQ(written(arm64().build(), {{0x1100, 8}}).text, "STACK CFI INIT 1100 8" + leaf);
+  EXPECT_EQ(arm64Rules(arm64().build(), {{0x1100, 8}}).text, "STACK CFI INIT 1100 8" + leaf);
 }
 
 // Records shared by many entries: time and output are bounded by the size of the file.
@@ -212,7 +213,7 @@ TEST(Arm64UnwindTest, BoundsSharedRecords) {
   const uint32_t rva =
       pe.raw_unwind_info(Arm64Xdata{.length = 4, .extended = true, .codes = codes}.bytes());
   for (uint32_t i = 0; i < 20000; ++i) pe.arm64_entry(0x1000 + 4 * i, rva);
-  const Written many_codes = written(pe.build(), {{0x1000, 80000}});
+  const Arm64Rules many_codes = arm64Rules(pe.build(), {{0x1000, 80000}});
   EXPECT_TRUE(many_codes.report.limit_reached);
   EXPECT_LT(many_codes.text.size(), 100000u);
 
@@ -222,7 +223,7 @@ TEST(Arm64UnwindTest, BoundsSharedRecords) {
   pe = arm64();
   const uint32_t shared = pe.raw_unwind_info(epilogs.bytes());
   for (uint32_t i = 0; i < 100; ++i) pe.arm64_entry(0x10000 * (i + 1), shared);
-  const Written many_rows = written(pe.size_of_image(0x10000000).build());
+  const Arm64Rules many_rows = arm64Rules(pe.size_of_image(0x10000000).build());
   EXPECT_TRUE(many_rows.report.limit_reached);
   EXPECT_LT(many_rows.text.size(), 10u << 20);
 }
@@ -230,7 +231,8 @@ TEST(Arm64UnwindTest, BoundsSharedRecords) {
 // Codes from an assembler. The goldens have images of compilers, and scripts/check_against_llvm
 // checks the values of both.
 TEST(Arm64UnwindTest, ReadsTheCodesOfAnAssembler) {
-  const Arm64UnwindReport report = written(read_file(SYMFORGE_FIXTURES "/arm64/codes.dll")).report;
+  const Arm64UnwindReport report =
+      arm64Rules(read_file(SYMFORGE_FIXTURES "/arm64/codes.dll")).report;
   EXPECT_EQ(report.entries, 33u);
   EXPECT_EQ(report.unsupported, 5u);
   EXPECT_EQ(report.damaged + report.overlapping, 0u);

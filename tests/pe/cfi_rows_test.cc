@@ -16,7 +16,7 @@
 namespace symforge_internal {
 namespace {
 
-enum Register : uint8_t { kSp, kFp, kLr, kX19 };
+enum NamedRegister : uint8_t { kSp, kFp, kLr, kX19 };
 constexpr std::array<std::string_view, 4> kNames = {"sp", "x29", "x30", "x19"};
 
 CfiRules rules(uint8_t cfa_register, int64_t cfa_offset,

@@ -30,7 +30,7 @@ std::string imageWithIdentity(uint32_t age = 1) {
 }
 
 // "ID NAME", or "" for a file without an identity.
-std::string identityOf(const std::string& bytes) {
+std::string debugIdentityOf(const std::string& bytes) {
   std::string id = "kept";
   std::string name = "kept";
   if (pe64_debug_id(MemoryFile(bytes).path(), id, name)) return id + " " + name;
@@ -60,9 +60,9 @@ TEST(PeIdentityTest, IsMissingFromEverythingElse) {
   for (const auto& [what, damage] : cases) {
     std::string bytes = imageWithIdentity();
     damage(bytes);
-    EXPECT_EQ(identityOf(bytes), "") << what;
+    EXPECT_EQ(debugIdentityOf(bytes), "") << what;
   }
-  EXPECT_EQ(identityOf(PeBuilder(false).codeview({}, 1, kPdbPath).build()), "") << "PE32";
+  EXPECT_EQ(debugIdentityOf(PeBuilder(false).codeview({}, 1, kPdbPath).build()), "") << "PE32";
   std::string none;
   EXPECT_FALSE(pe64_debug_id(nullptr, none, none));
   EXPECT_FALSE(pe64_debug_id("/nonexistent", none, none));

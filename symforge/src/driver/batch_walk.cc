@@ -1,6 +1,5 @@
 #include "symforge/src/driver/batch_walk.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <strings.h>
 #include <sys/stat.h>
@@ -14,6 +13,7 @@
 #include "base/printable.h"
 #include "base/text_buffer.h"
 #include "common/symb_block.h"
+#include "symforge/src/driver/directory.h"
 #include "symforge/src/driver/input_list.h"
 #include "symforge/src/driver/messages.h"
 #include "symforge/src/driver/symbol_text.h"
@@ -24,10 +24,6 @@ namespace symforge_internal {
 namespace {
 
 constexpr size_t kLongestPath = 4095;  // bytes
-
-struct DirectoryCloser {
-  void operator()(DIR* directory) const { closedir(directory); }
-};
 
 // Whether a file begins like a text symbol file or a SYMB image.
 bool begins_like_symbol_file(const std::string& path) {
@@ -72,7 +68,7 @@ bool BatchWalk::enter(unsigned long device, unsigned long inode) {
 
 // Adds the entries so that the folder's first one is visited next.
 bool BatchWalk::visit_folder(const std::string& path) {
-  const std::unique_ptr<DIR, DirectoryCloser> directory(opendir(path.c_str()));
+  const Directory directory = open_directory(path);
   if (!directory) return failed("Failed to opendir", path);
   const size_t before = pending_.size();
   while (const dirent* entry = readdir(directory.get())) {

@@ -1,21 +1,17 @@
 #include "symforge/src/driver/image_search.h"
 
-#include <dirent.h>
 #include <strings.h>
 
 #include <algorithm>
 #include <memory>
 #include <optional>
 
+#include "symforge/src/driver/directory.h"
 #include "symforge/src/pe/image_identity.h"
 
 namespace symforge_internal {
 
 namespace {
-
-struct DirectoryCloser {
-  void operator()(DIR* directory) const { closedir(directory); }
-};
 
 // Whether `name` is `stem`, or `stem` with an extension.
 bool has_stem(const char* name, const std::string& stem) {
@@ -38,8 +34,7 @@ std::vector<std::string> files_of_same_stem(const std::string& pdb) {
   std::string stem = pdb.substr(name);
   if (const size_t dot = stem.rfind('.'); dot != std::string::npos && dot > 0) stem.resize(dot);
 
-  const std::unique_ptr<DIR, DirectoryCloser> directory(
-      opendir(folder.empty() ? "." : folder.c_str()));
+  const Directory directory = open_directory(folder.empty() ? "." : folder);
   std::vector<std::string> found;
   if (!directory) return found;
   while (const dirent* entry = readdir(directory.get())) {

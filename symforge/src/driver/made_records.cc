@@ -9,7 +9,6 @@
 #include <string_view>
 
 #include "base/file_io.h"
-#include "base/text_buffer.h"
 #include "common/symforge_version.h"
 #include "symforge/src/driver/convert.h"
 #include "symforge/src/utils.h"
@@ -17,6 +16,8 @@
 namespace symforge_internal {
 
 namespace {
+
+constexpr size_t kLongestRecord = 64 * 1024;  // bytes
 
 bool is_before(const timespec& a, const timespec& b) {
   return a.tv_sec != b.tv_sec ? a.tv_sec < b.tv_sec : a.tv_nsec < b.tv_nsec;
@@ -46,14 +47,6 @@ bool are_older(const BatchJob& job, const TreePlaces& places, const timespec& ti
 std::string record_of(const std::string& target) {
   const size_t name = target.rfind('/') + 1;
   return target.substr(0, name) + "." + target.substr(name) + ".made";
-}
-
-std::string content_of(const std::string& path) {
-  constexpr size_t kLongestRecord = 64 * 1024;
-  const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-  TextBuffer content;
-  if (!file.is_open() || !read_file(file.get(), content, kLongestRecord)) return {};
-  return std::string(content.view());
 }
 
 std::string code_id_line(const std::string& code_id) { return "code_id " + code_id + "\n"; }
@@ -86,7 +79,7 @@ bool MadeRecords::is_up_to_date(const BatchJob& job, const TreePlaces& places) c
   if (target.empty() || !time_of(target, made)) return false;
   const std::string path = record_of(target);
   if (!time_of(path, recorded) || !is_same(made, recorded)) return false;
-  const std::string record = content_of(path);
+  const std::string record = content_of(path, kLongestRecord);
   const std::string first = first_lines(places);
   if (!record.starts_with(first)) return false;
   const auto& ids = places.code_ids;

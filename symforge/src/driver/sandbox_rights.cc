@@ -6,6 +6,7 @@
 #include <string_view>
 #include <utility>
 
+#include "base/path_names.h"
 #include "common/symb.h"
 #include "common/symb_block.h"
 #include "symforge/src/pdb/undname.h"
@@ -17,11 +18,6 @@ namespace symforge_internal {
 namespace {
 
 using Kind = OpenedInput::Kind;
-
-// The part of a path after its last separator, of either kind.
-std::string last_component(std::string_view path) {
-  return std::string(path.substr(path.find_last_of("/\\") + 1));  // npos + 1 is 0
-}
 
 // The debug file name in a SYMB image, or an empty string.
 std::string name_in_symb(std::string_view image) {
@@ -48,7 +44,8 @@ std::string debug_file_of(const OpenedInput& opened) {
       return name_in_symb(content);
     case Kind::kPeAlone: {
       const std::optional<ImageIdentity> identity = pe_debug_id(opened.input().exe);
-      return identity ? last_component(identity->debug_file) : std::string();
+      return identity ? std::string(last_component(identity->debug_file, kAnySeparators))
+                      : std::string();
     }
     case Kind::kPdb:
       break;

@@ -19,8 +19,7 @@ namespace symforge_internal {
 
 namespace {
 
-constexpr uint64_t kWord = sizeof(le_uint32);
-constexpr uint32_t kDeletedStream = 0xFFFFFFFF;
+constexpr uint64_t kWordBytes = sizeof(le_uint32);
 
 uint64_t divided_up(uint64_t number, uint64_t by) { return (number + by - 1) / by; }
 
@@ -52,7 +51,7 @@ class SparseReader {
     return true;
   }
   bool in_page(uint64_t page, uint64_t word, uint64_t& value) const {
-    return word_at(page * page_size_ + word * kWord, value);
+    return word_at(page * page_size_ + word * kWordBytes, value);
   }
   bool directory_word(uint64_t number, uint64_t& word) const;
   bool stream_page(uint32_t stream, uint64_t number, uint64_t& page) const;
@@ -69,19 +68,19 @@ bool SparseReader::open() {
   if (!read_at(0, &header, sizeof(header))) return false;
   if (std::memcmp(header.signature, validSignature, sizeof(header.signature)) != 0) return false;
   page_size_ = header.pageSize;
-  directory_words_ = header.directorySize / kWord;
-  return page_size_ >= kWord && page_size_ % kWord == 0 && directory_word(0, streams_) &&
+  directory_words_ = header.directorySize / kWordBytes;
+  return page_size_ >= kWordBytes && page_size_ % kWordBytes == 0 && directory_word(0, streams_) &&
          streams_ <= limits::kStreams;
 }
 
 // Word `number` of the directory, through an index page and a directory page.
 bool SparseReader::directory_word(uint64_t number, uint64_t& word) const {
   if (number >= directory_words_) return false;
-  const uint64_t in_a_page = page_size_ / kWord;
+  const uint64_t in_a_page = page_size_ / kWordBytes;
   const uint64_t page = number / in_a_page;
   uint64_t index_page;
   uint64_t directory_page;
-  return word_at(sizeof(PDBHeader) + page / in_a_page * kWord, index_page) &&
+  return word_at(sizeof(PDBHeader) + page / in_a_page * kWordBytes, index_page) &&
          in_page(index_page, page % in_a_page, directory_page) &&
          in_page(directory_page, number % in_a_page, word);
 }
@@ -135,12 +134,13 @@ bool is_minimal(const SparseReader& file, uint64_t table) {
     le_uint32 value;
     return file.read(InfoStream::kStream, offset, value) ? uint32_t{value} : 0;
   };
-  uint64_t at = table + 2 * kWord;
-  for (int set = 0; set < 2; ++set) at += kWord + kWord * word(at);
-  at += 2 * kWord * word(table) + kWord;
+  uint64_t at = table + 2 * kWordBytes;
+  for (int set = 0; set < 2; ++set) at += kWordBytes + kWordBytes * word(at);
+  at += 2 * kWordBytes * word(table) + kWordBytes;
   uint64_t size;
   if (!file.stream_size(InfoStream::kStream, size)) return false;
-  for (const uint64_t end = std::min(size, at + kMaxFeatures * kWord); at < end; at += kWord) {
+  for (const uint64_t end = std::min(size, at + kMaxFeatures * kWordBytes); at < end;
+       at += kWordBytes) {
     if (word(at) == kMinimalDebugInfo) return true;
   }
   return false;

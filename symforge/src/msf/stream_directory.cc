@@ -12,8 +12,6 @@ namespace symforge_internal {
 namespace {
 
 constexpr uint32_t kWord = sizeof(uint32_t);
-// The size of a deleted stream: it has no bytes and no pages.
-constexpr uint32_t kDeletedStream = 0xFFFFFFFF;
 
 uint32_t dividedUp(uint32_t number, uint32_t by) { return number / by + (number % by != 0); }
 

@@ -4,8 +4,6 @@ namespace symforge_internal {
 
 namespace {
 
-constexpr int64_t kWord = 8;
-
 // Prefix bits of a 64-bit instruction: W, and the high bits of the register and the base register.
 constexpr uint8_t kRexW = 0x48;
 constexpr uint8_t kRexR = 0x04;
@@ -154,7 +152,7 @@ bool X64Epilog::matches(const X64Frame& body) const {
       if ((left & bit) == 0 || body.rules().savedDistance(pop.reg) != depth) return false;
       left &= ~bit;
     }
-    depth -= kWord;
+    depth -= kX64Word;
   }
   return left == 0;
 }
@@ -170,7 +168,7 @@ void X64Epilog::writeRows(uint32_t address, const X64Frame& body, CfiWriter& cfi
   cfi.change(at, rules);
   for (const Pop& pop : pops()) {
     at += pop.size;
-    depth -= kWord;
+    depth -= kX64Word;
     rules.setCfa(kRsp, depth);
     rules.restore(pop.reg);
     cfi.change(at, rules);

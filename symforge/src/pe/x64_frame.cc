@@ -11,10 +11,9 @@ namespace {
 constexpr uint8_t kEpilog = 6;
 constexpr uint8_t kEpilogAtEnd = 1;
 
-constexpr int64_t kWord = 8;
 // The processor pushes SS, RSP, RFLAGS, CS and RIP on an interrupt, for some also an error code.
-constexpr int64_t kMachineFrame = 5 * kWord;
-constexpr int64_t kOldStackPointer = 2 * kWord;  // from the top of the machine frame
+constexpr int64_t kInterruptFrame = 5 * kX64Word;
+constexpr int64_t kOldStackPointer = 2 * kX64Word;  // from the top of the machine frame
 
 // How many slots an operation takes, or 0 for one that no version defines.
 size_t slotsOf(uint8_t code, uint8_t info) {
@@ -51,12 +50,12 @@ uint32_t operandOf(std::span<const UnwindCode> slots) {
 int64_t stackBytes(const X64Operation& operation) {
   switch (operation.code) {
     case UWOP_PUSH_NONVOL:
-      return kWord;
+      return kX64Word;
     case UWOP_ALLOC_SMALL:
     case UWOP_ALLOC_LARGE:
       return operation.bytes;
     case UWOP_PUSH_MACHFRAME:  // the return address at entry is part of it
-      return kMachineFrame + operation.info * kWord - kWord;
+      return kInterruptFrame + operation.info * kX64Word - kX64Word;
     default:
       return 0;
   }
@@ -124,9 +123,9 @@ void X64Prolog::limitOffsets() {
   }
 }
 
-X64Frame::X64Frame() : depth_(kWord) {
-  rules_.setCfa(kRsp, kWord);
-  rules_.setReturnAddressBelowCfa(kWord);
+X64Frame::X64Frame() : depth_(kX64Word) {
+  rules_.setCfa(kRsp, kX64Word);
+  rules_.setReturnAddressBelowCfa(kX64Word);
 }
 
 void X64Frame::begin(const X64Prolog& prolog) {
@@ -169,7 +168,7 @@ bool X64Frame::applyAll(const X64Prolog& prolog) {
 }
 
 void X64Frame::push(uint8_t reg) {
-  grow(kWord);
+  grow(kX64Word);
   if (isVolatile(reg) || reg == kRsp || rules_.isSaved(reg)) return;
   save(reg, depth_);
   pushed_ |= uint32_t{1} << reg;
@@ -196,11 +195,11 @@ bool X64Frame::setFrameRegister(const X64Prolog& prolog) {
 // Only as the very first operation, in place of the call that starts other functions. The
 // caller's stack pointer is not the top of the frame but stored in it.
 bool X64Frame::pushMachineFrame(uint8_t info) {
-  if (depth_ != kWord || hasFrameRegister() || rules_.savedMask() != 0) return false;
-  depth_ = kMachineFrame + info * kWord;
+  if (depth_ != kX64Word || hasFrameRegister() || rules_.savedMask() != 0) return false;
+  depth_ = kInterruptFrame + info * kX64Word;
   machine_frame_ = true;
   rules_.setCfa(kRsp, depth_);
-  rules_.setReturnAddressBelowCfa(kMachineFrame);
+  rules_.setReturnAddressBelowCfa(kInterruptFrame);
   rules_.save(kRsp, kOldStackPointer);
   return true;
 }

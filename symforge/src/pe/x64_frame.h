@@ -12,6 +12,8 @@
 
 namespace symforge_internal {
 
+constexpr int64_t kX64Word = 8;  // bytes of a register
+
 // One instruction of a prolog.
 struct X64Operation {
   uint8_t prolog_offset = 0;  // bytes from the start of the code to the instruction's end
