@@ -70,6 +70,7 @@ class GroupLookup {
   List outside_;        // the others
   // One for each of outside_.
   Searches starts_;
+  bool has_starts_ = false;  // starts_ are results already
   Searches publics_;
   // One for each of inside_.
   std::array<Function, kGroup> records_;
@@ -116,14 +117,25 @@ void GroupLookup<Function>::find_functions() {
 template <typename Function>
 void GroupLookup<Function>::begin_publics() {
   const size_t count = outside_.size();
+  const SymbTable functions = tables_.template functions<Function>();
+  uint64_t all = 0;
   for (size_t n = 0; n < count; ++n) {
-    const uint32_t i = outside_[n];
-    starts_[n] = tables_.template functions<Function>().search_for(addresses_[i]);
-    if (!tables_.has_functions()) starts_[n].hi = 0;
-    publics_[n] = tables_.public_search(addresses_[i]);
+    const uint64_t address = addresses_[outside_[n]];
+    all |= address;
+    starts_[n] = functions.search_for(address);
+    publics_[n] = tables_.public_search(address);
   }
-  tables_.template begin_together<FunctionStartStep, kGroup>({starts_.data(), count},
-                                                             &SymbIndex::functions);
+  // By index, the search for functions has counted those up to an address of 32 bits.
+  has_starts_ = tables_.is_indexed(&SymbIndex::functions) && all <= UINT32_MAX;
+  if (has_starts_) {
+    for (size_t n = 0; n < count; ++n) {
+      FunctionStartStep::finish(starts_[n], functions_[outside_[n]].lo);
+    }
+  } else {
+    if (!tables_.has_functions()) std::fill_n(starts_.begin(), count, SymbSearch());
+    tables_.template begin_together<FunctionStartStep, kGroup>({starts_.data(), count},
+                                                               &SymbIndex::functions);
+  }
   tables_.template begin_together<PublicStep, kGroup>({publics_.data(), count},
                                                       &SymbIndex::publics);
 }
@@ -168,8 +180,10 @@ void GroupLookup<Function>::find_files() {
 template <typename Function>
 void GroupLookup<Function>::finish_publics() {
   const size_t count = outside_.size();
-  tables_.template end_together<FunctionStartStep, kGroup>({starts_.data(), count},
-                                                           &SymbIndex::functions);
+  if (!has_starts_) {
+    tables_.template end_together<FunctionStartStep, kGroup>({starts_.data(), count},
+                                                             &SymbIndex::functions);
+  }
   tables_.template end_together<PublicStep, kGroup>({publics_.data(), count}, &SymbIndex::publics);
   for (size_t n = 0; n < count; ++n) {
     tables_.set_public(publics_[n], starts_[n], &answers_[outside_[n]]);

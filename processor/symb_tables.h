@@ -78,6 +78,8 @@ class SymbTables {
     return header_table<symb_cfi_delta_rule>(offsetof(symb_header_v1, cfi_delta_rules));
   }
 
+  // Whether there is an index of a table of the header.
+  bool is_indexed(AddressIndex SymbIndex::*index) const { return built_index(index) != nullptr; }
   // Runs one search, or several that wait for memory at once, over the whole of a table of the
   // header. `index` is the index of that table.
   template <typename Step>
