@@ -62,6 +62,13 @@ else()
     $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE> $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=3>)
 endif()
 
+# For tests and examples: without the checks that double the time to compile them. What they call has
+# those.
+add_library(symforge_fewer_checks INTERFACE)
+if(SYMFORGE_SANITIZE MATCHES "undefined")
+  target_compile_options(symforge_fewer_checks INTERFACE -fno-sanitize=vptr,null,alignment)
+endif()
+
 if(SYMFORGE_FUZZERS)
   target_compile_options(symforge_options INTERFACE -fsanitize=fuzzer-no-link)
   target_link_options(symforge_options INTERFACE -fsanitize=fuzzer-no-link)
