@@ -25,8 +25,7 @@ bool starts_before(const LineGatherer::Line& a, const LineGatherer::Line& b) {
 // Also called for invalid ranges, which the range map rejects; it logs a line for one that exceeds
 // the largest address. Valid lines are sorted when the function ends, and only if some overlap
 // does the map decide which are kept.
-void LineGatherer::StoreOutOfOrder(const Line& line) {
-  const bool valid = line.size > 0 && line.address + (line.size - 1) >= line.address;
+void LineGatherer::StoreOutOfOrder(const Line& line, bool valid) {
   if (state_ != State::kRanges && valid && lines_.size() < kMostUnsorted) {
     state_ = State::kUnsorted;
     lines_.push_back(line);

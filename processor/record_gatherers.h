@@ -32,7 +32,7 @@ class LineGatherer {
   const std::vector<Line>& Sorted();
 
  private:
-  void StoreOutOfOrder(const Line& line);
+  void StoreOutOfOrder(const Line& line, bool valid);
   void UseRanges();
   bool SortDisjoint();
 
@@ -66,7 +66,7 @@ class LineGatherer {
   const MemAddr high = line.address + line.size - 1;
   const bool valid = line.size > 0 && high >= line.address;
   if (state_ != State::kOrdered || !valid) {
-    StoreOutOfOrder(line);
+    StoreOutOfOrder(line, valid);
     return;
   }
   // Compares last addresses, because the address after a line may overflow.
@@ -74,7 +74,7 @@ class LineGatherer {
     lines_.push_back(line);
     last_high_ = high;
   } else if (high < lines_.back().address) {
-    StoreOutOfOrder(line);
+    StoreOutOfOrder(line, true);
   }
   // Any other line overlaps the last one and is dropped.
 }
