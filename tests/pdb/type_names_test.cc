@@ -14,6 +14,7 @@
 #include "base/mapped_file.h"
 #include "builders/codeview_builder.h"
 #include "builders/msf_builder.h"
+#include "tests/support/data.h"
 #include "tests/support/memory_file.h"
 
 namespace symforge_internal {
@@ -73,16 +74,21 @@ class Types {
 
 TEST(TypeNamesTest, RendersPrimitivesByTheirLowByte) {
   Types types{TypeStreamBuilder()};
-  const std::pair<uint32_t, const char*> cases[] = {
-      {0, "..."},           {2, "!Unknown!"},     {3, "void"},       {18, "long"},
-      {52, "!Unknown!"},    {104, "signed char"}, {121, "u128"},     {122, "!Unknown!"},
-      {0x67A, "!Unknown!"}, {0x603, "void *"},    {0x403, "void *"}, {0x203, "void *"},
-      {0x103, "void"},      {0x1274, "int *"},    {0x1074, "int"},
-  };
-  for (const auto& [type, text] : cases) {
-    EXPECT_EQ(types.text(type), text) << type;
+  std::vector<std::string> names(256, "!Unknown!");
+  for (const auto& c : test_support::test_cases("primitive_types.txt")) {
+    names.at(std::stoul(c.input, nullptr, 16)) = c.expected.substr(0, c.expected.find(" | "));
+  }
+  for (uint32_t number = 1; number < 256; ++number) {
+    for (const uint32_t higher : {0u, 0x100u, 0x1000u}) {
+      EXPECT_EQ(types.text(higher + number), names[number]) << number;
+    }
+    const bool known = names[number] != "!Unknown!";
+    for (const uint32_t pointer : {0x200u, 0x400u, 0x600u, 0x1200u}) {
+      EXPECT_EQ(types.text(pointer + number), names[number] + (known ? " *" : "")) << number;
+    }
     EXPECT_FALSE(types.is_function());
   }
+  EXPECT_EQ(types.text(0), "...");
 }
 
 std::string bytes16(uint16_t value) { return Bytes().u16(value).str(); }

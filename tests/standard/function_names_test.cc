@@ -10,6 +10,7 @@
 #include "builders/codeview_builder.h"
 #include "builders/msf_builder.h"
 #include "symforge/src/msf/msf_file.h"
+#include "tests/support/data.h"
 #include "tests/support/memory_file.h"
 
 namespace symforge_internal {
@@ -89,23 +90,24 @@ TEST(FunctionNames, TypesHaveTheirNames) {
   const uint32_t method = types.member_function(0x30, box, 0, arguments, 1);
   const Bytes large = Bytes().u16(0).u16(0).u32(0).u32(0).u32(0).u16(0x8004).u32(0x12345);
   const std::pair<uint32_t, const char*> cases[] = {
-      {0x7C, "char8_t"},
-      {0x7A, "char16_t"},
       {0x47B, "char32_t *"},
-      {0x46, "_Float16"},
-      {0x14, "__int128"},
-      {0x79, "unsigned __int128"},
       {0x103, "std::nullptr_t"},
       {0x02, "<unnamed type>"},
       {types.pointer(method, 0x1006C), "bool (Box::*)(int)"},
       {types.pointer(method), "(int)"},
       {types.add(0x1505, Bytes(large).zstr("Large").str()), "Large"},
   };
-  for (const auto& [type, text] : cases) {
+  const auto expect_name = [&types](uint32_t type, const std::string& text) {
     TypeStreamBuilder all = types;
-    const uint32_t function = all.procedure(kVoid, all.arguments({type}), 1);
+    const uint32_t function = all.procedure(kVoid, all.arguments({type, kInt}), 1);
     Names names(all, TypeStreamBuilder());
-    EXPECT_EQ(names.function("f", function), "f(" + std::string(text) + ")");
+    EXPECT_EQ(names.function("f", function), "f(" + text + ",int)") << type;
+  };
+  for (const auto& [type, text] : cases) expect_name(type, text);
+  for (const auto& c : test_support::test_cases("primitive_types.txt")) {
+    const size_t standard = c.expected.find(" | ");
+    expect_name(static_cast<uint32_t>(std::stoul(c.input, nullptr, 16)),
+                c.expected.substr(standard == c.expected.npos ? 0 : standard + 3));
   }
 }
 
