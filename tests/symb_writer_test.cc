@@ -34,6 +34,26 @@ TEST(SymbWriterTest, WritesEveryKindOfRecord) {
   EXPECT_TRUE(is_valid(image));
 }
 
+// Long common prefixes, strings that begin others, bytes from 0x80, and each name more than once.
+TEST(SymbWriterTest, StoresEachOfManyStringsOnceAndSorted) {
+  SymbModel model;
+  std::ostringstream text;
+  text << "MODULE windows x86_64 0123 a.pdb\n" << std::hex;
+  for (uint32_t i = 0; i < 4000; ++i) {
+    const uint32_t number = i % 1500;
+    const std::string name = std::string(1 + number % 40, 'p') + (number % 3 == 0 ? "\xC3" : "") +
+                             (number < 40 ? "" : std::to_string(number / 40));
+    if (i < 2000) {
+      model.functions.push_back({i, 1, 0, name, {}, {}});
+      text << "FUNC " << i << " 1 0 " << name << '\n';
+    } else {
+      model.publics.push_back({i, 0, name});
+      text << "PUBLIC " << i << " 0 " << name << '\n';
+    }
+  }
+  EXPECT_EQ(hex_dump(image_of(text.str())), hex_dump(model.bytes()));
+}
+
 TEST(SymbWriterTest, TakesTheIdentityFromTheHeaderLines) {
   const auto expect_text = [](const std::string& text, const std::string& expected) {
     const std::string image = image_of(text);
