@@ -164,6 +164,10 @@ TEST_F(IfChangedTest, SkipsWhatIsUpToDate) {
     write_file(record, content);
     std::filesystem::last_write_time(record, time);
   };
+  const auto move = [&](std::chrono::nanoseconds by) {
+    const std::string result = tree_ + a + "/a.sym";
+    std::filesystem::last_write_time(result, std::filesystem::last_write_time(result) + by);
+  };
   const struct {
     const char* what;
     std::function<void()> change;
@@ -179,9 +183,12 @@ TEST_F(IfChangedTest, SkipsWhatIsUpToDate) {
       {"a newer copy", [&] { set_age(temp_ / "in/copy/b.pdb", 900); }, {}, ""},
       {"a newer image", [&] { set_age(temp_ / "in/image.dll", 900); }, {}, ""},
       {"a missing result", [&] { std::filesystem::remove(tree_ + a + "/a.sym"); }, {}, "1 conv"},
-      {"a replaced result",
+      {"a result replaced in the same second", [&] { move(std::chrono::nanoseconds(1)); }, {}, "1"},
+      {"a result replaced a second later", [&] { move(std::chrono::seconds(1)); }, {}, "1 conv"},
+      {"an emptied result",
        [&] {
-         run({temp_ / "in/a.pdb", tree_});
+         std::filesystem::resize_file(tree_ + a + "/a.sym", 0);
+         set_age(tree_ + a + "/a.sym", 1800);
        },
        {},
        "1 conv"},
