@@ -18,10 +18,14 @@ COPY = os.path.abspath("build/mutants")
 BUILD = os.path.join(COPY, "build/release")
 OUTPUT = os.path.join(COPY, "build/test-output")  # of the last test
 OTHER_CODE = ("tests/", "builders/", "fuzz/", "bench/", "examples/", "fixtures/", "scripts/")
-PRODUCTS = ("symforge", "libsymforge-resolver.a")
+# What the production code becomes: targets, and their files.
+PRODUCT_TARGETS = ("symforge", "symforge_resolver", "symforge_shared")
+PRODUCTS = ("symforge", "libsymforge-resolver.a", "libsymforge.so")
+# Tests of builds and of installed files: minutes for each fault, of which they look for none.
+BUILD_TESTS = ("hardening_test", "ndebug_test", "subproject_test", "install_test")
 MEMORY = 8 << 30  # bytes for a process of a test, without the files that it maps
-PROCESSOR_SECONDS = 60  # for each process of a test; a fault can make it endless
-SECONDS = 300  # for a test that waits, also on a busy machine
+PROCESSOR_SECONDS = 40  # for each process of a test; a fault can make it endless
+SECONDS = 200  # for a test that waits, also on a busy machine: the longest takes 13
 
 # Kinds of faults: what is replaced, and by which texts.
 COMPARISONS = ((r"(?<= )<(?= )", ("<=", ">")), (r"(?<= )>(?= )", (">=", "<")), (r"<=", ("<",)),
@@ -120,49 +124,80 @@ def remove(fault):
     write(os.path.join(COPY, fault.file), read(fault.file))
 
 
-def build():
-    return subprocess.run(["cmake", "--build", BUILD, "--", "--quiet"], stdout=subprocess.DEVNULL,
-                          stderr=subprocess.DEVNULL).returncode == 0
+def build(targets):
+    return subprocess.run(["cmake", "--build", BUILD, "--target", *targets, "--", "--quiet"],
+                          stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL).returncode == 0
 
 
 def products():
     return [hashlib.sha256(read(os.path.join(BUILD, name))).digest() for name in PRODUCTS]
 
 
+class Test:
+    """A GoogleTest program as a whole, or a test of ctest. It is built before it runs."""
+
+    def __init__(self, name, targets, command, folder):
+        self.name, self.targets, self.command, self.folder = name, targets, command, folder
+        self.found, self.seconds = 0, 0.0  # (of the runs so far)
+
+    def finds_fault(self):
+        begin = time.monotonic()
+        # A test that does not compile has found the fault as well. On a busy machine a test can
+        # fail by chance: only a second failure counts.
+        found = not build(self.targets) or not any(
+            passes(self.command, self.folder) for _ in range(2))
+        self.found += found
+        self.seconds += time.monotonic() - begin
+        return found
+
+
 class Tests:
-    """The tests of the copy: GoogleTest programs, each run as a whole, and the rest by ctest. The
-    program named after the file with the fault comes first, then those that have found most."""
+    """The tests of the copy: first the program named after the file with the fault or after its
+    folder, then those that find most in a second, at last what is no GoogleTest program."""
 
     def __init__(self):
         listed = json.loads(run("ctest", "--test-dir", BUILD, "--show-only=json-v1",
                                 stdout=subprocess.PIPE).stdout)
-        self.programs, self.others = collections.OrderedDict(), []
+        programs, self.others = {}, []
         for number, test in enumerate(listed["tests"], 1):
-            command = test["command"]
+            command, name = test["command"], test["name"]
             if any(word.startswith("--gtest_filter") for word in command):
                 folders = [p["value"] for p in test["properties"]
                            if p["name"] == "WORKING_DIRECTORY"]
-                self.programs[command[0]] = folders[0] if folders else BUILD
-            else:
-                self.others.append((test["name"], number))
-        self.found = collections.Counter()
+                name = os.path.basename(command[0])
+                programs[name] = Test(
+                    name, ["symforge_" + name],
+                    [command[0], "--gtest_fail_fast", "--gtest_brief=1"],
+                    folders[0] if folders else BUILD)
+            elif name not in BUILD_TESTS:
+                self.others.append(Test(name, needed_files(command), [
+                    "ctest", "--test-dir", BUILD, "-I", f"{number},{number}"], BUILD))
+        self.programs = list(programs.values())
 
     def order(self, file):
-        stem = os.path.splitext(os.path.basename(file))[0].lower().replace("_", "")
-        return sorted(self.programs, key=lambda program: (
-            os.path.basename(program).replace("_", "") != stem + "test", -self.found[program]))
+        def rank(test):
+            return -(test.found + 1) / (test.seconds + 1)
+
+        folder, name = os.path.split(file)
+        stem = os.path.splitext(name)[0].lower().replace("_", "")
+
+        def nearness(test):
+            own = test.name.replace("_", "") == stem + "test"
+            return (not own, test.name != os.path.basename(folder) + "_test", rank(test))
+
+        return sorted(self.programs, key=nearness) + sorted(self.others, key=rank)
 
     def first_failure(self, file):
         """The name of the test that finds the fault, or None."""
-        for program in self.order(file):
-            if not passes([program, "--gtest_fail_fast", "--gtest_brief=1"],
-                          self.programs[program]):
-                self.found[program] += 1
-                return os.path.basename(program)
-        for name, number in self.others:
-            if not passes(["ctest", "--test-dir", BUILD, "-I", f"{number},{number}"], BUILD):
-                return name
-        return None
+        return next((test.name for test in self.order(file) if test.finds_fault()), None)
+
+
+def needed_files(command):
+    """The files of the build that a test names; everything if it names the folder of the build."""
+    if BUILD in command:
+        return ["all"]
+    return [os.path.relpath(word, BUILD) for word in command
+            if word.startswith(BUILD) and os.path.isfile(word)]
 
 
 def passes(command, folder):
@@ -171,8 +206,9 @@ def passes(command, folder):
         process = subprocess.Popen(
             command, cwd=folder, start_new_session=True, stdin=subprocess.DEVNULL,
             stdout=output, stderr=subprocess.STDOUT)
-    resource.prlimit(process.pid, resource.RLIMIT_DATA, (MEMORY, MEMORY))
-    resource.prlimit(process.pid, resource.RLIMIT_CPU, (PROCESSOR_SECONDS, PROCESSOR_SECONDS))
+    # (tests that set higher limits for what they run may do so)
+    for kind, value in (resource.RLIMIT_DATA, MEMORY), (resource.RLIMIT_CPU, PROCESSOR_SECONDS):
+        resource.prlimit(process.pid, kind, (value, resource.RLIM_INFINITY))
     try:
         return process.wait(SECONDS) == 0
     except subprocess.TimeoutExpired:
@@ -217,7 +253,7 @@ def main():
         plant(fault)
         try:
             # A fault that does not compile, or leaves the same program, is not one.
-            if not build() or products() == sound:
+            if not build(PRODUCT_TARGETS) or products() == sound:
                 continue
             finder = tests.first_failure(fault.file)
         finally:
