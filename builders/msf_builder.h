@@ -55,6 +55,7 @@ class MsfBuilder {
   // Replaces the contents of a stream. Adds empty streams up to that number if needed.
   MsfBuilder& set_stream(uint32_t stream, std::string bytes);
   uint32_t stream_count() const { return static_cast<uint32_t>(streams_.size()); }
+  const std::string& stream(uint32_t stream) const { return streams_.at(stream); }
 
   MsfBuilder& order(PageOrder order);
   // Inserts an unused page before the given page (1 or more) of the stream.
