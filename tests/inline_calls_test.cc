@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "tests/support/data.h"
+#include "tests/support/lines.h"
 #include "tests/support/symb_images.h"
 #include "tests/support/symbols.h"
 
@@ -20,6 +21,8 @@ using google_breakpad::StackFrame;
 using symforge_internal::TextDialect;
 using test_support::image_of;
 using test_support::is_valid;
+using test_support::lines_with;
+using test_support::replaced;
 using test_support::Symbols;
 using test_support::test_cases;
 using test_support::test_data;
@@ -98,6 +101,20 @@ TEST(InlineCalls, OddFiles) {
     const size_t at = c.input.find(": ");
     EXPECT_EQ(Forms(c.input.substr(at + 2)).answer(std::stoul(c.input, nullptr, 16)), c.expected)
         << c.input;
+  }
+}
+
+// The calls of a function at 100 to 120 as they come back from SYMB.
+TEST(InlineCalls, ComeBackWithWhatIsInsideTheirCallers) {
+  for (const auto& c : test_cases("published_answers.txt", "back")) {
+    const std::string head =
+        "MODULE Linux x86_64 0123 a\nFILE 1 a.cc\nINLINE_ORIGIN 0 g\nINLINE_ORIGIN 1 h\n"
+        "FUNC 100 20 0 f\n";
+    const std::string lines = "100 10 8 1\n110 10 9 1\n";
+    const Forms forms(head + replaced(c.input, {{"; ", "\n"}}) + "\n" + lines);
+    for (uint64_t at = 0xF0; at < 0x130; ++at) forms.answer(at);
+    const std::string calls = lines_with(forms.back(), {"INLINE "});
+    EXPECT_EQ(replaced(calls.substr(0, calls.size() - 1), {{"\n", "; "}}), c.expected) << c.input;
   }
 }
 
