@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <optional>
 #include <random>
 #include <sstream>
 #include <string>
@@ -14,6 +15,9 @@
 #include "builders/guarded_block.h"
 #include "builders/symb_builder.h"
 #include "common/lookup_limits.h"
+#include "tests/support/data.h"
+#include "tests/support/lines.h"
+#include "tests/support/symb_images.h"
 #include "tests/support/symbols.h"
 
 using namespace builders;
@@ -86,6 +90,58 @@ TEST(SymbSafetyTest, RefusesWhatLeavesTheBlock) {
   EXPECT_TRUE(is_safe(block));
   put_u64(block, function, block.size() - 4);
   EXPECT_FALSE(is_safe(block));
+}
+
+// The number of references that a relocation changes, and ! if it failed there.
+std::string relocated(const std::string& block) {
+  std::string moved = block;
+  const auto base = reinterpret_cast<uintptr_t>(moved.data());
+  const bool complete = symb_relocate(base, moved.size());
+  int changed = 0;
+  for (size_t at = 0; at + 8 <= block.size(); at += 8) {
+    changed += get_u64(moved, at) - get_u64(block, at) == base ? 1 : 0;
+  }
+  return std::to_string(changed) + (complete ? "" : "!");
+}
+
+// What is made of a block: V valid, F its frame info valid, S safe for lookups; its text, = the
+// same, - none, or the bytes of another one; the references relocated.
+std::string outcome(const std::string& block, const std::string& text) {
+  const GuardedBlock copy(block);
+  std::string result;
+  if (symb_validate(copy.address(), copy.size())) result += 'V';
+  // The first range of type 4, which contains others.
+  const std::string good = rich_symb_model().bytes();
+  const uint64_t range = get_u64(good, get_u64(good, kSymbFrameInfo) + 4 * 64 + 48);
+  const uint64_t strings = get_u64(good, kSymbStringTable) + get_u64(good, kSymbStringTable + 8);
+  if (valicate_window_frame_info(copy.address() + range, copy.address(), copy.size(), strings)) {
+    result += 'F';
+  }
+  if (symb_check_safety(copy.data(), copy.size())) result += 'S';
+  const std::optional<std::string> read = test_support::text_of(block);
+  result += !read ? "-" : *read == text ? "=" : std::to_string(read->size());
+  return result + ' ' + relocated(block);
+}
+
+// Each word of a block in turn: 0, one less, one more, beyond the block, and the largest number.
+TEST(SymbSafetyTest, DamagedWordsHaveTheReviewedOutcomes) {
+  const std::string good = rich_symb_model().bytes();
+  const std::string text = test_support::text_of(good).value();
+  std::string table;
+  std::string last;
+  for (size_t at = 0; at < good.size(); at += 4) {
+    const uint32_t word = get_u32(good, at);
+    std::string row;
+    for (const uint32_t value : {0u, word - 1, word + 1, uint32_t(good.size()) + 1, ~0u}) {
+      std::string block = good;
+      put_u32(block, at, value);
+      row += (row.empty() ? " " : ", ") + outcome(block, text);
+    }
+    if (row != last) table += std::to_string(at) + ':' + row + '\n';
+    last = row;
+  }
+  EXPECT_EQ(table,
+            test_support::lines_without(test_support::test_data("damaged_words.txt"), {"#"}));
 }
 
 // One more of each kind than a lookup may cost.
