@@ -133,6 +133,10 @@ def products():
     return [hashlib.sha256(read(os.path.join(BUILD, name))).digest() for name in PRODUCTS]
 
 
+class NoFault(Exception):
+    """The program does not compile with it."""
+
+
 class Test:
     """A GoogleTest program as a whole, or a test of ctest. It is built before it runs."""
 
@@ -142,10 +146,11 @@ class Test:
 
     def finds_fault(self):
         begin = time.monotonic()
-        # A test that does not compile has found the fault as well. On a busy machine a test can
-        # fail by chance: only a second failure counts.
-        found = not build(self.targets) or not any(
-            passes(self.command, self.folder) for _ in range(2))
+        compiles = build(self.targets)
+        if not compiles and not build(PRODUCT_TARGETS):
+            raise NoFault
+        # On a busy machine a test can fail by chance: only a second failure counts.
+        found = not compiles or not any(passes(self.command, self.folder) for _ in range(2))
         self.found += found
         self.seconds += time.monotonic() - begin
         return found
@@ -253,9 +258,11 @@ def main():
         plant(fault)
         try:
             # A fault that does not compile, or leaves the same program, is not one.
-            if not build(PRODUCT_TARGETS) or products() == sound:
-                continue
             finder = tests.first_failure(fault.file)
+            if not finder and (not build(PRODUCT_TARGETS) or products() == sound):
+                continue
+        except NoFault:
+            continue
         finally:
             remove(fault)
         done += 1
