@@ -11,6 +11,8 @@
 #include "builders/arm64_unwind_builder.h"
 #include "builders/bytes.h"
 #include "builders/pe_builder.h"
+#include "symforge/src/pe/image_identity.h"
+#include "tests/support/data.h"
 #include "tests/support/memory_file.h"
 
 namespace symforge_internal {
@@ -176,6 +178,72 @@ TEST(UnwindRulesTest, MakesNoRulesWithoutAMapOfTheCode) {
     EXPECT_EQ(result.text, "") << &hybrid - cases;
     EXPECT_THAT(result.messages, ElementsAre(HasSubstr("does not tell"))) << &hybrid - cases;
   }
+}
+
+// Functions at 0x1000, the second one continues the first one, which ends in: add rsp, 0x20; pop
+// rbx; ret.
+std::string x64_image() {
+  PeBuilder pe;
+  const std::string code = std::string(0x3A, '\x90') + from_hex("4883c4205bc3");
+  const UnwindInfo info{.prolog_size = 8,
+                        .slots = {unwind_slot(6, kEpilog, 1), unwind_slot(8, kSaveNonvol, 6), 5,
+                                  unwind_slot(4, kAllocSmall, 3), unwind_slot(1, kPushNonvol, 3)},
+                        .version = 2};
+  const uint32_t first = pe.unwind_info(info);
+  pe.section(".text", 0x1000, code).function_entry({0x1000, 0x1040, first});
+  pe.function(0x1040, 0x1060, {.flags = kUnwindChained, .chained = {0x1000, 0x1040, first}});
+  return pe.codeview({}, 1, "a.pdb").build();
+}
+
+std::string arm64_image() {
+  PeBuilder pe;
+  pe.machine(0xAA64);
+  const Arm64Xdata record{
+      .length = 0x40, .extended = true, .epilogs = {{0x20, 0}, {0x34, 0}}, .codes = "\xE1\x81\xE4"};
+  const uint32_t data = pe.raw_unwind_info(record.bytes());
+  pe.arm64_entry(0x1000, data).arm64_entry(0x2000, arm64_packed({.length = 0x40, .frame = 32}));
+  return pe.codeview({}, 1, "a.pdb").build();
+}
+
+// Bytes of rules, messages, code identifier, end of the debug identifier, bytes of its name.
+std::string outcome(const std::string& image) {
+  const Written rules = written(image);
+  std::string text =
+      std::to_string(rules.text.size()) + "/" + std::to_string(rules.messages.size());
+  const auto summary = read_image_summary(MemoryFile(image).path());
+  if (!summary) return text + " none";
+  text += ' ' + summary->code_id();
+  if (!summary->pdb) return text;
+  const std::string name_bytes = std::to_string(summary->pdb->debug_file.size());
+  return text + ' ' + summary->pdb->debug_id.substr(24) + ' ' + name_bytes;
+}
+
+// Each word of an image that is not 0 in turn, as 0, one less, one more and the largest number, and
+// each length; "=": as without damage.
+TEST(UnwindRulesTest, DamagedImagesHaveTheReviewedOutcomes) {
+  std::string table;
+  for (const std::string& good : {x64_image(), arm64_image(), image({})}) {
+    const std::string usual = outcome(good);
+    table += "image: " + usual + '\n';
+    const auto add = [&](const std::string& bytes) {
+      const std::string made = outcome(bytes);
+      return ", " + (made == usual ? "=" : made);
+    };
+    std::string last;
+    for (size_t at = 0; at + 2 <= good.size(); at += 2) {
+      const uint16_t word = get_u16(good, at);
+      std::string row;
+      for (const int value : {0, word - 1, word + 1, 0xFFFF}) {
+        std::string bytes = good;
+        put_u16(bytes, at, static_cast<uint16_t>(value));
+        if (word != 0) row += add(bytes);
+      }
+      row += add(good.substr(0, at + 1));
+      if (row != last) table += std::to_string(at) + row + '\n';
+      last = row;
+    }
+  }
+  EXPECT_EQ(table, test_support::test_data("damaged_images.txt"));
 }
 
 TEST(UnwindRulesTest, CountsEntriesWithoutRules) {
