@@ -188,6 +188,8 @@ TEST(SymbSafetyTest, RejectsExcessiveCost) {
   };
   EXPECT_TRUE(is_safe(nested(kMaxFrameInfoDepth)));
   EXPECT_FALSE(is_safe(nested(kMaxFrameInfoDepth + 1)));
+  EXPECT_NE(Symbols(nested(kMaxFrameInfoDepth).bytes()).windows(1 << 20), nullptr);
+  EXPECT_EQ(Symbols(nested(kMaxFrameInfoDepth + 1).bytes()).windows(1 << 20), nullptr);
 
   // Functions that share one array of lines.
   SymbModel shared;

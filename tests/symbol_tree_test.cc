@@ -7,7 +7,9 @@
 #include <utility>
 #include <vector>
 
+#include "base/json_writer.h"
 #include "base/printable.h"
+#include "builders/bytes.h"
 #include "symforge/src/utils.h"
 #include "tests/support/data.h"
 #include "tests/support/process.h"
@@ -117,6 +119,31 @@ TEST(PrintableTest, EscapesControlCharacters) {
             "\\xc2\\x9b"
             "2J\\xc2\\x80");
   EXPECT_EQ(printable(std::string_view("a\0b", 3)), "a\\x00b");
+}
+
+TEST(JsonTest, TakesUtf8AndReplacesOtherBytes) {
+  const auto json = [](const std::string& text) {
+    std::string out;
+    symforge_internal::append_json_string(out, text);
+    return out;
+  };
+  for (const char* valid : {"c280", "dfbf", "e0a080", "e0bfbf", "e18080", "ed9fbf", "ee8080",
+                            "efbfbf", "f0908080", "f0bfbfbf", "f1808080", "f3bfbfbf", "f48fbfbf"}) {
+    const std::string bytes = 'a' + builders::from_hex(valid) + 'b';
+    EXPECT_EQ(json(bytes), '"' + bytes + '"') << valid;
+  }
+  for (const char* invalid :
+       {"80",       "bf",       "c080",     "c1bf",     "c2",     "c27f",     "c2c0",
+        "e0",       "e09f80",   "e0c080",   "e180",     "e17f80", "e1807f",   "e180c0",
+        "eda080",   "ed7f80",   "f08f8080", "f0c08080", "f18080", "f1807f80", "f180807f",
+        "f18080c0", "f4908080", "f47f8080", "f5808080", "ff"}) {
+    std::string expected = "\"a";
+    for (const char c : builders::from_hex(invalid)) {
+      expected += c == 0x7F ? "\\u007f" : "\xEF\xBF\xBD";
+    }
+    EXPECT_EQ(json('a' + builders::from_hex(invalid) + 'b'), expected + "b\"") << invalid;
+  }
+  EXPECT_EQ(json("\"\\\n\t\r\x01\x1f ~"), "\"\\\"\\\\\\n\\t\\u000d\\u0001\\u001f ~\"");
 }
 
 }  // namespace

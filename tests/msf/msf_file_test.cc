@@ -19,6 +19,7 @@ TEST(MsfFileTest, RefusesOtherFiles) {
   SmallPdb pdb;
   std::string bytes = pdb.build().bytes;
   EXPECT_EQ(convert(std::string()).failure, "Failed to load PDB file");
+  EXPECT_EQ(convert("M").failure, kRefused);
   for (const size_t at : {0, 26, 29, 31}) {
     std::string other = bytes;
     other[at] ^= 1;
