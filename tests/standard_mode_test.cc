@@ -138,6 +138,8 @@ TEST_F(StandardStatusTest, IsOneForResultsThatCannotBeWritten) {
   std::filesystem::create_symlink("OTHER", tree_ + "/a.pdb/5F000000");
   EXPECT_THAT(run_standard({text, tree_}),
               ended(1, HasSubstr(": failed to link " + tree_ + "/a.pdb/5F000000: File exists\n")));
+  const std::string up = temp_.file("b.sym", "MODULE a b X b.pdb\nINFO CODE_ID ../x b.exe\n");
+  EXPECT_THAT(run_standard({up, tree_}), ended(1, HasSubstr("/b.pdb/../x: Invalid argument\n")));
 }
 
 TEST_F(StandardStatusTest, IsOneWhenTheReaderClosesThePipe) {
