@@ -94,6 +94,18 @@ TEST(UnwindCfiTest, FollowsEntriesThatPointToEntries) {
   EXPECT_EQ(textOf(pe.build()), lines("$rsp 16 +"));
 }
 
+// The last section of the file contains the first bytes of an info with two slots.
+TEST(UnwindCfiTest, ReadsWholeInfosAlone) {
+  const std::string info = Unwind{.slots = {op(kAllocSmall, 0), op(kAllocSmall, 0)}}.bytes();
+  ASSERT_EQ(info.size(), 8u);
+  for (size_t size = 0; size <= info.size(); ++size) {
+    PeBuilder pe;
+    pe.section(".pdata", 0x4000, Bytes().u32(0x1000).u32(0x1020).u32(0x8000).str());
+    pe.section(".xdata", 0x8000, info.substr(0, size)).directory(3, 0x4000, 12);
+    EXPECT_EQ(textOf(pe.build()), size < info.size() ? "" : lines("$rsp 24 +")) << size;
+  }
+}
+
 // Invalid or endless links: the message, and the lines before it.
 TEST(UnwindCfiTest, StopsAtInvalidLinks) {
   const auto expect_lost = [](const char* what, const std::function<void(PeBuilder&)>& add) {
