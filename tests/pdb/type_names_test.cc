@@ -158,6 +158,10 @@ TEST(TypeNamesTest, RendersEachKindOfRecord) {
       // A kind without a text is printed as the primitive type of its index's low byte, here
       // 0x1000.
       {"!Unknown!", [](auto& b) { return b.add(0x1203, "field list"); }},
+      // Known in the standard format alone.
+      {"!Unknown!", [](auto& b) { return b.string_id("s"); }},
+      {"!Unknown!", [](auto& b) { return b.string_list({kInt}); }},
+      {"!Unknown!", [](auto& b) { return b.member_function_id("f", kInt, kInt); }},
   };
   for (const auto& [text, build] : cases) {
     TypeStreamBuilder builder;
