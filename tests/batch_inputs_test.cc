@@ -205,6 +205,12 @@ TEST_F(IfChangedTest, SkipsWhatIsUpToDate) {
     const std::string expected = c.counts.empty() ? "2 converted, 0 failed, 2 skipped" : c.counts;
     EXPECT_THAT(counts(c.args), StartsWith(expected)) << c.what;
   }
+  const std::string result = tree_ + a + "/a.sym";
+  std::filesystem::remove(result);
+  std::filesystem::create_directory(result);
+  set_age(result, 1800);
+  EXPECT_NE(run({"--standard", "--if-changed", "-i", "-r", temp_ / "in", tree_}).status, 0)
+      << "a folder cannot be up to date";
 }
 
 // A text and its image are converted together or not at all.
