@@ -120,7 +120,8 @@ TEST(CutStreamsTest, HaveTheReviewedOutcome) {
       last = std::move(next);
     }
   }
-  EXPECT_EQ(text, test_data("cut_streams.txt"));
+  std::string message;
+  EXPECT_TRUE(is_test_data(text, "cut_streams.txt", message)) << message;
 }
 
 }  // namespace

@@ -243,7 +243,8 @@ TEST(UnwindRulesTest, DamagedImagesHaveTheReviewedOutcomes) {
       last = row;
     }
   }
-  EXPECT_EQ(table, test_support::test_data("damaged_images.txt"));
+  std::string message;
+  EXPECT_TRUE(test_support::is_test_data(table, "damaged_images.txt", message)) << message;
 }
 
 TEST(UnwindRulesTest, CountsEntriesWithoutRules) {

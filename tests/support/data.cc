@@ -1,6 +1,8 @@
 #include "tests/support/data.h"
 
 #include <algorithm>
+#include <filesystem>
+#include <fstream>
 #include <sstream>
 #include <stdexcept>
 #include <string_view>
@@ -33,6 +35,14 @@ std::string decoded(std::string_view text) {
 
 std::string test_data(const std::string& name) {
   return builders::read_file(SYMFORGE_TEST_DATA "/" + name);
+}
+
+bool is_test_data(const std::string& text, const std::string& name, std::string& message) {
+  if (text == test_data(name)) return true;
+  const std::string kept = std::filesystem::absolute(name + ".new").string();
+  std::ofstream(kept, std::ios::binary) << text;
+  message = "compare: diff " SYMFORGE_TEST_DATA "/" + name + " " + kept;
+  return false;
 }
 
 std::vector<TestCase> test_cases(const std::string& name) {
