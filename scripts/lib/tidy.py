@@ -1,7 +1,9 @@
 """Runs clang-tidy over sources, as many at once as there are processors, for scripts/lint.
 
-What passed without a warning is remembered as build/lint/passed/NAME: the hash of the tool, its settings and the
-compiler's flags, then the hash of each file that the source is made of. Nothing is run while all agree.
+Sources that are compiled together (CMAKE_UNITY_BUILD) are checked together, which takes a seventh of the time: the
+headers are walked once. What passed without a warning is remembered as build/lint/passed/NAME: the hash of the tool,
+its settings and the compiler's flags, then the hash of each file that the sources include. Nothing is run while all
+agree.
 """
 
 import argparse
@@ -30,6 +32,13 @@ def hash_of(path):
         return "absent"
 
 
+def members(unit):
+    """The sources in what the compiler is given: a source, or a file of cmake that includes several."""
+    if "/Unity/" not in unit:
+        return {unit}
+    return set(re.findall(r'^#include "(.*)"$', pathlib.Path(unit).read_text(), re.MULTILINE))
+
+
 def parse_arguments():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--tidy", required=True)
@@ -49,13 +58,15 @@ class Linter:
         self.tool_hash = hashlib.sha256(version + "".join(map(hash_of, settings)).encode()).hexdigest()
         commands = json.loads((arguments.build / "compile_commands.json").read_text())
         for command in commands:
-            # The precompiled headers are those of another compiler.
-            command["command"] = re.sub(r" -fpch-preprocess| -Winvalid-pch| -include \S*/cmake_pch\.hxx", "",
-                                        command["command"])
-            # Some options are those of another compiler, too.
+            # Some options are those of another compiler.
             command["command"] += " -Wno-unknown-warning-option"
         (self.folder / "compile_commands.json").write_text(json.dumps(commands))
         self.commands = {command["file"]: command for command in commands}
+
+    def units_of(self, sources):
+        """What the compiler is given to compile these sources, each with the sources in it, the largest first."""
+        units = {unit: sources & members(unit) for unit in self.commands}
+        return dict(sorted(((unit, found) for unit, found in units.items() if found), key=lambda item: -len(item[1])))
 
     def key(self, source):
         flags = self.commands[source]["command"]
@@ -80,9 +91,15 @@ class Linter:
                               cwd=self.commands[source]["directory"]).stdout
         return shlex.split(made.replace("\\\n", " "))[1:]
 
+    def checks(self, source):
+        """The checks of the nearest .clang-tidy of a source, as an option."""
+        listed = subprocess.run([self.tidy, "--list-checks", source, "--"], capture_output=True, text=True, check=True)
+        return "--checks=-*," + ",".join(listed.stdout.split()[2:])
+
     def lint(self, source):
-        """The findings in one source, as text."""
-        result = subprocess.run([self.tidy, "-p", self.folder, "--quiet", source],
+        """The findings in what the compiler is given, as text."""
+        # (the settings of names are found for each included source, the list of checks is not)
+        result = subprocess.run([self.tidy, "-p", self.folder, "--quiet", self.checks(min(members(source))), source],
                                 capture_output=True, text=True, check=False)
         if result.returncode == 0 and not WARNING.search(result.stdout):
             lines = [f"{hash_of(path)} {path}" for path in self.dependencies(source)]
@@ -94,8 +111,9 @@ class Linter:
 def main():
     arguments = parse_arguments()
     linter = Linter(arguments)
-    sources = [path for path in (str(ROOT / file) for file in arguments.files) if path in linter.commands]
-    stale = [source for source in sources if not linter.passed_before(source)]
+    units = linter.units_of({str(ROOT / file) for file in arguments.files})
+    stale = [unit for unit in units if not linter.passed_before(unit)]
+    sources, unchanged = (sum(len(units[unit]) for unit in chosen) for chosen in (units, set(units) - set(stale)))
     findings, seen, next_line = collections.Counter(), set(), time.monotonic() + 10
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
         for done, output in enumerate(pool.map(linter.lint, stale), 1):
@@ -108,12 +126,11 @@ def main():
                 if not arguments.count:
                     print(block.rstrip().replace(f"{ROOT}/", ""))
             if time.monotonic() >= next_line:
-                print(f"clang-tidy: {done} of {len(stale)}", file=sys.stderr)
+                print(f"clang-tidy: {done} of {len(stale)} units", file=sys.stderr)
                 next_line = time.monotonic() + 10
     for check, number in findings.most_common():
         print(f"{number:6} {check}", file=sys.stderr)
-    print(f"clang-tidy: {len(sources)} sources, {len(sources) - len(stale)} of them unchanged, "
-          f"{findings.total()} findings", file=sys.stderr)
+    print(f"clang-tidy: {sources} sources, {unchanged} of them unchanged, {findings.total()} findings", file=sys.stderr)
     return 1 if findings else 0
 
 
