@@ -41,7 +41,7 @@ bool read_file(int fd, TextBuffer& content, size_t limit = SIZE_MAX);
 
 // The first `limit` bytes of a file; empty if it cannot be opened or read. Does not wait for the
 // other end of a FIFO.
-std::string content_of(const std::string& path, size_t limit);
+std::string content_of(const std::string& path, size_t limit = 64 * 1024);
 
 // Writes all of `content`, with one call where the system accepts it.
 bool write_file(int fd, std::string_view content);

@@ -10,8 +10,6 @@ namespace symforge_internal {
 
 namespace {
 
-constexpr size_t kMostBytes = 64 * 1024;  // of a file of the system
-
 // The number after `name` at the beginning of a line; an empty name: at the beginning of the text.
 bool find_number(std::string_view text, std::string_view name, uint64_t& number) {
   size_t at = 0;
@@ -28,14 +26,13 @@ bool find_number(std::string_view text, std::string_view name, uint64_t& number)
 uint64_t free_in_machine() {
   constexpr uint64_t kUnit = 1024;
   uint64_t available;
-  if (!find_number(content_of("/proc/meminfo", kMostBytes), "MemAvailable:", available))
-    return UINT64_MAX;
+  if (!find_number(content_of("/proc/meminfo"), "MemAvailable:", available)) return UINT64_MAX;
   return available * kUnit;
 }
 
 uint64_t free_in_group() {
   constexpr std::string_view kVersion2 = "0::";
-  const std::string groups = content_of("/proc/self/cgroup", kMostBytes);
+  const std::string groups = content_of("/proc/self/cgroup");
   const size_t at = groups.find(kVersion2);
   if (at == std::string::npos) return UINT64_MAX;
   const size_t begin = at + kVersion2.size();
@@ -45,9 +42,9 @@ uint64_t free_in_group() {
   uint64_t used;
   uint64_t cached = 0;
   // Without a limit the file holds a word.
-  if (!find_number(content_of(folder + "/memory.max", kMostBytes), "", limit)) return UINT64_MAX;
-  if (!find_number(content_of(folder + "/memory.current", kMostBytes), "", used)) return UINT64_MAX;
-  find_number(content_of(folder + "/memory.stat", kMostBytes), "inactive_file", cached);
+  if (!find_number(content_of(folder + "/memory.max"), "", limit)) return UINT64_MAX;
+  if (!find_number(content_of(folder + "/memory.current"), "", used)) return UINT64_MAX;
+  find_number(content_of(folder + "/memory.stat"), "inactive_file", cached);
   used -= std::min(used, cached);
   return limit - std::min(limit, used);
 }

@@ -17,8 +17,6 @@ namespace symforge_internal {
 
 namespace {
 
-constexpr size_t kLongestRecord = 64 * 1024;  // bytes
-
 bool is_before(const timespec& a, const timespec& b) {
   return a.tv_sec != b.tv_sec ? a.tv_sec < b.tv_sec : a.tv_nsec < b.tv_nsec;
 }
@@ -79,7 +77,7 @@ bool MadeRecords::is_up_to_date(const BatchJob& job, const TreePlaces& places) c
   if (target.empty() || !time_of(target, made)) return false;
   const std::string path = record_of(target);
   if (!time_of(path, recorded) || !is_same(made, recorded)) return false;
-  const std::string record = content_of(path, kLongestRecord);
+  const std::string record = content_of(path);
   const std::string first = first_lines(places);
   if (!record.starts_with(first)) return false;
   const auto& ids = places.code_ids;
