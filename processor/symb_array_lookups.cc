@@ -38,23 +38,7 @@ class GroupLookup {
   using Step = RangeStep<Function, offsetof(Function, address)>;
   using Searches = std::array<SymbSearch, kGroup>;
 
-  // Positions in the group or in another list.
-  class List {
-   public:
-    void clear() { count_ = 0; }
-    void add_if(bool wanted, size_t position) {
-      positions_[count_] = static_cast<uint32_t>(position);
-      count_ += wanted ? 1 : 0;
-    }
-    size_t size() const { return count_; }
-    uint32_t operator[](size_t i) const { return positions_[i]; }
-    const uint32_t* begin() const { return positions_.data(); }
-    const uint32_t* end() const { return positions_.data() + count_; }
-
-   private:
-    std::array<uint32_t, kGroup + 1> positions_;  // one more: add_if() writes before it decides
-    size_t count_ = 0;
-  };
+  using List = SearchList<kGroup>;  // of positions in the group or in another list
 
   void begin_publics();
   void begin_lines();

@@ -158,23 +158,45 @@ void search_alone(SymbSearch& search) {
   search = state;
 }
 
+// At most kMost positions, chosen from others without a branch.
+template <size_t kMost>
+class SearchList {
+ public:
+  void clear() { count_ = 0; }
+  void add_if(bool wanted, size_t position) {
+    positions_[count_] = static_cast<uint32_t>(position);
+    count_ += wanted ? 1 : 0;
+  }
+  // Keeps the positions for which `wanted` is true after it has worked on them.
+  template <typename Wanted>
+  void keep_if(Wanted wanted) {
+    const size_t last = std::exchange(count_, 0);
+    for (size_t i = 0; i < last; ++i) {
+      const uint32_t position = positions_[i];
+      add_if(wanted(position), position);
+    }
+  }
+  size_t size() const { return count_; }
+  uint32_t operator[](size_t i) const { return positions_[i]; }
+  const uint32_t* begin() const { return positions_.data(); }
+  const uint32_t* end() const { return positions_.data() + count_; }
+
+ private:
+  std::array<uint32_t, kMost + 1> positions_;  // one more: add_if() writes before it decides
+  size_t count_ = 0;
+};
+
 // Takes steps of all searches in turn until all are over, so that all wait for memory at once.
 // Without branches: there are other loads to go on with. Bit masks, because compilers turn
 // conditional expressions into branches.
 template <typename Step, size_t kMost>
 void search_together(std::span<SymbSearch> searches) {
   const auto pick = [](uint64_t mask, uint64_t a, uint64_t b) { return b ^ ((a ^ b) & mask); };
-  std::array<uint32_t, kMost + 1> open;  // searches that are not over; one more: written to decide
-  size_t count = 0;
-  const auto keep_if_open = [&](uint32_t i) {
-    open[count] = i;
-    count += searches[i].is_over() ? 0 : 1;
-  };
-  for (uint32_t i = 0; i < searches.size(); ++i) keep_if_open(i);
-  while (count > 0) {
-    const size_t last = std::exchange(count, 0);
-    for (size_t n = 0; n < last; ++n) {
-      SymbSearch& search = searches[open[n]];
+  SearchList<kMost> open;
+  for (uint32_t i = 0; i < searches.size(); ++i) open.add_if(!searches[i].is_over(), i);
+  while (open.size() > 0) {
+    open.keep_if([&](uint32_t i) {
+      SymbSearch& search = searches[i];
       const uint64_t mid = search.middle();
       const SymbOrder order = Step::compare(search, mid);
       const uint64_t ends = -static_cast<uint64_t>(order.match);
@@ -183,8 +205,8 @@ void search_together(std::span<SymbSearch> searches) {
       search.hi = pick(at_most, mid, search.hi);
       search.lo = pick(ends, mid, pick(at_most, search.lo, mid + 1));
       __builtin_prefetch(search.records + search.middle() * Step::kStride + Step::kVisited);
-      keep_if_open(open[n]);
-    }
+      return !search.is_over();
+    });
   }
 }
 
@@ -216,7 +238,9 @@ template <typename Step>
   __builtin_prefetch(search.records + bytes);
 }
 
-// Prefetches the first, middle and last record: all of a short table.
+// Prefetches the first, middle and last record: all of a short table. Without the branches of
+// prefetch_start(), which cost an array of lookups more than they save; a single one is slower with
+// these.
 template <typename Step>
 [[gnu::always_inline]] inline void prefetch_ends(const SymbSearch& search) {
   const size_t bytes = search.hi * Step::kStride;
