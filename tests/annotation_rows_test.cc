@@ -20,7 +20,7 @@ using namespace test_support;
 // "start-end file:line" of each row, with hexadecimal offsets, for a site in line 10 of file 3.
 std::string rows(const Annotations& annotations, uint32_t chunk = 0, uint32_t size = 0x100) {
   const std::string bytes = annotations.bytes() + std::string(kAnnotationSlack, '\xFF');
-  std::vector<CodeRow> rows;
+  CodeRows rows;
   const bool sound = appendAnnotationRows(
       reinterpret_cast<const uint8_t*>(bytes.data()), annotations.bytes().size(),
       {3, 10, chunk, size}, [](uint32_t entry) { return entry; }, rows);

@@ -44,7 +44,7 @@ std::vector<Site> sites(const std::string& text) {
 }
 
 void addRow(InlineCalls& calls, const CodeRow& row) {
-  calls.addRows([&row](std::vector<CodeRow>& rows) { rows.push_back(row); });
+  calls.addRows([&row](auto& rows) { rows.push_back(row); });
 }
 
 void open(InlineCalls& calls, const Site& site) {

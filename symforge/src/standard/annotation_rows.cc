@@ -14,13 +14,18 @@ constexpr uint32_t kNoEntry = 0xFFFFFFFF;  // the offset of no file checksum
 
 class RowBuilder {
  public:
-  RowBuilder(const AnnotationStart& start, const AnnotationFiles& files, std::vector<CodeRow>& rows)
-      : m_start(start), m_files(files), m_rows(rows), m_file(start.file), m_line(start.line) {}
+  // Writes the rows from `rows` on.
+  RowBuilder(const AnnotationStart& start, const AnnotationFiles& files, CodeRow* rows)
+      : m_start(start), m_files(files), m_end(rows), m_file(start.file), m_line(start.line) {}
 
   // Applies one annotation, whose second operand only one opcode has. False for an opcode that does
   // not exist.
   bool apply(uint32_t opcode, uint32_t operand, uint32_t second);
-  void finish() { endRow(m_start.chunkSize); }
+  // Ends the last row and returns the end of all.
+  CodeRow* finish() {
+    endRow(m_start.chunkSize);
+    return m_end;
+  }
 
  private:
   [[gnu::always_inline]] void moveTo(uint32_t code) {
@@ -38,7 +43,7 @@ class RowBuilder {
   [[gnu::always_inline]] void addRow(uint32_t end) {
     if (m_row.place.file != m_foundFor) find(m_row.place.file);
     const SourcePlace place = {m_found, m_found == kNoFile ? 0 : m_row.place.line};
-    m_rows.push_back({m_row.start, end, place});
+    *m_end++ = {m_row.start, end, place};
   }
   void find(uint32_t file) {
     m_foundFor = file;
@@ -51,7 +56,7 @@ class RowBuilder {
 
   const AnnotationStart& m_start;
   const AnnotationFiles& m_files;
-  std::vector<CodeRow>& m_rows;
+  CodeRow* m_end;  // of the rows so far
   uint32_t m_file;
   uint32_t m_line;
   uint32_t m_code = 0;
@@ -102,8 +107,9 @@ inline bool RowBuilder::apply(uint32_t opcode, uint32_t operand, uint32_t second
 }  // namespace
 
 bool appendAnnotationRows(const uint8_t* bytes, size_t size, const AnnotationStart& start,
-                          const AnnotationFiles& files, std::vector<CodeRow>& rows) {
-  RowBuilder builder(start, files, rows);
+                          const AnnotationFiles& files, CodeRows& rows) {
+  // A row takes an annotation, which has two bytes or more; the last one may be incomplete.
+  RowBuilder builder(start, files, rows.prepare(size / 2 + 1));
   const uint8_t* at = bytes;
   const uint8_t* const end = bytes + size;
   bool sound = true;
@@ -116,7 +122,7 @@ bool appendAnnotationRows(const uint8_t* bytes, size_t size, const AnnotationSta
     sound = operand != kUndecodable && second != kUndecodable && at <= end &&
             builder.apply(opcode, operand, second);
   }
-  builder.finish();
+  rows.commit(builder.finish());
   return sound;
 }
 

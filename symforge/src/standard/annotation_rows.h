@@ -12,9 +12,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <vector>
 
-#include "symforge/src/standard/code_row.h"
+#include "symforge/src/standard/code_rows.h"
 
 namespace symforge_internal {
 
@@ -35,6 +34,6 @@ using AnnotationFiles = std::function<uint32_t(uint32_t entry)>;
 // `bytes` has kAnnotationSlack readable bytes following it. Annotations that cannot be decoded end
 // the rows, and false is returned. Throws what `files` throws.
 bool appendAnnotationRows(const uint8_t* bytes, size_t size, const AnnotationStart& start,
-                          const AnnotationFiles& files, std::vector<CodeRow>& rows);
+                          const AnnotationFiles& files, CodeRows& rows);
 
 }  // namespace symforge_internal

@@ -56,7 +56,7 @@ FunctionLines FunctionReader::read(size_t position, TextBuffer& out) {
   writeFuncLine(function, out);
   readLines(function);
   FunctionLines lines{function.rva, m_table.rows(), {}, {}, m_table.firstFile(), kNoFile};
-  const std::vector<CodeRow>* rows = &m_table.rows();
+  const CodeRows* rows = &m_table.rows();
   if (m_sources.sections.isRewritten()) {
     moveRows(m_sources.sections, function, *rows, m_sources.file.budget().movedParts, m_moved);
     rows = &m_moved;
@@ -177,7 +177,7 @@ void FunctionReader::openSite(const PlacedFunction& function, uint32_t symbol) {
   }
   m_calls.open(callee.origin);
   const AnnotationStart start{callee.file, callee.line, function.chunk, function.linkedSize};
-  m_calls.addRows([&](std::vector<CodeRow>& rows) {
+  m_calls.addRows([&](CodeRows& rows) {
     if (!appendSiteRows(function, {annotations, size}, start, rows)) ++m_counts.damagedBlocks;
   });
 }
@@ -199,9 +199,9 @@ const FunctionReader::Callee& FunctionReader::findCallee(uint32_t inlinee) {
 // Appends the rows that the annotations of a site describe. False if there is an invalid one.
 bool FunctionReader::appendSiteRows(const PlacedFunction& function,
                                     std::span<const uint8_t> annotations,
-                                    const AnnotationStart& start, std::vector<CodeRow>& rows) {
+                                    const AnnotationStart& start, CodeRows& rows) {
   const bool moved = m_sources.sections.isRewritten();
-  std::vector<CodeRow>& linked = moved ? m_linkedRows : rows;
+  CodeRows& linked = moved ? m_linkedRows : rows;
   if (moved) linked.clear();
   const size_t first = linked.size();
   const bool valid = appendAnnotationRows(annotations.data(), annotations.size(), start,

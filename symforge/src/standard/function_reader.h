@@ -84,7 +84,7 @@ class FunctionReader {
   bool readInlineCalls(const PlacedFunction& function);
   void openSite(const PlacedFunction& function, uint32_t symbol);
   bool appendSiteRows(const PlacedFunction& function, std::span<const uint8_t> annotations,
-                      const AnnotationStart& start, std::vector<CodeRow>& rows);
+                      const AnnotationStart& start, CodeRows& rows);
   StreamReader& readerOf(ModuleReader& of, uint32_t module) const;
 
   const FunctionSources m_sources;
@@ -103,8 +103,8 @@ class FunctionReader {
   std::string m_printableName;
   LineTable m_table;
   InlineCalls m_calls;
-  std::vector<CodeRow> m_moved;
-  std::vector<CodeRow> m_linkedRows;
+  CodeRows m_moved;
+  CodeRows m_linkedRows;
   uint32_t m_anyFile = kNoFile;
 };
 

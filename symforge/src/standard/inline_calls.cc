@@ -1,6 +1,7 @@
 #include "symforge/src/standard/inline_calls.h"
 
 #include <algorithm>
+#include <cassert>
 #include <tuple>
 
 #include "symforge/src/StreamReader.h"
@@ -61,7 +62,8 @@ void InlineCalls::sortRows() {
   const size_t count = m_rows.size();
   m_order.resize(count + 1);
   uint64_t* const order = m_order.data();
-  for (size_t i = 0; i < count; ++i) order[i] = uint64_t{m_rows[i].start} << 32 | i;
+  const CodeRow* const rows = m_rows.begin();
+  for (size_t i = 0; i < count; ++i) order[i] = uint64_t{rows[i].start} << 32 | i;
   if (!sortNearlySorted(order, count)) std::sort(order, order + count);
   order[count] = UINT64_MAX;  // starts after every function
   m_nextRow = order;
@@ -76,7 +78,7 @@ inline uint32_t InlineCalls::nextStart() const { return static_cast<uint32_t>(*m
   size_t kept = m_depth;
   while (nextStart() <= at) {
     const auto number = static_cast<uint32_t>(*m_nextRow++);
-    RowLink& link = m_links[number];
+    RowLink& link = m_links.data()[number];
     const Site& site = sites[link.site];
     Site& around = sites[site.parent];
     link.outer = around.openRow;
@@ -89,18 +91,21 @@ inline uint32_t InlineCalls::nextStart() const { return static_cast<uint32_t>(*m
 // How many of the first `most` open calls go on at an address. The line of the outermost one's
 // caller can have changed.
 inline size_t InlineCalls::keptCalls(size_t most, uint32_t at, const SourcePlace& ownPlace) {
-  while (most != 0 && m_path[most - 1].end <= at) --most;
-  if (most != 0 && m_path[0].caller != ownPlace) {
-    endPiece(m_path[0], at);
-    beginPiece(m_path[0], at, ownPlace);
+  OpenCall* const path = m_path.data();
+  while (most != 0 && path[most - 1].end <= at) --most;
+  if (most != 0 && path[0].caller != ownPlace) {
+    endPiece(path[0], at);
+    beginPiece(path[0], at, ownPlace);
   }
   return most;
 }
 
 // The row that started last among those of the site's children that are open; kNone without one.
 inline uint32_t InlineCalls::innermostRow(Site& site, uint32_t at) const {
-  while (site.openRow != kNone && m_rows[site.openRow].end <= at) {
-    site.openRow = m_links[site.openRow].outer;
+  const CodeRow* const rows = m_rows.begin();
+  const RowLink* const links = m_links.data();
+  while (site.openRow != kNone && rows[site.openRow].end <= at) {
+    site.openRow = links[site.openRow].outer;
   }
   return site.openRow;
 }
@@ -108,12 +113,13 @@ inline uint32_t InlineCalls::innermostRow(Site& site, uint32_t at) const {
 // Makes m_path the calls around an address, from the function on. The first `kept` are those.
 inline void InlineCalls::openCalls(size_t kept, uint32_t at, const SourcePlace& ownPlace) {
   Site* const sites = m_sites.data();
+  OpenCall* const path = m_path.data();
   size_t depth = kept;
   uint32_t site = 0;
   uint32_t end = m_size;
   SourcePlace place = ownPlace;
   if (kept != 0) {
-    const OpenCall& last = m_path[kept - 1];
+    const OpenCall& last = path[kept - 1];
     site = last.site;
     end = last.end;
     place = last.place;
@@ -121,10 +127,11 @@ inline void InlineCalls::openCalls(size_t kept, uint32_t at, const SourcePlace& 
   for (;;) {
     const uint32_t number = innermostRow(sites[site], at);
     if (number == kNone) break;
-    const CodeRow& row = m_rows[number];
-    site = m_links[number].site;
+    const CodeRow& row = m_rows.begin()[number];
+    site = m_links.data()[number].site;
     end = std::min(end, row.end);
-    OpenCall& call = m_path[depth];
+    assert(depth < kMaxDepth);
+    OpenCall& call = path[depth];
     const bool isOpen = depth < m_depth;
     if (!isOpen || call.site != site || call.caller != place) {
       if (isOpen) endPiece(call, at);
@@ -136,7 +143,7 @@ inline void InlineCalls::openCalls(size_t kept, uint32_t at, const SourcePlace& 
     call.place = place = row.place;
     ++depth;
   }
-  for (size_t i = depth; i < m_depth; ++i) endPiece(m_path[i], at);
+  for (size_t i = depth; i < m_depth; ++i) endPiece(path[i], at);
   m_depth = depth;
 }
 
@@ -147,41 +154,49 @@ inline void InlineCalls::beginPiece(OpenCall& call, uint32_t start, const Source
 
 [[gnu::always_inline]] inline void InlineCalls::endPiece(const OpenCall& call, uint32_t end) {
   if (m_pieces.size() >= m_maxParts) throwTooMany();
-  Site& site = m_sites[call.site];
+  Site& site = m_sites.data()[call.site];
   const auto number = static_cast<uint32_t>(m_pieces.size());
-  (site.lastPiece == kNone ? site.firstPiece : m_pieces[site.lastPiece].next) = number;
+  (site.lastPiece == kNone ? site.firstPiece : m_pieces.data()[site.lastPiece].next) = number;
   site.lastPiece = number;
   m_pieces.push_back({call.start, end, call.caller, kNone});
 }
 
 // Rows that touch and have one place are parts of what a call was cut into.
-inline void InlineCalls::addLine(uint32_t start, uint32_t end, const SourcePlace& place) {
-  if (!place.known()) return;
-  if (!m_lines.empty() && m_lines.back().end == start && m_lines.back().place == place) {
-    m_lines.back().end = end;
-  } else {
-    m_lines.push_back({start, end, place});
+inline CodeRow* InlineCalls::addLine(const CodeRow& line, CodeRow* last) {
+  if (!line.place.known()) return last;
+  if (last != m_lines.begin() && last[-1].end == line.start && last[-1].place == line.place) {
+    last[-1].end = line.end;
+    return last;
   }
+  *last = line;
+  return last + 1;
 }
 
-void InlineCalls::resolve(const std::vector<CodeRow>& ownLines) {
+void InlineCalls::resolve(std::span<const CodeRow> ownLines) {
   sortRows();
   m_depth = 0;
-  auto own = ownLines.begin();
+  const CodeRow* own = ownLines.data();
+  const CodeRow* const ownEnd = own + ownLines.size();
+  // Every line starts where a row starts or ends, or with the function.
+  CodeRow* line = m_lines.prepare(2 * (m_rows.size() + ownLines.size()) + 1);
   for (uint32_t at = 0, end = 0; at < m_size; at = end) {
     const size_t unchanged = openRows(at);
-    while (own != ownLines.end() && own->end <= at) ++own;
-    const bool hasLine = own != ownLines.end() && own->start <= at;
+    while (own != ownEnd && own->end <= at) ++own;
+    const bool hasLine = own != ownEnd && own->start <= at;
     const SourcePlace ownPlace = hasLine ? own->place : SourcePlace();
     openCalls(keptCalls(unchanged, at, ownPlace), at, ownPlace);
     spend(m_depth + 1);
 
-    end = m_depth != 0 ? m_path[m_depth - 1].end : m_size;
-    if (own != ownLines.end()) end = std::min(end, hasLine ? own->end : own->start);
+    const OpenCall* const call = m_depth != 0 ? m_path.data() + m_depth - 1 : nullptr;
+    end = call != nullptr ? call->end : m_size;
+    if (own != ownEnd) end = std::min(end, hasLine ? own->end : own->start);
     end = std::min(end, nextStart());
-    addLine(at, end, m_depth != 0 ? m_path[m_depth - 1].place : ownPlace);
+    line = addLine({at, end, call != nullptr ? call->place : ownPlace}, line);
   }
+  m_lines.commit(line);
   for (size_t i = 0; i < m_depth; ++i) endPiece(m_path[i], m_size);
+  m_ranges.resize(m_pieces.size());
+  m_rangeCount = 0;
   for (size_t site = 1; site < m_sites.size(); ++site) addCalls(m_sites[site]);
 }
 
@@ -220,9 +235,12 @@ void InlineCalls::addCall(const Site& site, const Piece* first, const Piece* las
   call.caller = first->caller;
   call.calleeFile = site.file;
   call.origin = site.origin;
-  call.firstRange = static_cast<uint32_t>(m_ranges.size());
+  call.firstRange = m_rangeCount;
   call.rangeCount = static_cast<uint32_t>(last - first);
-  for (; first != last; ++first) m_ranges.push_back({first->start, first->end});
+  for (InlineRange* range = m_ranges.data() + m_rangeCount; first != last; ++first, ++range) {
+    *range = {first->start, first->end};
+  }
+  m_rangeCount += call.rangeCount;
   m_calls.push_back(call);
 }
 

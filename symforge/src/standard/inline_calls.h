@@ -3,7 +3,7 @@
 //
 //   calls.begin(functionSize);
 //   calls.open(origin);              // a site; sites inside of it are opened before it is closed
-//   calls.addRows([&](std::vector<CodeRow>& rows) {...});
+//   calls.addRows([&](CodeRows& rows) {...});
 //   calls.close();
 //   calls.resolve(lineTable.rows());
 //
@@ -23,9 +23,10 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <vector>
 
-#include "symforge/src/standard/code_row.h"
+#include "symforge/src/standard/code_rows.h"
 
 namespace symforge_internal {
 
@@ -75,9 +76,9 @@ class InlineCalls {
     const uint32_t parent = m_open.back();
     return parent != 0 && m_sites[parent].depth + 1 == kMaxDepth;
   }
-  // Calls append(rows), which appends the rows of the site that was opened last to a vector, in any
-  // order. Rows without code have no effect. To be called before a further site is opened. Throws
-  // pdb_exception for too many rows, and what append() throws.
+  // Calls append(rows), which appends the rows of the site that was opened last, in any order. Rows
+  // without code have no effect. To be called before a further site is opened. Throws pdb_exception
+  // for too many rows, and what append() throws.
   template <typename Append>
   void addRows(Append&& append) {
     const size_t first = m_rows.size();
@@ -96,7 +97,7 @@ class InlineCalls {
 
   // Computes calls and lines. `ownLines` are the function's own, ascending and without overlap.
   // Throws pdb_exception when the budget is used up.
-  void resolve(const std::vector<CodeRow>& ownLines);
+  void resolve(std::span<const CodeRow> ownLines);
 
   // A call is followed by the calls inside of it.
   const std::vector<InlinedCall>& calls() const { return m_calls; }
@@ -104,7 +105,7 @@ class InlineCalls {
   const std::vector<InlineRange>& ranges() const { return m_ranges; }
   // Where the innermost code was written: ascending, without overlap. Code whose place is not known
   // has no row.
-  const std::vector<CodeRow>& lines() const { return m_lines; }
+  const CodeRows& lines() const { return m_lines; }
 
  private:
   static constexpr uint32_t kNone = 0xFFFFFFFF;
@@ -149,7 +150,7 @@ class InlineCalls {
   uint32_t innermostRow(Site& site, uint32_t at) const;
   void beginPiece(OpenCall& call, uint32_t start, const SourcePlace& caller);
   void endPiece(const OpenCall& call, uint32_t end);
-  void addLine(uint32_t start, uint32_t end, const SourcePlace& place);
+  CodeRow* addLine(const CodeRow& line, CodeRow* last);
   void addCalls(const Site& site);
   void addCall(const Site& site, const Piece* first, const Piece* last);
   void spend(size_t steps);
@@ -160,12 +161,13 @@ class InlineCalls {
   uint32_t m_size = 0;
   std::vector<Site> m_sites;
   std::vector<uint32_t> m_open;  // sites; for one that was left out, the site around it
-  std::vector<CodeRow> m_rows;
+  CodeRows m_rows;
   std::vector<RowLink> m_links;  // of the rows; can be longer
   std::vector<Piece> m_pieces;
   std::vector<InlinedCall> m_calls;
   std::vector<InlineRange> m_ranges;
-  std::vector<CodeRow> m_lines;
+  uint32_t m_rangeCount = 0;  // ranges that are in use; resolve() uses all
+  CodeRows m_lines;
 
   // Of the sweep.
   std::vector<uint64_t> m_order;           // start of a row above its position; at the end a mark

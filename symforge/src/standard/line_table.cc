@@ -23,16 +23,19 @@ void LineTable::begin(uint32_t size) {
 }
 
 void LineTable::add(const CV_Line* lines, size_t count, uint32_t shift, uint32_t file) {
-  uint32_t last = m_rows.empty() ? 0 : m_rows.back().start;
+  CodeRow* const begin = m_rows.prepare(count);
+  CodeRow* at = begin;
+  uint32_t last = m_rows.empty() ? 0 : begin[-1].start;
   for (size_t i = 0; i < count; ++i) {
     const uint32_t start = lines[i].offset + shift;
     const uint32_t line = lines[i].flags & kLineNumberMask;
     if (start >= m_size || line == kAlwaysStepInto || line == kNeverStepInto) continue;
     if (start < last) m_sorted = false;
     last = start;
-    if (m_rows.empty()) m_firstFile = file;
-    m_rows.push_back({start, m_size, {file, line}});
+    *at++ = {start, m_size, {file, line}};
   }
+  if (m_rows.empty() && at != begin) m_firstFile = file;
+  m_rows.commit(at);
 }
 
 void LineTable::finish() {
@@ -40,14 +43,15 @@ void LineTable::finish() {
     std::stable_sort(m_rows.begin(), m_rows.end(),
                      [](const CodeRow& a, const CodeRow& b) { return a.start < b.start; });
   }
-  size_t kept = 0;
-  for (size_t i = 0; i < m_rows.size(); ++i) {
-    const uint32_t end = i + 1 < m_rows.size() ? m_rows[i + 1].start : m_size;
-    if (end == m_rows[i].start) continue;
-    m_rows[kept] = m_rows[i];
-    m_rows[kept++].end = end;
+  CodeRow* kept = m_rows.begin();
+  const CodeRow* const last = m_rows.end();
+  for (const CodeRow* row = kept; row != last; ++row) {
+    const uint32_t end = row + 1 != last ? row[1].start : m_size;
+    if (end == row->start) continue;
+    *kept = *row;
+    kept++->end = end;
   }
-  m_rows.resize(kept);
+  m_rows.truncate(static_cast<size_t>(kept - m_rows.begin()));
 }
 
 }  // namespace symforge_internal

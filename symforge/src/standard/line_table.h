@@ -8,10 +8,9 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <vector>
 
 #include "symforge/src/pdb/codeview.h"
-#include "symforge/src/standard/code_row.h"
+#include "symforge/src/standard/code_rows.h"
 
 namespace symforge_internal {
 
@@ -28,7 +27,7 @@ class LineTable {
   // several records at one offset the last one counts.
   void finish();
 
-  const std::vector<CodeRow>& rows() const { return m_rows; }
+  const CodeRows& rows() const { return m_rows; }
   // The file of the first record; kNoFile when there are none.
   uint32_t firstFile() const { return m_firstFile; }
 
@@ -36,7 +35,7 @@ class LineTable {
   uint32_t m_size = 0;
   uint32_t m_firstFile = kNoFile;
   bool m_sorted = true;
-  std::vector<CodeRow> m_rows;
+  CodeRows m_rows;
 };
 
 }  // namespace symforge_internal

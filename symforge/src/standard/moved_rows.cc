@@ -5,7 +5,7 @@
 namespace symforge_internal {
 
 void appendMovedRow(const SectionMap& sections, const PlacedFunction& function, const CodeRow& row,
-                    Allowance& parts, std::vector<CodeRow>& moved) {
+                    Allowance& parts, CodeRows& moved) {
   for (uint32_t at = row.start; at < row.end;) {
     parts.spend(1);
     const SectionMap::MovedCode code = sections.movedCode(function.linkedRva + at);
@@ -19,18 +19,18 @@ void appendMovedRow(const SectionMap& sections, const PlacedFunction& function, 
 }
 
 void moveRows(const SectionMap& sections, const PlacedFunction& function,
-              const std::vector<CodeRow>& rows, Allowance& parts, std::vector<CodeRow>& moved) {
+              std::span<const CodeRow> rows, Allowance& parts, CodeRows& moved) {
   moved.clear();
   for (const CodeRow& row : rows) appendMovedRow(sections, function, row, parts, moved);
   std::stable_sort(moved.begin(), moved.end(),
                    [](const CodeRow& a, const CodeRow& b) { return a.start < b.start; });
-  size_t kept = 0;
+  CodeRow* kept = moved.begin();
   for (const CodeRow& row : moved) {
-    if (kept != 0) moved[kept - 1].end = std::min(moved[kept - 1].end, row.start);
-    if (kept != 0 && moved[kept - 1].start == moved[kept - 1].end) --kept;
-    moved[kept++] = row;
+    if (kept != moved.begin()) kept[-1].end = std::min(kept[-1].end, row.start);
+    if (kept != moved.begin() && kept[-1].start == kept[-1].end) --kept;
+    *kept++ = row;
   }
-  moved.resize(kept);
+  moved.truncate(static_cast<size_t>(kept - moved.begin()));
 }
 
 }  // namespace symforge_internal

@@ -3,11 +3,11 @@
 
 #pragma once
 
-#include <vector>
+#include <span>
 
 #include "base/limits.h"
 #include "symforge/src/pdb/section_map.h"
-#include "symforge/src/standard/code_row.h"
+#include "symforge/src/standard/code_rows.h"
 #include "symforge/src/standard/function_layout.h"
 
 namespace symforge_internal {
@@ -16,10 +16,10 @@ namespace symforge_internal {
 // start of the function there. Parts of one row may come in any order. Spends one of `parts` for
 // each part of the row.
 void appendMovedRow(const SectionMap& sections, const PlacedFunction& function, const CodeRow& row,
-                    Allowance& parts, std::vector<CodeRow>& moved);
+                    Allowance& parts, CodeRows& moved);
 
 // The same for all rows, and brings the result into order without overlap.
 void moveRows(const SectionMap& sections, const PlacedFunction& function,
-              const std::vector<CodeRow>& rows, Allowance& parts, std::vector<CodeRow>& moved);
+              std::span<const CodeRow> rows, Allowance& parts, CodeRows& moved);
 
 }  // namespace symforge_internal
