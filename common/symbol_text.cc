@@ -327,11 +327,15 @@ void append_line(TextBuffer& out, const InlineCallFields& fields) {
   char* const begin = out.prepare(fields.ranges.size() * kRangeBytes + kNumbersBytes);
   char* at = begin;
   std::memcpy(at, kInlineCall.data(), kInlineCall.size());
-  at = put_decimal(at + kInlineCall.size(), fields.depth);
-  for (const long number : {fields.call_line, fields.call_file, fields.origin}) {
-    *at++ = ' ';
-    at = put_decimal(at, number);
-  }
+  at += kInlineCall.size();
+  *at = static_cast<char>('0' + fields.depth);
+  at = fields.depth < 10 ? at + 1 : put_decimal(at, fields.depth);
+  *at = ' ';
+  at = put_decimal(at + 1, fields.call_line);
+  *at = ' ';
+  at = put_decimal(at + 1, fields.call_file);
+  *at = ' ';
+  at = put_decimal(at + 1, fields.origin);
   *at++ = ' ';
   for (const InlineCallFields::Range& range : fields.ranges) at = put_range(at, range);
   at[-1] = '\n';

@@ -42,9 +42,10 @@ class FileNumbers {
   // Writes " NUMBER\n", the end of a line record, and returns the end of it. kEndingBytes are
   // written whatever the number.
   char* appendEnding(uint32_t file, char* at) {
-    if (file >= m_lines.size() || m_lines[file].number == 0) add(file);
-    std::memcpy(at, m_lines[file].ending, kEndingBytes);
-    return at + m_lines[file].endingSize;
+    if (file >= m_lines.size() || m_lines.data()[file].number == 0) add(file);
+    const Line& line = m_lines.data()[file];
+    std::memcpy(at, line.ending, kEndingBytes);
+    return at + line.endingSize;
   }
   static constexpr size_t kEndingBytes = 16;
 

@@ -10,19 +10,14 @@ namespace symforge_internal {
 
 namespace {
 
-// Sorts what needs few moves, and gives up on the rest. Sites and their rows mostly come in the
-// order of their addresses.
-bool sortNearlySorted(uint64_t* values, size_t count) {
-  size_t moves = 8 * count;
-  for (size_t i = 1; i < count; ++i) {
-    const uint64_t value = values[i];
-    size_t at = i;
-    for (; at != 0 && values[at - 1] > value; --at) values[at] = values[at - 1];
-    values[at] = value;
-    if (i - at > moves) return false;
-    moves -= i - at;
-  }
-  return true;
+// Inserts the last of `count` values among the others, which are in order. Returns how many of them
+// it moves.
+size_t moveIntoPlace(uint64_t* values, size_t count) {
+  const uint64_t value = values[count - 1];
+  size_t at = count - 1;
+  for (; at != 0 && values[at - 1] > value; --at) values[at] = values[at - 1];
+  values[at] = value;
+  return count - 1 - at;
 }
 
 }  // namespace
@@ -63,8 +58,16 @@ void InlineCalls::sortRows() {
   m_order.resize(count + 1);
   uint64_t* const order = m_order.data();
   const CodeRow* const rows = m_rows.begin();
-  for (size_t i = 0; i < count; ++i) order[i] = uint64_t{rows[i].start} << 32 | i;
-  if (!sortNearlySorted(order, count)) std::sort(order, order + count);
+  // Sites and their rows mostly come in the order of their addresses.
+  const size_t most = 8 * count;
+  size_t moves = 0;
+  uint64_t last = 0;
+  for (size_t i = 0; i < count; ++i) {
+    order[i] = uint64_t{rows[i].start} << 32 | i;
+    if (order[i] < last && moves <= most) moves += moveIntoPlace(order, i + 1);
+    last = std::max(last, order[i]);
+  }
+  if (moves > most) std::sort(order, order + count);
   order[count] = UINT64_MAX;  // starts after every function
   m_nextRow = order;
 }
