@@ -50,6 +50,7 @@ def normalised(messages):
     """Messages without what differs between two runs or two builds of the same sources: times,
     source positions, the frames of a backtrace, the random part of temporary names."""
     messages = re.sub(rb"\d{6,}s: [^ :]+:\d+: ", b"(time and place) ", messages)
+    messages = re.sub(rb"(?m), \d+\.\d seconds$", b", (time)", messages)
     messages = re.sub(rb"(?m)(^\t.*(\n|\Z))+", b"\t(frames)\n", messages)
     messages = re.sub(rb"(?m)^.*:\d+: .*: Assertion ", b"(place) Assertion ", messages)
     messages = re.sub(rb"(?ms)^==\d+==.*", b"(report of a sanitizer)", messages)
