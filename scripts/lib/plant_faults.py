@@ -2,6 +2,7 @@
 scripts/mutants."""
 
 import collections
+import glob
 import hashlib
 import json
 import os
@@ -23,6 +24,8 @@ PRODUCT_TARGETS = ("symforge", "symforge_resolver", "symforge_shared")
 PRODUCTS = ("symforge", "libsymforge-resolver.a", "libsymforge.so")
 # Tests of builds and of installed files: minutes for each fault, of which they look for none.
 BUILD_TESTS = ("hardening_test", "ndebug_test", "subproject_test", "install_test")
+# The folders of the tests of other folders.
+TEST_FOLDERS = {"driver": ("batch", "program"), "src": ("base", "msf", "program")}
 MEMORY = 8 << 30  # bytes for a process of a test, without the files that it maps
 PROCESSOR_SECONDS = 40  # for each process of a test; a fault can make it endless
 WAITING_SECONDS = 60  # for a test whose processes all sleep
@@ -140,7 +143,7 @@ class NoFault(Exception):
 
 
 class Test:
-    """A GoogleTest program as a whole, or a test of ctest. It is built before it runs."""
+    """All cases of one GoogleTest source, or a test of ctest. It is built before it runs."""
 
     def __init__(self, name, targets, command, folder):
         self.name, self.targets, self.command, self.folder = name, targets, command, folder
@@ -159,8 +162,9 @@ class Test:
 
 
 class Tests:
-    """The tests of the copy: first the program named after the file with the fault or after its
-    folder, then those that find most in a second, at last what is no GoogleTest program."""
+    """The tests of the copy: first the source named after the file with the fault and those in the
+    folder named after its folder, then those that find most in a second, at last what is no
+    GoogleTest program."""
 
     def __init__(self):
         listed = json.loads(run("ctest", "--test-dir", BUILD, "--show-only=json-v1",
@@ -171,12 +175,10 @@ class Tests:
             folders = [p["value"] for p in test["properties"] if p["name"] == "WORKING_DIRECTORY"]
             folder = folders[0] if folders else BUILD
             if any(word.startswith("--gtest_filter") for word in command):
-                name = os.path.basename(command[0])
-                programs[name] = Test(name, ["symforge_" + name],
-                                      [command[0], "--gtest_fail_fast", "--gtest_brief=1"], folder)
+                programs[command[0]] = folder
             elif name not in BUILD_TESTS:
                 self.others.append(Test(name, needed_files(command), command, folder))
-        self.programs = list(programs.values())
+        self.sources = [test for item in programs.items() for test in source_tests(*item)]
 
     def order(self, file):
         def rank(test):
@@ -184,16 +186,30 @@ class Tests:
 
         folder, name = os.path.split(file)
         stem = os.path.splitext(name)[0].lower().replace("_", "")
+        near = TEST_FOLDERS.get(os.path.basename(folder), [os.path.basename(folder)])
 
         def nearness(test):
-            own = test.name.replace("_", "") == stem + "test"
-            return (not own, test.name != os.path.basename(folder) + "_test", rank(test))
+            test_folder, test_name = os.path.split(test.name)
+            return (test_name.replace("_", "") != stem + "test", test_folder not in near, rank(test))
 
-        return sorted(self.programs, key=nearness) + sorted(self.others, key=rank)
+        return sorted(self.sources, key=nearness) + sorted(self.others, key=rank)
 
     def first_failure(self, file):
         """The name of the test that finds the fault, or None."""
         return next((test.name for test in self.order(file) if test.finds_fault()), None)
+
+
+def source_tests(program, folder):
+    """The tests of a GoogleTest program, which is made of tests/NAME/*_test.cc or tests/NAME_test.cc."""
+    name = os.path.basename(program)
+    root = os.path.join(COPY, "tests")
+    for path in sorted(glob.glob(f"{root}/{name}.cc") +
+                       glob.glob(f"{root}/{name.removesuffix('_test')}/*_test.cc")):
+        suites = sorted(set(re.findall(rb"^TEST(?:_F|_P)?\((\w+),", read(path), re.M)))
+        cases = ":".join(f"{suite}.*:*/{suite}.*" for suite in map(bytes.decode, suites))
+        yield Test(os.path.splitext(os.path.relpath(path, root))[0], ["symforge_" + name],
+                   [program, "--gtest_filter=" + cases, "--gtest_fail_fast", "--gtest_brief=1"],
+                   folder)
 
 
 def needed_files(command):

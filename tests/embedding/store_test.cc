@@ -22,12 +22,12 @@ namespace {
 
 using test_support::TemporaryDirectory;
 
-std::string text_of(const std::string& function) {
+std::string text_with(const std::string& function) {
   return "MODULE windows x86 1 a.pdb\nFUNC 1000 20 8 " + function + "\n";
 }
 
-std::string symb_of(const std::string& function) {
-  return test_support::image_of(text_of(function)).value();
+std::string symb_with(const std::string& function) {
+  return test_support::image_of(text_with(function)).value();
 }
 
 class Store {
@@ -79,14 +79,14 @@ std::string function_of(const symforge_module* module) {
 TEST(Store, FindsTheFirstFileThatOpens) {
   const TemporaryDirectory directory;
   const std::string first = directory / "1", second = directory / "2";
-  directory.file("1/a.pdb/ID/a.sym", text_of("first_text"));
-  directory.file("2/a.pdb/ID/a.symb", symb_of("second"));
-  directory.file("1/b.dll/ID/b.dll.symb", symb_of("first_symb"));
-  directory.file("1/b.dll/ID/b.dll.sym", text_of("wrong"));
-  directory.file("1/c.pdb/ID/c.symb", symb_of("damaged").substr(0, 200));
-  directory.file("2/c.pdb/ID/c.sym", text_of("second_text"));
+  directory.file("1/a.pdb/ID/a.sym", text_with("first_text"));
+  directory.file("2/a.pdb/ID/a.symb", symb_with("second"));
+  directory.file("1/b.dll/ID/b.dll.symb", symb_with("first_symb"));
+  directory.file("1/b.dll/ID/b.dll.sym", text_with("wrong"));
+  directory.file("1/c.pdb/ID/c.symb", symb_with("damaged").substr(0, 200));
+  directory.file("2/c.pdb/ID/c.sym", text_with("second_text"));
   directory.file("1/d.pdb/ID/d.symb", "SYMB");
-  directory.file("outside/x.sym", text_of("outside"));
+  directory.file("outside/x.sym", text_with("outside"));
   ASSERT_EQ(symlink("ID", (directory / "1/a.pdb/CODE").c_str()), 0);
   const Store store({first, second, directory / "none"}, 1 << 20, 1000);
   const std::array<const char*, 3> kCases[] = {{"a.pdb", "ID", "first_text"},
@@ -112,7 +112,7 @@ TEST(Store, FindsTheFirstFileThatOpens) {
 TEST(Store, SharesKeepsAndEvicts) {
   const TemporaryDirectory directory;
   const std::string tree = directory / "t";
-  const std::string symb = symb_of("f");
+  const std::string symb = symb_with("f");
   for (const char* name : {"a", "b", "c"}) {
     directory.file(std::string("t/") + name + "/1/" + name + ".symb", symb);
   }
@@ -155,7 +155,7 @@ TEST(Store, RemembersWhatIsMissing) {
   for (const uint64_t milliseconds : {0, 100, 1 << 30}) {
     const Store store({tree}, 0, milliseconds);
     store.find("a.pdb", "1", SYMFORGE_ERROR_NOT_FOUND);
-    const std::string path = directory.file("t/a.pdb/1/a.sym", text_of("f"));
+    const std::string path = directory.file("t/a.pdb/1/a.sym", text_with("f"));
     if (milliseconds > 0) store.find("a.pdb", "1", SYMFORGE_ERROR_NOT_FOUND);
     EXPECT_EQ(store.info().missing_count, milliseconds > 0 ? 1u : 0u);
     if (milliseconds == 100) usleep(150'000);
@@ -180,11 +180,11 @@ TEST(Store, ThreadsAndModulesThatComeAndGo) {
   const TemporaryDirectory directory;
   const std::string tree = directory / "t";
   const auto name = [](int i) { return "m" + std::to_string(i); };
-  std::string size_of_one = symb_of("m0");
+  std::string size_of_one = symb_with("m0");
   for (int i = 0; i < kNames; ++i) {
     const std::string path = "t/" + name(i) + "/1/" + name(i);
-    if (i % 2 == 0) directory.file(path + ".symb", symb_of(name(i)));
-    if (i % 2 == 1) directory.file(path + ".sym", text_of(name(i)));
+    if (i % 2 == 0) directory.file(path + ".symb", symb_with(name(i)));
+    if (i % 2 == 1) directory.file(path + ".sym", text_with(name(i)));
   }
   const Store store({tree}, 2 * size_of_one.size(), 1);
   const std::string hidden = directory / "t/m0/hidden", shown = directory / "t/m0/1";

@@ -17,13 +17,13 @@
 namespace google_breakpad {
 namespace {
 
-using Map = RangeMap<uint64_t, int>;
+using DisjointMap = RangeMap<uint64_t, int>;
 constexpr auto kExclusive = MergeRangeStrategy::kExclusiveRanges;
 constexpr auto kLower = MergeRangeStrategy::kTruncateLower;
 constexpr auto kUpper = MergeRangeStrategy::kTruncateUpper;
 
 // "base-high:entry" of each range, with "+delta" if it is not 0, in hexadecimal.
-std::string picture(const Map& map) {
+std::string picture(const DisjointMap& map) {
   std::ostringstream out;
   out << std::hex;
   for (const auto& [high, range] : map.GetMap()) {
@@ -39,7 +39,7 @@ TEST(RangeMap, OverlapsByStrategy) {
     char strategy[16] = {};
     uint64_t base = 0, high = 0;
     ASSERT_EQ(std::sscanf(c.input.c_str(), "%15s %lx-%lx", strategy, &base, &high), 3) << c.input;
-    Map map;
+    DisjointMap map;
     map.SetMergeStrategy(*strategy == 'e' ? kExclusive : *strategy == 'l' ? kLower : kUpper);
     ASSERT_TRUE(map.StoreRange(0x10, 0x10, 1));
     const bool stored = map.StoreRange(base, high - base + 1, 2);
@@ -49,7 +49,7 @@ TEST(RangeMap, OverlapsByStrategy) {
 
 // Truncates a range of the second block to below where the first block ended.
 TEST(RangeMap, TruncatesARangeAcrossBlocks) {
-  Map map;
+  DisjointMap map;
   map.SetMergeStrategy(kLower);
   for (int i = 0; i < 65; ++i) map.StoreRange(static_cast<uint64_t>(i) * 10, 5, i);
   ASSERT_TRUE(map.StoreRange(633, 5, 100));

@@ -13,11 +13,11 @@
 namespace google_breakpad {
 namespace {
 
-using Map = ContainedRangeMap<uint64_t, int>;
+using ContainedMap = ContainedRangeMap<uint64_t, int>;
 
 TEST(ContainedRangeMap, EdgesOfTheAddressSpace) {
   constexpr uint64_t kLast = ~uint64_t{0};
-  Map map;
+  ContainedMap map;
   EXPECT_FALSE(map.StoreRange(5, 0, 1)) << "empty";
   EXPECT_FALSE(map.StoreRange(kLast, 2, 1)) << "wraps";
   EXPECT_TRUE(map.StoreRange(kLast, 1, 1));
@@ -33,7 +33,7 @@ TEST(ContainedRangeMap, AgreesWithAFlatList) {
   std::mt19937 random(11);
   for (int round = 0; round < 300; ++round) {
     const uint64_t space = 8 + random() % 200;
-    Map map;
+    ContainedMap map;
     std::vector<std::pair<uint64_t, uint64_t>> list;
     for (int i = 0; i < 150; ++i) {
       const uint64_t base = random() % space, high = base + random() % (space / 2);
@@ -82,8 +82,8 @@ TEST(ContainedRangeMap, StoresManyAsOneByOne) {
   for (int round = 0; round < 3000; ++round) {
     const uint64_t space = 2 + random() % (round % 3 == 0 ? 12 : 200);
     const uint64_t origin = round % 2 == 0 ? 0 : ~uint64_t{0} - 2 * space;
-    std::vector<Map::Extent> extents(random() % 60);
-    Map one_by_one, at_once;
+    std::vector<ContainedMap::Extent> extents(random() % 60);
+    ContainedMap one_by_one, at_once;
     for (size_t i = 0; i < extents.size(); ++i) {
       const uint64_t base = origin + random() % space;
       const uint64_t wanted = base + random() % (random() % 4 == 0 ? 2 * space : 6);

@@ -14,7 +14,7 @@
 namespace test_support {
 namespace {
 
-const std::string kText =
+const std::string kShortText =
     "MODULE windows x86_64 ABC1 a.pdb\n"
     "INFO CODE_ID 5F000000 a.exe\n"
     "FUNC 1000 10 0 main\n";
@@ -124,7 +124,7 @@ TEST_F(StandardStatusTest, IsZeroForAFunctionWithHalfAName) {
 }
 
 TEST_F(StandardStatusTest, IsOneForResultsThatCannotBeWritten) {
-  const std::string text = temp_.file("a.sym", kText + std::string(100000, 'x'));
+  const std::string text = temp_.file("a.sym", kShortText + std::string(100000, 'x'));
   EXPECT_EQ(run_standard({text}, {.stdout_path = "/dev/full"}).err,
             "symforge: " + text + ": failed to write: No space left on device\n");
 
@@ -146,7 +146,7 @@ TEST_F(StandardStatusTest, IsOneWhenTheReaderClosesThePipe) {
   int ends[2];
   ASSERT_EQ(pipe(ends), 0);
   close(ends[0]);
-  const std::string text = temp_.file("a.sym", kText);
+  const std::string text = temp_.file("a.sym", kShortText);
   const Result result = run_standard({text}, {.stdout_fd = ends[1]});
   close(ends[1]);
   EXPECT_EQ(result.status, 1);
@@ -163,11 +163,11 @@ TEST_F(StandardStatusTest, IsOneForTextsWithoutSymbForm) {
 }
 
 TEST_F(StandardStatusTest, IsZeroWithTheUmaskApplied) {
-  ASSERT_EQ(run_standard({temp_.file("a.sym", kText), tree_}).err, "");
+  ASSERT_EQ(run_standard({temp_.file("a.sym", kShortText), tree_}).err, "");
   EXPECT_EQ(list_tree(tree_), (Tree{{"a.pdb", "dir 0755"},
                                     {"a.pdb/5F000000", "link ABC1"},
                                     {"a.pdb/ABC1", "dir 0755"},
-                                    {"a.pdb/ABC1/a.sym", "file 0644 " + kText}}));
+                                    {"a.pdb/ABC1/a.sym", "file 0644 " + kShortText}}));
 }
 
 class StandardImageTest : public ProgramTest {
@@ -245,7 +245,7 @@ TEST_F(StandardBatchTest, EndsWithZeroWhenEverythingWasConverted) {
   temp_.file("in/copy/b.exe", make_pe(2, "b.pdb", false));
   temp_.file("in/readme.txt", "no input");
   temp_.file("in/stray.ocx", make_pe(9));
-  temp_.file("in/t.sym", kText);
+  temp_.file("in/t.sym", kShortText);
   const Result result = batch();
   EXPECT_EQ(result.status, 0);
   EXPECT_THAT(result.err, Not(HasSubstr("stray")));
@@ -254,7 +254,7 @@ TEST_F(StandardBatchTest, EndsWithZeroWhenEverythingWasConverted) {
 }
 
 TEST_F(StandardBatchTest, EndsWithTwoWhenSomeInputsFailed) {
-  temp_.file("in/a.sym", kText);
+  temp_.file("in/a.sym", kShortText);
   temp_.file("in/bad.pdb", "bad");
   temp_.file("in/lone.exe", make_pe(5));
   EXPECT_THAT(batch(),
@@ -279,7 +279,7 @@ TEST_F(StandardBatchTest, ContinuesAfterUnreadableInputs) {
   chmod(temp_.path().c_str(), 0755);
   chmod(tree_.c_str(), 0777);
   as_nobody_ = true;
-  temp_.file("in/a.sym", kText);
+  temp_.file("in/a.sym", kShortText);
   std::filesystem::create_symlink("nowhere", in_ + "/dangling.pdb");
   temp_.folder("in/closed");
   chmod((in_ + "/closed").c_str(), 0);

@@ -30,7 +30,7 @@ using test_support::text_of;
 
 // "function file:line | inline file:line | ...", innermost inline frame first. With bases: also the
 // first addresses of the function and of its line.
-std::string described(const StackFrame& frame, bool with_bases = false) {
+std::string call_chain(const StackFrame& frame, bool with_bases = false) {
   std::ostringstream out;
   out << frame.function_name;
   if (frame.source_line != -1) out << ' ' << frame.source_file_name << ':' << frame.source_line;
@@ -59,12 +59,12 @@ class Forms {
   std::string answer(uint64_t address) const {
     const StackFrame frame = forms_[0].frame(address);
     for (size_t i = 1; i < forms_.size(); ++i) {
-      EXPECT_EQ(described(forms_[i].frame(address), true), described(frame, true))
+      EXPECT_EQ(call_chain(forms_[i].frame(address), true), call_chain(frame, true))
           << "form " << i << " at " << std::hex << address << "\n"
           << text_ << "back:\n"
           << back_;
     }
-    return described(frame);
+    return call_chain(frame);
   }
   const std::string& back() const { return back_; }
 
@@ -121,7 +121,7 @@ TEST(InlineCalls, ComeBackWithWhatIsInsideTheirCallers) {
 // Lookups on text return inline frames for INLINE lines only.
 TEST(InlineCalls, TextWithILinesReturnsNoInlines) {
   const Symbols text("FILE 1 a.cc\nFUNC 100 10 0 f\n100 10 6 1\nI 100 4 9 1 0 i\n");
-  EXPECT_EQ(described(text.frame(0x100)), "f a.cc:6");
+  EXPECT_EQ(call_chain(text.frame(0x100)), "f a.cc:6");
 }
 
 // A SYMB file has the lower 32 bits only.
@@ -129,9 +129,9 @@ TEST(InlineCalls, TextHasNumbersOf64Bits) {
   const Symbols text(
       "FILE 1 a.cc\nINLINE_ORIGIN 3 g\nFUNC 100 900000000 0 f\n100 800000000 6 1\n"
       "800000100 10 7 1\nINLINE 0 5 1 3 100000000 200000000\n");
-  EXPECT_EQ(described(text.frame(0x2ffffffff)), "f a.cc:5 | g a.cc:6");
-  EXPECT_EQ(described(text.frame(0x300000000)), "f a.cc:6");
-  EXPECT_EQ(described(text.frame(0x800000104)), "f a.cc:7");
+  EXPECT_EQ(call_chain(text.frame(0x2ffffffff)), "f a.cc:5 | g a.cc:6");
+  EXPECT_EQ(call_chain(text.frame(0x300000000)), "f a.cc:6");
+  EXPECT_EQ(call_chain(text.frame(0x800000104)), "f a.cc:7");
 }
 
 struct Call {
