@@ -6,11 +6,11 @@
 #include <cstdint>
 #include <filesystem>
 #include <random>
-#include <regex>
 #include <string>
 #include <vector>
 
 #include "builders/bytes.h"
+#include "tests/support/data.h"
 #include "tests/support/process.h"
 
 namespace {
@@ -19,7 +19,7 @@ using namespace test_support;
 
 // Without the addresses of the backtrace, which differ between processes.
 std::string comparable(const std::string& messages) {
-  return std::regex_replace(messages, std::regex("\\[0x[0-9a-f]+\\]"), "");
+  return without(messages, "\\[0x[0-9a-f]+\\]");
 }
 
 void expect_same(const std::string& pdb, const std::string& image) {

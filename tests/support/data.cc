@@ -1,5 +1,7 @@
 #include "tests/support/data.h"
 
+#include <regex.h>
+
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
@@ -80,6 +82,18 @@ std::string replaced(std::string text,
     }
   }
   return text;
+}
+
+std::string without(const std::string& text, const char* expression) {
+  regex_t compiled;
+  if (regcomp(&compiled, expression, REG_EXTENDED) != 0) throw std::runtime_error(expression);
+  std::string rest;
+  const char* at = text.c_str();
+  for (regmatch_t match; regexec(&compiled, at, 1, &match, 0) == 0; at += match.rm_eo) {
+    rest.append(at, match.rm_so);
+  }
+  regfree(&compiled);
+  return rest + at;
 }
 
 }  // namespace test_support

@@ -33,4 +33,7 @@ std::vector<std::string> split(const std::string& text, char separator = ' ');
 std::string replaced(std::string text,
                      const std::vector<std::pair<std::string, std::string>>& replacements);
 
+// The text without what matches the POSIX extended expression.
+std::string without(const std::string& text, const char* expression);
+
 }  // namespace test_support
