@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstring>
 #include <optional>
 
 namespace fuzzing {
@@ -43,6 +44,17 @@ std::vector<uint64_t> addresses_in(std::string_view text) {
   std::sort(addresses.begin(), addresses.end());
   addresses.erase(std::unique(addresses.begin(), addresses.end()), addresses.end());
   return addresses;
+}
+
+std::vector<uint64_t> words_in(std::string_view block, size_t most) {
+  constexpr size_t kHeaderSize = 176;
+  std::vector<uint64_t> words = {0, UINT32_MAX, UINT64_MAX};
+  for (size_t at = kHeaderSize; at + 4 <= block.size() && words.size() < most; at += 4) {
+    uint32_t word;
+    std::memcpy(&word, block.data() + at, sizeof word);
+    words.push_back(word);
+  }
+  return words;
 }
 
 }  // namespace fuzzing

@@ -16,7 +16,7 @@ using namespace symforge_internal;
 using builders::write_file;
 using fuzzing::require;
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+FUZZ_TARGET(batch_pairing)(const uint8_t* data, size_t size) {
   static const test_support::TemporaryDirectory folder;
   const std::string bytes(reinterpret_cast<const char*>(data), size);
   const bool is_image = bytes.starts_with("MZ");

@@ -27,22 +27,11 @@ using google_breakpad::WindowsFrameInfo;
 
 namespace {
 
-constexpr size_t kMebibyte = size_t{1} << 20;
 constexpr double kSeconds = 0.010;
-constexpr size_t kBytes = 16 * kMebibyte;
+constexpr size_t kBytes = 16 * fuzzing::kMebibyte;
 constexpr size_t kMostAddresses = 60;
 
 const test_support::TestModule kModule(0);
-
-std::vector<uint64_t> words_of(std::string_view block) {
-  std::vector<uint64_t> words = {0, UINT32_MAX, UINT64_MAX};
-  for (size_t at = 176; at + 4 <= block.size() && words.size() < kMostAddresses; at += 4) {
-    uint32_t word;
-    std::memcpy(&word, block.data() + at, sizeof word);
-    words.push_back(word);
-  }
-  return words;
-}
 
 // The resolver truncates very long names, the C interface does not.
 bool same(const char* string, const std::string& expected) {
@@ -160,12 +149,12 @@ void ask_array(const symforge_module* module, const std::vector<uint64_t>& addre
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+FUZZ_TARGET(embedding)(const uint8_t* data, size_t size) {
   const std::string_view content(reinterpret_cast<const char*>(data), size);
   const bool is_symb = content.starts_with("SYMB");
   symforge_module* opened = nullptr;
   symforge_status status = SYMFORGE_OK;
-  bounded("a load", 0.1 + 2e-6 * static_cast<double>(size), 64 * kMebibyte + 6 * size,
+  bounded("a load", 0.1 + 2e-6 * static_cast<double>(size), 64 * fuzzing::kMebibyte + 6 * size,
           [&] { status = symforge_module_open_memory(data, size, &opened); });
   require((status == SYMFORGE_OK) == (opened != nullptr), "a module or an error");
   require(opened != nullptr || status == SYMFORGE_ERROR_FORMAT, "an error of the format");
@@ -184,7 +173,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   require(info.debug_file != nullptr && info.code_file != nullptr, "names");
   BasicSourceLineResolver resolver;
   require(resolver.LoadModuleUsingMapBuffer(&kModule, content), "what opens here loads in C++");
-  std::vector<uint64_t> addresses = is_symb ? words_of(content) : fuzzing::addresses_in(content);
+  std::vector<uint64_t> addresses =
+      is_symb ? fuzzing::words_in(content, kMostAddresses) : fuzzing::addresses_in(content);
   addresses.push_back(0);
   addresses.resize(std::min(addresses.size(), kMostAddresses));
   for (const uint64_t address : addresses) {

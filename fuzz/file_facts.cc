@@ -62,7 +62,7 @@ void run(size_t size, Call call) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+FUZZ_TARGET(file_facts)(const uint8_t* data, size_t size) {
   static const MemoryFile pdb(builders::PdbBuilder(512).build().bytes);
   const MemoryFile file({reinterpret_cast<const char*>(data), size});
   run(size, [&] { return identify_files({file.path()}); });

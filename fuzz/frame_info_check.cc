@@ -35,7 +35,7 @@ uint64_t walk(std::string_view block, const Range& owner, uint64_t strings_end) 
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+FUZZ_TARGET(frame_info_check)(const uint8_t* data, size_t size) {
   constexpr size_t kOffsets = 2 * sizeof(uint32_t);
   constexpr size_t kMaxBlock = 64 * 1024;  // the traversal is recursive
   if (size < kOffsets || size - kOffsets > kMaxBlock) return 0;

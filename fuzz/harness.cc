@@ -137,7 +137,6 @@ void bounded(const char* what, double seconds, size_t bytes, const std::function
 
 // The time includes the factor 5 of bounded().
 void bounded_conversion(size_t input_bytes, const std::function<size_t()>& convert) {
-  constexpr size_t kMebibyte = size_t{1} << 20;
   const double seconds = (1 + 120e-9 * static_cast<double>(input_bytes)) / 5;
   size_t output = 0;
   bounded("a conversion", seconds, 64 * kMebibyte + 6 * input_bytes, [&] { output = convert(); });

@@ -1,4 +1,4 @@
-// Shared by all fuzz targets: the entry point, and the distinction between documented ways to exit
+// Shared by all fuzz targets: the distinction between documented ways to exit
 // and faults.
 //
 // Some damaged PDBs end the program by design: an assertion or a container's range check aborts,
@@ -15,10 +15,11 @@
 #include <functional>
 
 #include "base/text_buffer.h"
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
+#include "fuzz/target.h"
 
 namespace fuzzing {
+
+constexpr size_t kMebibyte = size_t{1} << 20;
 
 enum class Outcome {
   kReturned,

@@ -22,39 +22,29 @@ using google_breakpad::StackFrame;
 
 namespace {
 
-constexpr size_t kMebibyte = size_t{1} << 20;
+constexpr size_t kMostWords = 100;
 
-const test_support::TestModule kModule(0);
+const test_support::TestModule kHostModule(0);
 
 // Repeats every eighth text until it has a realistic size, at which excessive cost shows.
 std::string grown(std::string text) {
   if (text.empty() || text.size() % 8 != 0) return text;
   const std::string once = text;
-  while (text.size() < kMebibyte) text += once;
+  while (text.size() < fuzzing::kMebibyte) text += once;
   return text;
 }
 
-std::vector<uint64_t> words_of(std::string_view block) {
-  constexpr size_t kEnough = 100;
-  std::vector<uint64_t> words = {0, UINT32_MAX, UINT64_MAX};
-  for (size_t at = 176; at + 4 <= block.size() && words.size() < kEnough; at += 4) {
-    uint32_t word;
-    std::memcpy(&word, block.data() + at, sizeof word);
-    words.push_back(word);
-  }
-  return words;
-}
-
 void ask(BasicSourceLineResolver& resolver, uint64_t address) {
-  constexpr double kSeconds = 0.010;
-  constexpr size_t kBytes = 16 * kMebibyte;
+  constexpr double kLookupSeconds = 0.010;
+  constexpr size_t kLookupBytes = 16 * fuzzing::kMebibyte;
   StackFrame frame;
-  frame.module = &kModule;
+  frame.module = &kHostModule;
   frame.instruction = address;
-  fuzzing::bounded("a lookup", kSeconds, kBytes, [&] { resolver.FillSourceLineInfo(&frame); });
-  fuzzing::bounded("a STACK WIN lookup", kSeconds, kBytes,
+  fuzzing::bounded("a lookup", kLookupSeconds, kLookupBytes,
+                   [&] { resolver.FillSourceLineInfo(&frame); });
+  fuzzing::bounded("a STACK WIN lookup", kLookupSeconds, kLookupBytes,
                    [&] { delete resolver.FindWindowsFrameInfo(&frame); });
-  fuzzing::bounded("a STACK CFI lookup", kSeconds, kBytes,
+  fuzzing::bounded("a STACK CFI lookup", kLookupSeconds, kLookupBytes,
                    [&] { delete resolver.FindCFIFrameInfo(&frame); });
 }
 
@@ -74,7 +64,7 @@ void compare_routes(const std::string& block, const std::vector<uint64_t>& addre
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+FUZZ_TARGET(host_loads)(const uint8_t* data, size_t size) {
   std::string content(reinterpret_cast<const char*>(data), size);
   const bool is_symb = content.starts_with("SYMB");
   if (!is_symb) content = grown(std::move(content));
@@ -85,20 +75,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   BasicSourceLineResolver resolver;
   bool loaded = false;
   fuzzing::bounded("a load", 0.1 + 2e-6 * static_cast<double>(content.size()),
-                   64 * kMebibyte + 6 * content.size(),
-                   [&] { loaded = resolver.LoadModule(&kModule, file.path()); });
+                   64 * fuzzing::kMebibyte + 6 * content.size(),
+                   [&] { loaded = resolver.LoadModule(&kHostModule, file.path()); });
   require(loaded == expected, "text and safe blocks load");
-  require(resolver.HasModule(&kModule) == loaded, "what is loaded is there");
-  std::vector<uint64_t> addresses = is_symb ? words_of(content) : fuzzing::addresses_in(content);
+  require(resolver.HasModule(&kHostModule) == loaded, "what is loaded is there");
+  std::vector<uint64_t> addresses =
+      is_symb ? fuzzing::words_in(content, kMostWords) : fuzzing::addresses_in(content);
   addresses.resize(std::min<size_t>(addresses.size(), 100));
   for (const uint64_t address : addresses) ask(resolver, address);
   if (is_symb && loaded) compare_routes(content, addresses);
-  const bool corrupt = resolver.IsModuleCorrupt(&kModule);
-  resolver.UnloadModule(&kModule);
-  require(!resolver.HasModule(&kModule) && !resolver.IsModuleCorrupt(&kModule),
+  const bool corrupt = resolver.IsModuleCorrupt(&kHostModule);
+  resolver.UnloadModule(&kHostModule);
+  require(!resolver.HasModule(&kHostModule) && !resolver.IsModuleCorrupt(&kHostModule),
           "what is unloaded is gone");
 
-  require(resolver.LoadModuleUsingMapBuffer(&kModule, content) == expected, "one answer");
-  require(resolver.IsModuleCorrupt(&kModule) == corrupt, "one verdict on the lines");
+  require(resolver.LoadModuleUsingMapBuffer(&kHostModule, content) == expected, "one answer");
+  require(resolver.IsModuleCorrupt(&kHostModule) == corrupt, "one verdict on the lines");
   return 0;
 }

@@ -34,7 +34,7 @@ std::string symbol_file(const std::string& tree, const ImageIdentity& identity) 
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+FUZZ_TARGET(image_alone)(const uint8_t* data, size_t size) {
   const test_support::MemoryFile pe({reinterpret_cast<const char*>(data), size});
   const std::optional<ImageIdentity> identity = pe_debug_id(pe.path());
   const test_support::TemporaryDirectory tree;

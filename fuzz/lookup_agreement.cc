@@ -81,7 +81,7 @@ void compare_frame_infos(const Symbols& text, const Symbols& image, uint64_t add
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+FUZZ_TARGET(lookup_agreement)(const uint8_t* data, size_t size) {
   const std::string text(reinterpret_cast<const char*>(data), size);
   if (may_hold_wide_number_anywhere(text)) return 0;
   const auto image = test_support::image_of(text);

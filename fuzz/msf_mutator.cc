@@ -13,7 +13,7 @@
 
 #include "builders/bytes.h"
 #include "builders/msf_builder.h"
-#include "fuzz/mutate.h"
+#include "fuzz/target.h"
 
 using builders::get_u32;
 using builders::MsfBuilder;
@@ -115,8 +115,7 @@ std::string pack(Streams streams, Random& random) {
 
 }  // namespace
 
-extern "C" size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t max_size,
-                                          unsigned seed) {
+FUZZ_MUTATOR(pdb_to_text)(uint8_t* data, size_t size, size_t max_size, unsigned seed) {
   Random random(seed);
   const std::string file(reinterpret_cast<const char*>(data), size);
   std::optional<Streams> streams;

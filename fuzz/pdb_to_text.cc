@@ -44,7 +44,7 @@ void convert_to_standard(const test_support::MemoryFile& pdb, size_t size) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+FUZZ_TARGET(pdb_to_text)(const uint8_t* data, size_t size) {
   const test_support::MemoryFile pdb({reinterpret_cast<const char*>(data), size});
   std::string debug_id;
   if (convert(pdb, size, true, debug_id) == Outcome::kAborted) return 0;

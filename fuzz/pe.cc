@@ -23,7 +23,7 @@ const test_support::MemoryFile& good_pdb() {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+FUZZ_TARGET(pe)(const uint8_t* data, size_t size) {
   const test_support::MemoryFile pe({reinterpret_cast<const char*>(data), size});
   std::string debug_id;
   std::string debug_file;

@@ -147,7 +147,7 @@ void check_block_map(const std::vector<Operation>& operations) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+FUZZ_TARGET(range_containers)(const uint8_t* data, size_t size) {
   const std::vector<Operation> operations = operations_in(data, size);
   for (const auto strategy :
        {MergeRangeStrategy::kExclusiveRanges, MergeRangeStrategy::kTruncateLower,

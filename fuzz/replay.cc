@@ -1,8 +1,8 @@
-// fuzz_TARGET [-m COUNT] [-o] FILE|FOLDER...
+// fuzz_replay TARGET [-m COUNT] [-o] FILE|FOLDER...
 //
-// The main() of a fuzz target in builds without a fuzzing engine: runs the target on each file, and
-// on COUNT mutations of each, which are the same in every run. A fault ends the process after the
-// line with the name of the file. With -o each mutation is first written to ./fault.
+// The fuzz targets in builds without a fuzzing engine: runs one on each file, and on COUNT
+// mutations of each, which are the same in every run. A fault ends the process after the line with
+// the name of the file. With -o each mutation is first written to ./fault.
 
 #include <unistd.h>
 
@@ -10,34 +10,46 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <map>
 #include <random>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "builders/bytes.h"
 #include "fuzz/harness.h"
-#include "fuzz/mutate.h"
+#include "fuzz/target.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-std::minstd_rand engine;
+struct Target {
+  fuzzing::Run run = nullptr;
+  fuzzing::Mutate mutate = nullptr;
+};
 
-void run(const std::string& input) {
-  // A copy of exactly the input's size, so that a sanitizer detects reads beyond it.
-  const std::vector<uint8_t> bytes(input.begin(), input.end());
-  LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
+std::map<std::string_view, Target>& targets() {
+  static std::map<std::string_view, Target> by_name;
+  return by_name;
 }
 
-std::string mutated(const std::string& seed) {
+std::minstd_rand engine;
+
+void run_on(const Target& target, const std::string& input) {
+  // A copy of exactly the input's size, so that a sanitizer detects reads beyond it.
+  const std::vector<uint8_t> bytes(input.begin(), input.end());
+  target.run(bytes.data(), bytes.size());
+}
+
+std::string mutated(const Target& target, const std::string& seed) {
   constexpr size_t kGrowth = 4096;
   std::string input = seed;
   input.resize(seed.size() + kGrowth);
   auto* const data = reinterpret_cast<uint8_t*>(input.data());
   const auto mutate = [&](size_t size) {
-    return LLVMFuzzerCustomMutator != nullptr
-               ? LLVMFuzzerCustomMutator(data, size, input.size(), static_cast<unsigned>(engine()))
+    return target.mutate != nullptr
+               ? target.mutate(data, size, input.size(), static_cast<unsigned>(engine()))
                : LLVMFuzzerMutate(data, size, input.size());
   };
   size_t size = seed.size();
@@ -46,15 +58,15 @@ std::string mutated(const std::string& seed) {
   return input;
 }
 
-void replay(const fs::path& file, int mutations, bool keep) {
+void replay(const Target& target, const fs::path& file, int mutations, bool keep) {
   std::printf("%s\n", file.c_str());
   std::fflush(stdout);
   const std::string seed = builders::read_file(file);
-  run(seed);
+  run_on(target, seed);
   for (int i = 0; i < mutations; ++i) {
-    const std::string input = mutated(seed);
+    const std::string input = mutated(target, seed);
     if (keep) builders::write_file("fault", input);
-    run(input);
+    run_on(target, input);
   }
 }
 
@@ -67,6 +79,16 @@ std::vector<fs::path> files_in(const char* path) {
 }
 
 }  // namespace
+
+bool fuzzing::add_target(const char* name, Run run) {
+  targets()[name].run = run;
+  return true;
+}
+
+bool fuzzing::add_mutator(const char* name, Mutate mutate) {
+  targets()[name].mutate = mutate;
+  return true;
+}
 
 // Changes a byte, removes or duplicates a range, or inserts a number.
 extern "C" size_t LLVMFuzzerMutate(uint8_t* data, size_t size, size_t max_size) {
@@ -102,10 +124,12 @@ int main(int argc, char** argv) {
     if (option == 'm') mutations = std::atoi(optarg);
     if (option == 'o') keep = true;
   }
+  const auto target = targets().find(optind < argc ? argv[optind] : "");
+  if (target == targets().end()) return 2;
   int files = 0;
-  for (int i = optind; i < argc; ++i) {
+  for (int i = optind + 1; i < argc; ++i) {
     for (const fs::path& file : files_in(argv[i])) {
-      replay(file, mutations, keep);
+      replay(target->second, file, mutations, keep);
       ++files;
     }
   }

@@ -61,7 +61,7 @@ bool any_line(std::string_view text, Predicate predicate) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+FUZZ_TARGET(round_trip)(const uint8_t* data, size_t size) {
   const std::string input(reinterpret_cast<const char*>(data), size);
   const auto image = image_of(input);
   if (!image) return 0;

@@ -49,7 +49,7 @@ std::set<uint64_t> words_of(std::string_view image) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+FUZZ_TARGET(symb)(const uint8_t* data, size_t size) {
   const std::string_view bytes(reinterpret_cast<const char*>(data), size);
   Image image(bytes);
   const bool valid = image.valid();

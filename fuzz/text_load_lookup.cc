@@ -6,7 +6,7 @@
 #include "fuzz/harness.h"
 #include "tests/support/symbols.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+FUZZ_TARGET(text_load_lookup)(const uint8_t* data, size_t size) {
   const std::string_view text(reinterpret_cast<const char*>(data), size);
   if (text.starts_with("SYMB")) return 0;  // not validated here: see symb.cc
   const test_support::Symbols symbols(text);

@@ -43,7 +43,7 @@ void write(std::string_view content, bool binary) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+FUZZ_TARGET(tree_files)(const uint8_t* data, size_t size) {
   const std::string_view content(reinterpret_cast<const char*>(data), size);
   write(content, false);
   write(content, true);

@@ -54,7 +54,7 @@ void check(std::string_view text) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+FUZZ_TARGET(unwind_rules)(const uint8_t* data, size_t size) {
   if (size == 0) return 0;
   const test_support::MemoryFile file({reinterpret_cast<const char*>(data), size});
   symforge_internal::MMapWrapper mapping;
