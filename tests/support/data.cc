@@ -39,12 +39,11 @@ std::string test_data(const std::string& name) {
   return builders::read_file(SYMFORGE_TEST_DATA "/" + name);
 }
 
-bool is_test_data(const std::string& text, const std::string& name, std::string& message) {
-  if (text == test_data(name)) return true;
+std::string difference(const std::string& text, const std::string& name) {
+  if (text == test_data(name)) return {};
   const std::string kept = std::filesystem::absolute(name + ".new").string();
   std::ofstream(kept, std::ios::binary) << text;
-  message = "compare: diff " SYMFORGE_TEST_DATA "/" + name + " " + kept;
-  return false;
+  return "diff " SYMFORGE_TEST_DATA "/" + name + " " + kept;
 }
 
 std::vector<TestCase> test_cases(const std::string& name) {

@@ -12,9 +12,9 @@ namespace test_support {
 // Reads a whole file.
 std::string test_data(const std::string& name);
 
-// Whether a text is that of a file. If not, it is kept in the working folder as NAME.new, for a
-// review of the differences, and `message` says so.
-bool is_test_data(const std::string& text, const std::string& name, std::string& message);
+// Empty if a text is that of a file. If not, the text is kept in the working folder as NAME.new,
+// and the result is the command that shows the differences, for a review.
+std::string difference(const std::string& text, const std::string& name);
 
 // A file of lines "INPUT => EXPECTED" under headings "[SECTION]". The escapes "\\n", "\\r", "\\t",
 // "\\0" and "\\xFF" are decoded; lines that begin with '#' are comments.

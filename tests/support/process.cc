@@ -85,6 +85,19 @@ Result run(const std::vector<std::string>& args, const RunOptions& options) {
   return result;
 }
 
+Result run_alone(const std::function<void()>& call) {
+  const MemoryFile err;
+  const pid_t pid = fork();
+  if (pid == 0) {
+    dup2(err.fd(), STDERR_FILENO);
+    call();
+    _exit(0);
+  }
+  Result result = wait_for(pid);
+  result.err = read_file(err.path());
+  return result;
+}
+
 pid_t start(const std::vector<std::string>& args) {
   const pid_t pid = fork();
   if (pid != 0) return pid;

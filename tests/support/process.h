@@ -35,6 +35,10 @@ struct RunOptions {
 // Runs the program and waits for it. Throws std::runtime_error if it cannot be started.
 Result run(const std::vector<std::string>& args, const RunOptions& options = {});
 
+// Calls a function in a process of its own, which may end there. Returns its standard error and how
+// it ended; status 0 if the function returned.
+Result run_alone(const std::function<void()>& call);
+
 // Starts the program in its own process group with its output discarded, and does not wait.
 pid_t start(const std::vector<std::string>& args);
 
