@@ -3,7 +3,6 @@
 #include <strings.h>
 
 #include <algorithm>
-#include <memory>
 #include <optional>
 
 #include "symforge/src/driver/directory.h"
