@@ -14,6 +14,14 @@
 
 namespace test_support {
 
+// With the address sanitizer a process takes ten times as long: tests that start hundreds of them
+// repeat less, because builds without it run all of them.
+#ifdef SYMFORGE_SLOW_PROGRAM
+constexpr bool kSlowProgram = true;
+#else
+constexpr bool kSlowProgram = false;
+#endif
+
 struct Result {
   std::string out;
   std::string err;
