@@ -1,5 +1,4 @@
-// Shared by all fuzz targets: the distinction between documented ways to exit
-// and faults.
+// Shared by all fuzz targets: the distinction between documented ways to exit and faults.
 //
 // Some damaged PDBs end the program by design: an assertion or a container's range check aborts,
 // std::out_of_range propagates. run_expecting_exit() treats these as expected, so that fuzzing
