@@ -328,14 +328,18 @@ void append_line(TextBuffer& out, const InlineCallFields& fields) {
   char* at = begin;
   std::memcpy(at, kInlineCall.data(), kInlineCall.size());
   at += kInlineCall.size();
-  *at = static_cast<char>('0' + fields.depth);
-  at = fields.depth < 10 ? at + 1 : put_decimal(at, fields.depth);
-  *at = ' ';
-  at = put_decimal(at + 1, fields.call_line);
-  *at = ' ';
-  at = put_decimal(at + 1, fields.call_file);
-  *at = ' ';
-  at = put_decimal(at + 1, fields.origin);
+  if (fields.depth < 10) {  // nearly all
+    *at++ = static_cast<char>('0' + fields.depth);
+  } else {
+    at = put_decimal(at, fields.depth);
+  }
+  const auto put_field = [&at](long number) {
+    *at = ' ';
+    at = put_decimal(at + 1, number);
+  };
+  put_field(fields.call_line);
+  put_field(fields.call_file);
+  put_field(fields.origin);
   *at++ = ' ';
   for (const InlineCallFields::Range& range : fields.ranges) at = put_range(at, range);
   at[-1] = '\n';

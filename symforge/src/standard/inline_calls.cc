@@ -199,7 +199,6 @@ void InlineCalls::resolve(std::span<const CodeRow> ownLines) {
   m_lines.commit(line);
   for (size_t i = 0; i < m_depth; ++i) endPiece(m_path[i], m_size);
   m_ranges.resize(m_pieces.size());
-  m_rangeCount = 0;
   for (size_t site = 1; site < m_sites.size(); ++site) addCalls(m_sites[site]);
 }
 
@@ -238,12 +237,10 @@ void InlineCalls::addCall(const Site& site, const Piece* first, const Piece* las
   call.caller = first->caller;
   call.calleeFile = site.file;
   call.origin = site.origin;
-  call.firstRange = m_rangeCount;
+  if (!m_calls.empty()) call.firstRange = m_calls.back().firstRange + m_calls.back().rangeCount;
   call.rangeCount = static_cast<uint32_t>(last - first);
-  for (InlineRange* range = m_ranges.data() + m_rangeCount; first != last; ++first, ++range) {
-    *range = {first->start, first->end};
-  }
-  m_rangeCount += call.rangeCount;
+  InlineRange* range = m_ranges.data() + call.firstRange;
+  for (; first != last; ++first) *range++ = {first->start, first->end};
   m_calls.push_back(call);
 }
 

@@ -166,7 +166,6 @@ class InlineCalls {
   std::vector<Piece> m_pieces;
   std::vector<InlinedCall> m_calls;
   std::vector<InlineRange> m_ranges;
-  uint32_t m_rangeCount = 0;  // ranges that are in use; resolve() uses all
   CodeRows m_lines;
 
   // Of the sweep.
