@@ -5,6 +5,8 @@
 #include <cstring>
 #include <optional>
 
+#include "common/symb.h"
+
 namespace fuzzing {
 namespace {
 
@@ -47,9 +49,8 @@ std::vector<uint64_t> addresses_in(std::string_view text) {
 }
 
 std::vector<uint64_t> words_in(std::string_view block, size_t most) {
-  constexpr size_t kHeaderSize = 176;
   std::vector<uint64_t> words = {0, UINT32_MAX, UINT64_MAX};
-  for (size_t at = kHeaderSize; at + 4 <= block.size() && words.size() < most; at += 4) {
+  for (size_t at = sizeof(symb_header_v2); at + 4 <= block.size() && words.size() < most; at += 4) {
     uint32_t word;
     std::memcpy(&word, block.data() + at, sizeof word);
     words.push_back(word);

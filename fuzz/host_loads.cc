@@ -81,7 +81,7 @@ FUZZ_TARGET(host_loads)(const uint8_t* data, size_t size) {
   require(resolver.HasModule(&kHostModule) == loaded, "what is loaded is there");
   std::vector<uint64_t> addresses =
       is_symb ? fuzzing::words_in(content, kMostWords) : fuzzing::addresses_in(content);
-  addresses.resize(std::min<size_t>(addresses.size(), 100));
+  addresses.resize(std::min(addresses.size(), kMostWords));
   for (const uint64_t address : addresses) ask(resolver, address);
   if (is_symb && loaded) compare_routes(content, addresses);
   const bool corrupt = resolver.IsModuleCorrupt(&kHostModule);
