@@ -126,6 +126,11 @@ bool write_file(int fd, std::string_view content) {
 
 const char* replace_file(const std::string& target, std::string_view content,
                          const ReplaceOptions& options) {
+  return replace_file(target, std::span(&content, 1), options);
+}
+
+const char* replace_file(const std::string& target, std::span<const std::string_view> pieces,
+                         const ReplaceOptions& options) {
   std::string name = target;
   FileDescriptor file(create_beside(name, options.mode));
   if (!file.is_open()) {
@@ -139,7 +144,9 @@ const char* replace_file(const std::string& target, std::string_view content,
     errno = error;
     return step;
   };
-  if (!write_file(file.get(), content)) return give_up("failed to write");
+  for (const std::string_view piece : pieces) {
+    if (!write_file(file.get(), piece)) return give_up("failed to write");
+  }
   if (options.sync && fdatasync(file.get()) != 0) return give_up("failed to write");
   if (!file.close()) return give_up("failed to write");
   if (rename(name.c_str(), target.c_str()) != 0) return give_up("failed to rename");

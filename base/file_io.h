@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -57,7 +58,10 @@ struct ReplaceOptions {
 // the same directory (the target's name and six more characters), which is then renamed. Returns
 // null on success, otherwise the step that failed: "failed to mkstemp", "failed to write", "failed
 // to rename". On failure the temporary file is removed and the target is unchanged.
+// The second form writes several pieces, one after the other.
 const char* replace_file(const std::string& target, std::string_view content,
+                         const ReplaceOptions& options);
+const char* replace_file(const std::string& target, std::span<const std::string_view> pieces,
                          const ReplaceOptions& options);
 
 // Removes the temporary file that replace_file() is writing in this process, if there is one. Safe

@@ -55,10 +55,7 @@ void resolveModules(const ModuleStreams& modules, const SectionMap& sections,
   }
 }
 
-void collectFunctions(const ModuleSources& sources, WorkerPool* pool, PublicFunctions& globals,
-                      InlineSites* sites, Functions& functions) {
-  const size_t more = globals.symbols().size();
-  if (pool != nullptr && collectWithWorkers(*pool, sources, more, sites, functions)) return;
+void collectFunctions(const ModuleSources& sources, InlineSites* sites, Functions& functions) {
   for (const ModuleStream& module : sources.modules) {
     getModuleFunctions(module, sources.sections, sites, functions);
   }
@@ -98,7 +95,8 @@ struct PDBParser::Rep {
   std::string pdbFile;  // path as given; empty selects the PE-only mode
   std::string debugId;
   WorkerPool* pool = nullptr;
-  bool standard = false;  // the text is in the standard format
+  TextBuffer* unwindRules = nullptr;  // null without a pool
+  bool standard = false;              // the text is in the standard format
 };
 
 PDBParser::PDBParser(bool with_inlines) : m_rep(new Rep(with_inlines)) {}
@@ -108,7 +106,11 @@ PDBParser::~PDBParser() = default;
 const std::string& PDBParser::debug_id() const { return m_rep->debugId; }
 
 const CodeFile& PDBParser::codeFile() const { return m_rep->codeFile; }
-void PDBParser::useWorkers(WorkerPool* pool) { m_rep->pool = pool; }
+
+void PDBParser::useWorkers(WorkerPool& pool, TextBuffer& unwindRules) {
+  m_rep->pool = &pool;
+  m_rep->unwindRules = &unwindRules;
+}
 
 void PDBParser::selectStandard() { m_rep->standard = true; }
 
@@ -198,13 +200,21 @@ void PDBParser::printBreakpadSymbols(TextBuffer& out, FileMod* fileMod) {
   const TypeNames typeNames(tables.types, tables.ids);
   InlineSites allSites(typeNames);
   InlineSites* const sites = m_rep->do_inline ? &allSites : nullptr;
+  const ModuleSources sources = {file, modules, sections, typeNames};
   Functions functions;
-  collectFunctions({file, modules, sections, typeNames}, pool, tables.publics, sites, functions);
-
   FrameTables frames;
+  CollectedParts parts;
+  const bool collected =
+      pool != nullptr && collectWithWorkers(*pool, sources, sites != nullptr, parts);
   SideWork side(pool, {file, *debugHeader, sections, codeFile,
                        dbi.header().machine == IMAGE_FILE_MACHINE_AMD64, functions, tables.publics,
                        frames, out.limit()});
+  if (collected) {
+    joinParts(parts, tables.publics.symbols().size(), sites, functions);
+  } else {
+    collectFunctions(sources, sites, functions);
+  }
+  side.functionsAreSorted();
   InlineeLines inlinees;
   resolveModules(modules, sections, files, functions, sites != nullptr ? &inlinees : nullptr);
   const bool resolved = side.finish();
@@ -215,7 +225,7 @@ void PDBParser::printBreakpadSymbols(TextBuffer& out, FileMod* fileMod) {
   printAll({file, sections, tables.types, tables.ids, inlinees, sites}, pool, functions, out);
 
   frames.printFrameData(names, out);
-  side.printUnwindData(out);
+  side.printUnwindData(m_rep->unwindRules, out);
 }
 
 void PDBParser::printStandardSymbols(TextBuffer& out, StandardCounts& counts) {

@@ -41,9 +41,10 @@ class PDBParser {
   PDBParser(const PDBParser&) = delete;
   PDBParser& operator=(const PDBParser&) = delete;
 
-  // Converts with the threads of `pool`, which must outlive this; null: none. What is printed does
-  // not depend on it.
-  void useWorkers(WorkerPool* pool);
+  // Converts with the threads of `pool`. What is printed does not depend on it, but its end, the
+  // unwind rules, can then be in `unwindRules` instead of `out`, which saves a copy. Both must
+  // outlive this.
+  void useWorkers(WorkerPool& pool, TextBuffer& unwindRules);
 
   // Opens the PDB and the PE. `pdb` null: PE-only mode; the symbol file that the tree has for `exe`
   // is appended to `out` as text. `exe` null: tries the PDB's name with the extension exe or dll.

@@ -68,7 +68,9 @@ void note_opened(const OpenedInput& opened, ConversionFacts& facts) {
 }
 
 void note_text(const ConversionInput& input, const SymbolText& result, ConversionFacts& facts) {
-  facts.counts = count_lines(result.text.view());
+  TextCounts& counts = facts.counts.emplace();
+  count_lines(result.text.view(), counts);
+  count_lines(result.unwind_rules.view(), counts);
   if (result.counts) facts.left_out = left_out_of(*result.counts);
   if (input.pdb == nullptr || !result.identity) return;
   facts.image = result.image;

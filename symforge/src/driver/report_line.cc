@@ -158,14 +158,12 @@ void add_counts(JsonWriter& json, const std::optional<TextCounts>& counts) {
 
 }  // namespace
 
-TextCounts count_lines(std::string_view text) {
-  TextCounts counts;
+void count_lines(std::string_view text, TextCounts& counts) {
   while (!text.empty()) {
     const size_t end = std::min(text.find('\n'), text.size());
     if (end != 0) count_line(text.substr(0, end), counts);
     text.remove_prefix(std::min(end + 1, text.size()));
   }
-  return counts;
 }
 
 std::vector<LeftOut> left_out_of(const StandardCounts& counts) {

@@ -24,7 +24,8 @@ struct TextCounts {
   uint64_t rules = 0;  // STACK lines of all kinds
 };
 
-TextCounts count_lines(std::string_view text);
+// Adds the lines of a text to `counts`.
+void count_lines(std::string_view text, TextCounts& counts);
 
 // Something that the input has, or should have, and the result has not.
 struct LeftOut {

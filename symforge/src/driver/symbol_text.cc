@@ -54,7 +54,7 @@ void text_of_pdb(const ConversionInput& input, const ConversionOptions& options,
                  SymbolText& result) {
   const auto owner = std::make_shared<PDBParser>(do_inline);
   PDBParser& parser = *owner;
-  parser.useWorkers(pool);
+  if (pool != nullptr) parser.useWorkers(*pool, result.unwind_rules);
   if (options.standard) parser.selectStandard();
   parser.load(input.pdb, input.exe, options.tree, result.text);
   result.image = parser.codeFile().path();

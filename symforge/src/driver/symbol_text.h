@@ -58,6 +58,8 @@ class OpenedInput {
 // The text of a symbol file.
 struct SymbolText {
   TextBuffer text;
+  // The end of the text, where other threads have made it; else empty.
+  TextBuffer unwind_rules;
   // Its identity, if the source states it. Otherwise it is read from the text.
   std::optional<sym_info> identity;
   // Of a PDB or an image alone: the image that was used.

@@ -2,10 +2,14 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <span>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "base/file_io.h"
@@ -20,31 +24,38 @@ namespace {
 
 // The output of a conversion: the text, or the SYMB image made of it, if one can be made.
 struct Output {
-  std::string_view bytes;
-  TextBuffer text;  // one of them owns `bytes`
+  std::array<std::string_view, 2> pieces;  // one after the other
+  TextBuffer text;                         // these own them
+  TextBuffer unwind_rules;
   std::unique_ptr<char[]> image;
   bool complete = true;  // false: no image could be made, the output is empty
+
+  uint64_t size() const { return pieces[0].size() + pieces[1].size(); }
 };
 
-Output make_output(TextBuffer symbol_data, bool binary) {
+Output make_output(SymbolText result, bool binary) {
   Output output;
   if (!binary) {
-    output.text = std::move(symbol_data);
-    output.bytes = output.text.view();
+    output.text = std::move(result.text);
+    output.unwind_rules = std::move(result.unwind_rules);
+    output.pieces = {output.text.view(), output.unwind_rules.view()};
     return output;
   }
+  result.text.append(result.unwind_rules.view());
+  result.unwind_rules = TextBuffer();
   char* image = nullptr;
   size_t size = 0;
-  output.complete = symb_write(std::move(symbol_data), &image, &size);
+  output.complete = symb_write(std::move(result.text), &image, &size);
   if (output.complete) {
     output.image.reset(image);
-    output.bytes = {image, size};
+    output.pieces[0] = {image, size};
   }
   return output;
 }
 
-bool write_to_stdout(std::string_view content) {
-  if (write_file(STDOUT_FILENO, content)) return true;
+bool write_to_stdout(std::span<const std::string_view> pieces) {
+  const auto write = [](std::string_view piece) { return write_file(STDOUT_FILENO, piece); };
+  if (std::all_of(pieces.begin(), pieces.end(), write)) return true;
   report_errno("failed to write");
   return false;
 }
@@ -66,13 +77,13 @@ bool make_folders(const sym_info& info, const ConversionOptions& options) {
   return false;
 }
 
-bool replace_target(const std::string& target, std::string_view content,
+bool replace_target(const std::string& target, const Output& output,
                     const ConversionOptions& options) {
   constexpr mode_t kDefaultMode = 0600;
   constexpr mode_t kStandardMode = 0666;
   const ReplaceOptions how = {.mode = options.standard ? kStandardMode : kDefaultMode,
                               .sync = options.sync};
-  if (const char* failed = replace_file(target, content, how)) {
+  if (const char* failed = replace_file(target, output.pieces, how)) {
     report_errno(failed);
     return false;
   }
@@ -122,25 +133,25 @@ bool write_result(SymbolText result, const ConversionOptions& options, WrittenRe
     return false;
   }
   if (options.tree == nullptr) {
-    const Output output = make_output(std::move(result.text), options.binary);
+    const Output output = make_output(std::move(result), options.binary);
     if (!output.complete && options.standard) report("no SYMB image can be made of the text");
-    if (!write_to_stdout(output.bytes)) return false;
-    if (written != nullptr) *written = {"-", output.bytes.size(), std::move(info)};
+    if (!write_to_stdout(output.pieces)) return false;
+    if (written != nullptr) *written = {"-", output.size(), std::move(info)};
     return output.complete;
   }
 
   if (!make_folders(info, options)) return false;
   // Make the output before the temporary file, which would remain if the image writer ended the
   // process.
-  const Output output = make_output(std::move(result.text), options.binary);
+  const Output output = make_output(std::move(result), options.binary);
   if (!output.complete && options.standard) {
     report("no SYMB image can be made of the text");
     return false;
   }
   const std::string target =
       tree_path(options.tree, info.debug_file, info.debug_id, options.binary);
-  if (!replace_target(target, output.bytes, options)) return false;
-  if (written != nullptr) *written = {target, output.bytes.size(), info};
+  if (!replace_target(target, output, options)) return false;
+  if (written != nullptr) *written = {target, output.size(), info};
   const bool linked = output.complete && link_code_id(info, options);
   const bool synced = !options.sync || sync_folders(info, options);
   return linked && synced;

@@ -13,13 +13,13 @@
 
 namespace symforge_internal {
 
-bool collectWithWorkers(WorkerPool& pool, const ModuleSources& sources, size_t more,
-                        InlineSites* sites, Functions& functions) {
+bool collectWithWorkers(WorkerPool& pool, const ModuleSources& sources, bool withSites,
+                        CollectedParts& parts) {
   if (!pool.usable()) return false;
-  const std::vector<ModulePart> parts = moduleParts(sources.modules, pool.size());
-  std::vector<Functions> functionsOf(parts.size());
-  std::vector<std::optional<InlineSites>> sitesOf(parts.size());
-  WorkQueue queue(parts.size());
+  const std::vector<ModulePart> runs = moduleParts(sources.modules, pool.size());
+  std::vector<Functions> functionsOf(runs.size());
+  std::vector<std::optional<InlineSites>> sitesOf(runs.size());
+  WorkQueue queue(runs.size());
   FileAttempt attempt(pool, sources.file, [&](unsigned) {
     size_t part;
     while (queue.take(part)) {
@@ -27,20 +27,28 @@ bool collectWithWorkers(WorkerPool& pool, const ModuleSources& sources, size_t m
       // write to the same cache line.
       Functions some;
       InlineSites someSites(sources.names);
-      for (size_t i = parts[part].first; i < parts[part].end; ++i) {
-        getModuleFunctions(sources.modules[i], sources.sections,
-                           sites != nullptr ? &someSites : nullptr, some);
+      for (size_t i = runs[part].first; i < runs[part].end; ++i) {
+        getModuleFunctions(sources.modules[i], sources.sections, withSites ? &someSites : nullptr,
+                           some);
       }
       functionsOf[part] = std::move(some);
       sitesOf[part].emplace(std::move(someSites));
     }
   });
   if (!attempt.finish()) return false;
-  for (size_t part = 0; sites != nullptr && part < parts.size(); ++part) {
-    sites->append(*sitesOf[part], functionsOf[part]);
+  parts.functions = std::move(functionsOf);
+  for (std::optional<InlineSites>& some : sitesOf) {
+    if (withSites) parts.sites.push_back(*std::move(some));
   }
-  joinSorted(functionsOf, more, functions);
   return true;
+}
+
+void joinParts(CollectedParts& parts, size_t more, InlineSites* sites, Functions& functions) {
+  for (size_t part = 0; sites != nullptr && part < parts.sites.size(); ++part) {
+    sites->append(parts.sites[part], parts.functions[part]);
+  }
+  joinSorted(parts.functions, more, functions);
+  parts = CollectedParts();
 }
 
 bool printWithWorkers(WorkerPool& pool, const PrintSources& sources, const Functions& functions,
@@ -86,8 +94,15 @@ SideWork::SideWork(WorkerPool* pool, const Parts& parts) : m_parts(parts) {
   });
 }
 
+void SideWork::release(State state) {
+  m_functions = state;
+  m_functions.notify_all();
+}
+
 void SideWork::readFrames() {
   m_parts.frames.readFrameData(m_parts.file, m_parts.debugHeader);
+  m_functions.wait(kUnsorted);
+  if (m_functions == kAbandoned) return;
   resolveParamSizes(m_parts.functions, m_parts.globals, m_parts.frames, m_parts.sections.count());
 }
 
@@ -105,12 +120,13 @@ bool SideWork::finish() {
 }
 
 // A text that was made is within the limit, if it is within what is left for it.
-void SideWork::printUnwindData(TextBuffer& out) const {
+void SideWork::printUnwindData(TextBuffer* apart, TextBuffer& out) {
   if (!m_parts.withUnwindData) return;
   if (!m_done || out.size() + m_text.size() > out.limit() / 2) {
     m_parts.image.PrintFrameDataUsingEXE(out);
   } else {
-    out.append(m_text.view());
+    m_text.set_limit(SIZE_MAX);
+    *apart = std::move(m_text);
   }
 }
 

@@ -5,7 +5,9 @@
 
 #pragma once
 
+#include <atomic>
 #include <optional>
+#include <vector>
 
 #include "base/text_buffer.h"
 #include "symforge/src/emit/function_record.h"
@@ -27,10 +29,19 @@ struct ModuleSources {
   const TypeNames& names;
 };
 
-// getModuleFunctions() for all modules, and sortFunctions(). `sites` can be null. Room for `more`
-// further functions is reserved.
-bool collectWithWorkers(WorkerPool& pool, const ModuleSources& sources, size_t more,
-                        InlineSites* sites, Functions& functions);
+// What getModuleFunctions() has found in runs of modules, in their order.
+struct CollectedParts {
+  std::vector<Functions> functions;
+  std::vector<InlineSites> sites;  // empty if they were not asked for
+};
+
+// getModuleFunctions() for all modules.
+bool collectWithWorkers(WorkerPool& pool, const ModuleSources& sources, bool withSites,
+                        CollectedParts& parts);
+
+// Joins the parts, and sorts the functions as sortFunctions() does. `sites` can be null. Room for
+// `more` further functions is reserved. Empties the parts.
+void joinParts(CollectedParts& parts, size_t more, InlineSites* sites, Functions& functions);
 
 // What functions are printed from. `types` and `ids` are only copied.
 struct PrintSources {
@@ -46,8 +57,8 @@ struct PrintSources {
 bool printWithWorkers(WorkerPool& pool, const PrintSources& sources, const Functions& functions,
                       TextBuffer& out);
 
-// What is done while the lines of the modules are read: the frame data and the sizes of parameters,
-// and the text of the unwind data, which is printed later.
+// What is done while the functions are sorted and the lines of the modules are read: the frame data
+// and the sizes of parameters, and the text of the unwind data, which is printed later.
 class SideWork {
  public:
   // All must outlive this; see resolveParamSizes(). Functions get sizes also if they are dropped.
@@ -63,22 +74,33 @@ class SideWork {
     size_t textLimit;  // of the whole text
   };
 
-  // Starts workers of `pool`, which use only RVAs, sections and names of the functions and change
-  // only their sizes of parameters; null: there are none.
+  // Starts workers of `pool`; null: there are none.
   SideWork(WorkerPool* pool, const Parts& parts);
+  ~SideWork() { release(kAbandoned); }
+  SideWork(const SideWork&) = delete;
+  SideWork& operator=(const SideWork&) = delete;
+
+  // To be called when the functions are complete and sorted. From then on workers use their RVAs,
+  // sections and names, and change their sizes of parameters.
+  void functionsAreSorted() { release(kSorted); }
 
   // Waits. False if it has to be done on one thread.
   bool finish();
 
-  // Appends the unwind data.
-  void printUnwindData(TextBuffer& out) const;
+  // Puts the unwind data that workers have made into `apart`, which can be null without workers;
+  // else appends them to `out`.
+  void printUnwindData(TextBuffer* apart, TextBuffer& out);
 
  private:
+  enum State : int { kUnsorted, kSorted, kAbandoned };
+
   void readFrames();
+  void release(State state);
 
   const Parts m_parts;
   TextBuffer m_text;
   bool m_done = false;
+  std::atomic<State> m_functions = kUnsorted;
   std::optional<FileAttempt> m_attempt;
 };
 
