@@ -236,7 +236,7 @@ void PDBParser::printStandardSymbols(TextBuffer& out, StandardCounts& counts) {
     return;
   }
   StandardPrinter({m_rep->file, *m_rep->info, *m_rep->dbi, m_rep->codeFile, m_rep->pdbFile,
-                   m_rep->debugId, m_rep->do_inline, m_rep->pool},
+                   m_rep->debugId, m_rep->do_inline, m_rep->pool, m_rep->unwindRules},
                   counts)
       .print(out);
 }

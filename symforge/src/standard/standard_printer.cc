@@ -99,10 +99,17 @@ void StandardPrinter::print(TextBuffer& out) {
   sections.readSections(file, debugHeader->sectionHdr);
   sections.readOMAPData(file, debugHeader->sectionHdrOriginal, debugHeader->omapToSource,
                         debugHeader->omapFromSource);
-  FunctionCollector collector(sections, m_source.withInlines);
   WorkerPool* const pool = m_source.pool;
-  if (pool == nullptr ||
-      !collectWithWorkers(*pool, file, modules, sections, m_source.withInlines, collector)) {
+  std::vector<FunctionCollector> parts;
+  const bool collected = pool != nullptr && collectWithWorkers(*pool, file, modules, sections,
+                                                               m_source.withInlines, parts);
+  TableLoad tables(file, m_source.dbi.header().symRecordStream, sections, TypeDialect::kStandard,
+                   pool);
+  FunctionCollector collector(sections, m_source.withInlines);
+  if (collected) {
+    collector.join(parts);
+    parts.clear();
+  } else {
     collector.collect(modules);
   }
   if (hasTokenMap(*debugHeader) && collector.functions().empty()) {
@@ -111,8 +118,6 @@ void StandardPrinter::print(TextBuffer& out) {
                       "there is nothing to convert");
   }
   refuseForeignTypes(file, m_source.info);
-  TableLoad tables(file, m_source.dbi.header().symRecordStream, sections, TypeDialect::kStandard,
-                   pool);
   NameStream strings;
   loadNameStream(file, m_source.info, m_source.pdbFile, strings);
   tables.loadPublics();
@@ -121,18 +126,19 @@ void StandardPrinter::print(TextBuffer& out) {
   tables.loadTypes();
 
   std::optional<ModuleInlinees> inlinees(modules);
-  InlineeLoad inlineeLoad(pool, file, modules.size(), *inlinees);
+  SourceFiles sources;
+  ModuleTables moduleTables(pool, file, modules, *inlinees, sources);
   FunctionNames names(tables.types, tables.ids);
   FunctionLayout layout(collector, sections, frames, tables.publics, names);
   layout.place();
-  SourceFiles sources;
-  sources.gatherFiles(modules);
+  const bool loaded = moduleTables.finish();
+  if (!loaded) sources.gatherFiles(modules);
 
   std::optional<FileNumbers> files(std::in_place, sources, strings);
   std::optional<InlineOrigins> origins(names);
   UnwindRules unwind;
   const std::vector<CodeRange> ranges = rangesOf(layout.functions());
-  if (!inlineeLoad.finish() ||
+  if (!loaded ||
       !printWithWorkers(*pool,
                         {file, modules, sections, collector, layout.functions(), sources, strings,
                          tables.types, tables.ids, *inlinees},
@@ -151,7 +157,8 @@ void StandardPrinter::print(TextBuffer& out) {
   if (!unwind.made) {
     unwind.messages = m_source.codeFile.printUnwindRules(ranges, out);
   } else {
-    out.append(unwind.text.view());
+    unwind.text.set_limit(SIZE_MAX);
+    *m_source.unwindRules = std::move(unwind.text);
   }
 
   m_counts.messages = unwind.messages;

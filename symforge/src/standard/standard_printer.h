@@ -28,7 +28,8 @@ struct StandardSource {
   const std::string& pdbFile;  // path
   const std::string& debugId;
   bool withInlines;
-  WorkerPool* pool;  // threads that help; null: none
+  WorkerPool* pool;         // threads that help; null: none
+  TextBuffer* unwindRules;  // gets those that the threads have made; null without threads
 };
 
 class StandardPrinter {

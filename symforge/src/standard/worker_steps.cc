@@ -60,41 +60,46 @@ class Worker {
 
 bool collectWithWorkers(WorkerPool& pool, const MsfFile& file, const ModuleStreams& modules,
                         const SectionMap& sections, bool withInlines,
-                        FunctionCollector& collector) {
+                        std::vector<FunctionCollector>& parts) {
   if (!pool.usable()) return false;
-  const std::vector<ModulePart> parts = moduleParts(modules, pool.size());
+  const std::vector<ModulePart> runs = moduleParts(modules, pool.size());
   const std::vector<bool> repeated = FunctionCollector::repeatedStreams(modules);
-  std::vector<std::optional<FunctionCollector>> collectors(parts.size());
-  WorkQueue queue(parts.size());
+  std::vector<std::optional<FunctionCollector>> collectors(runs.size());
+  WorkQueue queue(runs.size());
   FileAttempt attempt(pool, file, [&](unsigned) {
     size_t part;
     while (queue.take(part)) {
       FunctionCollector some(sections, withInlines);  // on the thread's own stack while it changes
-      some.collectPart(modules, repeated, parts[part].first, parts[part].end);
+      some.collectPart(modules, repeated, runs[part].first, runs[part].end);
       collectors[part].emplace(std::move(some));
     }
   });
   if (!attempt.finish()) return false;
-  std::vector<FunctionCollector> found;
-  found.reserve(parts.size());
-  for (std::optional<FunctionCollector>& some : collectors) found.push_back(*std::move(some));
-  collector.join(found);
+  parts.reserve(runs.size());
+  for (std::optional<FunctionCollector>& some : collectors) parts.push_back(*std::move(some));
   return true;
 }
 
-InlineeLoad::InlineeLoad(WorkerPool* pool, const MsfFile& file, size_t modules,
-                         ModuleInlinees& inlinees)
-    : m_queue(modules) {
+ModuleTables::ModuleTables(WorkerPool* pool, const MsfFile& file, const ModuleStreams& modules,
+                           ModuleInlinees& inlinees, SourceFiles& files)
+    : m_files(files), m_queue(1 + modules.size()) {
   if (pool == nullptr || !pool->usable()) return;
-  m_attempt.emplace(*pool, file, [this, &inlinees](unsigned) {
-    size_t module;
-    while (m_queue.take(module)) inlinees.read(module, module + 1);
+  m_attempt.emplace(*pool, file, [&, this](unsigned) {
+    size_t item;
+    while (m_queue.take(item)) {
+      if (item == 0) {
+        files.gatherFiles(modules);
+      } else {
+        inlinees.read(item - 1, item);
+      }
+    }
   });
 }
 
-bool InlineeLoad::finish() {
+bool ModuleTables::finish() {
   const bool loaded = m_attempt && m_attempt->finish();
   m_attempt.reset();
+  if (!loaded) m_files = SourceFiles();
   return loaded;
 }
 

@@ -24,20 +24,23 @@
 
 namespace symforge_internal {
 
-// FunctionCollector::collect().
+// FunctionCollector::collect(), in parts that FunctionCollector::join() joins.
 bool collectWithWorkers(WorkerPool& pool, const MsfFile& file, const ModuleStreams& modules,
-                        const SectionMap& sections, bool withInlines, FunctionCollector& collector);
+                        const SectionMap& sections, bool withInlines,
+                        std::vector<FunctionCollector>& parts);
 
-// Reads the inlinees of all modules while other things are done.
-class InlineeLoad {
+// Reads the inlinees and the source files of all modules while other things are done.
+class ModuleTables {
  public:
   // All must outlive this; `pool` null: no workers.
-  InlineeLoad(WorkerPool* pool, const MsfFile& file, size_t modules, ModuleInlinees& inlinees);
+  ModuleTables(WorkerPool* pool, const MsfFile& file, const ModuleStreams& modules,
+               ModuleInlinees& inlinees, SourceFiles& files);
 
-  // Waits; false if not all were read. They must be read anew then.
+  // Waits; false if not all was read. Inlinees must be read anew then, and `files` is empty.
   bool finish();
 
  private:
+  SourceFiles& m_files;
   WorkQueue m_queue;
   std::optional<FileAttempt> m_attempt;
 };
