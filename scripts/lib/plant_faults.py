@@ -43,10 +43,14 @@ BOOLEANS = ((r"\btrue\b", ("false",)), (r"\bfalse\b", ("true",)), (r"&&", ("||",
             (r"\|\|", ("&&",)), (r"!(?=[\w(])", ("",)))
 KINDS = (COMPARISONS, ARITHMETIC, CONSTANTS, BOOLEANS)
 NO_FAULT = re.compile(r"^\s*(#|template|using|namespace)|\bstatic_assert\b|\bassert\(|= default")
-# Lines whose faults change no result: what is prefetched, how much memory is reserved, sizes that are
-# usual, how hashes are mixed; and the limits of base/limits.h, in MiB or parts of the input.
-NO_RESULT = re.compile(r"__builtin_prefetch\(|\breserve\(|\bhash = |\bconstexpr Limit\b|"
-                       r"\bconstexpr .*\bk(?:\w*Ahead|Usual\w*|CacheLine|Chunk) =")
+# Lines whose faults mostly change no result: what is prefetched, where memory is and how much is
+# reserved, how hashes are mixed, limits and usual sizes, values that variables have at first, and the
+# order of equal elements.
+NO_RESULT = re.compile(r"__builtin_prefetch\(|\breserve\(|\b(?:prefer_huge_pages|madvise)\(|\bhash = |"
+                       r"\bconstexpr Limit\b|"
+                       r"\bconstexpr .*\bk(?:\w*Ahead|(?:Usual|Most|Max|Least)\w*|CacheLine|Chunk) =|"
+                       r"^ +(?!return|const)[\w:<>]+(?: [\w:<>]+)* \w+ = (?:-?[01]|false|true);|"
+                       r"return a\b\S* < b\b\S*;")
 PREFETCH = re.compile(r"( *)(?:[\w:<>\[\]]+ )+[\w:]*prefetch\w*\(.*[^;]$")  # begins such a function
 
 Fault = collections.namedtuple("Fault", "file number old new")
