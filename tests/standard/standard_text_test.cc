@@ -200,6 +200,7 @@ TEST(StandardText, SeparatedCodeHasTheNameOfItsFunction) {
   pdb.caller("outer", 0, 0x20, Annotations().op(12, 4, 4).op(2, 1).op(12, 8, 4));
   pdb.module.separated_code(0x100, 0x10, 0);
   pdb.function("other", 0x20, 8).end();
+  pdb.module.separated_code(0x20, 4, 0);  // the code stays that of "other"
   pdb.module.lines(1, 0, 0x20, pdb.source, {{0, 5}});
   pdb.module.lines(1, 0x100, 0x10, pdb.source, {{0, 6}});
   EXPECT_EQ(lines_without(standard(pdb), {"FILE ", "INLINE_"}),
