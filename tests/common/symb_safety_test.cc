@@ -177,6 +177,10 @@ TEST(SymbSafetyTest, RejectsExcessiveCost) {
   EXPECT_FALSE(is_safe(rules));
   rules.initial_rules[0].size = 5000;
   EXPECT_TRUE(is_safe(rules)) << "rules in no range";
+  rules.delta_rules.assign(97, {0, ".cfa: " + std::string(5300, '1')});
+  EXPECT_TRUE(is_safe(rules));
+  rules.delta_rules.push_back(rules.delta_rules[0]);
+  EXPECT_FALSE(is_safe(rules)) << "long texts";
 
   const auto nested = [](size_t depth) {
     SymbRange range{uint32_t{1} << 20, uint32_t{1} << 20, ""};
