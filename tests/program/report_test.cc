@@ -21,12 +21,17 @@ class ReportTest : public ProgramTest {
   }
 };
 
-// A PDB with its image to a tree, and in default mode a text to standard output.
+// A PDB with its image to a tree, by one thread and by several, and in default mode a text to
+// standard output.
 TEST_F(ReportTest, HasAllFieldsOfAConversion) {
-  const std::string lines = report_of({"--standard", kFixtures + "engine64.pdb", tree_}) +
-                            report_of({kFixtures + "engine64.sym"});
-  EXPECT_EQ(replaced(lines, {{kFixtures, ""}, {tree_ + "/", ""}}),
-            test_data("report_engine64.json"));
+  for (const char* jobs : {"-j1", "-j3"}) {
+    const std::string lines = report_of({jobs, "--standard", kFixtures + "engine64.pdb", tree_}) +
+                              report_of({kFixtures + "engine64.sym"});
+    EXPECT_EQ(replaced(lines, {{kFixtures, ""}, {tree_ + "/", ""}}),
+              test_data("report_engine64.json"));
+    EXPECT_EQ(read_file(tree_ + "/engine64.pdb/7EB27A1AF000/engine64.sym"),
+              read_file(kFixtures + "engine64.std.sym"));
+  }
 }
 
 TEST_F(ReportTest, SaysWhatWasLeftOut) {
