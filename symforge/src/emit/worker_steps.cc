@@ -44,7 +44,7 @@ bool collectWithWorkers(WorkerPool& pool, const ModuleSources& sources, bool wit
 }
 
 void joinParts(CollectedParts& parts, size_t more, InlineSites* sites, Functions& functions) {
-  for (size_t part = 0; sites != nullptr && part < parts.sites.size(); ++part) {
+  for (size_t part = 0; part < parts.sites.size(); ++part) {
     sites->append(parts.sites[part], parts.functions[part]);
   }
   joinSorted(parts.functions, more, functions);
@@ -95,14 +95,14 @@ SideWork::SideWork(WorkerPool* pool, const Parts& parts) : m_parts(parts) {
 }
 
 void SideWork::release(State state) {
-  m_functions = state;
-  m_functions.notify_all();
+  m_state = state;
+  m_state.notify_all();
 }
 
 void SideWork::readFrames() {
   m_parts.frames.readFrameData(m_parts.file, m_parts.debugHeader);
-  m_functions.wait(kUnsorted);
-  if (m_functions == kAbandoned) return;
+  m_state.wait(kUnsorted);
+  if (m_state == kAbandoned) return;
   resolveParamSizes(m_parts.functions, m_parts.globals, m_parts.frames, m_parts.sections.count());
 }
 
@@ -125,7 +125,6 @@ void SideWork::printUnwindData(TextBuffer* apart, TextBuffer& out) {
   if (!m_done || out.size() + m_text.size() > out.limit() / 2) {
     m_parts.image.PrintFrameDataUsingEXE(out);
   } else {
-    m_text.set_limit(SIZE_MAX);
     *apart = std::move(m_text);
   }
 }

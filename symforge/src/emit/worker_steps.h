@@ -39,8 +39,8 @@ struct CollectedParts {
 bool collectWithWorkers(WorkerPool& pool, const ModuleSources& sources, bool withSites,
                         CollectedParts& parts);
 
-// Joins the parts, and sorts the functions as sortFunctions() does. `sites` can be null. Room for
-// `more` further functions is reserved. Empties the parts.
+// Joins the parts, and sorts the functions as sortFunctions() does. `sites` can be null if the
+// parts have none. Room for `more` further functions is reserved. Empties the parts.
 void joinParts(CollectedParts& parts, size_t more, InlineSites* sites, Functions& functions);
 
 // What functions are printed from. `types` and `ids` are only copied.
@@ -100,7 +100,7 @@ class SideWork {
   const Parts m_parts;
   TextBuffer m_text;
   bool m_done = false;
-  std::atomic<State> m_functions = kUnsorted;
+  std::atomic<State> m_state = kUnsorted;  // of the functions
   std::optional<FileAttempt> m_attempt;
 };
 

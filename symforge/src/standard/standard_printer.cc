@@ -157,7 +157,6 @@ void StandardPrinter::print(TextBuffer& out) {
   if (!unwind.made) {
     unwind.messages = m_source.codeFile.printUnwindRules(ranges, out);
   } else {
-    unwind.text.set_limit(SIZE_MAX);
     *m_source.unwindRules = std::move(unwind.text);
   }
 

@@ -84,11 +84,11 @@ ModuleTables::ModuleTables(WorkerPool* pool, const MsfFile& file, const ModuleSt
                            ModuleInlinees& inlinees, SourceFiles& files)
     : m_files(files), m_queue(1 + modules.size()) {
   if (pool == nullptr || !pool->usable()) return;
-  m_attempt.emplace(*pool, file, [&, this](unsigned) {
+  m_attempt.emplace(*pool, file, [this, &modules, &inlinees](unsigned) {
     size_t item;
     while (m_queue.take(item)) {
       if (item == 0) {
-        files.gatherFiles(modules);
+        m_files.gatherFiles(modules);
       } else {
         inlinees.read(item - 1, item);
       }
