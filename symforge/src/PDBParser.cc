@@ -55,7 +55,13 @@ void resolveModules(const ModuleStreams& modules, const SectionMap& sections,
   }
 }
 
-void collectFunctions(const ModuleSources& sources, InlineSites* sites, Functions& functions) {
+// `parts`: what workers have collected, if they have; `more`: further functions to be expected.
+void collectFunctions(const ModuleSources& sources, std::optional<CollectedParts> parts,
+                      size_t more, InlineSites* sites, Functions& functions) {
+  if (parts) {
+    joinParts(*parts, more, sites, functions);
+    return;
+  }
   for (const ModuleStream& module : sources.modules) {
     getModuleFunctions(module, sources.sections, sites, functions);
   }
@@ -203,17 +209,11 @@ void PDBParser::printBreakpadSymbols(TextBuffer& out, FileMod* fileMod) {
   const ModuleSources sources = {file, modules, sections, typeNames};
   Functions functions;
   FrameTables frames;
-  CollectedParts parts;
-  const bool collected =
-      pool != nullptr && collectWithWorkers(*pool, sources, sites != nullptr, parts);
+  std::optional<CollectedParts> parts = collectWithWorkers(pool, sources, sites != nullptr);
   SideWork side(pool, {file, *debugHeader, sections, codeFile,
                        dbi.header().machine == IMAGE_FILE_MACHINE_AMD64, functions, tables.publics,
                        frames, out.limit()});
-  if (collected) {
-    joinParts(parts, tables.publics.symbols().size(), sites, functions);
-  } else {
-    collectFunctions(sources, sites, functions);
-  }
+  collectFunctions(sources, std::move(parts), tables.publics.symbols().size(), sites, functions);
   side.functionsAreSorted();
   InlineeLines inlinees;
   resolveModules(modules, sections, files, functions, sites != nullptr ? &inlinees : nullptr);

@@ -13,14 +13,15 @@
 
 namespace symforge_internal {
 
-bool collectWithWorkers(WorkerPool& pool, const ModuleSources& sources, bool withSites,
-                        CollectedParts& parts) {
-  if (!pool.usable()) return false;
-  const std::vector<ModulePart> runs = moduleParts(sources.modules, pool.size());
-  std::vector<Functions> functionsOf(runs.size());
+std::optional<CollectedParts> collectWithWorkers(WorkerPool* pool, const ModuleSources& sources,
+                                                 bool withSites) {
+  if (pool == nullptr || !pool->usable()) return std::nullopt;
+  const std::vector<ModulePart> runs = moduleParts(sources.modules, pool->size());
+  CollectedParts parts;
+  parts.functions.resize(runs.size());
   std::vector<std::optional<InlineSites>> sitesOf(runs.size());
   WorkQueue queue(runs.size());
-  FileAttempt attempt(pool, sources.file, [&](unsigned) {
+  FileAttempt attempt(*pool, sources.file, [&](unsigned) {
     size_t part;
     while (queue.take(part)) {
       // What is changed often is on the thread's own stack: threads slow each other down when they
@@ -31,16 +32,15 @@ bool collectWithWorkers(WorkerPool& pool, const ModuleSources& sources, bool wit
         getModuleFunctions(sources.modules[i], sources.sections, withSites ? &someSites : nullptr,
                            some);
       }
-      functionsOf[part] = std::move(some);
+      parts.functions[part] = std::move(some);
       sitesOf[part].emplace(std::move(someSites));
     }
   });
-  if (!attempt.finish()) return false;
-  parts.functions = std::move(functionsOf);
+  if (!attempt.finish()) return std::nullopt;
   for (std::optional<InlineSites>& some : sitesOf) {
     if (withSites) parts.sites.push_back(*std::move(some));
   }
-  return true;
+  return parts;
 }
 
 void joinParts(CollectedParts& parts, size_t more, InlineSites* sites, Functions& functions) {
@@ -48,7 +48,6 @@ void joinParts(CollectedParts& parts, size_t more, InlineSites* sites, Functions
     sites->append(parts.sites[part], parts.functions[part]);
   }
   joinSorted(parts.functions, more, functions);
-  parts = CollectedParts();
 }
 
 bool printWithWorkers(WorkerPool& pool, const PrintSources& sources, const Functions& functions,

@@ -1,7 +1,7 @@
 // Steps of default mode on several threads. The results are the same as on one thread.
 //
-// Each returns false, with its results unchanged, if the workers have failed; the step is then to
-// be done on one thread.
+// Each returns false or null, with its results unchanged, if the workers have failed; the step is
+// then to be done on one thread.
 
 #pragma once
 
@@ -35,12 +35,12 @@ struct CollectedParts {
   std::vector<InlineSites> sites;  // empty if they were not asked for
 };
 
-// getModuleFunctions() for all modules.
-bool collectWithWorkers(WorkerPool& pool, const ModuleSources& sources, bool withSites,
-                        CollectedParts& parts);
+// getModuleFunctions() for all modules. `pool` null: no workers, nor a result.
+std::optional<CollectedParts> collectWithWorkers(WorkerPool* pool, const ModuleSources& sources,
+                                                 bool withSites);
 
 // Joins the parts, and sorts the functions as sortFunctions() does. `sites` can be null if the
-// parts have none. Room for `more` further functions is reserved. Empties the parts.
+// parts have none. Room for `more` further functions is reserved. The parts are used up.
 void joinParts(CollectedParts& parts, size_t more, InlineSites* sites, Functions& functions);
 
 // What functions are printed from. `types` and `ids` are only copied.

@@ -100,15 +100,13 @@ void StandardPrinter::print(TextBuffer& out) {
   sections.readOMAPData(file, debugHeader->sectionHdrOriginal, debugHeader->omapToSource,
                         debugHeader->omapFromSource);
   WorkerPool* const pool = m_source.pool;
-  std::vector<FunctionCollector> parts;
-  const bool collected = pool != nullptr && collectWithWorkers(*pool, file, modules, sections,
-                                                               m_source.withInlines, parts);
+  auto parts = collectWithWorkers(pool, file, modules, sections, m_source.withInlines);
   TableLoad tables(file, m_source.dbi.header().symRecordStream, sections, TypeDialect::kStandard,
                    pool);
   FunctionCollector collector(sections, m_source.withInlines);
-  if (collected) {
-    collector.join(parts);
-    parts.clear();
+  if (parts) {
+    collector.join(*parts);
+    parts.reset();
   } else {
     collector.collect(modules);
   }

@@ -58,15 +58,17 @@ class Worker {
 
 }  // namespace
 
-bool collectWithWorkers(WorkerPool& pool, const MsfFile& file, const ModuleStreams& modules,
-                        const SectionMap& sections, bool withInlines,
-                        std::vector<FunctionCollector>& parts) {
-  if (!pool.usable()) return false;
-  const std::vector<ModulePart> runs = moduleParts(modules, pool.size());
+std::optional<std::vector<FunctionCollector>> collectWithWorkers(WorkerPool* pool,
+                                                                 const MsfFile& file,
+                                                                 const ModuleStreams& modules,
+                                                                 const SectionMap& sections,
+                                                                 bool withInlines) {
+  if (pool == nullptr || !pool->usable()) return std::nullopt;
+  const std::vector<ModulePart> runs = moduleParts(modules, pool->size());
   const std::vector<bool> repeated = FunctionCollector::repeatedStreams(modules);
   std::vector<std::optional<FunctionCollector>> collectors(runs.size());
   WorkQueue queue(runs.size());
-  FileAttempt attempt(pool, file, [&](unsigned) {
+  FileAttempt attempt(*pool, file, [&](unsigned) {
     size_t part;
     while (queue.take(part)) {
       FunctionCollector some(sections, withInlines);  // on the thread's own stack while it changes
@@ -74,10 +76,11 @@ bool collectWithWorkers(WorkerPool& pool, const MsfFile& file, const ModuleStrea
       collectors[part].emplace(std::move(some));
     }
   });
-  if (!attempt.finish()) return false;
+  if (!attempt.finish()) return std::nullopt;
+  std::vector<FunctionCollector> parts;
   parts.reserve(runs.size());
   for (std::optional<FunctionCollector>& some : collectors) parts.push_back(*std::move(some));
-  return true;
+  return parts;
 }
 
 ModuleTables::ModuleTables(WorkerPool* pool, const MsfFile& file, const ModuleStreams& modules,

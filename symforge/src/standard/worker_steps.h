@@ -1,7 +1,7 @@
 // Steps of standard mode on several threads. The results are the same as on one thread.
 //
-// Each returns false, with its results unchanged, if the workers have failed; the step is then to
-// be done on one thread.
+// Each returns false or null, with its results unchanged, if the workers have failed; the step is
+// then to be done on one thread.
 
 #pragma once
 
@@ -24,10 +24,13 @@
 
 namespace symforge_internal {
 
-// FunctionCollector::collect(), in parts that FunctionCollector::join() joins.
-bool collectWithWorkers(WorkerPool& pool, const MsfFile& file, const ModuleStreams& modules,
-                        const SectionMap& sections, bool withInlines,
-                        std::vector<FunctionCollector>& parts);
+// FunctionCollector::collect(), in parts that FunctionCollector::join() joins. `pool` null: no
+// workers, nor a result.
+std::optional<std::vector<FunctionCollector>> collectWithWorkers(WorkerPool* pool,
+                                                                 const MsfFile& file,
+                                                                 const ModuleStreams& modules,
+                                                                 const SectionMap& sections,
+                                                                 bool withInlines);
 
 // Reads the inlinees and the source files of all modules while other things are done.
 class ModuleTables {
