@@ -13,16 +13,12 @@
 #include "symforge/src/pdb/name_stream.h"
 #include "symforge/src/pdb/section_map.h"
 #include "symforge/src/pdb/source_files.h"
-#include "symforge/src/pdb/type_table.h"
 #include "symforge/src/pe/architecture.h"
-#include "symforge/src/standard/file_numbers.h"
-#include "symforge/src/standard/function_collector.h"
+#include "symforge/src/standard/cross_module_items.h"
 #include "symforge/src/standard/function_layout.h"
-#include "symforge/src/standard/function_names.h"
 #include "symforge/src/standard/function_reader.h"
-#include "symforge/src/standard/inline_origins.h"
 #include "symforge/src/standard/line_name.h"
-#include "symforge/src/standard/worker_steps.h"
+#include "symforge/src/standard/module_inlinees.h"
 
 namespace symforge_internal {
 
@@ -53,15 +49,6 @@ void StandardPrinter::printHeader(TextBuffer& out) const {
   append_line(out, ModuleFields{"windows", arch, m_source.debugId, name});
 }
 
-// On one thread.
-void StandardPrinter::printFunctions(const FunctionSources& sources, FileNumbers& files,
-                                     InlineOrigins& origins, TextBuffer& out) {
-  FunctionReader reader(sources, files, origins);
-  LinePrinter printer(files, origins);
-  for (size_t i = 0; i < sources.functions.size(); ++i) printer.print(reader.read(i, out), out);
-  m_counts.add(reader.counts());
-}
-
 // Modules whose stream does not exist are left out.
 ModuleStreams StandardPrinter::readModules() {
   ModuleStreams modules = m_source.dbi.readModuleList();
@@ -83,13 +70,58 @@ void StandardPrinter::insertTables(const FileNumbers& files, const InlineOrigins
   m_counts.origins = origins.count();
 }
 
-// Which files and origins there are is known when all functions are written; their lines are
-// inserted before those of the functions then.
+// By workers if there are any and they do not fail. Which files and origins there are is known when
+// all functions are written; their lines are inserted before those of the functions then.
+UnwindRules StandardPrinter::printFunctions(const PrintedFunctions& sources, FunctionNames& names,
+                                            bool withWorkers, const std::vector<CodeRange>& ranges,
+                                            TextBuffer& out) {
+  const size_t start = out.size();
+  UnwindRules unwind;
+  std::optional<FileNumbers> files(std::in_place, sources.sources, sources.strings);
+  std::optional<InlineOrigins> origins(names);
+  if (!withWorkers || !printWithWorkers(*m_source.pool, sources, m_source.codeFile, ranges, *files,
+                                        *origins, m_counts, unwind, out)) {
+    files.emplace(sources.sources, sources.strings);
+    origins.emplace(names);
+    ModuleInlinees inlinees(sources.modules);
+    CrossModuleItems items(sources.modules, sources.strings);
+    FunctionReader reader({sources.file, sources.modules, sources.sections, sources.collector,
+                           sources.functions, inlinees, items, names},
+                          *files, *origins);
+    LinePrinter printer(*files, *origins);
+    for (size_t i = 0; i < sources.functions.size(); ++i) printer.print(reader.read(i, out), out);
+    m_counts.add(reader.counts());
+  }
+  insertTables(*files, *origins, start, out);
+  return unwind;
+}
+
+// Nothing is converted of PDBs whose functions or types are not those of native code.
+void StandardPrinter::refuseForeignCode(const DBIDebugHeader& debugHeader,
+                                        const FunctionCollector& collector) const {
+  if (hasTokenMap(debugHeader) && collector.functions().empty()) {
+    throw pdb_refusal(kHasTokenMap,
+                      "this PDB is of managed code and has no native functions; "
+                      "there is nothing to convert");
+  }
+  refuseForeignTypes(m_source.file, m_source.info);
+}
+
+// The unwind rules that workers have made are not appended.
+void StandardPrinter::printUnwindRules(UnwindRules unwind, const std::vector<CodeRange>& ranges,
+                                       TextBuffer& out) {
+  if (unwind.made) {
+    *m_source.unwindRules = std::move(unwind.text);
+  } else {
+    unwind.messages = m_source.codeFile.printUnwindRules(ranges, out);
+  }
+  m_counts.messages = std::move(unwind.messages);
+}
+
 void StandardPrinter::print(TextBuffer& out) {
   const MsfFile& file = m_source.file;
   printHeader(out);
   m_source.codeFile.printStandardCodeId(out);
-  const size_t start = out.size();
   // More than the tables of files and origins take.
   out.reserve_front(file.size() / 8);
 
@@ -110,12 +142,7 @@ void StandardPrinter::print(TextBuffer& out) {
   } else {
     collector.collect(modules);
   }
-  if (hasTokenMap(*debugHeader) && collector.functions().empty()) {
-    throw pdb_refusal(kHasTokenMap,
-                      "this PDB is of managed code and has no native functions; "
-                      "there is nothing to convert");
-  }
-  refuseForeignTypes(file, m_source.info);
+  refuseForeignCode(*debugHeader, collector);
   NameStream strings;
   loadNameStream(file, m_source.info, m_source.pdbFile, strings);
   tables.loadPublics();
@@ -123,42 +150,23 @@ void StandardPrinter::print(TextBuffer& out) {
   frames.readFrameData(file, *debugHeader);
   tables.loadTypes();
 
-  std::optional<ModuleInlinees> inlinees(modules);
+  ModuleInlinees inlinees(modules);
   SourceFiles sources;
-  ModuleTables moduleTables(pool, file, modules, *inlinees, sources);
+  ModuleTables moduleTables(pool, file, modules, inlinees, sources);
   FunctionNames names(tables.types, tables.ids);
   FunctionLayout layout(collector, sections, frames, tables.publics, names);
   layout.place();
   const bool loaded = moduleTables.finish();
   if (!loaded) sources.gatherFiles(modules);
 
-  std::optional<FileNumbers> files(std::in_place, sources, strings);
-  std::optional<InlineOrigins> origins(names);
-  UnwindRules unwind;
   const std::vector<CodeRange> ranges = rangesOf(layout.functions());
-  if (!loaded ||
-      !printWithWorkers(*pool,
-                        {file, modules, sections, collector, layout.functions(), sources, strings,
-                         tables.types, tables.ids, *inlinees},
-                        m_source.codeFile, ranges, *files, *origins, m_counts, unwind, out)) {
-    inlinees.emplace(modules);
-    files.emplace(sources, strings);
-    origins.emplace(names);
-    CrossModuleItems items(modules, strings);
-    printFunctions(
-        {file, modules, sections, collector, layout.functions(), *inlinees, items, names}, *files,
-        *origins, out);
-  }
+  UnwindRules unwind = printFunctions({file, modules, sections, collector, layout.functions(),
+                                       sources, strings, tables.types, tables.ids, inlinees},
+                                      names, loaded, ranges, out);
   for (const PlacedPublic& symbol : layout.publics()) printPublic(symbol, out);
-  insertTables(*files, *origins, start, out);
   frames.printFrameData(strings, out);
-  if (!unwind.made) {
-    unwind.messages = m_source.codeFile.printUnwindRules(ranges, out);
-  } else {
-    *m_source.unwindRules = std::move(unwind.text);
-  }
+  printUnwindRules(std::move(unwind), ranges, out);
 
-  m_counts.messages = unwind.messages;
   m_counts.publics = layout.publics().size();
   m_counts.damagedModules += collector.damagedModules();
   m_counts.modulesWithoutFunctions = collector.modulesWithoutFunctions();

@@ -13,9 +13,11 @@
 #include "symforge/src/pdb/info_stream.h"
 #include "symforge/src/pe/code_file.h"
 #include "symforge/src/standard/file_numbers.h"
-#include "symforge/src/standard/function_reader.h"
+#include "symforge/src/standard/function_collector.h"
+#include "symforge/src/standard/function_names.h"
 #include "symforge/src/standard/inline_origins.h"
 #include "symforge/src/standard/standard_counts.h"
+#include "symforge/src/standard/worker_steps.h"
 
 namespace symforge_internal {
 
@@ -48,8 +50,12 @@ class StandardPrinter {
   ModuleStreams readModules();
   void insertTables(const FileNumbers& files, const InlineOrigins& origins, size_t at,
                     TextBuffer& out);
-  void printFunctions(const FunctionSources& sources, FileNumbers& files, InlineOrigins& origins,
-                      TextBuffer& out);
+  UnwindRules printFunctions(const PrintedFunctions& sources, FunctionNames& names,
+                             bool withWorkers, const std::vector<CodeRange>& ranges,
+                             TextBuffer& out);
+  void refuseForeignCode(const DBIDebugHeader& debugHeader,
+                         const FunctionCollector& collector) const;
+  void printUnwindRules(UnwindRules unwind, const std::vector<CodeRange>& ranges, TextBuffer& out);
 
   const StandardSource m_source;
   StandardCounts& m_counts;
