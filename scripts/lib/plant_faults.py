@@ -50,7 +50,7 @@ NO_RESULT = re.compile(r"__builtin_prefetch\(|\breserve\(|\b(?:prefer_huge_pages
                        r"\bconstexpr Limit\b|"
                        r"\bconstexpr .*\bk(?:\w*Ahead|(?:Usual|Most|Max|Least)\w*|CacheLine|Chunk) =|"
                        r"^ +(?!return|const)[\w:<>]+(?: [\w:<>]+)* \w+ = (?:-?[01]|false|true);|"
-                       r"return a\b\S* < b\b\S*;")
+                       r"return (?:std::tie\()?a\b[^?]* < (?:std::tie\()?b\b[^?]*;")
 PREFETCH = re.compile(r"( *)(?:[\w:<>\[\]]+ )+[\w:]*prefetch\w*\(.*[^;]$")  # begins such a function
 
 Fault = collections.namedtuple("Fault", "file number old new")

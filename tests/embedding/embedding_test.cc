@@ -114,6 +114,12 @@ TEST(Embedding, IdentityAndAnswersOfTextAndSymb) {
     EXPECT_EQ(resolve(module, 0x3005), "2 exported@12288,0 exported=?:0");
     EXPECT_EQ(resolve(module, 0xfff), "0");
   }
+
+  const Module other = opened("MODULE Linux x86_64 515D1 app\nINFO GENERATOR any\n");
+  symforge_module_info info = {};
+  info.size = sizeof info;
+  ASSERT_EQ(symforge_module_get_info(other.get(), &info), SYMFORGE_OK);
+  EXPECT_STREQ(info.code_identifier, "");
 }
 
 // Answers of an array continue where the frames did not fit, and have the distance that the caller

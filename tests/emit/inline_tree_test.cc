@@ -28,7 +28,7 @@ std::string linesOf(const std::vector<Annotations>& sites) {
   for (const Annotations& annotations : sites) {
     tree.names() += "N";
     site.name = tree.addName();
-    const std::string bytes = annotations.bytes() + std::string(kAnnotationSlack, '\0');
+    const std::string bytes = annotations.bytes() + std::string(kAnnotationSlack, '\x03');
     decoder.beginSite(reinterpret_cast<const uint8_t*>(bytes.data()), annotations.bytes().size(),
                       0x1000, 10);
     while (decoder.nextRange()) {

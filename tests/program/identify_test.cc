@@ -89,6 +89,9 @@ TEST_F(IdentifyTest, NamesEveryKind) {
       {managed_pdb().substr(0, 100),
        "pdb\",\"architecture\":null,\"debug_file\":\"a\",\"debug_id\":null"},
       {"MODULE windows x86 A1", "symbol_text\",\"architecture\":null"},
+      {"MODULE windows x86 A1 a\nINFO CODE_ID 5F001234 b\n",
+       "symbol_text\",\"architecture\":\"x86\",\"debug_file\":\"a\",\"debug_id\":\"A1\","
+       "\"code_file\":\"b\",\"code_id\":\"5F001234\",\"image_size\":null"},
       {"MODULE windows x86 A1 ../a\n",
        "symbol_text\",\"architecture\":\"x86\",\"debug_file\":\"../a\""},
       {"SYMB\3\0\0\0"s + std::string(200, '\xFF'), "symb\",\"architecture\":null"},
