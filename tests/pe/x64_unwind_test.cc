@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -192,6 +193,18 @@ TEST(X64UnwindTest, FindsEpilogsByTheirDistanceFromTheEnd) {
     const std::string rows = c.expected.size() < 3 ? "" : "; " + c.expected.substr(3);
     EXPECT_EQ(cfi_rows(result.lines), prolog + rows) << c.input;
     EXPECT_EQ(std::to_string(result.report.unmatched_epilogs), c.expected.substr(0, 1)) << c.input;
+  }
+}
+
+// Nor is an epilog one whose last instruction continues after the function.
+TEST(X64UnwindTest, FindsNoEpilogsThatTheEndOfTheFunctionCuts) {
+  for (const auto& [unwind, end] :
+       {std::pair("slots=1:epilog:1,4:small:4", "\xEB"),
+        std::pair("slots=2:epilog:1,4:small:4", "\xE9\x10"),
+        std::pair("register=5 slots=3:epilog:1,4:fpreg:0,1:push:5", "\x48\x8D\x65")}) {
+    const std::string code = std::string(0x40 - std::strlen(end), '\x90') + end;
+    const Result result = resultOf(x64_unwind(std::string("version=2 prolog=4 ") + unwind), code);
+    EXPECT_EQ(result.report.unmatched_epilogs, 1u) << unwind;
   }
 }
 
