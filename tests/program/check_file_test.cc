@@ -74,6 +74,7 @@ TEST_F(CheckFileTest, ComparesIdentifiers) {
   PdbBuilder other(512);
   PeBuilder image;
   image.codeview({.data1 = 0x515D2ED9}, 1, "engine64.pdb");
+  image.time_stamp(0x000B1234).size_of_image(0x2000);
   const std::string symb = temp_.file("a.symb", run({"-b", kFixtures + "engine64.pdb"}).out);
   const struct {
     std::string file;
@@ -88,6 +89,9 @@ TEST_F(CheckFileTest, ComparesIdentifiers) {
       {symb, kFixtures + "engine64.exe", 0, "\"debug_id_matches\":true,\"code_id_matches\":true}"},
       {kFixtures + "engine64.sym", kFixtures + "engine32.exe", 1,
        "\"debug_id_matches\":false,\"code_id_matches\":false}"},
+      {temp_.file("b.sym", "MODULE windows x86_64 1 b\nINFO CODE_ID    B12342000 b.exe\n"),
+       temp_.file("b.exe", image.build()), 1,
+       "\"debug_id_matches\":false,\"code_id_matches\":true}"},
       {kFixtures + "engine64.sym", temp_.file("b.pdb", other.build().bytes), 1,
        "\"debug_id_matches\":false"},
       {kFixtures + "engine64.sym", temp_ / "missing", 1,
