@@ -21,11 +21,11 @@ using BatchTest = ProgramTest;
 
 TEST_F(BatchTest, MatchesSingleConversions) {
   BatchInputs in(temp_);
-  in.add_good_files(kSlowProgram ? 8 : 32);
+  in.add_good_files(32);
   in.add_bad_files();
   in.pair(4000, "folder.pdb/a.pdb", "folder.pdb/a.dll");
   in.pe("folder.pdb/b_second_of_its_identifier.dll", make_pe(4000, "a.pdb"));
-  ASSERT_GE(list_tree(temp_ / "in").size(), kSlowProgram ? 80u : 200u);
+  ASSERT_GE(list_tree(temp_ / "in").size(), 200u);
 
   const std::string expected = temp_.folder("expected");
   EXPECT_EQ(run({"-r", temp_ / "in", tree_}).status, 0);
