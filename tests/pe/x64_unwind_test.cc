@@ -196,7 +196,7 @@ TEST(X64UnwindTest, FindsEpilogsByTheirDistanceFromTheEnd) {
   }
 }
 
-// Nor is an epilog one whose last instruction continues after the function.
+// Code whose last instruction continues after the function is no epilog.
 TEST(X64UnwindTest, FindsNoEpilogsThatTheEndOfTheFunctionCuts) {
   for (const auto& [unwind, end] :
        {std::pair("slots=1:epilog:1,4:small:4", "\xEB"),
