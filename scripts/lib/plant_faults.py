@@ -49,7 +49,7 @@ NO_FAULT = re.compile(r"^\s*(#|template|using|namespace)|\bstatic_assert\b|\bass
 NO_RESULT = re.compile(r"__builtin_prefetch\(|\breserve\(|\b(?:prefer_huge_pages|madvise)\(|\bhash = |"
                        r"\bconstexpr Limit\b|"
                        r"\bconstexpr .*\bk(?:\w*Ahead|(?:Usual|Most|Max|Least)\w*|CacheLine|Chunk) =|"
-                       r"^ *(?!return|const)[\w:<>]+(?: [\w:<>]+)* \w+ = (?:-?[01]|false|true);|"
+                       r"^ *(?!return|.*\bconst)[\w:<>]+(?: [\w:<>]+)* \w+ = (?:-?[01]|false|true);|"
                        r"return (?:std::tie\()?a\b[^?]* < (?:std::tie\()?b\b[^?]*;")
 PREFETCH = re.compile(r"( *)(?:[\w:<>\[\]]+ )+[\w:]*prefetch\w*\(.*[^;]$")  # begins such a function
 
