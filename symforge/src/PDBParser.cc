@@ -56,7 +56,7 @@ void resolveModules(const ModuleStreams& modules, const SectionMap& sections,
 }
 
 // `parts`: what workers have collected, if they have; `more`: further functions to be expected.
-void collectFunctions(const ModuleSources& sources, std::optional<CollectedParts> parts,
+void collectFunctions(const ModuleSources& sources, std::optional<std::vector<CollectedPart>> parts,
                       size_t more, InlineSites* sites, Functions& functions) {
   if (parts) {
     joinParts(*parts, more, sites, functions);
@@ -209,7 +209,7 @@ void PDBParser::printBreakpadSymbols(TextBuffer& out, FileMod* fileMod) {
   const ModuleSources sources = {file, modules, sections, typeNames};
   Functions functions;
   FrameTables frames;
-  std::optional<CollectedParts> parts = collectWithWorkers(pool, sources, sites != nullptr);
+  auto parts = collectWithWorkers(pool, sources, sites != nullptr);
   SideWork side(pool, {file, *debugHeader, sections, codeFile,
                        dbi.header().machine == IMAGE_FILE_MACHINE_AMD64, functions, tables.publics,
                        frames, out.limit()});

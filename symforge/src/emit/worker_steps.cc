@@ -13,41 +13,29 @@
 
 namespace symforge_internal {
 
-std::optional<CollectedParts> collectWithWorkers(WorkerPool* pool, const ModuleSources& sources,
-                                                 bool withSites) {
-  if (pool == nullptr || !pool->usable()) return std::nullopt;
-  const std::vector<ModulePart> runs = moduleParts(sources.modules, pool->size());
-  CollectedParts parts;
-  parts.functions.resize(runs.size());
-  std::vector<std::optional<InlineSites>> sitesOf(runs.size());
-  WorkQueue queue(runs.size());
-  FileAttempt attempt(*pool, sources.file, [&](unsigned) {
-    size_t part;
-    while (queue.take(part)) {
-      // What is changed often is on the thread's own stack: threads slow each other down when they
-      // write to the same cache line.
-      Functions some;
-      InlineSites someSites(sources.names);
-      for (size_t i = runs[part].first; i < runs[part].end; ++i) {
-        getModuleFunctions(sources.modules[i], sources.sections, withSites ? &someSites : nullptr,
-                           some);
-      }
-      parts.functions[part] = std::move(some);
-      sitesOf[part].emplace(std::move(someSites));
+std::optional<std::vector<CollectedPart>> collectWithWorkers(WorkerPool* pool,
+                                                             const ModuleSources& sources,
+                                                             bool withSites) {
+  if (pool == nullptr) return std::nullopt;
+  return readModuleParts(*pool, sources.file, sources.modules, [&](const ModulePart& part) {
+    CollectedPart some{{}, InlineSites(sources.names)};
+    for (size_t i = part.first; i < part.end; ++i) {
+      getModuleFunctions(sources.modules[i], sources.sections, withSites ? &some.sites : nullptr,
+                         some.functions);
     }
+    return some;
   });
-  if (!attempt.finish()) return std::nullopt;
-  for (std::optional<InlineSites>& some : sitesOf) {
-    if (withSites) parts.sites.push_back(*std::move(some));
-  }
-  return parts;
 }
 
-void joinParts(CollectedParts& parts, size_t more, InlineSites* sites, Functions& functions) {
-  for (size_t part = 0; part < parts.sites.size(); ++part) {
-    sites->append(parts.sites[part], parts.functions[part]);
+void joinParts(std::vector<CollectedPart>& parts, size_t more, InlineSites* sites,
+               Functions& functions) {
+  std::vector<Functions> lists;
+  lists.reserve(parts.size());
+  for (CollectedPart& part : parts) {
+    if (sites != nullptr) sites->append(part.sites, part.functions);
+    lists.push_back(std::move(part.functions));
   }
-  joinSorted(parts.functions, more, functions);
+  joinSorted(lists, more, functions);
 }
 
 bool printWithWorkers(WorkerPool& pool, const PrintSources& sources, const Functions& functions,

@@ -29,19 +29,22 @@ struct ModuleSources {
   const TypeNames& names;
 };
 
-// What getModuleFunctions() has found in runs of modules, in their order.
-struct CollectedParts {
-  std::vector<Functions> functions;
-  std::vector<InlineSites> sites;  // empty if they were not asked for
+// What getModuleFunctions() has found in some modules.
+struct CollectedPart {
+  Functions functions;
+  InlineSites sites;  // none if they were not asked for
 };
 
-// getModuleFunctions() for all modules. `pool` null: no workers, nor a result.
-std::optional<CollectedParts> collectWithWorkers(WorkerPool* pool, const ModuleSources& sources,
-                                                 bool withSites);
+// getModuleFunctions() for all modules, in parts in their order. `pool` null: no workers, nor a
+// result.
+std::optional<std::vector<CollectedPart>> collectWithWorkers(WorkerPool* pool,
+                                                             const ModuleSources& sources,
+                                                             bool withSites);
 
 // Joins the parts, and sorts the functions as sortFunctions() does. `sites` can be null if the
 // parts have none. Room for `more` further functions is reserved. The parts are used up.
-void joinParts(CollectedParts& parts, size_t more, InlineSites* sites, Functions& functions);
+void joinParts(std::vector<CollectedPart>& parts, size_t more, InlineSites* sites,
+               Functions& functions);
 
 // What functions are printed from. `types` and `ids` are only copied.
 struct PrintSources {

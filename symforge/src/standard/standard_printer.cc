@@ -70,30 +70,32 @@ void StandardPrinter::insertTables(const FileNumbers& files, const InlineOrigins
   m_counts.origins = origins.count();
 }
 
-// By workers if there are any and they do not fail. Which files and origins there are is known when
+// By workers if they are wanted and do not fail. Which files and origins there are is known when
 // all functions are written; their lines are inserted before those of the functions then.
 UnwindRules StandardPrinter::printFunctions(const PrintedFunctions& sources, FunctionNames& names,
                                             bool withWorkers, const std::vector<CodeRange>& ranges,
                                             TextBuffer& out) {
   const size_t start = out.size();
-  UnwindRules unwind;
-  std::optional<FileNumbers> files(std::in_place, sources.sources, sources.strings);
-  std::optional<InlineOrigins> origins(names);
-  if (!withWorkers || !printWithWorkers(*m_source.pool, sources, m_source.codeFile, ranges, *files,
-                                        *origins, m_counts, unwind, out)) {
-    files.emplace(sources.sources, sources.strings);
-    origins.emplace(names);
-    ModuleInlinees inlinees(sources.modules);
-    CrossModuleItems items(sources.modules, sources.strings);
-    FunctionReader reader({sources.file, sources.modules, sources.sections, sources.collector,
-                           sources.functions, inlinees, items, names},
-                          *files, *origins);
-    LinePrinter printer(*files, *origins);
-    for (size_t i = 0; i < sources.functions.size(); ++i) printer.print(reader.read(i, out), out);
-    m_counts.add(reader.counts());
+  if (withWorkers) {
+    FileNumbers files(sources.sourceFiles, sources.strings);
+    InlineOrigins origins(names);
+    UnwindRules unwind;
+    if (printWithWorkers(*m_source.pool, sources, m_source.codeFile, ranges, files, origins,
+                         m_counts, unwind, out)) {
+      insertTables(files, origins, start, out);
+      return unwind;
+    }
   }
-  insertTables(*files, *origins, start, out);
-  return unwind;
+  FileNumbers files(sources.sourceFiles, sources.strings);
+  InlineOrigins origins(names);
+  ModuleInlinees inlinees(sources.modules);
+  CrossModuleItems items(sources.modules, sources.strings);
+  FunctionReader reader(sources.with(inlinees, items, names), files, origins);
+  LinePrinter printer(files, origins);
+  for (size_t i = 0; i < sources.functions.size(); ++i) printer.print(reader.read(i, out), out);
+  m_counts.add(reader.counts());
+  insertTables(files, origins, start, out);
+  return {};
 }
 
 // Nothing is converted of PDBs whose functions or types are not those of native code.

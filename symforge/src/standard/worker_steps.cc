@@ -20,11 +20,9 @@ class Worker {
         m_ids(sources.ids),
         m_names(m_types, m_ids),
         m_items(sources.modules, sources.strings),
-        m_files(sources.sources, sources.strings),
+        m_files(sources.sourceFiles, sources.strings),
         m_origins(m_names),
-        m_reader({sources.file, sources.modules, sources.sections, sources.collector,
-                  sources.functions, sources.inlinees, m_items, m_names},
-                 m_files, m_origins),
+        m_reader(sources.with(sources.inlinees, m_items, m_names), m_files, m_origins),
         m_batch(m_files, m_origins) {
     m_text.set_limit(textLimit);
   }
@@ -63,24 +61,13 @@ std::optional<std::vector<FunctionCollector>> collectWithWorkers(WorkerPool* poo
                                                                  const ModuleStreams& modules,
                                                                  const SectionMap& sections,
                                                                  bool withInlines) {
-  if (pool == nullptr || !pool->usable()) return std::nullopt;
-  const std::vector<ModulePart> runs = moduleParts(modules, pool->size());
+  if (pool == nullptr) return std::nullopt;
   const std::vector<bool> repeated = FunctionCollector::repeatedStreams(modules);
-  std::vector<std::optional<FunctionCollector>> collectors(runs.size());
-  WorkQueue queue(runs.size());
-  FileAttempt attempt(*pool, file, [&](unsigned) {
-    size_t part;
-    while (queue.take(part)) {
-      FunctionCollector some(sections, withInlines);  // on the thread's own stack while it changes
-      some.collectPart(modules, repeated, runs[part].first, runs[part].end);
-      collectors[part].emplace(std::move(some));
-    }
+  return readModuleParts(*pool, file, modules, [&](const ModulePart& part) {
+    FunctionCollector some(sections, withInlines);
+    some.collectPart(modules, repeated, part.first, part.end);
+    return some;
   });
-  if (!attempt.finish()) return std::nullopt;
-  std::vector<FunctionCollector> parts;
-  parts.reserve(runs.size());
-  for (std::optional<FunctionCollector>& some : collectors) parts.push_back(*std::move(some));
-  return parts;
 }
 
 ModuleTables::ModuleTables(WorkerPool* pool, const MsfFile& file, const ModuleStreams& modules,

@@ -18,6 +18,7 @@
 #include "symforge/src/standard/file_numbers.h"
 #include "symforge/src/standard/function_collector.h"
 #include "symforge/src/standard/function_layout.h"
+#include "symforge/src/standard/function_reader.h"
 #include "symforge/src/standard/inline_origins.h"
 #include "symforge/src/standard/module_inlinees.h"
 #include "symforge/src/standard/standard_counts.h"
@@ -55,11 +56,16 @@ struct PrintedFunctions {
   const SectionMap& sections;
   const FunctionCollector& collector;
   const std::vector<PlacedFunction>& functions;
-  const SourceFiles& sources;
+  const SourceFiles& sourceFiles;
   const NameStream& strings;
   const TypeTable& types;
   const TypeTable& ids;
-  ModuleInlinees& inlinees;  // of all modules
+  ModuleInlinees& inlinees;  // of all modules, if workers print
+
+  // What one reader reads from.
+  FunctionSources with(ModuleInlinees& some, CrossModuleItems& items, FunctionNames& names) const {
+    return {file, modules, sections, collector, functions, some, items, names};
+  }
 };
 
 // The text of the unwind rules, which is printed later than it is made.
