@@ -161,7 +161,10 @@ inline void InlineCalls::beginPiece(OpenCall& call, uint32_t start, const Source
   const auto number = static_cast<uint32_t>(m_pieces.size());
   (site.lastPiece == kNone ? site.firstPiece : m_pieces.data()[site.lastPiece].next) = number;
   site.lastPiece = number;
-  m_pieces.push_back({call.start, end, call.caller, kNone});
+  Piece& piece = m_pieces.emplace_back();
+  piece.start = call.start;
+  piece.end = end;
+  piece.caller = call.caller;
 }
 
 // Rows that touch and have one place are parts of what a call was cut into.
@@ -232,16 +235,17 @@ void InlineCalls::addCalls(const Site& site) {
 }
 
 void InlineCalls::addCall(const Site& site, const Piece* first, const Piece* last) {
-  InlinedCall call;
+  const uint32_t firstRange =
+      m_calls.empty() ? 0 : m_calls.back().firstRange + m_calls.back().rangeCount;
+  InlinedCall& call = m_calls.emplace_back();
   call.depth = site.depth;
   call.caller = first->caller;
   call.calleeFile = site.file;
   call.origin = site.origin;
-  if (!m_calls.empty()) call.firstRange = m_calls.back().firstRange + m_calls.back().rangeCount;
+  call.firstRange = firstRange;
   call.rangeCount = static_cast<uint32_t>(last - first);
-  InlineRange* range = m_ranges.data() + call.firstRange;
+  InlineRange* range = m_ranges.data() + firstRange;
   for (; first != last; ++first) *range++ = {first->start, first->end};
-  m_calls.push_back(call);
 }
 
 }  // namespace symforge_internal
