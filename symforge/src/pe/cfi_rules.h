@@ -6,6 +6,7 @@
 #pragma once
 
 #include <array>
+#include <bit>
 #include <cassert>
 #include <cstddef>
 #include <cstdint>
@@ -18,6 +19,23 @@ namespace symforge_internal {
 class CfiRules {
  public:
   static constexpr size_t kRegisters = 32;
+
+  CfiRules() = default;
+  CfiRules(const CfiRules& other) { *this = other; }
+  ~CfiRules() = default;
+  // Copies the places of saved registers only: most rules have few, and are copied twice.
+  CfiRules& operator=(const CfiRules& other) {
+    cfa_register_ = other.cfa_register_;
+    return_register_ = other.return_register_;
+    saved_ = other.saved_;
+    cfa_offset_ = other.cfa_offset_;
+    return_distance_ = other.return_distance_;
+    for (uint32_t left = saved_; left != 0; left &= left - 1) {
+      const auto reg = static_cast<unsigned>(std::countr_zero(left));
+      distances_[reg] = other.distances_[reg];
+    }
+    return *this;
+  }
 
   void setCfa(uint8_t reg, int64_t offset) {
     assert(reg < kRegisters);
@@ -51,15 +69,24 @@ class CfiRules {
   void restore(uint8_t reg) {
     assert(reg < kRegisters);
     saved_ &= ~(uint32_t{1} << reg);
-    distances_[reg] = 0;
   }
   bool isSaved(uint8_t reg) const { return (saved_ >> reg & 1) != 0; }
-  int64_t savedDistance(uint8_t reg) const { return distances_[reg]; }
+  // 0 for a register that is not saved.
+  int64_t savedDistance(uint8_t reg) const { return isSaved(reg) ? distances_[reg] : 0; }
 
   // A bit for each saved register.
   uint32_t savedMask() const { return saved_; }
 
-  bool operator==(const CfiRules&) const = default;
+  bool operator==(const CfiRules& other) const {
+    bool same = cfa_register_ == other.cfa_register_ &&
+                return_register_ == other.return_register_ && saved_ == other.saved_ &&
+                cfa_offset_ == other.cfa_offset_ && return_distance_ == other.return_distance_;
+    for (uint32_t left = saved_; same && left != 0; left &= left - 1) {
+      const auto reg = static_cast<unsigned>(std::countr_zero(left));
+      same = distances_[reg] == other.distances_[reg];
+    }
+    return same;
+  }
 
  private:
   static constexpr uint8_t kInMemory = 0xFF;
@@ -69,7 +96,7 @@ class CfiRules {
   uint32_t saved_ = 0;
   int64_t cfa_offset_ = 0;
   int64_t return_distance_ = 0;
-  std::array<int64_t, kRegisters> distances_{};  // 0 for registers that are not saved
+  std::array<int64_t, kRegisters> distances_;  // only those of saved registers are set
 };
 
 }  // namespace symforge_internal
