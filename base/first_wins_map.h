@@ -34,6 +34,11 @@ class FirstWinsMap {
   }
   T* find(uint32_t key) { return const_cast<T*>(std::as_const(*this).find(key)); }
 
+  // For a key that is searched soon: prefetch_index() first, and prefetch_value() when that has had
+  // the time of some cache misses.
+  void prefetch_index(uint32_t key) const { index_.prefetch(key); }
+  void prefetch_value(uint32_t key) const { __builtin_prefetch(find(key)); }
+
   // All values in insertion order.
   const std::vector<T>& values() const { return values_; }
   std::vector<T>& values() { return values_; }

@@ -22,6 +22,11 @@ class OpenAddressingIndex {
     return slots_.empty() ? 0 : slots_[slot_of(slots_, key)].place;
   }
 
+  // Loads the place where find() begins to search into the processor's cache.
+  void prefetch(uint32_t key) const {
+    if (!slots_.empty()) __builtin_prefetch(&slots_[first_slot(slots_, key)]);
+  }
+
   // Returns the value under `key`: the position plus 1, or 0 in a new entry. The caller must set a
   // new entry before the next call. The reference is valid until then.
   uint32_t& operator[](uint32_t key) {
@@ -40,10 +45,14 @@ class OpenAddressingIndex {
     uint32_t place = 0;
   };
 
+  size_t first_slot(const std::vector<Slot>& slots, uint32_t key) const {
+    return (key * multiplier_ >> 32) & (slots.size() - 1);
+  }
+
   // The slot that contains `key`, or the free slot for it.
   size_t slot_of(const std::vector<Slot>& slots, uint32_t key) const {
     const size_t mask = slots.size() - 1;
-    size_t at = (key * multiplier_ >> 32) & mask;
+    size_t at = first_slot(slots, key);
     while (slots[at].place != 0 && slots[at].key != key) at = (at + 1) & mask;
     return at;
   }

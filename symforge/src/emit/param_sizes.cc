@@ -40,8 +40,11 @@ bool updateParamSize(FunctionRecord& func, const PublicFunction* global, Allowan
 
 void resolveParamSizes(Functions& functions, PublicFunctions& globals, const FrameTables& frames,
                        size_t sectionCount) {
+  constexpr size_t kAhead = 8;
   // From the end, as another thread may read lines into the records from the start on.
   for (size_t i = functions.size(); i-- != 0;) {
+    if (i >= 2 * kAhead) globals.prefetchIndex(functions[i - 2 * kAhead].rva);
+    if (i >= kAhead) globals.prefetchSymbol(functions[i - kAhead].rva);
     FunctionRecord& func = functions[i];
     if (func.segment == 0 || func.segment > sectionCount) continue;  // dropped ones as well
     PublicFunction* global = globals.find(func.rva);

@@ -34,6 +34,10 @@ class PublicFunctions {
   // Null when no public function has that RVA. Valid until the next insert.
   PublicFunction* find(uint32_t rva) { return m_symbols.find(rva); }
 
+  // See FirstWinsMap: prefetch what find() needs.
+  void prefetchIndex(uint32_t rva) const { m_symbols.prefetch_index(rva); }
+  void prefetchSymbol(uint32_t rva) const { m_symbols.prefetch_value(rva); }
+
   // What is left for visits of names, of the limits of the file.
   Allowance& visited() { return m_file != nullptr ? m_file->budget().visited : m_unlimited; }
 

@@ -57,9 +57,20 @@ void FunctionLayout::fold() {
   });
   m_functions.reserve(functions.size());
   for (size_t first = 0, end = 0; first < keys.size(); first = end) {
-    while (end < keys.size() && keys[end].rva == keys[first].rva) ++end;
+    while (end < keys.size() && keys[end].rva == keys[first].rva) prefetch(keys, end++);
     placeRun(Run(keys).subspan(first, end - first));
   }
+}
+
+// What placeRun() needs for a key soon. Public symbols of a rewritten image have other RVAs;
+// nothing is gained there.
+void FunctionLayout::prefetch(std::span<const Key> keys, size_t i) const {
+  constexpr size_t kAhead = 8;
+  if (i + 2 * kAhead < keys.size()) m_publics.prefetchIndex(keys[i + 2 * kAhead].rva);
+  if (i + kAhead >= keys.size()) return;
+  const Key& next = keys[i + kAhead];
+  m_publics.prefetchSymbol(next.rva);
+  __builtin_prefetch(&m_collector.functions()[next.function]);
 }
 
 // A public symbol at the address of a function is the same function, unless there are several.

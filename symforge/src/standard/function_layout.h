@@ -79,6 +79,7 @@ class FunctionLayout {
   using Run = std::span<const Key>;  // of one RVA
 
   void fold();
+  void prefetch(std::span<const Key> keys, size_t i) const;
   void placeRun(Run run);
   bool choose(Run run, PlacedFunction& placed);
   size_t blocksAt(uint32_t function);
