@@ -114,7 +114,9 @@ TEST(StandardInputTest, CanBeTextOrSymb) {
     const std::string round = program + mode + "-b a.sym > a.symb && " + program + mode +
                               "a.symb > back && cat a.sym | " + program + mode + "-b - | " +
                               program + mode + "- | cmp back - && mkdir -p tree && " + program +
-                              mode + "- tree < a.sym && cmp tree/a.pdb/*/a.sym a.sym";
+                              mode +
+                              "--report report - tree < a.sym && cmp tree/a.pdb/*/a.sym a.sym && "
+                              "grep -q '\"bytes_in\":'$(stat -c %s a.sym), report";
     EXPECT_EQ(std::system((begin + round).c_str()), 0) << round;
     const std::string bad = program + mode +
                             "- < a.pdb 2> err; test $? = 1 && "

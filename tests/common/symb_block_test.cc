@@ -220,6 +220,11 @@ TEST(SymbBlockTest, RefusesDamagedReferences) {
   put_u64(block, map4 + 2 * 64 + 56, 1);
   EXPECT_EQ(read(block), kNotRead) << "a range around its container";
 
+  block = rich_symb_model(2).bytes();  // without inline sites
+  EXPECT_NE(read(block), kNotRead);
+  put_u64(block, get_u64(block, kSymbFunctions), block.size());
+  EXPECT_EQ(read(block), kNotRead) << "name of a function at the end";
+
   block = base;
   block[strings_end - 1] = 'x';
   EXPECT_FALSE(valid(block)) << "string table without an end";

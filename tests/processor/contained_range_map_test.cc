@@ -18,6 +18,7 @@ using ContainedMap = ContainedRangeMap<uint64_t, int>;
 TEST(ContainedRangeMap, EdgesOfTheAddressSpace) {
   constexpr uint64_t kLast = ~uint64_t{0};
   ContainedMap map;
+  EXPECT_EQ(map.byte_count(), 0u);
   EXPECT_FALSE(map.StoreRange(5, 0, 1)) << "empty";
   EXPECT_FALSE(map.StoreRange(kLast, 2, 1)) << "wraps";
   EXPECT_TRUE(map.StoreRange(kLast, 1, 1));

@@ -111,6 +111,13 @@ TEST(BlockMap, AgreesWithAnOrderedMap) {
       ++it;
     }
     EXPECT_EQ(it, blocks.end());
+    // From the middle up, with the ends of groups, then the rest.
+    auto expected = map.lower_bound(kEntries);
+    for (it = blocks.lower_bound(kEntries); it != blocks.end(); it = blocks.erase(it)) {
+      ASSERT_EQ(it.key(), expected->first);
+      expected = map.erase(expected);
+    }
+    EXPECT_EQ(expected, map.end());
     while (!blocks.empty()) blocks.erase(blocks.begin());
     EXPECT_EQ(blocks.begin(), blocks.end());
   }

@@ -127,9 +127,13 @@ TEST_F(ReportTest, HasALineForEachFileOfABatch) {
 TEST_F(ReportTest, GoesToStandardErrorOrFails) {
   const std::string text = temp_.file("a.sym", "MODULE a b ABC1 a.pdb\n");
   EXPECT_THAT(run({"--report", "-", text}).err, StartsWith("{\"input\":\"" + text + "\""));
-  for (const std::string& path : {tree_, std::string("/dev/full")}) {
-    EXPECT_THAT(run({"--standard", "--report", path, text}), ended(1, HasSubstr("the report")))
-        << path;
+  const struct {
+    std::string path, message;
+  } cases[] = {{tree_, "cannot open the report " + tree_ + ": Is a directory"},
+               {"/dev/full", "cannot write the report: No space left on device"}};
+  for (const auto& c : cases) {
+    EXPECT_THAT(run({"--standard", "--report", c.path, text}),
+                ended(1, "symforge: " + text + ": " + c.message + "\n"));
   }
 }
 
