@@ -58,6 +58,11 @@ def normalised(messages):
     return messages
 
 
+def has_jobs():
+    """Whether batches may have several jobs, whose messages come in the order in which they end."""
+    return any(option.startswith(("-j", "--jobs")) for side in SIDES for option in OPTIONS[side])
+
+
 def describe_end(status):
     if os.WIFSIGNALED(status):
         number = os.WTERMSIG(status)
@@ -214,6 +219,8 @@ class Case:
             return False
         if messages[0] != messages[1]:
             messages = [normalised(text) for text in messages]
+            if "-r" in arguments and has_jobs():
+                messages = [b"\n".join(sorted(text.split(b"\n"))) for text in messages]
         cleaner = self.damaged and is_cleaner(statuses, messages)
         before = len(self.differences)
         if describe_end(statuses[0]) != describe_end(statuses[1]):
