@@ -161,6 +161,7 @@ inline void InlineCalls::beginPiece(OpenCall& call, uint32_t start, const Source
   const auto number = static_cast<uint32_t>(m_pieces.size());
   (site.lastPiece == kNone ? site.firstPiece : m_pieces.data()[site.lastPiece].next) = number;
   site.lastPiece = number;
+  // Made in place: copying it by wide loads would wait until its fields are stored.
   Piece& piece = m_pieces.emplace_back();
   piece.start = call.start;
   piece.end = end;
@@ -237,7 +238,7 @@ void InlineCalls::addCalls(const Site& site) {
 void InlineCalls::addCall(const Site& site, const Piece* first, const Piece* last) {
   const uint32_t firstRange =
       m_calls.empty() ? 0 : m_calls.back().firstRange + m_calls.back().rangeCount;
-  InlinedCall& call = m_calls.emplace_back();
+  InlinedCall& call = m_calls.emplace_back();  // as endPiece() does
   call.depth = site.depth;
   call.caller = first->caller;
   call.calleeFile = site.file;
