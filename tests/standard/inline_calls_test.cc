@@ -101,9 +101,12 @@ TEST(InlineCalls, FollowFromTheRowsOfTheSites) {
 TEST(InlineCalls, CodeWithoutALineIsACallerToo) {
   InlineCalls calls(kPlenty);
   calls.begin(0x20);
-  open(calls, {2, {{0, 0x10, 70}}});
+  calls.open(2);
+  addRow(calls, {0, 8, {2, 70}});
+  addRow(calls, {8, 0x10, {3, 70}});
   calls.resolve(own({{8, 0xc, 5}}));
-  EXPECT_EQ(text(calls), "0 0:0 2 0-8 c-10; 0 1:5 2 8-c; | 0-10 2:70");
+  EXPECT_EQ(text(calls), "0 0:0 2 0-8 c-10; 0 1:5 2 8-c; | 0-8 2:70 8-10 3:70");
+  EXPECT_EQ(calls.calls().front().calleeFile, 2u) << "not that of its first code";
 }
 
 TEST(InlineCalls, StopAtTheDeepestCall) {
