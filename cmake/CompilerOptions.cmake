@@ -74,8 +74,15 @@ if(SYMFORGE_FUZZERS)
   target_link_options(symforge_options INTERFACE -fsanitize=fuzzer-no-link)
 endif()
 
-include(CheckPIESupported)
-check_pie_supported()
+if(SYMFORGE_SANITIZE MATCHES "address" AND NOT SYMFORGE_FUZZERS)
+  # The address sanitizer has thousands of addresses to relocate in a program: a third of its start,
+  # which tests wait for some thousand times.
+  target_link_options(symforge_options INTERFACE
+    $<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:-no-pie>)
+else()
+  include(CheckPIESupported)
+  check_pie_supported()
+endif()
 target_link_options(symforge_options INTERFACE -Wl,-z,relro,-z,now -Wl,--build-id)
 
 find_program(CCACHE_PROGRAM ccache)
