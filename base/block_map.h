@@ -1,10 +1,9 @@
 // BlockMap: the ordered map on which the address containers are built.
 //
 // Entries are sorted and stored in blocks of up to 64. Keys and values of a block are in separate
-// arrays, so a search touches few cache lines. Blocks are found through two levels of separators:
-// up to 256 blocks form a group, and one array lists the groups. Inserting in ascending or
-// descending order fills every block. Other orders split blocks; the cost of an insertion stays
-// logarithmic. A small map is one block that grows; an empty map owns no memory.
+// arrays, so a search touches few cache lines. Blocks are found through a BlockDirectory. Inserting
+// in ascending or descending order fills every block. Other orders split blocks; the cost of an
+// insertion stays logarithmic. A small map is one block that grows; an empty map owns no memory.
 //
 // Threads: const operations may run concurrently; a change needs exclusive access. Every change
 // invalidates all iterators.
@@ -16,11 +15,13 @@
 #include <cstdint>
 #include <memory>
 #include <new>
+#include <optional>
 #include <type_traits>
 #include <utility>
 #include <vector>
 
 #include "base/arena.h"
+#include "base/block_directory.h"
 
 namespace symforge_internal {
 
@@ -29,6 +30,7 @@ class BlockMap {
   static_assert(std::is_integral_v<Key>);
   static_assert(std::is_nothrow_move_constructible_v<Value>);
   struct Block;
+  using Place = typename BlockDirectory<Key>::Place;
 
  public:
   class const_iterator {
@@ -55,20 +57,19 @@ class BlockMap {
     const BlockMap* map_ = nullptr;
     Block* block_ = nullptr;  // null: end()
     uint32_t slot_ = 0;
-    uint32_t in_group_ = 0;  // index of the block in its group
-    size_t group_ = 0;
+    Place place_;  // of the block
   };
 
   BlockMap() = default;
   ~BlockMap() { clear(); }
   BlockMap(BlockMap&& other) noexcept
       : single_(std::exchange(other.single_, nullptr)),
-        directory_(std::move(other.directory_)),
+        large_(std::move(other.large_)),
         last_(std::exchange(other.last_, nullptr)),
         size_(std::exchange(other.size_, 0)) {}
   BlockMap& operator=(BlockMap&& other) noexcept {
     std::swap(single_, other.single_);
-    std::swap(directory_, other.directory_);
+    std::swap(large_, other.large_);
     std::swap(last_, other.last_);
     std::swap(size_, other.size_);
     return *this;
@@ -82,11 +83,11 @@ class BlockMap {
 
   // The memory of the entries, without the separators.
   size_t byte_count() const {
-    if (directory_) return directory_->memory.byte_count();
+    if (large_) return large_->memory.byte_count();
     return single_ == nullptr ? 0 : Block::bytes_for(single_->capacity);
   }
 
-  const_iterator begin() const { return size_ == 0 ? end() : position(0, 0, 0); }
+  const_iterator begin() const { return size_ == 0 ? end() : position(Place(), 0); }
   const_iterator end() const {
     const_iterator it;
     it.map_ = this;
@@ -137,16 +138,12 @@ class BlockMap {
 
  private:
   static constexpr size_t kBlockCapacity = 64;
-  static constexpr size_t kGroupCapacity = 256;
   static constexpr size_t kBlockAlignment = 16;
   static constexpr size_t kCacheLine = 64;
   static_assert(alignof(Key) <= kBlockAlignment && alignof(Value) <= kBlockAlignment);
 
   // One allocation: this header, then `capacity` keys, then `capacity` values.
-  struct Block {
-    uint32_t count;
-    uint32_t capacity;
-
+  struct Block : BlockHeader {
     static constexpr size_t keys_at() { return aligned(sizeof(Block), alignof(Key)); }
     static constexpr size_t values_at(size_t capacity) {
       return aligned(keys_at() + capacity * sizeof(Key), alignof(Value));
@@ -159,7 +156,7 @@ class BlockMap {
       return values_at(capacity) + capacity * sizeof(Value);
     }
     static Block* create(size_t capacity, void* memory) {
-      return new (memory) Block{0, static_cast<uint32_t>(capacity)};
+      return new (memory) Block{{0, static_cast<uint32_t>(capacity)}};
     }
     void destroy_values() { std::destroy_n(values(), count); }
 
@@ -227,32 +224,26 @@ class BlockMap {
     }
   };
 
-  // Separators are between neighbours: separator i is greater than or equal to every key of block
-  // (or group) i and less than every key of the next.
-  struct Group {
-    std::vector<Key> separators;
-    std::vector<Block*> blocks;
-  };
-  // Owns its blocks. All have the full capacity; empty ones are reused.
-  struct Directory {
-    std::vector<Key> separators;
-    std::vector<std::unique_ptr<Group>> groups;
+  // Several blocks. All have the full capacity; empty ones are reused.
+  struct Large {
     Arena memory;
-    std::vector<Block*> free_blocks;
+    std::vector<BlockHeader*> free_blocks;
+    BlockDirectory<Key> directory{create_block()};
 
     Block* create_block() {
       if (free_blocks.empty()) {
         return Block::create(kBlockCapacity,
                              memory.allocate(Block::bytes_for(kBlockCapacity), kBlockAlignment));
       }
-      Block* block = free_blocks.back();
+      Block* block = static_cast<Block*>(free_blocks.back());
       free_blocks.pop_back();
       return block;
     }
-    ~Directory() {
+    Block* block(Place place) const { return static_cast<Block*>(directory.block(place)); }
+    ~Large() {
       if (std::is_trivially_destructible_v<Value>) return;
-      for (const std::unique_ptr<Group>& group : groups) {
-        for (Block* block : group->blocks) block->destroy_values();
+      for (std::optional<Place> at = Place(); at; at = directory.next(*at)) {
+        block(*at)->destroy_values();
       }
     }
   };
@@ -266,63 +257,35 @@ class BlockMap {
     ::operator delete(block);
   }
 
-  static size_t index_of(const std::vector<Key>& separators, Key key) {
-    const Key* first = separators.data();
-    size_t length = separators.size();
-    if (length == 0) return 0;
-    while (length > 1) {
-      const size_t half = length / 2;
-      first += first[half - 1] < key ? half : 0;
-      length -= half;
-    }
-    return static_cast<size_t>(first - separators.data()) + (*first < key ? 1 : 0);
-  }
-  static void drop_separator(std::vector<Key>& separators, size_t index) {
-    if (separators.empty()) return;
-    separators.erase(separators.begin() +
-                     static_cast<ptrdiff_t>(std::min(index, separators.size() - 1)));
-  }
-
-  const_iterator position(size_t group, size_t in_group, size_t slot) const {
+  const_iterator position(Place place, size_t slot) const {
     const_iterator it;
     it.map_ = this;
-    it.block_ = directory_ ? directory_->groups[group]->blocks[in_group] : single_;
+    it.block_ = large_ ? large_->block(place) : single_;
     it.slot_ = static_cast<uint32_t>(slot);
-    it.in_group_ = static_cast<uint32_t>(in_group);
-    it.group_ = group;
+    it.place_ = place;
     return it;
   }
   // Returns the block that contains `key`, or into which it would be inserted. The slot is not set.
   // The map must not be empty.
   const_iterator block_of(Key key) const {
-    if (!directory_) return position(0, 0, 0);
-    const size_t group = index_of(directory_->separators, key);
-    return position(group, index_of(directory_->groups[group]->separators, key), 0);
+    return position(large_ ? large_->directory.place_of(key) : Place(), 0);
   }
   // Prefetches what the search of a block is going to touch: the keys, and the values at the
   // position expected if the keys are evenly distributed between the separators, as function
   // addresses roughly are. The loads then overlap.
   void prefetch(const const_iterator& it, Key key) const {
     it.block_->prefetch_keys();
-    if (!directory_) return;
-    const std::vector<Key>& separators = directory_->groups[it.group_]->separators;
-    if (it.in_group_ == 0 || it.in_group_ >= separators.size()) return;
-    const auto below = static_cast<uint64_t>(separators[it.in_group_ - 1]);
-    const uint64_t spread = static_cast<uint64_t>(separators[it.in_group_]) - below;
-    it.block_->prefetch_values((static_cast<uint64_t>(key) - below) /
+    Key below = 0;
+    Key highest = 0;
+    if (!large_ || !large_->directory.bounds(it.place_, below, highest)) return;
+    const uint64_t spread = static_cast<uint64_t>(highest) - static_cast<uint64_t>(below);
+    it.block_->prefetch_values((static_cast<uint64_t>(key) - static_cast<uint64_t>(below)) /
                                (spread / kBlockCapacity + 1));
   }
   const_iterator next_block(const const_iterator& it) const {
-    if (!directory_) return end();
-    const Group& group = *directory_->groups[it.group_];
-    if (it.in_group_ + 1 < group.blocks.size()) return position(it.group_, it.in_group_ + 1, 0);
-    if (it.group_ + 1 < directory_->groups.size()) return position(it.group_ + 1, 0, 0);
-    return end();
-  }
-  const_iterator last_of(size_t group, size_t in_group) const {
-    const_iterator it = position(group, in_group, 0);
-    it.slot_ = it.block_->count - 1;
-    return it;
+    if (!large_) return end();
+    const std::optional<Place> next = large_->directory.next(it.place_);
+    return next ? position(*next, 0) : end();
   }
   // Returns the entry before `it`, which may be end() but not the first entry.
   const_iterator before(const_iterator it) const {
@@ -330,31 +293,21 @@ class BlockMap {
       --it.slot_;
       return it;
     }
-    if (!directory_) return last_of(0, 0);
-    size_t group = it.group_;
-    if (it.block_ == nullptr) {
-      group = directory_->groups.size() - 1;
-    } else if (it.in_group_ > 0) {
-      return last_of(group, it.in_group_ - 1);
-    } else {
-      --group;
-    }
-    return last_of(group, directory_->groups[group]->blocks.size() - 1);
+    it = it.block_ == nullptr ? last_block() : position(large_->directory.before(it.place_), 0);
+    it.slot_ = it.block_->count - 1;
+    return it;
   }
   const_iterator last_block() const {
-    if (!directory_) return position(0, 0, 0);
-    const size_t group = directory_->groups.size() - 1;
-    return position(group, directory_->groups[group]->blocks.size() - 1, 0);
+    return position(large_ ? large_->directory.last() : Place(), 0);
   }
 
   bool insert_anywhere(Key key, Value value);
   void grow_single();
-  void make_directory();
-  void split_group(size_t group);
+  void make_large();
   const_iterator split(const_iterator full, Key key);
 
-  Block* single_ = nullptr;  // the only block, until a directory is needed
-  std::unique_ptr<Directory> directory_;
+  Block* single_ = nullptr;  // the only block, until a second one is needed
+  std::unique_ptr<Large> large_;
   Block* last_ = nullptr;  // the block of the highest key after an insertion, else null
   size_t size_ = 0;
 };
@@ -362,7 +315,7 @@ class BlockMap {
 template <typename Key, typename Value>
 void BlockMap<Key, Value>::clear() {
   destroy_single(std::exchange(single_, nullptr));
-  directory_.reset();
+  large_.reset();
   last_ = nullptr;
   size_ = 0;
 }
@@ -372,7 +325,7 @@ bool BlockMap<Key, Value>::insert_anywhere(Key key, Value value) {
   const_iterator it;
   if (size_ == 0) {
     if (single_ == nullptr) single_ = create_single(1);
-    it = position(0, 0, 0);
+    it = position(Place(), 0);
   } else if (it = last_block(); it.block_->keys()[it.block_->count - 1] < key) {
     it.slot_ = it.block_->count;  // ascending order: no search needed
   } else {
@@ -402,13 +355,9 @@ void BlockMap<Key, Value>::grow_single() {
 }
 
 template <typename Key, typename Value>
-void BlockMap<Key, Value>::make_directory() {
-  auto directory = std::make_unique<Directory>();
-  directory->groups.push_back(std::make_unique<Group>());
-  Block* first = directory->create_block();
-  directory->groups[0]->blocks.push_back(first);
-  single_->move_tail(0, first);
-  directory_ = std::move(directory);
+void BlockMap<Key, Value>::make_large() {
+  large_ = std::make_unique<Large>();
+  single_->move_tail(0, large_->block(Place()));
   destroy_single(std::exchange(single_, nullptr));
 }
 
@@ -418,51 +367,28 @@ void BlockMap<Key, Value>::make_directory() {
 template <typename Key, typename Value>
 typename BlockMap<Key, Value>::const_iterator BlockMap<Key, Value>::split(const_iterator full,
                                                                           Key key) {
-  if (!directory_) {
-    make_directory();
-    full.block_ = directory_->groups[0]->blocks[0];
+  if (!large_) {
+    make_large();
+    full.block_ = large_->block(full.place_);
   }
-  if (directory_->groups[full.group_]->blocks.size() == kGroupCapacity) {
-    split_group(full.group_);
+  if (large_->directory.split_if_full(full.place_)) {
     full = block_of(key);
     full.slot_ = full.block_->slot_of(key);
   }
-  Group& group = *directory_->groups[full.group_];
+  large_->directory.reserve(full.place_);
   const bool at_end = full.slot_ == kBlockCapacity && full.block_ == last_block().block_;
-  const bool at_start = full.slot_ == 0 && full.group_ == 0 && full.in_group_ == 0;
+  const bool at_start = full.slot_ == 0 && full.place_ == Place();
   const uint32_t keep = at_end ? kBlockCapacity : at_start ? 0 : kBlockCapacity / 2;
-  const auto index = static_cast<ptrdiff_t>(full.in_group_);
-  group.blocks.reserve(kGroupCapacity);
-  group.separators.reserve(kGroupCapacity);
-  Block* right = directory_->create_block();
+  Block* right = large_->create_block();
   full.block_->move_tail(keep, right);
   const Key separator = at_start ? key : full.block_->keys()[keep - 1];
-  group.separators.insert(group.separators.begin() + index, separator);
-  group.blocks.insert(group.blocks.begin() + index + 1, right);
+  large_->directory.insert_next(full.place_, separator, right);
   if (full.slot_ < keep || at_start) return full;
   const_iterator it = full;
   it.block_ = right;
-  it.in_group_ = full.in_group_ + 1;
+  ++it.place_.in_group;
   it.slot_ = full.slot_ - keep;
   return it;
-}
-
-// Moves the upper half of a full group's blocks to a new group that follows it. The last group of
-// the map keeps all but one, because ascending input does not insert into it again.
-template <typename Key, typename Value>
-void BlockMap<Key, Value>::split_group(size_t index) {
-  Group& left = *directory_->groups[index];
-  const bool last = index + 1 == directory_->groups.size();
-  const auto keep = static_cast<ptrdiff_t>(last ? kGroupCapacity - 1 : kGroupCapacity / 2);
-  auto right = std::make_unique<Group>();
-  right->blocks.assign(left.blocks.begin() + keep, left.blocks.end());
-  right->separators.assign(left.separators.begin() + keep, left.separators.end());
-  const auto at = static_cast<ptrdiff_t>(index);
-  directory_->separators.insert(directory_->separators.begin() + at,
-                                left.separators[static_cast<size_t>(keep) - 1]);
-  directory_->groups.insert(directory_->groups.begin() + at + 1, std::move(right));
-  left.blocks.resize(static_cast<size_t>(keep));
-  left.separators.resize(static_cast<size_t>(keep) - 1);
 }
 
 template <typename Key, typename Value>
@@ -475,17 +401,9 @@ typename BlockMap<Key, Value>::const_iterator BlockMap<Key, Value>::erase(const_
     clear();
     return end();
   }
-  Group& group = *directory_->groups[it.group_];
-  directory_->free_blocks.push_back(it.block_);
-  group.blocks.erase(group.blocks.begin() + it.in_group_);
-  drop_separator(group.separators, it.in_group_);
-  if (group.blocks.empty()) {
-    directory_->groups.erase(directory_->groups.begin() + static_cast<ptrdiff_t>(it.group_));
-    drop_separator(directory_->separators, it.group_);
-    return it.group_ < directory_->groups.size() ? position(it.group_, 0, 0) : end();
-  }
-  if (it.in_group_ < group.blocks.size()) return position(it.group_, it.in_group_, 0);
-  return it.group_ + 1 < directory_->groups.size() ? position(it.group_ + 1, 0, 0) : end();
+  large_->free_blocks.push_back(it.block_);
+  const std::optional<Place> next = large_->directory.remove(it.place_);
+  return next ? position(*next, 0) : end();
 }
 
 }  // namespace symforge_internal
