@@ -16,3 +16,9 @@ function(symforge_unite)
     set_target_properties(${target} PROPERTIES UNITY_BUILD_MODE GROUP)
   endforeach()
 endfunction()
+
+# GCC spends a twentieth of the time on the search for memory that it can use again. So it starts that
+# search later: it takes up to 0.9 GB instead of 0.7 GB.
+if(CMAKE_UNITY_BUILD)
+  add_compile_options($<$<CXX_COMPILER_ID:GNU>:--param=ggc-min-heapsize=1000000>)
+endif()
