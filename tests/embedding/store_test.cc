@@ -109,6 +109,40 @@ TEST(Store, FindsTheFirstFileThatOpens) {
   }
 }
 
+TEST(Store, WrongArguments) {
+  const Store store({"t"}, 0, 0);
+  symforge_store* other = nullptr;
+  symforge_module* module = nullptr;
+  const char* const trees[] = {"t", nullptr};
+  symforge_store_options without_size = {}, without_trees = {}, without_second_tree = {};
+  without_trees.size = without_second_tree.size = sizeof without_trees;
+  without_trees.tree_count = 1;
+  without_second_tree.trees = trees;
+  without_second_tree.tree_count = 2;
+  symforge_store_info info = {}, good_info = {};
+  good_info.size = sizeof good_info;
+  const symforge_status kCases[] = {
+      symforge_store_open(nullptr, &other),
+      symforge_store_open(&without_size, &other),
+      symforge_store_open(&without_trees, &other),
+      symforge_store_open(&without_second_tree, &other),
+      symforge_store_find(nullptr, "a.pdb", "1", &module),
+      symforge_store_find(store.get(), "a.pdb", "1", nullptr),
+      symforge_store_find(store.get(), nullptr, "1", &module),
+      symforge_store_find(store.get(), "a.pdb", nullptr, &module),
+      symforge_store_forget(nullptr),
+      symforge_store_get_info(nullptr, &good_info),
+      symforge_store_get_info(store.get(), &info),
+      symforge_store_get_info(store.get(), nullptr),
+  };
+  for (size_t i = 0; i < std::size(kCases); ++i) {
+    EXPECT_EQ(kCases[i], SYMFORGE_ERROR_ARGUMENT) << "case " << i;
+  }
+  EXPECT_EQ(other, nullptr);
+  EXPECT_EQ(module, nullptr);
+  symforge_store_close(nullptr);
+}
+
 TEST(Store, SharesKeepsAndEvicts) {
   const TemporaryDirectory directory;
   const std::string tree = directory / "t";

@@ -51,11 +51,18 @@ std::string type_server_pdb() {
   return pdb.build().bytes;
 }
 
+// Half of the mark is on another page, which is not the next one of the file.
 std::string fastlink_pdb() {
-  PdbBuilder pdb(512);
-  pdb.info.named_streams = {{"/names", 5}, {"/LinkInfo", 6}};
+  constexpr uint32_t kPage = 512;
+  PdbBuilder pdb(kPage);
+  const auto bytes = [&pdb](size_t more) {
+    const std::string link_info = "/LinkInfo" + std::string(more, 'x');
+    pdb.info.named_streams = {{"/names", 5}, {link_info, 6}};
+    return pdb.info.bytes() + Bytes().u32(0).u32(20140508).str();
+  };
+  const std::string info = bytes(kPage - 2 - bytes(0).size());
   pdb.lay_out();
-  pdb.msf.set_stream(1, pdb.info.bytes() + Bytes().u32(0).u32(20140508).text("MINI").str());
+  pdb.msf.set_stream(1, info + "MINI").order(PageOrder::kReversed);
   return pdb.build().bytes;
 }
 
