@@ -69,6 +69,14 @@ if(SYMFORGE_SANITIZE MATCHES "undefined")
   target_compile_options(symforge_fewer_checks INTERFACE -fno-sanitize=vptr,null,alignment)
 endif()
 
+# For programs that tests start often: with the sanitizers' libraries linked statically, as clang links
+# them by itself, they start in four fifths of the time. It is not for programs that load a library
+# which uses the sanitizers as well.
+add_library(symforge_static_sanitizers INTERFACE)
+if(SYMFORGE_SANITIZE MATCHES "address" AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  target_link_options(symforge_static_sanitizers INTERFACE -static-libasan -static-libubsan)
+endif()
+
 if(SYMFORGE_FUZZERS)
   target_compile_options(symforge_options INTERFACE -fsanitize=fuzzer-no-link)
   target_link_options(symforge_options INTERFACE -fsanitize=fuzzer-no-link)
