@@ -262,7 +262,7 @@ int convert_batch(const std::vector<std::string>& paths, const ConversionOptions
   for (const std::string& path : paths) {
     const bool read = batch_options.recursive ? walk.run(path.c_str()) : walk.add_file(path);
     if (read) continue;
-    batch_report.add_summary({.inputs = paths, .unreadable = walk.failures()}, 1);
+    batch_report.add_summary({.inputs = paths, .unreadable = walk.unreadable().size()}, 1);
     return 1;
   }
   BatchPlan plan(found, /*whole_folders=*/batch_options.recursive, options);
@@ -272,7 +272,7 @@ int convert_batch(const std::vector<std::string>& paths, const ConversionOptions
   const bool shown = !batch_options.quiet && has_terminal();
   BatchProgress progress(plan.jobs().size(), shown);
   progress.add_skipped(plan.skipped() + unneeded);
-  progress.add_unreadable(walk.failures());
+  progress.add_unreadable(walk.unreadable());
   store_end_signals();
   const bool hold_messages = shown || resolved_jobs(options.jobs) > 1;
   Batch(plan, options, batch_options, batch_report, progress, hold_messages).run();
@@ -291,9 +291,9 @@ int convert_batch(const std::vector<std::string>& paths, const ConversionOptions
   batch_report.add_summary({.inputs = paths,
                             .conversions = plan.jobs().size(),
                             .converted = progress.converted(),
-                            .failed = progress.failed() - walk.failures(),
+                            .failed = progress.failed() - walk.unreadable().size(),
                             .skipped = progress.skipped(),
-                            .unreadable = walk.failures()},
+                            .unreadable = walk.unreadable().size()},
                            status);
   return status;
 }

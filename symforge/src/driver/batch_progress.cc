@@ -59,11 +59,21 @@ void BatchProgress::started(const char* name) {
 
 void BatchProgress::ended(const char* name, bool converted) {
   ++ended_;
-  ++(converted ? converted_ : failed_);
-  if (!converted && failed_names_.size() <= kMostFailedNames) {
-    failed_names_.push_back(printable(name));
+  if (converted) {
+    ++converted_;
+  } else {
+    add_failed(name);
   }
   if (shown_ && Clock::now() >= next_update_) show();
+}
+
+void BatchProgress::add_unreadable(const std::vector<std::string>& paths) {
+  for (const std::string& path : paths) add_failed(path.c_str());
+}
+
+void BatchProgress::add_failed(const char* name) {
+  ++failed_;
+  if (failed_names_.size() <= kMostFailedNames) failed_names_.push_back(printable(name));
 }
 
 void BatchProgress::show() {

@@ -25,7 +25,7 @@ class BatchProgress {
   void stopped() { ++stopped_; }
   // Inputs without a conversion of their own.
   void add_skipped(size_t count) { skipped_ += count; }
-  void add_unreadable(size_t count) { failed_ += count; }
+  void add_unreadable(const std::vector<std::string>& paths);
 
   // Removes the line, so that something else can be printed.
   void hide();
@@ -41,6 +41,7 @@ class BatchProgress {
   using Clock = std::chrono::steady_clock;
 
   double seconds() const;
+  void add_failed(const char* name);
   void show();
 
   const size_t total_;

@@ -52,9 +52,9 @@ void BatchWalk::collect(const std::string& path) {
 }
 
 bool BatchWalk::failed(const char* step, const std::string& path) {
-  ++failures_;
+  unreadable_.push_back(path);
   if (standard_) {
-    report("%s %s: %s", step, printable(path).c_str(), strerror(errno));
+    report("%s: %s", printable(path).c_str(), strerror(errno));
   } else {
     report("%s %s", step, printable(path).c_str());
   }

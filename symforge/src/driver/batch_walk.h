@@ -35,8 +35,8 @@ class BatchWalk {
   // else as a PDB. What is not a regular file counts as unreadable. False when the walk ended.
   bool add_file(const std::string& path);
 
-  // The number of paths that could not be read.
-  size_t failures() const { return failures_; }
+  // The paths that could not be read.
+  const std::vector<std::string>& unreadable() const { return unreadable_; }
 
  private:
   bool visit(const std::string& path);
@@ -47,7 +47,7 @@ class BatchWalk {
 
   const bool standard_;
   BatchInput& found_;
-  size_t failures_ = 0;
+  std::vector<std::string> unreadable_;
   std::vector<std::string> pending_;                           // paths to visit, the next one last
   std::set<std::pair<unsigned long, unsigned long>> entered_;  // folders by device and inode
 };
