@@ -331,7 +331,9 @@ int run_batch(Options& options) {
   if (const int status = check_tree(tree); status != kGoOn) return status;
   const auto& inputs = options.inputs;
   if (!recursive && std::find(inputs.begin(), inputs.end(), kStandardInput) != inputs.end()) {
-    return fail("standard input must be the only input");
+    return fail(inputs.size() == 1 && options.files_from == nullptr
+                    ? "option '--if-changed' needs files, not standard input"
+                    : "standard input must be the only input");
   }
   if (options.files_from != nullptr && !read_input_list(options.files_from, options.inputs)) {
     return 1;
@@ -355,9 +357,14 @@ int run_single(const Options& options) {
 // Reads files without a conversion.
 int run_on_files(const Options& options, const std::vector<std::string>& files) {
   symforge_internal::select_standard_messages(true);
+  if (options.identify && options.check) {
+    return fail("options '--identify' and '--check' are mutually exclusive");
+  }
   if (options.batch.recursive || options.input.exe != nullptr ||
-      options.conversion.tree != nullptr || (options.identify && options.check)) {
-    return fail("options '--identify' and '--check' take files alone, without '-e', '-r' and '-s'");
+      options.conversion.tree != nullptr || options.conversion.report != nullptr) {
+    return fail(
+        "options '--identify' and '--check' take files alone, without '-e', '-r', '-s' and "
+        "'--report'");
   }
   if (files.empty()) return usage_error();
   if (options.conversion.sandbox) {
@@ -394,6 +401,9 @@ int main(int argc, char** argv) {
   Options options;
   options.conversion.sandbox = true;
   if (const int status = take_options(argc, argv, options); status != kGoOn) return status;
+  if (options.against != nullptr && !options.check) {
+    return fail("option '--against' needs '--check'");
+  }
   if (options.identify || options.check) return run_on_files(options, {argv + optind, argv + argc});
   if (options.conversion.standard) {
     symforge_internal::select_standard_messages(true);
