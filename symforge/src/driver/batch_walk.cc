@@ -52,12 +52,12 @@ void BatchWalk::collect(const std::string& path) {
 }
 
 bool BatchWalk::failed(const char* step, const std::string& path) {
-  unreadable_.push_back(path);
   if (standard_) {
     report("%s: %s", printable(path).c_str(), strerror(errno));
   } else {
     report("%s %s", step, printable(path).c_str());
   }
+  unreadable_.push_back(path);
   return standard_;
 }
 
