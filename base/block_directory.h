@@ -25,6 +25,20 @@ struct BlockHeader {
   uint32_t capacity;
 };
 
+// Index of the first of `count` ascending keys that is not less than `key`; `count` if there is
+// none. The comparisons compile to conditional moves because a branch on the keys would be
+// unpredictable.
+template <typename Key>
+inline uint32_t first_not_less(const Key* keys, size_t count, Key key) {
+  const Key* first = keys;
+  while (count > 1) {
+    const size_t half = count / 2;
+    first += first[half - 1] < key ? half : 0;
+    count -= half;
+  }
+  return static_cast<uint32_t>(first - keys) + (count == 1 && *first < key ? 1 : 0);
+}
+
 template <typename Key>
 class BlockDirectory {
  public:
@@ -82,8 +96,8 @@ class BlockDirectory {
     groups_[place.group]->blocks.reserve(kGroupCapacity);
     groups_[place.group]->separators.reserve(kGroupCapacity);
   }
-  // Inserts a block as the next one of `place`, for which reserve() was called. `separator`: a
-  // key that is less than all of its keys and none of those before it.
+  // Inserts a block as the next one of `place`, for which reserve() was called. `separator`: less
+  // than every key of the new block, and not less than any key of the block at `place`.
   void insert_next(Place place, Key separator, BlockHeader* block) {
     Group& group = *groups_[place.group];
     const auto index = static_cast<ptrdiff_t>(place.in_group);
@@ -102,15 +116,7 @@ class BlockDirectory {
   };
 
   static uint32_t index_of(const std::vector<Key>& separators, Key key) {
-    const Key* first = separators.data();
-    size_t length = separators.size();
-    if (length == 0) return 0;
-    while (length > 1) {
-      const size_t half = length / 2;
-      first += first[half - 1] < key ? half : 0;
-      length -= half;
-    }
-    return static_cast<uint32_t>(first - separators.data()) + (*first < key ? 1 : 0);
+    return first_not_less(separators.data(), separators.size(), key);
   }
   static void drop_separator(std::vector<Key>& separators, size_t index) {
     if (separators.empty()) return;

@@ -175,18 +175,8 @@ class BlockMap {
       for (int i = 0; i < 5; ++i) __builtin_prefetch(at + i * kCacheLine);
     }
 
-    // Index of the first key that is not less than `key`; `count` if there is none. The comparisons
-    // compile to conditional moves because a branch on the keys would be unpredictable.
-    uint32_t slot_of(Key key) {
-      const Key* first = keys();
-      uint32_t length = count;
-      while (length > 1) {
-        const uint32_t half = length / 2;
-        first += first[half - 1] < key ? half : 0;
-        length -= half;
-      }
-      return static_cast<uint32_t>(first - keys()) + (length == 1 && *first < key ? 1 : 0);
-    }
+    // Index of the first key that is not less than `key`; `count` if there is none.
+    uint32_t slot_of(Key key) { return first_not_less(keys(), count, key); }
 
     void append(Key key, Value&& value) {
       keys()[count] = key;
