@@ -48,4 +48,15 @@ void MMapWrapper::Unmap() {
   base_ = nullptr;
 }
 
+// Parts begin at page tables (2 MiB), so that no two threads take turns at one.
+void MMapWrapper::ReleasePart(size_t part, size_t parts) const {
+  if (base_ == nullptr) return;
+  constexpr size_t kUnit = size_t{2} << 20;
+  const auto startOf = [&](size_t i) {
+    return i == parts ? length_ : length_ / parts * i / kUnit * kUnit;
+  };
+  const size_t start = startOf(part);
+  madvise(const_cast<uint8_t*>(base_) + start, startOf(part + 1) - start, MADV_DONTNEED);
+}
+
 }  // namespace symforge_internal

@@ -27,6 +27,11 @@ class MMapWrapper {
   bool Map(int fd);
   void Unmap();
 
+  // Releases the pages of a part of the file, of `parts` parts of equal size, counted from 0.
+  // Threads that release parts of a large file at the same time take less time than Unmap(). A
+  // later access reads the file again.
+  void ReleasePart(size_t part, size_t parts) const;
+
   bool Valid() const { return base_ != nullptr; }
   const uint8_t* base() const { return base_; }
   size_t length() const { return length_; }  // size of the file in bytes, without the guard

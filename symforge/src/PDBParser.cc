@@ -122,6 +122,10 @@ void PDBParser::selectStandard() { m_rep->standard = true; }
 
 void PDBParser::close() { m_rep->file.close(); }
 
+void PDBParser::releasePart(unsigned worker, unsigned workers) const {
+  m_rep->file.releasePart(worker, workers);
+}
+
 void PDBParser::load(const char* pdb, const char* exe, const char* sympath, TextBuffer& out) {
   if (pdb != nullptr) {
     m_rep->pdbFile = pdb;

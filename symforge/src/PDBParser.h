@@ -77,6 +77,9 @@ class PDBParser {
 
   // Releases the mapping of the PDB.
   void close();
+  // Releases the pages of the part that worker `worker` of `workers` has of the mapping: when all
+  // have done so, close() takes no time. Nothing may be read any more.
+  void releasePart(unsigned worker, unsigned workers) const;
 
  private:
   struct Rep;

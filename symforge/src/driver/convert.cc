@@ -118,12 +118,11 @@ bool convert_to_result(OpenedInput& opened, const ConversionOptions& options, bo
   if (!text_of(opened, options, pool, result)) return false;
   if (facts != nullptr) note_text(opened.input(), result, *facts);
   // Workers release the mapping of the PDB while the result is written.
-  std::shared_ptr<void> source = std::move(result.source);
+  const std::unique_ptr<const PDBParser> parser = std::move(result.parser);
   std::optional<WorkerRun> release;
-  if (pool != nullptr) {
-    release.emplace(*pool, [&source](unsigned worker) {
-      if (worker == 0) source.reset();
-    });
+  if (parser != nullptr) {
+    release.emplace(
+        *pool, [&parser, pool](unsigned worker) { parser->releasePart(worker, pool->size()); });
   }
   WrittenResult target;
   written = write_result(std::move(result), options, &target);

@@ -13,7 +13,6 @@
 #include "base/limits.h"
 #include "base/printable.h"
 #include "common/symb_text.h"
-#include "symforge/src/PDBParser.h"
 #include "symforge/src/driver/convert.h"
 #include "symforge/src/driver/image_search.h"
 #include "symforge/src/driver/input_list.h"
@@ -52,7 +51,7 @@ bool text_of_symb(TextBuffer image, const char* path, const ConversionOptions& o
 
 void text_of_pdb(const ConversionInput& input, const ConversionOptions& options, WorkerPool* pool,
                  SymbolText& result) {
-  const auto owner = std::make_shared<PDBParser>(do_inline);
+  auto owner = std::make_unique<PDBParser>(do_inline);
   PDBParser& parser = *owner;
   if (pool != nullptr) parser.useWorkers(*pool, result.unwind_rules);
   if (options.standard) parser.selectStandard();
@@ -67,7 +66,7 @@ void text_of_pdb(const ConversionInput& input, const ConversionOptions& options,
     parser.printBreakpadSymbols(result.text, nullptr);
   }
   if (input.pdb != nullptr) result.identity = parser.identity();
-  if (pool != nullptr) result.source = owner;
+  if (pool != nullptr) result.parser = std::move(owner);
 }
 
 // The published text of a PDB, with complete content. `image`: the PE image that belongs to it, or

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "base/text_buffer.h"
+#include "symforge/src/PDBParser.h"
 #include "symforge/src/driver/conversion_options.h"
 #include "symforge/src/driver/file_kind.h"
 #include "symforge/src/parallel/worker_pool.h"
@@ -67,8 +68,9 @@ struct SymbolText {
   uint64_t image_bytes = 0;
   // Of a PDB in standard mode.
   std::optional<StandardCounts> counts;
-  // What the text was made of. It is not needed any more, but it takes some time to release.
-  std::shared_ptr<void> source;
+  // The parser of a PDB that workers have helped with. It is not needed any more, but it takes some
+  // time to release.
+  std::unique_ptr<PDBParser> parser;
 };
 
 // Converts the input to text; consumes its content. `pool`: threads that help; null: none. False,

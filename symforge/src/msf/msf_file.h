@@ -36,6 +36,8 @@ class MsfFile {
 
   // Releases the mapping.
   void close() { m_mapping.Unmap(); }
+  // Releases the pages of one of `parts` parts of the mapping; see MMapWrapper::ReleasePart().
+  void releasePart(size_t part, size_t parts) const { m_mapping.ReleasePart(part, parts); }
 
   // Throws std::out_of_range for a stream that does not exist.
   const StreamPair& getStream(size_t number) const { return m_streams.at(number); }
