@@ -10,6 +10,7 @@
 #include "symforge/src/emit/module_functions.h"
 #include "symforge/src/emit/param_sizes.h"
 #include "symforge/src/parallel/module_parts.h"
+#include "symforge/src/parallel/ordered_text.h"
 
 namespace symforge_internal {
 
@@ -55,15 +56,14 @@ bool printWithWorkers(WorkerPool& pool, const PrintSources& sources, const Funct
       inlines.emplace(sources.file, *sources.sites, sources.inlinees, names);
     }
     FunctionPrinter printer(sources.sections, names, inlines ? &*inlines : nullptr);
-    TextBuffer part;
-    part.set_limit(partLimit);
+    WaitingTexts parts(text, partLimit);
     size_t chunk;
     while (chunks.take(chunk)) {
-      part.truncate(0);
       printer.printFunctions(functions, chunk * kChunk,
-                             std::min(functions.size(), (chunk + 1) * kChunk), part);
-      text.append(chunk, part.view());
+                             std::min(functions.size(), (chunk + 1) * kChunk), parts.start());
+      parts.end(chunk);
     }
+    parts.finish();
   });
   // One thread decides whether a text that is nearly too long is so.
   if (attempt.finish() && out.size() <= out.limit() / 2) return true;

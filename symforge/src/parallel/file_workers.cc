@@ -1,9 +1,6 @@
 #include "symforge/src/parallel/file_workers.h"
 
-#include <emmintrin.h>
-
 #include <algorithm>
-#include <cstring>
 #include <iterator>
 #include <utility>
 
@@ -57,23 +54,6 @@ bool FileAttempt::finish() {
   m_file.budget() = after;
   m_budgets.assign(m_budgets.size(), m_before);  // what is spent is settled once
   return true;
-}
-
-void OrderedText::append(size_t number, std::string_view text) {
-  m_pool.waitForTurn(WorkerPool::kSecondOrder, static_cast<uint32_t>(number));
-  // The text may move when it grows.
-  if (m_out.room() < text.size()) {
-    while (m_copying.load() != 0) {
-      m_pool.checkAttempt();
-      _mm_pause();
-    }
-  }
-  char* const to = m_out.prepare(text.size());
-  m_out.commit(text.size());
-  m_copying.fetch_add(1);
-  m_pool.passTurn(WorkerPool::kSecondOrder);
-  if (!text.empty()) std::memcpy(to, text.data(), text.size());
-  m_copying.fetch_sub(1);
 }
 
 }  // namespace symforge_internal

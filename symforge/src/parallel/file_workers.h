@@ -6,10 +6,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
-#include <string_view>
 #include <vector>
 
-#include "base/text_buffer.h"
 #include "symforge/src/msf/msf_file.h"
 #include "symforge/src/parallel/worker_pool.h"
 
@@ -52,22 +50,5 @@ class WorkQueue {
 // The most text that a worker has at a time, for a text with this limit. Far more than sound files
 // need: an attempt with more fails.
 constexpr size_t workerTextLimit(size_t textLimit) { return textLimit / 4; }
-
-// Appends texts of workers to one text, in the order of their numbers, each copied by its worker.
-// Uses the pool's second order.
-class OrderedText {
- public:
-  // Both must outlive this.
-  OrderedText(WorkerPool& pool, TextBuffer& out) : m_pool(pool), m_out(out) {}
-
-  // To be called for each number from 0 on, by the worker that has the text. Waits for the lower
-  // numbers. Throws what TextBuffer::prepare() throws.
-  void append(size_t number, std::string_view text);
-
- private:
-  WorkerPool& m_pool;
-  TextBuffer& m_out;
-  std::atomic<uint32_t> m_copying = 0;  // texts that are being copied
-};
 
 }  // namespace symforge_internal

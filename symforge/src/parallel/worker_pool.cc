@@ -125,6 +125,10 @@ void WorkerPool::waitForTurn(Order order, uint32_t number) {
   }
 }
 
+bool WorkerPool::isTurn(Order order, uint32_t number) const {
+  return m_state->turns[order].load() == number;
+}
+
 void WorkerPool::passTurn(Order order) {
   m_state->turns[order].fetch_add(1);
   m_state->turns[order].notify_all();

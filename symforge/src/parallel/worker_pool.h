@@ -56,6 +56,8 @@ class WorkerPool {
   // the attempt has failed. Every number must come.
   void waitForTurn(Order order, uint32_t number);
   void passTurn(Order order);
+  // Whether waitForTurn() would not wait.
+  bool isTurn(Order order, uint32_t number) const;
   // Does not return if the attempt has failed.
   void checkAttempt() const;
 

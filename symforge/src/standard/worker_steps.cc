@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "symforge/src/parallel/module_parts.h"
+#include "symforge/src/parallel/ordered_text.h"
 #include "symforge/src/standard/cross_module_items.h"
 #include "symforge/src/standard/function_batch.h"
 
@@ -15,7 +16,7 @@ namespace {
 // What one worker reads functions with.
 class Worker {
  public:
-  Worker(const PrintedFunctions& sources, size_t textLimit)
+  explicit Worker(const PrintedFunctions& sources)
       : m_types(sources.types),
         m_ids(sources.ids),
         m_names(m_types, m_ids),
@@ -23,9 +24,7 @@ class Worker {
         m_files(sources.sourceFiles, sources.strings),
         m_origins(m_names),
         m_reader(sources.with(sources.inlinees, m_items, m_names), m_files, m_origins),
-        m_batch(m_files, m_origins) {
-    m_text.set_limit(textLimit);
-  }
+        m_batch(m_files, m_origins) {}
 
   void read(size_t first, size_t end) {
     m_batch.clear();
@@ -35,11 +34,7 @@ class Worker {
     m_files.takeNumbers(files);
     m_origins.takeNumbers(origins);
   }
-  std::string_view print() {
-    m_text.truncate(0);
-    m_batch.print(m_text);
-    return m_text.view();
-  }
+  void print(TextBuffer& out) { m_batch.print(out); }
   const FunctionReader& reader() const { return m_reader; }
 
  private:
@@ -51,7 +46,6 @@ class Worker {
   InlineOrigins m_origins;
   FunctionReader m_reader;
   FunctionBatch m_batch;
-  TextBuffer m_text;
 };
 
 }  // namespace
@@ -109,15 +103,18 @@ bool printWithWorkers(WorkerPool& pool, const PrintedFunctions& sources, const C
   std::vector<uint64_t> rangesOf(pool.size());
   FileAttempt attempt(pool, sources.file, [&](unsigned number) {
     if (number == 0) unwind.messages = image.printUnwindRules(ranges, unwind.text);
-    Worker worker(sources, partLimit);
+    Worker worker(sources);
+    WaitingTexts parts(text, partLimit);
     size_t chunk;
     while (chunks.take(chunk)) {
       worker.read(chunk * kChunk, std::min(count, (chunk + 1) * kChunk));
       pool.waitForTurn(WorkerPool::kFirstOrder, static_cast<uint32_t>(chunk));
       worker.takeNumbers(files, origins);
       pool.passTurn(WorkerPool::kFirstOrder);
-      text.append(chunk, worker.print());
+      worker.print(parts.start());
+      parts.end(chunk);
     }
+    parts.finish();
     countsOf[number] = worker.reader().counts();
     rangesOf[number] = most - worker.reader().rangesLeft();
   });
