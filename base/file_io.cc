@@ -114,9 +114,13 @@ std::string content_of(const std::string& path, size_t limit) {
   return std::string(content.view());
 }
 
+// In pieces: for a large one ext4 takes large blocks of memory that nothing has used for a while.
+// On virtual machines the host has to provide them first, which takes several times as long as
+// writing.
 bool write_file(int fd, std::string_view content) {
+  constexpr size_t kPiece = 256 * 1024;
   while (!content.empty()) {
-    const ssize_t written = write(fd, content.data(), content.size());
+    const ssize_t written = write(fd, content.data(), std::min(content.size(), kPiece));
     if (written < 0 && errno == EINTR) continue;
     if (written < 0) return false;
     content.remove_prefix(static_cast<size_t>(written));

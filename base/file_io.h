@@ -1,4 +1,4 @@
-// Reading and writing whole files with few system calls. On failure `errno` holds the reason.
+// Reading and writing whole files. On failure `errno` holds the reason.
 
 #pragma once
 
@@ -44,7 +44,7 @@ bool read_file(int fd, TextBuffer& content, size_t limit = SIZE_MAX);
 // other end of a FIFO.
 std::string content_of(const std::string& path, size_t limit = 64 * 1024);
 
-// Writes all of `content`, with one call where the system accepts it.
+// Writes all of `content`.
 bool write_file(int fd, std::string_view content);
 
 struct ReplaceOptions {
