@@ -52,11 +52,11 @@ void MMapWrapper::Unmap() {
 void MMapWrapper::ReleasePart(size_t part, size_t parts) const {
   if (base_ == nullptr) return;
   constexpr size_t kUnit = size_t{2} << 20;
-  const auto startOf = [&](size_t i) {
+  const auto start_of = [&](size_t i) {
     return i == parts ? length_ : length_ / parts * i / kUnit * kUnit;
   };
-  const size_t start = startOf(part);
-  madvise(const_cast<uint8_t*>(base_) + start, startOf(part + 1) - start, MADV_DONTNEED);
+  const size_t start = start_of(part);
+  madvise(const_cast<uint8_t*>(base_) + start, start_of(part + 1) - start, MADV_DONTNEED);
 }
 
 }  // namespace symforge_internal
