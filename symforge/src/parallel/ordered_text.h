@@ -43,8 +43,8 @@ class OrderedText {
   std::atomic<uint32_t> m_copying = 0;  // texts that are being copied
 };
 
-// The texts that one worker makes for an OrderedText. A few can wait here for lower numbers while
-// the worker makes the next one.
+// The texts that one worker makes for an OrderedText. One can wait here for lower numbers while the
+// worker makes the next one.
 class WaitingTexts {
  public:
   // `out` must outlive this. Each text is limited to `limit` bytes.
@@ -58,7 +58,7 @@ class WaitingTexts {
   void finish();
 
  private:
-  static constexpr size_t kMost = 4;
+  static constexpr size_t kMost = 2;
 
   struct Text {
     size_t number = 0;
