@@ -62,9 +62,7 @@ void collectFunctions(const ModuleSources& sources, std::optional<std::vector<Co
     joinParts(*parts, more, sites, functions);
     return;
   }
-  for (const ModuleStream& module : sources.modules) {
-    getModuleFunctions(module, sources.sections, sites, functions);
-  }
+  getModuleFunctions(sources.modules, sources.sections, sites, functions);
   sortFunctions(functions);
 }
 

@@ -39,6 +39,9 @@ class InlineSites {
   // `names` must outlive this.
   explicit InlineSites(const TypeNames& names) : m_typeNames(names) {}
 
+  // Reserves memory for entries of sites.
+  void reserve(size_t entries) { m_sites.reserve(entries); }
+
   // Starts a function, whose sites follow.
   void beginFunction(uint16_t stream, FunctionRecord& func) const;
   // Adds the opening of a site whose symbol is at `symbolOffset` in the stream, or the end of the

@@ -44,12 +44,10 @@ class FunctionReader {
   FileBudget& m_budget;
 };
 
-}  // namespace
-
 // Inline sites belong to the last procedure before them, unless a thunk is between: the end of the
 // procedure is ignored.
-void getModuleFunctions(const ModuleStream& module, const SectionMap& sections, InlineSites* sites,
-                        Functions& functions) {
+void readModule(const ModuleStream& module, const SectionMap& sections, InlineSites* sites,
+                Functions& functions) {
   FunctionReader functionReader(sections, functions, module.budget());
   FunctionRecord* current_function = nullptr;
   constexpr SymbolKinds kKinds{S_LPROC32, S_GPROC32, S_THUNK32, S_INLINESITE, S_INLINESITE_END};
@@ -79,6 +77,16 @@ void getModuleFunctions(const ModuleStream& module, const SectionMap& sections, 
             break;
         }
       });
+}
+
+}  // namespace
+
+void getModuleFunctions(std::span<const ModuleStream> modules, const SectionMap& sections,
+                        InlineSites* sites, Functions& functions) {
+  const SymbolRoom room = roomForSymbols(modules);
+  functions.reserve(room.functions);
+  if (sites != nullptr) sites->reserve(room.siteEntries);
+  for (const ModuleStream& module : modules) readModule(module, sections, sites, functions);
 }
 
 }  // namespace symforge_internal

@@ -3,6 +3,8 @@
 
 #pragma once
 
+#include <span>
+
 #include "symforge/src/emit/function_record.h"
 #include "symforge/src/emit/inline_sites.h"
 #include "symforge/src/pdb/module_stream.h"
@@ -10,11 +12,11 @@
 
 namespace symforge_internal {
 
-// Appends the functions of a module to `functions`, in the order of its symbols, and records their
-// inline sites in `sites`; null: inline sites are skipped. Throws what
+// Appends the functions of some modules to `functions`, in the order of their symbols, and records
+// their inline sites in `sites`; null: inline sites are skipped. Throws what
 // ModuleStream::forEachSymbol() throws, std::out_of_range for a section that does not exist. An
 // inline site that follows no procedure fails an assertion.
-void getModuleFunctions(const ModuleStream& module, const SectionMap& sections, InlineSites* sites,
-                        Functions& functions);
+void getModuleFunctions(std::span<const ModuleStream> modules, const SectionMap& sections,
+                        InlineSites* sites, Functions& functions);
 
 }  // namespace symforge_internal

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <optional>
+#include <span>
 #include <utility>
 #include <vector>
 
@@ -20,10 +21,8 @@ std::optional<std::vector<CollectedPart>> collectWithWorkers(WorkerPool* pool,
   if (pool == nullptr) return std::nullopt;
   return readModuleParts(*pool, sources.file, sources.modules, [&](const ModulePart& part) {
     CollectedPart some{{}, InlineSites(sources.names)};
-    for (size_t i = part.first; i < part.end; ++i) {
-      getModuleFunctions(sources.modules[i], sources.sections, withSites ? &some.sites : nullptr,
-                         some.functions);
-    }
+    getModuleFunctions(std::span(sources.modules).subspan(part.first, part.end - part.first),
+                       sources.sections, withSites ? &some.sites : nullptr, some.functions);
     return some;
   });
 }

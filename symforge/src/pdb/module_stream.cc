@@ -79,4 +79,15 @@ void ModuleStream::readModule(int32_t kind, const ModuleReadCB& visit) const {
   }
 }
 
+// Large programs have 900 to 1100 bytes for each function and 60 to 170 for each entry of a site.
+SymbolRoom roomForSymbols(std::span<const ModuleStream> modules) {
+  constexpr uint64_t kBytesOfFunction = 512;
+  constexpr uint64_t kBytesOfSiteEntry = 48;
+  if (modules.empty()) return {};
+  uint64_t bytes = 0;
+  for (const ModuleStream& module : modules) bytes += module.symbolBytes();
+  bytes = std::min(bytes, modules.front().budget().symbols.left());
+  return {bytes / kBytesOfFunction, bytes / kBytesOfSiteEntry};
+}
+
 }  // namespace symforge_internal

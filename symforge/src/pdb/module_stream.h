@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <functional>
+#include <span>
 #include <utility>
 #include <vector>
 
@@ -86,5 +87,14 @@ class ModuleStream {
 
 // The modules of a PDB that have a stream, in the order of the DBI stream.
 using ModuleStreams = std::vector<ModuleStream>;
+
+// How many functions and entries of inline sites (a beginning or an end) to reserve memory for
+// before the symbols of some modules are read: more than compilers write, as memory that is not
+// used costs nothing.
+struct SymbolRoom {
+  size_t functions = 0;
+  size_t siteEntries = 0;
+};
+SymbolRoom roomForSymbols(std::span<const ModuleStream> modules);
 
 }  // namespace symforge_internal

@@ -1,6 +1,7 @@
 #include "symforge/src/standard/function_collector.h"
 
 #include <algorithm>
+#include <span>
 #include <utility>
 
 namespace symforge_internal {
@@ -30,6 +31,9 @@ void FunctionCollector::collect(const ModuleStreams& modules) {
 void FunctionCollector::collectPart(const ModuleStreams& modules, const std::vector<bool>& repeated,
                                     size_t first, size_t end) {
   m_lines.resize(modules.size());
+  const SymbolRoom room = roomForSymbols(std::span(modules).subspan(first, end - first));
+  m_functions.reserve(room.functions);
+  if (m_withInlines) m_sites.reserve(room.siteEntries);
   for (size_t i = first; i < end; ++i) {
     const size_t before = m_functions.size();
     if (!repeated[i]) collectModule(modules[i], static_cast<uint32_t>(i));
