@@ -77,8 +77,8 @@ class PDBParser {
 
   // Releases the mapping of the PDB.
   void close();
-  // Releases the pages of the part that worker `worker` of `workers` has of the mapping: when all
-  // have done so, close() takes no time. Nothing may be read any more.
+  // Releases the pages of the part that worker `worker` of `workers` has of the mapping, which the
+  // workers can do at the same time; close() then takes no time. Nothing may be read any more.
   void releasePart(unsigned worker, unsigned workers) const;
 
  private:
